@@ -1,0 +1,16 @@
+# vornet_options: what every target of ours is compiled with.
+option(VORNET_WERROR "Treat warnings as errors" OFF)
+set(VORNET_SANITIZE "" CACHE STRING "Sanitizers for -fsanitize=, for example address,undefined or thread")
+
+add_library(vornet_options INTERFACE)
+target_compile_options(vornet_options INTERFACE -Wall -Wextra -Wpedantic -Wconversion -Wshadow
+  # Paths in messages and in __FILE__ are relative to the source tree.
+  "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=")
+if(VORNET_WERROR)
+  target_compile_options(vornet_options INTERFACE -Werror)
+endif()
+if(VORNET_SANITIZE)
+  target_compile_options(vornet_options INTERFACE "-fsanitize=${VORNET_SANITIZE}" -fno-sanitize-recover=all
+    -fno-omit-frame-pointer)
+  target_link_options(vornet_options INTERFACE "-fsanitize=${VORNET_SANITIZE}")
+endif()

@@ -1,0 +1,165 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+/// What the core needs of the operating system's foundation: file URLs, files, the group container, property lists, the
+/// bundle, the process, dates and the fatal stop. One implementation a system, chosen when linking.
+/// Every function here may be called from any thread unless it says otherwise.
+namespace vornet::platform {
+
+// --- Stopping -------------------------------------------------------------------------------------------------------
+
+/// Stops the process at once because of a state that cannot be. `reason` goes to standard error only.
+[[noreturn]] void fatalError(std::string_view reason) noexcept;
+
+/// Ends the process in an orderly way with `status`.
+[[noreturn]] void exitProcess(int status);
+
+/// Writes `message` (UTF-8) to the system's own log and to standard error. For what must be said before, or without,
+/// the extension's logger.
+void systemLog(std::string_view message);
+
+// --- Text -----------------------------------------------------------------------------------------------------------
+
+/// Whether `bytes` is well-formed UTF-8 (no overlong forms, no surrogates). Empty text is.
+bool isValidUTF8(std::string_view bytes) noexcept;
+
+// --- Files ----------------------------------------------------------------------------------------------------------
+
+/// The URL of a file or folder on this machine. A value; its path may be absent (a URL whose bytes are not UTF-8, or a
+/// default-constructed one). Two URLs are equal when their paths are.
+class FileURL {
+ public:
+  /// A URL without a path.
+  FileURL() = default;
+
+  /// The URL of `path`: absolute, or relative to the current folder. Trailing slashes are dropped, as the platform's URLs
+  /// give their path without one; `isDirectory` only puts one at the end of the description. Touches no disk.
+  static FileURL fileURLWithPath(std::string_view path, bool isDirectory = false);
+
+  /// Reads a URL text such as "file:///home/ann/a%20b". None when it is not a file URL of this machine, or malformed
+  /// (bad escapes, an escaped NUL, a query or fragment); a URL without a path when the decoded path is not UTF-8.
+  static std::optional<FileURL> fileURLWithText(std::string_view text);
+
+  /// The file-system path without trailing slash ("/" for the root folder), if there is one.
+  const std::optional<std::string>& path() const noexcept { return path_; }
+
+  /// The URL's text, percent-encoded ("file:///home/ann/a%20b"); empty without a path.
+  std::string description() const;
+
+  /// This URL with `name` added below it. Without a path: without a path.
+  FileURL appendingPathComponent(std::string_view name) const;
+
+  friend bool operator==(const FileURL& a, const FileURL& b) noexcept { return a.path_ == b.path_; }
+  friend bool operator<(const FileURL& a, const FileURL& b) noexcept { return a.path_ < b.path_; }
+
+ private:
+  std::optional<std::string> path_;
+  bool isDirectory_ = false;
+};
+
+/// What stands at a path, symbolic links followed.
+enum class FileKind { absent, file, directory };
+
+/// What stands at `path`; absent also when it cannot be examined.
+FileKind fileKindAtPath(const std::string& path) noexcept;
+
+/// The folder that the applications of `group` share; made (for its owner alone) when first asked for. None where it
+/// cannot be had.
+std::optional<FileURL> containerURLForGroup(std::string_view group);
+
+/// Makes the folder at `path` and those above it. An existing folder is no error. None on success, else the system's
+/// description of the failure.
+std::optional<std::string> createDirectory(const std::string& path);
+
+/// Makes an empty file at `path`, in place of one that stands there. False when that failed.
+bool createFile(const std::string& path) noexcept;
+
+/// A file open for writing at its end. Closed with the last copy. Writing from several threads at once is allowed; each
+/// call is one write.
+class FileHandle {
+ public:
+  /// Opens the existing file at `path`. None on failure; `error` then holds the system's description.
+  static std::optional<FileHandle> forWriting(const std::string& path, std::string& error);
+
+  /// Writes all of `data`. Failures are not reported.
+  void write(std::string_view data) const noexcept;
+
+ private:
+  struct Impl;
+  explicit FileHandle(std::shared_ptr<const Impl> impl);
+  std::shared_ptr<const Impl> impl_;
+};
+
+/// A property list (XML or binary) whose top level is a dictionary.
+class PropertyList {
+ public:
+  /// Reads the list at `path`. None when it cannot be read: no file, larger than 1 MiB, not a property list, or not a
+  /// dictionary at its top.
+  static std::optional<PropertyList> dictionaryAtPath(const std::string& path);
+
+  /// The text under `key`; none when the key is missing or holds something else.
+  std::optional<std::string> textForKey(const std::string& key) const;
+
+ private:
+  struct Impl;
+  explicit PropertyList(std::shared_ptr<const Impl> impl);
+  std::shared_ptr<const Impl> impl_;
+};
+
+// --- Bundle and process ---------------------------------------------------------------------------------------------
+
+/// The text under `key` in the main bundle's information dictionary; none when absent or not a text.
+std::optional<std::string> bundleInfoText(const std::string& key);
+
+/// The current process's name (the file name of its program) and identifier.
+std::string processName();
+std::int64_t processIdentifier() noexcept;
+
+// --- Dates ----------------------------------------------------------------------------------------------------------
+
+using Date = std::chrono::system_clock::time_point;
+
+/// The identifier of the user's locale now ("ar_EG", "en_US_POSIX").
+std::string currentLocaleIdentifier();
+
+/// A date's own description ("2016-03-01 13:05:09 +0000"), for where no formatter can be had.
+std::string dateDescription(Date date);
+
+/// Writes dates by a pattern of Unicode's (LDML) date fields, with the digits and calendar of a locale, in the system's
+/// time zone. Making one is expensive; using one is cheap. Not thread-safe: one a thread.
+class DateFormatter {
+ public:
+  /// None when the platform offers no formatter for these.
+  static std::unique_ptr<DateFormatter> make(const std::string& localeIdentifier, std::string_view pattern);
+  ~DateFormatter();
+
+  std::string stringFromDate(Date date);
+
+ private:
+  struct Impl;
+  explicit DateFormatter(std::unique_ptr<Impl> impl);
+  std::unique_ptr<Impl> impl_;
+};
+
+// --- Memory ---------------------------------------------------------------------------------------------------------
+
+/// While it lives, what the platform's objects release "later" is collected here and released at its end. Lives on the
+/// stack of one thread. Costs nothing where the platform has no such pools.
+class AutoreleasePool {
+ public:
+  AutoreleasePool();
+  ~AutoreleasePool();
+  AutoreleasePool(const AutoreleasePool&) = delete;
+  AutoreleasePool& operator=(const AutoreleasePool&) = delete;
+
+ private:
+  void* pool_;
+};
+
+}  // namespace vornet::platform
