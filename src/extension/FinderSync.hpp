@@ -1,0 +1,88 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <set>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "platform/FinderSync.hpp"
+#include "rest/FinderSyncController.hpp"
+#include "rest/RESTClient.hpp"
+
+namespace vornet {
+
+class RESTPollingManager;
+
+/// An object as a selector's argument: nothing, a text, a number, or a file URL.
+using SelectorObject = std::variant<std::monostate, std::string, std::int64_t, platform::FileURL>;
+/// A selector's argument: an object, or a set of them.
+using SelectorArgument = std::variant<SelectorObject, std::vector<SelectorObject>>;
+/// What a selector returns: nothing, a text, an image, or an optional menu.
+using SelectorResult = std::variant<std::monostate, std::string, platform::Image, std::optional<platform::ContextMenu>>;
+
+/// The extension's principal class, which the file manager makes and calls back on threads of its choice. Answers badge
+/// requests from what the status manager already knows; asks the sync application only for menus and actions, on the
+/// calling thread, for at most 3 seconds each.
+class FinderSync : public platform::FIFinderSync, public FinderSyncController {
+ public:
+  /// An object that init() has still to bring to life.
+  FinderSync() = default;
+
+  /// Brings the controller to life: ends the process, status 0, when another one of the extension runs; sets up logging
+  /// and the status manager when this is the process's first controller; registers the badges; looks for the synced
+  /// folder. False when the platform gives no object. The first controller must outlive the status manager's worker.
+  bool init();
+
+  /// A client of this controller's own. None of the operations uses it.
+  const RESTClient& client() const noexcept { return client_; }
+  void setClient(const RESTClient& client) noexcept { client_ = client; }
+
+  /// Shows the badge of `status` on `url`; a status without one removes it.
+  void setFileSyncStatus(const platform::FileURL& url, std::int64_t status) override;
+
+  /// Makes `dirs`, or nothing, the folders that the file manager observes for this extension.
+  void enableVI(const std::set<platform::FileURL>& dirs) override;
+  void disableVI();
+
+  /// A URL without a path, or a missing status manager, stops the process.
+  void beginObservingDirectoryAtURL(const platform::FileURL& url) override;
+  void endObservingDirectoryAtURL(const platform::FileURL& url) override;
+
+  /// Sets the badge of `url` before returning when its status is known and has one; else leaves it as it is.
+  void requestBadgeIdentifierForURL(const platform::FileURL& url) override;
+
+  std::string toolbarItemName() const override;
+  std::string toolbarItemToolTip() const override;
+  platform::Image toolbarItemImage() const override;
+
+  /// The five entries for the selected items, enabled as the sync application says; none for any other kind of menu and
+  /// while the synced folder is unknown.
+  std::optional<platform::ContextMenu> menuForMenuKind(platform::FIMenuKind kind) override;
+
+  // The actions of the menu's entries, on the current selection. The sender is of no account.
+  void viewInCloud();
+  void notes();
+  void viewVersions();
+  void share();
+  void copyLink();
+
+  /// Whether `selector` ("share:", "setFileSyncStatus:status:", …) names an operation of this class.
+  static bool respondsToSelector(std::string_view selector);
+
+  /// Performs the operation that `selector` names. Missing arguments count as absent objects; an unknown selector, and
+  /// an argument of another kind than the operation takes, stop the process.
+  SelectorResult performSelector(std::string_view selector, const std::vector<SelectorArgument>& arguments = {});
+
+ private:
+  /// The cloud paths of the selected items that exist.
+  std::vector<std::string> selectedCloudPaths() const;
+
+  RESTClient client_;
+};
+
+}  // namespace vornet

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "logging/LogLevel.hpp"
+#include "platform/Foundation.hpp"
+
+namespace vornet {
+
+class XCGLogger;
+
+/// One log record. A plain value.
+struct XCGLogDetails {
+  LogLevel logLevel = LogLevel::Debug;
+  platform::Date date;          ///< the moment of the call
+  std::string logMessage;       ///< the caller's text, unchanged
+  std::string functionName;     ///< the caller's function; empty for the logger's own records
+  std::string fileName;         ///< the caller's source file, with its folders; empty for the logger's own records
+  std::int64_t lineNumber = 0;  ///< the caller's line; 0 for the logger's own records
+};
+
+/// Where log records go. The owning logger calls the two process operations from any thread, several at once;
+/// everything else is set before other threads log.
+class XCGLogDestinationProtocol {
+ public:
+  virtual ~XCGLogDestinationProtocol() = default;
+
+  /// The logger this destination belongs to. It outlives the destination.
+  virtual XCGLogger& owner() const = 0;
+  virtual void setOwner(XCGLogger& owner) = 0;
+
+  /// The key under which the logger finds, adds and removes the destination.
+  virtual const std::string& identifier() const = 0;
+  virtual void setIdentifier(std::string identifier) = 0;
+
+  virtual LogLevel outputLogLevel() const = 0;
+  virtual void setOutputLogLevel(LogLevel level) = 0;
+
+  /// Writes a caller's record.
+  virtual void processLogDetails(const XCGLogDetails& details) = 0;
+
+  /// Writes a record of the logger's own: without function, file and line.
+  virtual void processInternalLogDetails(const XCGLogDetails& details) = 0;
+
+  /// Whether records of `level` are taken: `level` is at least outputLogLevel().
+  virtual bool isEnabledForLogLevel(LogLevel level) const = 0;
+
+  virtual std::string debugDescription() const = 0;
+};
+
+}  // namespace vornet

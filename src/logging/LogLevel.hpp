@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <optional>
+#include <string_view>
+
+namespace vornet {
+
+/// How grave a log record is, or from which gravity on a destination takes records. Ordered by raw value. `None` is an
+/// output level only: it lets nothing through.
+enum class LogLevel : int { Verbose = 0, Debug = 1, Info = 2, Warning = 3, Error = 4, Severe = 5, None = 6 };
+
+constexpr int rawValue(LogLevel level) noexcept {
+  return static_cast<int>(level);
+}
+
+/// The level with the raw value `raw`; none outside 0 to 6.
+constexpr std::optional<LogLevel> logLevelWithRawValue(int raw) noexcept {
+  if (raw < rawValue(LogLevel::Verbose) || raw > rawValue(LogLevel::None)) return std::nullopt;
+  return static_cast<LogLevel>(raw);
+}
+
+/// The level's name as it stands in log lines: "Verbose", "Debug", "Info", "Warning", "Error", "Severe", "None".
+std::string_view description(LogLevel level) noexcept;
+
+}  // namespace vornet
+
+template <>
+struct std::hash<vornet::LogLevel> {
+  std::size_t operator()(vornet::LogLevel level) const noexcept {
+    return static_cast<std::size_t>(vornet::rawValue(level));
+  }
+};

@@ -1,0 +1,151 @@
+#include "paths/JSON.hpp"
+
+#include <boost/json.hpp>
+#include <boost/json/basic_parser_impl.hpp>
+#include <cmath>
+#include <limits>
+
+#include "platform/Foundation.hpp"
+
+namespace vornet {
+namespace {
+
+namespace json = boost::json;
+
+constexpr std::size_t MAX_DEPTH = 512;
+
+json::parse_options parseOptions() {
+  json::parse_options options;
+  options.max_depth = MAX_DEPTH;
+  return options;
+}
+
+void requireSerialisable(const JSONValue& value) {
+  const auto requireText = [](const auto& text) {
+    if (!platform::isValidUTF8({text.data(), text.size()})) platform::fatalError("JSON text that is not UTF-8");
+  };
+  switch (value.kind()) {
+    case json::kind::double_:
+      if (!std::isfinite(value.get_double())) platform::fatalError("a JSON number that is not finite");
+      break;
+    case json::kind::string:
+      requireText(value.get_string());
+      break;
+    case json::kind::array:
+      for (const auto& element : value.get_array()) requireSerialisable(element);
+      break;
+    case json::kind::object:
+      for (const auto& member : value.get_object()) {
+        requireText(member.key());
+        requireSerialisable(member.value());
+      }
+      break;
+    default:
+      break;
+  }
+}
+
+/// Receives a parse and passes on the members of a top-level object of integers.
+class IntegerMembers {
+ public:
+  static constexpr std::size_t max_object_size = std::numeric_limits<std::size_t>::max();
+  static constexpr std::size_t max_array_size = std::numeric_limits<std::size_t>::max();
+  static constexpr std::size_t max_key_size = std::numeric_limits<std::size_t>::max();
+  static constexpr std::size_t max_string_size = std::numeric_limits<std::size_t>::max();
+
+  explicit IntegerMembers(const std::function<void(std::string_view, std::int64_t)>& member) : member_(member) {}
+
+  bool isContainer() const { return container_; }
+  bool isObjectOfIntegers() const { return container_ && matches_; }
+
+  bool on_document_begin(json::error_code&) { return true; }
+  bool on_document_end(json::error_code&) { return true; }
+  bool on_object_begin(json::error_code&) { return open(true); }
+  bool on_object_end(std::size_t, json::error_code&) { return close(); }
+  bool on_array_begin(json::error_code&) { return open(false); }
+  bool on_array_end(std::size_t, json::error_code&) { return close(); }
+  bool on_key_part(json::string_view part, std::size_t, json::error_code&) {
+    partialKey_.append(part.data(), part.size());
+    return true;
+  }
+  bool on_key(json::string_view rest, std::size_t, json::error_code&) {
+    if (!partialKey_.empty()) {
+      key_ = std::move(partialKey_.append(rest.data(), rest.size()));
+      partialKey_.clear();
+    } else {
+      key_.assign(rest.data(), rest.size());
+    }
+    return true;
+  }
+  bool on_string_part(json::string_view, std::size_t, json::error_code&) { return true; }
+  bool on_string(json::string_view, std::size_t, json::error_code&) { return mismatch(); }
+  bool on_number_part(json::string_view, json::error_code&) { return true; }
+  bool on_int64(std::int64_t value, json::string_view, json::error_code&) {
+    if (matches_ && depth_ == 1) member_(key_, value);
+    return true;
+  }
+  bool on_uint64(std::uint64_t, json::string_view, json::error_code&) { return mismatch(); }
+  bool on_double(double, json::string_view, json::error_code&) { return mismatch(); }
+  bool on_bool(bool, json::error_code&) { return mismatch(); }
+  bool on_null(json::error_code&) { return mismatch(); }
+  bool on_comment_part(json::string_view, json::error_code&) { return true; }
+  bool on_comment(json::string_view, json::error_code&) { return true; }
+
+ private:
+  bool open(bool object) {
+    if (depth_ == 0) {
+      container_ = true;
+      matches_ = object;
+    } else {
+      matches_ = false;
+    }
+    ++depth_;
+    return true;
+  }
+  bool close() {
+    --depth_;
+    return true;
+  }
+  bool mismatch() {
+    matches_ = false;
+    return true;
+  }
+
+  const std::function<void(std::string_view, std::int64_t)>& member_;
+  std::string key_;
+  std::string partialKey_;
+  std::size_t depth_ = 0;
+  bool container_ = false;
+  bool matches_ = true;
+};
+
+[[noreturn]] void throwTopLevelScalar() {
+  throw JSONError("the top level is neither an object nor an array");
+}
+
+}  // namespace
+
+std::string toJSON(const JSONValue& object) {
+  requireSerialisable(object);
+  return json::serialize(object);
+}
+
+JSONValue fromJSON(std::string_view data) {
+  json::error_code error;
+  JSONValue value = json::parse(data, error, {}, parseOptions());
+  if (error) throw JSONError(error.message());
+  if (!value.is_structured()) throwTopLevelScalar();
+  return value;
+}
+
+bool integersFromJSON(std::string_view data, const std::function<void(std::string_view, std::int64_t)>& member) {
+  json::basic_parser<IntegerMembers> parser(parseOptions(), member);
+  json::error_code error;
+  const std::size_t read = parser.write_some(false, data.data(), data.size(), error);
+  if (!error && read < data.size()) error = json::error::extra_data;
+  if (error) throw JSONError(error.message());
+  if (!parser.handler().isContainer()) throwTopLevelScalar();
+  return parser.handler().isObjectOfIntegers();
+}
+
+}  // namespace vornet

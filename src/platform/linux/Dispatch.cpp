@@ -1,0 +1,99 @@
+#include "platform/Dispatch.hpp"
+
+#include <pthread.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <condition_variable>
+#include <deque>
+#include <mutex>
+#include <thread>
+
+namespace vornet::platform {
+namespace {
+
+constexpr int BACKGROUND_NICENESS = 10;
+
+void nameThread(const std::string& name) {
+  ::pthread_setname_np(::pthread_self(), name.substr(0, 15).c_str());  // the kernel's limit
+}
+
+}  // namespace
+
+struct BackgroundTask::Impl {
+  std::thread thread;
+  std::once_flag joined;
+  ~Impl() {
+    // Dropped without a wait: the work holds all it needs, so it may end by itself.
+    if (thread.joinable()) thread.detach();
+  }
+};
+
+BackgroundTask BackgroundTask::start(std::function<void()> work) {
+  BackgroundTask task;
+  task.impl_ = std::make_shared<Impl>();
+  task.impl_->thread = std::thread([work = std::move(work)] {
+    nameThread("background");
+    ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), BACKGROUND_NICENESS);  // on Linux: this thread alone
+    work();
+  });
+  return task;
+}
+
+void BackgroundTask::wait() {
+  if (impl_) std::call_once(impl_->joined, [this] { impl_->thread.join(); });
+}
+
+struct SerialQueue::Impl {
+  std::string label;
+  std::mutex lock;
+  std::condition_variable changed;
+  std::deque<std::function<void()>> tasks;
+  bool busy = false;
+  bool ending = false;
+  std::thread thread;  // started with the first task
+
+  void run() {
+    nameThread(label);
+    std::unique_lock guard(lock);
+    while (true) {
+      changed.wait(guard, [this] { return !tasks.empty() || ending; });
+      if (tasks.empty()) return;
+      const auto task = std::move(tasks.front());
+      tasks.pop_front();
+      busy = true;
+      guard.unlock();
+      task();
+      guard.lock();
+      busy = false;
+      if (tasks.empty()) changed.notify_all();
+    }
+  }
+};
+
+SerialQueue::SerialQueue(const std::string& label) : impl_(std::make_unique<Impl>()) {
+  impl_->label = label;
+}
+
+SerialQueue::~SerialQueue() {
+  {
+    const std::lock_guard guard(impl_->lock);
+    impl_->ending = true;
+    impl_->changed.notify_all();
+  }
+  if (impl_->thread.joinable()) impl_->thread.join();
+}
+
+void SerialQueue::async(std::function<void()> task) {
+  const std::lock_guard guard(impl_->lock);
+  impl_->tasks.push_back(std::move(task));
+  if (!impl_->thread.joinable()) impl_->thread = std::thread([this] { impl_->run(); });
+  impl_->changed.notify_all();
+}
+
+void SerialQueue::drain() {
+  std::unique_lock guard(impl_->lock);
+  impl_->changed.wait(guard, [this] { return impl_->tasks.empty() && !impl_->busy; });
+}
+
+}  // namespace vornet::platform

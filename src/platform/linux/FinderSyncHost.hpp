@@ -1,0 +1,80 @@
+#pragma once
+
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/FinderSync.hpp"
+
+namespace vornet::platform {
+struct FinderSyncHostAccess;
+}
+
+/// The host's side of FIFinderSyncController on Linux: what a file manager knows and shows. Any thread.
+namespace vornet::platform::host {
+
+/// Called by the controller under its lock, from any thread: to note what happened and return, not to call back.
+class Listener {
+ public:
+  virtual ~Listener() = default;
+
+  /// The badge of `url`, an item of a folder on screen, is now `identifier` ("" none), and another than was last said
+  /// of it.
+  virtual void badgeChanged(const FileURL& url, const std::string& identifier) = 0;
+
+  /// The set of observed folders was replaced.
+  virtual void directoriesChanged() = 0;
+};
+
+/// Makes `listener` the one that is told; null for none. After the call returns the former one is no longer called.
+void setListener(Listener* listener);
+
+struct RegisteredBadge {
+  std::string identifier;
+  std::string label;
+  Image image;
+};
+
+/// The registered badges in the order of their first registration.
+std::vector<RegisteredBadge> registeredBadges();
+
+/// The folder with this path came on screen, or left it. Badges are kept for the items of folders on screen only.
+void folderShown(const std::string& path);
+void folderHidden(const std::string& path);
+
+/// The badge last set on `url`, while its folder is on screen; none when none was set.
+std::optional<std::string> badgeIdentifier(const FileURL& url);
+
+/// While it lives, a badge that this thread sets on `url` is the answer to a request, and told to the listener only
+/// when another badge had been set before.
+class BadgeRequest {
+ public:
+  explicit BadgeRequest(const FileURL& url);
+  ~BadgeRequest();
+  BadgeRequest(const BadgeRequest&) = delete;
+  BadgeRequest& operator=(const BadgeRequest&) = delete;
+
+  /// The identifier that was set; none when none was.
+  const std::optional<std::string>& answer() const { return answer_; }
+
+ private:
+  friend struct platform::FinderSyncHostAccess;
+  const FileURL& url_;
+  std::optional<std::string> answer_;
+  BadgeRequest* outer_;
+};
+
+/// While it lives, `selection` is what the user has selected, as far as this thread is concerned.
+class Selection {
+ public:
+  explicit Selection(const std::vector<FileURL>& selection);
+  ~Selection();
+  Selection(const Selection&) = delete;
+  Selection& operator=(const Selection&) = delete;
+
+ private:
+  const std::vector<FileURL>* outer_;
+};
+
+}  // namespace vornet::platform::host

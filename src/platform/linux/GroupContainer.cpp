@@ -1,0 +1,45 @@
+#include <pwd.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "platform/Foundation.hpp"
+
+namespace vornet::platform {
+namespace {
+
+std::string absoluteFolderFrom(const char* variable) {
+  const char* value = std::getenv(variable);
+  return value && *value == '/' ? value : "";
+}
+
+std::string homeFolder() {
+  if (auto home = absoluteFolderFrom("HOME"); !home.empty()) return home;
+  const auto* entry = ::getpwuid(::getuid());
+  return entry && entry->pw_dir && *entry->pw_dir == '/' ? entry->pw_dir : "";
+}
+
+/// The folder that holds every group's container; empty when none can be named.
+std::string containersFolder() {
+  if (auto folder = absoluteFolderFrom("VORNET_GROUP_CONTAINERS"); !folder.empty()) return folder;
+  if (auto data = absoluteFolderFrom("XDG_DATA_HOME"); !data.empty()) return data + "/group-containers";
+  const auto home = homeFolder();
+  return home.empty() ? "" : home + "/.local/share/group-containers";
+}
+
+}  // namespace
+
+std::optional<FileURL> containerURLForGroup(std::string_view group) {
+  const auto folder = containersFolder();
+  if (folder.empty() || group.empty()) return std::nullopt;
+  std::error_code error;
+  std::filesystem::create_directories(folder, error);
+  const std::string container = folder + "/" + std::string(group);
+  ::mkdir(container.c_str(), 0700);
+  if (fileKindAtPath(container) != FileKind::directory) return std::nullopt;
+  return FileURL::fileURLWithPath(container, true);
+}
+
+}  // namespace vornet::platform

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <string>
+#include <vector>
+
+/// What a program on Linux says of itself before it makes the principal class.
+namespace vornet::platform::host {
+
+/// The main bundle: what a bundle's information dictionary and resources hold elsewhere.
+struct Bundle {
+  std::string identifier;  ///< of the application that this process is one of; empty: of none
+  std::string version;     ///< "CFBundleShortVersionString"; empty: absent
+  std::string build;       ///< "CFBundleVersion"; empty: absent
+  /// Folders that may hold images as <size>/<name>.png, in order of preference.
+  std::vector<std::string> imageFolders;
+};
+
+/// Sets the main bundle. Before other threads run.
+void setMainBundle(Bundle bundle);
+const Bundle& mainBundle();
+
+/// The image folders that belong to the program file of this process: <prefix>/share/vornet-vi/images for
+/// <prefix>/bin/NAME or <prefix>/libexec/NAME.
+std::vector<std::string> imageFoldersOfProgram();
+
+/// The file of the image `name` at `size` pixels; empty when there is none. Any thread.
+std::string imageFile(const std::string& name, int size);
+
+}  // namespace vornet::platform::host

@@ -1,0 +1,44 @@
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+
+#include "platform/Foundation.hpp"
+
+namespace vornet::platform {
+
+void fatalError(std::string_view reason) noexcept {
+  std::fprintf(stderr, "Fatal error: %.*s\n", static_cast<int>(reason.size()), reason.data());
+  std::abort();
+}
+
+void exitProcess(int status) {
+  std::exit(status);
+}
+
+void systemLog(std::string_view message) {
+  const int length = static_cast<int>(message.size());
+  ::syslog(LOG_USER | LOG_NOTICE, "%.*s", length, message.data());
+  std::fprintf(stderr, "%s[%d]: %.*s\n", program_invocation_short_name, static_cast<int>(::getpid()), length,
+               message.data());
+}
+
+std::string processName() {
+  std::error_code error;
+  const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+  return error ? program_invocation_short_name : program.filename().string();
+}
+
+std::int64_t processIdentifier() noexcept {
+  return ::getpid();
+}
+
+AutoreleasePool::AutoreleasePool() : pool_(nullptr) {}
+AutoreleasePool::~AutoreleasePool() {
+  (void)pool_;
+}
+
+}  // namespace vornet::platform

@@ -1,0 +1,107 @@
+// A process of an application is running while it holds its lock file in the user's runtime folder: the lock goes with
+// the process, however it ends.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cstdlib>
+#include <filesystem>
+#include <map>
+#include <mutex>
+#include <string>
+
+#include "platform/AppKit.hpp"
+#include "platform/Foundation.hpp"
+
+namespace vornet::platform {
+namespace {
+
+namespace fs = std::filesystem;
+
+class FileDescriptor {
+ public:
+  explicit FileDescriptor(int descriptor) : descriptor_(descriptor) {}
+  FileDescriptor(FileDescriptor&& other) noexcept : descriptor_(std::exchange(other.descriptor_, -1)) {}
+  FileDescriptor& operator=(FileDescriptor&&) = delete;
+  ~FileDescriptor() {
+    if (descriptor_ >= 0) ::close(descriptor_);
+  }
+  bool open() const { return descriptor_ >= 0; }
+  int get() const { return descriptor_; }
+
+ private:
+  int descriptor_;
+};
+
+FileDescriptor openLockFile(const fs::path& path) {
+  return FileDescriptor(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
+}
+
+/// A folder for the user alone; empty when it cannot be had.
+fs::path runtimeFolder() {
+  const char* given = std::getenv("XDG_RUNTIME_DIR");
+  if (given && *given == '/') return fs::path(given);
+  const fs::path folder = "/tmp/vornet-vi-runtime-" + std::to_string(::getuid());
+  ::mkdir(folder.c_str(), 0700);
+  struct stat found;
+  const bool own = ::lstat(folder.c_str(), &found) == 0 && S_ISDIR(found.st_mode) && found.st_uid == ::getuid() &&
+                   (found.st_mode & 077) == 0;
+  return own ? folder : fs::path();
+}
+
+std::optional<std::int64_t> identifierIn(const std::string& fileName) {
+  std::int64_t identifier = 0;
+  const char* end = fileName.data() + fileName.size();
+  const auto result = std::from_chars(fileName.data(), end, identifier);
+  if (result.ec != std::errc() || result.ptr != end) return std::nullopt;
+  return identifier;
+}
+
+/// Lists this process among those of its application, until it ends.
+void holdLockOfThisProcess(const fs::path& folder) {
+  static std::map<fs::path, FileDescriptor> held;
+  const auto path = folder / std::to_string(::getpid());
+  if (held.contains(path)) return;
+  auto file = openLockFile(path);
+  if (file.open() && ::flock(file.get(), LOCK_EX | LOCK_NB) == 0) held.emplace(path, std::move(file));
+}
+
+/// Whether a process holds the lock file at `path`; a file that none holds is removed.
+bool isHeld(const fs::path& path) {
+  const auto file = openLockFile(path);
+  if (!file.open()) return false;
+  if (::flock(file.get(), LOCK_EX | LOCK_NB) != 0) return true;
+  ::unlink(path.c_str());
+  return false;
+}
+
+}  // namespace
+
+std::vector<std::int64_t> runningApplicationsWithBundleIdentifier(std::string_view bundleIdentifier) {
+  static std::mutex oneAtATime;
+  const std::lock_guard guard(oneAtATime);
+  const bool own = bundleInfoText("CFBundleIdentifier") == bundleIdentifier;
+  std::vector<std::int64_t> running;
+  if (own) running.push_back(::getpid());
+
+  const auto runtime = runtimeFolder();
+  if (runtime.empty()) return running;
+  const auto folder = runtime / "vornet-vi" / "running" / bundleIdentifier;
+  std::error_code error;
+  fs::create_directories(folder, error);
+
+  // Entering and counting are one step for all processes: of two that start at once, one counts itself alone.
+  const auto door = openLockFile(folder / "lock");
+  if (!door.open() || ::flock(door.get(), LOCK_EX) != 0) return running;
+  if (own) holdLockOfThisProcess(folder);
+  for (const auto& entry : fs::directory_iterator(folder, error)) {
+    const auto identifier = identifierIn(entry.path().filename().string());
+    if (identifier && *identifier != ::getpid() && isHeld(entry.path())) running.push_back(*identifier);
+  }
+  return running;
+}
+
+}  // namespace vornet::platform

@@ -1,0 +1,100 @@
+#include "rest/MenuActions.hpp"
+
+#include <boost/json/array.hpp>
+#include <boost/json/object.hpp>
+
+#include "extension/AppConst.hpp"
+#include "logging/Logging.hpp"
+#include "logging/PrintedForm.hpp"
+#include "paths/JSON.hpp"
+#include "rest/RESTClient.hpp"
+
+namespace vornet {
+namespace {
+
+constexpr std::size_t MAX_ITEMS = 15;
+
+boost::json::array jsonArray(const std::vector<std::string>& texts) {
+  boost::json::array array;
+  array.reserve(texts.size());
+  for (const auto& text : texts) array.emplace_back(text);
+  return array;
+}
+
+std::map<std::string, bool> booleansOrStop(const JSONValue& reply) {
+  const auto* object = reply.if_object();
+  if (!object) platform::fatalError("the menu's reply is not an object");
+  std::map<std::string, bool> map;
+  for (const auto& member : *object) {
+    const bool* value = member.value().if_bool();
+    if (!value) platform::fatalError("the menu's reply holds a value that is not a boolean");
+    map.insert_or_assign(std::string(member.key()), *value);
+  }
+  return map;
+}
+
+}  // namespace
+
+std::optional<platform::FileURL> Menu::rootDir() const {
+  const std::lock_guard guard(lock_);
+  return rootDir_;
+}
+
+void Menu::setRootDir(const platform::FileURL& rootDir) {
+  const std::lock_guard guard(lock_);
+  rootDir_ = rootDir;
+}
+
+void Menu::viewInCloud(const std::vector<std::string>& paths) const {
+  selectContextMenu(MENU_CFS, paths);
+}
+void Menu::viewNotes(const std::vector<std::string>& paths) const {
+  selectContextMenu(MENU_VIEW_NOTES, paths);
+}
+void Menu::viewVersions(const std::vector<std::string>& paths) const {
+  selectContextMenu(MENU_VIEW_VERSIONS, paths);
+}
+void Menu::shareAsLink(const std::vector<std::string>& paths) const {
+  selectContextMenu(MENU_SHARE_AS_LINK, paths);
+}
+void Menu::copyLink(const std::vector<std::string>& paths) const {
+  selectContextMenu(MENU_COPY_LINK, paths);
+}
+
+std::map<std::string, bool> Menu::menuEnabledDict(const std::vector<std::string>& paths) const {
+  if (paths.size() - 1 > MAX_ITEMS - 1) {  // unsigned: none wraps around to very many
+    VI_INFO("No selected or too many items");
+    return {};
+  }
+  VI_DEBUG("Requesting menu status for: " + printedForm(paths));
+  std::optional<JSONValue> reply;
+  try {
+    const auto data = RESTClient::postAtPath("mac_populate_menu", toJSON({{"paths", jsonArray(paths)}}),
+                                             RESTClient::Headers{{"Accept", "application/json"}});
+    if (!data) return {};
+    VI_DEBUG("Menu status: " + printedBytes(*data));
+    reply = fromJSON(*data);
+  } catch (...) {
+    VI_WARNING("Cannot populate context menu: " + describeCurrentError());
+    return {};
+  }
+  return booleansOrStop(*reply);
+}
+
+std::optional<std::string> Menu::selectContextMenu(std::string_view identifier,
+                                                   const std::vector<std::string>& paths) const {
+  try {
+    return RESTClient::postAtPath("select_context_menu", toJSON({{"uid", identifier}, {"paths", jsonArray(paths)}}));
+  } catch (const HTTPError& error) {
+    if (const auto code = error.code()) {
+      VI_WARNING("Cannot fetch context menu actions, unexpected status: " + std::to_string(*code));
+      return std::nullopt;
+    }
+    VI_WARNING("Unexpected error occured while fetching context menu: " + error.description());
+  } catch (...) {
+    VI_WARNING("Unexpected error occured while fetching context menu: " + describeCurrentError());
+  }
+  return std::nullopt;
+}
+
+}  // namespace vornet

@@ -1,0 +1,42 @@
+#pragma once
+
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/Foundation.hpp"
+
+namespace vornet {
+
+/// The context menu's service: asks the sync application which actions apply to a selection, and tells it which one the
+/// user chose. `paths` are cloud paths; their order and duplicates are kept. Any thread; each call makes at most one
+/// request and blocks for at most 3 seconds. Failures are logged and answered with nothing.
+class Menu {
+ public:
+  /// The synced folder, once known.
+  std::optional<platform::FileURL> rootDir() const;
+  void setRootDir(const platform::FileURL& rootDir);
+
+  // Each sends one "select_context_menu" with its own identifier.
+  void viewInCloud(const std::vector<std::string>& paths) const;   ///< MENU_CFS
+  void viewNotes(const std::vector<std::string>& paths) const;     ///< MENU_VIEW_NOTES
+  void viewVersions(const std::vector<std::string>& paths) const;  ///< MENU_VIEW_VERSIONS
+  void shareAsLink(const std::vector<std::string>& paths) const;   ///< MENU_SHARE_AS_LINK
+  void copyLink(const std::vector<std::string>& paths) const;      ///< MENU_COPY_LINK
+
+  /// Which actions are enabled for `paths`, by their identifiers; empty on a failure, and without a request for none or
+  /// more than 15 paths. A reply that is not an object of booleans stops the process.
+  std::map<std::string, bool> menuEnabledDict(const std::vector<std::string>& paths) const;
+
+ private:
+  std::optional<std::string> selectContextMenu(std::string_view identifier,
+                                               const std::vector<std::string>& paths) const;
+
+  mutable std::mutex lock_;
+  std::optional<platform::FileURL> rootDir_;
+};
+
+}  // namespace vornet

@@ -1,0 +1,201 @@
+#include "rest/RESTPollingManager.hpp"
+
+#include <algorithm>
+#include <utility>
+
+#include "extension/AppConst.hpp"
+#include "logging/Logging.hpp"
+#include "logging/PrintedForm.hpp"
+#include "paths/JSON.hpp"
+#include "paths/Paths.hpp"
+#include "rest/RESTClient.hpp"
+
+namespace vornet {
+namespace {
+
+// An entry of a reply takes about this many bytes; only the first guess at a table's size depends on it.
+constexpr std::size_t BYTES_AN_ENTRY = 48;
+
+/// The statuses in a reply; none when it is JSON of another shape. Throws JSONError.
+std::optional<StatusTable> statusesFromReply(const std::string& reply) {
+  StatusTable table;
+  table.reserve(reply.size() / BYTES_AN_ENTRY);
+  const bool ofIntegers =
+      integersFromJSON(reply, [&](std::string_view path, StatusCode code) { table.set(path, code); });
+  if (!ofIntegers) return std::nullopt;
+  return table;
+}
+
+std::string printedForm(const StatusTable& changes) {
+  if (changes.empty()) return "[:]";
+  std::string text = "[";
+  for (const auto& [path, code] : changes) {
+    text.append(text.size() > 1 ? ", " : "")
+        .append(vornet::printedForm(path))
+        .append(": ")
+        .append(std::to_string(code));
+  }
+  return text += ']';
+}
+
+}  // namespace
+
+RESTPollingManager::RESTPollingManager(std::chrono::duration<double> pollingInterval)
+    : pollingInterval_(pollingInterval) {}
+
+RESTPollingManager::~RESTPollingManager() = default;
+
+bool RESTPollingManager::setupLocalRoot() {
+  if (rootDir()) return true;
+  const auto container = platform::containerURLForGroup(App().APP_GROUP);
+  if (!container) platform::fatalError("no group container for the preferences");
+  const auto path = container->appendingPathComponent(App().KELVANE_PLIST).path();
+  if (!path) platform::fatalError("the preferences have no path");
+  const auto preferences = platform::PropertyList::dictionaryAtPath(*path);
+  if (!preferences) {
+    VI_INFO("Skipping initialization, Kevlane not configured");
+    return false;
+  }
+  const auto root = preferences->textForKey("root_dir");
+  if (!root) platform::fatalError("the preferences hold no text under root_dir");
+  enableVI(*root);
+  VI_INFO("Finder plugin enabled");
+  return true;
+}
+
+void RESTPollingManager::enableVI(const std::string& rootPath) {
+  const auto root = platform::FileURL::fileURLWithPath(rootPath, true);
+  {
+    const std::lock_guard guard(mutex_);
+    rootDir_ = &rootDirs_.emplace_back(root);
+  }
+  menu_.setRootDir(root);
+  clearDirCache();
+  if (!finderSync()) platform::fatalError("a status manager without a controller");
+  finderSync()->enableVI({root});
+  VI_INFO("Initialized Kevlane Finder plugin for path " + rootPath);
+}
+
+bool RESTPollingManager::menuEnabled() const {
+  return rootDir() != nullptr;
+}
+
+const platform::FileURL& RESTPollingManager::requiredRootDir() const {
+  const auto* root = rootDir();
+  if (!root) platform::fatalError("the synced folder is not known");
+  return *root;
+}
+
+void RESTPollingManager::dirEnter(const std::string& path) {
+  std::size_t active = 0;
+  {
+    const std::lock_guard guard(mutex_);
+    currentDirs_.insert(path);
+    if (const auto* root = rootDir()) {
+      const std::string cloudPath = getCloudPath(*root, path);
+      if (dirCache_.enterNewDir(cloudPath + "/")) {
+        VI_DEBUG("Request cacheUpdate for path: " + cloudPath);
+        updateRequired_ = true;
+        updateRequiredCond_.notify_one();
+      }
+    }
+    active = currentDirs_.size();
+  }
+  VI_DEBUG("Active Finder directories: " + std::to_string(active));
+}
+
+void RESTPollingManager::dirExit(const std::string& path) {
+  const std::lock_guard guard(mutex_);
+  currentDirs_.erase(path);
+}
+
+std::optional<StatusCode> RESTPollingManager::badgeFromCache(const platform::FileURL& url) {
+  VI_DEBUG("Fetching badge for: " + url.description());
+  return dirCache_.statusForPath(getCloudPath(requiredRootDir(), url));
+}
+
+void RESTPollingManager::clearDirCache() {}
+
+std::set<std::string> RESTPollingManager::currentDirs() const {
+  const std::lock_guard guard(mutex_);
+  return currentDirs_;
+}
+
+void RESTPollingManager::start_listener() {
+  running_ = true;
+  VI_INFO("Starting REST status polling");
+  const std::lock_guard guard(workersMutex_);
+  workers_.push_back(platform::BackgroundTask::start([manager = shared_from_this()] { manager->work(); }));
+}
+
+void RESTPollingManager::stop_listener() {
+  {
+    const std::lock_guard guard(mutex_);
+    running_ = false;
+    updateRequiredCond_.notify_all();
+  }
+  const std::lock_guard guard(workersMutex_);
+  for (auto& worker : workers_) worker.wait();
+  workers_.clear();
+}
+
+void RESTPollingManager::work() {
+  while (running_) {
+    const platform::AutoreleasePool pool;
+    for (const auto& dir : waitForNextPass()) {
+      if (!running_) break;
+      poll(dir);
+    }
+  }
+}
+
+/// Waits for a reason to poll. The folders to poll, longest path first; none when the worker is to end.
+std::vector<std::string> RESTPollingManager::waitForNextPass() {
+  std::unique_lock guard(mutex_);
+  while (running_) {
+    // The signal is kept in a flag: one that is given while a pass is running is taken by the wait after it.
+    updateRequiredCond_.wait_for(guard, pollingInterval_, [this] { return updateRequired_ || !running_; });
+    const bool signalled = std::exchange(updateRequired_, false);
+    if (!running_ || signalled || !currentDirs_.empty()) break;
+    VI_DEBUG("Finder not monitoring any directory - skipping update");
+  }
+  if (!running_) return {};
+  std::vector<std::string> dirs(currentDirs_.begin(), currentDirs_.end());
+  std::sort(dirs.begin(), dirs.end(), [](const auto& a, const auto& b) { return a.size() > b.size(); });
+  return dirs;
+}
+
+void RESTPollingManager::poll(const std::string& dir) {
+  try {
+    fetch(dir);
+  } catch (const HTTPError& error) {
+    if (!error.code()) {
+      VI_WARNING("Skipping get_icons_for_fodler, ds not connected");
+    } else if (*error.code() == HTTPStatusCode.NOT_FOUND) {
+      VI_INFO("Directory " + dir + " does not exist (404), ignoring subscription");
+      dirExit(dir);
+    } else {
+      VI_INFO("Cannot fetch directory status: unexpected HTTP code: " + std::to_string(*error.code()) + ")");
+    }
+  } catch (...) {
+    VI_WARNING("Unable to parse VI status tuple from DS");
+  }
+}
+
+void RESTPollingManager::fetch(const std::string& dir) {
+  const auto& root = requiredRootDir();
+  const std::string key = getCloudPath(root, dir) + "/";
+  const auto reply = RESTClient::postAtPath("get_icons_for_folder", toJSON({{"dir_name", key}}));
+  if (!reply) return;
+  auto statuses = statusesFromReply(*reply);
+  if (!statuses) return;
+  const auto changes = dirCache_.update(key, *std::move(statuses));
+  if (!changes) return;
+  VI_DEBUG("Updated: " + printedForm(*changes));
+  for (const auto& [path, code] : *changes) {
+    if (!finderSync()) platform::fatalError("a status manager without a controller");
+    finderSync()->setFileSyncStatus(getLocalPath(root, path), code);
+  }
+}
+
+}  // namespace vornet
