@@ -1,7 +1,6 @@
 #include "logging/Logging.hpp"
 
 #include "extension/AppConst.hpp"
-#include "platform/Foundation.hpp"
 
 namespace vornet {
 
@@ -18,8 +17,7 @@ const std::map<std::string, LogLevel, std::less<>>& logMap() {
   return map;
 }
 
-// The three messages below are known by their line numbers to whoever reads records with lines shown: 29, 34 and 37.
-// Logging_test.cpp holds them there.
+// Its messages are known by their lines, 29, 34 and 37; Logging_test.cpp holds them there.
 void setupLogger(const std::string& level) {
   if (const auto found = logMap().find(level); found != logMap().end()) {
     const auto container = platform::containerURLForGroup(App().APP_GROUP);
