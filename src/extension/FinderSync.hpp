@@ -64,6 +64,9 @@ class FinderSync : public platform::FIFinderSync, public FinderSyncController {
   /// while the synced folder is unknown.
   std::optional<platform::ContextMenu> menuForMenuKind(platform::FIMenuKind kind) override;
 
+  /// Whether `selector` is the action of one of the menu's entries. Any thread.
+  static bool isMenuAction(std::string_view selector);
+
   // The actions of the menu's entries, on the current selection. The sender is of no account.
   void viewInCloud();
   void notes();

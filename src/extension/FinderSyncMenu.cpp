@@ -1,4 +1,5 @@
 // The context menu, the toolbar item and the menu's actions of the principal class.
+#include <algorithm>
 #include <array>
 
 #include "extension/AppConst.hpp"
@@ -70,6 +71,10 @@ std::optional<platform::ContextMenu> FinderSync::menuForMenuKind(platform::FIMen
                           .enabled = isTrue(answer, entry.key)});
   }
   return menu;
+}
+
+bool FinderSync::isMenuAction(std::string_view selector) {
+  return std::any_of(ENTRIES.begin(), ENTRIES.end(), [&](const Entry& entry) { return entry.action == selector; });
 }
 
 void FinderSync::viewInCloud() {

@@ -1,0 +1,47 @@
+#pragma once
+
+#include <gio/gio.h>
+
+#include <boost/asio/steady_timer.hpp>
+#include <mutex>
+#include <string>
+#include <unordered_map>
+
+#include "ObservationRegistry.hpp"
+#include "WorkPool.hpp"
+#include "platform/Foundation.hpp"
+
+namespace vornet::host {
+
+/// Gathers badge changes for a few milliseconds and sends them, each to the clients that observe the item's folder, as
+/// the signal BadgesChanged. Any thread.
+class BadgeChanges {
+ public:
+  /// Sends on `connection`, from a thread of `pool`. All arguments outlive this object, whose last change is sent, or
+  /// dropped, when `pool` has been joined.
+  BadgeChanges(GDBusConnection* connection, const ObservationRegistry& observations, WorkPool& pool);
+
+  /// The badge of `url` is now `identifier`. Never waits.
+  void add(const platform::FileURL& url, const std::string& identifier);
+
+  /// Held while messages are given to the connection. Who reads badges and answers with them under this lock may be
+  /// sure that no older state is signalled after the answer.
+  std::mutex& emission() { return emission_; }
+
+  /// Ends the waiting for a next batch. Once, before `pool` is joined.
+  void stop();
+
+ private:
+  void send();
+
+  GDBusConnection* const connection_;
+  const ObservationRegistry& observations_;
+  std::mutex emission_;
+  std::mutex lock_;  // guards what follows
+  boost::asio::steady_timer timer_;
+  bool scheduled_ = false;
+  bool stopped_ = false;
+  std::unordered_map<std::string, std::pair<platform::FileURL, std::string>> pending_;  // by path
+};
+
+}  // namespace vornet::host

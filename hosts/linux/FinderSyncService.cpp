@@ -1,0 +1,365 @@
+#include "FinderSyncService.hpp"
+
+#include <exception>
+#include <memory>
+
+#include "Selections.hpp"
+#include "extension/AppConst.hpp"
+#include "platform/linux/Host.hpp"
+#include "rest/RESTPollingManager.hpp"
+
+namespace vornet::host {
+namespace {
+
+using platform::FIFinderSyncController;
+using platform::FileURL;
+
+constexpr const char* OBJECT_PATH = "/com/vornet/FinderSync1";
+
+// How many calls may wait: far more than file managers make, few enough to stay small.
+constexpr std::size_t MAX_OBSERVING_CALLS = 10'000;
+constexpr std::size_t MAX_BADGE_CALLS = 1'000;
+constexpr std::size_t MAX_MENU_CALLS = 64;
+
+void refuse(GDBusMethodInvocation* invocation, const char* name, const std::string& message) {
+  const std::string error = std::string("com.vornet.FinderSync1.Error.") + name;
+  g_dbus_method_invocation_return_dbus_error(invocation, error.c_str(), message.c_str());
+}
+
+std::vector<std::string> strings(const gchar* const* texts) {
+  std::vector<std::string> result;
+  for (; *texts; ++texts) result.emplace_back(*texts);
+  return result;
+}
+
+/// Pointers to `texts`, null at the end, as GLib takes string arrays; valid as long as `texts` is unchanged.
+std::vector<const gchar*> pointers(const std::vector<std::string>& texts) {
+  std::vector<const gchar*> result;
+  result.reserve(texts.size() + 1);
+  for (const auto& text : texts) result.push_back(text.c_str());
+  result.push_back(nullptr);
+  return result;
+}
+
+/// Reads every URL; refuses the call, and gives none, when there are too many or one is malformed.
+std::optional<std::vector<FileURL>> readURLs(GDBusMethodInvocation* invocation, const std::vector<std::string>& texts) {
+  if (texts.size() > MAX_URLS) {
+    refuse(invocation, "TooManyURLs",
+           std::to_string(texts.size()) + " URLs in one call; at most " + std::to_string(MAX_URLS) + " are taken");
+    return std::nullopt;
+  }
+  std::vector<FileURL> urls;
+  urls.reserve(texts.size());
+  for (const auto& text : texts) {
+    auto url = readURL(text);
+    if (!url) {
+      refuse(invocation, "InvalidURL", "not a file URL: " + text);
+      return std::nullopt;
+    }
+    urls.push_back(*std::move(url));
+  }
+  return urls;
+}
+
+/// As readURLs, where an item without a path cannot be dealt with either.
+std::optional<std::vector<FileURL>> readSelection(GDBusMethodInvocation* invocation,
+                                                  const std::vector<std::string>& texts) {
+  auto urls = readURLs(invocation, texts);
+  if (!urls) return std::nullopt;
+  for (std::size_t i = 0; i < urls->size(); ++i) {
+    if ((*urls)[i].path()) continue;
+    refuse(invocation, "InvalidURL", "a name that is not UTF-8: " + texts[i]);
+    return std::nullopt;
+  }
+  return urls;
+}
+
+bool areWithin(const std::set<FileURL>& roots, const std::vector<FileURL>& urls) {
+  for (const auto& url : urls) {
+    if (!isWithin(roots, *url.path())) return false;
+  }
+  return true;
+}
+
+std::set<FileURL> observedRoots() {
+  return FIFinderSyncController::defaultController().directoryURLs();
+}
+
+std::string logFilePath() {
+  const auto container = platform::containerURLForGroup(App().APP_GROUP);
+  if (!container) return {};
+  return container->appendingPathComponent("log").appendingPathComponent(App().LOG_FILE).path().value_or("");
+}
+
+}  // namespace
+
+FinderSyncService::FinderSyncService(FinderSync& extension, GDBusConnection* connection)
+    : extension_(extension),
+      connection_(connection),
+      skeleton_(vornet_finder_sync1_skeleton_new()),
+      observing_(1, MAX_OBSERVING_CALLS),
+      badges_(2, MAX_BADGE_CALLS),
+      menus_(4, MAX_MENU_CALLS),
+      changes_(connection, observations_, observing_) {}
+
+FinderSyncService::~FinderSyncService() {
+  stop();
+  g_object_unref(skeleton_);
+}
+
+bool FinderSyncService::start(std::string& error) {
+  connectHandlers();
+  platform::host::setListener(this);
+  publishProperties();
+  watchPreferences();
+  GError* failure = nullptr;
+  exported_ =
+      g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(skeleton_), connection_, OBJECT_PATH, &failure);
+  if (!exported_) {
+    error = failure->message;
+    g_error_free(failure);
+  }
+  return exported_;
+}
+
+void FinderSyncService::stop() {
+  if (stopped_) return;
+  stopped_ = true;
+  if (exported_) g_dbus_interface_skeleton_unexport(G_DBUS_INTERFACE_SKELETON(skeleton_));
+  if (preferencesMonitor_) {
+    g_file_monitor_cancel(preferencesMonitor_);
+    g_object_unref(preferencesMonitor_);
+  }
+  g_signal_handlers_disconnect_by_data(skeleton_, this);
+  unwatchClients();
+  badges_.join();
+  menus_.join();
+  platform::host::setListener(nullptr);
+  changes_.stop();
+  observing_.join();
+}
+
+// --- What the extension does ----------------------------------------------------------------------------------------
+
+void FinderSyncService::badgeChanged(const FileURL& url, const std::string& identifier) {
+  changes_.add(url, identifier);
+}
+
+void FinderSyncService::directoriesChanged() {
+  // Under the controller's lock: the reading is left to the observing thread.
+  observing_.post([this] { publishProperties(); });
+}
+
+void FinderSyncService::publishProperties() {
+  Strings roots;
+  for (const auto& url : observedRoots()) roots.push_back(url.description());
+  GVariantBuilder badges;
+  g_variant_builder_init(&badges, G_VARIANT_TYPE("a(sss)"));
+  for (const auto& badge : platform::host::registeredBadges()) {
+    g_variant_builder_add(&badges, "(sss)", badge.identifier.c_str(), badge.label.c_str(), badge.image.name().c_str());
+  }
+  vornet_finder_sync1_set_observed_folders(skeleton_, pointers(roots).data());
+  vornet_finder_sync1_set_badges(skeleton_, g_variant_builder_end(&badges));
+  vornet_finder_sync1_set_version(skeleton_, platform::host::mainBundle().version.c_str());
+  vornet_finder_sync1_set_log_file(skeleton_, logFilePath().c_str());
+}
+
+/// The sync application may be configured after the extension has started: its preferences are read when they appear.
+void FinderSyncService::watchPreferences() {
+  const auto container = platform::containerURLForGroup(App().APP_GROUP);
+  if (!container) return;
+  const auto preferences = container->appendingPathComponent(App().KELVANE_PLIST);
+  GFile* file = g_file_new_for_path(preferences.path()->c_str());
+  preferencesMonitor_ = g_file_monitor_file(file, G_FILE_MONITOR_WATCH_MOVES, nullptr, nullptr);
+  g_object_unref(file);
+  if (!preferencesMonitor_) return;
+  const auto changed = +[](GFileMonitor*, GFile*, GFile*, GFileMonitorEvent event, gpointer self) {
+    const bool complete = event == G_FILE_MONITOR_EVENT_CHANGES_DONE_HINT || event == G_FILE_MONITOR_EVENT_MOVED_IN ||
+                          event == G_FILE_MONITOR_EVENT_RENAMED;
+    auto& service = *static_cast<FinderSyncService*>(self);
+    if (complete) service.observing_.post([] { requiredStatusManager().setupLocalRoot(); });
+  };
+  g_signal_connect(preferencesMonitor_, "changed", G_CALLBACK(changed), this);
+}
+
+// --- What clients call ----------------------------------------------------------------------------------------------
+
+void FinderSyncService::connectHandlers() {
+  using Object = VornetFinderSync1;
+  using Call = GDBusMethodInvocation;
+  const auto self = [](gpointer data) -> FinderSyncService& { return *static_cast<FinderSyncService*>(data); };
+  static const auto service = self;
+
+  g_signal_connect(skeleton_, "handle-begin-observing",
+                   G_CALLBACK(+[](Object*, Call* call, const gchar* folder, gpointer data) -> gboolean {
+                     auto& s = service(data);
+                     s.carryOut(s.observing_, call, [&s, call, f = std::string(folder)] { s.beginObserving(call, f); });
+                     return TRUE;
+                   }),
+                   this);
+  g_signal_connect(skeleton_, "handle-end-observing",
+                   G_CALLBACK(+[](Object*, Call* call, const gchar* folder, gpointer data) -> gboolean {
+                     auto& s = service(data);
+                     s.carryOut(s.observing_, call, [&s, call, f = std::string(folder)] { s.endObserving(call, f); });
+                     return TRUE;
+                   }),
+                   this);
+  g_signal_connect(skeleton_, "handle-request-badges",
+                   G_CALLBACK(+[](Object*, Call* call, const gchar* const* items, gpointer data) -> gboolean {
+                     auto& s = service(data);
+                     s.carryOut(s.badges_, call, [&s, call, i = strings(items)] { s.requestBadges(call, i); });
+                     return TRUE;
+                   }),
+                   this);
+  g_signal_connect(skeleton_, "handle-get-menu",
+                   G_CALLBACK(+[](Object*, Call* call, const gchar* const* selection, gpointer data) -> gboolean {
+                     auto& s = service(data);
+                     s.carryOut(s.menus_, call, [&s, call, i = strings(selection)] { s.getMenu(call, i); });
+                     return TRUE;
+                   }),
+                   this);
+  g_signal_connect(skeleton_, "handle-perform-action",
+                   G_CALLBACK(+[](Object*, Call* call, const gchar* action, const gchar* const* selection,
+                                  gpointer data) -> gboolean {
+                     auto& s = service(data);
+                     s.carryOut(s.menus_, call, [&s, call, a = std::string(action), i = strings(selection)] {
+                       s.performAction(call, a, i);
+                     });
+                     return TRUE;
+                   }),
+                   this);
+}
+
+void FinderSyncService::carryOut(WorkPool& pool, GDBusMethodInvocation* invocation, std::function<void()> work) {
+  const bool taken = pool.post([invocation, work = std::move(work)] {
+    try {
+      work();
+    } catch (const std::exception& error) {
+      refuse(invocation, "Failed", error.what());
+    }
+  });
+  if (!taken) refuse(invocation, "Busy", "too many calls are waiting");
+}
+
+void FinderSyncService::beginObserving(GDBusMethodInvocation* invocation, const std::string& folder) {
+  const auto url = readURL(folder);
+  if (!url || !url->path()) return refuse(invocation, "InvalidURL", "not a file URL: " + folder);
+  const std::string& path = *url->path();
+  if (!isWithin(observedRoots(), path)) {
+    return refuse(invocation, "OutsideObservedFolders", "not within an observed folder: " + path);
+  }
+  if (platform::fileKindAtPath(path) != platform::FileKind::directory) {
+    return refuse(invocation, "NotAFolder", "not a folder: " + path);
+  }
+  const std::string client = g_dbus_method_invocation_get_sender(invocation);
+  if (observations_.begin(client, path)) {
+    platform::host::folderShown(path);
+    extension_.beginObservingDirectoryAtURL(*url);
+  }
+  watchClient(client);
+  vornet_finder_sync1_complete_begin_observing(skeleton_, invocation);
+}
+
+void FinderSyncService::endObserving(GDBusMethodInvocation* invocation, const std::string& folder) {
+  const auto url = readURL(folder);
+  if (!url || !url->path()) return refuse(invocation, "InvalidURL", "not a file URL: " + folder);
+  switch (observations_.end(g_dbus_method_invocation_get_sender(invocation), *url->path())) {
+    case ObservationRegistry::Ended::notObserving:
+      return refuse(invocation, "NotObserving", "the caller does not observe " + *url->path());
+    case ObservationRegistry::Ended::byNobody:
+      endObservationOf(*url->path());
+      break;
+    case ObservationRegistry::Ended::stillObserved:
+      break;
+  }
+  vornet_finder_sync1_complete_end_observing(skeleton_, invocation);
+}
+
+void FinderSyncService::endObservationOf(const std::string& folder) {
+  extension_.endObservingDirectoryAtURL(FileURL::fileURLWithPath(folder));
+  platform::host::folderHidden(folder);
+}
+
+void FinderSyncService::watchClient(const std::string& client) {
+  const std::lock_guard guard(clientsLock_);
+  if (clientWatches_.contains(client)) return;
+  const auto vanished = +[](GDBusConnection*, const gchar* name, gpointer self) {
+    auto& service = *static_cast<FinderSyncService*>(self);
+    service.observing_.post([&service, client = std::string(name)] { service.forgetClient(client); });
+  };
+  clientWatches_[client] = g_bus_watch_name_on_connection(connection_, client.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE,
+                                                          nullptr, vanished, this, nullptr);
+}
+
+void FinderSyncService::forgetClient(const std::string& client) {
+  for (const auto& folder : observations_.endAll(client)) endObservationOf(folder);
+  const std::lock_guard guard(clientsLock_);
+  if (const auto found = clientWatches_.find(client); found != clientWatches_.end()) {
+    g_bus_unwatch_name(found->second);
+    clientWatches_.erase(found);
+  }
+}
+
+void FinderSyncService::unwatchClients() {
+  const std::lock_guard guard(clientsLock_);
+  for (const auto& [client, watch] : clientWatches_) g_bus_unwatch_name(watch);
+  clientWatches_.clear();
+}
+
+std::string FinderSyncService::badgeOf(const FileURL& item) const {
+  const platform::host::BadgeRequest request(item);
+  extension_.requestBadgeIdentifierForURL(item);
+  return request.answer().value_or("");
+}
+
+void FinderSyncService::requestBadges(GDBusMethodInvocation* invocation, const Strings& items) {
+  const auto urls = readURLs(invocation, items);
+  if (!urls) return;
+  const auto roots = observedRoots();
+  Strings identifiers;
+  identifiers.reserve(urls->size());
+  for (const auto& url : *urls) {
+    const bool carriesBadge = url.path() && isBelow(roots, *url.path());
+    identifiers.push_back(carriesBadge ? badgeOf(url) : "");
+  }
+
+  // A badge may have changed since it was asked for: what is answered is what stands now, and no older one follows it.
+  const std::lock_guard emitting(changes_.emission());
+  for (std::size_t i = 0; i < urls->size(); ++i) {
+    if (auto shown = platform::host::badgeIdentifier((*urls)[i])) identifiers[i] = *std::move(shown);
+  }
+  vornet_finder_sync1_complete_request_badges(skeleton_, invocation, pointers(identifiers).data());
+}
+
+void FinderSyncService::getMenu(GDBusMethodInvocation* invocation, const Strings& selection) {
+  const auto urls = readSelection(invocation, selection);
+  if (!urls) return;
+  GVariantBuilder entries;
+  g_variant_builder_init(&entries, G_VARIANT_TYPE("a(ssbs)"));
+  if (areWithin(observedRoots(), *urls)) {
+    const platform::host::Selection selected(*urls);
+    if (const auto menu = extension_.menuForMenuKind(platform::FIMenuKind::contextualMenuForItems)) {
+      for (const auto& item : menu->items) {
+        g_variant_builder_add(&entries, "(ssbs)", item.title.c_str(), item.action.c_str(),
+                              static_cast<gboolean>(item.enabled), item.image.name().c_str());
+      }
+    }
+  }
+  vornet_finder_sync1_complete_get_menu(skeleton_, invocation, g_variant_builder_end(&entries));
+}
+
+void FinderSyncService::performAction(GDBusMethodInvocation* invocation, const std::string& action,
+                                      const Strings& selection) {
+  if (!FinderSync::isMenuAction(action)) return refuse(invocation, "UnknownAction", "no such action: " + action);
+  const auto urls = readSelection(invocation, selection);
+  if (!urls) return;
+  const auto roots = observedRoots();
+  if (roots.empty() || !areWithin(roots, *urls)) {
+    return refuse(invocation, "OutsideObservedFolders", "the selection is not within an observed folder");
+  }
+  const platform::host::Selection selected(*urls);
+  extension_.performSelector(action);
+  vornet_finder_sync1_complete_perform_action(skeleton_, invocation);
+}
+
+}  // namespace vornet::host

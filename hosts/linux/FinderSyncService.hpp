@@ -1,0 +1,79 @@
+#pragma once
+
+#include <gio/gio.h>
+
+#include <functional>
+#include <map>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "BadgeChanges.hpp"
+#include "FinderSync1.h"
+#include "ObservationRegistry.hpp"
+#include "WorkPool.hpp"
+#include "extension/FinderSync.hpp"
+#include "platform/linux/FinderSyncHost.hpp"
+
+namespace vornet::host {
+
+/// Serves the extension's callbacks on a bus as com.vornet.FinderSync1. The thread of the main context only takes calls
+/// in: they are carried out on threads of the service's own, badges apart from menus, so that neither waits for the
+/// other. Made, started and stopped on the thread of the main context.
+class FinderSyncService : private platform::host::Listener {
+ public:
+  /// Serves `extension`, which has been brought to life, on `connection`. Both outlive the service.
+  FinderSyncService(FinderSync& extension, GDBusConnection* connection);
+  ~FinderSyncService() override;
+  FinderSyncService(const FinderSyncService&) = delete;
+  FinderSyncService& operator=(const FinderSyncService&) = delete;
+
+  /// Takes calls from now on. False, with `error` saying why, when the object cannot be exported.
+  bool start(std::string& error);
+
+  /// Takes no more calls, finishes those in hand (at most some seconds) and ends every observation.
+  void stop();
+
+ private:
+  using Strings = std::vector<std::string>;
+  using URLs = std::vector<platform::FileURL>;
+
+  void badgeChanged(const platform::FileURL& url, const std::string& identifier) override;
+  void directoriesChanged() override;
+
+  void connectHandlers();
+  void publishProperties();
+  void watchPreferences();
+  void unwatchClients();
+
+  /// Runs `work` on `pool`; answers `invocation` with an error when the pool is full or `work` throws.
+  void carryOut(WorkPool& pool, GDBusMethodInvocation* invocation, std::function<void()> work);
+
+  void beginObserving(GDBusMethodInvocation* invocation, const std::string& folder);
+  void endObserving(GDBusMethodInvocation* invocation, const std::string& folder);
+  void requestBadges(GDBusMethodInvocation* invocation, const Strings& items);
+  void getMenu(GDBusMethodInvocation* invocation, const Strings& selection);
+  void performAction(GDBusMethodInvocation* invocation, const std::string& action, const Strings& selection);
+  void watchClient(const std::string& client);
+  void forgetClient(const std::string& client);
+  void endObservationOf(const std::string& folder);
+  std::string badgeOf(const platform::FileURL& item) const;
+
+  FinderSync& extension_;
+  GDBusConnection* const connection_;
+  VornetFinderSync1* const skeleton_;
+  GFileMonitor* preferencesMonitor_ = nullptr;
+  bool exported_ = false;
+  bool stopped_ = false;
+
+  ObservationRegistry observations_;
+  std::mutex clientsLock_;
+  std::map<std::string, guint> clientWatches_;  // unique bus name -> watch
+
+  WorkPool observing_;  // one thread: begin, end and signals keep their order
+  WorkPool badges_;
+  WorkPool menus_;  // may wait for the sync application
+  BadgeChanges changes_;
+};
+
+}  // namespace vornet::host

@@ -1,0 +1,39 @@
+#include "Selections.hpp"
+
+#include <algorithm>
+
+namespace vornet::host {
+namespace {
+
+bool hasDotComponent(const std::string& path) {
+  for (std::size_t from = 0; from < path.size();) {
+    const std::size_t end = std::min(path.find('/', from), path.size());
+    const auto component = std::string_view(path).substr(from, end - from);
+    if (component == "." || component == "..") return true;
+    from = end + 1;
+  }
+  return false;
+}
+
+}  // namespace
+
+std::optional<platform::FileURL> readURL(const std::string& text) {
+  auto url = platform::FileURL::fileURLWithText(text);
+  if (!url || (url->path() && hasDotComponent(*url->path()))) return std::nullopt;
+  return url;
+}
+
+bool isBelow(const std::set<platform::FileURL>& roots, const std::string& path) {
+  return std::any_of(roots.begin(), roots.end(), [&](const platform::FileURL& root) {
+    if (!root.path() || !path.starts_with(*root.path())) return false;
+    if (*root.path() == "/") return path.size() > 1;
+    return path.size() > root.path()->size() + 1 && path[root.path()->size()] == '/';
+  });
+}
+
+bool isWithin(const std::set<platform::FileURL>& roots, const std::string& path) {
+  return isBelow(roots, path) ||
+         std::any_of(roots.begin(), roots.end(), [&](const platform::FileURL& root) { return root.path() == path; });
+}
+
+}  // namespace vornet::host
