@@ -132,11 +132,11 @@ void FinderSyncService::stop() {
   }
   g_signal_handlers_disconnect_by_data(skeleton_, this);
   unwatchClients();
-  badges_.join();
-  menus_.join();
+  badges_.stop();
+  menus_.stop();
   platform::host::setListener(nullptr);
   changes_.stop();
-  observing_.join();
+  observing_.stop();
 }
 
 // --- What the extension does ----------------------------------------------------------------------------------------

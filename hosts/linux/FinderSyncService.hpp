@@ -31,7 +31,7 @@ class FinderSyncService : private platform::host::Listener {
   /// Takes calls from now on. False, with `error` saying why, when the object cannot be exported.
   bool start(std::string& error);
 
-  /// Takes no more calls, finishes those in hand (at most some seconds) and ends every observation.
+  /// Takes no more calls, finishes those being carried out (at most some seconds) and drops those that wait.
   void stop();
 
  private:
