@@ -1,9 +1,9 @@
 #include "Options.hpp"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <cmath>
 #include <iostream>
-#include <map>
 
 #include "DisplayText.hpp"
 
@@ -26,17 +26,42 @@ std::string checkSeconds(const std::string& text, bool zeroAllowed) {
   return {};
 }
 
-/// Positional paths, taken word for word: the parser would take "[a,b]" for a list of two.
+/// The arguments in the order that the parser takes, last first. Two kinds of paths it would misread: "[a,b]" as a list
+/// of two, and what follows "--" as its parent's. With "./" before them they mean the same and come through.
+std::vector<std::string> argumentsOf(int argc, const char* const* argv) {
+  std::vector<std::string> arguments;
+  bool pathsOnly = false;
+  for (int i = 1; i < argc; ++i) {
+    std::string argument = argv[i];
+    if (!pathsOnly && argument == "--") {
+      pathsOnly = true;
+      continue;
+    }
+    if ((pathsOnly && argument.starts_with('-')) || (argument.starts_with('[') && argument.ends_with(']'))) {
+      argument.insert(0, "./");
+    }
+    arguments.push_back(std::move(argument));
+  }
+  std::reverse(arguments.begin(), arguments.end());
+  return arguments;
+}
+
 void addPaths(CLI::App* command, std::vector<std::string>& paths) {
-  command->add_option("PATH", paths, "Files and folders below the observed folder")
-      ->required()
-      ->allow_extra_args(false);
+  command->add_option("PATH", paths, "Files and folders below the observed folder")->required();
+}
+
+Options::Colour colourOf(const std::string& when) {
+  if (when == "always") {
+    return Options::Colour::always;
+  }
+  return when == "never" ? Options::Colour::never : Options::Colour::automatic;
 }
 
 }  // namespace
 
 std::optional<Options> readOptions(int argc, const char* const* argv, int& exitCode) {
   Options options;
+  std::string colour;
   double timeout = 10;
   double duration = 0;
 
@@ -46,19 +71,18 @@ std::optional<Options> readOptions(int argc, const char* const* argv, int& exitC
   app.require_subcommand(1);
   app.fallthrough();
   app.add_flag("--json", options.json, "Print one JSON object a line");
-  const std::map<std::string, Options::Colour> colours{
-      {"auto", Options::Colour::automatic}, {"always", Options::Colour::always}, {"never", Options::Colour::never}};
-  app.add_option("--color", options.colour, "When to use colours: auto (default), always, never")
-      ->transform(CLI::Transformer(colours).description(""))
-      ->check(
-          CLI::IsMember({Options::Colour::automatic, Options::Colour::always, Options::Colour::never}).description(""))
-      ->type_name("WHEN");
+  app.add_option("--color", colour, "When to use colours: auto (default), always, never")
+      ->type_name("WHEN")
+      ->check([](const std::string& when) {
+        return when == "auto" || when == "always" || when == "never" ? std::string{}
+                                                                     : "not auto, always or never: " + when;
+      });
   app.add_option("--timeout", timeout, "Wait at most so long for each answer (default: 10)")
       ->type_name("SECONDS")
       ->check([](const std::string& text) { return checkSeconds(text, false); });
   app.footer(
       "Exit status: 0 done, 1 refused or failed, 2 wrong usage.\n"
-      "\"vornet-vi COMMAND --help\" tells more about a command.");
+      "Options of every command: --json, --color, --timeout (see \"vornet-vi --help\").");
 
   CLI::App* list = app.add_subcommand("list", "Show the entries of a folder with their badges");
   list->add_option("DIR", options.folder, "The folder")->required();
@@ -80,7 +104,7 @@ std::optional<Options> readOptions(int argc, const char* const* argv, int& exitC
   status->add_flag("--start", options.start, "Start the extension if it does not run");
 
   try {
-    app.parse(argc, argv);
+    app.parse(argumentsOf(argc, argv));
   } catch (const CLI::ParseError& error) {
     if (error.get_exit_code() == 0) {
       exitCode = app.exit(error, std::cout, std::cerr);
@@ -91,6 +115,7 @@ std::optional<Options> readOptions(int argc, const char* const* argv, int& exitC
     return std::nullopt;
   }
 
+  options.colour = colourOf(colour);
   options.timeout = milliseconds(timeout);
   if (forSeconds->count() > 0) {
     options.duration = milliseconds(duration);
