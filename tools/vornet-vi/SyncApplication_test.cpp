@@ -1,61 +1,17 @@
 #include "SyncApplication.hpp"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
-#include <array>
 #include <cstdlib>
 #include <string>
 #include <thread>
 
+#include "TestListener.hpp"
+
 namespace vornet::vi {
 namespace {
 
-/// A listening socket of the loopback interface on a free port.
-class Listener {
- public:
-  Listener() : socket_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in name{};
-    name.sin_family = AF_INET;
-    name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof name;
-    EXPECT_EQ(bind(socket_, reinterpret_cast<const sockaddr*>(&name), size), 0);
-    EXPECT_EQ(listen(socket_, 4), 0);
-    EXPECT_EQ(getsockname(socket_, reinterpret_cast<sockaddr*>(&name), &size), 0);
-    address_ = "127.0.0.1:" + std::to_string(ntohs(name.sin_port));
-  }
-  ~Listener() { close(socket_); }
-  const std::string& address() const { return address_; }
-  /// Has a serve() that waits for its connection give up.
-  void interrupt() const { shutdown(socket_, SHUT_RDWR); }
-
-  /// Takes one connection and its request, up to the end of the expected body, answers, and returns the request.
-  std::string serve(const std::string& answer) const {
-    const int connection = accept(socket_, nullptr, nullptr);
-    if (connection < 0) {
-      return {};
-    }
-    std::string request;
-    std::array<char, 1024> buffer{};
-    while (!request.ends_with("}")) {
-      const ssize_t size = recv(connection, buffer.data(), buffer.size(), 0);
-      if (size <= 0) {
-        break;
-      }
-      request.append(buffer.data(), static_cast<std::size_t>(size));
-    }
-    EXPECT_EQ(send(connection, answer.data(), answer.size(), MSG_NOSIGNAL), static_cast<ssize_t>(answer.size()));
-    close(connection);
-    return request;
-  }
-
- private:
-  int socket_;
-  std::string address_;
-};
+using test::Listener;
 
 TEST(SyncApplicationTest, postsTheQuestionThatTheExtensionPosts) {
   const Listener listener;
