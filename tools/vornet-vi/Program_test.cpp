@@ -183,14 +183,14 @@ TEST_F(ProgramTest, listSaysThatTheExtensionEnded) {
 TEST_F(ProgramTest, everyCommandGivesUpOnAFrozenExtension) {
   TestExtension extension{bus, root.path()};
   extension.frozen = true;
-  const std::string expected = "vornet-vi: the extension did not answer within 0.2 s\n";
-  EXPECT_EQ(run({"list", "--timeout", "0.2", root.path()}), 1);
+  const std::string expected = "vornet-vi: the extension did not answer within 2 s\n";
+  EXPECT_EQ(run({"list", "--timeout", "2", root.path()}), 1);
   EXPECT_EQ(errors, expected);
-  EXPECT_EQ(run({"watch", "--timeout", "0.2", root.path()}), 1);
+  EXPECT_EQ(run({"watch", "--timeout", "2", root.path()}), 1);
   EXPECT_EQ(errors, expected);
-  EXPECT_EQ(run({"menu", "--timeout", "0.2", root.path()}), 1);
+  EXPECT_EQ(run({"menu", "--timeout", "2", root.path()}), 1);
   EXPECT_EQ(errors, expected);
-  EXPECT_EQ(run({"perform", "--timeout", "0.2", "Share", root.path()}), 1);
+  EXPECT_EQ(run({"perform", "--timeout", "2", "Share", root.path()}), 1);
   EXPECT_EQ(errors, expected);
 }
 
@@ -342,7 +342,7 @@ TEST_F(WatchTest, asksForManyNewEntriesInBatches) {
 
 TEST_F(WatchTest, endsByItselfAfterTheTimeGiven) {
   TestExtension extension{bus, root.path()};
-  EXPECT_EQ(run({"watch", "--for", "0.3", root.path()}), 0) << errors;
+  EXPECT_EQ(run({"watch", "--for", "2", root.path()}), 0) << errors;
   EXPECT_EQ(extension.count("EndObserving " + urlOfPath(root.path())), 1U);
 }
 
@@ -427,11 +427,9 @@ TEST(WatchRestartTest, doesNotStartAnExtensionThatEndsAtOnceInALoop) {
   auto extension = std::make_unique<TestExtension>(bus, watched.path());
   ProgramRun::Settings settings;
   settings.busAddress = bus.address();
-  ProgramRun program{settings, {"watch", "--for", "3.5", watched.path()}};
-  ASSERT_TRUE(waitUntil([&] { return extension->count("RequestBadges") + extension->calls.size() > 0; }));
-  // The list is there once the program has asked for the labels, which it does after it began to observe.
-  ASSERT_TRUE(waitUntil([&] { return extension->calls.size() == 1; }));
-  const std::string file = watched.file("shown");
+  ProgramRun program{settings, {"watch", "--for", "5", watched.path()}};
+  ASSERT_TRUE(waitUntil([&] { return !extension->calls.empty(); }));
+  watched.file("shown");
   ASSERT_TRUE(waitUntil([&] { return program.output.find("shown") != std::string::npos; }));
   extension.reset();
   EXPECT_EQ(program.wait(), 0) << program.errors;
