@@ -55,7 +55,7 @@ void FolderModel::clear() {
 }
 
 FolderModel::Node* FolderModel::locate(std::string_view path) const {
-  if (path.empty() || path.front() != '/') return nullptr;
+  if (path.empty() || path.front() != '/' || path.ends_with("//")) return nullptr;
   const bool mustBeFolder = path.back() == '/';
   path = withoutTrailingSlash(path).substr(1);
   Node* node = root_.get();
@@ -64,7 +64,6 @@ FolderModel::Node* FolderModel::locate(std::string_view path) const {
     const auto child = node->children.find(path.substr(0, end));
     if (child == node->children.end()) return nullptr;
     node = child->second.get();
-    if (end + 1 == path.size()) return nullptr;  // "/a//"
     path.remove_prefix(std::min(end + 1, path.size()));
   }
   return mustBeFolder && !node->folder ? nullptr : node;

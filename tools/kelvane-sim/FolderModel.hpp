@@ -12,12 +12,9 @@
 #include <utility>
 #include <vector>
 
-namespace vornet::sim {
+#include "kelvane-sim/StatusCode.hpp"
 
-/// Status codes as the sync application gives them out.
-inline constexpr int CODE_NOT_SYNCED = 0;
-inline constexpr int CODE_PENDING = 1;
-inline constexpr int CODE_SYNCED = 2;
+namespace vornet::sim {
 
 /// What tells one content of a file from another without reading it.
 struct FileStamp {

@@ -12,6 +12,7 @@
 #include "kelvane-sim/ActionJournal.hpp"
 #include "kelvane-sim/Fault.hpp"
 #include "kelvane-sim/HttpServer.hpp"
+#include "kelvane-sim/StatusCode.hpp"
 
 namespace vornet::sim {
 
@@ -27,12 +28,13 @@ class KelvaneSim {
     std::string root;       ///< the folder to keep; relative paths count from the current folder
     std::string container;  ///< the group container, made with mode 0700 when missing; empty: defaultContainer()
     std::string state;      ///< where the action journal goes, made likewise; empty: the container
-    std::uint16_t port = DEFAULT_PORT;               ///< 0: any free one
-    std::chrono::milliseconds transferTime{1500};    ///< of one file; 0: a file is synced as soon as it is noticed
-    std::size_t parallelTransfers = 4;               ///< how many files are under way together
-    bool assumeSynced = false;                       ///< files found at a start are synced already instead of new
-    std::size_t keptRequests = 100'000;              ///< `requests` holds this many, the latest
-    std::function<void(const std::string&)> notice;  ///< told one line for whatever happens; one call at a time
+    std::uint16_t port = DEFAULT_PORT;             ///< 0: any free one
+    std::chrono::milliseconds transferTime{1500};  ///< of one file; 0: a file is synced as soon as it is noticed
+    std::size_t parallelTransfers = 4;             ///< how many files are under way together
+    bool assumeSynced = false;                     ///< files found at a start are synced already instead of new
+    std::size_t keptRequests = 100'000;            ///< `requests` holds this many, the latest
+    /// Told one line for whatever happens, one call at a time. Must not start or stop the object.
+    std::function<void(const std::string&)> notice{};
   };
 
   /// Touches nothing yet.

@@ -54,6 +54,7 @@ void SyncEngine::start(const Settings& settings) {
   }
   try {
     database_->replaceAll(rows);
+    tellNotices();
     thread_ = std::thread([this] { run(); });
   } catch (...) {
     const std::lock_guard lock(mutex_);
@@ -148,8 +149,18 @@ void SyncEngine::wake() {
   if (wake_) ::eventfd_write(wake_.get(), 1);
 }
 
-void SyncEngine::say(const std::string& line) const {
-  if (notice_) notice_(line);
+// With the lock held: told once it is released, so that a slow listener holds up no question.
+void SyncEngine::note(std::string line) {
+  if (notice_) notices_.push_back(std::move(line));
+}
+
+void SyncEngine::tellNotices() {
+  std::vector<std::string> lines;
+  {
+    const std::lock_guard lock(mutex_);
+    lines.swap(notices_);
+  }
+  for (const std::string& line : lines) notice_(line);
 }
 
 // --- What the watcher reports
@@ -189,13 +200,14 @@ void SyncEngine::rootGone() {
   {
     const std::lock_guard lock(mutex_);
     forget("/");
+    note("the synced folder is gone");
   }
   changed_.notify_all();
-  say("the synced folder is gone");
 }
 
 void SyncEngine::watcherNotice(const std::string& text) {
-  say(printable(text));
+  const std::lock_guard lock(mutex_);
+  note(printable(text));
 }
 
 // With the lock held.
@@ -206,12 +218,12 @@ void SyncEngine::see(const std::string& path, const Entry& entry, bool written) 
     if (known && known->folder) return;
     forget(path);
     model_.putFolder(path, syncable);
-    if (!syncable && !starting_) say("not synced " + printable(path));
+    if (!syncable && !starting_) note("not synced " + printable(path));
     return;
   }
   if (!syncable) {
     model_.putFile(path, entry.stamp, CODE_NOT_SYNCED);
-    if (!known && !starting_) say("not synced " + printable(path));
+    if (!known && !starting_) note("not synced " + printable(path));
     return;
   }
   const bool same = model_.stamp(path) == entry.stamp;
@@ -223,21 +235,21 @@ void SyncEngine::see(const std::string& path, const Entry& entry, bool written) 
   }
   if (!model_.putFile(path, entry.stamp, CODE_PENDING)) return;
   transfers_.add(path);
-  if (!starting_) say("pending    " + printable(path));
+  if (!starting_ && !(known && known->code == CODE_PENDING)) note("pending    " + printable(path));
 }
 
 // With the lock held.
 void SyncEngine::forget(const std::string& path) {
   const bool known = path != "/" && model_.find(path).has_value();
   for (const std::string& file : model_.remove(path)) transfers_.cancel(file);
-  if (known && !starting_) say("removed    " + printable(path));
+  if (known && !starting_) note("removed    " + printable(path));
 }
 
 // With the lock held.
 void SyncEngine::finishTransfers() {
   for (const std::string& path : transfers_.finished(TransferQueue::Clock::now())) {
     model_.setFileCode(path, CODE_SYNCED);
-    if (!starting_) say("synced     " + printable(path));
+    if (!starting_) note("synced     " + printable(path));
   }
 }
 
@@ -262,7 +274,7 @@ bool SyncEngine::writeChanges() {
     return true;
   } catch (const SqliteError& error) {
     for (auto& change : changes) unwritten_[std::move(change.path)] = change.code;
-    if (!complained_) say(std::string("cannot write sync.db, trying again: ") + error.what());
+    if (!complained_) watcherNotice(std::string("cannot write sync.db, trying again: ") + error.what());
     complained_ = true;
     return false;
   }
@@ -292,7 +304,7 @@ void SyncEngine::run() {
       try {
         watcher_->rescan();
       } catch (const std::runtime_error& error) {
-        say(printable(error.what()));
+        watcherNotice(error.what());
         rootGone();
       }
     }
@@ -309,10 +321,12 @@ void SyncEngine::run() {
       timeout = pollTimeout(written);
     }
     changed_.notify_all();
+    tellNotices();
     std::array<pollfd, 2> waits{{{wake_.get(), POLLIN, 0}, {watcher_->fd(), POLLIN, 0}}};
     ::poll(waits.data(), waits.size(), timeout);
   }
   writeChanges();
+  tellNotices();
 }
 
 }  // namespace vornet::sim

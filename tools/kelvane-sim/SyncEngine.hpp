@@ -33,7 +33,7 @@ class SyncEngine final : private FolderListener {
     std::size_t parallelTransfers = 4;
     bool assumeSynced = false;  ///< files found at the start count as transferred already
   };
-  /// Told one line for whatever happens; called from the engine's thread.
+  /// Told one line for whatever happens; called from the engine's thread and from `start`, without any lock held.
   using Notice = std::function<void(const std::string& line)>;
 
   explicit SyncEngine(Notice notice);
@@ -79,7 +79,8 @@ class SyncEngine final : private FolderListener {
   bool writeChanges();
   int pollTimeout(bool written) const;
   void wake();
-  void say(const std::string& line) const;
+  void note(std::string line);
+  void tellNotices();
 
   const Notice notice_;
   Settings settings_;
@@ -91,6 +92,7 @@ class SyncEngine final : private FolderListener {
   bool running_ = false;
   bool rescan_ = false;
   bool starting_ = false;
+  std::vector<std::string> notices_;
   std::uint64_t askedIdle_ = 0;
   std::uint64_t reachedIdle_ = 0;
 
