@@ -4,6 +4,7 @@
 #include <boost/json.hpp>
 #include <cstdio>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -15,8 +16,8 @@ namespace json = boost::json;
 
 namespace {
 
-struct BadRequest {
-  const char* reason;
+struct BadRequest : std::runtime_error {
+  using std::runtime_error::runtime_error;
 };
 
 HttpReply errorReply(int status, const std::string& text) {
@@ -170,7 +171,7 @@ HttpReply Commands::properAnswer(const HttpRequest& request, bool act) const {
     if (command == COMMAND_MENU) return menu(request.body);
     return select(request.body, act);
   } catch (const BadRequest& bad) {
-    return errorReply(400, bad.reason);
+    return errorReply(400, bad.what());
   } catch (const std::exception& error) {
     return errorReply(500, error.what());
   }

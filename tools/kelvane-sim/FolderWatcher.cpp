@@ -136,10 +136,6 @@ void FolderWatcher::unwatch(const std::string& folder) {
   }
 }
 
-void FolderWatcher::rescan() {
-  open();
-}
-
 void FolderWatcher::process() {
   alignas(inotify_event) std::array<char, 64 * 1024> buffer;
   while (inotify_) {
@@ -155,7 +151,7 @@ void FolderWatcher::process() {
     if (overflow_) {
       listener_.watcherNotice("too many changes at once, looking through the whole folder");
       try {
-        rescan();
+        open();
       } catch (const std::runtime_error& error) {
         listener_.watcherNotice(error.what());
         inotify_.reset();

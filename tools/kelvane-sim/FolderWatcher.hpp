@@ -54,9 +54,6 @@ class FolderWatcher {
   /// Reports everything that has happened so far; returns without waiting.
   void process();
 
-  /// Does what a queue overflow leads to: watches and lists everything anew.
-  void rescan();
-
  private:
   bool watch(const std::string& folder);
   void walk(const std::string& folder);

@@ -20,7 +20,9 @@ constexpr int RETRY_MILLISECONDS = 250;
 
 }  // namespace
 
-SyncEngine::SyncEngine(Notice notice) : notice_(std::move(notice)) {}
+SyncEngine::SyncEngine(Notice notice) : notice_(std::move(notice)), wake_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+  if (!wake_) throw std::runtime_error("cannot make an event descriptor");
+}
 
 SyncEngine::~SyncEngine() {
   stop();
@@ -33,13 +35,11 @@ void SyncEngine::start(const Settings& settings) {
     const std::lock_guard lock(mutex_);
     model_.clear();
     transfers_ = TransferQueue(settings.transferTime, settings.parallelTransfers);
-    stopping_ = rescan_ = false;
+    stopping_ = false;
     starting_ = true;
   }
   unwritten_.clear();
   complained_ = false;
-  wake_.reset(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
-  if (!wake_) throw std::runtime_error("cannot make an event descriptor");
   database_.emplace(settings.databasePath);
   watcher_.emplace(settings.root, static_cast<FolderListener&>(*this));
   watcher_->open();
@@ -137,16 +137,8 @@ bool SyncEngine::waitForStatus(const std::string& path, std::optional<int> code,
   });
 }
 
-void SyncEngine::rescan() {
-  {
-    const std::lock_guard lock(mutex_);
-    rescan_ = true;
-  }
-  wake();
-}
-
 void SyncEngine::wake() {
-  if (wake_) ::eventfd_write(wake_.get(), 1);
+  ::eventfd_write(wake_.get(), 1);
 }
 
 // With the lock held: told once it is released, so that a slow listener holds up no question.
@@ -293,20 +285,10 @@ void SyncEngine::run() {
     eventfd_t count = 0;
     ::eventfd_read(wake_.get(), &count);
     std::uint64_t asked = 0;
-    bool rescan = false;
     {
       const std::lock_guard lock(mutex_);
       if (stopping_) break;
       asked = askedIdle_;
-      rescan = std::exchange(rescan_, false);
-    }
-    if (rescan) {
-      try {
-        watcher_->rescan();
-      } catch (const std::runtime_error& error) {
-        watcherNotice(error.what());
-        rootGone();
-      }
     }
     watcher_->process();
     {
@@ -314,6 +296,7 @@ void SyncEngine::run() {
       finishTransfers();
     }
     const bool written = writeChanges();
+    tellNotices();
     int timeout = 0;
     {
       const std::lock_guard lock(mutex_);
@@ -321,7 +304,6 @@ void SyncEngine::run() {
       timeout = pollTimeout(written);
     }
     changed_.notify_all();
-    tellNotices();
     std::array<pollfd, 2> waits{{{wake_.get(), POLLIN, 0}, {watcher_->fd(), POLLIN, 0}}};
     ::poll(waits.data(), waits.size(), timeout);
   }

@@ -36,6 +36,7 @@ class SyncEngine final : private FolderListener {
   /// Told one line for whatever happens; called from the engine's thread and from `start`, without any lock held.
   using Notice = std::function<void(const std::string& line)>;
 
+  /// Throws std::runtime_error when the system has no descriptor left.
   explicit SyncEngine(Notice notice);
   ~SyncEngine();
 
@@ -62,9 +63,6 @@ class SyncEngine final : private FolderListener {
   /// Waits until `path` has `code` (none: is unknown). False when `timeout` passes first.
   bool waitForStatus(const std::string& path, std::optional<int> code, std::chrono::milliseconds timeout);
 
-  /// Has everything looked through again, as after a lost event.
-  void rescan();
-
  private:
   void folderListed(const std::string& folder, const std::vector<Entry>& entries) override;
   void itemSeen(const std::string& path, const Entry& entry, bool written) override;
@@ -90,7 +88,6 @@ class SyncEngine final : private FolderListener {
   TransferQueue transfers_{std::chrono::milliseconds(0), 1};
   bool stopping_ = false;
   bool running_ = false;
-  bool rescan_ = false;
   bool starting_ = false;
   std::vector<std::string> notices_;
   std::uint64_t askedIdle_ = 0;
