@@ -69,7 +69,7 @@ void addHugeEntries(json::object& entries, const HttpRequest& request) {
   }
   entries.reserve(entries.size() + COUNT);
   for (int i = 0; i < COUNT; ++i) {
-    std::array<char, 16> number{};
+    std::array<char, 32> number{};
     std::snprintf(number.data(), number.size(), "entry-%06d", i);
     entries.emplace(prefix + number.data(), value);
   }
