@@ -4,8 +4,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <filesystem>
 #include <mutex>
+#include <thread>
 
 #include "kelvane-sim/SimTest.hpp"
 #include "kelvane-sim/SqliteFile.hpp"
