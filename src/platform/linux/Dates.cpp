@@ -36,7 +36,7 @@ std::string currentLocaleIdentifier() {
 }
 
 std::string dateDescription(Date date) {
-  const std::time_t time = std::chrono::system_clock::to_time_t(date);
+  const std::time_t time = std::chrono::system_clock::to_time_t(floor<seconds>(date));
   std::tm parts{};
   ::gmtime_r(&time, &parts);
   char text[64];
