@@ -490,8 +490,8 @@ TEST_F(FileDestination, ReportsThatAFileCannotBeOpenedAndDropsItsLines) {
       {environment.folder() / std::string(300, 'x'), "File name too long"}};
   for (const auto& [target, description] : cases) {
     logger.removeLogDestination("file");
-    const auto text = consoleOutputOf([&] {
-      const auto file = open(target);
+    const auto text = consoleOutputOf([this, &given = target] {
+      const auto file = open(given);
       file->processLogDetails(record());
       file->processInternalLogDetails(record());
       logger.logAppDetails(file.get());

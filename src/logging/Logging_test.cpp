@@ -248,14 +248,15 @@ TEST_F(SetupLogger, ReportsAContainerThatTakesNoFolder) {
 }
 
 TEST_F(SetupLogger, StopsTheProcessWithoutAContainer) {
-  testing::FLAGS_gtest_death_test_style = "threadsafe";
   test::writeFile(environment.folder() / "file", "");
-  EXPECT_EXIT(
-      {
-        const test::ScopedVariable none("VORNET_GROUP_CONTAINERS", environment.folder() / "file");
-        setupLogger("INFO");
-      },
-      testing::KilledBySignal(SIGABRT), "container");
+  const test::ScopedVariable none("VORNET_GROUP_CONTAINERS", environment.folder() / "file");
+  test::CapturedOutput output(STDERR_FILENO);
+  test::ChildProcess child([] {
+    setupLogger("INFO");
+    return 0;
+  });
+  EXPECT_EQ(child.wait(), -SIGABRT);
+  EXPECT_THAT(output.finish(), HasSubstr("no group container"));
 }
 
 TEST_F(SetupLogger, CompletesWhenTheFileCannotBeOpened) {

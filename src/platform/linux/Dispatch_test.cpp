@@ -188,8 +188,9 @@ TEST(SerialQueue, DrainsForSeveralThreads) {
 TEST(SerialQueue, DrainsAlthoughTasksGoOnComing) {
   std::atomic<bool> more = true;
   bool ran = false;
+  std::function<void()> again;  // outlives the queue, which may still run it at its end
   SerialQueue queue("endless");
-  std::function<void()> again = [&] {
+  again = [&] {
     if (more) queue.async(again);
   };
   queue.async(again);

@@ -184,7 +184,7 @@ TEST_F(FilesTest, HandleKeepsWritesOfManyThreadsWhole) {
   constexpr std::size_t LINES = 500;
   std::vector<std::thread> threads;
   for (std::size_t thread = 0; thread < THREADS; ++thread) {
-    threads.emplace_back([&, thread, line = std::string(100 * (thread + 1), static_cast<char>('a' + thread)) + "\n"] {
+    threads.emplace_back([&, line = std::string(100 * (thread + 1), static_cast<char>('a' + thread)) + "\n"] {
       for (std::size_t i = 0; i < LINES; ++i) handle->write(line);
     });
   }
