@@ -49,10 +49,7 @@ class EndToEnd : public testing::Test {
       process = BusClient(bus->address()).extensionProcess();
       bus->stop();
     }
-    const auto until = std::chrono::steady_clock::now() + PATIENCE;
-    while (process > 0 && ::kill(process, 0) == 0 && std::chrono::steady_clock::now() < until) {
-      std::this_thread::sleep_for(5ms);
-    }
+    vornet::test::waitForEnd(process);
     if (HasFailure() && bus) std::fputs(readFile(bus->output()).c_str(), stderr);
   }
 
