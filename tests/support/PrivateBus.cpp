@@ -16,7 +16,11 @@ constexpr auto GLANCE = 5ms;
 
 }  // namespace
 
-PrivateBus::PrivateBus(const std::filesystem::path& folder) : folder_(folder) {
+std::filesystem::path PrivateBus::buildTreeServices() {
+  return VORNET_TEST_SERVICES;
+}
+
+PrivateBus::PrivateBus(const std::filesystem::path& folder, const std::filesystem::path& services) : folder_(folder) {
   std::filesystem::create_directories(folder_);
   const auto configuration = folder_ / "bus.conf";
   writeFile(configuration, R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
@@ -25,7 +29,8 @@ PrivateBus::PrivateBus(const std::filesystem::path& folder) : folder_(folder) {
   <type>session</type>
   <listen>unix:path=)" + (folder_ / "bus.socket").string() +
                                R"(</listen>
-  <servicedir>)" VORNET_TEST_SERVICES R"(</servicedir>
+  <servicedir>)" + services.string() +
+                               R"(</servicedir>
   <policy context="default">
     <allow send_destination="*" eavesdrop="true"/>
     <allow eavesdrop="true"/>

@@ -8,15 +8,17 @@
 
 namespace vornet::test {
 
-/// A message bus of a test's own, which starts the extension of the build tree on demand. What it starts sees the
-/// environment that this process had when the bus was made.
+/// A message bus of a test's own, which starts the extension on demand: that of the build tree, unless told otherwise.
+/// What it starts sees the environment that this process had when the bus was made.
 class PrivateBus {
  public:
-  /// `folder`: where its files go.
-  explicit PrivateBus(const std::filesystem::path& folder);
+  /// `folder`: where its files go. `services`: the folder of the files that say what it starts.
+  explicit PrivateBus(const std::filesystem::path& folder, const std::filesystem::path& services = buildTreeServices());
   ~PrivateBus();
   PrivateBus(const PrivateBus&) = delete;
   PrivateBus& operator=(const PrivateBus&) = delete;
+
+  static std::filesystem::path buildTreeServices();
 
   const std::string& address() const { return address_; }
 
