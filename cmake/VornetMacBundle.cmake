@@ -10,6 +10,7 @@ set_target_properties(Kelvane PROPERTIES
 add_executable(VornetVIExt MACOSX_BUNDLE ${images})
 set_source_files_properties(${images} PROPERTIES MACOSX_PACKAGE_LOCATION Resources)
 target_link_libraries(VornetVIExt PRIVATE vornet_macos_extension vornet_options)
+target_compile_options(VornetVIExt PRIVATE -fapplication-extension)
 target_link_options(VornetVIExt PRIVATE -fapplication-extension LINKER:-e,_NSExtensionMain)
 set_target_properties(VornetVIExt PROPERTIES
   LINKER_LANGUAGE OBJCXX
@@ -22,8 +23,6 @@ set_target_properties(VornetVIExt PROPERTIES
   XCODE_ATTRIBUTE_PRODUCT_BUNDLE_IDENTIFIER "${VORNET_EXTENSION_IDENTIFIER}"
   XCODE_ATTRIBUTE_CODE_SIGN_ENTITLEMENTS "${bundle}/VornetVIExt.entitlements"
   XCODE_ATTRIBUTE_CODE_SIGN_IDENTITY "${VORNET_MACOS_SIGNING_IDENTITY}")
-target_compile_options(vornet_macos_extension PRIVATE -fapplication-extension)
-
 if(CMAKE_GENERATOR STREQUAL "Xcode")
   set_target_properties(Kelvane PROPERTIES
     XCODE_EMBED_APP_EXTENSIONS VornetVIExt

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 #include <objc/runtime.h>
 
-#include <cstdlib>
+#include <algorithm>
 #include <regex>
 #include <thread>
 
@@ -61,6 +61,7 @@ class MacExtension : public testing::Test {
  protected:
   MacExtension() {
     standin::setGroupContainers(folder_ / "containers");
+    fs::create_directories(container());
     fs::create_directories(root() / "Å b");
     for (const char* name : {"synced", "failing", "strange", "Å b/1", "Å b/2"}) vornet::test::writeFile(root() / name, "");
     vornet::test::makeSyncDatabase(container() / vornet::App().SYNC_DB_NAME,
@@ -231,9 +232,16 @@ TEST_F(MacExtension, StopsAskingForAFolderThatLeftTheScreen) {
   ASSERT_TRUE(application.waitFor({"get_icons_for_folder", R"({"dir_name":"/Å b/"})"}));
   onThreadOfTheFinder([&] { [extension endObservingDirectoryAtURL:fileURL(root() / "Å b")]; });
 
+  const auto askedForFolder = [&] {
+    const auto bodies = application.bodies("get_icons_for_folder");
+    return std::count(bodies.begin(), bodies.end(), R"({"dir_name":"/Å b/"})");
+  };
   [extension beginObservingDirectoryAtURL:fileURL(root())];
   ASSERT_TRUE(application.waitFor({"get_icons_for_folder", R"({"dir_name":"/"})"}));
-  EXPECT_EQ(application.bodies("get_icons_for_folder").size(), 2U);
+  const auto before = askedForFolder();
+  [extension beginObservingDirectoryAtURL:fileURL(root() / "c")];  // asked for after every longer path on screen
+  ASSERT_TRUE(application.waitFor({"get_icons_for_folder", R"({"dir_name":"/c/"})"}));
+  EXPECT_EQ(askedForFolder(), before);
 
   const auto lines = logLines();
   EXPECT_THAT(lines, testing::Contains("[Info] [FinderSync] beginObservingDirectoryAtURL: Directory enter: " +
