@@ -63,20 +63,17 @@ class MacExtension : public testing::Test {
     standin::setGroupContainers(folder_ / "containers");
     fs::create_directories(container());
     fs::create_directories(root() / "Å b");
-    for (const char* name : {"synced", "failing", "strange", "Å b/1", "Å b/2"}) vornet::test::writeFile(root() / name, "");
+    for (const char* name : {"synced", "failing", "strange", "Å b/1", "Å b/2"})
+      vornet::test::writeFile(root() / name, "");
     vornet::test::makeSyncDatabase(container() / vornet::App().SYNC_DB_NAME,
                                    {{"/synced", 2}, {"/failing", 0}, {"/strange", 7}, {"/none", -1}});
   }
-  ~MacExtension() override {
-    standin::setSelection(std::nullopt);
-  }
+  ~MacExtension() override { standin::setSelection(std::nullopt); }
 
   fs::path root() const { return folder_.path() / "Kelvane"; }
   fs::path container() const { return folder_.path() / "containers" / vornet::App().APP_GROUP; }
 
-  void configure() const {
-    vornet::test::writePreferences(container() / vornet::App().KELVANE_PLIST, root());
-  }
+  void configure() const { vornet::test::writePreferences(container() / vornet::App().KELVANE_PLIST, root()); }
 
   /// The principal object, made as the system makes it. It lives on: the status manager keeps calling it.
   static id<FIFinderSync> makePrincipalObject() {
@@ -122,12 +119,12 @@ TEST_F(MacExtension, ThePropertyListNamesAPrincipalClassThatTheFrameworkTakes) {
 
 TEST_F(MacExtension, ThePrincipalClassAnswersEverySelectorItself) {
   Class principal = NSClassFromString([extensionKeys() objectForKey:@"NSExtensionPrincipalClass"]);
-  for (NSString* name in
+  for (NSString *name in
        [NSArray arrayWithObjects:@"init", @"setFileSyncStatus:status:", @"enableVI:", @"disableVI",
                                  @"beginObservingDirectoryAtURL:", @"endObservingDirectoryAtURL:",
                                  @"requestBadgeIdentifierForURL:", @"menuForMenuKind:", @"toolbarItemName",
-                                 @"toolbarItemToolTip", @"toolbarItemImage", @"share:", @"copyLink:", @"notes:",
-                                 @"viewVersions:", @"viewInCloud:", nil]) {
+                                 @"toolbarItemToolTip", @"toolbarItemImage",
+                                 @"share:", @"copyLink:", @"notes:", @"viewVersions:", @"viewInCloud:", nil]) {
     const SEL selector = NSSelectorFromString(name);
     EXPECT_TRUE([principal instancesRespondToSelector:selector]) << text(name);
     EXPECT_NE([principal instanceMethodForSelector:selector], [FIFinderSync instanceMethodForSelector:selector])
@@ -162,7 +159,8 @@ TEST_F(MacExtension, StaysIdleWithoutPreferences) {
   ASSERT_TRUE(extension);
   EXPECT_THAT(standin::observedFolders(), IsEmpty());
   EXPECT_FALSE([extension menuForMenuKind:FIMenuKindContextualMenuForItems]);
-  EXPECT_EQ(logLines().back(), "[Info] [RESTPollingManager] setupLocalRoot: Skipping initialization, Kevlane not configured");
+  EXPECT_EQ(logLines().back(),
+            "[Info] [RESTPollingManager] setupLocalRoot: Skipping initialization, Kevlane not configured");
 }
 
 TEST_F(MacExtension, StopsWithoutAGroupContainer) {
@@ -173,15 +171,15 @@ TEST_F(MacExtension, StopsWithoutAGroupContainer) {
 TEST_F(MacExtension, WritesItsStartToTheLogFile) {
   makeConfigured();
   const std::string process = std::to_string(::getpid());
-  EXPECT_THAT(logLines(),
-              ElementsAre("[Info] : VornetVIExt Version: 1.0.0 Build: 1 PID: " + process,
-                          "[Info] : XCGLogger Version: 1.8.1 - LogLevel: Info",
-                          "[Info] [Logging] setupLogger: Logger initialized on level: INFO",
-                          "[Info] [RESTPollingManager] start_listener: Starting REST status polling",
-                          "[Info] [FinderSync] init: Started new status manager",
-                          "[Info] [RESTPollingManager] enableVI: Initialized Kevlane Finder plugin for path " +
-                              root().string(),
-                          "[Info] [RESTPollingManager] setupLocalRoot: Finder plugin enabled"));
+  EXPECT_THAT(
+      logLines(),
+      ElementsAre("[Info] : VornetVIExt Version: 1.0.0 Build: 1 PID: " + process,
+                  "[Info] : XCGLogger Version: 1.8.1 - LogLevel: Info",
+                  "[Info] [Logging] setupLogger: Logger initialized on level: INFO",
+                  "[Info] [RESTPollingManager] start_listener: Starting REST status polling",
+                  "[Info] [FinderSync] init: Started new status manager",
+                  "[Info] [RESTPollingManager] enableVI: Initialized Kevlane Finder plugin for path " + root().string(),
+                  "[Info] [RESTPollingManager] setupLocalRoot: Finder plugin enabled"));
 }
 
 TEST_F(MacExtension, ASecondObjectRegistersTheBadgesAgainAndStartsNothing) {

@@ -42,8 +42,7 @@ struct SyncApplication::Impl {
 };
 
 SyncApplication::SyncApplication() : impl_(std::make_unique<Impl>()) {
-  impl_->server.Post("/.*",
-                     [this](const auto& request, auto& response) { impl_->respond(request, response); });
+  impl_->server.Post("/.*", [this](const auto& request, auto& response) { impl_->respond(request, response); });
   if (!impl_->server.bind_to_port(HOST, PORT)) throw std::runtime_error("the sync application's port is taken");
   impl_->thread = std::thread([this] { impl_->server.listen_after_bind(); });
   while (!impl_->server.is_running()) std::this_thread::yield();

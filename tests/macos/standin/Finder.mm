@@ -180,8 +180,8 @@ void replace(Class owner, SEL selector, IMP implementation) {
 @implementation VornetStandins
 
 + (void)load {
-  replace(object_getClass(objc_getClass("NSRunningApplication")),
-          @selector(runningApplicationsWithBundleIdentifier:), reinterpret_cast<IMP>(&runningApplications));
+  replace(object_getClass(objc_getClass("NSRunningApplication")), @selector(runningApplicationsWithBundleIdentifier:),
+          reinterpret_cast<IMP>(&runningApplications));
   Class panel = objc_getClass("NSMenuPanel");
   replace(panel, @selector(init), reinterpret_cast<IMP>(&nothing));
   replace(panel, @selector(initWithContentRect:styleMask:backing:defer:), reinterpret_cast<IMP>(&noPanel));
