@@ -40,15 +40,18 @@ message(STATUS "macOS host: programs for macOS are not linked here; its sources 
 # --- Syntax and bundle ----------------------------------------------------------------------------------------------
 set(layout "${CMAKE_BINARY_DIR}/macos/layout")
 set(folder "${CMAKE_SOURCE_DIR}/tests/macos")
+add_test(NAME macos.NothingIsLeftOfAnEarlierBundle COMMAND "${CMAKE_COMMAND}" -E rm -rf "${layout}")
 add_test(NAME macos.BundleIsConfigured
-  COMMAND "${CMAKE_COMMAND}" -S "${CMAKE_SOURCE_DIR}" -B "${layout}" -G Ninja --fresh
+  COMMAND "${CMAKE_COMMAND}" -S "${CMAKE_SOURCE_DIR}" -B "${layout}" -G Ninja
           "-DCMAKE_TOOLCHAIN_FILE=${folder}/MacLayout.cmake" "-DVORNET_CLANGXX=${VORNET_CLANGXX}"
           "-DVORNET_GNUSTEP_HEADERS=${VORNET_GNUSTEP_HEADERS}" "-DVORNET_CODESIGN=${folder}/commands/codesign"
           "-DVORNET_LIBRARY_ARCHITECTURE=${CMAKE_LIBRARY_ARCHITECTURE}")
-add_test(NAME macos.SourcesPassWithApplesObjectiveC COMMAND "${CMAKE_COMMAND}" --build "${layout}" --clean-first)
+add_test(NAME macos.SourcesPassWithApplesObjectiveC COMMAND "${CMAKE_COMMAND}" --build "${layout}")
 add_test(NAME macos.Bundle COMMAND "${Python3_EXECUTABLE}" -B "${folder}/bundle_test.py" "${CMAKE_SOURCE_DIR}" "${layout}")
 add_test(NAME macos.Install COMMAND "${Python3_EXECUTABLE}" -B "${folder}/install_test.py" "${CMAKE_SOURCE_DIR}" "${layout}")
-set_tests_properties(macos.BundleIsConfigured PROPERTIES FIXTURES_SETUP macos-configured TIMEOUT 120)
+set_tests_properties(macos.NothingIsLeftOfAnEarlierBundle PROPERTIES FIXTURES_SETUP macos-empty TIMEOUT 120)
+set_tests_properties(macos.BundleIsConfigured PROPERTIES
+  FIXTURES_REQUIRED macos-empty FIXTURES_SETUP macos-configured TIMEOUT 120)
 set_tests_properties(macos.SourcesPassWithApplesObjectiveC PROPERTIES
   FIXTURES_REQUIRED macos-configured FIXTURES_SETUP macos-layout TIMEOUT 600)
 set_tests_properties(macos.Bundle macos.Install PROPERTIES FIXTURES_REQUIRED macos-layout TIMEOUT 120)
