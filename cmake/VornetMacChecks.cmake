@@ -9,11 +9,12 @@ find_program(VORNET_CLANGXX NAMES clang++-14 clang++)
 find_path(VORNET_GNUSTEP_HEADERS AppKit/AppKit.h PATHS /usr/include/GNUstep)
 find_library(VORNET_GNUSTEP_GUI gnustep-gui)
 find_package(Python3 COMPONENTS Interpreter)
+find_program(VORNET_NINJA ninja)
 include(VornetObjectiveC)
 
 set(missing "")
 foreach(tool IN ITEMS VORNET_CLANGXX:clang VORNET_GNUSTEP_HEADERS:libgnustep-gui-dev VORNET_OBJC_HEADERS:libobjc-12-dev
-    VORNET_GNUSTEP_GUI:libgnustep-gui-dev Python3_EXECUTABLE:python3)
+    VORNET_GNUSTEP_GUI:libgnustep-gui-dev VORNET_NINJA:ninja-build Python3_EXECUTABLE:python3)
   string(REPLACE ":" ";" tool "${tool}")
   list(GET tool 0 variable)
   list(GET tool 1 package)
@@ -35,7 +36,7 @@ if(missing)
   message(STATUS "Checks of the macOS host left out: they need ${missing}")
   return()
 endif()
-message(STATUS "macOS host: programs for macOS are not linked here; its sources are checked, and run under GNUstep")
+message(STATUS "Cross-compiling the macOS host left out: no programs for macOS are linked here")
 
 # --- Syntax and bundle ----------------------------------------------------------------------------------------------
 set(layout "${CMAKE_BINARY_DIR}/macos/layout")
@@ -58,7 +59,7 @@ set_tests_properties(macos.Bundle macos.Install PROPERTIES FIXTURES_REQUIRED mac
 
 # --- GNUstep --------------------------------------------------------------------------------------------------------
 if(VORNET_SANITIZE)
-  message(STATUS "macOS host under GNUstep left out: it brings its own sanitized build, made from an unsanitized one")
+  message(STATUS "Running the macOS host under GNUstep left out: builds without sanitizers do it, with and without them")
   return()
 endif()
 include(ExternalProject)

@@ -170,10 +170,12 @@ TEST_F(MacExtension, StopsWithoutAGroupContainer) {
 
 TEST_F(MacExtension, WritesItsStartToTheLogFile) {
   makeConfigured();
+  const std::string version = text([[NSBundle mainBundle] objectForInfoDictionaryKey:@"CFBundleShortVersionString"]);
+  const std::string build = text([[NSBundle mainBundle] objectForInfoDictionaryKey:@"CFBundleVersion"]);
   const std::string process = std::to_string(::getpid());
   EXPECT_THAT(
       logLines(),
-      ElementsAre("[Info] : VornetVIExt Version: 1.0.0 Build: 1 PID: " + process,
+      ElementsAre("[Info] : VornetVIExt Version: " + version + " Build: " + build + " PID: " + process,
                   "[Info] : XCGLogger Version: 1.8.1 - LogLevel: Info",
                   "[Info] [Logging] setupLogger: Logger initialized on level: INFO",
                   "[Info] [RESTPollingManager] start_listener: Starting REST status polling",

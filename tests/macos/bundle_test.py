@@ -28,6 +28,13 @@ def constant(name):
     return re.search(rf'std::string {name} = "([^"]*)"', text).group(1)
 
 
+def version():
+    """The version and the build number that the build is told."""
+    text = (SOURCE / "CMakeLists.txt").read_text()
+    number = re.search(r"project\(VornetVI VERSION ([\d.]+)", text).group(1)
+    return number, re.search(r"VORNET_BUILD_NUMBER (\d+)", text).group(1)
+
+
 def files_below(folder):
     return {str(path.relative_to(folder)) for path in folder.rglob("*") if path.is_file()}
 
@@ -82,9 +89,9 @@ class PropertyLists(unittest.TestCase):
                 "CFBundleInfoDictionaryVersion": "6.0",
                 "CFBundleName": "VornetVIExt",
                 "CFBundlePackageType": "XPC!",
-                "CFBundleShortVersionString": "1.0.0",
+                "CFBundleShortVersionString": version()[0],
                 "CFBundleSupportedPlatforms": ["MacOSX"],
-                "CFBundleVersion": "1",
+                "CFBundleVersion": version()[1],
                 "LSMinimumSystemVersion": "11.0",
                 "LSUIElement": True,
                 "NSAppTransportSecurity": {"NSAllowsLocalNetworking": True},
@@ -107,9 +114,9 @@ class PropertyLists(unittest.TestCase):
                 "CFBundleInfoDictionaryVersion": "6.0",
                 "CFBundleName": "Kelvane",
                 "CFBundlePackageType": "APPL",
-                "CFBundleShortVersionString": "1.0.0",
+                "CFBundleShortVersionString": version()[0],
                 "CFBundleSupportedPlatforms": ["MacOSX"],
-                "CFBundleVersion": "1",
+                "CFBundleVersion": version()[1],
                 "LSMinimumSystemVersion": "11.0",
                 "NSPrincipalClass": "NSApplication",
             },
