@@ -1,6 +1,7 @@
 #include "SyncApplication.hpp"
 
 #include <httplib.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <chrono>
@@ -16,6 +17,12 @@ namespace {
 constexpr const char* HOST = "127.0.0.1";
 constexpr int PORT = 8806;
 constexpr std::chrono::seconds PATIENCE{30};
+
+/// Alone on the port: without the library's own options, which share it with any other server that has them.
+void takeThePortAlone(socket_t socket) {
+  const int yes = 1;
+  ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+}
 
 }  // namespace
 
@@ -43,7 +50,12 @@ struct SyncApplication::Impl {
 
 SyncApplication::SyncApplication() : impl_(std::make_unique<Impl>()) {
   impl_->server.Post("/.*", [this](const auto& request, auto& response) { impl_->respond(request, response); });
-  if (!impl_->server.bind_to_port(HOST, PORT)) throw std::runtime_error("the sync application's port is taken");
+  impl_->server.set_socket_options(&takeThePortAlone);
+  const auto end = std::chrono::steady_clock::now() + PATIENCE;
+  while (!impl_->server.bind_to_port(HOST, PORT)) {
+    if (std::chrono::steady_clock::now() > end) throw std::runtime_error("the sync application's port is taken");
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
   impl_->thread = std::thread([this] { impl_->server.listen_after_bind(); });
   while (!impl_->server.is_running()) std::this_thread::yield();
 }

@@ -10,7 +10,8 @@ namespace vornet::test {
 /// with status 404, and remembers what it was sent. Any thread.
 class SyncApplication {
  public:
-  /// Listens when the constructor returns. Throws std::runtime_error when the port is taken.
+  /// Listens when the constructor returns. Waits for the port; throws std::runtime_error when it stays taken for half a
+  /// minute.
   SyncApplication();
   ~SyncApplication();
   SyncApplication(const SyncApplication&) = delete;
