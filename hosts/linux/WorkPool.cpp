@@ -22,4 +22,9 @@ void WorkPool::join() {
   threads_.join();
 }
 
+void WorkPool::stop() {
+  threads_.stop();
+  threads_.join();
+}
+
 }  // namespace vornet::host

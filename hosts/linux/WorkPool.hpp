@@ -19,6 +19,9 @@ class WorkPool {
   /// Runs what was given, then ends the threads. Once, at the end.
   void join();
 
+  /// Lets what is running finish, drops what is waiting, then ends the threads. Once, instead of join().
+  void stop();
+
   boost::asio::thread_pool& threads() { return threads_; }
 
  private:

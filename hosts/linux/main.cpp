@@ -28,7 +28,8 @@ struct Run {
   }
 };
 
-void nameLost(GDBusConnection*, const gchar* name, gpointer run) {
+void nameLost(GDBusConnection* connection, const gchar* name, gpointer run) {
+  if (!connection || g_dbus_connection_is_closed(connection)) return;  // with the bus itself
   systemLog(std::string("the bus name ") + name + " is not to be had");
   static_cast<Run*>(run)->end(1);
 }

@@ -24,8 +24,8 @@ struct CurlDeleter {
 using CurlList = std::unique_ptr<curl_slist, CurlDeleter>;
 
 void initialiseCurl() {
-  static std::once_flag once;
-  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+  static std::once_flag once;  // without TLS: everything stays on this machine
+  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_NOTHING); });
 }
 
 /// The calling thread's handle: it keeps its connection from one request to the next.

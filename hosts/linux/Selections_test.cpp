@@ -1,0 +1,59 @@
+#include "Selections.hpp"
+
+#include <gtest/gtest.h>
+
+namespace vornet::host {
+namespace {
+
+using platform::FileURL;
+
+TEST(ReadURL, TakesFileURLsAndRefusesEverythingElse) {
+  EXPECT_EQ(*readURL("file:///a/b%20c")->path(), "/a/b c");
+  EXPECT_EQ(*readURL("file:///a/")->path(), "/a");
+  for (const char* text : {"", "/a", "http://127.0.0.1/a", "file://other/a", "file:///a%", "file:///a%0",
+                           "file:///a%zz", "file:///a%00b", "file:///a?b", "file:///a#b"}) {
+    EXPECT_FALSE(readURL(text)) << text;
+  }
+}
+
+TEST(ReadURL, RefusesDotComponentsAlsoWhenTheyAreEscaped) {
+  for (const char* text : {"file:///a/../b", "file:///a/..", "file:///./a", "file:///a/%2E%2e/b", "file:///.."}) {
+    EXPECT_FALSE(readURL(text)) << text;
+  }
+  for (const char* text : {"file:///a/..b", "file:///.a/b", "file:///a...", "file:///a/b..c"}) {
+    EXPECT_TRUE(readURL(text)) << text;
+  }
+}
+
+TEST(ReadURL, GivesAURLWithoutPathForANameThatIsNotUTF8) {
+  const auto url = readURL("file:///a/%FF");
+  ASSERT_TRUE(url);
+  EXPECT_FALSE(url->path());
+}
+
+TEST(Within, ComparesWholeComponents) {
+  const std::set<FileURL> roots = {FileURL::fileURLWithPath("/R"), FileURL::fileURLWithPath("/other/root")};
+  EXPECT_TRUE(isWithin(roots, "/R"));
+  EXPECT_TRUE(isWithin(roots, "/R/a/b"));
+  EXPECT_TRUE(isWithin(roots, "/other/root/x"));
+  EXPECT_FALSE(isWithin(roots, "/Rx"));
+  EXPECT_FALSE(isWithin(roots, "/"));
+  EXPECT_FALSE(isWithin(roots, "/other"));
+  EXPECT_FALSE(isWithin({}, "/R"));
+}
+
+TEST(Within, ARootIsNotBelowItself) {
+  const std::set<FileURL> roots = {FileURL::fileURLWithPath("/R")};
+  EXPECT_FALSE(isBelow(roots, "/R"));
+  EXPECT_TRUE(isBelow(roots, "/R/a"));
+}
+
+TEST(Within, TheRootOfTheFileSystemHoldsEverything) {
+  const std::set<FileURL> roots = {FileURL::fileURLWithPath("/")};
+  EXPECT_TRUE(isWithin(roots, "/"));
+  EXPECT_TRUE(isBelow(roots, "/a"));
+  EXPECT_FALSE(isBelow(roots, "/"));
+}
+
+}  // namespace
+}  // namespace vornet::host

@@ -1,0 +1,533 @@
+#include "extension/FinderSync.hpp"
+
+#include <gmock/gmock.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+
+#include "extension/AppConst.hpp"
+#include "logging/Logging.hpp"
+#include "platform/linux/FinderSyncHost.hpp"
+#include "platform/linux/Host.hpp"
+#include "rest/RESTPollingManager.hpp"
+#include "support/Databases.hpp"
+#include "support/Environment.hpp"
+#include "support/LogRecorder.hpp"
+#include "support/LoopbackServer.hpp"
+
+namespace vornet {
+namespace {
+
+using platform::FIFinderSyncController;
+using platform::FileURL;
+using platform::FIMenuKind;
+using platform::Image;
+using test::LogRecorder;
+using test::LoopbackServer;
+using test::WireReply;
+using test::WireRequest;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace host = platform::host;
+
+FileURL url(const std::string& path) {
+  return FileURL::fileURLWithPath(path);
+}
+
+class FinderSyncTest : public testing::Test {
+ protected:
+  FinderSyncTest() {
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
+    std::filesystem::create_directories(root + "/d");
+    test::writeFile(root + "/x", "");
+    test::writeFile(root + "/y", "");
+  }
+  ~FinderSyncTest() override {
+    if (statusManager()) statusManager()->stop_listener();
+    statusManager().reset();
+  }
+
+  void configure() const { test::writePreferences(environment.container() / "VornetKelvane.plist", root); }
+  void initConfigured() {
+    configure();
+    ASSERT_TRUE(sync.init());
+  }
+  FileURL item(const std::string& name) const { return url(root + "/" + name); }
+
+  /// The badge that a request for `name` sets; none when it sets none.
+  std::optional<std::string> badgeRequested(const std::string& name) {
+    const auto asked = item(name);
+    const host::BadgeRequest request(asked);
+    sync.requestBadgeIdentifierForURL(asked);
+    return request.answer();
+  }
+
+  LoopbackServer& serve(const std::string& body) {
+    return server.emplace([body](const WireRequest&) { return WireReply{.body = body}; });
+  }
+  std::vector<std::string> targets() const {
+    std::vector<std::string> result;
+    if (server) {
+      for (const auto& request : server->requests()) result.push_back(request.target);
+    }
+    return result;
+  }
+
+  test::Environment environment;
+  const std::string root = environment.folder() / "root";
+  LogRecorder log;
+  std::optional<LoopbackServer> server;
+  FinderSync sync;
+};
+
+using FinderSyncDeathTest = FinderSyncTest;
+
+// --- Construction ---------------------------------------------------------------------------------------------------
+
+TEST_F(FinderSyncTest, TheFirstControllerSetsUpLoggingAndTheManagerThenBadgesThenTheSyncedFolder) {
+  initConfigured();
+  ASSERT_TRUE(statusManager());
+  EXPECT_EQ(statusManager()->finderSync(), &sync);
+  EXPECT_TRUE(statusManager()->running());
+  std::vector<std::string> messages;
+  for (const auto& record : log.records()) {
+    if (record.logLevel == LogLevel::Info && !record.functionName.empty()) messages.push_back(record.logMessage);
+  }
+  EXPECT_THAT(messages, ElementsAre("Logger initialized on level: INFO", "Starting REST status polling",
+                                    "Started new status manager", "Initialized Kevlane Finder plugin for path " + root,
+                                    "Finder plugin enabled"));
+}
+
+TEST_F(FinderSyncTest, RegistersTheThreeBadgesInOrder) {
+  ASSERT_TRUE(sync.init());
+  const auto badges = host::registeredBadges();
+  ASSERT_EQ(badges.size(), 3u);
+  const char* expected[][3] = {
+      {"SKIPPED", "Not synced", "error"}, {"PENDING", "Sync in progress", "sync"}, {"SYNCED", "Synced", "checkmark"}};
+  for (std::size_t i = 0; i < 3; ++i) {
+    EXPECT_EQ(badges[i].identifier, expected[i][0]);
+    EXPECT_EQ(badges[i].label, expected[i][1]);
+    EXPECT_EQ(badges[i].image.name(), expected[i][2]);
+  }
+}
+
+TEST_F(FinderSyncTest, UnconfiguredItComesToLifeAndStaysIdle) {
+  ASSERT_TRUE(sync.init());
+  EXPECT_EQ(log.count(LogLevel::Info, "Skipping initialization, Kevlane not configured"), 1u);
+  EXPECT_THAT(FIFinderSyncController::defaultController().directoryURLs(), IsEmpty());
+  EXPECT_EQ(sync.menuForMenuKind(FIMenuKind::contextualMenuForItems), std::nullopt);
+}
+
+TEST_F(FinderSyncTest, ASecondControllerRegistersTheBadgesAgainAndMakesNoSecondManager) {
+  initConfigured();
+  const auto manager = statusManager();
+  auto& controller = FIFinderSyncController::defaultController();
+  for (const auto& badge : host::registeredBadges()) controller.setBadgeImage(Image(), "overwritten", badge.identifier);
+  log.clear();
+
+  FinderSync second;
+  ASSERT_TRUE(second.init());
+  EXPECT_EQ(statusManager(), manager);
+  EXPECT_EQ(manager->finderSync(), &sync) << "the manager keeps its link to the controller that made it";
+  EXPECT_THAT(log.messages(), Not(Contains("Started new status manager")));
+  EXPECT_THAT(log.messages(), Not(Contains("Logger initialized on level: INFO")));
+  for (const auto& badge : host::registeredBadges()) EXPECT_NE(badge.label, "overwritten");
+}
+
+TEST_F(FinderSyncTest, APlatformThatGivesNoObjectGivesNoControllerAndSetsNothingUp) {
+  struct Refused : FinderSync {
+    bool initBase() override { return false; }
+  } refused;
+  EXPECT_FALSE(refused.init());
+  EXPECT_FALSE(statusManager());
+  EXPECT_THAT(host::registeredBadges(), IsEmpty());
+  EXPECT_THAT(log.messages(), IsEmpty());
+}
+
+TEST_F(FinderSyncTest, WithAnotherExtensionRunningTheProcessEndsWithStatus0BeforeAnythingIsSetUp) {
+  // Another process enters itself as running and holds on until its standard input closes.
+  int ready[2];
+  int hold[2];
+  ASSERT_EQ(::pipe(ready), 0);
+  ASSERT_EQ(::pipe(hold), 0);
+  const pid_t other = ::fork();
+  if (other == 0) {
+    ::close(hold[1]);
+    platform::runningApplicationsWithBundleIdentifier(App().APP_CODENAME);
+    char byte = 'r';
+    if (::write(ready[1], &byte, 1) != 1) ::_exit(1);
+    while (::read(hold[0], &byte, 1) > 0) continue;
+    ::_exit(0);
+  }
+  char byte = 0;
+  ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+  configure();
+
+  int errors[2];
+  ASSERT_EQ(::pipe(errors), 0);
+  const pid_t duplicate = ::fork();
+  if (duplicate == 0) {
+    ::dup2(errors[1], STDERR_FILENO);
+    FinderSync second;
+    second.init();
+    ::_exit(99);  // not reached: the process has ended itself
+  }
+  ::close(errors[1]);
+  std::string said;
+  char buffer[4096];
+  for (ssize_t count; (count = ::read(errors[0], buffer, sizeof buffer)) > 0;) {
+    said.append(buffer, static_cast<std::size_t>(count));
+  }
+  int status = 0;
+  ASSERT_EQ(::waitpid(duplicate, &status, 0), duplicate);
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+  EXPECT_THAT(said, testing::HasSubstr("VornetVIExt already running"));
+  EXPECT_FALSE(std::filesystem::exists(environment.logFile()));
+
+  ::close(hold[1]);
+  ASSERT_EQ(::waitpid(other, &status, 0), other);
+  EXPECT_TRUE(sync.init()) << "the other one is gone, and its entry with it";
+}
+
+TEST_F(FinderSyncDeathTest, AMissingBadgeImageStopsTheProcess) {
+  host::setMainBundle({.identifier = "", .version = "", .build = "", .imageFolders = {}});
+  EXPECT_DEATH(sync.init(), "missing image resource: error");
+}
+
+TEST_F(FinderSyncTest, HoldsAClientOfItsOwn) {
+  sync.setClient(RESTClient());
+  static_cast<void>(sync.client());
+  EXPECT_TRUE(sync.init());
+}
+
+// --- Observing ------------------------------------------------------------------------------------------------------
+
+TEST_F(FinderSyncTest, ObservesExactlyTheSyncedFolder) {
+  initConfigured();
+  EXPECT_THAT(FIFinderSyncController::defaultController().directoryURLs(), ElementsAre(url(root)));
+}
+
+TEST_F(FinderSyncTest, EnablingReplacesTheObservedFoldersAndDisablingEmptiesThem) {
+  sync.enableVI({url("/a"), url("/b")});
+  EXPECT_THAT(FIFinderSyncController::defaultController().directoryURLs(), ElementsAre(url("/a"), url("/b")));
+  sync.enableVI({url("/c")});
+  EXPECT_THAT(FIFinderSyncController::defaultController().directoryURLs(), ElementsAre(url("/c")));
+  sync.disableVI();
+  EXPECT_THAT(FIFinderSyncController::defaultController().directoryURLs(), IsEmpty());
+}
+
+TEST_F(FinderSyncTest, BeginningAndEndingToObserveReachTheManagerAndTheLog) {
+  initConfigured();
+  sync.beginObservingDirectoryAtURL(item("d"));
+  EXPECT_EQ(log.count(LogLevel::Info, "Directory enter: " + root + "/d"), 1u);
+  EXPECT_THAT(statusManager()->currentDirs(), ElementsAre(root + "/d"));
+  sync.endObservingDirectoryAtURL(item("d"));
+  EXPECT_EQ(log.count(LogLevel::Info, "Directory exit: " + root + "/d"), 1u);
+  EXPECT_THAT(statusManager()->currentDirs(), IsEmpty());
+}
+
+TEST_F(FinderSyncDeathTest, ObservingAURLWithoutAPathStopsTheProcess) {
+  initConfigured();
+  EXPECT_DEATH(sync.beginObservingDirectoryAtURL(FileURL()), "without a path");
+  EXPECT_DEATH(sync.endObservingDirectoryAtURL(FileURL()), "without a path");
+}
+
+TEST_F(FinderSyncDeathTest, CallbacksWithoutAStatusManagerStopTheProcess) {
+  EXPECT_DEATH(sync.beginObservingDirectoryAtURL(item("d")), "no status manager");
+  EXPECT_DEATH(sync.endObservingDirectoryAtURL(item("d")), "no status manager");
+  EXPECT_DEATH(sync.requestBadgeIdentifierForURL(item("x")), "no status manager");
+  EXPECT_DEATH(sync.menuForMenuKind(FIMenuKind::contextualMenuForItems), "no status manager");
+}
+
+// --- Badges ---------------------------------------------------------------------------------------------------------
+
+TEST_F(FinderSyncTest, ABadgeRequestIsAnsweredBeforeItReturns) {
+  test::makeSyncDatabase(environment.container() / "sync.db", {{"/x", 2}, {"/y", 1}, {"/d/", 0}});
+  initConfigured();
+  EXPECT_EQ(badgeRequested("x"), "SYNCED");
+  EXPECT_EQ(badgeRequested("y"), "PENDING");
+  EXPECT_EQ(badgeRequested("d"), "SKIPPED");
+  EXPECT_EQ(log.count(LogLevel::Debug, "Requesting ICON for " + root + "/x"), 1u);
+}
+
+TEST_F(FinderSyncTest, CodeMinusOneClearsTheBadge) {
+  test::makeSyncDatabase(environment.container() / "sync.db", {});
+  initConfigured();
+  EXPECT_EQ(badgeRequested("x"), "");
+}
+
+TEST_F(FinderSyncTest, AnUnknownCodeLeavesTheBadgeOfARequestAsItWas) {
+  test::makeSyncDatabase(environment.container() / "sync.db", {{"/x", 7}});
+  initConfigured();
+  EXPECT_EQ(badgeRequested("x"), std::nullopt);
+}
+
+TEST_F(FinderSyncTest, NoCodeLeavesTheBadgeOfARequestAsItWas) {
+  initConfigured();
+  statusManager()->dirCache().enterNewDir("/");
+  statusManager()->dirCache().update("/", {{"/x", 2}});
+  EXPECT_EQ(badgeRequested("x"), "SYNCED");
+  EXPECT_EQ(badgeRequested("y"), std::nullopt);
+}
+
+TEST_F(FinderSyncTest, APushedStatusSetsItsBadgeAndAnUnknownOneClearsIt) {
+  ASSERT_TRUE(sync.init());
+  host::folderShown(root);
+  for (const auto& [code, badge] : std::vector<std::pair<std::int64_t, std::string>>{
+           {0, "SKIPPED"}, {1, "PENDING"}, {2, "SYNCED"}, {7, ""}, {2, "SYNCED"}, {-1, ""}, {2, "SYNCED"}, {-2, ""}}) {
+    sync.setFileSyncStatus(item("x"), code);
+    EXPECT_EQ(host::badgeIdentifier(item("x")), badge) << code;
+  }
+}
+
+TEST_F(FinderSyncTest, ABadgeRequestForAURLWithoutPathIsIgnoredAfterTheLogLine) {
+  const FileURL nothing;
+  const host::BadgeRequest request(nothing);
+  sync.requestBadgeIdentifierForURL(nothing);  // also without a status manager
+  EXPECT_EQ(request.answer(), std::nullopt);
+  EXPECT_THAT(log.messages(LogLevel::Debug), ElementsAre("Requesting ICON for nil"));
+}
+
+// --- Toolbar item ---------------------------------------------------------------------------------------------------
+
+TEST_F(FinderSyncTest, TheToolbarItemIsPresentAndEmpty) {
+  EXPECT_EQ(sync.toolbarItemName(), "");
+  EXPECT_EQ(sync.toolbarItemToolTip(), "");
+  EXPECT_TRUE(sync.toolbarItemImage().isEmpty());
+}
+
+// --- Menu -----------------------------------------------------------------------------------------------------------
+
+TEST_F(FinderSyncTest, TheMenuHasFiveEntriesInOrderWithTheProductImage) {
+  initConfigured();
+  serve(R"({"1":true,"2":true,"3":true,"4":true,"5":true})");
+  const std::vector<FileURL> selection = {item("x")};
+  const host::Selection selected(selection);
+  const auto menu = sync.menuForMenuKind(FIMenuKind::contextualMenuForItems);
+  ASSERT_TRUE(menu);
+  std::vector<std::pair<std::string, std::string>> entries;
+  for (const auto& entry : menu->items) {
+    entries.emplace_back(entry.title, entry.action);
+    EXPECT_TRUE(entry.enabled) << entry.title;
+    EXPECT_EQ(entry.image.name(), "QMT");
+  }
+  EXPECT_THAT(entries, ElementsAre(std::pair("Share", "share:"), std::pair("Copy Link", "copyLink:"),
+                                   std::pair("Comments", "notes:"), std::pair("View versions", "viewVersions:"),
+                                   std::pair("View in Cloud", "viewInCloud:")));
+}
+
+/// The titles of the menu's enabled entries.
+std::vector<std::string> enabledTitles(FinderSync& sync, const std::vector<FileURL>& selection) {
+  const host::Selection selected(selection);
+  std::vector<std::string> titles;
+  const auto menu = sync.menuForMenuKind(FIMenuKind::contextualMenuForItems);
+  if (!menu) return {"no menu"};
+  EXPECT_EQ(menu->items.size(), 5u);
+  for (const auto& entry : menu->items) {
+    if (entry.enabled) titles.push_back(entry.title);
+  }
+  return titles;
+}
+
+TEST_F(FinderSyncTest, EachKeyEnablesItsOwnEntry) {
+  initConfigured();
+  const std::pair<const char*, const char*> keys[] = {
+      {"1", "Share"}, {"2", "Copy Link"}, {"3", "View in Cloud"}, {"4", "Comments"}, {"5", "View versions"}};
+  for (const auto& [key, title] : keys) {
+    serve("{\"" + std::string(key) + "\":true}");
+    EXPECT_THAT(enabledTitles(sync, {item("x")}), ElementsAre(title));
+  }
+}
+
+TEST_F(FinderSyncTest, AbsentAndFalseKeysDisableTheirEntries) {
+  initConfigured();
+  serve(R"({"1": true, "3": false})");
+  EXPECT_THAT(enabledTitles(sync, {item("x")}), ElementsAre("Share"));
+}
+
+TEST_F(FinderSyncTest, TheMenuAsksForTheSelectionsCloudPathsAndLogsTheAnswer) {
+  initConfigured();
+  serve(R"({"1":true,"3":false})");
+  enabledTitles(sync, {item("x"), item("gone"), item("d")});
+  ASSERT_EQ(server->requests().size(), 1u);
+  EXPECT_EQ(server->requests()[0].target, "/mac_populate_menu");
+  EXPECT_EQ(server->requests()[0].body, R"({"paths":["/x","/d/"]})");
+  EXPECT_EQ(log.count(LogLevel::Debug, "Menu kind: FIMenuKind(rawValue: 0)"), 1u);
+  EXPECT_EQ(log.count(LogLevel::Debug, R"(File menu activation status: ["1": true, "3": false])"), 1u);
+}
+
+TEST_F(FinderSyncTest, WithoutSyncApplicationTheMenuIsShownWithAllEntriesDisabled) {
+  initConfigured();
+  EXPECT_THAT(enabledTitles(sync, {item("x")}), IsEmpty());
+  EXPECT_EQ(log.count(LogLevel::Debug, "File menu activation status: [:]"), 1u);
+}
+
+TEST_F(FinderSyncTest, OnlyTheMenuOfSelectedItemsIsOffered) {
+  initConfigured();
+  serve("{}");
+  const std::vector<FileURL> selection = {item("x")};
+  const host::Selection selected(selection);
+  for (const auto kind :
+       {FIMenuKind::contextualMenuForContainer, FIMenuKind::contextualMenuForSidebar, FIMenuKind::toolbarItemMenu}) {
+    EXPECT_EQ(sync.menuForMenuKind(kind), std::nullopt);
+  }
+  EXPECT_THAT(targets(), IsEmpty());
+}
+
+TEST_F(FinderSyncTest, UnconfiguredNoMenuIsOfferedAndNothingIsSent) {
+  ASSERT_TRUE(sync.init());
+  serve("{}");
+  const std::vector<FileURL> selection = {item("x")};
+  const host::Selection selected(selection);
+  EXPECT_EQ(sync.menuForMenuKind(FIMenuKind::contextualMenuForItems), std::nullopt);
+  EXPECT_THAT(targets(), IsEmpty());
+}
+
+TEST_F(FinderSyncDeathTest, AMenuOrActionWithoutSelectionStopsTheProcess) {
+  initConfigured();
+  EXPECT_DEATH(sync.menuForMenuKind(FIMenuKind::contextualMenuForItems), "no selection");
+  EXPECT_DEATH(sync.share(), "no selection");
+}
+
+TEST_F(FinderSyncDeathTest, AnActionWithoutSyncedFolderStopsTheProcess) {
+  ASSERT_TRUE(sync.init());
+  const std::vector<FileURL> selection = {item("x")};
+  const host::Selection selected(selection);
+  EXPECT_DEATH(sync.copyLink(), "without a synced folder");
+}
+
+// --- Actions --------------------------------------------------------------------------------------------------------
+
+class FinderSyncActionTest : public FinderSyncTest {
+ protected:
+  FinderSyncActionTest() {
+    initConfigured();
+    serve("{}");
+    log.clear();
+  }
+
+  void perform(void (FinderSync::*action)(), const std::vector<FileURL>& selection) {
+    const host::Selection selected(selection);
+    (sync.*action)();
+  }
+  std::vector<std::string> bodies() const {
+    std::vector<std::string> result;
+    for (const auto& request : server->requests()) result.push_back(request.body);
+    return result;
+  }
+};
+
+TEST_F(FinderSyncActionTest, ShareAndCopyLinkSendAnyNumberOfItemsAlsoNone) {
+  perform(&FinderSync::share, {item("x"), item("y")});
+  perform(&FinderSync::copyLink, {item("d")});
+  perform(&FinderSync::share, {item("gone")});
+  perform(&FinderSync::copyLink, {});
+  EXPECT_THAT(bodies(), ElementsAre(R"({"uid":"1","paths":["/x","/y"]})", R"({"uid":"2","paths":["/d/"]})",
+                                    R"({"uid":"1","paths":[]})", R"({"uid":"2","paths":[]})"));
+  EXPECT_THAT(log.messages(), IsEmpty());
+}
+
+TEST_F(FinderSyncActionTest, CommentsAndVersionsInsistOnExactlyOneItem) {
+  perform(&FinderSync::notes, {item("x")});
+  perform(&FinderSync::viewVersions, {item("y"), item("gone")});
+  EXPECT_THAT(bodies(), ElementsAre(R"({"uid":"4","paths":["/x"]})", R"({"uid":"5","paths":["/y"]})"));
+  EXPECT_THAT(log.messages(), IsEmpty());
+
+  perform(&FinderSync::notes, {item("x"), item("y")});
+  perform(&FinderSync::notes, {});
+  perform(&FinderSync::viewVersions, {item("x"), item("y"), item("d")});
+  perform(&FinderSync::viewVersions, {item("gone")});
+  EXPECT_EQ(bodies().size(), 2u);
+  EXPECT_THAT(log.messages(LogLevel::Debug),
+              ElementsAre("Unable to view notes, 2 files selected", "Unable to view notes, 0 files selected",
+                          "Unable to view versions, 3 files selected", "Unable to view versions, 0 files selected"));
+}
+
+TEST_F(FinderSyncActionTest, ViewInCloudRefusesOnlyAnEmptySelectionAndSilently) {
+  perform(&FinderSync::viewInCloud, {item("x"), item("d")});
+  EXPECT_THAT(bodies(), ElementsAre(R"({"uid":"3","paths":["/x","/d/"]})"));
+  EXPECT_THAT(log.messages(LogLevel::Debug), ElementsAre(R"(View in cloud triggered for: ["/x", "/d/"])"));
+  log.clear();
+  perform(&FinderSync::viewInCloud, {item("gone"), item("vanished")});
+  perform(&FinderSync::viewInCloud, {});
+  EXPECT_EQ(bodies().size(), 1u);
+  EXPECT_THAT(log.messages(), IsEmpty());
+}
+
+// --- Selectors ------------------------------------------------------------------------------------------------------
+
+TEST_F(FinderSyncActionTest, EveryMenuActionIsPerformedByItsSelector) {
+  const std::vector<FileURL> selection = {item("x")};
+  const host::Selection selected(selection);
+  for (const char* selector : {"share:", "copyLink:", "viewInCloud:", "notes:", "viewVersions:"}) {
+    EXPECT_TRUE(FinderSync::isMenuAction(selector));
+    sync.performSelector(selector, {SelectorObject()});
+  }
+  EXPECT_THAT(bodies(), ElementsAre(R"({"uid":"1","paths":["/x"]})", R"({"uid":"2","paths":["/x"]})",
+                                    R"({"uid":"3","paths":["/x"]})", R"({"uid":"4","paths":["/x"]})",
+                                    R"({"uid":"5","paths":["/x"]})"));
+}
+
+TEST_F(FinderSyncActionTest, EveryCallbackIsPerformedByItsSelector) {
+  auto& finder = FIFinderSyncController::defaultController();
+  sync.performSelector("beginObservingDirectoryAtURL:", {SelectorObject(item("d"))});
+  EXPECT_THAT(statusManager()->currentDirs(), ElementsAre(root + "/d"));
+  sync.performSelector("endObservingDirectoryAtURL:", {SelectorObject(item("d"))});
+  EXPECT_THAT(statusManager()->currentDirs(), IsEmpty());
+
+  host::folderShown(root);
+  sync.performSelector("setFileSyncStatus:status:", {SelectorObject(item("x")), SelectorObject(std::int64_t{1})});
+  EXPECT_EQ(host::badgeIdentifier(item("x")), "PENDING");
+  statusManager()->dirCache().enterNewDir("/");
+  statusManager()->dirCache().update("/", {{"/x", 2}});
+  sync.performSelector("requestBadgeIdentifierForURL:", {SelectorObject(item("x"))});
+  EXPECT_EQ(host::badgeIdentifier(item("x")), "SYNCED");
+
+  EXPECT_EQ(std::get<std::string>(sync.performSelector("toolbarItemName")), "");
+  EXPECT_EQ(std::get<std::string>(sync.performSelector("toolbarItemToolTip")), "");
+  EXPECT_TRUE(std::get<Image>(sync.performSelector("toolbarItemImage")).isEmpty());
+
+  const std::vector<FileURL> selection = {item("x")};
+  const host::Selection selected(selection);
+  using OptionalMenu = std::optional<platform::ContextMenu>;
+  EXPECT_TRUE(std::get<OptionalMenu>(sync.performSelector("menuForMenuKind:", {SelectorObject(std::int64_t{0})})));
+  EXPECT_FALSE(std::get<OptionalMenu>(sync.performSelector("menuForMenuKind:", {SelectorObject(std::int64_t{1})})));
+
+  sync.performSelector("enableVI:", {std::vector<SelectorObject>{url("/a"), url("/b")}});
+  EXPECT_THAT(finder.directoryURLs(), ElementsAre(url("/a"), url("/b")));
+  sync.performSelector("disableVI");
+  EXPECT_THAT(finder.directoryURLs(), IsEmpty());
+}
+
+TEST_F(FinderSyncTest, RespondsToItsSelectorsAndToNoOthers) {
+  for (const char* selector :
+       {"setFileSyncStatus:status:", "disableVI", "enableVI:", "beginObservingDirectoryAtURL:",
+        "endObservingDirectoryAtURL:", "requestBadgeIdentifierForURL:", "toolbarItemName", "toolbarItemToolTip",
+        "toolbarItemImage", "menuForMenuKind:", "viewInCloud:", "notes:", "viewVersions:", "share:", "copyLink:"}) {
+    EXPECT_TRUE(FinderSync::respondsToSelector(selector)) << selector;
+  }
+  for (const char* selector : {"", "share", "Share:", "enableVI", "disableVI:", "init:"}) {
+    EXPECT_FALSE(FinderSync::respondsToSelector(selector)) << selector;
+  }
+  EXPECT_FALSE(FinderSync::isMenuAction("enableVI:"));
+  EXPECT_FALSE(FinderSync::isMenuAction("share"));
+}
+
+TEST_F(FinderSyncDeathTest, AnElementThatIsNotAURLGivenToEnableVIStopsTheProcess) {
+  EXPECT_DEATH(sync.performSelector("enableVI:", {std::vector<SelectorObject>{url("/a"), std::string("/b")}}),
+               "not a URL");
+}
+
+TEST_F(FinderSyncDeathTest, UnknownSelectorsAndArgumentsOfAnotherKindStopTheProcess) {
+  EXPECT_DEATH(sync.performSelector("share"), "unknown selector: share");
+  EXPECT_DEATH(sync.performSelector("setFileSyncStatus:status:", {SelectorObject(url("/a"))}), "not a number");
+  EXPECT_DEATH(sync.performSelector("enableVI:", {SelectorObject(url("/a"))}), "takes a set");
+}
+
+}  // namespace
+}  // namespace vornet

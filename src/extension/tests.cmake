@@ -1,0 +1,3 @@
+vornet_test(vornet_extension_test PORT
+  SOURCES extension/FinderSync_test.cpp
+  LIBRARIES vornet_core vornet_test_support)

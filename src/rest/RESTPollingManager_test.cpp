@@ -1,0 +1,559 @@
+#include "rest/RESTPollingManager.hpp"
+
+#include <gmock/gmock.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <future>
+
+#include "extension/AppConst.hpp"
+#include "paths/JSON.hpp"
+#include "support/Databases.hpp"
+#include "support/Environment.hpp"
+#include "support/LogRecorder.hpp"
+#include "support/LoopbackServer.hpp"
+
+namespace vornet {
+namespace {
+
+using platform::FileURL;
+using test::LogRecorder;
+using test::LoopbackServer;
+using test::WireReply;
+using test::WireRequest;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+using testing::UnorderedElementsAre;
+
+using namespace std::chrono_literals;
+
+constexpr auto PATIENCE = 30s;
+constexpr auto SHORT = 20ms;  // a polling interval that a test can wait for
+constexpr auto NEVER = 1h;    // one that no test reaches: what happens, happens because of a signal
+
+FileURL url(const std::string& path) {
+  return FileURL::fileURLWithPath(path);
+}
+
+/// Records what the manager asks of the extension's controller.
+class Controller : public FinderSyncController {
+ public:
+  void setFileSyncStatus(const FileURL& item, std::int64_t status) override {
+    const std::lock_guard guard(lock_);
+    pushes_.emplace_back(*item.path(), status);
+    changed_.notify_all();
+  }
+  void enableVI(const std::set<FileURL>& dirs) override {
+    const std::lock_guard guard(lock_);
+    observed_ = dirs;
+  }
+
+  using Pushes = std::vector<std::pair<std::string, std::int64_t>>;
+  Pushes pushes() const {
+    const std::lock_guard guard(lock_);
+    return pushes_;
+  }
+  std::set<FileURL> observed() const {
+    const std::lock_guard guard(lock_);
+    return observed_;
+  }
+  bool waitForPushes(std::size_t count) const {
+    std::unique_lock guard(lock_);
+    return changed_.wait_for(guard, PATIENCE, [&] { return pushes_.size() >= count; });
+  }
+
+ private:
+  mutable std::mutex lock_;
+  mutable std::condition_variable changed_;
+  Pushes pushes_;
+  std::set<FileURL> observed_;
+};
+
+/// The folder that a request asks for.
+std::string dirName(const WireRequest& request) {
+  return std::string(fromJSON(request.body).at("dir_name").as_string());
+}
+
+std::vector<std::string> dirNames(const std::vector<WireRequest>& requests) {
+  std::vector<std::string> names;
+  for (const auto& request : requests) names.push_back(dirName(request));
+  return names;
+}
+
+class RESTPollingManagerTest : public testing::Test {
+ protected:
+  ~RESTPollingManagerTest() override {
+    if (manager) manager->stop_listener();
+  }
+
+  void make(std::chrono::duration<double> interval) {
+    manager = std::make_shared<RESTPollingManager>(interval);
+    manager->setFinderSync(&controller);
+  }
+  void makeConfigured(std::chrono::duration<double> interval) {
+    make(interval);
+    manager->enableVI("/R");
+  }
+
+  LoopbackServer& serve(LoopbackServer::Answer answer) { return server.emplace(std::move(answer)); }
+  LoopbackServer& serve(const std::string& body, int code = 200) {
+    return serve([=](const WireRequest&) { return WireReply{.status = code, .body = body}; });
+  }
+
+  // For the server's answers, which go on after a test's own variables are gone.
+  std::atomic<int> pass{0};
+  std::atomic<int> status{200};
+  test::Environment environment;
+  LogRecorder log;
+  Controller controller;
+  std::optional<LoopbackServer> server;
+  std::shared_ptr<RESTPollingManager> manager;
+};
+
+using RESTPollingManagerDeathTest = RESTPollingManagerTest;
+
+TEST_F(RESTPollingManagerTest, BeginsIdleAndUnconfigured) {
+  make(RESTPollingManager::POLLING_INTERVAL);
+  EXPECT_FALSE(manager->running());
+  EXPECT_FALSE(manager->menuEnabled());
+  EXPECT_EQ(manager->rootDir(), nullptr);
+  EXPECT_THAT(manager->currentDirs(), IsEmpty());
+  EXPECT_THAT(manager->pendingUpdates(), IsEmpty());
+  EXPECT_EQ(manager->dirCache().maxSize(), 50u);
+  EXPECT_EQ(RESTPollingManager::POLLING_INTERVAL.count(), 5.0);
+  EXPECT_EQ(RESTPollingManager::MAX_CACHE_DIRS, 50u);
+  EXPECT_FALSE(RESTPollingManager().finderSync());
+}
+
+// --- Finding the synced folder --------------------------------------------------------------------------------------
+
+TEST_F(RESTPollingManagerTest, AdoptsTheSyncedFolderOfThePreferences) {
+  test::writePreferences(environment.container() / "VornetKelvane.plist", "/home/ann/Kelvane");
+  make(NEVER);
+  EXPECT_TRUE(manager->setupLocalRoot());
+  EXPECT_TRUE(manager->menuEnabled());
+  EXPECT_EQ(*manager->rootDir(), url("/home/ann/Kelvane"));
+  EXPECT_EQ(manager->rootDir()->description(), "file:///home/ann/Kelvane/") << "it is the URL of a folder";
+  EXPECT_EQ(manager->menu().rootDir(), url("/home/ann/Kelvane"));
+  EXPECT_THAT(controller.observed(), ElementsAre(url("/home/ann/Kelvane")));
+  EXPECT_THAT(log.messages(LogLevel::Info),
+              ElementsAre("Initialized Kevlane Finder plugin for path /home/ann/Kelvane", "Finder plugin enabled"));
+}
+
+TEST_F(RESTPollingManagerTest, StaysIdleWithoutPreferencesAndSucceedsOnceTheyExist) {
+  make(NEVER);
+  EXPECT_FALSE(manager->setupLocalRoot());
+  EXPECT_FALSE(manager->menuEnabled());
+  EXPECT_THAT(log.messages(LogLevel::Info), ElementsAre("Skipping initialization, Kevlane not configured"));
+  test::writePreferences(environment.container() / "VornetKelvane.plist", "/R");
+  EXPECT_TRUE(manager->setupLocalRoot());
+  EXPECT_TRUE(manager->menuEnabled());
+}
+
+TEST_F(RESTPollingManagerTest, StaysIdleWithUnreadablePreferences) {
+  make(NEVER);
+  for (const char* content : {"", "no property list", "<plist><dict><key>root_dir</key>"}) {
+    log.clear();
+    test::writeFile(environment.container() / "VornetKelvane.plist", content);
+    EXPECT_FALSE(manager->setupLocalRoot()) << content;
+    EXPECT_THAT(log.messages(LogLevel::Info), ElementsAre("Skipping initialization, Kevlane not configured"));
+  }
+}
+
+TEST_F(RESTPollingManagerTest, KeepsTheSyncedFolderOnceItIsKnown) {
+  test::writePreferences(environment.container() / "VornetKelvane.plist", "/R");
+  make(NEVER);
+  ASSERT_TRUE(manager->setupLocalRoot());
+  test::writePreferences(environment.container() / "VornetKelvane.plist", "/other");
+  log.clear();
+  EXPECT_TRUE(manager->setupLocalRoot());
+  EXPECT_EQ(*manager->rootDir(), url("/R"));
+  EXPECT_THAT(log.messages(), IsEmpty());
+}
+
+TEST_F(RESTPollingManagerDeathTest, PreferencesWithoutTextUnderRootDirStopTheProcess) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  make(NEVER);
+  for (const char* dictionary :
+       {"", "<key>root_dir</key><integer>1</integer>", "<key>other</key><string>/R</string>"}) {
+    test::writeFile(environment.container() / "VornetKelvane.plist",
+                    std::string("<plist version=\"1.0\"><dict>") + dictionary + "</dict></plist>");
+    EXPECT_DEATH(manager->setupLocalRoot(), "root_dir") << dictionary;
+  }
+}
+
+TEST_F(RESTPollingManagerDeathTest, AnAbsentGroupContainerStopsTheProcess) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  make(NEVER);
+  const test::ScopedVariable nowhere("VORNET_GROUP_CONTAINERS", "/dev/null/containers");
+  EXPECT_DEATH(manager->setupLocalRoot(), "group container");
+}
+
+TEST_F(RESTPollingManagerDeathTest, EnablingWithoutAControllerStopsTheProcess) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  EXPECT_DEATH(RESTPollingManager().enableVI("/R"), "without a controller");
+}
+
+// --- Badges ---------------------------------------------------------------------------------------------------------
+
+TEST_F(RESTPollingManagerTest, AnswersBadgesFromTheDatabaseUntilTheFolderIsFilledAndFromTheCacheThen) {
+  test::makeSyncDatabase(environment.container() / "sync.db", {{"/a/x", 1}, {"/a/d/", 0}});
+  serve(R"({"/a/x":2})");
+  makeConfigured(NEVER);
+  EXPECT_EQ(manager->badgeFromCache(url("/R/a/x")), 1);
+  EXPECT_EQ(manager->badgeFromCache(url("/R/a/d")), 0);
+  EXPECT_EQ(manager->badgeFromCache(url("/R/a/unknown")), -1);
+  EXPECT_EQ(log.count(LogLevel::Debug, "Fetching badge for: file:///R/a/x"), 1u);
+
+  manager->start_listener();
+  manager->dirEnter("/R/a");
+  ASSERT_TRUE(log.waitFor(LogLevel::Debug, "Updated: [:]"));
+  EXPECT_EQ(manager->badgeFromCache(url("/R/a/x")), 2);
+  EXPECT_EQ(manager->badgeFromCache(url("/R/a/unknown")), std::nullopt);
+}
+
+TEST_F(RESTPollingManagerTest, AnswersBadgesWithoutWaitingForARequestOfTheWorker) {
+  serve([](const WireRequest&) { return WireReply{.manner = WireReply::Manner::stall}; });
+  makeConfigured(NEVER);
+  manager->start_listener();
+  manager->dirEnter("/R/a");
+  ASSERT_TRUE(server->waitForRequests(1));
+  // The worker's request goes on until this test's end: what follows would never return if it waited for it.
+  EXPECT_EQ(manager->badgeFromCache(url("/R/a/x")), -1);
+  manager->dirEnter("/R/b");
+  manager->dirExit("/R/b");
+  EXPECT_TRUE(manager->menuEnabled());
+  EXPECT_EQ(log.count(LogLevel::Warning, "Skipping get_icons_for_fodler, ds not connected"), 0u);
+}
+
+TEST_F(RESTPollingManagerDeathTest, ABadgeAskedForWithoutSyncedFolderStopsTheProcess) {
+  testing::GTEST_FLAG(death_test_style) = "threadsafe";
+  make(NEVER);
+  EXPECT_DEATH(manager->badgeFromCache(url("/R/x")), "synced folder is not known");
+}
+
+// --- The worker -----------------------------------------------------------------------------------------------------
+
+TEST_F(RESTPollingManagerTest, TheFirstFillPushesNothingAndLaterChangesArePushed) {
+  serve([this](const WireRequest&) {
+    return WireReply{.body = ++pass == 1 ? R"({"/a/x":1,"/a/y":2})" : R"({"/a/x":2,"/a/y":2,"/a/n":0})"};
+  });
+  makeConfigured(SHORT);
+  manager->start_listener();
+  manager->dirEnter("/R/a");
+  ASSERT_TRUE(controller.waitForPushes(2));
+  EXPECT_THAT(controller.pushes(), UnorderedElementsAre(Pair("/R/a/x", 2), Pair("/R/a/n", 0)));
+  EXPECT_GE(log.count(LogLevel::Debug, "Updated: [:]"), 1u);
+  const auto messages = log.messages(LogLevel::Debug);
+  EXPECT_THAT(messages,
+              Contains(testing::AnyOf(R"(Updated: ["/a/x": 2, "/a/n": 0])", R"(Updated: ["/a/n": 0, "/a/x": 2])")));
+}
+
+TEST_F(RESTPollingManagerTest, PostsTheCloudPathWithOneSlashAndNoExtraHeaders) {
+  serve("{}");
+  makeConfigured(NEVER);
+  manager->start_listener();
+  manager->dirEnter("/R/a b");
+  ASSERT_TRUE(server->waitForRequests(1));
+  const auto request = server->requests()[0];
+  EXPECT_EQ(request.target, "/get_icons_for_folder");
+  EXPECT_EQ(request.body, R"({"dir_name":"/a b/"})");
+  EXPECT_THAT(request.header("Accept"), IsEmpty());
+}
+
+TEST_F(RESTPollingManagerTest, TheSyncedFolderItselfIsPolledAsASlash) {
+  serve("{}");
+  makeConfigured(NEVER);
+  manager->start_listener();
+  manager->dirEnter("/R");
+  ASSERT_TRUE(server->waitForRequests(1));
+  EXPECT_THAT(dirNames(server->requests()), ElementsAre("/"));
+}
+
+TEST_F(RESTPollingManagerTest, ANewFolderWakesTheWorkerAtOnceAndAllFoldersArePolledThen) {
+  serve("{}");
+  makeConfigured(NEVER);
+  manager->start_listener();
+  manager->dirEnter("/R/a");
+  ASSERT_TRUE(server->waitForRequests(1));
+  manager->dirEnter("/R/b/c");
+  ASSERT_TRUE(server->waitForRequests(3));
+  EXPECT_THAT(dirNames(server->requests()), ElementsAre("/a/", "/b/c/", "/a/"));
+}
+
+TEST_F(RESTPollingManagerTest, ASignalGivenWhileAPassIsRunningIsNotLost) {
+  const auto arrived = std::make_shared<std::promise<void>>();
+  std::promise<void> release;
+  serve([this, arrived, released = release.get_future().share()](const WireRequest&) {
+    if (++pass == 1) {
+      arrived->set_value();
+      released.wait();
+    }
+    return WireReply{.body = "{}"};
+  });
+  makeConfigured(NEVER);
+  manager->start_listener();
+  manager->dirEnter("/R/a");
+  ASSERT_EQ(arrived->get_future().wait_for(PATIENCE), std::future_status::ready);
+  manager->dirEnter("/R/bb");  // the worker is in its request, not in its wait
+  release.set_value();
+  ASSERT_TRUE(server->waitForRequests(3));
+  EXPECT_THAT(dirNames(server->requests()), ElementsAre("/a/", "/bb/", "/a/"));
+}
+
+TEST_F(RESTPollingManagerTest, EnteringAFilledFolderAgainDoesNotWakeTheWorker) {
+  serve("{}");
+  makeConfigured(NEVER);
+  manager->start_listener();
+  manager->dirEnter("/R/a");
+  ASSERT_TRUE(log.waitFor(LogLevel::Debug, "Updated: [:]"));
+  manager->dirExit("/R/a");
+  log.clear();
+  manager->dirEnter("/R/a");
+  EXPECT_THAT(log.messages(LogLevel::Debug), ElementsAre("Active Finder directories: 1"));
+  manager->dirEnter("/R/b");  // its signal is the first since: one pass comes of both
+  ASSERT_TRUE(server->waitForRequests(3));
+  EXPECT_THAT(dirNames(server->requests()), UnorderedElementsAre("/a/", "/a/", "/b/"));
+}
+
+TEST_F(RESTPollingManagerTest, AFolderOnScreenIsPolledAgainAfterEachInterval) {
+  serve("{}");
+  makeConfigured(SHORT);
+  manager->start_listener();
+  manager->dirEnter("/R/a");
+  EXPECT_TRUE(server->waitForRequests(4));
+}
+
+TEST_F(RESTPollingManagerTest, PollsLongestPathFirstByBytes) {
+  serve("{}");
+  makeConfigured(NEVER);
+  for (const char* dir : {"/R/a", "/R/a/bb", "/R/a/bb/c", "/R/a/\xC3\xA9\xC3\xA9"}) manager->dirEnter(dir);
+  manager->start_listener();
+  ASSERT_TRUE(server->waitForRequests(4));
+  // Four bytes in two letters: longer than two letters of one byte, shorter than "bb/c" by none.
+  const auto names = dirNames(server->requests());
+  EXPECT_THAT((std::vector<std::string>{names[2], names[3]}), ElementsAre("/a/bb/", "/a/"));
+  EXPECT_THAT((std::vector<std::string>{names[0], names[1]}), UnorderedElementsAre("/a/bb/c/", "/a/\xC3\xA9\xC3\xA9/"));
+}
+
+TEST_F(RESTPollingManagerTest, WithNothingOnScreenItPostsNothingAndSaysSoAfterEachInterval) {
+  serve("{}");
+  makeConfigured(SHORT);
+  manager->start_listener();
+  EXPECT_TRUE(log.waitFor(LogLevel::Debug, "Finder not monitoring any directory - skipping update", 3));
+  EXPECT_THAT(server->requests(), IsEmpty());
+}
+
+TEST_F(RESTPollingManagerTest, UnconfiguredTheWorkerOnlyWaits) {
+  make(SHORT);
+  manager->start_listener();
+  EXPECT_TRUE(log.waitFor(LogLevel::Debug, "Finder not monitoring any directory - skipping update", 2));
+}
+
+TEST_F(RESTPollingManagerTest, AFolderThatWasLeftIsNotPolledAnyMore) {
+  serve("{}");
+  makeConfigured(SHORT);
+  manager->start_listener();
+  manager->dirEnter("/R/a");
+  ASSERT_TRUE(server->waitForRequests(2));
+  manager->dirExit("/R/a");
+  EXPECT_THAT(manager->currentDirs(), IsEmpty());
+  manager->dirExit("/R/a");  // absent already: no error
+  // A pass that was under way may still ask once; then the worker finds nothing to do.
+  ASSERT_TRUE(log.waitFor(LogLevel::Debug, "Finder not monitoring any directory - skipping update"));
+  const auto asked = server->requests().size();
+  ASSERT_TRUE(log.waitFor(LogLevel::Debug, "Finder not monitoring any directory - skipping update", 4));
+  EXPECT_EQ(server->requests().size(), asked);
+  EXPECT_TRUE(manager->dirCache().node("/a/")) << "the cache keeps the folder's entry";
+}
+
+TEST_F(RESTPollingManagerTest, EnteringLogsTheRequestAndTheNumberOfFolders) {
+  makeConfigured(NEVER);
+  log.clear();
+  manager->dirEnter("/R/a");
+  EXPECT_THAT(log.messages(LogLevel::Debug),
+              ElementsAre("Request cacheUpdate for path: /a", "Active Finder directories: 1"));
+  manager->dirEnter("/R/a");
+  EXPECT_THAT(manager->currentDirs(), ElementsAre("/R/a"));
+}
+
+TEST_F(RESTPollingManagerTest, A404DropsTheFolderUntilItIsEnteredAnew) {
+  status = 404;
+  serve([this](const WireRequest&) { return WireReply{.status = status, .body = "{}"}; });
+  makeConfigured(SHORT);
+  manager->start_listener();
+  manager->dirEnter("/R/gone");
+  ASSERT_TRUE(log.waitFor(LogLevel::Info, "Directory /R/gone does not exist (404), ignoring subscription"));
+  ASSERT_TRUE(log.waitFor(LogLevel::Debug, "Finder not monitoring any directory - skipping update"));
+  EXPECT_THAT(manager->currentDirs(), IsEmpty());
+  EXPECT_EQ(server->requests().size(), 1u);
+  status = 200;
+  manager->dirEnter("/R/gone");
+  ASSERT_TRUE(server->waitForRequests(2));
+  EXPECT_THAT(manager->currentDirs(), ElementsAre("/R/gone"));
+}
+
+TEST_F(RESTPollingManagerTest, AnotherStatusKeepsTheFolderAndIsLoggedWithItsClosingParenthesis) {
+  serve("", 500);
+  makeConfigured(SHORT);
+  manager->start_listener();
+  manager->dirEnter("/R/a");
+  EXPECT_TRUE(log.waitFor(LogLevel::Info, "Cannot fetch directory status: unexpected HTTP code: 500)", 2));
+  EXPECT_THAT(manager->currentDirs(), ElementsAre("/R/a"));
+}
+
+TEST_F(RESTPollingManagerTest, WithoutSyncApplicationEachPollWarnsAndBadgesKeepTheirCachedValues) {
+  serve(R"({"/a/x":2})");
+  makeConfigured(SHORT);
+  manager->start_listener();
+  manager->dirEnter("/R/a");
+  ASSERT_TRUE(log.waitFor(LogLevel::Debug, "Updated: [:]"));
+  server.reset();
+  EXPECT_TRUE(log.waitFor(LogLevel::Warning, "Skipping get_icons_for_fodler, ds not connected", 2));
+  EXPECT_EQ(manager->badgeFromCache(url("/R/a/x")), 2);
+  EXPECT_THAT(controller.pushes(), IsEmpty());
+}
+
+TEST_F(RESTPollingManagerTest, AReplyThatIsNotJSONIsWarnedOfAndKeepsTheFolder) {
+  for (const char* body : {"", "no json", "{\"/a/x\":1", "3"}) {
+    serve(body);
+    makeConfigured(SHORT);
+    manager->start_listener();
+    manager->dirEnter("/R/a");
+    EXPECT_TRUE(log.waitFor(LogLevel::Warning, "Unable to parse VI status tuple from DS", 2)) << body;
+    manager->stop_listener();
+    log.clear();
+  }
+}
+
+TEST_F(RESTPollingManagerTest, AReplyOfAnotherShapeIsSkippedSilentlyAndStoresNothing) {
+  for (const char* body : {"[1,2]", R"({"/a/x":"2"})", R"({"/a/x":{"y":1}})", R"({"/a/x":1,"/a/y":true})",
+                           R"({"/a/x":1.5})", R"({"/a/x":null})", "[]"}) {
+    serve(body);
+    makeConfigured(SHORT);
+    manager->start_listener();
+    manager->dirEnter("/R/a");
+    ASSERT_TRUE(server->waitForRequests(3)) << body;
+    manager->stop_listener();
+    EXPECT_THAT(log.messages(LogLevel::Warning), IsEmpty()) << body;
+    EXPECT_FALSE(manager->dirCache().node("/a/")->populated()) << body;
+  }
+}
+
+TEST_F(RESTPollingManagerTest, OneFailingFolderDoesNotKeepTheOthersFromBeingPolled) {
+  serve([](const WireRequest& request) {
+    if (dirName(request) == "/long/path/") return WireReply{.status = 500};
+    return WireReply{.body = R"({"/a/x":1})"};
+  });
+  makeConfigured(NEVER);
+  manager->dirEnter("/R/long/path");
+  manager->dirEnter("/R/a");
+  manager->start_listener();
+  ASSERT_TRUE(log.waitFor(LogLevel::Debug, "Updated: [:]"));
+  EXPECT_THAT(dirNames(server->requests()), ElementsAre("/long/path/", "/a/"));
+}
+
+TEST_F(RESTPollingManagerTest, AFolderEvictedFromTheCacheIsPolledButStoresAndLogsNothing) {
+  serve(R"({"/x":1})");
+  makeConfigured(NEVER);
+  manager->dirEnter("/R/evicted");
+  for (int i = 0; i < 50; ++i) manager->dirEnter("/R/" + std::to_string(i));
+  ASSERT_FALSE(manager->dirCache().node("/evicted/"));
+  manager->start_listener();
+  ASSERT_TRUE(log.waitFor(LogLevel::Debug, "Updated: [:]", 50));
+  ASSERT_TRUE(server->waitForRequests(51));
+  EXPECT_THAT(dirNames(server->requests()), Contains("/evicted/"));
+  EXPECT_EQ(log.count(LogLevel::Debug, "Updated: [:]"), 50u);
+}
+
+TEST_F(RESTPollingManagerTest, StartingIsLoggedAndStoppingEndsTheWorkerFromItsWait) {
+  make(NEVER);
+  manager->start_listener();
+  EXPECT_TRUE(manager->running());
+  EXPECT_EQ(log.count(LogLevel::Info, "Starting REST status polling"), 1u);
+  manager->stop_listener();  // returns although the wait would be an hour long
+  EXPECT_FALSE(manager->running());
+}
+
+TEST_F(RESTPollingManagerTest, AWorkerCanBeStartedAgain) {
+  serve("{}");
+  makeConfigured(NEVER);
+  manager->start_listener();
+  manager->stop_listener();
+  manager->start_listener();
+  manager->dirEnter("/R/a");
+  EXPECT_TRUE(server->waitForRequests(1));
+}
+
+TEST_F(RESTPollingManagerTest, TheWorkerKeepsTheManagerAliveUntilItEnds) {
+  make(NEVER);
+  manager->start_listener();
+  const std::weak_ptr<RESTPollingManager> watched = manager;
+  RESTPollingManager* bare = manager.get();
+  manager.reset();
+  ASSERT_FALSE(watched.expired());
+  auto held = bare->shared_from_this();
+  held->stop_listener();
+  held.reset();
+  EXPECT_TRUE(watched.expired());
+}
+
+TEST_F(RESTPollingManagerTest, TheWorkerRunsAtBackgroundPriorityAndPushesFromItsOwnThread) {
+  struct Prioritised : Controller {
+    void setFileSyncStatus(const FileURL& item, std::int64_t status) override {
+      niceness = ::getpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()));
+      thread = ::gettid();
+      Controller::setFileSyncStatus(item, status);
+    }
+    std::atomic<int> niceness{-1};
+    std::atomic<pid_t> thread{0};
+  } prioritised;
+  serve([this](const WireRequest&) { return WireReply{.body = "{\"/a/x\":" + std::to_string(++pass % 3) + "}"}; });
+  makeConfigured(SHORT);
+  manager->setFinderSync(&prioritised);
+  manager->start_listener();
+  manager->dirEnter("/R/a");
+  EXPECT_TRUE(prioritised.waitForPushes(1));
+  EXPECT_GT(prioritised.niceness, ::getpriority(PRIO_PROCESS, static_cast<id_t>(::gettid())));
+  EXPECT_NE(prioritised.thread, ::gettid());
+  manager->stop_listener();
+}
+
+TEST_F(RESTPollingManagerTest, ClearingTheFoldersCacheDoesNothing) {
+  serve(R"({"/a/x":2})");
+  makeConfigured(NEVER);
+  manager->start_listener();
+  manager->dirEnter("/R/a");
+  ASSERT_TRUE(log.waitFor(LogLevel::Debug, "Updated: [:]"));
+  manager->clearDirCache();
+  EXPECT_EQ(manager->badgeFromCache(url("/R/a/x")), 2);
+}
+
+TEST_F(RESTPollingManagerTest, ManyThreadsEnterLeaveAndAskWhileTheWorkerPolls) {
+  serve([this](const WireRequest& request) {
+    const auto dir = dirName(request);
+    return WireReply{.body = "{\"" + dir + "x\":" + std::to_string(++pass % 3) + "}"};
+  });
+  makeConfigured(SHORT);
+  manager->start_listener();
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([this, i] {
+      for (int j = 0; j < 100; ++j) {
+        const std::string dir = "/R/" + std::to_string((i + j) % 60);
+        manager->dirEnter(dir);
+        manager->badgeFromCache(url(dir + "/x"));
+        if (j % 3 == 0) manager->dirExit(dir);
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_TRUE(controller.waitForPushes(10));
+}
+
+}  // namespace
+}  // namespace vornet

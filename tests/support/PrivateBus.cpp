@@ -1,0 +1,59 @@
+#include "support/PrivateBus.hpp"
+
+#include <chrono>
+#include <csignal>
+#include <stdexcept>
+#include <thread>
+
+#include "support/TemporaryFolder.hpp"
+
+namespace vornet::test {
+namespace {
+
+using namespace std::chrono_literals;
+constexpr auto PATIENCE = 30s;
+constexpr auto GLANCE = 5ms;
+
+}  // namespace
+
+PrivateBus::PrivateBus(const std::filesystem::path& folder) : folder_(folder) {
+  std::filesystem::create_directories(folder_);
+  const auto configuration = folder_ / "bus.conf";
+  writeFile(configuration, R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>unix:path=)" + (folder_ / "bus.socket").string() +
+                               R"(</listen>
+  <servicedir>)" VORNET_TEST_SERVICES R"(</servicedir>
+  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+</busconfig>
+)");
+  address_ = "unix:path=" + (folder_ / "bus.socket").string();
+  daemon_ = std::make_unique<StartedProgram>(
+      std::vector<std::string>{"dbus-daemon", "--nofork", "--nopidfile", "--print-address",
+                               "--config-file=" + configuration.string()},
+      std::vector<std::string>{"DBUS_SESSION_BUS_ADDRESS=" + address_}, output());
+  const auto until = std::chrono::steady_clock::now() + PATIENCE;
+  while (readFile(output()).find(address_) == std::string::npos) {  // printed once it listens
+    if (std::chrono::steady_clock::now() > until) throw std::runtime_error("no message bus: " + readFile(output()));
+    std::this_thread::sleep_for(GLANCE);
+  }
+}
+
+PrivateBus::~PrivateBus() {
+  stop();
+}
+
+void PrivateBus::stop() {
+  if (!daemon_) return;
+  daemon_->signal(SIGTERM);
+  daemon_->wait();
+  daemon_.reset();
+}
+
+}  // namespace vornet::test

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "support/StartedProgram.hpp"
+
+namespace vornet::test {
+
+/// A message bus of a test's own, which starts the extension of the build tree on demand. What it starts sees the
+/// environment that this process had when the bus was made.
+class PrivateBus {
+ public:
+  /// `folder`: where its files go.
+  explicit PrivateBus(const std::filesystem::path& folder);
+  ~PrivateBus();
+  PrivateBus(const PrivateBus&) = delete;
+  PrivateBus& operator=(const PrivateBus&) = delete;
+
+  const std::string& address() const { return address_; }
+
+  /// What the bus and the programs that it started wrote to standard output and standard error.
+  std::filesystem::path output() const { return folder_ / "bus.output"; }
+
+  /// Ends the bus.
+  void stop();
+
+ private:
+  std::filesystem::path folder_;
+  std::string address_;
+  std::unique_ptr<StartedProgram> daemon_;
+};
+
+}  // namespace vornet::test

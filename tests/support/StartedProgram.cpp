@@ -1,0 +1,70 @@
+#include "support/StartedProgram.hpp"
+
+#include <fcntl.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <stdexcept>
+#include <thread>
+
+namespace vornet::test {
+namespace {
+
+using namespace std::chrono_literals;
+constexpr auto PATIENCE = 30s;
+constexpr auto GLANCE = 5ms;
+
+std::vector<char*> pointers(std::vector<std::string>& texts) {
+  std::vector<char*> result;
+  for (auto& text : texts) result.push_back(text.data());
+  result.push_back(nullptr);
+  return result;
+}
+
+}  // namespace
+
+StartedProgram::StartedProgram(std::vector<std::string> arguments, std::vector<std::string> environment,
+                               const std::filesystem::path& output) {
+  for (char** variable = ::environ; *variable; ++variable) {
+    const std::string given(*variable);
+    const auto name = given.substr(0, given.find('=') + 1);
+    bool replaced = false;
+    for (const auto& entry : environment) replaced = replaced || entry.starts_with(name);
+    if (!replaced) environment.push_back(given);
+  }
+  posix_spawn_file_actions_t actions;
+  ::posix_spawn_file_actions_init(&actions);
+  ::posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+  ::posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+  ::posix_spawn_file_actions_adddup2(&actions, STDOUT_FILENO, STDERR_FILENO);
+  const int failure = ::posix_spawnp(&pid_, arguments[0].c_str(), &actions, nullptr, pointers(arguments).data(),
+                                     pointers(environment).data());
+  ::posix_spawn_file_actions_destroy(&actions);
+  if (failure != 0) throw std::runtime_error("cannot start " + arguments[0]);
+}
+
+StartedProgram::~StartedProgram() {
+  if (pid_ <= 0) return;
+  signal(SIGKILL);
+  ::waitpid(pid_, nullptr, 0);
+}
+
+void StartedProgram::signal(int number) const {
+  if (pid_ > 0) ::kill(pid_, number);
+}
+
+int StartedProgram::wait() {
+  const auto until = std::chrono::steady_clock::now() + PATIENCE;
+  int status = 0;
+  while (::waitpid(pid_, &status, WNOHANG) != pid_) {
+    if (std::chrono::steady_clock::now() > until) return -1;
+    std::this_thread::sleep_for(GLANCE);
+  }
+  pid_ = -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+}  // namespace vornet::test

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+namespace vornet::test {
+
+/// A child process. Killed and reaped at the end of its life, if it still runs.
+class StartedProgram {
+ public:
+  /// Starts `arguments` (program first) with this process's environment plus `environment` ("NAME=value"). Standard
+  /// output and standard error go to `output`, a file.
+  StartedProgram(std::vector<std::string> arguments, std::vector<std::string> environment,
+                 const std::filesystem::path& output);
+  ~StartedProgram();
+  StartedProgram(const StartedProgram&) = delete;
+  StartedProgram& operator=(const StartedProgram&) = delete;
+
+  pid_t pid() const { return pid_; }
+  void signal(int number) const;
+
+  /// Waits for its end, half a minute at most. The exit status; 128 + the signal's number when a signal ended it; -1
+  /// when it does not end.
+  int wait();
+
+ private:
+  pid_t pid_ = -1;
+};
+
+}  // namespace vornet::test

@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vornet::vi {
+
+enum class EntryKind { folder, file, link, other };
+
+/// The word for a kind: "folder", "file", "link", "other".
+const char* kindName(EntryKind kind);
+
+/// One entry of a folder. A link is a link, whatever it points to.
+struct Entry {
+  std::string name;  ///< any bytes but "/" and NUL
+  EntryKind kind = EntryKind::other;
+  std::uint64_t size = 0;  ///< bytes; 0 unless a file
+};
+
+/// An entry and the badge it carries: an identifier, "" for none.
+struct Item {
+  Entry entry;
+  std::string badge;
+};
+
+/// Throws Failure unless `path` is an existing folder that may be read.
+void requireFolder(const std::string& path);
+
+/// Throws Failure unless something, be it a broken link, exists at `path`.
+void requireExisting(const std::string& path);
+
+/// What lies in `folder`, hidden entries included, in no order. Throws Failure. An entry that vanishes meanwhile is
+/// left out.
+std::vector<Entry> readFolder(const std::string& folder);
+
+/// The entry `name` of `folder`; none when there is no such entry.
+std::optional<Entry> readEntry(const std::string& folder, const std::string& name);
+
+/// Folders first, then by name as the locale orders file names ("file2" before "file10").
+std::vector<Item> sortedItems(const std::map<std::string, Item>& items);
+
+}  // namespace vornet::vi

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Client.hpp"
+#include "Folder.hpp"
+#include "Output.hpp"
+#include "SyncApplication.hpp"
+#include "Table.hpp"
+
+namespace vornet::vi {
+
+/// Something that happened while a folder was watched.
+struct Change {
+  enum class Kind { badge, appeared, vanished };
+  Kind kind = Kind::badge;
+  Item item;        ///< as it is now; when it vanished: as it was
+  std::string was;  ///< the badge before; for Kind::badge
+};
+
+/// What `status` found out.
+struct Status {
+  bool canBeStarted = false;
+  std::optional<ExtensionProcess> process;  ///< none: the extension does not run
+  std::optional<ExtensionInfo> info;        ///< none: it does not run, or does not answer
+  SyncApplicationState syncApplication;
+};
+
+/// How results are shown; one implementation for each kind of reader. Whatever is shown is safe for a terminal.
+/// Not thread-safe. Operations may throw what Output throws.
+class Printer {
+ public:
+  virtual ~Printer() = default;
+  Printer(const Printer&) = delete;
+  Printer& operator=(const Printer&) = delete;
+
+  /// The badges that the extension has registered; call it before any of the following.
+  void useBadges(std::vector<Badge> badges) { badges_ = std::move(badges); }
+
+  /// The entries of `folder` in the order to show; `watched`: what follows are changes.
+  virtual void list(const std::string& folder, const std::vector<Item>& items, bool watched) = 0;
+  virtual void change(const std::string& folder, const Change& change) = 0;
+  /// While watching: the extension left, or is back.
+  virtual void extensionLeft() = 0;
+  virtual void extensionBack() = 0;
+  virtual void menu(const std::vector<MenuEntry>& entries) = 0;
+  virtual void performed(const MenuEntry& entry, const std::vector<std::string>& selection) = 0;
+  virtual void status(const Status& status) = 0;
+
+ protected:
+  explicit Printer(Output& output) : output_(output) {}
+
+  /// What a badge is called: its label as registered, the identifier itself when it is not.
+  std::string labelOf(const std::string& identifier) const;
+
+  Output& output_;
+  std::vector<Badge> badges_;
+};
+
+/// For people at a terminal: tables that fit `look.width`, colours, summaries.
+std::unique_ptr<Printer> makeTerminalPrinter(Output& output, const Look& look);
+/// For pipes and files: the same tables without headings, summaries and eliding; sizes in bytes.
+std::unique_ptr<Printer> makePlainPrinter(Output& output, const Look& look);
+/// For programs: one JSON object a line.
+std::unique_ptr<Printer> makeJSONPrinter(Output& output);
+
+}  // namespace vornet::vi

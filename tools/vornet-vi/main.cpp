@@ -1,0 +1,119 @@
+#include <curl/curl.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <clocale>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <memory>
+#include <string>
+
+#include "Client.hpp"
+#include "Commands.hpp"
+#include "DisplayText.hpp"
+#include "Folder.hpp"
+#include "Options.hpp"
+#include "PathURL.hpp"
+#include "Printer.hpp"
+#include "Watch.hpp"
+
+namespace {
+
+using vornet::vi::Look;
+using vornet::vi::Options;
+
+bool wantsColour(Options::Colour colour, bool isTerminal) {
+  switch (colour) {
+    case Options::Colour::always:
+      return true;
+    case Options::Colour::never:
+      return false;
+    case Options::Colour::automatic:
+      break;
+  }
+  const char* noColour = std::getenv("NO_COLOR");
+  const char* terminal = std::getenv("TERM");
+  return isTerminal && (noColour == nullptr || *noColour == '\0') &&
+         (terminal == nullptr || std::string{terminal} != "dumb");
+}
+
+std::unique_ptr<vornet::vi::Printer> makePrinter(const Options& options, vornet::vi::Output& output) {
+  if (options.json) {
+    return vornet::vi::makeJSONPrinter(output);
+  }
+  const bool isTerminal = isatty(output.descriptor()) != 0;
+  Look look;
+  look.colour = wantsColour(options.colour, isTerminal);
+  look.unicode = vornet::vi::localeIsUTF8();
+  if (!isTerminal) {
+    return vornet::vi::makePlainPrinter(output, look);
+  }
+  winsize size{};
+  const bool isKnown = ioctl(output.descriptor(), TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+  look.width = isKnown ? size.ws_col : 80;
+  return vornet::vi::makeTerminalPrinter(output, look);
+}
+
+std::string absolute(const std::string& given) {
+  if (given.empty()) {
+    throw vornet::vi::Failure{vornet::vi::FailureKind::local, "an empty path names nothing"};
+  }
+  return vornet::vi::absolutePath(given, vornet::vi::currentFolder());
+}
+
+void run(const Options& options, vornet::vi::Output& output) {
+  const auto printer = makePrinter(options, output);
+  std::vector<std::string> selection;
+  for (const std::string& path : options.paths) {
+    selection.push_back(absolute(path));
+    vornet::vi::requireExisting(selection.back());
+  }
+  const bool hasFolder = options.command == Options::Command::list || options.command == Options::Command::watch;
+  const std::string folder = hasFolder ? absolute(options.folder) : std::string{};
+  if (hasFolder) {
+    vornet::vi::requireFolder(folder);
+  }
+
+  vornet::vi::Client client{options.timeout};
+  switch (options.command) {
+    case Options::Command::list:
+      return vornet::vi::listFolder(client, *printer, folder);
+    case Options::Command::watch:
+      return vornet::vi::Watch{client, *printer, folder, output.descriptor()}.run(options.duration);
+    case Options::Command::menu:
+      return vornet::vi::showMenu(client, *printer, selection);
+    case Options::Command::perform:
+      return vornet::vi::performEntry(client, *printer, options.action, selection);
+    case Options::Command::status:
+      return vornet::vi::showStatus(client, *printer, options.start);
+  }
+}
+
+int complain(const char* message) {
+  const std::string line = "vornet-vi: " + vornet::vi::safeText(message, vornet::vi::localeIsUTF8()) + "\n";
+  std::fputs(line.c_str(), stderr);
+  return EXIT_FAILURE;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::setlocale(LC_ALL, "");
+  std::signal(SIGPIPE, SIG_IGN);
+  curl_global_init(CURL_GLOBAL_DEFAULT);
+  int exitCode = EXIT_SUCCESS;
+  try {
+    if (const auto options = vornet::vi::readOptions(argc, argv, exitCode)) {
+      vornet::vi::Output output{STDOUT_FILENO};
+      run(*options, output);
+    }
+  } catch (const vornet::vi::BrokenPipe&) {
+    exitCode = EXIT_SUCCESS;
+  } catch (const std::exception& error) {
+    exitCode = complain(error.what());
+  }
+  curl_global_cleanup();
+  return exitCode;
+}
