@@ -49,6 +49,9 @@ class FileURL {
   /// The file-system path without trailing slash ("/" for the root folder), if there is one.
   const std::optional<std::string>& path() const noexcept { return path_; }
 
+  /// Whether the URL is known to be of a folder; false also when nothing was said of it.
+  bool hasDirectoryPath() const noexcept { return isDirectory_; }
+
   /// The URL's text, percent-encoded ("file:///home/ann/a%20b"); empty without a path.
   std::string description() const;
 

@@ -1,0 +1,74 @@
+#import <FinderSync/FinderSync.h>
+
+#include "platform/FinderSync.hpp"
+#import "platform/macos/Cocoa.hpp"
+
+namespace {
+
+/// The framework's controller. Outside the seam's namespace, where its class has the same name.
+FIFinderSyncController* frameworkController() {
+  return [FIFinderSyncController defaultController];
+}
+
+}  // namespace
+
+namespace vornet::platform {
+
+/// Nothing: the framework keeps all of it.
+struct FIFinderSyncController::Impl {};
+
+FIFinderSyncController::FIFinderSyncController() = default;
+FIFinderSyncController::~FIFinderSyncController() = default;
+
+FIFinderSyncController& FIFinderSyncController::defaultController() {
+  // Never destroyed: background threads may set badges until the very end.
+  static FIFinderSyncController& controller = *new FIFinderSyncController;
+  return controller;
+}
+
+void FIFinderSyncController::setBadgeImage(const Image& image, std::string_view label, std::string_view identifier) {
+  @autoreleasepool {
+    [frameworkController() setBadgeImage:cocoa::image(image)
+                                   label:cocoa::string(label)
+                      forBadgeIdentifier:cocoa::string(identifier)];
+  }
+}
+
+void FIFinderSyncController::setBadgeIdentifier(std::string_view identifier, const FileURL& url) {
+  @autoreleasepool {
+    if (NSURL* item = cocoa::url(url)) {
+      [frameworkController() setBadgeIdentifier:cocoa::string(identifier) forURL:item];
+    }
+  }
+}
+
+std::set<FileURL> FIFinderSyncController::directoryURLs() const {
+  @autoreleasepool {
+    std::set<FileURL> urls;
+    for (NSURL* url in [frameworkController() directoryURLs]) urls.insert(cocoa::fileURL(url));
+    return urls;
+  }
+}
+
+void FIFinderSyncController::setDirectoryURLs(const std::set<FileURL>& urls) {
+  @autoreleasepool {
+    NSMutableSet<NSURL*>* set = [NSMutableSet set];
+    for (const auto& url : urls) {
+      if (NSURL* folder = cocoa::url(url)) [set addObject:folder];
+    }
+    [frameworkController() setDirectoryURLs:set];
+  }
+}
+
+std::optional<std::vector<FileURL>> FIFinderSyncController::selectedItemURLs() const {
+  @autoreleasepool {
+    NSArray<NSURL*>* selection = [frameworkController() selectedItemURLs];
+    if (!selection) return std::nullopt;
+    std::vector<FileURL> urls;
+    urls.reserve([selection count]);
+    for (NSURL* url in selection) urls.push_back(cocoa::fileURL(url));
+    return urls;
+  }
+}
+
+}  // namespace vornet::platform

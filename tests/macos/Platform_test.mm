@@ -1,0 +1,256 @@
+// The seam as it is implemented for macOS, against real files and real objects of Foundation.
+#import <Foundation/Foundation.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <set>
+#include <thread>
+
+#include "Finder.hpp"
+#include "platform/AppKit.hpp"
+#include "platform/Dispatch.hpp"
+#include "platform/FinderSync.hpp"
+#include "platform/Foundation.hpp"
+#import "platform/macos/Cocoa.hpp"
+#include "support/Databases.hpp"
+#include "support/TemporaryFolder.hpp"
+
+namespace vornet::platform {
+namespace {
+
+namespace fs = std::filesystem;
+using testing::ElementsAre;
+using testing::Optional;
+
+class MacPlatform : public testing::Test {
+ protected:
+  const AutoreleasePool pool_;
+  const test::TemporaryFolder folder_;
+};
+
+TEST_F(MacPlatform, TellsUTF8FromOtherBytes) {
+  for (const char* good : {"", "a", "å", "\xF0\x9F\x98\x80", "a\nb"}) EXPECT_TRUE(isValidUTF8(good)) << good;
+  for (const char* bad : {"\xC0\xAF", "\xED\xA0\x80", "\xF5\x80\x80\x80", "\xE2\x82", "\xFF", "\xF4\x90\x80\x80",
+                          "\xE0\x80\x80", "ok\x80"}) {
+    EXPECT_FALSE(isValidUTF8(bad)) << bad;
+  }
+  EXPECT_TRUE(isValidUTF8({"a\0b", 3}));
+}
+
+TEST_F(MacPlatform, TellsFilesFromFolders) {
+  test::writeFile(folder_ / "file", "x");
+  fs::create_symlink(folder_ / "file", folder_ / "link");
+  fs::create_symlink(folder_ / "nothing", folder_ / "dangling");
+  EXPECT_EQ(fileKindAtPath(folder_ / "file"), FileKind::file);
+  EXPECT_EQ(fileKindAtPath(folder_ / "link"), FileKind::file);
+  EXPECT_EQ(fileKindAtPath(folder_.path()), FileKind::directory);
+  EXPECT_EQ(fileKindAtPath(folder_ / "nothing"), FileKind::absent);
+  EXPECT_EQ(fileKindAtPath(folder_ / "dangling"), FileKind::absent);
+  EXPECT_EQ(fileKindAtPath(folder_ / "\xFF"), FileKind::absent);
+}
+
+TEST_F(MacPlatform, MakesFoldersWithThoseAboveThem) {
+  EXPECT_EQ(createDirectory(folder_ / "a/b/c"), std::nullopt);
+  EXPECT_EQ(createDirectory(folder_ / "a/b/c"), std::nullopt);
+  EXPECT_TRUE(fs::is_directory(folder_ / "a/b/c"));
+  test::writeFile(folder_ / "file", "");
+  EXPECT_THAT(createDirectory(folder_ / "file/a"), Optional(testing::Not("")));
+}
+
+TEST_F(MacPlatform, AFileThatIsMadeTakesThePlaceOfAnother) {
+  test::writeFile(folder_ / "log", "old");
+  EXPECT_TRUE(createFile(folder_ / "log"));
+  EXPECT_EQ(fs::file_size(folder_ / "log"), 0U);
+  EXPECT_FALSE(createFile(folder_ / "no/folder"));
+}
+
+TEST_F(MacPlatform, WritesWholeLinesFromSeveralThreadsAtTheEndOfAFile) {
+  const std::string path = folder_ / "log";
+  test::writeFile(path, "first\n");
+  std::string error;
+  const auto file = FileHandle::forWriting(path, error);
+  ASSERT_TRUE(file) << error;
+  std::vector<std::thread> threads;
+  for (const char letter : {'a', 'b', 'c'}) {
+    threads.emplace_back([&file, line = std::string(200, letter) + "\n"] {
+      for (int i = 0; i < 100; ++i) file->write(line);
+    });
+  }
+  for (auto& thread : threads) thread.join();
+
+  std::istringstream text(test::readFile(path));
+  std::size_t lines = 0;
+  std::string line;
+  std::getline(text, line);
+  EXPECT_EQ(line, "first");
+  while (std::getline(text, line)) {
+    EXPECT_EQ(line, std::string(200, line[0]));
+    ++lines;
+  }
+  EXPECT_EQ(lines, 300U);
+}
+
+TEST_F(MacPlatform, SaysWhyAFileCannotBeOpened) {
+  std::string error;
+  EXPECT_FALSE(FileHandle::forWriting(folder_ / "absent", error));
+  EXPECT_FALSE(fs::exists(folder_ / "absent"));
+}
+
+TEST_F(MacPlatform, ReadsPropertyListsInXMLAndInBinary) {
+  test::writePreferences(folder_ / "xml", "/Users/ann/Å b");
+  NSData* binary = [NSPropertyListSerialization
+      dataWithPropertyList:[NSDictionary dictionaryWithObjectsAndKeys:@"/Users/bo", @"root_dir", @(7), @"number", nil]
+                    format:NSPropertyListBinaryFormat_v1_0
+                   options:0
+                     error:NULL];
+  [binary writeToFile:cocoa::string(folder_ / "binary") atomically:NO];
+  fs::create_symlink(folder_ / "binary", folder_ / "link");
+
+  EXPECT_EQ(PropertyList::dictionaryAtPath(folder_ / "xml")->textForKey("root_dir"), "/Users/ann/Å b");
+  const auto list = PropertyList::dictionaryAtPath(folder_ / "link");
+  ASSERT_TRUE(list);
+  EXPECT_EQ(list->textForKey("root_dir"), "/Users/bo");
+  EXPECT_EQ(list->textForKey("number"), std::nullopt);
+  EXPECT_EQ(list->textForKey("absent"), std::nullopt);
+}
+
+TEST_F(MacPlatform, ReadsNoPropertyListFromAnythingElse) {
+  const std::string head = R"(<?xml version="1.0" encoding="UTF-8"?><plist version="1.0">)";
+  test::writeFile(folder_ / "array", head + "<array><string>a</string></array></plist>");
+  test::writeFile(folder_ / "broken", head + "<dict><key>a</key>");
+  test::writeFile(folder_ / "old style", "{ root_dir = \"/a\"; }");
+  test::writeFile(folder_ / "empty", "");
+  test::writeFile(folder_ / "large",
+                  head + "<dict><key>root_dir</key><string>" + std::string(1 << 20, 'a') + "</string></dict></plist>");
+  ASSERT_EQ(::mkfifo((folder_ / "pipe").c_str(), 0600), 0);
+  for (const char* name : {"array", "broken", "old style", "empty", "large", "pipe", "absent", "."}) {
+    EXPECT_FALSE(PropertyList::dictionaryAtPath(folder_ / name)) << name;
+  }
+}
+
+TEST_F(MacPlatform, KeepsTheMillisecondsOfEveryDate) {
+  const auto formatter = DateFormatter::make("en_US_POSIX", "ss.SSS");
+  ASSERT_TRUE(formatter);
+  for (int part = 0; part < 1000; ++part) {
+    const Date date(std::chrono::milliseconds(1456837509000 + part) + std::chrono::microseconds(part));
+    char expected[8];
+    std::snprintf(expected, sizeof expected, "09.%03d", part);
+    EXPECT_EQ(formatter->stringFromDate(date), expected);
+  }
+}
+
+TEST_F(MacPlatform, WritesDatesInTheDigitsOfTheLocale) {
+  const auto formatter = DateFormatter::make("ar_EG", "SSS");
+  ASSERT_TRUE(formatter);
+  EXPECT_EQ(formatter->stringFromDate(Date(std::chrono::milliseconds(120))), "١٢٠");
+  EXPECT_NE(currentLocaleIdentifier(), "");
+  EXPECT_EQ(dateDescription(Date(std::chrono::seconds(1456837509))), "2016-03-01 13:05:09 +0000");
+}
+
+TEST_F(MacPlatform, KnowsItsBundleAndItsProcess) {
+  EXPECT_EQ(bundleInfoText("CFBundlePackageType"), "XPC!");
+  EXPECT_EQ(bundleInfoText("LSUIElement"), std::nullopt);
+  EXPECT_EQ(bundleInfoText("absent"), std::nullopt);
+  EXPECT_EQ(processName(), "VornetVIExt");
+  EXPECT_EQ(processIdentifier(), ::getpid());
+}
+
+TEST_F(MacPlatform, FindsImagesByName) {
+  for (const char* name : {"checkmark", "sync", "error", "QMT"}) {
+    const auto image = Image::named(name);
+    ASSERT_TRUE(image) << name;
+    EXPECT_EQ(image->name(), name);
+    EXPECT_GT([cocoa::image(*image) size].width, 0) << name;
+  }
+  EXPECT_FALSE(Image::named("absent"));
+  EXPECT_FALSE(Image::named(""));
+}
+
+TEST_F(MacPlatform, TakesFileURLsApartAndPutsThemTogether) {
+  NSURL* folder = [NSURL fileURLWithPath:@"/a/Å b" isDirectory:YES];
+  const auto url = cocoa::fileURL(folder);
+  EXPECT_EQ(url.path(), "/a/Å b");
+  EXPECT_TRUE(url.hasDirectoryPath());
+  EXPECT_TRUE([cocoa::url(url) isEqual:folder]);
+  EXPECT_FALSE(cocoa::fileURL([NSURL fileURLWithPath:@"/a/b" isDirectory:NO]).hasDirectoryPath());
+  EXPECT_FALSE(cocoa::fileURL(nil).path());
+  EXPECT_FALSE(cocoa::url(FileURL()));
+  EXPECT_FALSE(cocoa::url(FileURL::fileURLWithPath("/\xFF")));
+  EXPECT_TRUE([[cocoa::url(FileURL::fileURLWithPath(folder_.path().string())) absoluteString] hasSuffix:@"/"]);
+}
+
+TEST_F(MacPlatform, TheControllerKeepsWhatItIsGiven) {
+  auto& controller = FIFinderSyncController::defaultController();
+  const std::set<FileURL> urls = {FileURL::fileURLWithPath("/a", true), FileURL::fileURLWithPath("/b", true)};
+  controller.setDirectoryURLs(urls);
+  EXPECT_EQ(controller.directoryURLs(), urls);
+  EXPECT_EQ(controller.selectedItemURLs(), std::nullopt);
+  standin::setSelection(std::vector<std::string>{"/b/2", "/b/1"});
+  EXPECT_THAT(controller.selectedItemURLs(),
+              Optional(ElementsAre(FileURL::fileURLWithPath("/b/2"), FileURL::fileURLWithPath("/b/1"))));
+  controller.setBadgeIdentifier("SYNCED", FileURL());
+  EXPECT_THAT(standin::badges(), testing::IsEmpty());
+}
+
+TEST_F(MacPlatform, GivesEachGroupItsContainer) {
+  standin::setGroupContainers(folder_.path().string());
+  EXPECT_EQ(containerURLForGroup("a.group")->path(), folder_ / "a.group");
+  EXPECT_EQ(containerURLForGroup(""), std::nullopt);
+  standin::setGroupContainers(std::nullopt);
+  EXPECT_EQ(containerURLForGroup("a.group"), std::nullopt);
+}
+
+TEST_F(MacPlatform, ABackgroundTaskIsWaitedForAsOftenAsWanted) {
+  std::atomic<bool> ran = false;
+  auto task = BackgroundTask::start([&ran] { ran = true; });
+  task.wait();
+  EXPECT_TRUE(ran);
+  task.wait();
+  BackgroundTask().wait();
+}
+
+TEST_F(MacPlatform, ABackgroundTaskOutlivesItsHandle) {
+  std::atomic<bool> let = false;
+  std::atomic<bool> ran = false;
+  {
+    const auto dropped = BackgroundTask::start([&] {
+      while (!let) std::this_thread::yield();
+      ran = true;
+    });
+  }
+  let = true;
+  while (!ran) std::this_thread::yield();
+}
+
+TEST_F(MacPlatform, ASerialQueueRunsItsTasksInOrderAndAllOfThem) {
+  std::vector<int> order;
+  {
+    SerialQueue queue("test");
+    for (int i = 0; i < 100; ++i) queue.async([&order, i] { order.push_back(i); });
+    queue.drain();
+    EXPECT_EQ(order.size(), 100U);
+    for (int i = 100; i < 200; ++i) queue.async([&order, i] { order.push_back(i); });
+  }
+  ASSERT_EQ(order.size(), 200U);
+  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+}
+
+TEST_F(MacPlatform, AnExceptionThatReachesAnObjectiveCFrameStopsTheProcess) {
+  EXPECT_DEATH(cocoa::outermost([] { fs::create_directory("/nowhere/at/all"); }), "filesystem");
+}
+
+TEST_F(MacPlatform, SpeaksToTheSystemLogAndStopsWithAReason) {
+  EXPECT_EXIT(
+      {
+        systemLog("Å said");
+        exitProcess(3);
+      },
+      testing::ExitedWithCode(3), "Å said");
+  EXPECT_DEATH(fatalError("a reason"), "a reason");
+}
+
+}  // namespace
+}  // namespace vornet::platform

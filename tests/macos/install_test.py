@@ -1,0 +1,86 @@
+"""script/macos-install, with stand-ins of the commands of macOS that it calls.
+
+Usage: install_test.py SOURCE BUILD [unittest arguments]; BUILD was built with MacLayout.cmake.
+"""
+
+import os
+import pathlib
+import shutil
+import subprocess
+import sys
+import tempfile
+import unittest
+
+SOURCE = pathlib.Path(sys.argv.pop(1))
+BUILD = pathlib.Path(sys.argv.pop(1))
+PLUGIN = "Contents/PlugIns/VornetVIExt.appex"
+
+
+class Install(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="vornet-test-")
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+        self.build = self.folder / "my build"
+        self.build.mkdir()
+        shutil.copytree(BUILD / "Kelvane.app", self.build / "Kelvane.app")
+        shutil.copytree(BUILD / "hosts/macos/bundle", self.build / "hosts/macos/bundle")
+        self.installed = self.folder / "Applications/Kelvane.app"
+
+    def install(self, *arguments):
+        environment = dict(os.environ, HOME=str(self.folder), VORNET_CALLS=str(self.folder / "calls"))
+        environment["PATH"] = f"{SOURCE / 'tests/macos/commands'}:{environment['PATH']}"
+        return subprocess.run(
+            [SOURCE / "script/macos-install", *arguments], env=environment, capture_output=True, text=True, timeout=60
+        )
+
+    def calls(self):
+        calls = self.folder / "calls"
+        return calls.read_text().splitlines() if calls.exists() else []
+
+    def test_signs_copies_registers_enables_and_restarts_in_this_order(self):
+        result = self.install("--identity", "Me", str(self.build))
+        self.assertEqual(result.returncode, 0, result.stderr)
+        application = self.build / "Kelvane.app"
+        entitlements = self.build / "hosts/macos/bundle/VornetVIExt.entitlements"
+        self.assertEqual(
+            self.calls(),
+            [
+                f"codesign --force --sign Me --entitlements {entitlements} {application / PLUGIN}",
+                f"codesign --force --sign Me {application}",
+                f"codesign --verify --deep --strict {application}",
+                f"ditto {application} {self.installed}",
+                f"pluginkit -a {self.installed / PLUGIN}",
+                "pluginkit -e use -i com.vornet.KelvaneSync.FinderBadgeExtension",
+                "killall Finder",
+            ],
+        )
+        self.assertTrue((self.installed / PLUGIN / "Contents/Info.plist").is_file())
+
+    def test_replaces_an_earlier_installation(self):
+        (self.installed / PLUGIN).mkdir(parents=True)
+        (self.installed / "old").touch()
+        self.assertEqual(self.install(str(self.build)).returncode, 0)
+        self.assertFalse((self.installed / "old").exists())
+        self.assertTrue((self.installed / "Contents/Info.plist").is_file())
+
+    def test_leaves_another_application_of_the_name_alone(self):
+        self.installed.mkdir(parents=True)
+        (self.installed / "theirs").touch()
+        result = self.install(str(self.build))
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("another application", result.stderr)
+        self.assertTrue((self.installed / "theirs").exists())
+        self.assertEqual(self.calls(), [])
+
+    def test_says_what_is_missing(self):
+        result = self.install(str(self.folder / "nothing"))
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("no Kelvane.app", result.stderr)
+        self.assertEqual(self.install("--identity").returncode, 1)
+        self.assertEqual(self.install("--unknown").returncode, 2)
+        self.assertEqual(self.calls(), [])
+
+
+if __name__ == "__main__":
+    unittest.main()

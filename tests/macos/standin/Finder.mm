@@ -1,0 +1,241 @@
+#include "Finder.hpp"
+
+#import <FinderSync/FinderSync.h>
+#include <objc/runtime.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+
+#import "Additions.h"
+
+namespace {
+
+using vornet::standin::Badge;
+
+constexpr std::chrono::seconds PATIENCE{30};
+
+struct State {
+  std::mutex lock;
+  std::condition_variable changed;
+  std::vector<std::string> events;
+  std::vector<std::string> folders;
+  std::vector<Badge> badges;
+  std::optional<std::vector<std::string>> selection;
+  std::size_t running = 1;
+  std::vector<std::string> asked;
+  bool refusing = false;
+  std::optional<std::string> containers;
+};
+
+State& state() {
+  static State& made = *new State;  // the extension's threads may use it until the very end
+  return made;
+}
+
+std::string text(NSString* string) {
+  return string ? [string UTF8String] : "(nil)";
+}
+
+NSString* string(const std::string& text) {
+  return [NSString stringWithUTF8String:text.c_str()];
+}
+
+void requireFileURL(NSURL* url) {
+  if (![url isFileURL]) [NSException raise:NSInvalidArgumentException format:@"not a file URL: %@", url];
+}
+
+void note(const std::string& event) {
+  const std::lock_guard guard(state().lock);
+  state().events.push_back(event);
+}
+
+}  // namespace
+
+@implementation FIFinderSync
+
+- (instancetype)init {
+  note("init");
+  if (state().refusing) {
+    [self release];
+    return nil;
+  }
+  return [super init];
+}
+
+@end
+
+@implementation FIFinderSyncController
+
++ (FIFinderSyncController*)defaultController {
+  static FIFinderSyncController* controller = [[self alloc] init];
+  return controller;
+}
+
+- (NSSet<NSURL*>*)directoryURLs {
+  NSMutableSet* urls = [NSMutableSet set];
+  const std::lock_guard guard(state().lock);
+  for (const auto& folder : state().folders) {
+    [urls addObject:[NSURL fileURLWithPath:string(folder) isDirectory:folder.ends_with('/')]];
+  }
+  return urls;
+}
+
+- (void)setDirectoryURLs:(NSSet<NSURL*>*)urls {
+  std::vector<std::string> folders;
+  for (NSURL* url in urls) {
+    requireFileURL(url);
+    folders.push_back(text([url path]) + ([[url absoluteString] hasSuffix:@"/"] ? "/" : ""));
+  }
+  std::sort(folders.begin(), folders.end());
+  note("directories");
+  const std::lock_guard guard(state().lock);
+  state().folders = folders;
+}
+
+- (void)setBadgeImage:(NSImage*)image label:(NSString*)label forBadgeIdentifier:(NSString*)badgeID {
+  if (!image) [NSException raise:NSInvalidArgumentException format:@"no image for the badge %@", badgeID];
+  note("badge " + text(badgeID) + " '" + text(label) + "' " + text([image name]));
+}
+
+- (void)setBadgeIdentifier:(NSString*)badgeID forURL:(NSURL*)url {
+  if (!badgeID) [NSException raise:NSInvalidArgumentException format:@"no badge identifier for %@", url];
+  requireFileURL(url);
+  const std::lock_guard guard(state().lock);
+  state().badges.emplace_back(text(badgeID), text([url path]));
+  state().changed.notify_all();
+}
+
+- (NSURL*)targetedURL {
+  return nil;
+}
+
+- (NSArray<NSURL*>*)selectedItemURLs {
+  const std::lock_guard guard(state().lock);
+  if (!state().selection) return nil;
+  NSMutableArray* urls = [NSMutableArray array];
+  for (const auto& path : *state().selection) [urls addObject:[NSURL fileURLWithPath:string(path)]];
+  return urls;
+}
+
++ (BOOL)isExtensionEnabled {
+  return YES;
+}
+
++ (void)showExtensionManagementInterface {
+}
+
+@end
+
+@implementation NSFileManager (GroupContainers)
+
+- (NSURL*)containerURLForSecurityApplicationGroupIdentifier:(NSString*)groupIdentifier {
+  const std::lock_guard guard(state().lock);
+  if (!state().containers) return nil;
+  NSString* container = [string(*state().containers) stringByAppendingPathComponent:groupIdentifier];
+  [self createDirectoryAtPath:container withIntermediateDirectories:YES attributes:nil error:NULL];
+  return [NSURL fileURLWithPath:container isDirectory:YES];
+}
+
+@end
+
+namespace {
+
+/// GNUstep asks the window server for the running applications; here the test says how many there are.
+NSArray* runningApplications(id, SEL, NSString* bundleIdentifier) {
+  const std::lock_guard guard(state().lock);
+  state().asked.push_back(text(bundleIdentifier));
+  NSMutableArray* applications = [NSMutableArray array];
+  for (std::size_t i = 0; i < state().running; ++i) {
+    [applications addObject:[[[NSRunningApplication alloc] init] autorelease]];
+  }
+  return applications;
+}
+
+/// GNUstep makes a panel and a view with every menu, and both need a window server: they are left out.
+id nothing(id self, SEL) {
+  [self release];
+  return nil;
+}
+id noPanel(id self, SEL, NSRect, NSUInteger, NSBackingStoreType, BOOL) {
+  [self release];
+  return nil;
+}
+id noView(id self, SEL, NSRect) {
+  [self release];
+  return nil;
+}
+
+void replace(Class owner, SEL selector, IMP implementation) {
+  class_replaceMethod(owner, selector, implementation,
+                      method_getTypeEncoding(class_getInstanceMethod(owner, selector)));
+}
+
+}  // namespace
+
+@interface VornetStandins : NSObject
+@end
+
+@implementation VornetStandins
+
++ (void)load {
+  replace(object_getClass(objc_getClass("NSRunningApplication")), @selector(runningApplicationsWithBundleIdentifier:),
+          reinterpret_cast<IMP>(&runningApplications));
+  Class panel = objc_getClass("NSMenuPanel");
+  replace(panel, @selector(init), reinterpret_cast<IMP>(&nothing));
+  replace(panel, @selector(initWithContentRect:styleMask:backing:defer:), reinterpret_cast<IMP>(&noPanel));
+  replace(objc_getClass("NSMenuView"), @selector(initWithFrame:), reinterpret_cast<IMP>(&noView));
+}
+
+@end
+
+namespace vornet::standin {
+
+std::vector<std::string> events() {
+  const std::lock_guard guard(state().lock);
+  return state().events;
+}
+
+std::vector<std::string> observedFolders() {
+  const std::lock_guard guard(state().lock);
+  return state().folders;
+}
+
+std::vector<Badge> badges() {
+  const std::lock_guard guard(state().lock);
+  return state().badges;
+}
+
+bool waitForBadge(const Badge& badge) {
+  std::unique_lock guard(state().lock);
+  return state().changed.wait_for(guard, PATIENCE, [&] {
+    return std::find(state().badges.begin(), state().badges.end(), badge) != state().badges.end();
+  });
+}
+
+void setSelection(const std::optional<std::vector<std::string>>& paths) {
+  const std::lock_guard guard(state().lock);
+  state().selection = paths;
+}
+
+void setRunningApplications(std::size_t count) {
+  const std::lock_guard guard(state().lock);
+  state().running = count;
+}
+
+std::vector<std::string> askedApplications() {
+  const std::lock_guard guard(state().lock);
+  return state().asked;
+}
+
+void refuseConstruction() {
+  state().refusing = true;
+}
+
+void setGroupContainers(const std::optional<std::string>& folder) {
+  const std::lock_guard guard(state().lock);
+  state().containers = folder;
+}
+
+}  // namespace vornet::standin
