@@ -2,6 +2,7 @@
 #include <sqlite3.h>
 
 #include "cache/LRUCache.hpp"
+#include "logging/Logging.hpp"
 #include "support/Databases.hpp"
 #include "support/Environment.hpp"
 #include "support/Items.hpp"
@@ -17,6 +18,7 @@ struct SyncDatabase {
   LRUCache cache;
 
   SyncDatabase() {
+    setupLogger("INFO");  // as the extension does: no message is built below that level
     std::vector<std::pair<std::string, int>> rows;
     for (std::size_t i = 0; i < ENTRIES; ++i) {
       rows.emplace_back(itemOf(folderKeyOf(0), i), static_cast<int>(codeOf(i)));

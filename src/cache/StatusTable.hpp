@@ -39,7 +39,9 @@ class StatusTable {
 
   std::size_t size() const noexcept { return map_.size(); }
   bool empty() const noexcept { return map_.empty(); }
-  void reserve(std::size_t entries) { map_.reserve(entries); }
+
+  /// Makes room for `entries` paths of about `pathBytes` bytes in all. More, or longer ones, find room later.
+  void reserve(std::size_t entries, std::size_t pathBytes = 0);
 
   /// Pairs of path (valid as long as the table) and code, in no particular order.
   const_iterator begin() const noexcept { return map_.begin(); }

@@ -13,13 +13,21 @@
 namespace vornet {
 namespace {
 
-// An entry of a reply takes about this many bytes; only the first guess at a table's size depends on it.
-constexpr std::size_t BYTES_AN_ENTRY = 48;
+// How much of a reply is looked at to guess how many entries it has, and the fewest bytes that one is taken to have.
+constexpr std::size_t SAMPLE_BYTES = 4096;
+constexpr std::size_t MIN_ENTRY_BYTES = 16;
+
+/// About how many entries `reply` has: as many to the byte as its beginning.
+std::size_t expectedEntries(std::string_view reply) {
+  const auto sample = reply.substr(0, SAMPLE_BYTES);
+  const auto entries = static_cast<std::size_t>(std::count(sample.begin(), sample.end(), ':'));
+  return std::min(reply.size() * entries / std::max<std::size_t>(sample.size(), 1), reply.size() / MIN_ENTRY_BYTES);
+}
 
 /// The statuses in a reply; none when it is JSON of another shape. Throws JSONError.
 std::optional<StatusTable> statusesFromReply(const std::string& reply) {
   StatusTable table;
-  table.reserve(reply.size() / BYTES_AN_ENTRY);
+  table.reserve(expectedEntries(reply), reply.size());
   const bool ofIntegers =
       integersFromJSON(reply, [&](std::string_view path, StatusCode code) { table.set(path, code); });
   if (!ofIntegers) return std::nullopt;
