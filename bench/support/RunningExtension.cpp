@@ -8,6 +8,7 @@
 #include "platform/Foundation.hpp"
 #include "support/Databases.hpp"
 #include "support/Items.hpp"
+#include "support/ProcessFigures.hpp"
 
 namespace vornet::bench {
 namespace {
@@ -47,7 +48,7 @@ RunningExtension::RunningExtension()
 void RunningExtension::restart() {
   if (process_ != 0) {
     ::kill(process_, SIGTERM);  // its name is free before it has ended, and a second one beside it would end itself
-    require(client_->waitUntil([this] { return ::kill(process_, 0) != 0; }), "the extension does not end");
+    require(client_->waitUntil([this] { return residentMemory(process_) == 0; }), "the extension does not end");
   }
   client_ = std::make_unique<test::BusClient>(bus_.address());
   if (client_->property("Version").empty()) {
