@@ -24,10 +24,11 @@ std::size_t expectedEntries(std::string_view reply) {
   return std::min(reply.size() * entries / std::max<std::size_t>(sample.size(), 1), reply.size() / MIN_ENTRY_BYTES);
 }
 
-/// The statuses in a reply; none when it is JSON of another shape. Throws JSONError.
-std::optional<StatusTable> statusesFromReply(const std::string& reply) {
-  StatusTable table;
-  table.reserve(expectedEntries(reply), reply.size());
+/// The statuses in a reply for the folder `key`; none when it is JSON of another shape. Throws JSONError.
+std::optional<StatusTable> statusesFromReply(const std::string& key, const std::string& reply) {
+  StatusTable table(key);
+  const std::size_t entries = expectedEntries(reply);
+  table.reserve(entries, reply.size() - std::min(reply.size(), entries * key.size()));
   const bool ofIntegers =
       integersFromJSON(reply, [&](std::string_view path, StatusCode code) { table.set(path, code); });
   if (!ofIntegers) return std::nullopt;
@@ -195,7 +196,7 @@ void RESTPollingManager::fetch(const std::string& dir) {
   const std::string key = getCloudPath(root, dir) + "/";
   const auto reply = RESTClient::postAtPath("get_icons_for_folder", toJSON({{"dir_name", key}}));
   if (!reply) return;
-  auto statuses = statusesFromReply(*reply);
+  auto statuses = statusesFromReply(key, *reply);
   if (!statuses) return;
   const auto changes = dirCache_.update(key, *std::move(statuses));
   if (!changes) return;
