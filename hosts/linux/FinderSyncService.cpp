@@ -1,10 +1,13 @@
 #include "FinderSyncService.hpp"
 
+#include <algorithm>
+#include <boost/asio/steady_timer.hpp>
 #include <exception>
 #include <memory>
 
 #include "Selections.hpp"
 #include "extension/AppConst.hpp"
+#include "paths/Paths.hpp"
 #include "platform/linux/Host.hpp"
 #include "rest/RESTPollingManager.hpp"
 
@@ -20,6 +23,10 @@ constexpr const char* OBJECT_PATH = "/com/vornet/FinderSync1";
 constexpr std::size_t MAX_OBSERVING_CALLS = 10'000;
 constexpr std::size_t MAX_BADGE_CALLS = 1'000;
 constexpr std::size_t MAX_MENU_CALLS = 64;
+
+// When to look whether a folder's statuses have come: soon, as they mostly do, then ever more seldom.
+constexpr std::chrono::milliseconds FIRST_LOOK{100};
+constexpr std::chrono::milliseconds LONGEST_BETWEEN_LOOKS{5000};
 
 void refuse(GDBusMethodInvocation* invocation, const char* name, const std::string& message) {
   const std::string error = std::string("com.vornet.FinderSync1.Error.") + name;
@@ -255,6 +262,7 @@ void FinderSyncService::beginObserving(GDBusMethodInvocation* invocation, const 
   if (observations_.begin(client, path)) {
     platform::host::folderShown(path);
     extension_.beginObservingDirectoryAtURL(*url);
+    askAgainWhenFilled(path, FIRST_LOOK);
   }
   watchClient(client);
   vornet_finder_sync1_complete_begin_observing(skeleton_, invocation);
@@ -278,6 +286,21 @@ void FinderSyncService::endObserving(GDBusMethodInvocation* invocation, const st
 void FinderSyncService::endObservationOf(const std::string& folder) {
   extension_.endObservingDirectoryAtURL(FileURL::fileURLWithPath(folder));
   platform::host::folderHidden(folder);
+}
+
+void FinderSyncService::askAgainWhenFilled(const std::string& folder, std::chrono::milliseconds delay) {
+  const auto timer = std::make_shared<boost::asio::steady_timer>(observing_.threads(), delay);
+  timer->async_wait([this, timer, folder, delay](const boost::system::error_code& cancelled) {
+    const auto* root = requiredStatusManager().rootDir();
+    if (cancelled || !root || observations_.observers(folder).empty()) return;
+    if (!requiredStatusManager().dirCache().isPopulated(getCloudPath(*root, folder) + "/")) {
+      askAgainWhenFilled(folder, std::min(2 * delay, LONGEST_BETWEEN_LOOKS));
+      return;
+    }
+    badges_.post([this, folder] {
+      for (const auto& item : platform::host::itemsWithBadges(folder)) extension_.requestBadgeIdentifierForURL(item);
+    });
+  });
 }
 
 void FinderSyncService::watchClient(const std::string& client) {

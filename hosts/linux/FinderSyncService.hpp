@@ -2,6 +2,7 @@
 
 #include <gio/gio.h>
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -54,6 +55,9 @@ class FinderSyncService : private platform::host::Listener {
   void requestBadges(GDBusMethodInvocation* invocation, const Strings& items);
   void getMenu(GDBusMethodInvocation* invocation, const Strings& selection);
   void performAction(GDBusMethodInvocation* invocation, const std::string& action, const Strings& selection);
+  /// Asks again, once the folder's statuses have been fetched, for the badges that were answered before that: the first
+  /// fetch reports no changes.
+  void askAgainWhenFilled(const std::string& folder, std::chrono::milliseconds delay);
   void watchClient(const std::string& client);
   void forgetClient(const std::string& client);
   void endObservationOf(const std::string& folder);

@@ -105,6 +105,12 @@ std::optional<StatusCode> LRUCache::statusForPath(std::string_view path) const {
   return syncDB().pathSyncStatus(std::string(path));
 }
 
+bool LRUCache::isPopulated(std::string_view dir) const {
+  const std::lock_guard guard(lock_);
+  const auto found = dirs_.find(dir);
+  return found != dirs_.end() && found->second->populated();
+}
+
 void LRUCache::clearCache() {
   const std::lock_guard guard(lock_);
   while (curSize_ > 0) removeLast();

@@ -14,12 +14,12 @@ platform::Image requiredImage(std::string_view name) {
 }  // namespace
 
 const AppConst& App() {
-  static const AppConst app;
+  static const AppConst& app = *new AppConst;  // never destroyed: the worker may read it until the very end
   return app;
 }
 
 const std::map<StatusCode, std::string_view>& statusMap() {
-  static const std::map<StatusCode, std::string_view> map = {
+  static const auto& map = *new std::map<StatusCode, std::string_view>{
       {-1, statusNone}, {0, statusFailure}, {1, statusInProgress}, {2, statusSynced}};
   return map;
 }

@@ -36,7 +36,11 @@ void XCGLogger::setOutputLogLevel(LogLevel level) {
 }
 
 platform::SerialQueue& XCGLogger::logQueue() {
-  static platform::SerialQueue queue{std::string(constants::logQueueIdentifier)};
+  // Never destroyed, as other threads may log until the very end; but the lines of the time before are written.
+  static platform::SerialQueue& queue = *new platform::SerialQueue(std::string(constants::logQueueIdentifier));
+  static const struct AtExit {
+    ~AtExit() { queue.drain(); }
+  } atExit;
   return queue;
 }
 
@@ -45,8 +49,9 @@ platform::DateFormatter* XCGLogger::dateFormatter() const {
 }
 
 XCGLogger& XCGLogger::defaultInstance() {
+  // Never destroyed: other threads may log until the very end.
   static XCGLogger& instance = []() -> XCGLogger& {
-    static XCGLogger made;
+    auto& made = *new XCGLogger;
     made.setIdentifier(std::string(constants::defaultInstanceIdentifier));
     return made;
   }();

@@ -23,7 +23,8 @@ enum class FIMenuKind : std::uint64_t {
   toolbarItemMenu = 3,
 };
 
-/// The base class of an extension's principal class: the callbacks that the file manager makes, on threads of its choice.
+/// The base class of an extension's principal class: the callbacks that the file manager makes, on threads of its
+/// choice.
 class FIFinderSync {
  public:
   virtual ~FIFinderSync() = default;
@@ -66,8 +67,8 @@ class FIFinderSyncController {
   std::set<FileURL> directoryURLs() const;
   void setDirectoryURLs(const std::set<FileURL>& urls);
 
-  /// What the user has selected, in order, while a menu is asked for or an action is performed on this thread; none when
-  /// the file manager gives no selection.
+  /// What the user has selected, in order, while a menu is asked for or an action is performed on this thread; none
+  /// when the file manager gives no selection.
   std::optional<std::vector<FileURL>> selectedItemURLs() const;
 
   FIFinderSyncController(const FIFinderSyncController&) = delete;

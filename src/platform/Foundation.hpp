@@ -38,8 +38,8 @@ class FileURL {
   /// A URL without a path.
   FileURL() = default;
 
-  /// The URL of `path`: absolute, or relative to the current folder. Trailing slashes are dropped, as the platform's URLs
-  /// give their path without one; `isDirectory` only puts one at the end of the description. Touches no disk.
+  /// The URL of `path`: absolute, or relative to the current folder. Trailing slashes are dropped, as the platform's
+  /// URLs give their path without one; `isDirectory` only puts one at the end of the description. Touches no disk.
   static FileURL fileURLWithPath(std::string_view path, bool isDirectory = false);
 
   /// Reads a URL text such as "file:///home/ann/a%20b". None when it is not a file URL of this machine, or malformed

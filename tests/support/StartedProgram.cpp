@@ -10,6 +10,8 @@
 #include <stdexcept>
 #include <thread>
 
+#include "support/TemporaryFolder.hpp"
+
 namespace vornet::test {
 namespace {
 
@@ -65,6 +67,19 @@ int StartedProgram::wait() {
   }
   pid_ = -1;
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+bool waitForEnd(pid_t pid) {
+  const auto hasEnded = [pid] {
+    const auto status = readFile("/proc/" + std::to_string(pid) + "/status");
+    return status.empty() || status.find("State:\tZ") != std::string::npos;  // a zombie only waits for its parent
+  };
+  const auto until = std::chrono::steady_clock::now() + PATIENCE;
+  while (pid > 0 && !hasEnded()) {
+    if (std::chrono::steady_clock::now() > until) return false;
+    std::this_thread::sleep_for(GLANCE);
+  }
+  return true;
 }
 
 }  // namespace vornet::test

@@ -30,4 +30,7 @@ class StartedProgram {
   pid_t pid_ = -1;
 };
 
+/// Waits until the process `pid`, of whatever parent, has ended; false after half a minute. True for 0, which is none.
+bool waitForEnd(pid_t pid);
+
 }  // namespace vornet::test

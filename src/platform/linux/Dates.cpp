@@ -36,7 +36,7 @@ std::string currentLocaleIdentifier() {
 }
 
 std::string dateDescription(Date date) {
-  const std::time_t time = std::chrono::system_clock::to_time_t(date);
+  const std::time_t time = std::chrono::system_clock::to_time_t(floor<seconds>(date));
   std::tm parts{};
   ::gmtime_r(&time, &parts);
   char text[64];
@@ -80,8 +80,9 @@ struct DateFormatter::Impl {
     return digits[value / 100] + digits[value / 10 % 10] + digits[value % 10];
   }
 
-  /// Takes the text of the second of `date` apart; false when it does not hold the milliseconds where they are
-  /// expected.
+  std::string composed(milliseconds part) const { return before + fraction(part) + after; }
+
+  /// Takes the text of the second of `date` apart; false when it does not hold the milliseconds once, as three digits.
   bool split(milliseconds date, milliseconds part) {
     icu::UnicodeString text;
     icu::FieldPosition field(UDAT_FRACTIONAL_SECOND_FIELD);
@@ -89,7 +90,12 @@ struct DateFormatter::Impl {
     if (utf8(text.tempSubStringBetween(field.getBeginIndex(), field.getEndIndex())) != fraction(part)) return false;
     before = utf8(text.tempSubStringBetween(0, field.getBeginIndex()));
     after = utf8(text.tempSubString(field.getEndIndex()));
-    return true;
+    // Put together for milliseconds of which every digit is another, it must be what the library writes: a pattern may
+    // hold them twice, or otherwise.
+    const auto next = [](auto digit) { return (digit + 1) % 10; };
+    const auto value = part.count();
+    const milliseconds other(next(value / 100) * 100 + next(value / 10 % 10) * 10 + next(value % 10));
+    return composed(other) == formatted(date - part + other);
   }
 };
 
@@ -117,7 +123,7 @@ std::string DateFormatter::stringFromDate(Date date) {
     impl.second = second;
   }
   if (!impl.splits) return impl.formatted(whole);
-  return impl.before + impl.fraction(part) + impl.after;
+  return impl.composed(part);
 }
 
 }  // namespace vornet::platform

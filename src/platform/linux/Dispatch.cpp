@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <condition_variable>
+#include <cstdint>
 #include <deque>
 #include <mutex>
 #include <thread>
@@ -49,7 +50,8 @@ struct SerialQueue::Impl {
   std::mutex lock;
   std::condition_variable changed;
   std::deque<std::function<void()>> tasks;
-  bool busy = false;
+  std::uint64_t given = 0;
+  std::uint64_t done = 0;
   bool ending = false;
   std::thread thread;  // started with the first task
 
@@ -59,14 +61,14 @@ struct SerialQueue::Impl {
     while (true) {
       changed.wait(guard, [this] { return !tasks.empty() || ending; });
       if (tasks.empty()) return;
-      const auto task = std::move(tasks.front());
+      auto task = std::move(tasks.front());
       tasks.pop_front();
-      busy = true;
       guard.unlock();
       task();
+      task = nullptr;  // without the lock: what the task held may queue another at its end
       guard.lock();
-      busy = false;
-      if (tasks.empty()) changed.notify_all();
+      ++done;
+      changed.notify_all();
     }
   }
 };
@@ -87,13 +89,15 @@ SerialQueue::~SerialQueue() {
 void SerialQueue::async(std::function<void()> task) {
   const std::lock_guard guard(impl_->lock);
   impl_->tasks.push_back(std::move(task));
+  ++impl_->given;
   if (!impl_->thread.joinable()) impl_->thread = std::thread([this] { impl_->run(); });
   impl_->changed.notify_all();
 }
 
 void SerialQueue::drain() {
   std::unique_lock guard(impl_->lock);
-  impl_->changed.wait(guard, [this] { return impl_->tasks.empty() && !impl_->busy; });
+  // Not until the queue is empty: others may go on giving tasks for ever.
+  impl_->changed.wait(guard, [this, given = impl_->given] { return impl_->done >= given; });
 }
 
 }  // namespace vornet::platform

@@ -128,6 +128,16 @@ void folderHidden(const std::string& path) {
   controller.onScreen.erase(path);
 }
 
+std::vector<FileURL> itemsWithBadges(const std::string& folder) {
+  auto& controller = FinderSyncHostAccess::impl();
+  const std::lock_guard guard(controller.lock);
+  std::vector<FileURL> items;
+  if (const auto found = controller.onScreen.find(folder); found != controller.onScreen.end()) {
+    for (const auto& [path, identifier] : found->second) items.push_back(FileURL::fileURLWithPath(path));
+  }
+  return items;
+}
+
 std::optional<std::string> badgeIdentifier(const FileURL& url) {
   if (!url.path()) return std::nullopt;
   auto& controller = FinderSyncHostAccess::impl();

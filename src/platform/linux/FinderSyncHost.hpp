@@ -43,6 +43,9 @@ std::vector<RegisteredBadge> registeredBadges();
 void folderShown(const std::string& path);
 void folderHidden(const std::string& path);
 
+/// The items of the folder with this path on which a badge, or none, was set while it is on screen.
+std::vector<FileURL> itemsWithBadges(const std::string& folder);
+
 /// The badge last set on `url`, while its folder is on screen; none when none was set.
 std::optional<std::string> badgeIdentifier(const FileURL& url);
 

@@ -1,0 +1,76 @@
+#include "logging/DateFormatterCache.hpp"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+
+#include "logging/XCGLogger.hpp"
+#include "support/ChildProcess.hpp"
+#include "support/Environment.hpp"
+
+namespace vornet {
+namespace {
+
+using platform::DateFormatter;
+using test::ScopedVariable;
+
+constexpr platform::Date DATE{std::chrono::milliseconds(1456841109123)};
+
+class DateFormatterCacheTest : public testing::Test {
+ protected:
+  ScopedVariable zone{"TZ", "UTC"};
+  ScopedVariable locale{"LC_ALL", "C.UTF-8"};
+};
+
+TEST_F(DateFormatterCacheTest, WritesYearToMillisecond) {
+  ASSERT_NE(dateFormatterOfThread(), nullptr);
+  EXPECT_EQ(dateFormatterOfThread()->stringFromDate(DATE), "2016-03-01 14:05:09.123");
+}
+
+TEST_F(DateFormatterCacheTest, GivesTheSameFormatterWithinAThread) {
+  DateFormatter* const first = dateFormatterOfThread();
+  EXPECT_EQ(dateFormatterOfThread(), first);
+  EXPECT_EQ(XCGLogger().dateFormatter(), first);
+}
+
+TEST_F(DateFormatterCacheTest, GivesEachThreadItsOwn) {
+  DateFormatter* const mine = dateFormatterOfThread();
+  DateFormatter* others[2] = {};
+  test::Gate bothMade;
+  test::Gate end;
+  std::thread threads[2];
+  for (int i = 0; i < 2; ++i) {
+    threads[i] = std::thread([&, i] {
+      others[i] = dateFormatterOfThread();
+      EXPECT_EQ(others[i]->stringFromDate(DATE), "2016-03-01 14:05:09.123");
+      EXPECT_EQ(dateFormatterOfThread(), others[i]);
+      bothMade.open();
+      end.pass();  // alive until both were made, so that no address serves twice
+    });
+  }
+  bothMade.pass(2);
+  end.open(2);
+  for (auto& thread : threads) thread.join();
+  EXPECT_NE(others[0], mine);
+  EXPECT_NE(others[1], mine);
+  EXPECT_NE(others[0], others[1]);
+}
+
+TEST_F(DateFormatterCacheTest, GivesEachLocaleItsOwnAndKeepsIt) {
+  DateFormatter* const posix = dateFormatterOfThread();
+  DateFormatter* arabic = nullptr;
+  {
+    const ScopedVariable other("LC_ALL", "ar_EG.UTF-8");
+    arabic = dateFormatterOfThread();
+    EXPECT_NE(arabic, posix);
+    EXPECT_EQ(arabic->stringFromDate(DATE), "٢٠١٦-٠٣-٠١ ١٤:٠٥:٠٩.١٢٣");
+    EXPECT_EQ(dateFormatterOfThread(), arabic);
+  }
+  EXPECT_EQ(dateFormatterOfThread(), posix);
+  EXPECT_EQ(dateFormatterOfThread()->stringFromDate(DATE), "2016-03-01 14:05:09.123");
+  const ScopedVariable again("LC_ALL", "ar_EG.UTF-8");
+  EXPECT_EQ(dateFormatterOfThread(), arabic);
+}
+
+}  // namespace
+}  // namespace vornet

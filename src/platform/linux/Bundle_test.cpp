@@ -1,0 +1,42 @@
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "platform/Foundation.hpp"
+#include "platform/linux/Host.hpp"
+
+namespace vornet::platform {
+namespace {
+
+TEST(Bundle, SaysNothingBeforeItIsSet) {
+  for (const char* key : {"CFBundleIdentifier", "CFBundleShortVersionString", "CFBundleVersion"}) {
+    EXPECT_EQ(bundleInfoText(key), std::nullopt) << key;
+  }
+  EXPECT_TRUE(host::mainBundle().imageFolders.empty());
+}
+
+TEST(Bundle, GivesTheTextsThatWereSet) {
+  host::setMainBundle({.identifier = "com.example.app", .version = "1.2", .build = "34", .imageFolders = {"/images"}});
+  EXPECT_EQ(bundleInfoText("CFBundleIdentifier"), "com.example.app");
+  EXPECT_EQ(bundleInfoText("CFBundleShortVersionString"), "1.2");
+  EXPECT_EQ(bundleInfoText("CFBundleVersion"), "34");
+  EXPECT_EQ(host::mainBundle().imageFolders, std::vector<std::string>{"/images"});
+}
+
+TEST(Bundle, LacksEmptyTextsAndUnknownKeys) {
+  host::setMainBundle({.identifier = "com.example.app", .version = "", .build = "", .imageFolders = {}});
+  EXPECT_EQ(bundleInfoText("CFBundleShortVersionString"), std::nullopt);
+  EXPECT_EQ(bundleInfoText("CFBundleVersion"), std::nullopt);
+  EXPECT_EQ(bundleInfoText("CFBundleName"), std::nullopt);
+  EXPECT_EQ(bundleInfoText(""), std::nullopt);
+}
+
+TEST(Bundle, FindsImageFoldersBesideTheProgramsFolder) {
+  const auto program = std::filesystem::read_symlink("/proc/self/exe");
+  const auto folders = host::imageFoldersOfProgram();
+  ASSERT_EQ(folders.size(), 1u);
+  EXPECT_EQ(folders[0], program.parent_path().parent_path().string() + "/share/vornet-vi/images");
+}
+
+}  // namespace
+}  // namespace vornet::platform

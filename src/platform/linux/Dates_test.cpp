@@ -1,0 +1,226 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unicode/smpdtfmt.h>
+
+#include <random>
+
+#include "platform/Foundation.hpp"
+#include "support/Environment.hpp"
+
+namespace vornet::platform {
+namespace {
+
+using std::chrono::hours;
+using std::chrono::milliseconds;
+using test::ScopedVariable;
+
+constexpr std::string_view PATTERN = "yyyy-MM-dd HH:mm:ss.SSS";
+
+// 2016-03-01 14:05:09.123 UTC
+constexpr milliseconds MOMENT{1456841109123};
+
+Date dateAt(milliseconds sinceEpoch) {
+  return Date(sinceEpoch);
+}
+
+std::string formatted(const std::string& locale, milliseconds moment = MOMENT) {
+  return DateFormatter::make(locale, PATTERN)->stringFromDate(dateAt(moment));
+}
+
+/// The same by the library alone.
+class Reference {
+ public:
+  explicit Reference(const std::string& locale)
+      : format_(icu::UnicodeString::fromUTF8(icu::StringPiece(PATTERN.data(), static_cast<int>(PATTERN.size()))),
+                icu::Locale::createCanonical(locale.c_str()), status_) {
+    EXPECT_TRUE(U_SUCCESS(status_)) << locale;
+  }
+  std::string operator()(milliseconds moment) const {
+    icu::UnicodeString text;
+    std::string out;
+    return format_.format(static_cast<UDate>(moment.count()), text).toUTF8String(out);
+  }
+
+ private:
+  UErrorCode status_ = U_ZERO_ERROR;
+  icu::SimpleDateFormat format_;
+};
+
+// --- The current locale
+
+class CurrentLocale : public testing::Test {
+ protected:
+  ScopedVariable all{"LC_ALL", std::nullopt};
+  ScopedVariable time{"LC_TIME", std::nullopt};
+  ScopedVariable language{"LANG", std::nullopt};
+};
+
+TEST_F(CurrentLocale, IsThePOSIXOneWhenNothingIsSet) {
+  EXPECT_EQ(currentLocaleIdentifier(), "en_US_POSIX");
+}
+
+TEST_F(CurrentLocale, ComesFromTheFirstOfThreeVariablesThatIsNotEmpty) {
+  const ScopedVariable lang("LANG", "de_DE.UTF-8");
+  EXPECT_EQ(currentLocaleIdentifier(), "de_DE");
+  const ScopedVariable timeOnly("LC_TIME", "fr_FR.UTF-8");
+  EXPECT_EQ(currentLocaleIdentifier(), "fr_FR");
+  const ScopedVariable everything("LC_ALL", "ar_EG.UTF-8");
+  EXPECT_EQ(currentLocaleIdentifier(), "ar_EG");
+  const ScopedVariable empty("LC_ALL", "");
+  EXPECT_EQ(currentLocaleIdentifier(), "fr_FR");
+  const ScopedVariable emptyToo("LC_TIME", "");
+  EXPECT_EQ(currentLocaleIdentifier(), "de_DE");
+}
+
+TEST_F(CurrentLocale, LeavesOutEncodingAndModifier) {
+  const std::pair<const char*, const char*> cases[] = {{"ar_EG.UTF-8", "ar_EG"},
+                                                       {"de_DE@euro", "de_DE"},
+                                                       {"ca_ES.UTF-8@valencia", "ca_ES"},
+                                                       {"de", "de"},
+                                                       {"C", "en_US_POSIX"},
+                                                       {"POSIX", "en_US_POSIX"},
+                                                       {"C.UTF-8", "en_US_POSIX"},
+                                                       {"en_US_POSIX", "en_US_POSIX"}};
+  for (const auto& [value, identifier] : cases) {
+    const ScopedVariable set("LC_ALL", value);
+    EXPECT_EQ(currentLocaleIdentifier(), identifier) << value;
+  }
+}
+
+// --- Formatting
+
+class DateFormatterTest : public testing::Test {
+ protected:
+  ScopedVariable zone{"TZ", "UTC"};
+};
+
+TEST_F(DateFormatterTest, WritesThePatternsFields) {
+  EXPECT_EQ(formatted("en_US_POSIX"), "2016-03-01 14:05:09.123");
+  EXPECT_EQ(formatted("de_DE"), "2016-03-01 14:05:09.123");
+}
+
+TEST_F(DateFormatterTest, WritesTheLocalesDigitsAndCalendar) {
+  EXPECT_EQ(formatted("ar_EG"), "٢٠١٦-٠٣-٠١ ١٤:٠٥:٠٩.١٢٣");
+  EXPECT_EQ(formatted("th_TH"), "2559-03-01 14:05:09.123");
+  EXPECT_EQ(formatted("fa_IR"), "۱۳۹۴-۱۲-۱۱ ۱۴:۰۵:۰۹.۱۲۳");
+}
+
+TEST_F(DateFormatterTest, CutsOffWhatIsShorterThanAMillisecond) {
+  const auto formatter = DateFormatter::make("en_US_POSIX", PATTERN);
+  const Date date = dateAt(MOMENT) + std::chrono::nanoseconds(999999);
+  EXPECT_EQ(formatter->stringFromDate(date), "2016-03-01 14:05:09.123");
+  EXPECT_EQ(formatter->stringFromDate(date + std::chrono::nanoseconds(1)), "2016-03-01 14:05:09.124");
+  EXPECT_EQ(formatter->stringFromDate(dateAt(milliseconds(0)) - std::chrono::nanoseconds(1)),
+            "1969-12-31 23:59:59.999");
+}
+
+TEST_F(DateFormatterTest, WritesAllOfASecondsMilliseconds) {
+  for (const char* locale : {"en_US_POSIX", "ar_EG", "fa_IR"}) {
+    const auto formatter = DateFormatter::make(locale, PATTERN);
+    const Reference reference(locale);
+    for (milliseconds moment = MOMENT - milliseconds(1500); moment < MOMENT + milliseconds(1500);
+         moment += milliseconds(1)) {
+      ASSERT_EQ(formatter->stringFromDate(dateAt(moment)), reference(moment)) << locale << ' ' << moment.count();
+    }
+  }
+}
+
+TEST_F(DateFormatterTest, WritesDatesBefore1970) {
+  const auto formatter = DateFormatter::make("en_US_POSIX", PATTERN);
+  EXPECT_EQ(formatter->stringFromDate(dateAt(milliseconds(-1))), "1969-12-31 23:59:59.999");
+  EXPECT_EQ(formatter->stringFromDate(dateAt(milliseconds(-1000))), "1969-12-31 23:59:59.000");
+  EXPECT_EQ(formatter->stringFromDate(dateAt(milliseconds(-1001))), "1969-12-31 23:59:58.999");
+  EXPECT_EQ(formatter->stringFromDate(dateAt(milliseconds(0))), "1970-01-01 00:00:00.000");
+}
+
+TEST_F(DateFormatterTest, FormatsByOtherPatternsToo) {
+  const auto formatter = DateFormatter::make("en_US_POSIX", "HH:mm");
+  EXPECT_EQ(formatter->stringFromDate(dateAt(MOMENT)), "14:05");
+  EXPECT_EQ(formatter->stringFromDate(dateAt(MOMENT + hours(1))), "15:05");
+  const auto middle = DateFormatter::make("ar_EG", "SSS 'ms' ss");
+  EXPECT_EQ(middle->stringFromDate(dateAt(MOMENT)), "١٢٣ ms ٠٩");
+  EXPECT_EQ(middle->stringFromDate(dateAt(MOMENT + milliseconds(877))), "٠٠٠ ms ١٠");
+  const auto twice = DateFormatter::make("en_US_POSIX", "SSS SSS");
+  EXPECT_EQ(twice->stringFromDate(dateAt(MOMENT)), "123 123");
+  EXPECT_EQ(twice->stringFromDate(dateAt(MOMENT + milliseconds(1))), "124 124");
+  const auto tenths = DateFormatter::make("en_US_POSIX", "ss.S");
+  EXPECT_EQ(tenths->stringFromDate(dateAt(MOMENT)), "09.1");
+  EXPECT_EQ(tenths->stringFromDate(dateAt(MOMENT + milliseconds(100))), "09.2");
+}
+
+class DateFormatterLocales : public testing::TestWithParam<const char*> {};
+
+INSTANTIATE_TEST_SUITE_P(, DateFormatterLocales,
+                         testing::Values("en_US_POSIX", "en_US", "de_DE", "ar_EG", "ar_SA", "fa_IR", "th_TH", "hi_IN",
+                                         "mr_IN", "bn_BD", "ne_NP", "my_MM", "ur_PK", "ps_AF", "ckb_IQ", "dz_BT",
+                                         "sat_IN", "ff_Adlm", "ja_JP", "he_IL", "am_ET", "xx_YY", "en@numbers=mathsanb",
+                                         "zh@numbers=hanidec", "en@numbers=roman", "en@calendar=hebrew",
+                                         "ja@calendar=japanese", "en@calendar=ethiopic"));
+
+TEST_P(DateFormatterLocales, AgreesWithTheLibraryOnManyDates) {
+  const ScopedVariable zone("TZ", "Europe/Berlin");
+  const std::string locale = GetParam();
+  const auto formatter = DateFormatter::make(locale, PATTERN);
+  ASSERT_NE(formatter, nullptr);
+  const Reference reference(locale);
+  std::mt19937_64 random(8806);
+  // Four millennia around the epoch are more than a clock can hold; take what it holds.
+  std::uniform_int_distribution<std::int64_t> moments(-9'000'000'000'000, 9'000'000'000'000);
+  for (int i = 0; i < 500; ++i) {
+    const milliseconds moment(moments(random));
+    const auto second = std::chrono::floor<std::chrono::seconds>(moment);
+    // The date, its second's ends and the second before: kept texts are used, left and taken up again.
+    for (const milliseconds near : {moment, milliseconds(second), second + milliseconds(999), second - milliseconds(1),
+                                    second + milliseconds(1000), moment}) {
+      ASSERT_EQ(formatter->stringFromDate(dateAt(near)), reference(near)) << near.count();
+    }
+  }
+}
+
+class DateFormatterZones : public testing::TestWithParam<const char*> {};
+
+INSTANTIATE_TEST_SUITE_P(, DateFormatterZones,
+                         testing::Values("America/New_York", "Europe/Berlin", "Australia/Lord_Howe", "Asia/Kathmandu",
+                                         "Africa/Monrovia", "Pacific/Apia"));
+
+TEST_P(DateFormatterZones, AgreesWithTheLibraryThroughAllChangesOfAYear) {
+  const ScopedVariable zone("TZ", GetParam());
+  const auto formatter = DateFormatter::make("en_US_POSIX", PATTERN);
+  const Reference reference("en_US_POSIX");
+  for (const milliseconds start : {milliseconds(1293836400000) /* 2011 */, milliseconds(63072000000) /* 1972 */}) {
+    for (milliseconds moment = start; moment < start + hours(24 * 366); moment += std::chrono::minutes(30)) {
+      for (const int offset : {-1, 0, 1}) {
+        const milliseconds near = moment + milliseconds(offset);
+        ASSERT_EQ(formatter->stringFromDate(dateAt(near)), reference(near)) << near.count();
+      }
+    }
+  }
+}
+
+TEST(DateFormatterZone, IsTheSystemsWithItsSummerTime) {
+  const ScopedVariable zone("TZ", "America/New_York");
+  const auto formatter = DateFormatter::make("en_US_POSIX", PATTERN);
+  // 2021-03-14 07:00 UTC: the clock goes from 2 to 3.
+  EXPECT_EQ(formatter->stringFromDate(dateAt(milliseconds(1615705199999))), "2021-03-14 01:59:59.999");
+  EXPECT_EQ(formatter->stringFromDate(dateAt(milliseconds(1615705200000))), "2021-03-14 03:00:00.000");
+  // 2021-11-07 06:00 UTC: the clock goes from 2 back to 1.
+  EXPECT_EQ(formatter->stringFromDate(dateAt(milliseconds(1636264799999))), "2021-11-07 01:59:59.999");
+  EXPECT_EQ(formatter->stringFromDate(dateAt(milliseconds(1636264800000))), "2021-11-07 01:00:00.000");
+}
+
+// --- A date's own description
+
+TEST(DateDescription, IsInUniversalTimeToTheSecond) {
+  const ScopedVariable zone("TZ", "Asia/Kathmandu");
+  EXPECT_EQ(dateDescription(dateAt(MOMENT)), "2016-03-01 14:05:09 +0000");
+  EXPECT_EQ(dateDescription(dateAt(milliseconds(0))), "1970-01-01 00:00:00 +0000");
+}
+
+TEST(DateDescription, CutsOffPartsOfASecondBefore1970Too) {
+  EXPECT_EQ(dateDescription(dateAt(milliseconds(-1))), "1969-12-31 23:59:59 +0000");
+  EXPECT_EQ(dateDescription(dateAt(milliseconds(-1000))), "1969-12-31 23:59:59 +0000");
+  EXPECT_EQ(dateDescription(dateAt(milliseconds(999))), "1970-01-01 00:00:00 +0000");
+}
+
+}  // namespace
+}  // namespace vornet::platform

@@ -1,0 +1,360 @@
+#include "platform/FinderSync.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+
+#include "platform/linux/FinderSyncHost.hpp"
+#include "platform/linux/Host.hpp"
+#include "support/TemporaryFolder.hpp"
+
+namespace vornet::platform {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+
+FileURL at(std::string_view path) {
+  return FileURL::fileURLWithPath(path);
+}
+
+/// Notes what it is told.
+class NotingListener : public host::Listener {
+ public:
+  void badgeChanged(const FileURL& url, const std::string& identifier) override {
+    badges.emplace_back(url.path().value_or("none"), identifier);
+  }
+  void directoriesChanged() override { ++directories; }
+
+  std::vector<std::pair<std::string, std::string>> badges;
+  int directories = 0;
+};
+
+class FinderSyncController : public testing::Test {
+ protected:
+  FinderSyncController() { host::setListener(&listener); }
+  ~FinderSyncController() override { host::setListener(nullptr); }
+
+  FIFinderSyncController& controller = FIFinderSyncController::defaultController();
+  NotingListener listener;
+};
+
+TEST_F(FinderSyncController, IsOne) {
+  EXPECT_EQ(&FIFinderSyncController::defaultController(), &controller);
+}
+
+// --- Registered badges
+
+TEST_F(FinderSyncController, RegistersBadgesInTheOrderOfTheirFirstRegistration) {
+  const test::TemporaryFolder folder;
+  test::writeFile(folder / "16/sync.png", "");
+  host::setMainBundle({.identifier = "", .version = "", .build = "", .imageFolders = {folder.path().string()}});
+  const auto image = Image::named("sync");
+  ASSERT_TRUE(image);
+  EXPECT_THAT(host::registeredBadges(), IsEmpty());
+  controller.setBadgeImage(Image(), "Synced", "SYNCED");
+  controller.setBadgeImage(Image(), "Not synced", "SKIPPED");
+  controller.setBadgeImage(*image, "Synced again", "SYNCED");
+  const auto badges = host::registeredBadges();
+  ASSERT_EQ(badges.size(), 2u);
+  EXPECT_EQ(badges[0].identifier, "SYNCED");
+  EXPECT_EQ(badges[0].label, "Synced again");
+  EXPECT_EQ(badges[0].image, *image);
+  EXPECT_EQ(badges[1].identifier, "SKIPPED");
+  EXPECT_EQ(badges[1].label, "Not synced");
+}
+
+// --- Badges of items
+
+TEST_F(FinderSyncController, KeepsABadgeWhileItsFolderIsOnScreen) {
+  host::folderShown("/a");
+  controller.setBadgeIdentifier("SYNCED", at("/a/file"));
+  EXPECT_EQ(host::badgeIdentifier(at("/a/file")), "SYNCED");
+  host::folderHidden("/a");
+  EXPECT_EQ(host::badgeIdentifier(at("/a/file")), std::nullopt);
+  host::folderShown("/a");
+  EXPECT_EQ(host::badgeIdentifier(at("/a/file")), std::nullopt) << "forgotten";
+}
+
+TEST_F(FinderSyncController, KeepsAndTellsNoBadgeOfAFolderThatIsNotOnScreen) {
+  host::folderShown("/a");
+  for (const char* path : {"/b/file", "/a/folder/file", "/a", "/ab/file"}) {
+    controller.setBadgeIdentifier("SYNCED", at(path));
+    EXPECT_EQ(host::badgeIdentifier(at(path)), std::nullopt) << path;
+  }
+  EXPECT_THAT(listener.badges, IsEmpty());
+}
+
+TEST_F(FinderSyncController, KnowsNoBadgeThatWasNotSet) {
+  host::folderShown("/a");
+  EXPECT_EQ(host::badgeIdentifier(at("/a/file")), std::nullopt);
+  EXPECT_EQ(host::badgeIdentifier(FileURL()), std::nullopt);
+}
+
+TEST_F(FinderSyncController, ShowsBadgesInTheRootFolder) {
+  host::folderShown("/");
+  controller.setBadgeIdentifier("SYNCED", at("/file"));
+  EXPECT_EQ(host::badgeIdentifier(at("/file")), "SYNCED");
+}
+
+TEST_F(FinderSyncController, TellsEachChangeOnce) {
+  host::folderShown("/a");
+  controller.setBadgeIdentifier("PENDING", at("/a/file"));
+  controller.setBadgeIdentifier("PENDING", at("/a/file"));
+  controller.setBadgeIdentifier("SYNCED", at("/a/file"));
+  controller.setBadgeIdentifier("", at("/a/file"));
+  controller.setBadgeIdentifier("", at("/a/file"));
+  controller.setBadgeIdentifier("SYNCED", at("/a/other"));
+  EXPECT_THAT(listener.badges, ElementsAre(Pair("/a/file", "PENDING"), Pair("/a/file", "SYNCED"), Pair("/a/file", ""),
+                                           Pair("/a/other", "SYNCED")));
+  EXPECT_EQ(host::badgeIdentifier(at("/a/file")), "");
+}
+
+TEST_F(FinderSyncController, TellsABadgeAgainAfterItsFolderWasAway) {
+  host::folderShown("/a");
+  controller.setBadgeIdentifier("SYNCED", at("/a/file"));
+  host::folderHidden("/a");
+  controller.setBadgeIdentifier("SYNCED", at("/a/file"));
+  host::folderShown("/a");
+  controller.setBadgeIdentifier("SYNCED", at("/a/file"));
+  EXPECT_EQ(listener.badges.size(), 2u);
+}
+
+TEST_F(FinderSyncController, KeepsItsBadgesWhenAFolderIsShownAgain) {
+  host::folderShown("/a");
+  controller.setBadgeIdentifier("SYNCED", at("/a/file"));
+  host::folderShown("/a");
+  EXPECT_EQ(host::badgeIdentifier(at("/a/file")), "SYNCED");
+}
+
+TEST_F(FinderSyncController, HidesAFolderThatWasNotShown) {
+  host::folderHidden("/never");
+  EXPECT_THAT(listener.badges, IsEmpty());
+}
+
+TEST_F(FinderSyncController, IgnoresURLsWithoutPath) {
+  host::folderShown("/");
+  host::folderShown("");
+  controller.setBadgeIdentifier("SYNCED", FileURL());
+  EXPECT_THAT(listener.badges, IsEmpty());
+}
+
+// --- Answers to requests
+
+TEST_F(FinderSyncController, TakesABadgeOfTheAskedItemAsTheAnswer) {
+  host::folderShown("/a");
+  const auto url = at("/a/file");
+  const host::BadgeRequest request(url);
+  EXPECT_EQ(request.answer(), std::nullopt);
+  controller.setBadgeIdentifier("SYNCED", at("/a/file"));
+  EXPECT_EQ(request.answer(), "SYNCED");
+  EXPECT_EQ(host::badgeIdentifier(url), "SYNCED");
+  EXPECT_THAT(listener.badges, IsEmpty()) << "the asker knows it";
+}
+
+TEST_F(FinderSyncController, AnswersForFoldersThatAreNotOnScreenToo) {
+  const auto url = at("/b/file");
+  const host::BadgeRequest request(url);
+  controller.setBadgeIdentifier("SYNCED", url);
+  EXPECT_EQ(request.answer(), "SYNCED");
+  EXPECT_EQ(host::badgeIdentifier(url), std::nullopt);
+  EXPECT_THAT(listener.badges, IsEmpty());
+}
+
+TEST_F(FinderSyncController, AnswersWithTheEmptyIdentifierToo) {
+  const auto url = at("/a/file");
+  const host::BadgeRequest request(url);
+  controller.setBadgeIdentifier("", url);
+  EXPECT_EQ(request.answer(), "");
+}
+
+TEST_F(FinderSyncController, TellsAnAnswerThatDiffersFromTheBadgeBefore) {
+  host::folderShown("/a");
+  const auto url = at("/a/file");
+  controller.setBadgeIdentifier("PENDING", url);
+  listener.badges.clear();
+  {
+    const host::BadgeRequest request(url);
+    controller.setBadgeIdentifier("PENDING", url);
+    EXPECT_EQ(request.answer(), "PENDING");
+  }
+  EXPECT_THAT(listener.badges, IsEmpty());
+  {
+    const host::BadgeRequest request(url);
+    controller.setBadgeIdentifier("SYNCED", url);
+    EXPECT_EQ(request.answer(), "SYNCED");
+  }
+  EXPECT_THAT(listener.badges, ElementsAre(Pair("/a/file", "SYNCED")));
+}
+
+TEST_F(FinderSyncController, TakesNoBadgeOfAnotherItemAsTheAnswer) {
+  host::folderShown("/a");
+  const auto url = at("/a/file");
+  const host::BadgeRequest request(url);
+  controller.setBadgeIdentifier("SYNCED", at("/a/other"));
+  EXPECT_EQ(request.answer(), std::nullopt);
+  EXPECT_THAT(listener.badges, ElementsAre(Pair("/a/other", "SYNCED")));
+}
+
+TEST_F(FinderSyncController, TakesNoBadgeFromAnotherThreadAsTheAnswer) {
+  host::folderShown("/a");
+  const auto url = at("/a/file");
+  const host::BadgeRequest request(url);
+  std::thread([&] { controller.setBadgeIdentifier("SYNCED", url); }).join();
+  EXPECT_EQ(request.answer(), std::nullopt);
+  EXPECT_THAT(listener.badges, ElementsAre(Pair("/a/file", "SYNCED")));
+}
+
+TEST_F(FinderSyncController, EndsARequestWithItsLife) {
+  host::folderShown("/a");
+  const auto url = at("/a/file");
+  { const host::BadgeRequest request(url); }
+  controller.setBadgeIdentifier("SYNCED", url);
+  EXPECT_THAT(listener.badges, ElementsAre(Pair("/a/file", "SYNCED")));
+}
+
+TEST_F(FinderSyncController, GoesBackToTheOuterRequestAfterAnInnerOne) {
+  const auto outerURL = at("/a/outer");
+  const auto innerURL = at("/a/inner");
+  const host::BadgeRequest outer(outerURL);
+  {
+    const host::BadgeRequest inner(innerURL);
+    controller.setBadgeIdentifier("PENDING", innerURL);
+    EXPECT_EQ(inner.answer(), "PENDING");
+  }
+  EXPECT_EQ(outer.answer(), std::nullopt);
+  controller.setBadgeIdentifier("SYNCED", outerURL);
+  EXPECT_EQ(outer.answer(), "SYNCED");
+}
+
+// --- Observed folders
+
+TEST_F(FinderSyncController, ReplacesTheObservedFoldersAndTells) {
+  EXPECT_THAT(controller.directoryURLs(), IsEmpty());
+  controller.setDirectoryURLs({at("/a"), at("/b")});
+  EXPECT_THAT(controller.directoryURLs(), ElementsAre(at("/a"), at("/b")));
+  EXPECT_EQ(listener.directories, 1);
+  controller.setDirectoryURLs({at("/c")});
+  EXPECT_THAT(controller.directoryURLs(), ElementsAre(at("/c")));
+  controller.setDirectoryURLs({});
+  EXPECT_THAT(controller.directoryURLs(), IsEmpty());
+  EXPECT_EQ(listener.directories, 3);
+}
+
+// --- Listeners
+
+TEST_F(FinderSyncController, TellsTheLastListenerAlone) {
+  host::folderShown("/a");
+  NotingListener second;
+  host::setListener(&second);
+  controller.setBadgeIdentifier("SYNCED", at("/a/file"));
+  controller.setDirectoryURLs({});
+  EXPECT_THAT(listener.badges, IsEmpty());
+  EXPECT_EQ(listener.directories, 0);
+  EXPECT_EQ(second.badges.size(), 1u);
+  EXPECT_EQ(second.directories, 1);
+  host::setListener(nullptr);
+}
+
+TEST_F(FinderSyncController, WorksWithoutAListener) {
+  host::setListener(nullptr);
+  host::folderShown("/a");
+  controller.setBadgeIdentifier("SYNCED", at("/a/file"));
+  controller.setDirectoryURLs({at("/a")});
+  EXPECT_EQ(host::badgeIdentifier(at("/a/file")), "SYNCED");
+}
+
+TEST_F(FinderSyncController, CallsAListenerNoMoreOnceAnotherIsSet) {
+  host::folderShown("/a");
+  std::atomic<bool> more = true;
+  std::thread setter([&] {
+    for (int i = 0; more; ++i) controller.setBadgeIdentifier(std::to_string(i), at("/a/file"));
+  });
+  for (int i = 0; i < 200; ++i) {
+    // Gone after each round: a call to it would be seen by the sanitizers.
+    const auto shortLived = std::make_unique<NotingListener>();
+    host::setListener(shortLived.get());
+    host::setListener(nullptr);
+  }
+  more = false;
+  setter.join();
+}
+
+// --- The selection
+
+TEST_F(FinderSyncController, HasASelectionOnlyWhileOneLives) {
+  EXPECT_EQ(controller.selectedItemURLs(), std::nullopt);
+  const std::vector<FileURL> items = {at("/b"), at("/a"), at("/b")};
+  {
+    const host::Selection selection(items);
+    EXPECT_EQ(controller.selectedItemURLs(), items) << "in the order of the user";
+  }
+  EXPECT_EQ(controller.selectedItemURLs(), std::nullopt);
+}
+
+TEST_F(FinderSyncController, TellsAnEmptySelectionFromNone) {
+  const std::vector<FileURL> nothing;
+  const host::Selection selection(nothing);
+  EXPECT_EQ(controller.selectedItemURLs(), nothing);
+}
+
+TEST_F(FinderSyncController, GoesBackToTheOuterSelectionAfterAnInnerOne) {
+  const std::vector<FileURL> outerItems = {at("/a")};
+  const std::vector<FileURL> innerItems = {at("/b")};
+  const host::Selection outer(outerItems);
+  {
+    const host::Selection inner(innerItems);
+    EXPECT_EQ(controller.selectedItemURLs(), innerItems);
+  }
+  EXPECT_EQ(controller.selectedItemURLs(), outerItems);
+}
+
+TEST_F(FinderSyncController, HasASelectionOfItsOwnForEachThread) {
+  const std::vector<FileURL> mine = {at("/mine")};
+  const host::Selection selection(mine);
+  std::thread([&] {
+    EXPECT_EQ(controller.selectedItemURLs(), std::nullopt);
+    const std::vector<FileURL> other = {at("/other")};
+    const host::Selection otherSelection(other);
+    EXPECT_EQ(controller.selectedItemURLs(), other);
+  }).join();
+  EXPECT_EQ(controller.selectedItemURLs(), mine);
+}
+
+// --- Threads
+
+TEST_F(FinderSyncController, MayBeUsedByManyThreadsAtOnce) {
+  std::vector<std::thread> threads;
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&, i] {
+      std::string folder = "/folder";
+      folder.append(std::to_string(i % 2));
+      const auto url = at(folder + "/file");
+      for (int round = 0; round < 200; ++round) {
+        host::folderShown(folder);
+        {
+          const host::BadgeRequest request(url);
+          controller.setBadgeIdentifier("SYNCED", url);
+          EXPECT_EQ(request.answer(), "SYNCED");
+        }
+        controller.setBadgeIdentifier("PENDING", url);
+        host::badgeIdentifier(url);
+        controller.setDirectoryURLs({url});
+        controller.directoryURLs();
+        controller.setBadgeImage(Image(), "label", "SYNCED");
+        host::registeredBadges();
+        host::folderHidden(folder);
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(listener.directories, 800);
+  EXPECT_EQ(host::registeredBadges().size(), 1u);
+}
+
+}  // namespace
+}  // namespace vornet::platform
