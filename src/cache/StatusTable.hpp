@@ -33,7 +33,7 @@ class StatusTable {
   StatusTable(std::initializer_list<std::pair<std::string_view, StatusCode>> entries);
 
   /// An empty table meant for items of the folder `folder` (cloud path ending in "/"): their paths are kept without it,
-  /// which halves the memory and the work. Takes any other path all the same.
+  /// which saves memory and work. Takes any other path all the same.
   explicit StatusTable(std::string folder) : folder_(std::move(folder)) {}
 
   /// Stores `code` under `path`, in place of what stood there. `path` is copied.
