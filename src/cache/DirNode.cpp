@@ -16,13 +16,16 @@ StatusTable DirNode::update(StatusTable items) {
     return changes;
   }
 
+  std::size_t kept = 0;
   for (const auto& [path, status] : old) {
     const auto now = items_.find(path);
+    if (now) ++kept;
     if (now == status) continue;
     VI_DEBUG("Cached path changed: " + std::string(path) + " " + std::to_string(status) + " -> " +
              (now ? "Optional(" + std::to_string(*now) + ")" : "nil"));
     if (now) changes.set(path, *now);
   }
+  if (kept == items_.size()) return changes;  // nothing was added: nothing to look for
   for (const auto& [path, status] : items_) {
     if (old.find(path)) continue;
     VI_DEBUG("Cache path added: " + std::string(path) + " " + std::to_string(status));

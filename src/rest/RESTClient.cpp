@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <exception>
 #include <memory>
 #include <mutex>
@@ -43,11 +44,25 @@ void add(CurlList& list, const std::string& line) {
   list.reset(longer);
 }
 
-std::size_t collect(char* data, std::size_t size, std::size_t count, void* body) {
-  auto& text = *static_cast<std::string*>(body);
-  if (text.size() + size * count > MAX_REPLY_BYTES) return 0;
+struct Reply {
+  CURL* handle;
+  std::string body;
+};
+
+/// Makes room for the whole reply when its length is announced, up to what any real one has.
+void makeRoom(Reply& reply) {
+  constexpr curl_off_t ENOUGH = 4 << 20;
+  curl_off_t length = 0;
+  curl_easy_getinfo(reply.handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
+  if (length > 0) reply.body.reserve(static_cast<std::size_t>(std::min(length, ENOUGH)));
+}
+
+std::size_t collect(char* data, std::size_t size, std::size_t count, void* into) {
+  auto& reply = *static_cast<Reply*>(into);
+  if (reply.body.size() + size * count > MAX_REPLY_BYTES) return 0;
   try {
-    text.append(data, size * count);
+    if (reply.body.empty()) makeRoom(reply);
+    reply.body.append(data, size * count);
   } catch (const std::exception&) {
     return 0;  // no exception may cross the library's C frames; a short count makes it give up
   }
@@ -104,7 +119,7 @@ std::optional<std::string> RESTClient::postAtURL(const RequestURL& url, const st
   CURL* const handle = handleOfThread();
   if (!handle) throw HTTPError::ResourceUnavailable();
   const CurlList lines = headerLines(headers);
-  std::string body;
+  Reply reply{handle, {}};
 
   curl_easy_setopt(handle, CURLOPT_URL, url.text().c_str());
   curl_easy_setopt(handle, CURLOPT_PATH_AS_IS, 1L);
@@ -118,14 +133,14 @@ std::optional<std::string> RESTClient::postAtURL(const RequestURL& url, const st
   curl_easy_setopt(handle, CURLOPT_PROXY, "");
   curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 0L);
   curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &collect);
-  curl_easy_setopt(handle, CURLOPT_WRITEDATA, &body);
+  curl_easy_setopt(handle, CURLOPT_WRITEDATA, &reply);
   if (curl_easy_perform(handle) != CURLE_OK) throw HTTPError::ResourceUnavailable();
 
   long status = 0;
   curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
   if (status == 0) return std::nullopt;  // answered, but not by HTTP
   if (status != HTTPStatusCode.OK) throw HTTPError::Non200Error(status);
-  return body;
+  return std::move(reply.body);
 }
 
 }  // namespace vornet

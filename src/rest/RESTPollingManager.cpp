@@ -13,13 +13,22 @@
 namespace vornet {
 namespace {
 
-// An entry of a reply takes about this many bytes; only the first guess at a table's size depends on it.
-constexpr std::size_t BYTES_AN_ENTRY = 48;
+// How much of a reply is looked at to guess how many entries it has, and the fewest bytes that one is taken to have.
+constexpr std::size_t SAMPLE_BYTES = 4096;
+constexpr std::size_t MIN_ENTRY_BYTES = 16;
 
-/// The statuses in a reply; none when it is JSON of another shape. Throws JSONError.
-std::optional<StatusTable> statusesFromReply(const std::string& reply) {
-  StatusTable table;
-  table.reserve(reply.size() / BYTES_AN_ENTRY);
+/// About how many entries `reply` has: as many to the byte as its beginning.
+std::size_t expectedEntries(std::string_view reply) {
+  const auto sample = reply.substr(0, SAMPLE_BYTES);
+  const auto entries = static_cast<std::size_t>(std::count(sample.begin(), sample.end(), ':'));
+  return std::min(reply.size() * entries / std::max<std::size_t>(sample.size(), 1), reply.size() / MIN_ENTRY_BYTES);
+}
+
+/// The statuses in a reply for the folder `key`; none when it is JSON of another shape. Throws JSONError.
+std::optional<StatusTable> statusesFromReply(const std::string& key, const std::string& reply) {
+  StatusTable table(key);
+  const std::size_t entries = expectedEntries(reply);
+  table.reserve(entries, reply.size() - std::min(reply.size(), entries * key.size()));
   const bool ofIntegers =
       integersFromJSON(reply, [&](std::string_view path, StatusCode code) { table.set(path, code); });
   if (!ofIntegers) return std::nullopt;
@@ -187,7 +196,7 @@ void RESTPollingManager::fetch(const std::string& dir) {
   const std::string key = getCloudPath(root, dir) + "/";
   const auto reply = RESTClient::postAtPath("get_icons_for_folder", toJSON({{"dir_name", key}}));
   if (!reply) return;
-  auto statuses = statusesFromReply(*reply);
+  auto statuses = statusesFromReply(key, *reply);
   if (!statuses) return;
   const auto changes = dirCache_.update(key, *std::move(statuses));
   if (!changes) return;

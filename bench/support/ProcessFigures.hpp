@@ -1,0 +1,35 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <cstddef>
+#include <functional>
+
+/// What the system says of a process. 0 when there is no such process.
+namespace vornet::bench {
+
+/// Resident memory in MiB.
+double residentMemory(pid_t process);
+
+std::size_t threadCount(pid_t process);
+
+/// The processor time that all its threads have used so far, in seconds.
+double processorTime(pid_t process);
+
+/// By how many MiB the resident memory of a process grows that does `work` and keeps what it returns; measured in a
+/// child process.
+template <class Work>
+double memoryOf(Work work);
+
+/// As memoryOf: `work` calls its argument once everything has been made and is still there.
+double memoryGrowth(const std::function<void(const std::function<void()>& made)>& work);
+
+template <class Work>
+double memoryOf(Work work) {
+  return memoryGrowth([&](const std::function<void()>& made) {
+    const auto kept = work();
+    made();
+  });
+}
+
+}  // namespace vornet::bench

@@ -1,0 +1,90 @@
+#include "support/RunningExtension.hpp"
+
+#include <csignal>
+#include <filesystem>
+#include <stdexcept>
+
+#include "extension/AppConst.hpp"
+#include "platform/Foundation.hpp"
+#include "support/Databases.hpp"
+#include "support/Items.hpp"
+#include "support/ProcessFigures.hpp"
+
+namespace vornet::bench {
+namespace {
+
+constexpr const char* BARE_NAME = "com.vornet.Bench";
+
+std::shared_ptr<const std::string> answerTo(const std::string& request) {
+  const auto from = request.find('/');
+  const auto until = request.rfind('"');
+  return std::make_shared<const std::string>(replyFor(request.substr(from, until - from)));
+}
+
+void require(bool condition, const char* failure) {
+  if (!condition) throw std::runtime_error(failure);
+}
+
+}  // namespace
+
+RunningExtension::RunningExtension()
+    : root_(environment_.folder() / "Kelvane"), server_(&answerTo), bus_(environment_.folder().path() / "bus") {
+  for (std::size_t i = 0; i < FOLDERS; ++i) std::filesystem::create_directories(root_ + folderKeyOf(i));
+  test::writePreferences(environment_.container() / App().KELVANE_PLIST, root_);
+  bare_ = std::make_unique<test::StartedProgram>(std::vector<std::string>{VORNET_BENCH_SERVICE, BARE_NAME},
+                                                 std::vector<std::string>{"DBUS_SESSION_BUS_ADDRESS=" + bus_.address()},
+                                                 environment_.folder() / "bare.output");
+  GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
+      bus_.address().c_str(),
+      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+      nullptr, nullptr, nullptr);
+  require(connection, "no connection to the bus");
+  connection_ = {connection, &g_object_unref};
+  restart();
+  require(client_->waitUntil([this] { return echo({"file:///a"}) == 1; }), "the bare service does not answer");
+}
+
+void RunningExtension::restart() {
+  if (process_ != 0) {
+    ::kill(process_, SIGTERM);  // its name is free before it has ended, and a second one beside it would end itself
+    require(client_->waitUntil([this] { return residentMemory(process_) == 0; }), "the extension does not end");
+  }
+  client_ = std::make_unique<test::BusClient>(bus_.address());
+  if (client_->property("Version").empty()) {
+    throw std::runtime_error("the extension does not start: " + test::readFile(bus_.output()));
+  }
+  process_ = client_->extensionProcess();
+}
+
+void RunningExtension::observe(std::size_t number) {
+  const auto folder = platform::FileURL::fileURLWithPath(root_ + folderKeyOf(number)).description();
+  const auto reply = client_->beginObserving(folder);
+  require(static_cast<bool>(reply), "the folder cannot be observed");
+  const std::vector<std::string> one = {urls(number).back()};
+  require(client_->waitUntil([&] { return requestBadges(one) == 1; }), "the folder's badges do not come");
+}
+
+std::vector<std::string> RunningExtension::urls(std::size_t number) const {
+  auto texts = itemsOf(folderKeyOf(number));
+  for (auto& text : texts) text = platform::FileURL::fileURLWithPath(root_ + text).description();
+  return texts;
+}
+
+std::size_t RunningExtension::call(bool echo, const std::vector<std::string>& urls) {
+  GVariant* reply = g_dbus_connection_call_sync(connection_.get(), echo ? BARE_NAME : App().APP_CODENAME.c_str(),
+                                                echo ? "/com/vornet/Bench" : "/com/vornet/FinderSync1",
+                                                echo ? "com.vornet.Bench" : "com.vornet.FinderSync1",
+                                                echo ? "Echo" : "RequestBadges", test::BusClient::urlArguments(urls),
+                                                nullptr, G_DBUS_CALL_FLAGS_NONE, 30'000, nullptr, nullptr);
+  if (!reply) return 0;
+  std::size_t synced = 0;
+  GVariantIter* iterator = nullptr;
+  g_variant_get(reply, "(as)", &iterator);
+  for (const gchar* text; g_variant_iter_next(iterator, "&s", &text);) synced += text == statusSynced ? 1 : 0;
+  g_variant_iter_free(iterator);
+  g_variant_unref(reply);
+  return synced;
+}
+
+}  // namespace vornet::bench
