@@ -182,6 +182,23 @@ TEST_F(VornetVIExtTest, EndsWhenAskedToAndIsStartedAgainByTheNextCall) {
   EXPECT_NE(client->extensionProcess(), first);
 }
 
+TEST_F(VornetVIExtTest, AskedToEndItMakesRoomForTheNextOneBeforeItHasEnded) {
+  SyncApplication application;
+  application.setMenu([](const WireRequest&) { return WireReply{.manner = WireReply::Manner::stall}; });
+  startConfigured();
+  client->property("Version");
+  const int first = client->extensionProcess();
+  bool answered = false;
+  client->call("GetMenu", BusClient::urlArguments({url("x")}), [&answered](const BusReply&) { answered = true; });
+  ASSERT_TRUE(application.server().waitForRequests(1));
+  ::kill(first, SIGTERM);  // it has to wait for its request now
+  ASSERT_TRUE(client->waitUntil([&] { return client->extensionProcess() != first; }));
+  EXPECT_EQ(client->property("Version"), "'1.0.0'");
+  EXPECT_NE(client->extensionProcess(), first);
+  EXPECT_TRUE(client->waitUntil([&] { return answered; }));
+  EXPECT_TRUE(vornet::test::waitForEnd(first));
+}
+
 TEST_F(VornetVIExtTest, KilledItIsBackWithTheNextCallAndItsLogBeginsAnew) {
   startConfigured();
   ASSERT_TRUE(client->beginObserving(url("")));

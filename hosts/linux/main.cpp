@@ -63,6 +63,8 @@ int serve(vornet::FinderSync& extension) {
         g_bus_own_name_on_connection(connection, vornet::App().APP_CODENAME.c_str(),
                                      G_BUS_NAME_OWNER_FLAGS_DO_NOT_QUEUE, nullptr, &nameLost, &run, nullptr);
     g_main_loop_run(run.loop);
+    // In this order: whom the bus starts once the name is free must not find this process still counted as running.
+    vornet::platform::host::retireFromRunningApplications();
     g_bus_unown_name(name);
   } else {
     systemLog("cannot serve on the session bus: " + reason);

@@ -15,6 +15,7 @@
 
 #include "platform/AppKit.hpp"
 #include "platform/Foundation.hpp"
+#include "platform/linux/Host.hpp"
 
 namespace vornet::platform {
 namespace {
@@ -60,9 +61,20 @@ std::optional<std::int64_t> identifierIn(const std::string& fileName) {
   return identifier;
 }
 
-/// Lists this process among those of its application, until it ends.
+/// The lock files that this process holds. Guarded by oneAtATime().
+std::map<fs::path, FileDescriptor>& heldLocks() {
+  static auto& held = *new std::map<fs::path, FileDescriptor>;
+  return held;
+}
+
+std::mutex& oneAtATime() {
+  static std::mutex& mutex = *new std::mutex;
+  return mutex;
+}
+
+/// Lists this process among those of its application, until it ends or retires.
 void holdLockOfThisProcess(const fs::path& folder) {
-  static std::map<fs::path, FileDescriptor> held;
+  auto& held = heldLocks();
   const auto path = folder / std::to_string(::getpid());
   if (held.contains(path)) return;
   auto file = openLockFile(path);
@@ -81,8 +93,7 @@ bool isHeld(const fs::path& path) {
 }  // namespace
 
 std::vector<std::int64_t> runningApplicationsWithBundleIdentifier(std::string_view bundleIdentifier) {
-  static std::mutex oneAtATime;
-  const std::lock_guard guard(oneAtATime);
+  const std::lock_guard guard(oneAtATime());
   const bool own = bundleInfoText("CFBundleIdentifier") == bundleIdentifier;
   std::vector<std::int64_t> running;
   if (own) running.push_back(::getpid());
@@ -102,6 +113,12 @@ std::vector<std::int64_t> runningApplicationsWithBundleIdentifier(std::string_vi
     if (identifier && *identifier != ::getpid() && isHeld(entry.path())) running.push_back(*identifier);
   }
   return running;
+}
+
+void host::retireFromRunningApplications() {
+  const std::lock_guard guard(oneAtATime());
+  for (const auto& [path, file] : heldLocks()) ::unlink(path.c_str());
+  heldLocks().clear();
 }
 
 }  // namespace vornet::platform
