@@ -1,0 +1,1 @@
+vornet_test(vornet_appconst_test SOURCES extension/AppConst_test.cpp LIBRARIES vornet_core vornet_test_support)
