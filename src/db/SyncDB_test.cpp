@@ -3,8 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <set>
+#include <thread>
 
 #include "support/DatabaseProbes.hpp"
 #include "support/Databases.hpp"
@@ -442,6 +444,22 @@ TEST_F(SyncDBDeathTest, aPathThatIsNullStopsTheProcess) {
           "CREATE VIEW ea AS WITH RECURSIVE counter(i) AS (SELECT 1 UNION ALL SELECT i + 1 FROM counter LIMIT 1000)"
           "SELECT CASE WHEN abs(random() % 2) = 1 THEN '/a/x' END AS path, 1 AS status FROM counter");
   EXPECT_DEATH(SyncDB().directorySyncStatus("/a/"), "not text");
+}
+
+TEST_F(SyncDBDeathTest, aQueryThatRunsWhileTheProcessEndsIsLeftAlone) {
+  const Environment environment;
+  makeSyncDatabase(environment.container() / "sync.db", {{"/a", 1}});
+  const auto exitAmidQueries = [] {
+    Gate asked;
+    std::thread([&asked] {
+      syncDB().pathSyncStatus("/a");
+      asked.open();
+      for (;;) syncDB().pathSyncStatus("/a");
+    }).detach();
+    asked.pass();
+    std::exit(0);  // NOLINT: that threads go on meanwhile is the question
+  };
+  EXPECT_EXIT(exitAmidQueries(), ::testing::ExitedWithCode(0), "");
 }
 
 // --- Other processes' writes ----------------------------------------------------------------------------------------
