@@ -4,7 +4,9 @@
 #include <gtest/gtest.h>
 
 #include <array>
+#include <cstdlib>
 #include <filesystem>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -181,6 +183,28 @@ TEST_F(AppConstDeathTest, aMissingProductImageStopsTheProcess) {
 
 TEST_F(AppConstDeathTest, anAbsentStatusManagerStopsWhoeverNeedsIt) {
   EXPECT_DEATH(requiredStatusManager(), "no status manager");
+}
+
+TEST_F(AppConstDeathTest, theSharedObjectsCanBeUsedWhileTheProcessEnds) {
+  const TemporaryFolder folder;
+  useImages(folder, IMAGES);
+  const auto exitAmidUse = [] {
+    Gate used;
+    std::thread([&used] {
+      const auto use = [] {
+        return App().APP_CODENAME.find('\0') + statusMap().at(2).size() + syncedImg().name().size() +
+               (statusManager() ? 1U : 0U);
+      };
+      const auto expected = use();
+      used.open();
+      while (use() == expected) {
+      }
+      std::abort();
+    }).detach();
+    used.pass();
+    std::exit(0);  // NOLINT: that threads go on meanwhile is the question
+  };
+  EXPECT_EXIT(exitAmidUse(), ::testing::ExitedWithCode(0), "");
 }
 
 TEST(AppConstTest, statusManagerIsAbsentAtFirstAndThenWhatWasAssigned) {
