@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <filesystem>
-#include <memory>
 
 #include "support/DatabaseProbes.hpp"
 #include "support/Databases.hpp"
@@ -209,9 +208,9 @@ TEST_F(ConfigDBTest, theSharedReadersHaveDifferentLocks) {
 }
 
 TEST_F(ConfigDBTest, aThreadMayEndWithTheLockItKept) {
-  auto& kept = *new std::shared_ptr<ConfigDBProbe>(std::make_shared<ConfigDBProbe>());  // never ends, as the shared one
-  onAnotherThread([&] { return kept->getLocalRoot(); });
-  EXPECT_TRUE(kept->isLocked());
+  static auto& kept = *new ConfigDBProbe;  // never destroyed, as the shared one
+  onAnotherThread([] { return kept.getLocalRoot(); });
+  EXPECT_TRUE(kept.isLocked());
 }
 
 TEST_F(ConfigDBTest, theFileIsNotHeldOpenBetweenQueries) {
