@@ -18,7 +18,8 @@ constexpr int BUSY_TIMEOUT_MS = 50;
 }  // namespace
 
 SyncDB& syncDB() {
-  static SyncDB database;
+  // Never destroyed: a thread may still be asking when the process ends.
+  static SyncDB& database = *new SyncDB;
   return database;
 }
 

@@ -13,8 +13,11 @@ platform::Image requiredImage(std::string_view name) {
 
 }  // namespace
 
+// None of these objects is ever destroyed: the file manager's threads and the worker may still use them when the
+// process ends.
+
 const AppConst& App() {
-  static const AppConst& app = *new AppConst;  // never destroyed: the worker may read it until the very end
+  static const auto& app = *new AppConst;
   return app;
 }
 
@@ -25,27 +28,27 @@ const std::map<StatusCode, std::string_view>& statusMap() {
 }
 
 const platform::Image& syncedImg() {
-  static const platform::Image image = requiredImage("checkmark");
+  static const auto& image = *new platform::Image(requiredImage("checkmark"));
   return image;
 }
 
 const platform::Image& inProgressImg() {
-  static const platform::Image image = requiredImage("sync");
+  static const auto& image = *new platform::Image(requiredImage("sync"));
   return image;
 }
 
 const platform::Image& failureImg() {
-  static const platform::Image image = requiredImage("error");
+  static const auto& image = *new platform::Image(requiredImage("error"));
   return image;
 }
 
 const platform::Image& vornetImg() {
-  static const platform::Image image = requiredImage("QMT");
+  static const auto& image = *new platform::Image(requiredImage("QMT"));
   return image;
 }
 
 std::shared_ptr<RESTPollingManager>& statusManager() {
-  static std::shared_ptr<RESTPollingManager> slot;
+  static auto& slot = *new std::shared_ptr<RESTPollingManager>;
   return slot;
 }
 

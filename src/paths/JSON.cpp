@@ -4,6 +4,7 @@
 #include <boost/json/basic_parser_impl.hpp>
 #include <cmath>
 #include <limits>
+#include <set>
 
 #include "platform/Foundation.hpp"
 
@@ -56,7 +57,7 @@ class IntegerMembers {
   explicit IntegerMembers(const std::function<void(std::string_view, std::int64_t)>& member) : member_(member) {}
 
   bool isContainer() const { return container_; }
-  bool isObjectOfIntegers() const { return container_ && matches_; }
+  bool isObjectOfIntegers() const { return object_ && others_.empty(); }
 
   bool on_document_begin(json::error_code&) { return true; }
   bool on_document_end(json::error_code&) { return true; }
@@ -81,7 +82,9 @@ class IntegerMembers {
   bool on_string(json::string_view, std::size_t, json::error_code&) { return mismatch(); }
   bool on_number_part(json::string_view, json::error_code&) { return true; }
   bool on_int64(std::int64_t value, json::string_view, json::error_code&) {
-    if (matches_ && depth_ == 1) member_(key_, value);
+    if (!object_ || depth_ != 1) return true;
+    if (!others_.empty()) others_.erase(key_);
+    member_(key_, value);
     return true;
   }
   bool on_uint64(std::uint64_t, json::string_view, json::error_code&) { return mismatch(); }
@@ -95,9 +98,9 @@ class IntegerMembers {
   bool open(bool object) {
     if (depth_ == 0) {
       container_ = true;
-      matches_ = object;
+      object_ = object;
     } else {
-      matches_ = false;
+      mismatch();
     }
     ++depth_;
     return true;
@@ -107,7 +110,7 @@ class IntegerMembers {
     return true;
   }
   bool mismatch() {
-    matches_ = false;
+    if (object_ && depth_ == 1) others_.insert(key_);
     return true;
   }
 
@@ -116,7 +119,8 @@ class IntegerMembers {
   std::string partialKey_;
   std::size_t depth_ = 0;
   bool container_ = false;
-  bool matches_ = true;
+  bool object_ = false;
+  std::set<std::string> others_;  // the top-level keys under which something else than an integer stood last
 };
 
 [[noreturn]] void throwTopLevelScalar() {

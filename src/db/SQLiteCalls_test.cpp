@@ -1,0 +1,264 @@
+// What the readers ask of SQLite, seen from between the two: the calls go on to the real library.
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "db/ConfigDB.hpp"
+#include "db/SyncDB.hpp"
+#include "support/DatabaseProbes.hpp"
+#include "support/Databases.hpp"
+#include "support/Environment.hpp"
+#include "support/Threads.hpp"
+
+namespace {
+
+struct Open {
+  std::string path;
+  sqlite3** handle;
+  int flags;
+  const char* system;
+};
+struct Prepare {
+  std::string sql;
+  int length;
+};
+struct Binding {
+  int index;
+  std::string text;
+  int length;
+  sqlite3_destructor_type destructor;
+  friend bool operator==(const Binding&, const Binding&) = default;
+};
+
+/// What was called; by one thread at a time.
+struct Calls {
+  bool recording = false;
+  std::vector<std::string> order;
+  std::vector<Open> opens;
+  std::vector<Prepare> prepares;
+  std::vector<Binding> bindings;
+  std::vector<int> timeouts;
+  std::function<void()> beforeOpening = [] {};
+  std::function<void()> beforeClosing = [] {};
+};
+Calls calls;
+
+template <typename Function>
+Function* next(const char* name) {
+  return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+extern "C" {
+
+int sqlite3_open_v2(const char* path, sqlite3** handle, int flags, const char* system) {
+  if (calls.recording) {
+    calls.order.push_back("open");
+    calls.opens.push_back({path, handle, flags, system});
+    calls.beforeOpening();
+  }
+  return next<decltype(sqlite3_open_v2)>("sqlite3_open_v2")(path, handle, flags, system);
+}
+
+int sqlite3_busy_timeout(sqlite3* db, int milliseconds) {
+  if (calls.recording) calls.timeouts.push_back(milliseconds);
+  return next<decltype(sqlite3_busy_timeout)>("sqlite3_busy_timeout")(db, milliseconds);
+}
+
+int sqlite3_prepare_v2(sqlite3* db, const char* sql, int length, sqlite3_stmt** statement, const char** tail) {
+  if (calls.recording) {
+    calls.order.push_back("prepare");
+    calls.prepares.push_back({std::string(sql, static_cast<std::size_t>(length)), length});
+  }
+  return next<decltype(sqlite3_prepare_v2)>("sqlite3_prepare_v2")(db, sql, length, statement, tail);
+}
+
+int sqlite3_bind_text(sqlite3_stmt* statement, int index, const char* text, int length, void (*destructor)(void*)) {
+  if (calls.recording) {
+    calls.bindings.push_back({index, std::string(text, static_cast<std::size_t>(length)), length, destructor});
+  }
+  return next<decltype(sqlite3_bind_text)>("sqlite3_bind_text")(statement, index, text, length, destructor);
+}
+
+int sqlite3_step(sqlite3_stmt* statement) {
+  if (calls.recording) calls.order.push_back("step");
+  return next<decltype(sqlite3_step)>("sqlite3_step")(statement);
+}
+
+int sqlite3_finalize(sqlite3_stmt* statement) {
+  if (calls.recording && statement) calls.order.push_back("finalise");
+  return next<decltype(sqlite3_finalize)>("sqlite3_finalize")(statement);
+}
+
+int sqlite3_close(sqlite3* db) {
+  if (calls.recording && db) {
+    calls.order.push_back("close");
+    calls.beforeClosing();
+  }
+  return next<decltype(sqlite3_close)>("sqlite3_close")(db);
+}
+
+}  // extern "C"
+
+namespace vornet::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+class SQLiteCallsTest : public ::testing::Test {
+ protected:
+  SQLiteCallsTest() {
+    makeSyncDatabase(environment_.container() / "sync.db", {{"/a/x", 1}, {"/a/y", 2}});
+    Database(environment_.container() / "config.db")
+        .run("CREATE TABLE configuration (local_root TEXT); INSERT INTO configuration VALUES ('/R')");
+    calls = Calls();
+    calls.recording = true;
+  }
+  ~SQLiteCallsTest() override { calls = Calls(); }
+
+  void emptyDatabases() {
+    calls.recording = false;
+    for (const char* name : {"sync.db", "config.db"}) std::filesystem::resize_file(environment_.container() / name, 0);
+    calls.recording = true;
+  }
+
+  Environment environment_;
+};
+
+TEST_F(SQLiteCallsTest, aPathsQueryOpensPreparesStepsOnceFinalisesAndCloses) {
+  SyncDB().pathSyncStatus("/a/x");
+  EXPECT_THAT(calls.order, ElementsAre("open", "prepare", "step", "finalise", "close"));
+}
+
+TEST_F(SQLiteCallsTest, aFoldersQueryStepsUntilThereAreNoMoreRows) {
+  SyncDB().directorySyncStatus("/a/");
+  EXPECT_THAT(calls.order, ElementsAre("open", "prepare", "step", "step", "step", "finalise", "close"));
+}
+
+TEST_F(SQLiteCallsTest, theLocalRootsQueryOpensPreparesStepsOnceFinalisesAndCloses) {
+  ConfigDB().getLocalRoot();
+  EXPECT_THAT(calls.order, ElementsAre("open", "prepare", "step", "finalise", "close"));
+}
+
+TEST_F(SQLiteCallsTest, afterAFailedStatementTheConnectionIsClosed) {
+  emptyDatabases();
+  SyncDB().pathSyncStatus("/a/x");
+  SyncDB().directorySyncStatus("/a/");
+  ConfigDB().getLocalRoot();
+  EXPECT_THAT(calls.order,
+              ElementsAre("open", "prepare", "close", "open", "prepare", "close", "open", "prepare", "close"));
+}
+
+TEST_F(SQLiteCallsTest, theFileIsOpenedForReadingOnlyWithTheUsualFileSystem) {
+  SyncDB().pathSyncStatus("/a/x");
+  ConfigDB().getLocalRoot();
+  ASSERT_EQ(calls.opens.size(), 2U);
+  EXPECT_EQ(calls.opens[0].path, environment_.container() / "sync.db");
+  EXPECT_EQ(calls.opens[1].path, environment_.container() / "config.db");
+  for (const auto& open : calls.opens) {
+    EXPECT_EQ(open.flags, 1);
+    EXPECT_EQ(open.system, nullptr);
+    EXPECT_NE(open.handle, nullptr);
+  }
+}
+
+TEST_F(SQLiteCallsTest, eachConnectionWaitsForALock) {
+  SyncDB().pathSyncStatus("/a/x");
+  ConfigDB().getLocalRoot();
+  EXPECT_THAT(calls.timeouts, ElementsAre(50, 50));
+}
+
+TEST_F(SQLiteCallsTest, statementsAndTheirLengths) {
+  SyncDB().pathSyncStatus("/a/x");
+  SyncDB().directorySyncStatus("/a/");
+  ConfigDB().getLocalRoot();
+  ASSERT_EQ(calls.prepares.size(), 3U);
+  EXPECT_EQ(calls.prepares[0].sql, "SELECT status FROM ea WHERE path in (?, ?) LIMIT 1");
+  EXPECT_EQ(calls.prepares[0].length, 50);
+  EXPECT_EQ(calls.prepares[1].sql,
+            "SELECT path, status FROM ea WHERE path >= ? AND path < ? AND (NOT path like ? or path like ?)");
+  EXPECT_EQ(calls.prepares[1].length, 93);
+  EXPECT_EQ(calls.prepares[2].sql, "SELECT local_root FROM configuration LIMIT 1");
+  EXPECT_EQ(calls.prepares[2].length, 44);
+}
+
+TEST_F(SQLiteCallsTest, aPathIsBoundAsFileAndAsFolder) {
+  SyncDB().pathSyncStatus("/\u00fc");
+  EXPECT_THAT(calls.bindings,
+              ElementsAre(Binding{1, "/\u00fc", 3, SQLITE_STATIC}, Binding{2, "/\u00fc/", 4, SQLITE_STATIC}));
+}
+
+TEST_F(SQLiteCallsTest, aFolderIsBoundAsARangeAndTwoPatternsWithItsWildcardsAsTheyAre) {
+  SyncDB().directorySyncStatus("/\u00fc_%/");
+  EXPECT_THAT(calls.bindings,
+              ElementsAre(Binding{1, "/\u00fc_%/", 6, SQLITE_STATIC}, Binding{2, "/\u00fc_%0", 6, SQLITE_STATIC},
+                          Binding{3, "/\u00fc_%/%/%", 9, SQLITE_STATIC}, Binding{4, "/\u00fc_%/%/", 8, SQLITE_STATIC}));
+}
+
+TEST_F(SQLiteCallsTest, anOpenConnectionIsNotOpenedAgain) {
+  SyncDBProbe database;
+  database.connect();
+  database.connect();
+  database.disconnect();
+  database.disconnect();
+  EXPECT_THAT(calls.order, ElementsAre("open", "close"));
+}
+
+TEST_F(SQLiteCallsTest, aHandleLeftByAFailedOpenIsClosedByTheNextQuery) {
+  std::filesystem::remove(environment_.container() / "sync.db");
+  SyncDBProbe database;
+  database.pathSyncStatus("/a/x");
+  EXPECT_THAT(calls.order, ElementsAre("open"));
+  database.pathSyncStatus("/a/x");
+  EXPECT_THAT(calls.order, ElementsAre("open", "prepare", "close"));
+}
+
+TEST_F(SQLiteCallsTest, aReaderThatEndsClosesTheHandleLeftByAFailedOpen) {
+  std::filesystem::remove(environment_.container() / "sync.db");
+  { SyncDB().pathSyncStatus("/a/x"); }
+  EXPECT_THAT(calls.order, ElementsAre("open", "close"));
+}
+
+TEST_F(SQLiteCallsTest, theSyncDatabasesLockCoversOpeningAndClosing) {
+  SyncDBProbe database;
+  std::vector<bool> locked;
+  calls.beforeOpening = calls.beforeClosing = [&] { locked.push_back(database.isLocked()); };
+  database.pathSyncStatus("/a/x");
+  database.directorySyncStatus("/a/");
+  EXPECT_THAT(locked, ElementsAre(true, true, true, true));
+  emptyDatabases();
+  locked.clear();
+  database.pathSyncStatus("/a/x");
+  database.directorySyncStatus("/a/");
+  EXPECT_THAT(locked, ElementsAre(true, true, true, true));
+}
+
+TEST_F(SQLiteCallsTest, theConfigurationDatabasesLockIsGivenBackBeforeClosing) {
+  ConfigDBProbe database;
+  std::vector<bool> locked;
+  calls.beforeOpening = calls.beforeClosing = [&] { locked.push_back(database.isLocked()); };
+  EXPECT_EQ(database.getLocalRoot(), "/R");
+  EXPECT_THAT(locked, ElementsAre(true, false));
+  emptyDatabases();
+  locked.clear();
+  EXPECT_EQ(database.getLocalRoot(), std::nullopt);
+  EXPECT_THAT(locked, ElementsAre(true, false));
+}
+
+TEST_F(SQLiteCallsTest, whoTakesTheConfigurationDatabasesLockBeforeItIsClosedMeetsNoConnection) {
+  ConfigDBProbe database;
+  bool met = true;
+  calls.beforeClosing = [&] { met = database.db() != nullptr; };
+  database.getLocalRoot();
+  EXPECT_FALSE(met);
+}
+
+}  // namespace
+}  // namespace vornet::test
