@@ -50,6 +50,9 @@ class EndToEnd : public testing::Test {
       bus->stop();
     }
     vornet::test::waitForEnd(process);
+    if (bus) {
+      EXPECT_THAT(readFile(bus->output()), Not(HasSubstr("Sanitizer"))) << "in the extension's process";
+    }
     if (HasFailure() && bus) std::fputs(readFile(bus->output()).c_str(), stderr);
   }
 

@@ -23,6 +23,7 @@ using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Not;
 using testing::SizeIs;
 using vornet::test::BusClient;
 using vornet::test::BusReply;
@@ -99,7 +100,10 @@ class VornetVIExtTest : public testing::Test {
     const int process = bus ? BusClient(bus->address()).extensionProcess() : 0;
     if (bus) bus->stop();
     vornet::test::waitForEnd(process);
-    if (HasFailure()) std::fputs(readFile(environment.folder().path() / "bus" / "bus.output").c_str(), stderr);
+    if (bus) {
+      EXPECT_THAT(readFile(bus->output()), Not(HasSubstr("Sanitizer"))) << "in the extension's process";
+    }
+    if (HasFailure() && bus) std::fputs(readFile(bus->output()).c_str(), stderr);
   }
 
   void configure() const { vornet::test::writePreferences(environment.container() / "VornetKelvane.plist", root); }
