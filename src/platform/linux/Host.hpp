@@ -19,8 +19,8 @@ struct Bundle {
 void setMainBundle(Bundle bundle);
 const Bundle& mainBundle();
 
-/// This process counts no longer as a running one of its application, though it has yet to end: another may take its place.
-/// Any thread.
+/// This process counts no longer as a running one of its application, though it has yet to end: another may take its
+/// place. Any thread.
 void retireFromRunningApplications();
 
 /// The image folders that belong to the program file of this process: <prefix>/share/vornet-vi/images for
