@@ -142,6 +142,7 @@ void FinderSyncService::stop() {
   badges_.stop();
   menus_.stop();
   platform::host::setListener(nullptr);
+  while (g_idle_remove_by_data(this)) continue;
   changes_.stop();
   observing_.stop();
 }
@@ -153,8 +154,13 @@ void FinderSyncService::badgeChanged(const FileURL& url, const std::string& iden
 }
 
 void FinderSyncService::directoriesChanged() {
-  // Under the controller's lock: the reading is left to the observing thread.
-  observing_.post([this] { publishProperties(); });
+  // Called under the controller's lock, on any thread: the reading is left to the thread of the main context, which
+  // alone sets properties.
+  const auto publish = +[](gpointer self) -> gboolean {
+    static_cast<FinderSyncService*>(self)->publishProperties();
+    return G_SOURCE_REMOVE;
+  };
+  g_idle_add(publish, this);
 }
 
 void FinderSyncService::publishProperties() {
