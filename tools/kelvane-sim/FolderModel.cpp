@@ -113,6 +113,17 @@ FolderModel::Node* FolderModel::place(std::string_view path) {
   return parent->children.emplace(std::string(name), std::move(node)).first->second.get();
 }
 
+void FolderModel::settle(Node& node, bool isNew) {
+  if (!isNew) {
+    refresh(node);
+    return;
+  }
+  node.shown = node.code();
+  node.parent->count(node.shown, true);
+  changes_[rowPath(node)] = node.shown;
+  refresh(*node.parent);
+}
+
 bool FolderModel::putFolder(std::string_view path, bool syncable) {
   const int best = syncable ? CODE_SYNCED : CODE_NOT_SYNCED;
   if (const Node* old = locate(path); old != nullptr && !old->folder) remove(path);
@@ -121,14 +132,7 @@ bool FolderModel::putFolder(std::string_view path, bool syncable) {
   if (node == nullptr) return false;
   node->folder = true;
   node->own = best;
-  if (isNew) {
-    node->shown = node->code();
-    node->parent->count(node->shown, true);
-    changes_[rowPath(*node)] = node->shown;
-    refresh(*node->parent);
-  } else {
-    refresh(*node);
-  }
+  settle(*node, isNew);
   return true;
 }
 
@@ -139,14 +143,7 @@ bool FolderModel::putFile(std::string_view path, const FileStamp& stamp, int cod
   if (node == nullptr) return false;
   node->stamp = stamp;
   node->own = code;
-  if (isNew) {
-    node->shown = node->code();
-    node->parent->count(node->shown, true);
-    changes_[rowPath(*node)] = node->shown;
-    refresh(*node->parent);
-  } else {
-    refresh(*node);
-  }
+  settle(*node, isNew);
   return true;
 }
 

@@ -94,6 +94,8 @@ class FolderModel {
   Node* locate(std::string_view path) const;
   Node* place(std::string_view path);
   void detach(Node& node, const std::string& path, std::vector<std::string>& files);
+  /// Takes over what was set on `node`: lists it when it is new, else follows the change upwards.
+  void settle(Node& node, bool isNew);
   void refresh(Node& node);
   static std::string pathOf(const Node& node);
   static std::string rowPath(const Node& node);
