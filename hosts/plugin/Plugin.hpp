@@ -1,0 +1,72 @@
+#pragma once
+
+#include <gio/gio.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+#include "FileManager.hpp"
+#include "Menu.hpp"
+
+namespace vornet::plugin {
+
+/// The extension as a file manager's plug-in sees it: the emblems of what is on screen, and the menu of a selection. It
+/// answers from what it knows, at once, and asks the extension meanwhile; what comes of that is told through
+/// ShownItem::redraw and FileManager::menuChanged. Nothing here waits, throws, or stops the process, whatever happens
+/// to the extension or to the bus.
+///
+/// Not thread-safe: constructed, called and destroyed on one thread, that of its main context. Callbacks come in
+/// portions of a few milliseconds, so that the window stays quick.
+///
+/// Paths are local paths as the disk has them, any bytes; a folder's may end in "/". Paths.hpp makes them of URLs.
+class Plugin {
+ public:
+  struct Options {
+    /// Where callbacks come from; null for the thread's default.
+    GMainContext* context = nullptr;
+    /// How long items of a folder that nobody has shown wait for folderShown() before the folder is taken to be on
+    /// screen (a tree's branch, a search's results).
+    std::chrono::milliseconds beforeInferring{200};
+    /// After this time without a question, a folder that was inferred is tested by ShownItem::redraw(); after as long
+    /// again without one it counts as gone.
+    std::chrono::milliseconds inferredFor{20'000};
+    /// Between attempts to start an extension that keeps ending: the first wait, doubled each time, and the longest.
+    std::chrono::milliseconds firstRetry{1'000};
+    std::chrono::milliseconds lastRetry{30'000};
+  };
+
+  /// Does not touch the bus before the first call that needs it. `fileManager` outlives it.
+  explicit Plugin(FileManager& fileManager);
+  Plugin(FileManager& fileManager, const Options& options);
+
+  /// Leaves the bus, which ends every observation. No callback comes afterwards.
+  ~Plugin();
+  Plugin(const Plugin&) = delete;
+  Plugin& operator=(const Plugin&) = delete;
+
+  /// A window, tab or pane begins, or ceases, to show `folder`. Counted: two windows show it twice. What is hidden more
+  /// often than shown is ignored.
+  void folderShown(const std::string& folder);
+  void folderHidden(const std::string& folder);
+
+  /// The icon name of the emblem of the item at `path`; "" for none, or while it is not known yet. `item` takes the
+  /// place of the one given for the same path before; it may be dropped at once.
+  std::string emblem(const std::string& path, std::unique_ptr<ShownItem> item);
+
+  /// As many selected items as are worth reading: beyond this every entry is greyed, and the extension is not asked.
+  static constexpr std::size_t LARGEST_SELECTION = 1000;
+
+  /// The menu of `selection`, which from now on is what the user has selected. Empty when nothing is selected, or when
+  /// any item lies outside the synced folder. Greyed until the extension has answered.
+  Menu menu(const Selection& selection);
+
+  /// Performs `action` on `selection`. A failure is a line in the file manager's log.
+  void perform(const std::string& action, const Selection& selection);
+
+ private:
+  class Parts;
+  std::unique_ptr<Parts> parts_;
+};
+
+}  // namespace vornet::plugin
