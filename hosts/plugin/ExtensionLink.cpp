@@ -286,6 +286,15 @@ void ExtensionLink::call(const char* method, GVariant* arguments, Done done) {
   done(nullptr, "Disconnected");
 }
 
+void ExtensionLink::send(const char* method, GVariant* arguments) {
+  g_variant_ref_sink(arguments);
+  if (connection_) {
+    g_dbus_connection_call(connection_, NAME, OBJECT_PATH, INTERFACE, method, arguments, nullptr,
+                           G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, nullptr, nullptr);
+  }
+  g_variant_unref(arguments);
+}
+
 void ExtensionLink::callOnBus(const char* name, const char* path, const char* interface, const char* method,
                               GVariant* arguments, Done done) {
   const ContextScope scope(context_);
