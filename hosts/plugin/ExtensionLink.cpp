@@ -195,6 +195,7 @@ void ExtensionLink::start() {
 /// What is not installed is not asked for again until somebody comes to a folder later; what fails otherwise is tried a
 /// few times, ever later.
 void ExtensionLink::startFailed(const std::string& error, const char* message) {
+  if (!owner_.empty()) return;  // it runs, though the bus could not start it
   lastFailure_ = g_get_monotonic_time();
   if (error == NOT_INSTALLED) return;
   if (!warned_) g_warning("the extension cannot be started: %s", message);
