@@ -42,7 +42,9 @@ bool ShownEntries::any() const {
 
 void ShownEntries::setEnabled(const std::function<bool(const std::string& action)>& isEnabled) {
   for (const auto& entry : entries_) {
-    if (const auto item = itemOf(entry.item)) thunarx_menu_item_set_sensitive(item.get(), isEnabled(entry.action));
+    const auto item = itemOf(entry.item);
+    // Of the ways to set it, this is the one that tells of it.
+    if (item) g_object_set(item.get(), "sensitive", static_cast<gboolean>(isEnabled(entry.action)), nullptr);
   }
 }
 
