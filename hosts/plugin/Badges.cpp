@@ -20,6 +20,9 @@ constexpr auto GATHERING = 5ms;
 // After the extension was too busy.
 constexpr auto RETRY = 1s;
 
+// The bus's own word for it.
+constexpr const char* TOO_MANY_CALLS = "org.freedesktop.DBus.Error.LimitsExceeded";
+
 // Items dealt with between two looks at the clock.
 constexpr std::size_t STEP = 16;
 
@@ -53,10 +56,7 @@ void Badges::adjust(Folder& folder) {
   const int wanted = !possible ? 0 : folder.shown > 0 ? folder.shown : folder.inferred ? 1 : 0;
   while (folder.begun < wanted && !folder.refused) begin(folder);
   for (; folder.begun > wanted; --folder.begun) {
-    if (link_.isReady()) {
-      link_.call("EndObserving", g_variant_new("(s)", urlOfPath(folder.path).c_str()),
-                 [](GVariant*, const std::string&) {});
-    }
+    if (link_.isReady()) link_.send("EndObserving", g_variant_new("(s)", urlOfPath(folder.path).c_str()));
   }
   if (folder.begun == 0) folder.observed = false;
 }
@@ -71,7 +71,7 @@ void Badges::begin(Folder& folder) {
       askSoon();  // only now: of what was answered before, a change might not be told
     } else {
       --current->begun;
-      if (error == "Busy") {
+      if (error == "Busy" || error == TOO_MANY_CALLS) {
         beginAgainLater();
       } else {
         current->refused = true;

@@ -195,6 +195,7 @@ void ExtensionLink::start() {
 /// What is not installed is not asked for again until somebody comes to a folder later; what fails otherwise is tried a
 /// few times, ever later.
 void ExtensionLink::startFailed(const std::string& error, const char* message) {
+  if (!owner_.empty()) return;  // it runs, though the bus could not start it
   lastFailure_ = g_get_monotonic_time();
   if (error == NOT_INSTALLED) return;
   if (!warned_) g_warning("the extension cannot be started: %s", message);
@@ -284,6 +285,15 @@ void ExtensionLink::call(const char* method, GVariant* arguments, Done done) {
   if (connection_) return callOnBus(NAME, OBJECT_PATH, INTERFACE, method, arguments, std::move(done));
   g_variant_unref(g_variant_ref_sink(arguments));
   done(nullptr, "Disconnected");
+}
+
+void ExtensionLink::send(const char* method, GVariant* arguments) {
+  g_variant_ref_sink(arguments);
+  if (connection_) {
+    g_dbus_connection_call(connection_, NAME, OBJECT_PATH, INTERFACE, method, arguments, nullptr,
+                           G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, nullptr, nullptr);
+  }
+  g_variant_unref(arguments);
 }
 
 void ExtensionLink::callOnBus(const char* name, const char* path, const char* interface, const char* method,
