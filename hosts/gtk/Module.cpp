@@ -31,7 +31,7 @@ void Module::unload() {
   delete std::exchange(currentModule, nullptr);
 }
 
-Module::Module() : folders_(FolderWatch::make()) {
+Module::Module() : items_(*this), folders_(FolderWatch::make()) {
   g_weak_ref_init(&provider_, nullptr);
 }
 

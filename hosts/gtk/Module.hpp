@@ -5,6 +5,7 @@
 #include <memory>
 #include <optional>
 
+#include "KnownItems.hpp"
 #include "plugin/Plugin.hpp"
 
 namespace vornet::gtk {
@@ -27,6 +28,7 @@ class Module : public plugin::FileManager {
   /// Made when it is first needed.
   plugin::Plugin& plugin();
 
+  KnownItems& items() { return items_; }
   FolderWatch& folders() { return *folders_; }
 
   /// `provider` is the object by which the file manager asks for menus.
@@ -38,6 +40,7 @@ class Module : public plugin::FileManager {
   Module();
 
   std::optional<plugin::Plugin> plugin_;
+  KnownItems items_;
   std::unique_ptr<FolderWatch> folders_;
   GWeakRef provider_;
 };

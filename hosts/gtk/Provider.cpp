@@ -20,7 +20,7 @@ OperationResult updateFileInfo(InfoProvider*, FileInfo* file, GClosure*, Operati
     Module* module = Module::current();
     const auto path = pathOf(file);
     if (!module || !path) return COMPLETE;
-    const auto emblem = module->plugin().emblem(*path, std::make_unique<ShownFile>(file));
+    const auto emblem = module->items().emblem(*path, file);
     if (!emblem.empty()) VORNET_CALL(file_info_add_emblem)(file, emblem.c_str());
     return COMPLETE;
   });
