@@ -114,6 +114,10 @@ const std::vector<std::string>& FakeFile::emblems() const {
   return object_->state->emblems;
 }
 
+bool FakeFile::isValid() const {
+  return object_->state->valid;
+}
+
 int FakeFile::questions() const {
   return object_->state->questions;
 }

@@ -30,6 +30,8 @@ class FakeFile {
 
   /// The emblems that were added since it was last asked for.
   const std::vector<std::string>& emblems() const;
+  /// Whether nobody has invalidated it since.
+  bool isValid() const;
   /// How often the plug-in was asked.
   int questions() const;
   /// How many references there are besides that of this object.
