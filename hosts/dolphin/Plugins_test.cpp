@@ -357,6 +357,8 @@ TEST_F(Plugins, WhatChangedWhileAViewWasHiddenIsToldWhenItIsShownAgain) {
   application->setStatus("/other", 9);
   std::vector<std::string> seen;
   view->show();
+  ASSERT_TRUE(waitForEntered("", 2));
+  pollNow();
   EXPECT_TRUE(Host::waitUntil([&] {
     seen.push_back(emblem(*view, "file"));
     return seen.back() == PENDING;
@@ -553,7 +555,7 @@ TEST_F(Plugins, ASelectionThatIsTooLargeIsGreyedAndNotAskedFor) {
 
 TEST_F(Plugins, KDEsOwnMenuHasTheEntriesAtItsTopLevel) {
   start();
-  QCoreApplication::setLibraryPaths({QStringLiteral(VORNET_QT_PLUGINS)});
+  QCoreApplication::addLibraryPath(QStringLiteral(VORNET_QT_PLUGINS));
   const auto view = openView("", "file");
   ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
   for (const auto& items : {QList<QUrl>{url("file")}, QList<QUrl>{url("folder"), url("lock.tmp")}}) {
