@@ -1,0 +1,306 @@
+#include "ExtensionLink.hpp"
+
+#include <algorithm>
+#include <utility>
+
+#include "Guarded.hpp"
+#include "Paths.hpp"
+
+namespace vornet::plugin {
+namespace {
+
+constexpr const char* NAME = "com.vornet.KelvaneSync.FinderBadgeExtension";
+constexpr const char* OBJECT_PATH = "/com/vornet/FinderSync1";
+constexpr const char* INTERFACE = "com.vornet.FinderSync1";
+constexpr const char* ERROR_PREFIX = "com.vornet.FinderSync1.Error.";
+constexpr const char* PROPERTIES = "org.freedesktop.DBus.Properties";
+constexpr const char* BUS = "org.freedesktop.DBus";
+constexpr const char* BUS_PATH = "/org/freedesktop/DBus";
+constexpr const char* NOT_INSTALLED = "org.freedesktop.DBus.Error.ServiceUnknown";
+
+gint64 microseconds(std::chrono::milliseconds time) {
+  return std::chrono::microseconds(time).count();
+}
+
+std::string nameOfError(const GError* error) {
+  const std::unique_ptr<gchar, decltype(&g_free)> remote(g_dbus_error_get_remote_error(error), g_free);
+  if (!remote) return "Disconnected";
+  const std::string name = remote.get();
+  return name.starts_with(ERROR_PREFIX) ? name.substr(std::string_view(ERROR_PREFIX).size()) : name;
+}
+
+/// Finding the bus may read files or start a program, so it has a thread of its own.
+void findBus(GTask* task, gpointer, gpointer, GCancellable*) {
+  GError* error = nullptr;
+  if (gchar* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, &error)) {
+    g_task_return_pointer(task, address, g_free);
+  } else {
+    g_task_return_error(task, error);
+  }
+}
+
+using WeakLink = std::weak_ptr<ExtensionLink*>;
+
+std::unique_ptr<WeakLink> takeLink(gpointer data) {
+  return std::unique_ptr<WeakLink>(static_cast<WeakLink*>(data));
+}
+
+}  // namespace
+
+struct ExtensionLink::Call {
+  std::weak_ptr<ExtensionLink*> link;
+  Done done;
+};
+
+ExtensionLink::ExtensionLink(GMainContext* context, Retries retries, Listener& listener)
+    : context_(context),
+      retries_(retries),
+      listener_(listener),
+      self_(std::make_shared<ExtensionLink*>(this)),
+      retry_(context) {}
+
+ExtensionLink::~ExtensionLink() {
+  self_.reset();
+  disconnect();
+}
+
+bool ExtensionLink::isObserved(std::string_view path) const {
+  return std::any_of(observedFolders_.begin(), observedFolders_.end(),
+                     [path](const std::string& folder) { return isWithin(folder, path); });
+}
+
+bool ExtensionLink::isBelowObserved(std::string_view path) const {
+  return std::any_of(observedFolders_.begin(), observedFolders_.end(), [path](const std::string& folder) {
+    return isWithin(folder, path) && path.size() > folder.size();
+  });
+}
+
+// --- Connection and life of the extension ---------------------------------------------------------------------------
+
+void ExtensionLink::want() {
+  if (ready_ || connecting_ || starting_ || retry_.isRunning()) return;
+  const bool failedJustNow = lastFailure_ != 0 && g_get_monotonic_time() - lastFailure_ < microseconds(retries_.last);
+  if (failedJustNow) return;
+  start();
+}
+
+void ExtensionLink::wantAgain() {
+  if (ready_ || connecting_ || starting_ || retry_.isRunning()) return;
+  if (const auto delay = nextDelay(); delay.count() > 0) {
+    retry_.start(delay, [this] { start(); });
+  } else {
+    start();
+  }
+}
+
+std::chrono::milliseconds ExtensionLink::nextDelay() {
+  const int attempt = attempts_++;
+  if (attempt == 0) return std::chrono::milliseconds(0);
+  auto delay = retries_.first;
+  for (int i = 1; i < attempt && delay < retries_.last; ++i) delay *= 2;
+  return std::min(delay, retries_.last);
+}
+
+void ExtensionLink::connect() {
+  connecting_ = true;
+  const ContextScope scope(context_);
+  const auto found = +[](GObject*, GAsyncResult* result, gpointer data) {
+    const auto weak = takeLink(data);
+    GError* error = nullptr;
+    auto* address = static_cast<gchar*>(g_task_propagate_pointer(G_TASK(result), &error));
+    if (const auto link = weak->lock()) (*link)->busFound(address, error);
+    g_free(address);
+    g_clear_error(&error);
+  };
+  GTask* task = g_task_new(nullptr, nullptr, found, new WeakLink(self_));
+  g_task_run_in_thread(task, findBus);
+  g_object_unref(task);
+}
+
+void ExtensionLink::busFound(const char* address, const GError* error) {
+  if (!address) {
+    connecting_ = false;
+    return startFailed("", error->message);
+  }
+  const ContextScope scope(context_);
+  const auto opened = +[](GObject*, GAsyncResult* result, gpointer data) {
+    const auto weak = takeLink(data);
+    GError* failure = nullptr;
+    GDBusConnection* connection = g_dbus_connection_new_for_address_finish(result, &failure);
+    if (const auto link = weak->lock()) {
+      (*link)->connecting_ = false;
+      if (connection) {
+        (*link)->connected(connection);
+      } else {
+        (*link)->startFailed("", failure->message);
+      }
+    } else {
+      g_clear_object(&connection);
+    }
+    g_clear_error(&failure);
+  };
+  g_dbus_connection_new_for_address(address,
+                                    static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                                      G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+                                    nullptr, nullptr, opened, new WeakLink(self_));
+}
+
+void ExtensionLink::connected(GDBusConnection* connection) {
+  connection_ = connection;
+  const auto closed = +[](GDBusConnection*, gboolean, GError*, gpointer self) {
+    auto& link = *static_cast<ExtensionLink*>(self);
+    const bool known = !link.owner_.empty();
+    link.lastFailure_ = g_get_monotonic_time();
+    link.disconnect();
+    if (known) link.listener_.extensionGone();
+  };
+  closedHandler_ = g_signal_connect(connection_, "closed", G_CALLBACK(closed), this);
+
+  const ContextScope scope(context_);
+  const auto appears = +[](GDBusConnection*, const gchar*, const gchar* owner, gpointer self) {
+    static_cast<ExtensionLink*>(self)->appeared(owner);
+  };
+  const auto vanishes =
+      +[](GDBusConnection*, const gchar*, gpointer self) { static_cast<ExtensionLink*>(self)->vanished(); };
+  watch_ = g_bus_watch_name_on_connection(connection_, NAME, G_BUS_NAME_WATCHER_FLAGS_NONE, appears, vanishes, this,
+                                          nullptr);
+  start();
+}
+
+void ExtensionLink::disconnect() {
+  if (!connection_) return;
+  ready_ = starting_ = false;
+  owner_.clear();
+  for (auto* subscription : {&badgesSubscription_, &propertiesSubscription_}) {
+    if (*subscription) g_dbus_connection_signal_unsubscribe(connection_, *subscription);
+    *subscription = 0;
+  }
+  g_bus_unwatch_name(watch_);
+  watch_ = 0;
+  g_signal_handler_disconnect(connection_, closedHandler_);
+  if (!g_dbus_connection_is_closed(connection_)) g_dbus_connection_close(connection_, nullptr, nullptr, nullptr);
+  g_clear_object(&connection_);
+}
+
+void ExtensionLink::start() {
+  if (!connection_) return connect();
+  starting_ = true;
+  callOnBus(BUS, BUS_PATH, BUS, "StartServiceByName", g_variant_new("(su)", NAME, 0),
+            [this](GVariant* started, const std::string& error) {
+              starting_ = false;
+              if (!started) startFailed(error, error.c_str());
+            });
+}
+
+/// What is not installed is not asked for again until somebody comes to a folder later; what fails otherwise is tried a
+/// few times, ever later.
+void ExtensionLink::startFailed(const std::string& error, const char* message) {
+  lastFailure_ = g_get_monotonic_time();
+  if (error == NOT_INSTALLED) return;
+  if (!warned_) g_warning("the extension cannot be started: %s", message);
+  warned_ = true;
+  attempts_ = std::max(attempts_, 1);
+  if (const auto delay = nextDelay(); delay < retries_.last) retry_.start(delay, [this] { start(); });
+}
+
+void ExtensionLink::appeared(const std::string& owner) {
+  if (owner == owner_) return;
+  vanished();  // when one process took the name over from another
+  owner_ = owner;
+  retry_.stop();
+  lastFailure_ = 0;
+
+  // By the owner's unique name: what an earlier process sent is none of this one's.
+  const ContextScope scope(context_);
+  const auto badges =
+      +[](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* values, gpointer self) {
+        if (!g_variant_is_of_type(values, G_VARIANT_TYPE("(a(ss))"))) return;
+        GVariant* changes = g_variant_get_child_value(values, 0);
+        static_cast<ExtensionLink*>(self)->listener_.badgesChanged(changes);
+        g_variant_unref(changes);
+      };
+  badgesSubscription_ =
+      g_dbus_connection_signal_subscribe(connection_, owner_.c_str(), INTERFACE, "BadgesChanged", OBJECT_PATH, nullptr,
+                                         G_DBUS_SIGNAL_FLAGS_NONE, badges, this, nullptr);
+  const auto properties =
+      +[](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* values, gpointer self) {
+        if (!g_variant_is_of_type(values, G_VARIANT_TYPE("(sa{sv}as)"))) return;
+        GVariant* changed = g_variant_get_child_value(values, 1);
+        auto& link = *static_cast<ExtensionLink*>(self);
+        if (GVariant* folders = g_variant_lookup_value(changed, "ObservedFolders", G_VARIANT_TYPE_STRING_ARRAY)) {
+          link.takeObservedFolders(folders);
+          g_variant_unref(folders);
+          if (link.ready_) link.listener_.observedFoldersChanged();
+        }
+        g_variant_unref(changed);
+      };
+  propertiesSubscription_ =
+      g_dbus_connection_signal_subscribe(connection_, owner_.c_str(), PROPERTIES, "PropertiesChanged", OBJECT_PATH,
+                                         INTERFACE, G_DBUS_SIGNAL_FLAGS_NONE, properties, this, nullptr);
+  readProperties();
+}
+
+void ExtensionLink::readProperties() {
+  const auto taken = [this, owner = owner_](GVariant* values, const std::string&) {
+    if (!values || owner != owner_) return;
+    GVariant* boxed = nullptr;
+    g_variant_get(values, "(v)", &boxed);
+    takeObservedFolders(boxed);
+    g_variant_unref(boxed);
+    ready_ = true;
+    readySince_ = g_get_monotonic_time();
+    listener_.extensionReady();
+  };
+  callOnBus(owner_.c_str(), OBJECT_PATH, PROPERTIES, "Get", g_variant_new("(ss)", INTERFACE, "ObservedFolders"), taken);
+}
+
+void ExtensionLink::takeObservedFolders(GVariant* urls) {
+  if (!g_variant_is_of_type(urls, G_VARIANT_TYPE_STRING_ARRAY)) return;
+  observedFolders_.clear();
+  foldersKnown_ = true;
+  GVariantIter iterator;
+  g_variant_iter_init(&iterator, urls);
+  const gchar* url = nullptr;
+  while (g_variant_iter_next(&iterator, "&s", &url)) {
+    if (auto path = pathOfURL(url)) observedFolders_.push_back(*std::move(path));
+  }
+}
+
+void ExtensionLink::vanished() {
+  if (owner_.empty()) return;
+  owner_.clear();
+  for (auto* subscription : {&badgesSubscription_, &propertiesSubscription_}) {
+    if (*subscription) g_dbus_connection_signal_unsubscribe(connection_, *subscription);
+    *subscription = 0;
+  }
+  const bool wasReady = std::exchange(ready_, false);
+  if (wasReady && g_get_monotonic_time() - readySince_ >= microseconds(retries_.last)) attempts_ = 0;
+  listener_.extensionGone();
+}
+
+// --- Calls ----------------------------------------------------------------------------------------------------------
+
+void ExtensionLink::call(const char* method, GVariant* arguments, Done done) {
+  if (connection_) return callOnBus(NAME, OBJECT_PATH, INTERFACE, method, arguments, std::move(done));
+  g_variant_unref(g_variant_ref_sink(arguments));
+  done(nullptr, "Disconnected");
+}
+
+void ExtensionLink::callOnBus(const char* name, const char* path, const char* interface, const char* method,
+                              GVariant* arguments, Done done) {
+  const ContextScope scope(context_);
+  const auto finished = +[](GObject* connection, GAsyncResult* result, gpointer data) {
+    const std::unique_ptr<Call> call(static_cast<Call*>(data));
+    GError* error = nullptr;
+    GVariant* values = g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &error);
+    if (!call->link.expired()) {
+      guarded([&] { call->done(values, values ? "" : nameOfError(error)); });
+    }
+    if (values) g_variant_unref(values);
+    g_clear_error(&error);
+  };
+  g_dbus_connection_call(connection_, name, path, interface, method, arguments, nullptr, G_DBUS_CALL_FLAGS_NONE,
+                         G_MAXINT, nullptr, finished, new Call{self_, std::move(done)});
+}
+
+}  // namespace vornet::plugin

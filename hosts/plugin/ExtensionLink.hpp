@@ -1,0 +1,107 @@
+#pragma once
+
+#include <gio/gio.h>
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "MainLoop.hpp"
+
+namespace vornet::plugin {
+
+/// The extension on the session bus: finds and starts it, notices its end, makes calls, hands on its signals. The
+/// connection is the plug-in's own, because the shared one ends the file manager's process when the bus goes. Nothing
+/// waits: what has no answer yet has none. Not thread-safe: the context's thread only.
+class ExtensionLink {
+ public:
+  class Listener {
+   public:
+    virtual ~Listener() = default;
+    /// An extension answers: another process than before, which knows of no observation.
+    virtual void extensionReady() = 0;
+    /// It has ended, or the bus has; calls under way end with an error.
+    virtual void extensionGone() = 0;
+    virtual void observedFoldersChanged() = 0;
+    /// `changes`: a(ss), item's URL and identifier.
+    virtual void badgesChanged(GVariant* changes) = 0;
+  };
+
+  struct Retries {
+    std::chrono::milliseconds first;
+    std::chrono::milliseconds last;
+  };
+
+  ExtensionLink(GMainContext* context, Retries retries, Listener& listener);
+  ~ExtensionLink();
+  ExtensionLink(const ExtensionLink&) = delete;
+  ExtensionLink& operator=(const ExtensionLink&) = delete;
+
+  /// The extension is needed: the bus is asked to start it, where it does not run. After a failed attempt nothing is
+  /// done before the longest retry time is over.
+  void want();
+
+  /// The extension has gone and is needed again: at once, but ever later when it keeps ending.
+  void wantAgain();
+
+  bool isReady() const { return ready_; }
+
+  /// Whether an extension has ever told its folders; and those that the last one told, as paths.
+  bool foldersKnown() const { return foldersKnown_; }
+  const std::vector<std::string>& observedFolders() const { return observedFolders_; }
+
+  /// Whether `path` is one of those folders or lies below one; below one alone.
+  bool isObserved(std::string_view path) const;
+  bool isBelowObserved(std::string_view path) const;
+
+  /// Calls `method`; starts the extension where it does not run. `done` gets the values, or null and the error's name
+  /// ("Busy" for those of the extension itself, the whole name otherwise); it is not called any more after the end of
+  /// this object. There is no time-out: an extension that hangs answers when it goes on, and an error comes when it
+  /// ends. The caller bounds how many calls are under way.
+  using Done = std::function<void(GVariant* values, const std::string& error)>;
+  void call(const char* method, GVariant* arguments, Done done);
+
+ private:
+  struct Call;
+
+  void connect();
+  void busFound(const char* address, const GError* error);
+  void connected(GDBusConnection* connection);
+  void disconnect();
+  void start();
+  void startFailed(const std::string& error, const char* message);
+  void appeared(const std::string& owner);
+  void vanished();
+  void readProperties();
+  void takeObservedFolders(GVariant* urls);
+  void callOnBus(const char* name, const char* path, const char* interface, const char* method, GVariant* arguments,
+                 Done done);
+  std::chrono::milliseconds nextDelay();
+
+  GMainContext* context_;
+  const Retries retries_;
+  Listener& listener_;
+  std::shared_ptr<ExtensionLink*> self_;  ///< what callbacks hold weakly
+
+  GDBusConnection* connection_ = nullptr;
+  gulong closedHandler_ = 0;
+  guint watch_ = 0;
+  guint badgesSubscription_ = 0;
+  guint propertiesSubscription_ = 0;
+  bool connecting_ = false;
+  bool starting_ = false;
+  bool ready_ = false;
+  std::string owner_;
+  std::vector<std::string> observedFolders_;
+  bool foldersKnown_ = false;
+
+  Timer retry_;
+  int attempts_ = 0;        ///< in a row, without the extension having stayed
+  gint64 lastFailure_ = 0;  ///< monotonic, in microseconds; 0 for none
+  gint64 readySince_ = 0;
+  bool warned_ = false;
+};
+
+}  // namespace vornet::plugin

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <glib.h>
+
+#include <memory>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "FileManager.hpp"
+
+namespace vornet::plugin {
+
+/// One item of a folder on screen.
+struct Entry {
+  std::shared_ptr<ShownItem> item;
+  std::string identifier;  ///< of its badge, as last heard; "" for none, and before anything was heard
+  bool waiting = false;    ///< in the folder's list of those to be asked for
+};
+
+/// A folder that windows show, or that is taken to be on screen because its items are asked for.
+struct Folder {
+  std::string path;
+  int shown = 0;          ///< windows, tabs and panes that said so
+  bool inferred = false;  ///< nobody said so; observed all the same
+  bool wasInferred = false;
+
+  int begun = 0;          ///< observations begun and not ended, with the extension that runs now
+  bool observed = false;  ///< and it has said yes to one
+  bool refused = false;   ///< or no
+
+  std::unordered_map<std::string, Entry> entries;  ///< by name
+  std::vector<std::string> waiting;                ///< names to be asked for
+
+  gint64 lastAsked = 0;  ///< when the file manager asked for an item; monotonic, in microseconds
+  gint64 testedAt = 0;   ///< when it was tested whether it still does; 0 while no test is on
+};
+
+/// The folders on screen and what is known of their items. Memory is bounded by them. Not thread-safe.
+class FoldersOnScreen {
+ public:
+  using Map = std::unordered_map<std::string, std::unique_ptr<Folder>>;
+
+  /// The folder at `path`, which is made when there is none.
+  Folder& at(std::string_view path);
+
+  /// The folder at `path`; null for none.
+  Folder* find(std::string_view path) const;
+
+  void erase(const std::string& path) { folders_.erase(path); }
+
+  /// Whether some window shows the folder at `path`, or one below it.
+  bool showsWithin(std::string_view path) const;
+
+  const Map& all() const { return folders_; }
+
+  /// The paths of all folders: to go through them while some are erased.
+  std::vector<std::string> paths() const;
+
+ private:
+  Map folders_;
+};
+
+}  // namespace vornet::plugin

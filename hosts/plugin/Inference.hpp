@@ -1,0 +1,45 @@
+#pragma once
+
+#include <glib.h>
+
+#include <chrono>
+#include <string>
+
+#include "Badges.hpp"
+#include "FoldersOnScreen.hpp"
+#include "MainLoop.hpp"
+
+namespace vornet::plugin {
+
+/// Folders on screen that no window tells of: the branches of a tree, the results of a search, or all of them where a
+/// file manager has no signal. Somebody asks for their items: from that it is inferred that they are on screen, and
+/// from silence, when the items are to be drawn anew, that they are no longer. Not thread-safe: the context's thread
+/// only.
+class Inference {
+ public:
+  /// `before`: how long items wait for a window to tell. `lasting`: how long a folder is taken to be on screen without
+  /// a question; it is dropped after twice as long at the latest.
+  Inference(GMainContext* context, FoldersOnScreen& folders, Badges& badges, std::chrono::milliseconds before,
+            std::chrono::milliseconds lasting);
+  Inference(const Inference&) = delete;
+  Inference& operator=(const Inference&) = delete;
+
+  /// An item of `folder`, which no window shows, was asked for.
+  void asked(Folder& folder);
+
+ private:
+  void decide();
+  void inferOrDrop(Folder& folder);
+  void makeRoom();
+  void look();
+  void lookAt(Folder& folder, gint64 now);
+
+  FoldersOnScreen& folders_;
+  Badges& badges_;
+  const std::chrono::milliseconds before_;
+  const std::chrono::milliseconds lasting_;
+  Timer deciding_;
+  Timer looking_;
+};
+
+}  // namespace vornet::plugin

@@ -1,0 +1,65 @@
+#pragma once
+
+#include <gio/gio.h>
+
+#include <chrono>
+#include <deque>
+#include <functional>
+
+namespace vornet::plugin {
+
+// What the library does on its main context by itself. Not thread-safe: the context's thread only. Functions that are
+// called must not throw.
+
+/// While it lives, asynchronous operations that are begun call back on `context`.
+class ContextScope {
+ public:
+  explicit ContextScope(GMainContext* context) : context_(context) { g_main_context_push_thread_default(context_); }
+  ~ContextScope() { g_main_context_pop_thread_default(context_); }
+  ContextScope(const ContextScope&) = delete;
+  ContextScope& operator=(const ContextScope&) = delete;
+
+ private:
+  GMainContext* context_;
+};
+
+/// Calls a function once, after a time.
+class Timer {
+ public:
+  explicit Timer(GMainContext* context) : context_(context) {}
+  ~Timer() { stop(); }
+  Timer(const Timer&) = delete;
+  Timer& operator=(const Timer&) = delete;
+
+  /// In place of what was going to be called.
+  void start(std::chrono::milliseconds delay, std::function<void()> function);
+  void stop();
+  bool isRunning() const { return source_ != nullptr; }
+
+ private:
+  GMainContext* context_;
+  GSource* source_ = nullptr;
+  std::function<void()> function_;
+};
+
+/// Work that is done piece by piece, in the order in which it was added, a few milliseconds at a time; between them the
+/// file manager takes its turn.
+class SlicedWork {
+ public:
+  explicit SlicedWork(GMainContext* context) : context_(context) {}
+  ~SlicedWork();
+  SlicedWork(const SlicedWork&) = delete;
+  SlicedWork& operator=(const SlicedWork&) = delete;
+
+  /// `step` is called until it returns false. One call should stay far below a millisecond.
+  void add(std::function<bool()> step);
+
+ private:
+  bool runSlice();
+
+  GMainContext* context_;
+  GSource* source_ = nullptr;
+  std::deque<std::function<bool()>> steps_;
+};
+
+}  // namespace vornet::plugin

@@ -1,0 +1,114 @@
+#include "MenuPrefetch.hpp"
+
+#include <algorithm>
+
+#include "Paths.hpp"
+#include "Plugin.hpp"
+
+namespace vornet::plugin {
+namespace {
+
+// The extension works at so many menus at a time; more would only queue up behind a sync application that hangs.
+constexpr unsigned QUESTIONS_UNDER_WAY = 4;
+
+// An answer that is older is shown, and asked for anew: the sync application may have changed its mind.
+constexpr gint64 FRESH_MICROSECONDS = 1'000'000;
+
+constexpr const char* ICON = "vornet-vi";
+
+}  // namespace
+
+MenuPrefetch::MenuPrefetch(ExtensionLink& link, std::function<void()> changed)
+    : link_(link), changed_(std::move(changed)) {}
+
+Menu MenuPrefetch::greyed() const {
+  Menu result;
+  for (const auto& [title, action] : {std::pair{"Share", "share:"},
+                                      {"Copy Link", "copyLink:"},
+                                      {"Comments", "notes:"},
+                                      {"View versions", "viewVersions:"},
+                                      {"View in Cloud", "viewInCloud:"}}) {
+    result.push_back({title, action, false, ICON});
+  }
+  return result;
+}
+
+bool MenuPrefetch::belongs(const Selection& selection) const {
+  return !selection.empty() && std::all_of(selection.begin(), selection.end(), [this](const std::string& path) {
+    return link_.isObserved(path) && g_utf8_validate(path.c_str(), static_cast<gssize>(path.size()), nullptr);
+  });
+}
+
+Menu MenuPrefetch::menu(const Selection& selection) {
+  if (!selection.empty()) link_.want();
+  if (selection != selection_) {
+    selection_ = selection;
+    entries_.clear();
+    answeredAt_ = 0;
+    asked_ = waiting_ = false;
+    ++question_;
+  }
+  if (!belongs(selection_)) return {};
+  if (selection_.size() > Plugin::LARGEST_SELECTION) return greyed();
+  const bool stale = answeredAt_ == 0 || g_get_monotonic_time() - answeredAt_ > FRESH_MICROSECONDS;
+  if (stale && !asked_) ask();
+  return answeredAt_ == 0 ? greyed() : entries_;
+}
+
+void MenuPrefetch::ask() {
+  asked_ = true;
+  waiting_ = !link_.isReady() || underWay_ >= QUESTIONS_UNDER_WAY;
+  if (waiting_) return;
+  ++underWay_;
+  GVariantBuilder urls;
+  g_variant_builder_init(&urls, G_VARIANT_TYPE_STRING_ARRAY);
+  for (const auto& path : selection_) g_variant_builder_add(&urls, "s", urlOfPath(path).c_str());
+  const auto done = [this, question = question_, extension = extension_](GVariant* values, const std::string&) {
+    if (extension != extension_) return;
+    --underWay_;
+    answered(question, values);
+    if (waiting_) ask();
+  };
+  link_.call("GetMenu", g_variant_new("(as)", &urls), done);
+}
+
+void MenuPrefetch::answered(unsigned question, GVariant* values) {
+  if (question != question_) return;
+  asked_ = false;
+  if (!values || !g_variant_is_of_type(values, G_VARIANT_TYPE("(a(ssbs))"))) return;
+  Menu entries;
+  GVariantIter* iterator = nullptr;
+  g_variant_get(values, "(a(ssbs))", &iterator);
+  const gchar *title = nullptr, *action = nullptr, *image = nullptr;
+  gboolean enabled = FALSE;
+  while (g_variant_iter_next(iterator, "(&s&sb&s)", &title, &action, &enabled, &image)) {
+    entries.push_back({title, action, enabled != FALSE, *image ? ICON : ""});
+  }
+  g_variant_iter_free(iterator);
+  const bool isNew = entries != (answeredAt_ == 0 ? greyed() : entries_);
+  entries_ = std::move(entries);
+  answeredAt_ = g_get_monotonic_time();
+  if (isNew) changed_();
+}
+
+void MenuPrefetch::extensionReady() {
+  observedFoldersChanged();
+}
+
+/// What was answered stays; what was asked will not be.
+void MenuPrefetch::extensionGone() {
+  ++extension_;
+  underWay_ = 0;
+  asked_ = waiting_ = false;
+}
+
+/// A selection may belong now for which there were no entries, or the other way round.
+void MenuPrefetch::observedFoldersChanged() {
+  if (selection_.empty()) return;
+  ++question_;
+  answeredAt_ = 0;
+  asked_ = waiting_ = false;
+  changed_();
+}
+
+}  // namespace vornet::plugin

@@ -1,0 +1,136 @@
+#include "Plugin.hpp"
+
+#include <algorithm>
+#include <cctype>
+
+#include "Badges.hpp"
+#include "ExtensionLink.hpp"
+#include "FoldersOnScreen.hpp"
+#include "Guarded.hpp"
+#include "Inference.hpp"
+#include "MenuPrefetch.hpp"
+#include "Paths.hpp"
+
+namespace vornet::plugin {
+namespace {
+
+/// "SYNCED" -> "emblem-vornet-synced"; "" for an identifier that is none of ours.
+std::string emblemOf(const std::string& identifier) {
+  for (const auto& [known, emblem] : {std::pair{"SYNCED", "emblem-vornet-synced"},
+                                      {"PENDING", "emblem-vornet-pending"},
+                                      {"SKIPPED", "emblem-vornet-skipped"}}) {
+    if (identifier == known) return emblem;
+  }
+  return {};
+}
+
+}  // namespace
+
+class Plugin::Parts : public ExtensionLink::Listener {
+ public:
+  Parts(FileManager& fileManager, const Options& options)
+      : link(options.context, {options.firstRetry, options.lastRetry}, *this),
+        badges(options.context, link, folders),
+        inference(options.context, folders, badges, options.beforeInferring, options.inferredFor),
+        menus(link, [&fileManager] { fileManager.menuChanged(); }) {}
+
+  void extensionReady() override {
+    guarded([this] {
+      badges.extensionReady();
+      menus.extensionReady();
+    });
+  }
+
+  void extensionGone() override {
+    guarded([this] {
+      badges.extensionGone();
+      menus.extensionGone();
+      const bool needed = std::any_of(folders.all().begin(), folders.all().end(),
+                                      [this](const auto& folder) { return link.isObserved(folder.first); });
+      if (needed) link.wantAgain();
+    });
+  }
+
+  void observedFoldersChanged() override {
+    guarded([this] {
+      badges.observedFoldersChanged();
+      menus.observedFoldersChanged();
+    });
+  }
+
+  void badgesChanged(GVariant* changes) override {
+    guarded([this, changes] { badges.badgesChanged(changes); });
+  }
+
+  /// Where items may carry badges, or it is not known yet that they do not.
+  bool mayCarryBadges(std::string_view folder) const {
+    return !link.foldersKnown() || link.observedFolders().empty() || link.isObserved(folder);
+  }
+
+  FoldersOnScreen folders;
+  ExtensionLink link;
+  Badges badges;
+  Inference inference;
+  MenuPrefetch menus;
+};
+
+Plugin::Plugin(FileManager& fileManager) : Plugin(fileManager, Options()) {}
+
+Plugin::Plugin(FileManager& fileManager, const Options& options)
+    : parts_(std::make_unique<Parts>(fileManager, options)) {}
+
+Plugin::~Plugin() = default;
+
+void Plugin::folderShown(const std::string& path) {
+  guarded([&] {
+    Folder& folder = parts_->folders.at(withoutSlash(path));
+    ++folder.shown;
+    folder.inferred = false;
+    parts_->link.want();
+    parts_->badges.adjust(folder);
+  });
+}
+
+void Plugin::folderHidden(const std::string& path) {
+  guarded([&] {
+    Folder* folder = parts_->folders.find(withoutSlash(path));
+    if (!folder || folder->shown == 0) return;
+    if (--folder->shown > 0) return parts_->badges.adjust(*folder);
+    // It may be a tree's branch elsewhere; then it is asked for again, and inferred again.
+    if (folder->wasInferred) parts_->badges.redrawAll(*folder);
+    parts_->badges.drop(*folder);
+  });
+}
+
+std::string Plugin::emblem(const std::string& path, std::unique_ptr<ShownItem> item) {
+  return guarded(std::string(), [&]() -> std::string {
+    const auto parent = folderOf(path);
+    const auto name = nameOf(path);
+    if (name.empty() || !parts_->mayCarryBadges(parent)) return {};
+    if (!g_utf8_validate(path.c_str(), static_cast<gssize>(path.size()), nullptr)) return {};
+    Folder& folder = parts_->folders.at(parent);
+    if (folder.shown == 0) {
+      parts_->link.want();
+      parts_->inference.asked(folder);
+    }
+    return emblemOf(parts_->badges.badge(folder, name, std::move(item)));
+  });
+}
+
+Menu Plugin::menu(const Selection& selection) {
+  return guarded(Menu(), [&] { return parts_->menus.menu(selection); });
+}
+
+void Plugin::perform(const std::string& action, const Selection& selection) {
+  guarded([&] {
+    GVariantBuilder urls;
+    g_variant_builder_init(&urls, G_VARIANT_TYPE_STRING_ARRAY);
+    for (const auto& path : selection) g_variant_builder_add(&urls, "s", urlOfPath(path).c_str());
+    const auto performed = [action](GVariant* done, const std::string& error) {
+      if (!done) g_warning("%s was not performed: %s", action.c_str(), error.c_str());
+    };
+    parts_->link.call("PerformAction", g_variant_new("(sas)", action.c_str(), &urls), performed);
+  });
+}
+
+}  // namespace vornet::plugin
