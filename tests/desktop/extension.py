@@ -56,8 +56,8 @@ class Extension:
         return self._log.read_text(errors="replace") if self._log.exists() else ""
 
     def clients(self):
-        """How many processes other than this one's are on the bus with a name of their own."""
-        return len(self._ask_bus("ListNames")[0])
+        """The names of everybody on the bus."""
+        return self._ask_bus("ListNames")[0]
 
     def observed(self):
         """The folders on screen, as its log has it: path -> how often it was entered more than left."""

@@ -393,4 +393,15 @@ class Dolphin(FileManager):
         super().rest()
 
 
+def plugin_files(kind, build):
+    """What is laid over /usr for a file manager, relative to the build tree; raises when it is not built."""
+    files = []
+    for pattern in kind.plugins:
+        found = [path.relative_to(build) for path in build.glob(pattern)]
+        if not found:
+            raise FileNotFoundError(f"{build}/{pattern}: the plug-in for {kind.program} is not built")
+        files += found
+    return files
+
+
 ALL = {manager.program: manager for manager in (Nautilus, Nemo, Caja, Dolphin, Thunar)}

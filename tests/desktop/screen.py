@@ -30,7 +30,22 @@ class Screen:
         """The number of pixels that have exactly `colour` (red, green, blue)."""
         red, green, blue = colour
         pixel = bytes((blue, green, red))
-        return sum(row[0::4].count(blue) and _matches(row, pixel) for row in self._rows(rectangle))
+        return sum(1 for row in self._rows(rectangle) for _ in _columns(row, pixel))
+
+    def places(self, colour, rectangle=None):
+        """Where `colour` stands: the rectangle of each group of its pixels that touch each other."""
+        red, green, blue = colour
+        pixel = bytes((blue, green, red))
+        left, top = (rectangle or (0, 0))[:2]
+        groups = []  # [left, top, right, bottom]
+        for y, row in enumerate(self._rows(rectangle), max(0, top)):
+            for start, end in _runs(row, pixel):
+                start, end = start + max(0, left), end + max(0, left)
+                joined = [group for group in groups if group[3] >= y - 1 and group[0] <= end and group[2] >= start]
+                groups = [group for group in groups if group not in joined]
+                joined.append([start, y, end, y])
+                groups.append([f(group[i] for group in joined) for i, f in enumerate((min, min, max, max))])
+        return [(x, y, right - x + 1, bottom - y + 1) for x, y, right, bottom in groups]
 
     def pixels(self, rectangle=None):
         """All pixels as bytes, to be compared with those of another moment."""
@@ -54,9 +69,21 @@ class Screen:
             out.write(chunk(b"IDAT", zlib.compress(b"".join(lines), 6)) + chunk(b"IEND", b""))
 
 
-def _matches(row, pixel):
-    found, at = 0, row.find(pixel)
+def _columns(row, pixel):
+    at = row.find(pixel)
     while at >= 0:
-        found += at % 4 == 0
+        if at % 4 == 0:
+            yield at // 4
         at = row.find(pixel, at + 1)
-    return found
+
+
+def _runs(row, pixel):
+    """(first, last) column of each run of a pixel."""
+    first = last = None
+    for column in _columns(row, pixel):
+        if last is not None and column > last + 1:
+            yield first, last
+            first = None
+        first, last = column if first is None else first, column
+    if first is not None:
+        yield first, last
