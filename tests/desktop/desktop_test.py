@@ -111,7 +111,7 @@ class Desktop:
         """Until the menu of an item, opened and closed again and again, is that of its status."""
         menu = OFFERED[self.badges[name]]
         if not self.manager.shows_greyed:
-            menu = {title: True for title, enabled in menu.items() if enabled}
+            menu = {title: True for title, enabled in menu.items() if enabled} or menu
         until_equal(f"the menu of {name}", menu, lambda: self.manager.entries(name))
 
     def wait_for_count(self, count):

@@ -294,7 +294,7 @@ class Thunar(FileManager):
     plugins = ("lib/*/thunarx-3/libvornet-thunar.so",)
     cells = ("table cell",)
     has_badges = False
-    shows_greyed = False
+    shows_greyed = False  # but where no entry can be chosen
 
     def start(self, folder, environment=None):
         super().start(folder, environment)
