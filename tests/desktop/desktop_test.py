@@ -13,18 +13,14 @@ import tempfile
 import time
 import traceback
 
-import gi
-
-gi.require_version("Atspi", "2.0")
-
-import managers  # noqa: E402
-import namespaces  # noqa: E402
-import processes  # noqa: E402
-from calls import Calls  # noqa: E402
-from extension import Extension  # noqa: E402
-from session import REAL_COLOURS, Session  # noqa: E402
-from sync import Sync  # noqa: E402
-from waiting import until, until_equal  # noqa: E402
+import managers
+import namespaces
+import processes
+from calls import Calls
+from extension import Extension
+from session import REAL_COLOURS, Session
+from sync import Sync
+from waiting import until, until_equal
 
 # What the synced folder holds, and the badge of each at first; and the folders inside and above it.
 ITEMS = {"sub": "SYNCED", "a one.txt": "SYNCED", "b#two.txt": "PENDING", "c%3three.txt": "SKIPPED", "d ü four.txt": ""}

@@ -8,6 +8,7 @@ import signal
 from gi.repository import Gio, GLib
 
 import processes
+from accessible import connect
 from waiting import until, until_equal
 
 NAME = "com.vornet.KelvaneSync.FinderBadgeExtension"
@@ -18,9 +19,7 @@ class Extension:
     """Looks at the extension of `session` from outside, by a connection to the bus of its own, and never starts it."""
 
     def __init__(self, session):
-        flags = Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
-        address = session.environment["DBUS_SESSION_BUS_ADDRESS"]
-        self._connection = Gio.DBusConnection.new_for_address_sync(address, flags, None, None)
+        self._connection = connect(session.environment["DBUS_SESSION_BUS_ADDRESS"])
         self._log = session.data / "group-containers/com.vornet.KelvaneSync/log/vi.log"
 
     def _ask_bus(self, method, arguments=None):

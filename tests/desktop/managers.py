@@ -1,15 +1,13 @@
 """The real file managers: how each is started, read and operated."""
 
-import os
 import re
 import shutil
 import signal
 
-from gi.repository import Atspi, GLib
+from gi.repository import GLib
 
 import accessible
 import processes
-from accessible import act, actions, extents, has, name, role, walk
 from session import COLOURS
 from waiting import NotSeen, until, until_equal
 
@@ -32,6 +30,7 @@ class FileManager:
         self.session = session
         self.output = session.folder / f"{self.program}.log"
         self.process = None
+        self._bus = accessible.Bus(session.environment["DBUS_SESSION_BUS_ADDRESS"])
         self._app = None
 
     @classmethod
@@ -49,7 +48,7 @@ class FileManager:
     def _find_application(self):
         if self.process.poll() is not None:
             raise NotSeen(f"{self.program} has ended: {self.output.read_text(errors='replace')[-2000:]}")
-        return accessible.application(self.process.pid)
+        return self._bus.application(self.process.pid)
 
     def kill(self):
         self.process.send_signal(signal.SIGKILL)
@@ -95,10 +94,10 @@ class FileManager:
 
     def items(self):
         """The accessibles of the files on screen: name -> accessible."""
-        return {name(node): node for node in walk(self._app, self.pruned) if self.is_item(node)}
+        return {node.name(): node for node in self._app.walk(self.pruned) if self.is_item(node)}
 
     def is_item(self, node):
-        return role(node) in self.cells and name(node) != ""
+        return node.role() in self.cells and node.name() != ""
 
     def wait_for_items(self, names):
         names = set(names)
@@ -106,21 +105,21 @@ class FileManager:
 
     def rectangles(self):
         """Where the files stand on the screen: name -> rectangle."""
-        return {name: box for name, node in self.items().items() if (box := extents(node)) and box[2] > 0}
+        return {name: box for name, node in self.items().items() if (box := node.extents()) and box[2] > 0}
 
-    def badges(self):
-        """The badge of every file on screen, by its colour in the file's rectangle; "" for none."""
-        return {name: self._badge_in(box) for name, box in self.rectangles().items()}
+    def badges(self, names):
+        """The badges of the files on screen among `names`, by the colour in each one's rectangle; "" for none."""
+        return {name: self._badge_in(box) for name, box in self.rectangles().items() if name in names}
 
     def _badge_in(self, box):
         counts = {badge: self.session.screen.count(colour, box) for badge, colour in COLOURS.items()}
         return "+".join(badge for badge, count in counts.items() if count >= FEWEST_PIXELS)
 
     def badges_match(self, expected):
-        return self.badges() == expected
+        return self.badges(expected) == expected
 
     def wait_for_badges(self, expected):
-        until_equal("the badges", expected, self.badges)
+        until_equal("the badges", expected, lambda: self.badges(expected))
 
     def coloured_pixels(self):
         """How many pixels of any emblem are on the whole screen."""
@@ -146,15 +145,15 @@ class FileManager:
         """The accessibles of what the open menu shows; empty without one."""
         return [
             node
-            for node in walk(self._app, self.pruned)
-            if role(node) in ("menu item", "check menu item") and has(node, "SHOWING")
+            for node in self._app.walk(self.pruned)
+            if node.role() in ("menu item", "check menu item") and node.has("SHOWING")
         ]
 
     def menu(self, item):
         """Opens a menu, reads it and leaves it open: title -> whether it can be chosen."""
         self.open_menu(item)
         until("the menu", self.menu_nodes)
-        return {name(node): has(node, "SENSITIVE") for node in self.menu_nodes()}
+        return {node.name(): node.has("SENSITIVE") for node in self.menu_nodes()}
 
     def close_menu(self):
         self.session.xdotool("key", "Escape")
@@ -170,7 +169,7 @@ class FileManager:
 
     def choose(self, item, title):
         self.menu(item)
-        act(next(node for node in self.menu_nodes() if name(node) == title))
+        next(node for node in self.menu_nodes() if node.name() == title).act()
         until("the menu's end", lambda: not self.menu_nodes())
 
     def click(self, x, y, button=1, repeat=1):
@@ -185,15 +184,25 @@ class FileManager:
 class _IconContainer(FileManager):
     """Caja and Nemo: files can be selected and opened by way of their accessibles."""
 
+    def is_item(self, node):
+        return super().is_item(node) and node.parent().role() == "layered pane"
+
     def _select(self, item):
-        any_item = next(iter(self.items().values()))
-        view = any_item.get_parent()
-        view.clear_selection()
-        if item is not None:
-            view.select_child(self.items()[item].get_index_in_parent())
-        wanted = [] if item is None else [item]
-        selected = lambda: [name(view.get_selected_child(i)) for i in range(view.get_n_selected_children())]
-        until_equal("the selection", wanted, selected)
+        until(f"the selection of {item}", lambda: self._is_selected(item))
+
+    def _is_selected(self, item):
+        items = self.items()
+        if not items or (item is not None and item not in items):
+            return False
+        try:
+            view = next(iter(items.values())).parent()
+            wanted = [] if item is None else [items[item]]
+            if view.selected() == wanted:
+                return True
+            view.select(*wanted or [None])
+        except GLib.Error:
+            pass  # the folder is being shown anew
+        return False
 
     def open_menu(self, item):
         self.activate()
@@ -201,7 +210,7 @@ class _IconContainer(FileManager):
         self.session.xdotool("key", "Menu")
 
     def enter(self, folder):
-        act(self.items()[folder], "open")
+        self.items()[folder].act("open")
 
     def rest(self):
         super().rest()
@@ -246,24 +255,24 @@ class Nautilus(FileManager):
     pruned = ("tool bar", "list")
 
     def is_item(self, node):
-        return super().is_item(node) and name(node) != "NautilusGridCell"
+        return super().is_item(node) and node.name() != "NautilusGridCell"
 
     def rectangles(self):
         """GTK 4 knows positions in the window alone, without the margin that is for resizing."""
         found = {}
         for item, node in self.items().items():
-            box = extents(node, on_screen=False)
+            box = node.extents(on_screen=False)
             if box and box[2] > 0:
                 x, y = self._origin(node)
                 found[item] = (x + box[0], y + box[1], box[2], box[3])
         return found
 
     def _origin(self, node):
-        while role(node) != "frame":
-            node = node.get_parent()
+        while node.role() != "frame":
+            node = node.parent()
         window = self.windows()[-1]
         values = dict(re.findall(r"(\w+)=(-?\d+)", self.session.xdotool("getwindowgeometry", "--shell", window)))
-        margin = (int(values["WIDTH"]) - extents(node, on_screen=False)[2]) // 2
+        margin = (int(values["WIDTH"]) - node.extents(on_screen=False)[2]) // 2
         return int(values["X"]) + margin, int(values["Y"]) + margin
 
     def enter(self, folder):
@@ -335,8 +344,6 @@ class Dolphin(FileManager):
     def __init__(self, session):
         super().__init__(session)
         self._menu = None
-        self._focused = []
-        self._listener = Atspi.EventListener.new(lambda event: self._focused.append(event.source))
 
     def start(self, folder, environment=None):
         plugins = f"{self.session.build}/{self.plugin_folder(self.session.build)}"
@@ -360,31 +367,17 @@ class Dolphin(FileManager):
             x, y = min(box[0] for box in boxes.values()) + 20, max(box[1] + box[3] for box in boxes.values()) + 60
         else:
             x, y = boxes[item][0] + boxes[item][2] // 2, boxes[item][1] + 30
-        self._focused.clear()
-        self._listener.register("object:state-changed:focused")
-        try:
+        with accessible.FocusWatch(self._bus) as focus:
             before = self.session.screen.pixels()
             self.click(x, y, button=3)
             until("the menu on the screen", lambda: self.session.screen.pixels() != before)
-            self._menu = until("the menu", self._menu_in_focus)
-        finally:
-            self._listener.deregister("object:state-changed:focused")
-
-    def _menu_in_focus(self):
-        self.session.xdotool("key", "Down")
-        context = GLib.MainContext.default()
-        while context.iteration(False):
-            pass
-        for node in self._focused:
-            if role(node) == "menu item":
-                return node.get_parent()
-        return None
+            self.session.xdotool("key", "Down")
+            self._menu = focus.wait_for("an entry in focus", lambda node: node.role() == "menu item").parent()
 
     def menu_nodes(self):
-        if self._menu is None or not has(self._menu, "SHOWING"):
+        if self._menu is None or not self._menu.has("SHOWING"):
             return []
-        nodes = [self._menu.get_child_at_index(index) for index in range(self._menu.get_child_count())]
-        return [node for node in nodes if role(node) == "menu item" and has(node, "SHOWING")]
+        return [node for node in self._menu.children() if node.role() == "menu item" and node.has("SHOWING")]
 
     def rest(self):
         boxes = self.rectangles()
