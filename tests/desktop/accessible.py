@@ -19,6 +19,7 @@ ROLES = {
     45: "radio menu item",
     56: "table cell",
     63: "tool bar",
+    69: "window",
 }
 STATES = {"ENABLED": 8, "FOCUSED": 12, "SELECTED": 23, "SENSITIVE": 24, "SHOWING": 25}
 _ACCESSIBLE = "org.a11y.atspi.Accessible"
@@ -106,9 +107,10 @@ class Node:
 
     def act(self, action=None):
         """Performs its action of this name, or its first."""
-        names = [entry[0] for entry in self._call("org.a11y.atspi.Action", "GetActions")[0]]
-        index = names.index(action) if action else 0
-        self._call("org.a11y.atspi.Action", "DoAction", GLib.Variant("(i)", (index,)))
+        interface = "org.a11y.atspi.Action"
+        indices = [GLib.Variant("(i)", (index,)) for index in range(self._property(interface, "NActions", 0))]
+        names = [self._call(interface, "GetName", index)[0] for index in indices]
+        self._call(interface, "DoAction", indices[names.index(action) if action else 0])
 
     def index(self):
         return self._call(_ACCESSIBLE, "GetIndexInParent")[0]

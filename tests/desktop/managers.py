@@ -11,6 +11,7 @@ import processes
 from session import COLOURS
 from waiting import NotSeen, until, until_equal
 
+MENU_ITEMS = ("menu item", "check menu item", "radio menu item")
 FEWEST_PIXELS = 20  # of an emblem's colour, to count as one
 ENTRIES = ("Share", "Copy Link", "Comments", "View versions", "View in Cloud")
 
@@ -32,6 +33,7 @@ class FileManager:
         self.process = None
         self._bus = accessible.Bus(session.environment["DBUS_SESSION_BUS_ADDRESS"])
         self._app = None
+        self._view = None
 
     @classmethod
     def is_installed(cls):
@@ -93,15 +95,30 @@ class FileManager:
     # --- Files on screen
 
     def items(self):
-        """The accessibles of the files on screen: name -> accessible."""
-        return {node.name(): node for node in self._app.walk(self.pruned) if self.is_item(node)}
+        """The accessibles of the files on screen: name -> accessible. The view that holds them is remembered."""
+        found = self._items_below(self._view) if self._view else {}
+        if not found:
+            found = self._items_below(self._app)
+            self._view = self.view_of(list(found.values())[-1]) if found else None
+        return found
+
+    def _items_below(self, node):
+        return {item.name(): item for item in node.walk(self.pruned) if self.is_item(item)}
 
     def is_item(self, node):
         return node.role() in self.cells and node.name() != ""
 
+    def view_of(self, item):
+        return item.parent()
+
     def wait_for_items(self, names):
         names = set(names)
-        until(f"the files {sorted(names)}", lambda: names <= set(self.items()))
+
+        def all_are_shown():
+            self._view = None
+            return names <= set(self.items())
+
+        until(f"the files {sorted(names)}", all_are_shown)
 
     def rectangles(self):
         """Where the files stand on the screen: name -> rectangle."""
@@ -142,12 +159,9 @@ class FileManager:
         raise NotImplementedError
 
     def menu_nodes(self):
-        """The accessibles of what the open menu shows; empty without one."""
-        return [
-            node
-            for node in self._app.walk(self.pruned)
-            if node.role() in ("menu item", "check menu item") and node.has("SHOWING")
-        ]
+        """The accessibles of what the open menu shows; empty without one. A menu has a window of its own."""
+        windows = [node for node in self._app.children() if node.role() == "window"]
+        return [node for window in windows for node in window.walk() if node.role() in MENU_ITEMS and node.has("SHOWING")]
 
     def menu(self, item):
         """Opens a menu, reads it and leaves it open: title -> whether it can be chosen."""
@@ -157,7 +171,19 @@ class FileManager:
 
     def close_menu(self):
         self.session.xdotool("key", "Escape")
-        until("the menu's end", lambda: not self.menu_nodes())
+        self._wait_for_menu_gone()
+
+    def _wait_for_menu_gone(self):
+        until("the menu's end", lambda: not self.menu_nodes() and not self._popups())
+
+    def _popups(self):
+        """Whether a window of it stands on the screen that the window manager has nothing to do with: a menu."""
+        xwininfo = lambda *words: processes.run(["xwininfo", *words], self.session.environment)
+        lines = [line.split() for line in xwininfo("-root", "-children").lower().splitlines() if self.program in line.lower()]
+        try:
+            return any("IsViewable" in xwininfo("-id", line[0]) for line in lines)
+        except processes.subprocess.CalledProcessError:
+            return True  # one has just gone; who waits looks again
 
     def entries(self, item):
         """Our entries in an item's menu, which is closed again; the menu must hold others too."""
@@ -169,8 +195,11 @@ class FileManager:
 
     def choose(self, item, title):
         self.menu(item)
-        next(node for node in self.menu_nodes() if node.name() == title).act()
-        until("the menu's end", lambda: not self.menu_nodes())
+        self.press(next(node for node in self.menu_nodes() if node.name() == title))
+        self._wait_for_menu_gone()
+
+    def press(self, entry):
+        entry.act()
 
     def click(self, x, y, button=1, repeat=1):
         clicks = ["click", "--repeat", repeat, "--delay", 20, button]
@@ -183,6 +212,8 @@ class FileManager:
 
 class _IconContainer(FileManager):
     """Caja and Nemo: files can be selected and opened by way of their accessibles."""
+
+    pruned = ("menu bar", "tool bar", "icon")
 
     def is_item(self, node):
         return super().is_item(node) and node.parent().role() == "layered pane"
@@ -257,6 +288,9 @@ class Nautilus(FileManager):
     def is_item(self, node):
         return super().is_item(node) and node.name() != "NautilusGridCell"
 
+    def view_of(self, item):
+        return item.parent().parent()
+
     def rectangles(self):
         """GTK 4 knows positions in the window alone, without the margin that is for resizing."""
         found = {}
@@ -288,6 +322,10 @@ class Nautilus(FileManager):
         else:
             x, y = boxes[item][0] + boxes[item][2] // 2, boxes[item][1] + 50
         self.click(x, y, button=3)
+
+    def menu_nodes(self):
+        """Its menu is in its window, and no more once it is closed."""
+        return [node for node in self._app.walk(self.pruned) if node.role() in MENU_ITEMS]
 
     @staticmethod
     def _background(boxes):
@@ -378,6 +416,10 @@ class Dolphin(FileManager):
         if self._menu is None or not self._menu.has("SHOWING"):
             return []
         return [node for node in self._menu.children() if node.role() == "menu item" and node.has("SHOWING")]
+
+    def press(self, entry):
+        x, y, width, height = entry.extents()
+        self.click(x + width // 2, y + height // 2)
 
     def rest(self):
         boxes = self.rectangles()

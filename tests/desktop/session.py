@@ -105,6 +105,9 @@ class Session:
         (self.data / "dbus-1/services" / SERVICE).unlink()
 
     def environment_with_real_emblems(self):
+        """For a program that is started with it, the emblems look as they do for users."""
+        for cache in (self.folder / "home/.cache").glob("icon-cache*"):
+            cache.unlink()  # Dolphin's memory of the coloured ones
         return dict(self.environment, XDG_DATA_DIRS=f"{self.build}/share:/usr/local/share:/usr/share")
 
     def xdotool(self, *arguments):

@@ -34,4 +34,4 @@ def until_equal(what, expected, observe, timeout=SOON):
     try:
         until(what, matches, timeout)
     except NotSeen as error:
-        raise NotSeen(f"{what}: {seen[0]!r} instead of {expected!r}") from error
+        raise NotSeen(f"{what}: {seen!r} instead of {expected!r}") from error
