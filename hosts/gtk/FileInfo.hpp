@@ -20,20 +20,27 @@ inline std::optional<std::string> pathOf(manager::FileInfo* file) {
 class ShownFile : public plugin::ShownItem {
  public:
   explicit ShownFile(manager::FileInfo* file) { g_weak_ref_init(&file_, file); }
+  ShownFile(const ShownFile& other) {
+    const Reference file = other.get();
+    g_weak_ref_init(&file_, file.get());
+  }
   ~ShownFile() override { g_weak_ref_clear(&file_); }
-  ShownFile(const ShownFile&) = delete;
   ShownFile& operator=(const ShownFile&) = delete;
+
+  /// The file manager has let go of it.
+  bool isGone() const { return !get(); }
 
   /// Emblems are only ever added to a file; the file manager drops all and asks again for a file that is invalidated.
   void redraw(const std::string&) override {
-    auto* file = static_cast<manager::FileInfo*>(g_weak_ref_get(&file_));
-    if (!file) return;
-    VORNET_CALL(file_info_invalidate_extension_info)(file);
-    g_object_unref(file);
+    if (const Reference file = get()) VORNET_CALL(file_info_invalidate_extension_info)(file.get());
   }
 
  private:
-  GWeakRef file_;
+  using Reference = std::unique_ptr<manager::FileInfo, decltype(&g_object_unref)>;
+
+  Reference get() const { return {static_cast<manager::FileInfo*>(g_weak_ref_get(&file_)), g_object_unref}; }
+
+  mutable GWeakRef file_;  // reading it takes a reference
 };
 
 }  // namespace vornet::gtk

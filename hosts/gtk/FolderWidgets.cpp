@@ -4,11 +4,12 @@
 
 #include <memory>
 #include <unordered_map>
+#include <utility>
 
 #include "FolderWatch.hpp"
 #include "Manager.hpp"
 #include "Module.hpp"
-#include "ShownFolder.hpp"
+#include "Tab.hpp"
 #include "plugin/Guarded.hpp"
 #include "plugin/Paths.hpp"
 
@@ -26,6 +27,7 @@ class FolderWidgets : public FolderWatch {
     auto place = std::make_unique<Place>(*this, std::move(folder));
     GtkWidget* widget = gtk_box_new(GTK_ORIENTATION_HORIZONTAL, 0);
     gtk_widget_show(widget);
+    g_signal_connect(widget, "parent-set", G_CALLBACK(placed), place.get());
     g_signal_connect(widget, "map", G_CALLBACK(mapped), place.get());
     g_signal_connect(widget, "unmap", G_CALLBACK(unmapped), place.get());
     g_signal_connect(widget, "destroy", G_CALLBACK(destroyed), place.get());
@@ -35,21 +37,44 @@ class FolderWidgets : public FolderWatch {
 
  private:
   struct Place {
-    Place(FolderWidgets& places, std::string path) : all(places), folder(std::move(path)) {}
+    Place(FolderWidgets& places, std::string path) : all(places), folder(std::move(path)) { tab.update(folder, false); }
 
     FolderWidgets& all;
-    std::string folder;
-    ShownFolder shown;
+    const std::string folder;
+    Tab tab;
+    guint border = 0;  ///< that of the container that the widget stands in, before
   };
+
+  /// Caja gives the place of such widgets a border, which would push the items down for an empty one.
+  static void placed(GtkWidget* widget, GtkWidget* before, gpointer data) {
+    auto* place = static_cast<Place*>(data);
+    if (before && place->border > 0) {
+      gtk_container_set_border_width(GTK_CONTAINER(before), std::exchange(place->border, 0));
+    }
+    GtkWidget* parent = gtk_widget_get_parent(widget);
+    if (!parent || !isAlone(parent)) return;
+    place->border = gtk_container_get_border_width(GTK_CONTAINER(parent));
+    gtk_container_set_border_width(GTK_CONTAINER(parent), 0);
+  }
+
+  static bool isAlone(GtkWidget* parent) {
+    GList* children = gtk_container_get_children(GTK_CONTAINER(parent));
+    const bool alone = children && !children->next;
+    g_list_free(children);
+    return alone;
+  }
 
   static void mapped(GtkWidget*, gpointer data) {
     plugin::guarded([data] {
       auto* place = static_cast<Place*>(data);
-      place->shown.show(place->folder);
+      place->tab.update(place->folder, true);
     });
   }
   static void unmapped(GtkWidget*, gpointer data) {
-    plugin::guarded([data] { static_cast<Place*>(data)->shown.show(std::nullopt); });
+    plugin::guarded([data] {
+      auto* place = static_cast<Place*>(data);
+      place->tab.update(place->folder, false);
+    });
   }
   static void destroyed(GtkWidget* widget, gpointer data) {
     plugin::guarded([widget, data] {

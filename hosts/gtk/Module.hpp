@@ -5,6 +5,8 @@
 #include <memory>
 #include <optional>
 
+#include "KnownItems.hpp"
+#include "Menus.hpp"
 #include "plugin/Plugin.hpp"
 
 namespace vornet::gtk {
@@ -27,6 +29,8 @@ class Module : public plugin::FileManager {
   /// Made when it is first needed.
   plugin::Plugin& plugin();
 
+  KnownItems& items() { return items_; }
+  Menus& menus() { return menus_; }
   FolderWatch& folders() { return *folders_; }
 
   /// `provider` is the object by which the file manager asks for menus.
@@ -38,6 +42,8 @@ class Module : public plugin::FileManager {
   Module();
 
   std::optional<plugin::Plugin> plugin_;
+  KnownItems items_;
+  Menus menus_;
   std::unique_ptr<FolderWatch> folders_;
   GWeakRef provider_;
 };

@@ -8,7 +8,7 @@
 #include "FolderWatch.hpp"
 #include "Manager.hpp"
 #include "Module.hpp"
-#include "ShownFolder.hpp"
+#include "Tab.hpp"
 #include "plugin/Guarded.hpp"
 #include "plugin/Paths.hpp"
 
@@ -85,7 +85,7 @@ class Slot {
   static void gone(gpointer self, GObject*) {
     tell<Slot>(self, [](Slot& slot) {
       slot.slot_.forget();
-      slot.shown_.show(std::nullopt);
+      slot.tab_.update(std::nullopt, false);
     });
   }
 
@@ -95,11 +95,11 @@ class Slot {
     g_object_get(slot_.object(), "active", &active, "location", &location, nullptr);
     const std::unique_ptr<char, decltype(&g_free)> url(location ? g_file_get_uri(location) : nullptr, g_free);
     g_clear_object(&location);
-    shown_.show(active ? plugin::pathOfURL(url.get()) : std::nullopt);
+    tab_.update(plugin::pathOfURL(url.get()), active);
   }
 
   Listening slot_;
-  ShownFolder shown_;
+  Tab tab_;
 };
 
 class Window {

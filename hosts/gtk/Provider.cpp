@@ -20,7 +20,7 @@ OperationResult updateFileInfo(InfoProvider*, FileInfo* file, GClosure*, Operati
     Module* module = Module::current();
     const auto path = pathOf(file);
     if (!module || !path) return COMPLETE;
-    const auto emblem = module->plugin().emblem(*path, std::make_unique<ShownFile>(file));
+    const auto emblem = module->items().emblem(*path, file);
     if (!emblem.empty()) VORNET_CALL(file_info_add_emblem)(file, emblem.c_str());
     return COMPLETE;
   });
@@ -31,7 +31,7 @@ void cancelUpdate(InfoProvider*, OperationHandle*) {}
 GList* fileItems(const GList* files) {
   return plugin::guarded<GList*>(nullptr, [files]() -> GList* {
     Module* module = Module::current();
-    return module ? menuItems(module->plugin(), files) : nullptr;
+    return module ? menuItems(module->menus(), files) : nullptr;
   });
 }
 
