@@ -13,7 +13,8 @@ class QSocketNotifier;
 namespace vornet::dolphin {
 
 /// A GLib main context whose events are dispatched by Qt's event loop, for where that is not GLib's own: it waits for
-/// the context's descriptors and for its next time-out, without a thread and without polling. One thread.
+/// the context's descriptors and for its next time-out, without a thread and without polling. What it
+/// dispatches must not run an event loop of its own. One thread.
 class GLibEvents : public QObject {
   Q_OBJECT
  public:

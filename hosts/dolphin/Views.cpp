@@ -5,6 +5,7 @@
 #include <QEvent>
 
 #include <algorithm>
+#include <vector>
 
 #include "plugin/Guarded.hpp"
 
@@ -36,15 +37,19 @@ void Views::asked(const QUrl& url) {
 }
 
 bool Views::isBackground(const QUrl& url, const QWidget* parent) const {
-  const QWidget* window = parent ? parent->window() : nullptr;
-  const QWidget* focus = QApplication::focusWidget();
-  const auto inUse = [focus](const auto& view) { return view.second->widget().isAncestorOf(focus); };
-  const bool known = focus && std::any_of(views_.begin(), views_.end(), inUse);
-  return std::any_of(views_.begin(), views_.end(), [&](const auto& view) {
-    const QWidget& widget = view.second->widget();
-    if (!widget.inherits("DolphinView") || !widget.isVisible() || (window && widget.window() != window)) return false;
-    return (!known || inUse(view)) && view.second->url().matches(url, QUrl::StripTrailingSlash);
-  });
+  std::vector<const View*> candidates;
+  for (const auto& [object, view] : views_) {
+    const QWidget& widget = view->widget();
+    const bool inWindow = !parent || widget.window() == parent->window();
+    if (inWindow && widget.isVisible() && widget.inherits("DolphinView")) candidates.push_back(view.get());
+  }
+  const auto inUse = [focus = QApplication::focusWidget()](const View* view) {
+    return focus && view->widget().isAncestorOf(focus);
+  };
+  const auto used = std::find_if(candidates.begin(), candidates.end(), inUse);
+  if (used != candidates.end()) candidates = {*used};
+  return std::any_of(candidates.begin(), candidates.end(),
+                     [&url](const View* view) { return view->url().matches(url, QUrl::StripTrailingSlash); });
 }
 
 bool Views::eventFilter(QObject* object, QEvent* event) {
