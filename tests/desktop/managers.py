@@ -340,6 +340,7 @@ class Thunar(FileManager):
     command = ("thunar",)
     plugins = ("lib/*/thunarx-3/libvornet-thunar.so",)
     cells = ("table cell",)
+    pruned = ("menu bar", "tool bar", "status bar")
     has_badges = False
     shows_greyed = False  # but where no entry can be chosen
 
@@ -354,6 +355,9 @@ class Thunar(FileManager):
     def _show_list(self):
         self.activate()
         self.session.xdotool("key", "ctrl+2")
+
+    def view_of(self, item):
+        return None  # the list of places beside the files holds accessibles of the same kind
 
     def enter(self, folder):
         self.activate()
