@@ -202,8 +202,9 @@ class FileManager:
         entry.act()
 
     def click(self, x, y, button=1, repeat=1):
-        clicks = ["click", "--repeat", repeat, "--delay", 20, button]
-        self.session.xdotool("mousemove", x, y, *clicks)
+        # From outside: after a menu, GTK 4 passes over a click until the pointer has come into the window anew.
+        self.session.xdotool("mousemove", 1, 1)
+        self.session.xdotool("mousemove", x, y, "click", "--repeat", repeat, "--delay", 20, button)
 
     def rest(self):
         """Nothing selected, the pointer off the files: emblems stand in their own colours."""

@@ -10,6 +10,7 @@ import socket
 import struct
 import subprocess
 import sys
+import tempfile
 
 MARK = "VORNET_IN_NAMESPACES"
 _libc = ctypes.CDLL(None, use_errno=True)
@@ -20,7 +21,15 @@ def _command():
 
 
 def are_possible():
-    return subprocess.run(_command() + ["true"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode == 0
+    """Tries all of it, in a process of its own."""
+    attempt = _command() + [sys.executable, "-B", __file__, "--try"]
+    return subprocess.run(attempt, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode == 0
+
+
+def _try():
+    bring_up_loopback()
+    with tempfile.TemporaryDirectory() as layer:
+        install("/", [], layer)
 
 
 def enter():
@@ -49,3 +58,7 @@ def install(build, files, layer):
     options = f"lowerdir={layer}:/usr"
     if _libc.mount(b"overlay", b"/usr", b"overlay", 0, os.fsencode(options)) != 0:
         raise OSError(ctypes.get_errno(), f"cannot lay the plug-in over /usr: {os.strerror(ctypes.get_errno())}")
+
+
+if __name__ == "__main__":  # tells by its exit status whether the system allows them
+    sys.exit(_try() if "--try" in sys.argv else 0 if are_possible() else 1)
