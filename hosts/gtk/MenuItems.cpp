@@ -5,7 +5,9 @@
 
 #include "FileInfo.hpp"
 #include "Manager.hpp"
+#include "Menus.hpp"
 #include "Module.hpp"
+#include "OpenMenu.hpp"
 #include "plugin/Guarded.hpp"
 
 namespace vornet::gtk {
@@ -41,7 +43,7 @@ plugin::Selection read(const GList* files) {
 
 manager::MenuItem* makeItem(const plugin::MenuEntry& entry, std::shared_ptr<const plugin::Selection> selection) {
   auto choice = std::make_unique<Choice>(Choice{entry.action, std::move(selection)});
-  const std::string name = "Vornet::" + entry.action;
+  const std::string name = ENTRY_NAME + entry.action;
   auto* item = VORNET_CALL(menu_item_new)(name.c_str(), entry.title.c_str(), entry.title.c_str(),
                                           entry.icon.empty() ? nullptr : entry.icon.c_str());
   g_object_set(item, "sensitive", static_cast<gboolean>(entry.enabled), nullptr);
@@ -51,11 +53,11 @@ manager::MenuItem* makeItem(const plugin::MenuEntry& entry, std::shared_ptr<cons
 
 }  // namespace
 
-GList* menuItems(plugin::Plugin& plugin, const GList* files) {
+GList* menuItems(Menus& menus, const GList* files) {
   const auto selection = std::make_shared<const plugin::Selection>(read(files));
   GList* items = nullptr;
   // Asked for nothing as well: the selection before is none any more.
-  for (const auto& entry : plugin.menu(*selection)) items = g_list_prepend(items, makeItem(entry, selection));
+  for (const auto& entry : menus.menu(*selection)) items = g_list_prepend(items, makeItem(entry, selection));
   return g_list_reverse(items);
 }
 

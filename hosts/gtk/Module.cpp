@@ -6,6 +6,7 @@
 
 #include "FolderWatch.hpp"
 #include "Manager.hpp"
+#include "OpenMenu.hpp"
 #include "Provider.hpp"
 #include "plugin/Guarded.hpp"
 
@@ -31,7 +32,7 @@ void Module::unload() {
   delete std::exchange(currentModule, nullptr);
 }
 
-Module::Module() : items_(*this), folders_(FolderWatch::make()) {
+Module::Module() : items_(*this), menus_(*this), folders_(FolderWatch::make()) {
   g_weak_ref_init(&provider_, nullptr);
 }
 
@@ -49,10 +50,13 @@ void Module::setProvider(GObject* provider) {
 }
 
 void Module::menuChanged() {
-  auto* provider = static_cast<manager::MenuProvider*>(g_weak_ref_get(&provider_));
-  if (!provider) return;
-  VORNET_CALL(menu_provider_emit_items_updated_signal)(provider);
-  g_object_unref(provider);
+  plugin::guarded([this] {
+    refreshOpenMenu(menus_.changed());
+    auto* provider = static_cast<manager::MenuProvider*>(g_weak_ref_get(&provider_));
+    if (!provider) return;
+    VORNET_CALL(menu_provider_emit_items_updated_signal)(provider);
+    g_object_unref(provider);
+  });
 }
 
 }  // namespace vornet::gtk

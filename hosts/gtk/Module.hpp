@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "KnownItems.hpp"
+#include "Menus.hpp"
 #include "plugin/Plugin.hpp"
 
 namespace vornet::gtk {
@@ -29,6 +30,7 @@ class Module : public plugin::FileManager {
   plugin::Plugin& plugin();
 
   KnownItems& items() { return items_; }
+  Menus& menus() { return menus_; }
   FolderWatch& folders() { return *folders_; }
 
   /// `provider` is the object by which the file manager asks for menus.
@@ -41,6 +43,7 @@ class Module : public plugin::FileManager {
 
   std::optional<plugin::Plugin> plugin_;
   KnownItems items_;
+  Menus menus_;
   std::unique_ptr<FolderWatch> folders_;
   GWeakRef provider_;
 };

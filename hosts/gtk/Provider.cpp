@@ -31,7 +31,7 @@ void cancelUpdate(InfoProvider*, OperationHandle*) {}
 GList* fileItems(const GList* files) {
   return plugin::guarded<GList*>(nullptr, [files]() -> GList* {
     Module* module = Module::current();
-    return module ? menuItems(module->plugin(), files) : nullptr;
+    return module ? menuItems(module->menus(), files) : nullptr;
   });
 }
 

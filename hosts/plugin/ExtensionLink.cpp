@@ -5,6 +5,7 @@
 
 #include "Guarded.hpp"
 #include "Paths.hpp"
+#include "Trace.hpp"
 
 namespace vornet::plugin {
 namespace {
@@ -304,6 +305,7 @@ void ExtensionLink::callOnBus(const char* name, const char* path, const char* in
     GError* error = nullptr;
     GVariant* values = g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &error);
     if (!call->link.expired()) {
+      const Turn turn("answer");
       guarded([&] { call->done(values, values ? "" : nameOfError(error)); });
     }
     if (values) g_variant_unref(values);

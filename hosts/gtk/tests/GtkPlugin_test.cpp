@@ -308,6 +308,40 @@ TEST_F(VORNET_PLUGIN_SUITE, DoesNotAskForTheMenuOfAnEnormousSelection) {
   EXPECT_THAT(fake->menus()[asked], ElementsAre(root + "/other"));
 }
 
+TEST_F(VORNET_PLUGIN_SUITE, ComesToRestWithSeveralWindowsThatEachAskForTheirOwnSelection) {
+  startFake();
+  const auto first = shown("file"), second = shown("other"), third = shown("third");
+  const auto outside = host->file(environment.folder() / "outside");
+  const std::vector<std::vector<FakeFile*>> selections = {
+      {first.get()}, {second.get()}, {}, {third.get(), first.get()}, {outside.get()}};
+  std::vector<std::vector<TestHost::Entry>> menus(selections.size());
+  int updates = -1;
+  const auto askAgain = [&] {
+    if (updates == host->itemsUpdated()) return;
+    updates = host->itemsUpdated();
+    for (std::size_t i = 0; i < selections.size(); ++i) menus[i] = host->menu(selections[i]);
+  };
+  const auto isAnswered = [&](std::size_t i) {
+    return std::ranges::any_of(menus[i], &TestHost::Entry::sensitive);
+  };
+  ASSERT_TRUE(host->waitUntil([&] {
+    askAgain();
+    return isAnswered(0) && isAnswered(1) && isAnswered(3);
+  })) << fake->menus().size();
+  EXPECT_THAT(menus[2], IsEmpty());
+  EXPECT_THAT(menus[4], IsEmpty());
+  // The questions of one more window arrive, and no others.
+  const auto asked = fake->menus().size();
+  const auto last = shown("last");
+  host->menu({last.get()});
+  ASSERT_TRUE(host->waitUntil([&] {
+    askAgain();
+    return std::ranges::count(fake->menus(), std::vector{root + "/last"}) > 0;
+  }));
+  EXPECT_LE(asked, 4u + 4u) << "each selection once, or once more when another came between";
+  EXPECT_LE(fake->menus().size(), asked + 2);
+}
+
 // --- Coming and going -----------------------------------------------------------------------------------------------
 
 TEST_F(VORNET_PLUGIN_SUITE, KeepsTheEmblemsOfAKilledExtensionAndShowsWhatItsSuccessorSays) {
