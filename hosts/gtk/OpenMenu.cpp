@@ -1,0 +1,44 @@
+// Nemo asks for entries when it opens a menu, not when something is selected, and never again for a menu that is open. The
+// answer comes when the menu stands there already, so it is put into that: its items and their actions are GTK's.
+#include "OpenMenu.hpp"
+
+#include <gtk/gtk.h>
+
+#include <memory>
+#include <string>
+
+namespace vornet::gtk {
+namespace {
+
+void refreshItem(GtkWidget* item, const plugin::Menu& menu) {
+  if (!gtk_widget_get_mapped(item) || !g_object_class_find_property(G_OBJECT_GET_CLASS(item), "related-action")) return;
+  GObject* action = nullptr;
+  g_object_get(item, "related-action", &action, nullptr);
+  if (!action) return;
+  gchar* name = nullptr;
+  g_object_get(action, "name", &name, nullptr);
+  for (const auto& entry : menu) {
+    if (name && name == ENTRY_NAME + entry.action) {
+      g_object_set(action, "sensitive", static_cast<gboolean>(entry.enabled), nullptr);
+    }
+  }
+  g_free(name);
+  g_object_unref(action);
+}
+
+void refresh(GtkWidget* widget, gpointer data) {
+  if (GTK_IS_MENU_ITEM(widget)) refreshItem(widget, *static_cast<const plugin::Menu*>(data));
+  if (GTK_IS_CONTAINER(widget)) gtk_container_forall(GTK_CONTAINER(widget), refresh, data);
+}
+
+}  // namespace
+
+void refreshOpenMenu(const plugin::Menu& menu) {
+  const std::unique_ptr<GList, decltype(&g_list_free)> windows(gtk_window_list_toplevels(), g_list_free);
+  for (const GList* window = windows.get(); window; window = window->next) {
+    auto* content = gtk_bin_get_child(GTK_BIN(window->data));
+    if (GTK_IS_MENU(content)) refresh(content, const_cast<plugin::Menu*>(&menu));
+  }
+}
+
+}  // namespace vornet::gtk

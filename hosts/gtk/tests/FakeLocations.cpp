@@ -1,0 +1,109 @@
+// Windows as Nemo and Caja show them to a plug-in: above the items of each tab stands a box for the plug-ins' widgets.
+#include <gtk/gtk.h>
+
+#include <chrono>
+#include <stdexcept>
+#include <thread>
+#include <vector>
+
+#include "FakeTab.hpp"
+#include "support/Environment.hpp"
+#include "support/StartedProgram.hpp"
+
+namespace vornet::test {
+
+using gtk::manager::LocationWidgetProvider;
+
+using namespace std::chrono_literals;
+
+/// A display of the test's own.
+struct FakeWindows::Parts {
+  Parts()
+      : server({VORNET_XVFB, "-displayfd", "1", "-screen", "0", "640x480x24", "-nolisten", "tcp"}, {},
+               folder / "server.output") {
+    const auto until = std::chrono::steady_clock::now() + 30s;
+    std::string number;
+    while (!number.ends_with('\n')) {  // printed once it takes clients
+      if (std::chrono::steady_clock::now() > until) throw std::runtime_error("no display: " + number);
+      std::this_thread::sleep_for(5ms);
+      number = readFile(folder / "server.output");
+    }
+    number.pop_back();
+    display.emplace("DISPLAY", ":" + number);
+  }
+
+  TemporaryFolder folder;
+  StartedProgram server;
+  ScopedVariable backend{"GDK_BACKEND", "x11"};
+  ScopedVariable noAccessibility{"NO_AT_BRIDGE", "1"};
+  ScopedVariable settings{"GSETTINGS_BACKEND", "memory"};
+  std::optional<ScopedVariable> display;
+};
+
+FakeWindows::FakeWindows() : parts_(std::make_unique<Parts>()) {
+  if (!gtk_init_check(nullptr, nullptr)) throw std::runtime_error("the display takes no clients");
+}
+
+FakeWindows::~FakeWindows() {
+  gdk_display_close(gdk_display_get_default());
+}
+
+struct FakeWindow::Parts {
+  LocationWidgetProvider* provider;
+  GtkWidget* window;
+  GtkWidget* boxes;
+  std::vector<GtkWidget*> tabs;
+
+  void fill(GtkWidget* box, const std::string& url) {
+    GtkWidget* widget =
+        VORNET_CALL(location_widget_provider_get_widget)(provider, url.c_str(), window);
+    if (!widget) return;
+    gtk_box_pack_start(GTK_BOX(box), widget, TRUE, TRUE, 0);
+    gtk_widget_show(widget);
+  }
+};
+
+FakeWindow::FakeWindow(FakeWindows&, TestHost& host)
+    : parts_(std::make_unique<Parts>(Parts{reinterpret_cast<LocationWidgetProvider*>(host.provider()),
+                                           gtk_window_new(GTK_WINDOW_TOPLEVEL),
+                                           gtk_box_new(GTK_ORIENTATION_VERTICAL, 0),
+                                           {}})) {
+  gtk_container_add(GTK_CONTAINER(parts_->window), parts_->boxes);
+  gtk_widget_show(parts_->boxes);
+  gtk_widget_show(parts_->window);
+}
+
+FakeWindow::~FakeWindow() {
+  gtk_widget_destroy(parts_->window);
+}
+
+FakeWindow::Tab FakeWindow::open(const std::string& url, bool inFront) {
+  GtkWidget* box = gtk_box_new(GTK_ORIENTATION_VERTICAL, 0);
+  gtk_container_set_border_width(GTK_CONTAINER(box), 6);
+  gtk_container_add(GTK_CONTAINER(parts_->boxes), box);
+  parts_->tabs.push_back(box);
+  parts_->fill(box, url);
+  if (inFront) gtk_widget_show(box);
+  return parts_->tabs.size() - 1;
+}
+
+void FakeWindow::bringToFront(Tab tab) {
+  gtk_widget_show(parts_->tabs[tab]);
+}
+
+void FakeWindow::sendToBack(Tab tab) {
+  gtk_widget_hide(parts_->tabs[tab]);
+}
+
+void FakeWindow::go(Tab tab, const std::string& url) {
+  GList* children = gtk_container_get_children(GTK_CONTAINER(parts_->tabs[tab]));
+  for (const GList* child = children; child; child = child->next) gtk_widget_destroy(GTK_WIDGET(child->data));
+  g_list_free(children);
+  parts_->fill(parts_->tabs[tab], url);
+}
+
+void FakeWindow::close(Tab tab) {
+  gtk_widget_destroy(parts_->tabs[tab]);
+}
+
+}  // namespace vornet::test

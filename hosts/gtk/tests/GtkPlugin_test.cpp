@@ -1,0 +1,427 @@
+// The built plug-in as the file manager loads it, on a real message bus: emblems and menus. Compiled for each file manager.
+#include <gmock/gmock.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <optional>
+
+#include "FakeExtension.hpp"
+#include "TestHost.hpp"
+#include "kelvane-sim/KelvaneSim.hpp"
+#include "support/BusClient.hpp"
+#include "support/CapturedOutput.hpp"
+#include "support/Environment.hpp"
+#include "support/PrivateBus.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::Each;
+using testing::ElementsAre;
+using testing::Field;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::SizeIs;
+using vornet::gtk::manager::COMPLETE;
+using vornet::sim::KelvaneSim;
+using vornet::test::BusClient;
+using vornet::test::CapturedOutput;
+using vornet::test::Environment;
+using vornet::test::FakeExtension;
+using vornet::test::FakeFile;
+using vornet::test::PrivateBus;
+using vornet::test::readFile;
+using vornet::test::ScopedVariable;
+using vornet::test::TestHost;
+using vornet::test::writeFile;
+
+namespace fs = std::filesystem;
+
+constexpr auto PATIENCE = 30s;
+constexpr const char* SYNCED = "emblem-vornet-synced";
+constexpr const char* PENDING = "emblem-vornet-pending";
+constexpr const char* SKIPPED = "emblem-vornet-skipped";
+
+// VORNET_PLUGIN_SUITE: the suite's name, with the file manager's in it.
+class VORNET_PLUGIN_SUITE : public testing::Test {
+ protected:
+  VORNET_PLUGIN_SUITE() {
+    fs::create_directories(root + "/folder");
+    for (const char* name : {"/file", "/other", "/third"}) writeFile(root + name, "content");
+  }
+  ~VORNET_PLUGIN_SUITE() override {
+    host.reset();
+    fake.reset();
+    if (!bus) return;
+    const int process = BusClient(bus->address()).extensionProcess();
+    if (process) ::kill(process, SIGCONT);
+    bus->stop();
+    vornet::test::waitForEnd(process);
+    EXPECT_THAT(readFile(bus->output()), Not(HasSubstr("Sanitizer"))) << "in the extension's process";
+  }
+
+  /// A bus that starts the real extension, or none.
+  void startBus(bool withExtension) {
+    const auto folder = environment.folder().path() / "bus";
+    const auto none = environment.folder().path() / "no-services";
+    fs::create_directories(none);
+    if (withExtension) {
+      bus.emplace(folder);
+    } else {
+      bus.emplace(folder, none);
+    }
+    address.emplace("DBUS_SESSION_BUS_ADDRESS", bus->address());
+    host.emplace();
+  }
+  /// The real extension, and the stand-in sync application with everything synced.
+  void startReal() {
+    application.emplace(KelvaneSim::Options{.root = root,
+                                            .container = environment.container().string(),
+                                            .state = environment.folder() / "state",
+                                            .transferTime = 0ms});
+    application->start();
+    ASSERT_TRUE(application->waitUntilIdle(PATIENCE));
+    startBus(true);
+  }
+  void startFake() {
+    startBus(false);
+    fake.emplace(bus->address(), root);
+  }
+
+  std::unique_ptr<FakeFile> shown(const std::string& name) { return host->watchedFile(root + "/" + name); }
+  /// Whether the file gets this emblem, and no other; "" for none.
+  bool becomes(const FakeFile& file, const std::string& emblem) {
+    std::vector<std::string> wanted;
+    if (!emblem.empty()) wanted.push_back(emblem);
+    return host->waitUntil([&] { return file.questions() > 0 && file.emblems() == wanted; });
+  }
+  /// The menu of `files` once the extension has answered.
+  std::vector<TestHost::Entry> answeredMenu(const std::vector<FakeFile*>& files) {
+    std::vector<TestHost::Entry> entries;
+    host->waitUntil([&] {
+      entries = host->menu(files);
+      return std::ranges::any_of(entries, &TestHost::Entry::sensitive);
+    });
+    return entries;
+  }
+
+  Environment environment;
+  const std::string root = environment.folder() / "root";
+  std::optional<KelvaneSim> application;
+  std::optional<PrivateBus> bus;
+  std::optional<ScopedVariable> address;
+  std::optional<TestHost> host;
+  std::optional<FakeExtension> fake;
+};
+
+// --- Emblems --------------------------------------------------------------------------------------------------------
+
+TEST_F(VORNET_PLUGIN_SUITE, ShowsTheEmblemsOfAllThreeKindsByItself) {
+  writeFile(root + "/lock.tmp", "");
+  startReal();
+  application->setStatus("/other", 1);
+  const auto synced = shown("file"), pending = shown("other"), skipped = shown("lock.tmp"), folder = shown("folder");
+  EXPECT_TRUE(becomes(*synced, SYNCED));
+  EXPECT_TRUE(becomes(*pending, PENDING));
+  EXPECT_TRUE(becomes(*skipped, SKIPPED));
+  EXPECT_TRUE(becomes(*folder, SYNCED));
+}
+
+TEST_F(VORNET_PLUGIN_SUITE, ShowsAChangeByItself) {
+  startReal();
+  const auto file = shown("file");
+  ASSERT_TRUE(becomes(*file, SYNCED));
+  application->setStatus("/file", 1);
+  EXPECT_TRUE(becomes(*file, PENDING));
+  application->clearStatus("/file");
+  EXPECT_TRUE(becomes(*file, SYNCED));
+}
+
+TEST_F(VORNET_PLUGIN_SUITE, RemovesTheEmblemOfAnEmptiedIdentifier) {
+  startFake();
+  fake->setBadge(root + "/file", "SYNCED");
+  const auto file = shown("file");
+  ASSERT_TRUE(becomes(*file, SYNCED));
+  fake->setBadge(root + "/file", "");
+  EXPECT_TRUE(becomes(*file, ""));
+  EXPECT_EQ(file->questions(), 3) << "at first, with the badge, and without";
+}
+
+TEST_F(VORNET_PLUGIN_SUITE, ShowsNothingOutsideTheSyncedFolder) {
+  const std::string outside = environment.folder() / "outside", sibling = root + "2/file";
+  writeFile(outside, "");
+  writeFile(sibling, "");
+  startReal();
+  std::vector<std::unique_ptr<FakeFile>> others;
+  for (const auto& file : {outside, sibling, std::string("/"), std::string("trash:///file"),
+                           std::string("sftp://host") + root + "/file", std::string("recent:///1234"),
+                           std::string("file://host") + root + "/file", std::string("file:///%00"), std::string("file:"),
+                           std::string()}) {
+    others.push_back(file.starts_with("/") ? host->watchedFile(file) : host->file(file));
+    others.back()->watch();
+  }
+  const auto inside = shown("file");
+  ASSERT_TRUE(becomes(*inside, SYNCED));
+  for (const auto& other : others) EXPECT_TRUE(becomes(*other, ""));
+}
+
+TEST_F(VORNET_PLUGIN_SUITE, ShowsTheEmblemsOfOddNames) {
+  startFake();
+  std::string deep = "folder";
+  while (deep.size() < 3000) deep += "/" + std::string(200, 'd');
+  const std::vector<std::string> names = {"with space",
+                                          "with:colon",
+                                          "100%",
+                                          "a#b?c",
+                                          "%41",
+                                          "new\nline",
+                                          "tab\tand\x01 control",
+                                          "quote\"s'",
+                                          "back\\slash",
+                                          "-dash",
+                                          "smile \xF0\x9F\x98\x80",
+                                          "caf\xC3\xA9",
+                                          "cafe\xCC\x81",
+                                          std::string(255, 'x'),
+                                          deep};
+  std::vector<std::unique_ptr<FakeFile>> files;
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    fake->setBadge(root + "/" + names[i], i % 2 ? "PENDING" : "SYNCED");
+    files.push_back(shown(names[i]));
+  }
+  const auto bytes = shown("caf\xE9");
+  for (std::size_t i = 0; i < names.size(); ++i) EXPECT_TRUE(becomes(*files[i], i % 2 ? PENDING : SYNCED)) << names[i];
+  EXPECT_TRUE(becomes(*bytes, ""));
+  EXPECT_THAT(fake->asked(), Not(testing::Contains(root + "/caf\xE9"))) << "it never has a badge";
+}
+
+TEST_F(VORNET_PLUGIN_SUITE, AsksForAFileThroughALinkByTheLinksPath) {
+  startFake();
+  fs::create_directory_symlink("folder", root + "/link");
+  fake->setBadge(root + "/link/inside", "SYNCED");
+  const auto file = shown("link/inside");
+  EXPECT_TRUE(becomes(*file, SYNCED));
+}
+
+TEST_F(VORNET_PLUGIN_SUITE, KeepsNoFileAliveAndForgetsThoseThatAreGone) {
+  startFake();
+  fake->setBadge(root + "/file", "SYNCED");
+  fake->setBadge(root + "/other", "SYNCED");
+  const auto file = shown("file");
+  auto other = shown("other");
+  ASSERT_TRUE(becomes(*file, SYNCED));
+  ASSERT_TRUE(becomes(*other, SYNCED));
+  EXPECT_EQ(file->otherReferences(), 0u);
+  EXPECT_EQ(other->otherReferences(), 0u);
+  other.reset();
+  fake->setBadge(root + "/other", "PENDING");
+  fake->setBadge(root + "/file", "PENDING");
+  EXPECT_TRUE(becomes(*file, PENDING)) << "told after the one that is gone";
+}
+
+// --- The menu -------------------------------------------------------------------------------------------------------
+
+TEST_F(VORNET_PLUGIN_SUITE, GreysTheEntriesUntilTheExtensionHasAnsweredAndSaysWhenItHas) {
+  startFake();
+  fake->holdMenus();
+  const auto file = shown("file");
+  ASSERT_TRUE(host->waitUntil([&] { return host->menu({file.get()}).size() == 5; })) << "the synced folder is known";
+  ASSERT_TRUE(host->waitUntil([&] { return !fake->menus().empty(); }));
+  EXPECT_THAT(host->menu({file.get()}), Each(Field(&TestHost::Entry::sensitive, false)));
+  const int updates = host->itemsUpdated();
+  fake->answerMenus();
+  ASSERT_TRUE(host->waitUntil([&] { return host->itemsUpdated() > updates; }));
+  const auto entries = host->menu({file.get()});
+  ASSERT_THAT(entries, SizeIs(5));
+  std::vector<std::string> labels, names;
+  for (const auto& entry : entries) {
+    labels.push_back(entry.label + (entry.sensitive ? "" : " (greyed)"));
+    names.push_back(entry.name);
+    EXPECT_EQ(entry.icon, "vornet-vi");
+  }
+  EXPECT_THAT(labels, ElementsAre("Share", "Copy Link", "Comments", "View versions (greyed)", "View in Cloud"));
+  std::ranges::sort(names);
+  EXPECT_EQ(std::ranges::adjacent_find(names), names.end()) << "each is found by its name";
+}
+
+TEST_F(VORNET_PLUGIN_SUITE, PerformsAChoiceOnExactlyTheSelectionThatItWasShownFor) {
+  startReal();
+  const auto file = shown("file"), other = shown("other"), third = shown("third");
+  const auto entries = answeredMenu({file.get(), other.get()});
+  ASSERT_THAT(entries, SizeIs(5));
+  ASSERT_THAT(host->menu({third.get()}), SizeIs(5)) << "selected since";
+  entries[1].activate();
+  ASSERT_TRUE(host->waitUntil([&] { return application->waitForActions(1, 0ms); }));
+  EXPECT_THAT(application->actions()[0].paths, ElementsAre("/file", "/other"));
+  EXPECT_EQ(application->actions().size(), 1u);
+}
+
+TEST_F(VORNET_PLUGIN_SUITE, PerformsAChoiceOfAMenuWhoseFilesAreGone) {
+  startFake();
+  auto file = shown("with space#");
+  const auto entries = answeredMenu({file.get()});
+  ASSERT_THAT(entries, SizeIs(5));
+  file.reset();
+  entries[0].activate();
+  entries[4].activate();
+  ASSERT_TRUE(host->waitUntil([&] { return fake->performed().size() == 2; }));
+  EXPECT_THAT(fake->performed(),
+              testing::UnorderedElementsAre(FakeExtension::Performed{"share:", {root + "/with space#"}},
+                                            FakeExtension::Performed{"viewInCloud:", {root + "/with space#"}}));
+}
+
+TEST_F(VORNET_PLUGIN_SUITE, HasNoEntriesForNothingForABackgroundAndOutsideTheSyncedFolder) {
+  startFake();
+  const auto file = shown("file"), folder = shown("folder");
+  ASSERT_THAT(answeredMenu({file.get()}), SizeIs(5));
+  const auto outside = host->file(environment.folder() / "outside"), trash = host->file("trash:///file");
+  EXPECT_THAT(host->menu({}), IsEmpty());
+  EXPECT_THAT(host->backgroundMenu(*folder), IsEmpty());
+  EXPECT_THAT(host->menu({outside.get()}), IsEmpty());
+  EXPECT_THAT(host->menu({file.get(), outside.get()}), IsEmpty());
+  EXPECT_THAT(host->menu({file.get(), trash.get()}), IsEmpty());
+  EXPECT_THAT(host->menu({trash.get(), file.get()}), IsEmpty());
+  EXPECT_THAT(host->menu({file.get(), folder.get()}), SizeIs(5));
+}
+
+TEST_F(VORNET_PLUGIN_SUITE, DoesNotAskForTheMenuOfAnEnormousSelection) {
+  startFake();
+  const auto file = shown("file");
+  ASSERT_THAT(answeredMenu({file.get()}), SizeIs(5));
+  std::vector<std::unique_ptr<FakeFile>> files;
+  std::vector<FakeFile*> selection;
+  for (int i = 0; i < 1001; ++i) {
+    files.push_back(host->file(root + "/" + std::to_string(i)));
+    selection.push_back(files.back().get());
+  }
+  const auto asked = fake->menus().size();
+  const auto entries = host->menu(selection);
+  ASSERT_THAT(entries, SizeIs(5));
+  EXPECT_THAT(entries, Each(Field(&TestHost::Entry::sensitive, false)));
+  // Another one's question is the next to arrive.
+  const auto other = shown("other");
+  host->menu({other.get()});
+  ASSERT_TRUE(host->waitUntil([&] { return fake->menus().size() > asked; }));
+  EXPECT_THAT(fake->menus()[asked], ElementsAre(root + "/other"));
+}
+
+TEST_F(VORNET_PLUGIN_SUITE, ComesToRestWithSeveralWindowsThatEachAskForTheirOwnSelection) {
+  startFake();
+  const auto first = shown("file"), second = shown("other"), third = shown("third");
+  const auto outside = host->file(environment.folder() / "outside");
+  const std::vector<std::vector<FakeFile*>> selections = {
+      {first.get()}, {second.get()}, {}, {third.get(), first.get()}, {outside.get()}};
+  std::vector<std::vector<TestHost::Entry>> menus(selections.size());
+  int updates = -1;
+  const auto askAgain = [&] {
+    if (updates == host->itemsUpdated()) return;
+    updates = host->itemsUpdated();
+    for (std::size_t i = 0; i < selections.size(); ++i) menus[i] = host->menu(selections[i]);
+  };
+  const auto isAnswered = [&](std::size_t i) {
+    return std::ranges::any_of(menus[i], &TestHost::Entry::sensitive);
+  };
+  ASSERT_TRUE(host->waitUntil([&] {
+    askAgain();
+    return isAnswered(0) && isAnswered(1) && isAnswered(3);
+  })) << fake->menus().size();
+  EXPECT_THAT(menus[2], IsEmpty());
+  EXPECT_THAT(menus[4], IsEmpty());
+  // The questions of one more window arrive, and no others.
+  const auto asked = fake->menus().size();
+  const auto last = shown("last");
+  host->menu({last.get()});
+  ASSERT_TRUE(host->waitUntil([&] {
+    askAgain();
+    return std::ranges::count(fake->menus(), std::vector{root + "/last"}) > 0;
+  }));
+  EXPECT_LE(asked, 4u + 4u) << "each selection once, or once more when another came between";
+  EXPECT_LE(fake->menus().size(), asked + 2);
+}
+
+// --- Coming and going -----------------------------------------------------------------------------------------------
+
+TEST_F(VORNET_PLUGIN_SUITE, KeepsTheEmblemsOfAKilledExtensionAndShowsWhatItsSuccessorSays) {
+  startReal();
+  const auto file = shown("file"), other = shown("other");
+  ASSERT_TRUE(becomes(*file, SYNCED));
+  ASSERT_TRUE(becomes(*other, SYNCED));
+  BusClient client(bus->address());
+  const int process = client.extensionProcess();
+  ASSERT_GT(process, 0);
+  const int questions = other->questions();
+  ::kill(process, SIGKILL);
+  ASSERT_TRUE(vornet::test::waitForEnd(process));
+  application->setStatus("/file", 1);
+  EXPECT_TRUE(becomes(*file, PENDING));
+  EXPECT_NE(client.extensionProcess(), process);
+  EXPECT_THAT(other->emblems(), ElementsAre(SYNCED));
+  EXPECT_EQ(other->questions(), questions) << "its emblem was never taken away";
+}
+
+TEST_F(VORNET_PLUGIN_SUITE, IsSilentWhereTheExtensionIsNotInstalled) {
+  startBus(false);
+  CapturedOutput said(STDERR_FILENO);
+  std::vector<std::unique_ptr<FakeFile>> files;
+  for (int i = 0; i < 100; ++i) files.push_back(shown(std::to_string(i)));
+  for (int round = 0; round < 3; ++round) {
+    ASSERT_TRUE(host->waitUntil([&] {
+      return std::ranges::all_of(files, [&](const auto& file) { return file->questions() > round; });
+    }));
+    for (const auto& file : files) {
+      EXPECT_THAT(file->emblems(), IsEmpty());
+      file->ask();
+    }
+    EXPECT_THAT(host->menu({files[0].get()}), IsEmpty());
+  }
+  // Installed at last, it is found without another question: by then the bus has answered all earlier ones.
+  fake.emplace(bus->address(), root);
+  fake->setBadge(root + "/0", "SYNCED");
+  EXPECT_TRUE(becomes(*files[0], SYNCED));
+  const auto lines = said.finish();
+  EXPECT_LE(std::ranges::count(lines, '\n'), 1) << lines;
+}
+
+TEST_F(VORNET_PLUGIN_SUITE, AnswersTenThousandQuestionsWithoutWaitingForAFrozenExtension) {
+  constexpr int COUNT = 10'000;
+  const auto timeOf = [&](const std::string& folder) {
+    std::vector<std::unique_ptr<FakeFile>> files;
+    for (int i = 0; i < COUNT; ++i) files.push_back(host->file(folder + "/" + std::to_string(i)));
+    const auto begin = std::chrono::steady_clock::now();
+    for (const auto& file : files) EXPECT_EQ(file->ask(), COMPLETE);
+    const auto time = std::chrono::steady_clock::now() - begin;
+    EXPECT_THAT(files.back()->emblems(), IsEmpty());
+    return std::chrono::duration<double, std::milli>(time).count();
+  };
+  startReal();
+  const auto file = shown("file");
+  ASSERT_TRUE(becomes(*file, SYNCED));
+  const double outside = timeOf(environment.folder() / "outside");
+  const int process = BusClient(bus->address()).extensionProcess();
+  ::kill(process, SIGSTOP);
+  const double frozen = timeOf(root + "/folder");
+  EXPECT_THAT(host->menu({file.get()}), SizeIs(5));
+  RecordProperty("outside", std::to_string(outside));
+  RecordProperty("frozen", std::to_string(frozen));
+  // The one does next to nothing for each question, the other keeps the item; neither waits.
+  EXPECT_LT(frozen, 50 * outside + 50);
+  ::kill(process, SIGCONT);
+}
+
+TEST_F(VORNET_PLUGIN_SUITE, LeavesTheBusWhenItIsUnloaded) {
+  startFake();
+  fake->setBadge(root + "/file", "SYNCED");
+  const auto file = shown("file");
+  ASSERT_TRUE(becomes(*file, SYNCED));
+  const auto entries = answeredMenu({file.get()});
+  ASSERT_TRUE(fake->clientIsConnected());
+  host->unload();
+  EXPECT_TRUE(host->waitUntil([&] { return !fake->clientIsConnected(); }));
+  entries[0].activate();  // a menu that is open still
+  EXPECT_EQ(file->otherReferences(), 0u);
+}
+
+}  // namespace

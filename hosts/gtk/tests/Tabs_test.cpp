@@ -1,0 +1,254 @@
+// The built plug-in beside windows and tabs: which folders it has observed, and what it shows in those that the user
+// comes back to. Compiled for each file manager.
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <optional>
+
+#include "FakeExtension.hpp"
+#include "FakeTab.hpp"
+#include "TestHost.hpp"
+#include "support/Environment.hpp"
+#include "support/PrivateBus.hpp"
+
+namespace {
+
+using testing::ElementsAre;
+using vornet::test::Environment;
+using vornet::test::FakeExtension;
+using vornet::test::FakeFile;
+using vornet::test::FakeWindow;
+using vornet::test::FakeWindows;
+using vornet::test::PrivateBus;
+using vornet::test::ScopedVariable;
+using vornet::test::TestHost;
+
+namespace fs = std::filesystem;
+
+constexpr const char* SYNCED = "emblem-vornet-synced";
+constexpr const char* PENDING = "emblem-vornet-pending";
+
+// VORNET_TABS_SUITE: the suite's name, with the file manager's in it.
+class VORNET_TABS_SUITE : public testing::Test {
+ protected:
+  VORNET_TABS_SUITE() {
+    fs::create_directories(environment.folder().path() / "no-services");
+    bus.emplace(environment.folder().path() / "bus", environment.folder().path() / "no-services");
+    address.emplace("DBUS_SESSION_BUS_ADDRESS", bus->address());
+    windows.emplace();
+    host.emplace();
+    fake.emplace(bus->address(), root);
+    window.emplace(*windows, *host);
+  }
+
+  std::string url(const std::string& name = "") const { return "file://" + root + (name.empty() ? "" : "/" + name); }
+
+  /// Whether these are the folders that get observed, with the times.
+  bool observes(const std::map<std::string, int>& folders) {
+    return host->waitUntil([&] { return fake->observed() == folders; });
+  }
+  /// How often a folder's observation began, or ended.
+  std::ptrdiff_t count(const std::string& call) const { return std::ranges::count(fake->observations(), call); }
+
+  bool becomes(const FakeFile& file, const std::vector<std::string>& emblems) {
+    return host->waitUntil([&] { return file.questions() > 0 && file.emblems() == emblems; });
+  }
+  /// The file named so in a folder that is on screen, with the emblem SYNCED.
+  std::unique_ptr<FakeFile> syncedFile(const std::string& name) {
+    fake->setBadge(root + "/" + name, "SYNCED");
+    auto file = host->watchedFile(root + "/" + name);
+    EXPECT_TRUE(becomes(*file, {SYNCED}));
+    return file;
+  }
+
+  Environment environment;
+  const std::string root = environment.folder() / "root";
+  std::optional<PrivateBus> bus;
+  std::optional<ScopedVariable> address;
+  std::optional<FakeWindows> windows;
+  std::optional<TestHost> host;
+  std::optional<FakeExtension> fake;
+  std::optional<FakeWindow> window;
+};
+
+// --- On screen ------------------------------------------------------------------------------------------------------
+
+TEST_F(VORNET_TABS_SUITE, ObservesTheFolderThatATabShowsAndNoOther) {
+  const auto tab = window->open(url());
+  EXPECT_TRUE(observes({{root, 1}}));
+  window->go(tab, url("folder"));
+  EXPECT_TRUE(observes({{root + "/folder", 1}}));
+  window->go(tab, url());
+  EXPECT_TRUE(observes({{root, 1}}));
+  window->close(tab);
+  EXPECT_TRUE(observes({}));
+  EXPECT_EQ(count("begin " + root), 2);
+  EXPECT_EQ(count("end " + root), 2);
+  EXPECT_EQ(count("begin " + root + "/folder"), 1);
+  EXPECT_EQ(count("end " + root + "/folder"), 1);
+}
+
+TEST_F(VORNET_TABS_SUITE, ObservesOnlyTheTabInFront) {
+  const auto back = window->open(url("back"));
+  ASSERT_TRUE(observes({{root + "/back", 1}}));
+  window->sendToBack(back);
+  const auto front = window->open(url("front"));
+  EXPECT_TRUE(observes({{root + "/front", 1}}));
+  window->sendToBack(front);
+  window->bringToFront(back);
+  EXPECT_TRUE(observes({{root + "/back", 1}}));
+  window->close(front);
+  window->go(back, url("third"));
+  EXPECT_TRUE(observes({{root + "/third", 1}}));
+  EXPECT_EQ(count("end " + root + "/front"), 1);
+}
+
+TEST_F(VORNET_TABS_SUITE, NeverObservesATabOpenedInTheBackground) {
+  window->open(url("back"), false);
+  window->open(url("front"));
+  EXPECT_TRUE(observes({{root + "/front", 1}}));
+  EXPECT_EQ(count("begin " + root + "/back"), 0);
+}
+
+TEST_F(VORNET_TABS_SUITE, CountsTwoWindowsOnOneFolderTwice) {
+  std::optional<FakeWindow> second;
+  second.emplace(*windows, *host);
+  window->open(url());
+  second->open(url());
+  EXPECT_TRUE(observes({{root, 2}}));
+  second.reset();
+  EXPECT_TRUE(observes({{root, 1}}));
+  window.reset();
+  EXPECT_TRUE(observes({}));
+  EXPECT_EQ(count("end " + root), 2);
+}
+
+TEST_F(VORNET_TABS_SUITE, AClosedWindowTakesAllItsTabsAndPanesAlong) {
+  window->open(url("left"));
+  window->open(url("right"));
+  const auto back = window->open(url("back"));
+  window->sendToBack(back);
+  ASSERT_TRUE(observes({{root + "/left", 1}, {root + "/right", 1}}));
+  window.reset();
+  EXPECT_TRUE(observes({}));
+  for (const char* name : {"/left", "/right", "/back"}) {
+    EXPECT_EQ(count("begin " + root + name), count("end " + root + name)) << name;
+  }
+}
+
+TEST_F(VORNET_TABS_SUITE, ObservesNothingThatIsNoLocalFolder) {
+  std::vector<FakeWindow::Tab> tabs;
+  for (const char* other : {"trash:///", "sftp://host/root", "recent:///", "file://host/root", "search:///?q", "file:///%00"}) {
+    tabs.push_back(window->open(other));
+  }
+  window->open(url("with%20space%23"));
+  EXPECT_TRUE(observes({{root + "/with space#", 1}}));
+  window->go(tabs[0], url());
+  EXPECT_TRUE(observes({{root + "/with space#", 1}, {root, 1}}));
+  window->go(tabs[0], "trash:///");
+  EXPECT_TRUE(observes({{root + "/with space#", 1}}));
+}
+
+TEST_F(VORNET_TABS_SUITE, LeavesTheWindowsAloneOnceItIsUnloaded) {
+  const auto tab = window->open(url());
+  ASSERT_TRUE(observes({{root, 1}}));
+  const auto file = syncedFile("file");
+  host->unload();
+  ASSERT_TRUE(host->waitUntil([&] { return !fake->clientIsConnected(); }));
+  window->sendToBack(tab);
+  window->bringToFront(tab);
+  window->close(tab);
+  window.reset();
+  EXPECT_EQ(fake->observations().size(), 1u);
+}
+
+// --- Coming back ----------------------------------------------------------------------------------------------------
+
+TEST_F(VORNET_TABS_SUITE, AFolderThatTheUserComesBackToLaterIsAskedForAnew) {
+  const auto tab = window->open(url());
+  const auto file = syncedFile("file");
+  window->go(tab, url("folder"));
+  file->unwatch();
+  ASSERT_TRUE(observes({{root + "/folder", 1}}));
+  fake->setBadge(root + "/file", "PENDING");
+  ASSERT_TRUE(host->waitUntil([&] { return !file->isValid(); })) << "the file manager is to ask when it comes back";
+  window->go(tab, url());
+  file->watch();
+  EXPECT_TRUE(becomes(*file, {PENDING}));
+}
+
+TEST_F(VORNET_TABS_SUITE, AFolderThatTheUserComesBackToAtOnceIsShownAsItIsNow) {
+  const auto tab = window->open(url());
+  const auto file = syncedFile("file");
+  window->go(tab, url("folder"));
+  ASSERT_TRUE(observes({{root + "/folder", 1}}));
+  fake->setBadge(root + "/file", "PENDING");
+  window->go(tab, url());
+  EXPECT_TRUE(becomes(*file, {PENDING}));
+  fake->setBadge(root + "/file", "SYNCED");
+  EXPECT_TRUE(becomes(*file, {SYNCED})) << "and changes arrive again";
+}
+
+TEST_F(VORNET_TABS_SUITE, ATabInTheBackgroundKeepsItsEmblemsAndTakesNoQuestionToTheExtension) {
+  const auto tab = window->open(url());
+  const auto file = syncedFile("file");
+  window->sendToBack(tab);
+  const auto front = window->open(url("folder"));
+  ASSERT_TRUE(observes({{root + "/folder", 1}}));
+  fake->setBadge(root + "/file", "PENDING");
+  const auto asked = fake->asked().size();
+  file->ask();  // it changed on the disk
+  EXPECT_THAT(file->emblems(), ElementsAre(SYNCED));
+  const auto other = syncedFile("folder/other");
+  ASSERT_TRUE(host->waitUntil([&] { return fake->asked().size() > asked; })) << "a question would have come before";
+  window->go(front, url("third"));
+  ASSERT_TRUE(observes({{root + "/third", 1}}));
+  EXPECT_THAT(std::vector(fake->asked().begin() + static_cast<std::ptrdiff_t>(asked), fake->asked().end()),
+              ElementsAre(root + "/folder/other"));
+  EXPECT_EQ(count("begin " + root), 1);
+}
+
+TEST_F(VORNET_TABS_SUITE, ATabThatComesToTheFrontShowsWhatHasChangedAndNeverLosesAnEmblemMeanwhile) {
+  const auto tab = window->open(url());
+  const auto changed = syncedFile("changed"), same = syncedFile("same");
+  window->sendToBack(tab);
+  ASSERT_TRUE(observes({}));
+  fake->setBadge(root + "/changed", "PENDING");
+  bool lost = false;
+  window->bringToFront(tab);
+  ASSERT_TRUE(host->waitUntil([&] {
+    lost = lost || changed->emblems().empty() || same->emblems().empty();
+    return changed->emblems() == std::vector<std::string>{PENDING};
+  }));
+  EXPECT_FALSE(lost);
+  EXPECT_THAT(same->emblems(), ElementsAre(SYNCED));
+}
+
+TEST_F(VORNET_TABS_SUITE, ATabThatComesToTheFrontLosesTheEmblemsThatAreNoMore) {
+  const auto tab = window->open(url());
+  const auto file = syncedFile("file");
+  window->sendToBack(tab);
+  ASSERT_TRUE(observes({}));
+  fake->setBadge(root + "/file", "");
+  window->bringToFront(tab);
+  EXPECT_TRUE(becomes(*file, {}));
+}
+
+TEST_F(VORNET_TABS_SUITE, FilesThatAreGoneWhenTheUserComesBackAreForgotten) {
+  const auto tab = window->open(url());
+  auto gone = syncedFile("gone");
+  const auto file = syncedFile("file");
+  EXPECT_EQ(gone->otherReferences(), 0u);
+  window->sendToBack(tab);
+  ASSERT_TRUE(observes({}));
+  gone.reset();
+  fake->setBadge(root + "/file", "PENDING");
+  const auto asked = fake->asked().size();
+  window->bringToFront(tab);
+  EXPECT_TRUE(becomes(*file, {PENDING}));
+  EXPECT_THAT(std::vector(fake->asked().begin() + static_cast<std::ptrdiff_t>(asked), fake->asked().end()),
+              ElementsAre(root + "/file"));
+}
+
+}  // namespace
