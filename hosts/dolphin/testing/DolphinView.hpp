@@ -9,8 +9,8 @@
 
 #include <map>
 
-/// A view as Dolphin 22.12 has it, as far as the plug-ins see it: the class's name, its signals, a directory lister among
-/// its children; asks for the emblems of what it lists, once, and again for an item that overlaysChanged names.
+/// A view as Dolphin 22.12 has it, as far as the plug-ins see it: the class's name, its signals, a directory lister
+/// among its children; asks for the emblems of what it lists, once, and again for an item that overlaysChanged names.
 class DolphinView : public QWidget {
   Q_OBJECT
  public:
