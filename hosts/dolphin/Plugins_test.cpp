@@ -393,6 +393,23 @@ TEST_F(Plugins, WhatChangedWhileAViewWasHiddenIsToldWhenItIsShownAgain) {
   EXPECT_TRUE(waitForEmblem(*view, "other", ""));
 }
 
+TEST_F(Plugins, AViewWithoutADirectoryListerIsFollowedByItsSignals) {
+  start();
+  const auto view = newView();
+  view->loseLister();
+  view->open(QUrl());
+  view->show();
+  Host::settle();
+  view->open(url("folder"));
+  ASSERT_TRUE(waitForEntered("folder"));
+  host->overlays()->getOverlays(url("folder/inside"));
+  EXPECT_TRUE(Host::waitUntil([&] { return !host->overlays()->getOverlays(url("folder/inside")).isEmpty(); }));
+  view->open(url(""));
+  ASSERT_TRUE(waitForLeft("folder"));
+  view->open(QUrl(QStringLiteral("trash:/")));
+  ASSERT_TRUE(waitForLeft(""));
+}
+
 TEST_F(Plugins, ItemsOfAFolderThatNoViewShowsHaveEmblemsToo) {
   start();
   KDirLister lister;  // of a program that has no view of Dolphin's

@@ -17,6 +17,9 @@ class DolphinView : public QWidget {
   explicit DolphinView(KOverlayIconPlugin* overlays, QWidget* parent = nullptr);
   ~DolphinView() override;
 
+  /// From now on it is a view that works in another way: nothing in it can be found but its signals.
+  void loseLister();
+
   void open(const QUrl& folder);
   void openBranch(const QUrl& folder);
   void closeBranch(const QUrl& folder);
