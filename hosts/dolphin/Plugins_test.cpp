@@ -489,8 +489,16 @@ TEST_F(Plugins, AnAnswerToAnOlderSelectionIsDropped) {
     return seen.back() == ALL;
   }));
   EXPECT_THAT(seen, Not(testing::Contains(FOLDERS)));
+
+  // A menu that is still there does not make its own selection the user's again.
+  application->clearRequests();
   view->select({url("folder")});
-  ASSERT_TRUE(Host::waitUntil([&] { return shown(entriesFor(*actions, {url("folder")}, view.get())) == FOLDERS; }));
+  ASSERT_TRUE(Host::waitUntil([&] { return menuRequests() == 1; }));
+  bool later = false;
+  QTimer::singleShot(300, view.get(), [&] { later = true; });
+  ASSERT_TRUE(Host::waitUntil([&] { return later; }));
+  EXPECT_EQ(menuRequests(), 1u);
+  EXPECT_EQ(shown(entries), ALL);
 }
 
 TEST_F(Plugins, OnlyItemsOfTheSyncedFolderHaveEntries) {
