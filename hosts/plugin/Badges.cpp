@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "Paths.hpp"
+#include "Trace.hpp"
 
 namespace vornet::plugin {
 namespace {
@@ -20,6 +21,9 @@ constexpr auto GATHERING = 5ms;
 // After the extension was too busy.
 constexpr auto RETRY = 1s;
 
+// The bus's own word for it.
+constexpr const char* TOO_MANY_CALLS = "org.freedesktop.DBus.Error.LimitsExceeded";
+
 // Items dealt with between two looks at the clock.
 constexpr std::size_t STEP = 16;
 
@@ -32,7 +36,7 @@ struct Badges::Batch {
 };
 
 Badges::Badges(GMainContext* context, ExtensionLink& link, FoldersOnScreen& folders)
-    : link_(link), folders_(folders), work_(context), gathering_(context), retry_(context) {}
+    : link_(link), folders_(folders), questions_(context), work_(context), gathering_(context), retry_(context) {}
 
 const std::string& Badges::badge(Folder& folder, std::string_view name, std::unique_ptr<ShownItem> item) {
   const auto [found, isNew] = folder.entries.try_emplace(std::string(name));
@@ -41,6 +45,7 @@ const std::string& Badges::badge(Folder& folder, std::string_view name, std::uni
   if (isNew) {
     entry.waiting = true;
     folder.waiting.push_back(found->first);
+    folder.lastNew = g_get_monotonic_time();
     if (folder.observed) askSoon();
   }
   return entry.identifier;
@@ -53,10 +58,7 @@ void Badges::adjust(Folder& folder) {
   const int wanted = !possible ? 0 : folder.shown > 0 ? folder.shown : folder.inferred ? 1 : 0;
   while (folder.begun < wanted && !folder.refused) begin(folder);
   for (; folder.begun > wanted; --folder.begun) {
-    if (link_.isReady()) {
-      link_.call("EndObserving", g_variant_new("(s)", urlOfPath(folder.path).c_str()),
-                 [](GVariant*, const std::string&) {});
-    }
+    if (link_.isReady()) link_.send("EndObserving", g_variant_new("(s)", urlOfPath(folder.path).c_str()));
   }
   if (folder.begun == 0) folder.observed = false;
 }
@@ -71,7 +73,7 @@ void Badges::begin(Folder& folder) {
       askSoon();  // only now: of what was answered before, a change might not be told
     } else {
       --current->begun;
-      if (error == "Busy") {
+      if (error == "Busy" || error == TOO_MANY_CALLS) {
         beginAgainLater();
       } else {
         current->refused = true;
@@ -109,11 +111,22 @@ void Badges::askSoon() {
   if (!gathering_.isRunning() && batchesUnderWay_ < BATCHES_UNDER_WAY) gathering_.start(GATHERING, [this] { ask(); });
 }
 
+/// One batch in a turn: its URLs take a while to write.
 void Badges::ask() {
-  if (!link_.isReady()) return;
+  if (std::exchange(isAsking_, true)) return;
+  questions_.add([this] {
+    isAsking_ = link_.isReady() && batchesUnderWay_ < BATCHES_UNDER_WAY && askForNextBatch();
+    return isAsking_;
+  });
+}
+
+bool Badges::askForNextBatch() {
   for (const auto& [path, folder] : folders_.all()) {
-    while (folder->observed && !folder->waiting.empty() && batchesUnderWay_ < BATCHES_UNDER_WAY) askForBatch(*folder);
+    if (!folder->observed || folder->waiting.empty()) continue;
+    askForBatch(*folder);
+    return true;
   }
+  return false;
 }
 
 void Badges::askForBatch(Folder& folder) {
@@ -132,6 +145,11 @@ void Badges::askForBatch(Folder& folder) {
     g_variant_builder_add(&urls, "s", urlOfPath(base + name).c_str());
     batch->names.push_back(std::move(name));
   }
+  if (batch->names.empty()) {
+    g_variant_builder_clear(&urls);
+    return;
+  }
+  folder.unanswered += batch->names.size();
   ++batchesUnderWay_;
   link_.call("RequestBadges", g_variant_new("(as)", &urls),
              [this, batch](GVariant* values, const std::string& error) { answered(batch, values, error); });
@@ -150,7 +168,9 @@ void Badges::answered(std::shared_ptr<Batch> batch, GVariant* values, const std:
         g_variant_get_child(identifiers.get(), next, "&s", &identifier);
         hear(batch->folder, batch->names[next], identifier);
       }
-      return next < all && batch->extension == extension_;
+      if (next < all && batch->extension == extension_) return true;
+      traceAnswered(*batch);
+      return false;
     });
   } else if (Folder* folder = error == "Busy" ? folders_.find(batch->folder) : nullptr) {
     for (const auto& name : batch->names) {
@@ -161,6 +181,16 @@ void Badges::answered(std::shared_ptr<Batch> batch, GVariant* values, const std:
     return beginAgainLater();
   }
   ask();
+}
+
+void Badges::traceAnswered(const Batch& batch) {
+  Folder* folder = batch.extension == extension_ ? folders_.find(batch.folder) : nullptr;
+  if (!folder) return;
+  folder->unanswered -= std::min(folder->unanswered, batch.names.size());
+  if (folder->unanswered > 0 || !folder->waiting.empty() || !isTracing()) return;
+  const auto milliseconds = static_cast<double>(g_get_monotonic_time() - folder->lastNew) / 1000;
+  g_debug("the badges of %zu items are known, %.1f ms after the last of them came", folder->entries.size(),
+          milliseconds);
 }
 
 // --- Hearing --------------------------------------------------------------------------------------------------------
@@ -228,6 +258,7 @@ void Badges::extensionGone() {
   for (const auto& [path, folder] : folders_.all()) {
     folder->begun = 0;
     folder->observed = folder->refused = false;
+    folder->unanswered = 0;
   }
 }
 

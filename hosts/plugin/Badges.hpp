@@ -47,18 +47,22 @@ class Badges {
   void askForAll(Folder& folder);
   void askSoon();
   void ask();
+  bool askForNextBatch();
   void askForBatch(Folder& folder);
   void answered(std::shared_ptr<Batch> batch, GVariant* values, const std::string& error);
+  void traceAnswered(const Batch& batch);
   void hear(const std::string& folder, const std::string& name, const char* identifier);
   void clear(Folder& folder);
 
   ExtensionLink& link_;
   FoldersOnScreen& folders_;
+  SlicedWork questions_;
   SlicedWork work_;
   Timer gathering_;
   Timer retry_;
   unsigned extension_ = 0;  ///< counts the extension's processes: answers of former ones are void
   unsigned batchesUnderWay_ = 0;
+  bool isAsking_ = false;
 };
 
 }  // namespace vornet::plugin

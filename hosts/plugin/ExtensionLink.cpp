@@ -5,6 +5,7 @@
 
 #include "Guarded.hpp"
 #include "Paths.hpp"
+#include "Trace.hpp"
 
 namespace vornet::plugin {
 namespace {
@@ -195,6 +196,7 @@ void ExtensionLink::start() {
 /// What is not installed is not asked for again until somebody comes to a folder later; what fails otherwise is tried a
 /// few times, ever later.
 void ExtensionLink::startFailed(const std::string& error, const char* message) {
+  if (!owner_.empty()) return;  // it runs, though the bus could not start it
   lastFailure_ = g_get_monotonic_time();
   if (error == NOT_INSTALLED) return;
   if (!warned_) g_warning("the extension cannot be started: %s", message);
@@ -286,6 +288,15 @@ void ExtensionLink::call(const char* method, GVariant* arguments, Done done) {
   done(nullptr, "Disconnected");
 }
 
+void ExtensionLink::send(const char* method, GVariant* arguments) {
+  g_variant_ref_sink(arguments);
+  if (connection_) {
+    g_dbus_connection_call(connection_, NAME, OBJECT_PATH, INTERFACE, method, arguments, nullptr,
+                           G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, nullptr, nullptr);
+  }
+  g_variant_unref(arguments);
+}
+
 void ExtensionLink::callOnBus(const char* name, const char* path, const char* interface, const char* method,
                               GVariant* arguments, Done done) {
   const ContextScope scope(context_);
@@ -294,6 +305,7 @@ void ExtensionLink::callOnBus(const char* name, const char* path, const char* in
     GError* error = nullptr;
     GVariant* values = g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &error);
     if (!call->link.expired()) {
+      const Turn turn("answer");
       guarded([&] { call->done(values, values ? "" : nameOfError(error)); });
     }
     if (values) g_variant_unref(values);

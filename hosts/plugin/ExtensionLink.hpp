@@ -63,6 +63,9 @@ class ExtensionLink {
   using Done = std::function<void(GVariant* values, const std::string& error)>;
   void call(const char* method, GVariant* arguments, Done done);
 
+  /// The same where the answer does not matter: none comes.
+  void send(const char* method, GVariant* arguments);
+
  private:
   struct Call;
 

@@ -32,6 +32,8 @@ struct Folder {
 
   std::unordered_map<std::string, Entry> entries;  ///< by name
   std::vector<std::string> waiting;                ///< names to be asked for
+  std::size_t unanswered = 0;                      ///< items that were asked for and not yet heard of
+  gint64 lastNew = 0;                              ///< when the last item came; monotonic, in microseconds
 
   gint64 lastAsked = 0;  ///< when the file manager asked for an item; monotonic, in microseconds
   gint64 testedAt = 0;   ///< when it was tested whether it still does; 0 while no test is on

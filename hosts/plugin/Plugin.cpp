@@ -10,6 +10,7 @@
 #include "Inference.hpp"
 #include "MenuPrefetch.hpp"
 #include "Paths.hpp"
+#include "Trace.hpp"
 
 namespace vornet::plugin {
 namespace {
@@ -82,6 +83,7 @@ Plugin::Plugin(FileManager& fileManager, const Options& options)
 Plugin::~Plugin() = default;
 
 void Plugin::folderShown(const std::string& path) {
+  const Turn turn("folder shown");
   guarded([&] {
     Folder& folder = parts_->folders.at(withoutSlash(path));
     ++folder.shown;
@@ -92,6 +94,7 @@ void Plugin::folderShown(const std::string& path) {
 }
 
 void Plugin::folderHidden(const std::string& path) {
+  const Turn turn("folder hidden");
   guarded([&] {
     Folder* folder = parts_->folders.find(withoutSlash(path));
     if (!folder || folder->shown == 0) return;
@@ -103,6 +106,7 @@ void Plugin::folderHidden(const std::string& path) {
 }
 
 std::string Plugin::emblem(const std::string& path, std::unique_ptr<ShownItem> item) {
+  const Turn turn("emblem");
   return guarded(std::string(), [&]() -> std::string {
     const auto parent = folderOf(path);
     const auto name = nameOf(path);
@@ -118,6 +122,7 @@ std::string Plugin::emblem(const std::string& path, std::unique_ptr<ShownItem> i
 }
 
 Menu Plugin::menu(const Selection& selection) {
+  const Turn turn("menu");
   return guarded(Menu(), [&] { return parts_->menus.menu(selection); });
 }
 

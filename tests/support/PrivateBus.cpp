@@ -36,6 +36,12 @@ PrivateBus::PrivateBus(const std::filesystem::path& folder, const std::filesyste
     <allow eavesdrop="true"/>
     <allow own="*"/>
   </policy>
+  <!-- as the configuration of a user's session has them -->
+  <limit name="max_message_size">1000000000</limit>
+  <limit name="max_incoming_bytes">1000000000</limit>
+  <limit name="max_outgoing_bytes">1000000000</limit>
+  <limit name="max_match_rules_per_connection">50000</limit>
+  <limit name="max_replies_per_connection">50000</limit>
 </busconfig>
 )");
   address_ = "unix:path=" + (folder_ / "bus.socket").string();

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <glib.h>
+
+namespace vornet::plugin {
+
+/// Whether the user wants to see what the plug-in does: G_MESSAGES_DEBUG=vornet-vi in the file manager's environment.
+inline bool isTracing() {
+  static const bool tracing = !g_log_writer_default_would_drop(G_LOG_LEVEL_DEBUG, "vornet-vi");
+  return tracing;
+}
+
+/// A piece of work on the file manager's thread; traced when it took long enough to be felt together with others.
+class Turn {
+ public:
+  explicit Turn(const char* what) : what_(what), begun_(isTracing() ? g_get_monotonic_time() : 0) {}
+  ~Turn() {
+    if (begun_ == 0) return;
+    const auto milliseconds = static_cast<double>(g_get_monotonic_time() - begun_) / 1000;
+    if (milliseconds > NOTICEABLE) g_log("vornet-vi", G_LOG_LEVEL_DEBUG, "%s: a turn of %.1f ms", what_, milliseconds);
+  }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+
+ private:
+  static constexpr double NOTICEABLE = 1;
+  const char* what_;
+  gint64 begun_;
+};
+
+}  // namespace vornet::plugin

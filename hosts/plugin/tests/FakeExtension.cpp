@@ -1,0 +1,171 @@
+#include "FakeExtension.hpp"
+
+#include <algorithm>
+#include <stdexcept>
+#include <utility>
+
+namespace vornet::test {
+namespace {
+
+constexpr const char* NAME = "com.vornet.KelvaneSync.FinderBadgeExtension";
+constexpr const char* OBJECT = "/com/vornet/FinderSync1";
+constexpr const char* INTERFACE = "com.vornet.FinderSync1";
+
+std::vector<std::string> texts(GVariant* arguments, gsize index) {
+  GVariant* list = g_variant_get_child_value(arguments, index);
+  std::vector<std::string> result;
+  for (gsize i = 0; i < g_variant_n_children(list); ++i) {
+    const gchar* text = nullptr;
+    g_variant_get_child(list, i, "&s", &text);
+    result.emplace_back(text);
+  }
+  g_variant_unref(list);
+  return result;
+}
+
+std::string text(GVariant* arguments) {
+  const gchar* result = nullptr;
+  g_variant_get_child(arguments, 0, "&s", &result);
+  return result;
+}
+
+}  // namespace
+
+FakeExtension::FakeExtension(const std::string& address, std::vector<std::string> folders)
+    : folders_(std::move(folders)) {
+  GError* failure = nullptr;
+  connection_ = g_dbus_connection_new_for_address_sync(
+      address.c_str(),
+      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+      nullptr, nullptr, &failure);
+  if (!connection_) throw std::runtime_error(failure->message);
+  static const GDBusInterfaceVTable table = {&take, &property, nullptr, {}};
+  registration_ = g_dbus_connection_register_object(connection_, OBJECT, vornet_finder_sync1_interface_info(), &table,
+                                                    this, nullptr, nullptr);
+  GVariant* owned = g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                "org.freedesktop.DBus", "RequestName", g_variant_new("(su)", NAME, 4),
+                                                G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &failure);
+  if (!owned) throw std::runtime_error(failure->message);
+  g_variant_unref(owned);
+}
+
+FakeExtension::~FakeExtension() {
+  g_dbus_connection_unregister_object(connection_, registration_);
+  for (const auto& held : waiting_) {
+    g_variant_unref(held.arguments);
+    g_object_unref(held.invocation);
+  }
+  g_dbus_connection_close_sync(connection_, nullptr, nullptr);
+  g_object_unref(connection_);
+}
+
+void FakeExtension::take(GDBusConnection*, const gchar* sender, const gchar*, const gchar*, const gchar* method,
+                         GVariant* arguments, GDBusMethodInvocation* invocation, gpointer data) {
+  auto& self = *static_cast<FakeExtension*>(data);
+  self.callers_.insert(sender);
+  self.note(method, arguments);
+  if (self.held_.contains(method)) {
+    self.waiting_.push_back({method, invocation, g_variant_ref(arguments)});
+  } else {
+    self.answer(method, arguments, invocation);
+  }
+}
+
+void FakeExtension::note(const std::string& method, GVariant* arguments) {
+  calls.push_back(method);
+  if (method == "RequestBadges") badgeRequests.push_back(texts(arguments, 0));
+  if (method == "GetMenu") menuRequests.push_back(texts(arguments, 0));
+  if (method == "PerformAction") {
+    actions.push_back(texts(arguments, 1));
+    actions.back().insert(actions.back().begin(), text(arguments));
+  }
+}
+
+void FakeExtension::answer(const std::string& method, GVariant* arguments, GDBusMethodInvocation* invocation) {
+  if (const auto refusal = refusals.find(method); refusal != refusals.end()) {
+    const std::string name = "com.vornet.FinderSync1.Error." + refusal->second;
+    g_dbus_method_invocation_return_dbus_error(invocation, name.c_str(), "refused by a test");
+    return;
+  }
+  GVariant* values = nullptr;
+  if (method == "BeginObserving") {
+    observed.insert(text(arguments));
+  } else if (method == "EndObserving") {
+    if (const auto found = observed.find(text(arguments)); found != observed.end()) observed.erase(found);
+  } else if (method == "RequestBadges") {
+    GVariantBuilder identifiers;
+    g_variant_builder_init(&identifiers, G_VARIANT_TYPE_STRING_ARRAY);
+    for (const auto& item : texts(arguments, 0)) {
+      const auto found = badges.find(item);
+      g_variant_builder_add(&identifiers, "s", found == badges.end() ? "" : found->second.c_str());
+    }
+    values = g_variant_new("(as)", &identifiers);
+  } else if (method == "GetMenu") {
+    GVariantBuilder entries;
+    g_variant_builder_init(&entries, G_VARIANT_TYPE("a(ssbs)"));
+    const auto selection = texts(arguments, 0);
+    const auto found = menus.find(selection.empty() ? "" : selection[0]);
+    if (found != menus.end()) {
+      g_variant_builder_add(&entries, "(ssbs)", "Share", "share:", static_cast<gboolean>(found->second[0]), "QMT");
+      g_variant_builder_add(&entries, "(ssbs)", "Copy Link", "copyLink:", static_cast<gboolean>(found->second[1]), "");
+    }
+    values = g_variant_new("(a(ssbs))", &entries);
+  }
+  g_dbus_method_invocation_return_value(invocation, values);
+}
+
+void FakeExtension::release(const std::string& method) {
+  held_.erase(method);
+  const auto waiting = std::exchange(waiting_, {});
+  for (const auto& held : waiting) {
+    if (held.method != method) {
+      waiting_.push_back(held);
+      continue;
+    }
+    answer(held.method, held.arguments, held.invocation);
+    g_variant_unref(held.arguments);
+  }
+}
+
+std::size_t FakeExtension::heldCalls(const std::string& method) const {
+  return static_cast<std::size_t>(
+      std::count_if(waiting_.begin(), waiting_.end(), [&](const Held& held) { return held.method == method; }));
+}
+
+void FakeExtension::sendChanges(const std::vector<std::pair<std::string, std::string>>& changes) {
+  for (const auto& caller : callers_) {
+    GVariantBuilder list;
+    g_variant_builder_init(&list, G_VARIANT_TYPE("a(ss)"));
+    for (const auto& [item, identifier] : changes) {
+      g_variant_builder_add(&list, "(ss)", item.c_str(), identifier.c_str());
+    }
+    g_dbus_connection_emit_signal(connection_, caller.c_str(), OBJECT, INTERFACE, "BadgesChanged",
+                                  g_variant_new("(a(ss))", &list), nullptr);
+  }
+}
+
+GVariant* FakeExtension::foldersValue() const {
+  GVariantBuilder list;
+  g_variant_builder_init(&list, G_VARIANT_TYPE_STRING_ARRAY);
+  for (const auto& folder : folders_) g_variant_builder_add(&list, "s", folder.c_str());
+  return g_variant_builder_end(&list);
+}
+
+GVariant* FakeExtension::property(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* name,
+                                  GError** error, gpointer self) {
+  if (g_str_equal(name, "ObservedFolders")) return static_cast<FakeExtension*>(self)->foldersValue();
+  g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_PROPERTY, "no property %s", name);
+  return nullptr;
+}
+
+void FakeExtension::setFolders(const std::vector<std::string>& folders) {
+  folders_ = folders;
+  GVariantBuilder changed;
+  g_variant_builder_init(&changed, G_VARIANT_TYPE_VARDICT);
+  g_variant_builder_add(&changed, "{sv}", "ObservedFolders", foldersValue());
+  g_dbus_connection_emit_signal(connection_, nullptr, OBJECT, "org.freedesktop.DBus.Properties", "PropertiesChanged",
+                                g_variant_new("(sa{sv}as)", INTERFACE, &changed, nullptr), nullptr);
+}
+
+}  // namespace vornet::test

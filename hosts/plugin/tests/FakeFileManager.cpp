@@ -1,0 +1,61 @@
+#include "FakeFileManager.hpp"
+
+#include <chrono>
+
+namespace vornet::test {
+
+class FakeFileManager::Item : public plugin::ShownItem {
+ public:
+  explicit Item(FakeFileManager& manager) : manager_(manager) { ++kept_; }
+  ~Item() override { --kept_; }
+  void redraw(const std::string& path) override {
+    ++manager_.redraws_[path];
+    if (manager_.emblems_.contains(path)) manager_.show(path);
+  }
+
+ private:
+  FakeFileManager& manager_;
+};
+
+void FakeFileManager::show(const std::string& path) {
+  emblems_[path];
+  emblems_[path] = plugin->emblem(path, std::make_unique<Item>(*this));
+}
+
+std::string FakeFileManager::emblem(const std::string& path) const {
+  const auto found = emblems_.find(path);
+  return found == emblems_.end() ? "not shown" : found->second;
+}
+
+std::size_t FakeFileManager::redraws(const std::string& path) const {
+  const auto found = redraws_.find(path);
+  return found == redraws_.end() ? 0 : found->second;
+}
+
+std::size_t FakeFileManager::withEmblem(const std::string& emblem) const {
+  std::size_t count = 0;
+  for (const auto& [path, shown] : emblems_) count += shown == emblem;
+  return count;
+}
+
+bool runUntil(const std::function<bool()>& condition) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  GSource* wake = g_timeout_source_new(10);  // conditions also change without an event of this context
+  g_source_set_callback(
+      wake, +[](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
+  g_source_attach(wake, nullptr);
+  bool holds = condition();
+  while (!holds && std::chrono::steady_clock::now() < deadline) {
+    g_main_context_iteration(nullptr, TRUE);
+    holds = condition();
+  }
+  g_source_destroy(wake);
+  g_source_unref(wake);
+  return holds;
+}
+
+void settle() {
+  while (g_main_context_iteration(nullptr, FALSE)) continue;
+}
+
+}  // namespace vornet::test

@@ -1,0 +1,187 @@
+// The context menu, as a file manager gets it from the library.
+#include "PluginTest.hpp"
+
+namespace vornet::test {
+namespace {
+
+using plugin::Menu;
+using plugin::MenuEntry;
+using testing::ElementsAre;
+using testing::Field;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+class PluginMenu : public PluginTest {
+ protected:
+  PluginMenu() {
+    startExtension();
+    manager.plugin->menu({path("first")});  // tells the plug-in where the synced folder is
+    EXPECT_TRUE(runUntil([&] { return manager.menuChanges == 1; }));
+    manager.plugin->menu({path("first")});
+    EXPECT_TRUE(runUntil([&] { return manager.menuChanges == 2; }));
+    extension->menuRequests.clear();
+    manager.menuChanges = 0;
+  }
+
+  /// Selects one item and waits for its answer.
+  void select(const std::string& name) {
+    const auto before = manager.menuChanges;
+    manager.plugin->menu({path(name)});
+    ASSERT_TRUE(runUntil([&] { return manager.menuChanges > before; }));
+  }
+
+  static std::string enabled(const Menu& menu) {
+    std::string result;
+    for (const auto& entry : menu) result += entry.enabled ? '1' : '0';
+    return result;
+  }
+};
+
+TEST_F(PluginMenu, TheEntriesAreGreyedUntilTheAnswerComesAndAreAsItSaysThen) {
+  extension->menus[url("a")] = {true, false};
+  const auto greyed = manager.plugin->menu({path("a")});
+  std::vector<std::string> titles;
+  for (const auto& entry : greyed) titles.push_back(entry.title);
+  EXPECT_THAT(titles, ElementsAre("Share", "Copy Link", "Comments", "View versions", "View in Cloud"));
+  EXPECT_EQ(enabled(greyed), "00000");
+  EXPECT_EQ(greyed[0].icon, "vornet-vi");
+  EXPECT_EQ(manager.menuChanges, 0);
+  ASSERT_TRUE(runUntil([&] { return manager.menuChanges == 1; }));
+  EXPECT_THAT(manager.plugin->menu({path("a")}), ElementsAre(MenuEntry{"Share", "share:", true, "vornet-vi"},
+                                                             MenuEntry{"Copy Link", "copyLink:", false, ""}));
+  EXPECT_THAT(extension->menuRequests, ElementsAre(ElementsAre(url("a"))));
+}
+
+TEST_F(PluginMenu, AnAnswerToAnOlderSelectionIsDropped) {
+  extension->menus[url("old")] = {true, true};
+  extension->menus[url("new")] = {false, true};
+  extension->hold("GetMenu");
+  manager.plugin->menu({path("old")});
+  manager.plugin->menu({path("new")});
+  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("GetMenu") == 2; }));
+  extension->release("GetMenu");
+  ASSERT_TRUE(runUntil([&] { return manager.menuChanges > 0; }));
+  settle();
+  EXPECT_EQ(manager.menuChanges, 1);
+  EXPECT_EQ(enabled(manager.plugin->menu({path("new")})), "01");
+}
+
+TEST_F(PluginMenu, WhoComesBackToASelectionIsNotShownTheAnswerToTheFormerQuestion) {
+  extension->menus[url("a")] = {true, true};
+  select("a");
+  manager.plugin->menu({path("b")});
+  EXPECT_EQ(enabled(manager.plugin->menu({path("a")})), "00000");
+}
+
+TEST_F(PluginMenu, OfManySelectionsPassedQuicklyFewAreAskedAndTheLastOneIsAnswered) {
+  extension->hold("GetMenu");
+  for (int i = 0; i < 100; ++i) manager.plugin->menu({path(std::to_string(i))});
+  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("GetMenu") == 4; }));
+  extension->menus[url("99")] = {true, false};
+  extension->release("GetMenu");
+  ASSERT_TRUE(runUntil([&] { return manager.menuChanges == 1; }));
+  EXPECT_EQ(enabled(manager.plugin->menu({path("99")})), "10");
+  EXPECT_THAT(extension->menuRequests, SizeIs(5));
+}
+
+TEST_F(PluginMenu, AnExtensionThatHangsLeavesTheEntriesGreyed) {
+  extension->hold("GetMenu");
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(enabled(manager.plugin->menu({path(std::to_string(i))})), "00000");
+  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("GetMenu") == 4; }));
+  EXPECT_EQ(manager.menuChanges, 0);
+}
+
+TEST_F(PluginMenu, NoEntriesOutsideTheSyncedFolderNorForNothingNorForAMixture) {
+  EXPECT_THAT(manager.plugin->menu({}), IsEmpty());
+  EXPECT_THAT(manager.plugin->menu({"/etc/passwd"}), IsEmpty());
+  EXPECT_THAT(manager.plugin->menu({"/home/ann/Kelvane2/x"}), IsEmpty());
+  EXPECT_THAT(manager.plugin->menu({path("a"), "/etc/passwd"}), IsEmpty());
+  EXPECT_THAT(manager.plugin->menu({path("caf\xe9")}), IsEmpty());
+  select("a");
+  EXPECT_THAT(extension->menuRequests, ElementsAre(ElementsAre(url("a"))));
+}
+
+TEST_F(PluginMenu, NoEntriesWhereTheExtensionHasNone) {
+  select("nothing");
+  EXPECT_THAT(manager.plugin->menu({path("nothing")}), IsEmpty());
+}
+
+TEST_F(PluginMenu, AVeryLargeSelectionIsGreyedWithoutAQuestion) {
+  plugin::Selection many;
+  for (std::size_t i = 0; i <= plugin::Plugin::LARGEST_SELECTION; ++i) many.push_back(path(std::to_string(i)));
+  EXPECT_EQ(enabled(manager.plugin->menu(many)), "00000");
+  extension->menus[url("a")] = {true, true};
+  select("a");
+  EXPECT_THAT(extension->menuRequests, SizeIs(1));
+}
+
+TEST_F(PluginMenu, AFreshAnswerIsNotAskedForAgainAndAnOldOneIs) {
+  extension->menus[url("a")] = {true, true};
+  select("a");
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(enabled(manager.plugin->menu({path("a")})), "11");
+  EXPECT_THAT(extension->menuRequests, SizeIs(1));
+  extension->menus[url("a")] = {false, true};
+  ASSERT_TRUE(runUntil([&] { return enabled(manager.plugin->menu({path("a")})) == "01"; }));
+  EXPECT_THAT(extension->menuRequests, SizeIs(2));
+  EXPECT_EQ(manager.menuChanges, 2);
+}
+
+TEST_F(PluginMenu, AnAnswerLikeTheOneShownChangesNothing) {
+  extension->menus[url("a")] = {true, true};
+  select("a");
+  ASSERT_TRUE(runUntil([&] {
+    manager.plugin->menu({path("a")});
+    return extension->menuRequests.size() == 2;
+  }));
+  settle();
+  EXPECT_EQ(manager.menuChanges, 1);
+}
+
+TEST_F(PluginMenu, ARefusedQuestionIsAskedAgainWithTheNextLook) {
+  extension->refusals["GetMenu"] = "Busy";
+  extension->menus[url("a")] = {true, true};
+  manager.plugin->menu({path("a")});
+  ASSERT_TRUE(runUntil([&] { return extension->menuRequests.size() == 1; }));
+  settle();
+  extension->refusals.clear();
+  ASSERT_TRUE(runUntil([&] { return enabled(manager.plugin->menu({path("a")})) == "11"; }));
+}
+
+TEST_F(PluginMenu, AChoiceIsPerformedOnTheSelectionItWasShownFor) {
+  select("a");
+  manager.plugin->menu({path("b")});
+  manager.plugin->perform("copyLink:", {path("a"), path("x y%")});
+  ASSERT_TRUE(runUntil([&] { return !extension->actions.empty(); }));
+  EXPECT_THAT(extension->actions, ElementsAre(ElementsAre("copyLink:", url("a"), url("x y%"))));
+  EXPECT_EQ(logLines, 0);
+}
+
+TEST_F(PluginMenu, AChoiceThatFailsIsALineInTheLog) {
+  extension->refusals["PerformAction"] = "OutsideObservedFolders";
+  manager.plugin->perform("copyLink:", {path("a")});
+  EXPECT_TRUE(runUntil([&] { return logLines == 1; }));
+}
+
+TEST_F(PluginMenu, TheEntriesStayWhenTheExtensionEndsAndAreAskedForWhenAnotherOneComes) {
+  extension->menus[url("a")] = {true, false};
+  select("a");
+  extension.reset();
+  settle();
+  EXPECT_EQ(enabled(manager.plugin->menu({path("a")})), "10");
+  EXPECT_EQ(enabled(manager.plugin->menu({path("b")})), "00000") << "where the synced folder is is still known";
+  startExtension();
+  extension->menus[url("b")] = {false, true};
+  EXPECT_TRUE(runUntil([&] { return enabled(manager.plugin->menu({path("b")})) == "01"; }));
+}
+
+TEST_F(PluginMenu, TheFileManagerIsToldWhenASelectionComesToLieInTheSyncedFolder) {
+  makePlugin();
+  extension->menus[url("a")] = {true, true};
+  EXPECT_THAT(manager.plugin->menu({path("a")}), IsEmpty()) << "it is not known yet where that is";
+  ASSERT_TRUE(runUntil([&] { return manager.menuChanges > 0; }));
+  EXPECT_THAT(manager.plugin->menu({path("a")}), SizeIs(5));
+  EXPECT_TRUE(runUntil([&] { return enabled(manager.plugin->menu({path("a")})) == "11"; }));
+}
+
+}  // namespace
+}  // namespace vornet::test

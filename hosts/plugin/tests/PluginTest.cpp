@@ -1,0 +1,58 @@
+#include "PluginTest.hpp"
+
+#include <filesystem>
+
+namespace vornet::test {
+
+int PluginTest::logLines = 0;
+
+namespace {
+
+std::filesystem::path made(const std::string& folder) {
+  std::filesystem::create_directories(folder);
+  return folder;
+}
+
+}  // namespace
+
+PluginTest::PluginTest()
+    : bus(environment.folder().path() / "bus", made(services)), address("DBUS_SESSION_BUS_ADDRESS", bus.address()) {
+  logLines = 0;
+  const auto count = +[](const gchar* domain, GLogLevelFlags level, const gchar* message, gpointer) {
+    ++logLines;
+    g_log_default_handler(domain, level, message, nullptr);
+  };
+  g_log_set_handler("vornet-vi", static_cast<GLogLevelFlags>(G_LOG_LEVEL_MASK | G_LOG_FLAG_RECURSION), count, nullptr);
+  makePlugin();
+}
+
+PluginTest::~PluginTest() {
+  manager.plugin.reset();
+  extension.reset();
+  settle();
+  EXPECT_EQ(FakeFileManager::keptItems(), 0u);
+}
+
+std::shared_ptr<GVariant> PluginTest::callBus(const char* method) const {
+  GDBusConnection* caller = g_dbus_connection_new_for_address_sync(
+      bus.address().c_str(),
+      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+      nullptr, nullptr, nullptr);
+  GVariant* values =
+      g_dbus_connection_call_sync(caller, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                  method, nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+  EXPECT_TRUE(values) << method;
+  g_dbus_connection_close_sync(caller, nullptr, nullptr);
+  g_object_unref(caller);
+  return {values, g_variant_unref};
+}
+
+std::size_t PluginTest::busNames() const {
+  GVariant* names = g_variant_get_child_value(callBus("ListNames").get(), 0);
+  const std::size_t count = g_variant_n_children(names);
+  g_variant_unref(names);
+  return count;
+}
+
+}  // namespace vornet::test
