@@ -10,6 +10,11 @@
 #include "support/Environment.hpp"
 #include "support/StartedProgram.hpp"
 
+/// Fontconfig keeps what it has read of fonts, where text is drawn, until the process ends.
+extern "C" const char* __lsan_default_suppressions() {
+  return "leak:libfontconfig.so";
+}
+
 namespace vornet::test {
 
 using gtk::manager::LocationWidgetProvider;
@@ -19,7 +24,7 @@ using namespace std::chrono_literals;
 /// A display of the test's own.
 struct FakeWindows::Parts {
   Parts()
-      : server({VORNET_XVFB, "-displayfd", "1", "-screen", "0", "640x480x24", "-nolisten", "tcp"}, {},
+      : server({VORNET_XVFB, "-displayfd", "1", "-screen", "0", "640x480x24", "-nolisten", "tcp", "-extension", "GLX"}, {},
                folder / "server.output") {
     const auto until = std::chrono::steady_clock::now() + 30s;
     std::string number;

@@ -109,6 +109,7 @@ TEST_F(VORNET_LOCATIONS_SUITE, AnOpenMenuTakesTheAnswerThatCameLater) {
   std::vector<bool> sensitive;
   std::ranges::transform(actions, std::back_inserter(sensitive), isSensitive);
   EXPECT_THAT(sensitive, testing::ElementsAre(true, true, true, false, true, false));
+  gtk_widget_destroy(menu);
 }
 
 G_GNUC_END_IGNORE_DEPRECATIONS
