@@ -10,11 +10,6 @@
 #include "support/Environment.hpp"
 #include "support/StartedProgram.hpp"
 
-/// Fontconfig keeps what it has read of fonts, where text is drawn, until the process ends.
-extern "C" __attribute__((visibility("default"))) const char* __lsan_default_suppressions() {
-  return "leak:libfontconfig.so";
-}
-
 namespace vornet::test {
 
 using gtk::manager::LocationWidgetProvider;
