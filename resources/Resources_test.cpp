@@ -219,18 +219,25 @@ TEST(Resources, DrawingsAreWellFormedAndSelfContained) {
   }
 }
 
-TEST(Resources, EmblemsAreTheBadgesUnderTheirThemeNames) {
-  for (const auto& [name, emblem] : EMBLEMS) {
-    const std::string drawing = contents(HICOLOR / "scalable/emblems" / (std::string(emblem) + ".svg"));
-    EXPECT_FALSE(drawing.empty()) << emblem;
-    EXPECT_EQ(drawing, contents(svgFile(name))) << emblem;
-    for (const int size : SIZES) {
-      const std::string folder = std::to_string(size) + "x" + std::to_string(size);
-      const std::string pixels = contents(HICOLOR / folder / "emblems" / (std::string(emblem) + ".png"));
-      EXPECT_FALSE(pixels.empty()) << emblem << " " << size;
-      EXPECT_EQ(pixels, contents(pngFile(size, name))) << emblem << " " << size;
-    }
+/// Expects the image `name`, at every size, as `icon` in the theme's folders for icons of that `kind`.
+void expectInTheme(const std::string& name, const std::string& kind, const std::string& icon) {
+  const std::string drawing = contents(HICOLOR / "scalable" / kind / (icon + ".svg"));
+  EXPECT_FALSE(drawing.empty()) << icon;
+  EXPECT_EQ(drawing, contents(svgFile(name))) << icon;
+  for (const int size : SIZES) {
+    const std::string folder = std::to_string(size) + "x" + std::to_string(size);
+    const std::string pixels = contents(HICOLOR / folder / kind / (icon + ".png"));
+    EXPECT_FALSE(pixels.empty()) << icon << " " << size;
+    EXPECT_EQ(pixels, contents(pngFile(size, name))) << icon << " " << size;
   }
+}
+
+TEST(Resources, EmblemsAreTheBadgesUnderTheirThemeNames) {
+  for (const auto& [name, emblem] : EMBLEMS) expectInTheme(name, "emblems", emblem);
+}
+
+TEST(Resources, TheProductImageIsAnIconOfTheTheme) {
+  expectInTheme("QMT", "apps", "vornet-vi");
 }
 
 }  // namespace

@@ -97,6 +97,9 @@ void ControlSocket::serve() {
 }
 
 std::string ControlSocket::ask(const std::string& state, const std::string& line) {
+  if (line.size() >= LONGEST_LINE || line.find('\n') != std::string::npos) {
+    throw std::runtime_error("what is to be sent is too long, or has more than one line");
+  }
   const Address address(state);
   const FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (::connect(socket.get(), address.get(), sizeof address.value) != 0) {

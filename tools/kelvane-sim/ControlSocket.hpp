@@ -23,7 +23,7 @@ class ControlSocket {
   ~ControlSocket();
 
   /// Sends `line` to the program whose state folder is `state` and returns its answer. Throws std::runtime_error when
-  /// none is running there.
+  /// none is running there, and for more than one line or 4,000 bytes.
   static std::string ask(const std::string& state, const std::string& line);
 
  private:

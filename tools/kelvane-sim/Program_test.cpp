@@ -158,6 +158,30 @@ TEST_F(ProgramTest, FaultsAreSwitchedWhileItRuns) {
   EXPECT_EQ(statusNow(program.port()), 404);
 }
 
+TEST_F(ProgramTest, StatusesAreSetWhileItRuns) {
+  files_.write("/root/a b", "1");
+  auto arguments = runArguments();
+  arguments.emplace_back("--synced");
+  Program program(arguments);
+  ASSERT_TRUE(program.waitForText("container  "));
+  const auto statuses = [&] {
+    RawClient client(program.port());
+    client.post("get_icons_for_folder", R"({"dir_name":"/"})");
+    return client.readReply();
+  };
+  const auto set = [&](const std::string& path, const std::string& status) {
+    return Program({"status", path, status, "--container", container_}).exitCode();
+  };
+  EXPECT_EQ(set("/a b", "-1"), 0);
+  EXPECT_TRUE(program.waitForText("status     -1 /a b"));
+  EXPECT_EQ(statuses(), R"({"/a b":-1})");
+  EXPECT_EQ(set("/a b", "own"), 0);
+  EXPECT_EQ(statuses(), R"({"/a b":2})");
+  EXPECT_EQ(set("a b", "1"), 1) << "no cloud path";
+  EXPECT_EQ(set("/a\nb", "1"), 1) << "more than one line";
+  EXPECT_EQ(statuses(), R"({"/a b":2})");
+}
+
 TEST_F(ProgramTest, AFaultForNobodyFails) {
   Program program({"fault", "stall", "--container", container_});
   EXPECT_EQ(program.exitCode(), 1);
@@ -197,7 +221,10 @@ TEST_F(ProgramTest, WrongUsageIsExitCode2AndHelpIs0) {
                                              {"run", files_.path("/root"), "--port", "70000"},
                                              {"run", files_.path("/root"), "--transfer-time", "-1"},
                                              {"run", files_.path("/root"), "--fault", "bogus"},
-                                             {"fault", "bogus"}}) {
+                                             {"fault", "bogus"},
+                                             {"status", "/a"},
+                                             {"status", "/a", "synced"},
+                                             {"status", "/a", "1.5"}}) {
     EXPECT_EQ(Program(arguments).exitCode(), 2) << ::testing::PrintToString(arguments);
   }
   for (const std::vector<std::string>& arguments :

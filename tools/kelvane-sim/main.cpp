@@ -1,13 +1,16 @@
 // kelvane-sim: the stand-in sync application as a program.
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <chrono>
 #include <cmath>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
+#include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "kelvane-sim/ActionJournal.hpp"
@@ -36,6 +39,8 @@ struct Arguments {
   bool quiet = false;
   std::vector<std::string> faults;
   std::string fault;
+  std::string path;
+  std::string status;
 };
 
 std::string stateFolder(const Arguments& arguments) {
@@ -52,8 +57,40 @@ void setFault(KelvaneSim& sim, const FaultRequest& request) {
   sim.setFault(request.command, request.fault, request.duration);
 }
 
+// What `text` says of an item: that it shows this code whatever its own is, or (none) its own again.
+constexpr std::string_view OWN_STATUS = "own";
+bool parseStatus(std::string_view text, std::optional<int>& code) {
+  code.reset();
+  if (text == OWN_STATUS) return true;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), code.emplace());
+  return error == std::errc() && end == text.data() + text.size();
+}
+
+// "status CODE PATH"
+std::string handleStatus(KelvaneSim& sim, std::string_view arguments) {
+  const std::size_t blank = arguments.find(' ');
+  std::optional<int> code;
+  if (blank == std::string_view::npos || !parseStatus(arguments.substr(0, blank), code)) {
+    return "error: not understood";
+  }
+  const std::string path(arguments.substr(blank + 1));
+  if (!path.starts_with('/')) return "error: not a cloud path: " + path;
+  if (code) {
+    sim.setStatus(path, *code);
+  } else {
+    sim.clearStatus(path);
+  }
+  return "ok";
+}
+
 std::string handleControl(KelvaneSim& sim, bool quiet, const std::string& line) {
   constexpr std::string_view FAULT = "fault ";
+  constexpr std::string_view STATUS = "status ";
+  if (line.starts_with(STATUS)) {
+    const std::string answer = handleStatus(sim, std::string_view(line).substr(STATUS.size()));
+    if (!quiet && answer == "ok") print(printable("status     " + line.substr(STATUS.size())));
+    return answer;
+  }
   const auto request = line.starts_with(FAULT) ? parseFault(line.substr(FAULT.size())) : std::nullopt;
   if (!request) return "error: not understood";
   try {
@@ -112,8 +149,8 @@ int showJournal(const Arguments& arguments) {
   return EXIT_DONE;
 }
 
-int sendFault(const Arguments& arguments) {
-  const std::string answer = ControlSocket::ask(stateFolder(arguments), "fault " + arguments.fault);
+int tell(const Arguments& arguments, const std::string& line) {
+  const std::string answer = ControlSocket::ask(stateFolder(arguments), line);
   if (answer == "ok") return EXIT_DONE;
   std::fprintf(stderr, "kelvane-sim: %s\n", printable(answer).c_str());
   return EXIT_FAILED;
@@ -170,6 +207,19 @@ int main(int argc, char** argv) {
   addPlaces(faultCommand);
   faultCommand->footer(faultList());
 
+  CLI::App* statusCommand =
+      app.add_subcommand("status", "Make the running program give an item a status, whatever its own is");
+  statusCommand->add_option("PATH", arguments.path, "Cloud path, as \"/Reports/May.md\"")->required();
+  statusCommand
+      ->add_option("STATUS", arguments.status,
+                   "2 synced, 1 in progress, 0 not synced, -1 none, any other integer; \"own\" ends it")
+      ->required()
+      ->check([](const std::string& text) {
+        std::optional<int> code;
+        return parseStatus(text, code) ? std::string() : "no status: " + text;
+      });
+  addPlaces(statusCommand);
+
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -178,7 +228,8 @@ int main(int argc, char** argv) {
   try {
     if (*runCommand) return run(arguments);
     if (*journalCommand) return showJournal(arguments);
-    return sendFault(arguments);
+    if (*statusCommand) return tell(arguments, "status " + arguments.status + " " + arguments.path);
+    return tell(arguments, "fault " + arguments.fault);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "kelvane-sim: %s\n", printable(error.what()).c_str());
     return EXIT_FAILED;

@@ -1,0 +1,632 @@
+// The built plug-ins in a program that does with them what Dolphin does, with the real extension on a private bus and the
+// stand-in sync application.
+#include <gmock/gmock.h>
+#include <signal.h>
+
+#include <KFileItemActions>
+#include <KFileItemListProperties>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QMenu>
+#include <QTimer>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <optional>
+
+#include "kelvane-sim/KelvaneSim.hpp"
+#include "support/BusClient.hpp"
+#include "support/Environment.hpp"
+#include "support/PrivateBus.hpp"
+#include "testing/DolphinView.hpp"
+#include "testing/Host.hpp"
+
+namespace vornet::dolphin {
+namespace {
+
+using namespace std::chrono_literals;
+using sim::Fault;
+using sim::KelvaneSim;
+using test::BusClient;
+using test::Environment;
+using test::PrivateBus;
+using test::readFile;
+using test::ScopedVariable;
+using test::writeFile;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace fs = std::filesystem;
+
+constexpr auto PATIENCE = 30s;
+constexpr const char* SYNCED = "emblem-vornet-synced";
+constexpr const char* PENDING = "emblem-vornet-pending";
+constexpr const char* SKIPPED = "emblem-vornet-skipped";
+
+class Plugins : public testing::Test {
+ protected:
+  explicit Plugins(bool extensionInstalled = true) {
+    fs::create_directories(root + "/folder/deep");
+    for (const char* file : {"/file", "/other", "/folder/inside", "/folder/deep/down"}) writeFile(root + file, "text");
+    writeFile(root + "/lock.tmp", "");
+    writeFile(outside + "/stranger", "text");
+    if (extensionInstalled) {
+      bus.emplace(environment.folder().path() / "bus");
+    } else {
+      fs::create_directories(environment.folder() / "no services");
+      bus.emplace(environment.folder().path() / "bus", environment.folder() / "no services");
+    }
+    busAddress.emplace("DBUS_SESSION_BUS_ADDRESS", bus->address());
+    client.emplace(bus->address());
+    g_log_set_default_handler(
+        [](const gchar* domain, GLogLevelFlags level, const gchar* message, gpointer data) {
+          if (level <= G_LOG_LEVEL_WARNING) static_cast<std::vector<std::string>*>(data)->emplace_back(message);
+          g_log_default_handler(domain, level, message, nullptr);
+        },
+        &warnings);
+  }
+  ~Plugins() override {
+    host.reset();
+    const int process = client->extensionProcess();
+    if (process) ::kill(process, SIGCONT);
+    client->disconnect();
+    bus->stop();
+    test::waitForEnd(process);
+    g_log_set_default_handler(g_log_default_handler, nullptr);
+    EXPECT_THAT(readFile(bus->output()), Not(HasSubstr("Sanitizer"))) << "in the extension's process";
+    if (HasFailure()) std::fputs(readFile(bus->output()).c_str(), stderr);
+  }
+
+  /// Starts the sync application, with everything synced when this returns, and then the program.
+  void start() {
+    application = std::make_unique<KelvaneSim>(KelvaneSim::Options{.root = root,
+                                                                   .container = environment.container().string(),
+                                                                   .state = environment.folder() / "state",
+                                                                   .transferTime = 0ms});
+    application->start();
+    ASSERT_TRUE(application->waitUntilIdle(PATIENCE));
+    startHost();
+  }
+  void startHost() { host = std::make_unique<Host>(); }
+
+  std::unique_ptr<DolphinView> newView(QWidget* parent = nullptr) {
+    auto view = std::make_unique<DolphinView>(host->overlays(), parent);
+    if (!parent) view->resize(200, 200);
+    return view;
+  }
+  /// A view that shows `folder`, everything in it listed.
+  std::unique_ptr<DolphinView> openView(const std::string& folder, const std::string& item) {
+    auto view = newView();
+    view->open(url(folder));
+    view->show();
+    EXPECT_TRUE(Host::waitUntil([&] { return view->lists(url(item)); }));
+    return view;
+  }
+
+  QUrl url(const std::string& name) const {
+    return QUrl::fromLocalFile(QFile::decodeName((root + (name.empty() ? "" : "/" + name)).c_str()));
+  }
+  static QUrl urlOf(const std::string& path) { return QUrl::fromLocalFile(QFile::decodeName(path.c_str())); }
+
+  std::string emblem(const DolphinView& view, const std::string& name) const {
+    return view.emblem(url(name)).join(QLatin1Char(' ')).toStdString();
+  }
+  bool waitForEmblem(const DolphinView& view, const std::string& name, const std::string& icon) const {
+    return Host::waitUntil([&] { return emblem(view, name) == icon; });
+  }
+
+  std::size_t logged(const std::string& text) const {
+    const auto log = readFile(environment.logFile());
+    std::size_t count = 0;
+    for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++count;
+    return count;
+  }
+  std::size_t entered(const std::string& folder) const { return logged("Directory enter: " + path(folder) + "\n"); }
+  std::size_t left(const std::string& folder) const { return logged("Directory exit: " + path(folder) + "\n"); }
+  bool waitForEntered(const std::string& folder, std::size_t times = 1) const {
+    return Host::waitUntil([&] { return entered(folder) == times; });
+  }
+  bool waitForLeft(const std::string& folder, std::size_t times = 1) const {
+    return Host::waitUntil([&] { return left(folder) == times; });
+  }
+  std::string path(const std::string& name) const { return name.empty() ? root : root + "/" + name; }
+
+  /// Has the extension poll every folder on screen at once: it does when a new one comes on screen.
+  void pollNow() {
+    const std::string name = "new" + std::to_string(++newFolders);
+    fs::create_directories(outsideView + "/" + name);
+    ASSERT_TRUE(client->beginObserving("file://" + outsideView + "/" + name));
+  }
+  std::size_t menuRequests() const {
+    const auto requests = application->requests();
+    return static_cast<std::size_t>(std::count_if(requests.begin(), requests.end(), [](const auto& request) {
+      return request.target.find("mac_populate_menu") != std::string::npos;
+    }));
+  }
+
+  Environment environment;
+  const std::string root = environment.folder() / "root";
+  const std::string outside = environment.folder() / "outside";
+  const std::string outsideView = root + "/folder/deep";  // what is made in it, no view shows
+  const ScopedVariable platform{"QT_QPA_PLATFORM", "offscreen"};
+  const ScopedVariable config{"XDG_CONFIG_HOME", environment.folder() / "config"};
+  const ScopedVariable cache{"XDG_CACHE_HOME", environment.folder() / "cache"};
+  std::optional<ScopedVariable> busAddress;
+  std::unique_ptr<KelvaneSim> application;
+  std::optional<PrivateBus> bus;
+  std::optional<BusClient> client;
+  std::vector<std::string> warnings;
+  std::unique_ptr<Host> host;
+  int newFolders = 0;
+};
+
+const std::vector<std::string> ALL = {"Share", "Copy Link", "Comments", "View versions", "View in Cloud"};
+const std::vector<std::string> GREYED = {"(Share)", "(Copy Link)", "(Comments)", "(View versions)", "(View in Cloud)"};
+const std::vector<std::string> FOLDERS = {"Share", "Copy Link", "Comments", "(View versions)", "View in Cloud"};
+
+// --- Both event loops -------------------------------------------------------------------------------------------------
+
+enum class Loop { GLIB, QT };
+
+class PluginsOnLoop : public Plugins, public testing::WithParamInterface<Loop> {
+  const ScopedVariable loop{"QT_NO_GLIB", GetParam() == Loop::QT ? std::optional<std::string>("1") : std::nullopt};
+};
+
+TEST_P(PluginsOnLoop, ShowsAllThreeEmblemsAndAChangeByItself) {
+  start();
+  application->setStatus("/other", 1);
+  const auto view = openView("", "other");
+  EXPECT_TRUE(waitForEmblem(*view, "file", SYNCED));
+  EXPECT_TRUE(waitForEmblem(*view, "folder", SYNCED) || waitForEmblem(*view, "folder", PENDING));
+  EXPECT_TRUE(waitForEmblem(*view, "other", PENDING));
+  EXPECT_TRUE(waitForEmblem(*view, "lock.tmp", SKIPPED));
+
+  application->setStatus("/other", 2);
+  pollNow();
+  EXPECT_TRUE(waitForEmblem(*view, "other", SYNCED));
+}
+
+TEST_P(PluginsOnLoop, CarriesOutAnEntryOnTheSelectionThatItWasShownFor) {
+  start();
+  const auto view = openView("", "file");
+  const auto actions = host->newActions();
+  view->select({url("file")});
+  ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
+  const auto entries = entriesFor(*actions, {url("file"), url("folder")}, view.get());
+  const std::vector<std::string> several = {"Share", "(Copy Link)", "(Comments)", "(View versions)", "View in Cloud"};
+  ASSERT_TRUE(Host::waitUntil([&] { return shown(entries) == several; }));
+  view->select({url("other")});
+  entries[4]->trigger();
+  ASSERT_TRUE(Host::waitUntil([&] { return application->actions().size() == 1; }));
+  const auto performed = application->actions()[0];
+  EXPECT_EQ(performed.name, "View in Cloud");
+  EXPECT_THAT(performed.paths, ElementsAre("/file", "/folder/"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Plugins, PluginsOnLoop, testing::Values(Loop::GLIB, Loop::QT),
+                         [](const auto& tested) { return tested.param == Loop::GLIB ? "GLib" : "Qt"; });
+
+// --- Emblems ----------------------------------------------------------------------------------------------------------
+
+TEST_F(Plugins, AnEmptiedIdentifierTakesTheEmblemAway) {
+  start();
+  const auto view = openView("", "file");
+  QStringList told{QStringLiteral("nothing was told")};
+  QObject::connect(host->overlays(), &KOverlayIconPlugin::overlaysChanged, view.get(),
+                   [&](const QUrl& item, const QStringList& icons) {
+                     if (item == url("file")) told = icons;
+                   });
+  ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
+  EXPECT_EQ(told, QStringList(QString::fromLatin1(SYNCED)));
+  application->setStatus("/file", 9);
+  pollNow();
+  EXPECT_TRUE(waitForEmblem(*view, "file", ""));
+  EXPECT_TRUE(told.isEmpty());
+}
+
+TEST_F(Plugins, NothingOutsideTheSyncedFolderHasAnEmblem) {
+  start();
+  const auto within = openView("", "file");
+  const auto view = newView();
+  view->open(urlOf(outside));
+  view->show();
+  ASSERT_TRUE(Host::waitUntil([&] { return view->lists(urlOf(outside + "/stranger")); }));
+  ASSERT_TRUE(waitForEmblem(*within, "file", SYNCED));
+  EXPECT_TRUE(view->emblem(urlOf(outside + "/stranger")).isEmpty());
+  for (const char* other : {"", "trash:/file", "smb://host/file", "file://host/file", "file:///", "http://[", "file:"}) {
+    EXPECT_TRUE(host->overlays()->getOverlays(QUrl(QString::fromLatin1(other))).isEmpty()) << other;
+  }
+  EXPECT_EQ(logged(outside), 0u);
+}
+
+TEST_F(Plugins, OddNamesHaveTheirEmblemsAndNamesThatAreNotUTF8HaveNone) {
+  const std::string longest(255, 'x');
+  const std::vector<std::string> names = {"with space", "100%", "a%20b", "a#b", "a:b", "a?b", "a&b", "a\\b",
+                                          "Gr\xC3\xBC\xC3\x9F"
+                                          "e \xF0\x9F\x98\x80",
+                                          "caf\xC3\xA9", "cafe\xCC\x81", longest, "quote\"s", "two\nlines"};
+  for (const auto& name : names) writeFile(root + "/folder/" + name, "");
+  writeFile(root + "/folder/bytes\xFF", "");
+  fs::create_symlink("with space", root + "/folder/link");
+  std::string deep = "folder/deep";
+  for (int level = 0; level < 12; ++level) deep += "/" + std::string(200, static_cast<char>('a' + level));
+  fs::create_directories(root + "/" + deep);
+  writeFile(root + "/" + deep + "/bottom", "");
+  start();
+  application->setStatus("/folder/caf\xC3\xA9", 1);
+  const auto view = openView("folder", "folder/link");
+  for (const auto& name : names) {
+    const bool pending = name == "caf\xC3\xA9";
+    const bool known = application->status("/folder/" + name).has_value();
+    const bool skipped = known && application->status("/folder/" + name) == 0;
+    EXPECT_TRUE(waitForEmblem(*view, "folder/" + name, !known ? "" : pending ? PENDING : skipped ? SKIPPED : SYNCED))
+        << name;
+  }
+  EXPECT_EQ(application->status("/folder/cafe\xCC\x81"), 2) << "a name of its own";
+  const QUrl bytes = url("folder/bytes\xFF");
+  EXPECT_TRUE(view->lists(bytes));
+  EXPECT_TRUE(view->emblem(bytes).isEmpty());
+  const auto below = openView(deep, deep + "/bottom");
+  EXPECT_TRUE(waitForEmblem(*below, deep + "/bottom", SYNCED));
+}
+
+// --- What is on screen ------------------------------------------------------------------------------------------------
+
+TEST_F(Plugins, AFolderIsObservedAsLongAsAViewShowsIt) {
+  start();
+  auto one = openView("", "file");
+  ASSERT_TRUE(waitForEntered(""));
+  auto two = openView("", "file");
+  ASSERT_TRUE(waitForEmblem(*two, "file", SYNCED));
+  one->hide();
+  two->open(url("folder"));  // leaves it, the other one has left it
+  ASSERT_TRUE(waitForEntered("folder"));
+  ASSERT_TRUE(waitForLeft(""));
+  one->show();
+  ASSERT_TRUE(waitForEntered("", 2));
+  two.reset();
+  ASSERT_TRUE(waitForLeft("folder"));
+  EXPECT_EQ(left(""), 1u);
+  one.reset();
+  ASSERT_TRUE(waitForLeft("", 2));
+  EXPECT_EQ(entered(""), 2u);
+}
+
+TEST_F(Plugins, TwoViewsOfOneFolderCountTwice) {
+  start();
+  const auto one = openView("folder", "folder/inside");
+  auto two = openView("folder", "folder/inside");
+  ASSERT_TRUE(waitForEmblem(*two, "folder/inside", SYNCED));
+  two.reset();
+  const auto other = openView("", "file");
+  ASSERT_TRUE(waitForEmblem(*other, "file", SYNCED));
+  EXPECT_EQ(entered("folder"), 1u);
+  EXPECT_EQ(left("folder"), 0u);
+  application->setStatus("/folder/inside", 1);
+  pollNow();
+  EXPECT_TRUE(waitForEmblem(*one, "folder/inside", PENDING));
+}
+
+TEST_F(Plugins, AViewInAHiddenTabShowsNothing) {
+  start();
+  QWidget window;
+  window.resize(400, 400);
+  const auto tab = newView(&window);
+  const auto hidden = newView(&window);
+  hidden->hide();
+  hidden->open(url("folder"));
+  tab->open(url(""));
+  window.show();
+  ASSERT_TRUE(waitForEmblem(*tab, "file", SYNCED));
+  EXPECT_EQ(entered("folder"), 0u);
+  tab->hide();
+  hidden->show();
+  ASSERT_TRUE(waitForEntered("folder"));
+  ASSERT_TRUE(waitForLeft(""));
+  window.close();
+  ASSERT_TRUE(waitForLeft("folder"));
+}
+
+TEST_F(Plugins, AnOpenBranchOfATreeIsObserved) {
+  start();
+  const auto view = openView("", "folder");
+  view->openBranch(url("folder"));
+  ASSERT_TRUE(waitForEmblem(*view, "folder/inside", SYNCED));
+  view->openBranch(url("folder/deep"));
+  ASSERT_TRUE(waitForEmblem(*view, "folder/deep/down", SYNCED));
+  ASSERT_TRUE(waitForEntered("folder/deep"));
+  view->closeBranch(url("folder/deep"));
+  ASSERT_TRUE(waitForLeft("folder/deep"));
+  EXPECT_EQ(left("folder"), 0u);
+  view->open(url("folder/deep"));
+  ASSERT_TRUE(waitForLeft("folder"));
+  ASSERT_TRUE(waitForLeft(""));
+}
+
+TEST_F(Plugins, WhatChangedWhileAViewWasHiddenIsToldWhenItIsShownAgain) {
+  start();
+  const auto view = openView("", "file");
+  ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
+  ASSERT_TRUE(waitForEmblem(*view, "other", SYNCED));
+  view->hide();
+  ASSERT_TRUE(waitForLeft(""));
+  application->setStatus("/file", 1);
+  application->setStatus("/other", 9);
+  std::vector<std::string> seen;
+  view->show();
+  ASSERT_TRUE(waitForEntered("", 2));
+  pollNow();
+  EXPECT_TRUE(Host::waitUntil([&] {
+    seen.push_back(emblem(*view, "file"));
+    return seen.back() == PENDING;
+  }));
+  EXPECT_THAT(seen, testing::Each(Not(IsEmpty()))) << "it flickers";
+  EXPECT_TRUE(waitForEmblem(*view, "other", ""));
+}
+
+TEST_F(Plugins, ItemsOfAFolderThatNoViewShowsHaveEmblemsToo) {
+  start();
+  KDirLister lister;  // of a program that has no view of Dolphin's
+  bool listed = false;
+  QObject::connect(&lister, qOverload<>(&KCoreDirLister::completed), &lister, [&] { listed = true; });
+  lister.openUrl(url("folder"));
+  ASSERT_TRUE(Host::waitUntil([&] { return listed; }));
+  QStringList told;
+  QObject::connect(host->overlays(), &KOverlayIconPlugin::overlaysChanged, &lister,
+                   [&](const QUrl& item, const QStringList& icons) {
+                     if (item == url("folder/inside")) told = icons;
+                   });
+  host->overlays()->getOverlays(url("folder/inside"));
+  EXPECT_TRUE(Host::waitUntil([&] { return told == QStringList(QString::fromLatin1(SYNCED)); }));
+  EXPECT_TRUE(waitForEntered("folder"));
+}
+
+TEST_F(Plugins, TheEndOfTheProgramEndsObservingAndNothingIsAskedAfterwards) {
+  start();
+  auto view = openView("", "file");
+  const auto actions = host->newActions();
+  ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
+  ASSERT_FALSE(entriesFor(*actions, {url("file")}, nullptr).isEmpty());
+  auto* overlays = host->overlays();
+  view.reset();
+  host.reset();
+  EXPECT_TRUE(overlays->getOverlays(url("file")).isEmpty());
+  EXPECT_TRUE(entriesFor(*actions, {url("file")}, nullptr).isEmpty());
+  EXPECT_TRUE(client->waitUntil([&] { return left("") == 1; }));
+}
+
+// --- The menu ---------------------------------------------------------------------------------------------------------
+
+TEST_F(Plugins, EntriesAreGreyedUntilTheAnswerComesAndChangeInTheOpenMenu) {
+  start();
+  const auto view = openView("", "file");
+  ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
+  const auto actions = host->newActions();
+  QMenu menu;
+  menu.addActions(entriesFor(*actions, {url("folder")}, view.get()));
+  menu.popup(QPoint());
+  const auto before = menu.actions();
+  EXPECT_EQ(shown(before), GREYED);
+  EXPECT_TRUE(Host::waitUntil([&] { return shown(menu.actions()) == FOLDERS; }));
+  EXPECT_EQ(menu.actions(), before);
+  for (const auto* entry : before) EXPECT_FALSE(entry->isVisible() && entry->isSeparator());
+}
+
+TEST_F(Plugins, SelectingAsksAheadSoThatTheMenuOpensAnswered) {
+  start();
+  const auto view = openView("", "file");
+  ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
+  view->select({url("folder")});
+  ASSERT_TRUE(application->waitForRequest("mac_populate_menu", PATIENCE));
+  const auto actions = host->newActions();
+  EXPECT_TRUE(Host::waitUntil([&] { return shown(entriesFor(*actions, {url("folder")}, view.get())) == FOLDERS; }));
+  view->hide();
+  application->clearRequests();
+  view->select({url("other")});
+  Host::settle();
+  EXPECT_EQ(menuRequests(), 0u) << "nobody sees that selection";
+}
+
+TEST_F(Plugins, AnAnswerToAnOlderSelectionIsDropped) {
+  start();
+  const auto view = openView("", "file");
+  ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
+  const auto actions = host->newActions();
+  view->select({url("folder")});
+  view->select({url("file")});
+  const auto entries = entriesFor(*actions, {url("file")}, view.get());
+  ASSERT_TRUE(Host::waitUntil([&] { return menuRequests() == 2; }));
+  std::vector<std::vector<std::string>> seen;
+  ASSERT_TRUE(Host::waitUntil([&] {
+    seen.push_back(shown(entries));
+    return seen.back() == ALL;
+  }));
+  EXPECT_THAT(seen, Not(testing::Contains(FOLDERS)));
+  view->select({url("folder")});
+  ASSERT_TRUE(Host::waitUntil([&] { return shown(entriesFor(*actions, {url("folder")}, view.get())) == FOLDERS; }));
+}
+
+TEST_F(Plugins, OnlyItemsOfTheSyncedFolderHaveEntries) {
+  start();
+  const auto view = openView("", "file");
+  ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
+  const auto actions = host->newActions();
+  EXPECT_THAT(shown(entriesFor(*actions, {urlOf(outside + "/stranger")}, view.get())), IsEmpty());
+  EXPECT_THAT(shown(entriesFor(*actions, {url("file"), urlOf(outside + "/stranger")}, view.get())), IsEmpty());
+  EXPECT_THAT(shown(entriesFor(*actions, {QUrl(QStringLiteral("smb://host/file"))}, view.get())), IsEmpty());
+  EXPECT_THAT(shown(entriesFor(*actions, {url("file"), QUrl(QStringLiteral("smb://host/file"))}, view.get())),
+              IsEmpty());
+  EXPECT_EQ(shown(entriesFor(*actions, {url("file")}, nullptr)).size(), 5u);
+}
+
+TEST_F(Plugins, AViewsBackgroundHasNoEntriesAndTheSameFolderAsAnItemHas) {
+  start();
+  QWidget window;
+  window.resize(400, 400);
+  const auto parent = newView(&window);
+  const auto view = newView(&window);
+  parent->open(url(""));
+  view->open(url("folder"));
+  window.show();
+  ASSERT_TRUE(waitForEmblem(*view, "folder/inside", SYNCED));
+  ASSERT_TRUE(waitForEmblem(*parent, "folder", SYNCED));
+  const auto actions = host->newActions();
+  window.activateWindow();
+  view->setFocus();
+  ASSERT_TRUE(Host::waitUntil([&] { return QApplication::focusWidget() == nullptr || view->hasFocus(); }));
+  EXPECT_THAT(shown(entriesFor(*actions, {url("folder")}, &window)), IsEmpty());
+  EXPECT_THAT(shown(entriesFor(*actions, {url("folder"), url("file")}, &window)), testing::SizeIs(5));
+  view->hide();
+  EXPECT_THAT(shown(entriesFor(*actions, {url("folder")}, &window)), testing::SizeIs(5));
+  EXPECT_THAT(shown(entriesFor(*actions, {url("")}, &window)), IsEmpty());
+}
+
+TEST_F(Plugins, InASplitWindowTheViewInUseTellsABackgroundFromAnItem) {
+  start();
+  QWidget window;
+  window.resize(400, 400);
+  const auto parent = newView(&window);
+  const auto view = newView(&window);
+  for (auto* one : {parent.get(), view.get()}) one->setFocusPolicy(Qt::StrongFocus);
+  parent->open(url(""));
+  view->open(url("folder"));
+  window.show();
+  window.activateWindow();
+  ASSERT_TRUE(waitForEmblem(*view, "folder/inside", SYNCED));
+  const auto actions = host->newActions();
+  parent->setFocus();
+  ASSERT_TRUE(Host::waitUntil([&] { return parent->hasFocus(); }));
+  EXPECT_THAT(shown(entriesFor(*actions, {url("folder")}, &window)), testing::SizeIs(5));
+  view->setFocus();
+  ASSERT_TRUE(Host::waitUntil([&] { return view->hasFocus(); }));
+  EXPECT_THAT(shown(entriesFor(*actions, {url("folder")}, &window)), IsEmpty());
+}
+
+TEST_F(Plugins, TheActionPluginAloneFillsTheFirstMenuWhileItIsOpen) {
+  start();
+  const auto actions = host->newActions();  // as in a file dialog: no view, and no emblems
+  QMenu menu;
+  QAction first(QStringLiteral("first"));
+  QAction last(QStringLiteral("last"));
+  menu.addAction(&first);
+  menu.addActions(entriesFor(*actions, {url("file")}, nullptr));
+  menu.addAction(&last);
+  menu.popup(QPoint());
+  EXPECT_THAT(shown(menu.actions()), ElementsAre("first", "last"));
+  std::vector<std::string> expected = ALL;
+  expected.insert(expected.begin(), "first");
+  expected.push_back("last");
+  EXPECT_TRUE(Host::waitUntil([&] { return shown(menu.actions()) == expected; }));
+  menu.actions()[2]->trigger();
+  ASSERT_TRUE(Host::waitUntil([&] { return application->actions().size() == 1; }));
+  EXPECT_EQ(application->actions()[0].name, "Copy Link");
+}
+
+TEST_F(Plugins, EntriesOfFormerMenusDoNotPileUp) {
+  start();
+  const auto view = openView("", "file");
+  ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
+  const auto actions = host->newActions();
+  int alive = 0;
+  for (int menu = 0; menu < 10; ++menu) {
+    for (auto* entry : entriesFor(*actions, {url("file")}, view.get())) {
+      ++alive;
+      QObject::connect(entry, &QObject::destroyed, [&alive] { --alive; });
+    }
+  }
+  EXPECT_EQ(alive, 6);
+}
+
+TEST_F(Plugins, ASelectionThatIsTooLargeIsGreyedAndNotAskedFor) {
+  start();
+  const auto view = openView("", "file");
+  ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
+  QList<QUrl> many;
+  for (int item = 0; item < 10'000; ++item) many.append(url("item" + std::to_string(item)));
+  const auto actions = host->newActions();
+  view->select(many);
+  EXPECT_EQ(shown(entriesFor(*actions, many, view.get())), GREYED);
+  Host::settle();
+  EXPECT_EQ(menuRequests(), 0u);
+}
+
+TEST_F(Plugins, KDEsOwnMenuHasTheEntriesAtItsTopLevel) {
+  start();
+  QCoreApplication::addLibraryPath(QStringLiteral(VORNET_QT_PLUGINS));
+  const auto view = openView("", "file");
+  ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
+  for (const auto& items : {QList<QUrl>{url("file")}, QList<QUrl>{url("folder"), url("lock.tmp")}}) {
+    KFileItemList list;
+    for (const auto& item : items) list.append(KFileItem(item));
+    KFileItemActions kde;
+    kde.setItemListProperties(KFileItemListProperties(list));
+    kde.setParentWidget(view.get());
+    QMenu menu;
+    kde.addActionsTo(&menu);
+    EXPECT_THAT(shown(menu.actions()), testing::IsSupersetOf(GREYED));
+  }
+}
+
+// --- Faults -----------------------------------------------------------------------------------------------------------
+
+TEST_F(Plugins, AFrozenExtensionHoldsNothingUp) {
+  start();
+  const auto view = openView("", "file");
+  ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
+  ASSERT_EQ(::kill(client->extensionProcess(), SIGSTOP), 0);
+  const auto actions = host->newActions();
+  QElapsedTimer elapsed;
+  elapsed.start();
+  for (int item = 0; item < 10'000; ++item) host->overlays()->getOverlays(url("item" + std::to_string(item)));
+  view->select({url("other")});
+  const auto entries = entriesFor(*actions, {url("other")}, view.get());
+  view->open(url("folder"));
+  Host::settle();
+  EXPECT_LT(elapsed.elapsed(), 5'000) << "a call that waited would have taken ten seconds";
+  EXPECT_EQ(shown(entries), GREYED);
+  EXPECT_EQ(host->overlays()->getOverlays(url("folder/inside")), QStringList());
+  ASSERT_EQ(::kill(client->extensionProcess(), SIGCONT), 0);
+  EXPECT_TRUE(Host::waitUntil([&] { return shown(entries) == ALL; }));
+  EXPECT_TRUE(waitForEmblem(*view, "folder/inside", SYNCED));
+}
+
+TEST_F(Plugins, AKilledExtensionComesBackAndNoEmblemIsLostMeanwhile) {
+  start();
+  const auto view = openView("", "file");
+  ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
+  const int process = client->extensionProcess();
+  ASSERT_EQ(::kill(process, SIGKILL), 0);
+  application->setStatus("/file", 1);
+  std::vector<std::string> seen;
+  EXPECT_TRUE(Host::waitUntil([&] {
+    seen.push_back(emblem(*view, "file"));
+    return seen.back() == PENDING;
+  }));
+  EXPECT_THAT(seen, testing::Each(testing::AnyOf(SYNCED, PENDING)));
+  EXPECT_NE(client->extensionProcess(), process);
+}
+
+class PluginsWithoutExtension : public Plugins {
+ protected:
+  PluginsWithoutExtension() : Plugins(false) {}
+};
+
+TEST_F(PluginsWithoutExtension, AreSilent) {
+  startHost();
+  const auto view = openView("", "file");
+  const auto actions = host->newActions();
+  view->select({url("file")});
+  EXPECT_THAT(shown(entriesFor(*actions, {url("file")}, view.get())), IsEmpty());
+  bool later = false;
+  QTimer::singleShot(500, view.get(), [&] { later = true; });
+  ASSERT_TRUE(Host::waitUntil([&] { return later; }));
+  EXPECT_EQ(emblem(*view, "file"), "");
+  EXPECT_THAT(shown(entriesFor(*actions, {url("file")}, view.get())), IsEmpty());
+  EXPECT_LE(warnings.size(), 1u);
+}
+
+}  // namespace
+}  // namespace vornet::dolphin

@@ -1,0 +1,78 @@
+#include "Views.hpp"
+
+#include <KCoreDirLister>
+#include <QApplication>
+#include <QEvent>
+
+#include <algorithm>
+#include <vector>
+
+#include "plugin/Guarded.hpp"
+
+namespace vornet::dolphin {
+namespace {
+
+bool isView(const QObject& object) {
+  return object.inherits("DolphinView") || object.inherits("FoldersPanel");
+}
+
+}  // namespace
+
+Views::Views(plugin::Plugin& plugin) : plugin_(plugin) {
+  for (auto* widget : QApplication::allWidgets()) {
+    if (isView(*widget) && widget->isVisible()) add(*widget);
+  }
+  QCoreApplication::instance()->installEventFilter(this);
+}
+
+Views::~Views() = default;
+
+bool Views::show(const QUrl& url) const {
+  if (views_.empty()) return !KCoreDirLister::cachedItemForUrl(url).isNull();
+  return std::any_of(views_.begin(), views_.end(), [&url](const auto& view) { return view.second->shows(url); });
+}
+
+void Views::asked(const QUrl& url) {
+  for (const auto& [widget, view] : views_) view->asked(url);
+}
+
+bool Views::isBackground(const QUrl& url, const QWidget* parent) const {
+  std::vector<const View*> candidates;
+  for (const auto& [object, view] : views_) {
+    const QWidget& widget = view->widget();
+    const bool inWindow = !parent || widget.window() == parent->window();
+    if (inWindow && widget.isVisible() && widget.inherits("DolphinView")) candidates.push_back(view.get());
+  }
+  const auto inUse = [focus = QApplication::focusWidget()](const View* view) {
+    return focus && view->widget().isAncestorOf(focus);
+  };
+  const auto used = std::find_if(candidates.begin(), candidates.end(), inUse);
+  if (used != candidates.end()) candidates = {*used};
+  return std::any_of(candidates.begin(), candidates.end(),
+                     [&url](const View* view) { return view->url().matches(url, QUrl::StripTrailingSlash); });
+}
+
+bool Views::eventFilter(QObject* object, QEvent* event) {
+  const bool shown = event->type() == QEvent::Show;
+  if ((shown || event->type() == QEvent::Hide) && object->isWidgetType()) {
+    plugin::guarded([&] {
+      const auto known = views_.find(object);
+      if (known != views_.end()) {
+        known->second->visibilityChanged();
+      } else if (shown && isView(*object)) {
+        add(static_cast<QWidget&>(*object));
+      }
+    });
+  }
+  return QObject::eventFilter(object, event);
+}
+
+void Views::add(QWidget& widget) {
+  auto view = std::make_unique<View>(widget, plugin_);
+  connect(view.get(), &View::selected, this, &Views::selected);
+  connect(view.get(), &View::reappeared, this, &Views::reappeared);
+  connect(&widget, &QObject::destroyed, this, [this](const QObject* gone) { views_.erase(gone); });
+  views_.emplace(&widget, std::move(view));
+}
+
+}  // namespace vornet::dolphin

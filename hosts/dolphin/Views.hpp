@@ -1,0 +1,50 @@
+#pragma once
+
+#include <QObject>
+#include <QUrl>
+#include <QWidget>
+
+#include <map>
+#include <memory>
+
+#include "View.hpp"
+
+namespace vornet::dolphin {
+
+/// All views of the program. They are found by their class's name when they are shown first, among the events of the
+/// whole program. Main thread.
+class Views : public QObject {
+  Q_OBJECT
+ public:
+  /// `plugin` outlives it.
+  explicit Views(plugin::Plugin& plugin);
+  /// Hides what they show.
+  ~Views() override;
+
+  /// Whether the item at `url` is on screen. In a program that has no such view: whether it was until lately.
+  bool show(const QUrl& url) const;
+
+  /// The emblem of the item at `url` was asked for.
+  void asked(const QUrl& url);
+
+  /// Whether a menu in the window of `parent` for the folder at `url` alone is that of a view's background: the view in
+  /// use shows that very folder, so that it cannot be an item in it.
+  bool isBackground(const QUrl& url, const QWidget* parent) const;
+
+ Q_SIGNALS:
+  void selected(const KFileItemList& items);
+
+  /// Items that are on screen again, and for which nobody asks again.
+  void reappeared(const QList<QUrl>& items);
+
+ protected:
+  bool eventFilter(QObject* object, QEvent* event) override;
+
+ private:
+  void add(QWidget& widget);
+
+  plugin::Plugin& plugin_;
+  std::map<const QObject*, std::unique_ptr<View>> views_;
+};
+
+}  // namespace vornet::dolphin

@@ -1,0 +1,368 @@
+// The plug-in as Thunar has it: the built library, loaded by Thunar's own one, on a real message bus with
+// the real extension and the stand-in sync application. Without a display, so without the menu's widgets.
+#include <dlfcn.h>
+#include <gmock/gmock.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <optional>
+
+#include "FakeFiles.hpp"
+#include "Thunarx.hpp"
+#include "kelvane-sim/KelvaneSim.hpp"
+#include "support/BusClient.hpp"
+#include "support/Environment.hpp"
+#include "support/PrivateBus.hpp"
+#include "support/StartedProgram.hpp"
+
+// What Thunar's library loads plug-ins with; the collective header leaves it out.
+#define THUNARX_INSIDE_THUNARX_H
+extern "C" {
+#include <thunarx/thunarx-provider-module.h>
+}
+#undef THUNARX_INSIDE_THUNARX_H
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using vornet::sim::KelvaneSim;
+using vornet::test::BusClient;
+using vornet::test::Environment;
+using vornet::test::PrivateBus;
+using vornet::test::readFile;
+using vornet::test::ScopedVariable;
+using vornet::test::writeFile;
+using vornet::thunar::FakeFiles;
+
+namespace fs = std::filesystem;
+
+constexpr auto PATIENCE = 30s;
+
+/// A menu that Thunar shows: the entries, which it frees when the menu closes.
+class ShownMenu {
+ public:
+  explicit ShownMenu(GList* items = nullptr) : items_(items, thunarx_menu_item_list_free) {}
+
+  std::size_t size() const { return g_list_length(items_.get()); }
+  ThunarxMenuItem* item(const std::string& title) const {
+    for (auto* entry = items_.get(); entry; entry = entry->next) {
+      auto* item = THUNARX_MENU_ITEM(entry->data);
+      if (text(item, "label") == title) return item;
+    }
+    return nullptr;
+  }
+  std::vector<std::string> titles() const {
+    std::vector<std::string> result;
+    for (auto* entry = items_.get(); entry; entry = entry->next) {
+      result.push_back(text(THUNARX_MENU_ITEM(entry->data), "label"));
+    }
+    return result;
+  }
+  std::size_t enabled() const {
+    std::size_t result = 0;
+    for (auto* entry = items_.get(); entry; entry = entry->next) {
+      result += thunarx_menu_item_get_sensitive(THUNARX_MENU_ITEM(entry->data)) ? 1 : 0;
+    }
+    return result;
+  }
+  void choose(const std::string& title) const {
+    ASSERT_NE(item(title), nullptr) << title;
+    thunarx_menu_item_activate(item(title));
+  }
+  static std::string text(ThunarxMenuItem* item, const char* property) {
+    gchar* value = nullptr;
+    g_object_get(item, property, &value, nullptr);
+    const std::unique_ptr<gchar, decltype(&g_free)> owned(value, g_free);
+    return value ? value : "";
+  }
+
+ private:
+  std::unique_ptr<GList, decltype(&thunarx_menu_item_list_free)> items_;
+};
+
+class Thunar : public testing::Test {
+ protected:
+  Thunar() {
+    fs::create_directories(root + "/folder");
+    writeFile(root + "/file", "content");
+    writeFile(root + "/other", "content");
+  }
+  ~Thunar() override {
+    if (loaded) g_object_unref(loaded);
+    unload();
+    if (!bus) return;
+    const int process = BusClient(bus->address()).extensionProcess();
+    if (process > 0) ::kill(process, SIGCONT);
+    bus->stop();
+    vornet::test::waitForEnd(process);
+    EXPECT_THAT(readFile(bus->output()), Not(HasSubstr("Sanitizer"))) << "in the extension's process";
+    if (HasFailure()) std::fputs(readFile(bus->output()).c_str(), stderr);
+  }
+
+  /// Everything is synced when this returns; the plug-in is loaded.
+  void start() {
+    application.emplace(KelvaneSim::Options{.root = root,
+                                            .container = environment.container().string(),
+                                            .state = environment.folder() / "state",
+                                            .transferTime = 0ms});
+    application->start();
+    ASSERT_TRUE(application->waitUntilIdle(PATIENCE));
+    startBus(PrivateBus::buildTreeServices());
+  }
+  void startBus(const fs::path& services) {
+    bus.emplace(environment.folder().path() / "bus", services);
+    load();
+  }
+  void load() {
+    address.emplace("DBUS_SESSION_BUS_ADDRESS", bus->address());
+    // Thunar's library looks in its own folder only; the way from there goes through the root folder.
+    std::string way;
+    for (int i = 0; i < 16; ++i) way += "../";
+    auto* module = thunarx_provider_module_new((way + VORNET_THUNAR).c_str());
+    ASSERT_TRUE(g_type_module_use(G_TYPE_MODULE(module)));
+    ASSERT_TRUE(thunarx_provider_plugin_get_resident(THUNARX_PROVIDER_PLUGIN(module)));
+    const GType* types = nullptr;
+    int count = 0;
+    thunarx_provider_module_list_types(module, &types, &count);
+    ASSERT_EQ(count, 1);
+    loaded = THUNARX_MENU_PROVIDER(g_object_new(types[0], nullptr));
+  }
+  /// As Thunar does when it ends.
+  static void unload() {
+    void* library = dlopen(VORNET_THUNAR, RTLD_NOW | RTLD_NOLOAD);
+    if (!library) return;
+    reinterpret_cast<void (*)()>(dlsym(library, "thunar_extension_shutdown"))();
+    dlclose(library);
+  }
+
+  /// Asks the provider itself: without a display there is no window to ask for, as Thunar's library wants.
+  ThunarxMenuProviderIface* operations() const { return THUNARX_MENU_PROVIDER_GET_IFACE(loaded); }
+  ShownMenu menuOf(const FakeFiles& files) const {
+    return ShownMenu(operations()->get_file_menu_items(loaded, nullptr, files.list()));
+  }
+  ShownMenu menuOf(const std::vector<std::string>& urls) const {
+    const FakeFiles files(urls);
+    return menuOf(files);
+  }
+  std::string url(const std::string& name) const {
+    const std::unique_ptr<gchar, decltype(&g_free)> made(
+        g_filename_to_uri((root + "/" + name).c_str(), nullptr, nullptr), g_free);
+    return made.get();
+  }
+
+  /// Runs Thunar's main loop until `condition` holds; false after half a minute without.
+  static bool waitUntil(const std::function<bool()>& condition) {
+    const auto until = std::chrono::steady_clock::now() + PATIENCE;
+    const guint glance = g_timeout_add(
+        5, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
+    while (!condition() && std::chrono::steady_clock::now() < until) {
+      g_main_context_iteration(nullptr, TRUE);
+      while (g_main_context_iteration(nullptr, FALSE)) {
+      }
+    }
+    g_source_remove(glance);
+    return condition();
+  }
+  /// Asks until the sync application's answer is there, as a user would who opens the menu again.
+  ShownMenu answeredMenuOf(const std::vector<std::string>& urls) const {
+    ShownMenu menu;
+    EXPECT_TRUE(waitUntil([&] { return (menu = menuOf(urls)).enabled() > 0; }));
+    return menu;
+  }
+  bool isDone(const std::string& name, const std::vector<std::string>& paths) const {
+    const auto actions = application->actions();
+    return std::any_of(actions.begin(), actions.end(),
+                       [&](const auto& action) { return action.name == name && action.paths == paths; });
+  }
+
+  Environment environment;
+  const std::string root = environment.folder() / "root";
+  const ScopedVariable display{"DISPLAY", std::nullopt};
+  std::optional<KelvaneSim> application;
+  std::optional<PrivateBus> bus;
+  std::optional<ScopedVariable> address;
+  ThunarxMenuProvider* loaded = nullptr;
+};
+
+TEST_F(Thunar, ShowsTheEntriesThatTheSyncApplicationOffersAndLeavesTheOthersOut) {
+  start();
+  EXPECT_THAT(answeredMenuOf({url("file")}).titles(),
+              ElementsAre("Share", "Copy Link", "Comments", "View versions", "View in Cloud"));
+  EXPECT_THAT(answeredMenuOf({url("folder")}).titles(), ElementsAre("Share", "Copy Link", "Comments", "View in Cloud"));
+  const auto both = answeredMenuOf({url("file"), url("folder")});
+  EXPECT_THAT(both.titles(), ElementsAre("Share", "View in Cloud"));
+  EXPECT_EQ(ShownMenu::text(both.item("Share"), "icon"), "vornet-vi");
+}
+
+TEST_F(Thunar, EntriesShownBeforeTheAnswerAreGreyedAndFollowIt) {
+  start();
+  answeredMenuOf({url("file")});
+  const auto menu = menuOf({url("folder")});
+  EXPECT_EQ(menu.size(), 5u);
+  EXPECT_EQ(menu.enabled(), 0u);
+  ASSERT_TRUE(waitUntil([&] { return menu.enabled() > 0; }));
+  EXPECT_EQ(menu.enabled(), 4u);
+  EXPECT_FALSE(thunarx_menu_item_get_sensitive(menu.item("View versions")));
+}
+
+TEST_F(Thunar, AnOlderMenuDoesNotFollowTheAnswerToANewerSelection) {
+  start();
+  answeredMenuOf({url("other")});
+  const auto older = menuOf({url("folder")});
+  answeredMenuOf({url("file")});
+  EXPECT_EQ(older.enabled(), 0u);
+}
+
+TEST_F(Thunar, AChoiceIsPerformedOnTheSelectionThatTheMenuWasShownFor) {
+  start();
+  const auto menu = answeredMenuOf({url("file"), url("folder")});
+  answeredMenuOf({url("other")});
+  menu.choose("Share");
+  EXPECT_TRUE(waitUntil([&] { return isDone("Share", {"/file", "/folder/"}); }));
+  EXPECT_EQ(application->actions().size(), 1u);
+}
+
+TEST_F(Thunar, HasNoEntriesOutsideTheSyncedFolderNorForNothingNorForABackground) {
+  start();
+  answeredMenuOf({url("file")});
+  EXPECT_EQ(menuOf({"file:///etc/passwd"}).size(), 0u);
+  EXPECT_EQ(menuOf({url("file"), "file:///etc/passwd"}).size(), 0u);
+  EXPECT_EQ(menuOf({"file://" + root + "-beside/file"}).size(), 0u);
+  EXPECT_EQ(menuOf({"trash:///file"}).size(), 0u);
+  EXPECT_EQ(menuOf({url("file"), "sftp://host" + root + "/file"}).size(), 0u);
+  EXPECT_EQ(menuOf({}).size(), 0u);
+  EXPECT_EQ(operations()->get_folder_menu_items, nullptr);
+  EXPECT_GT(menuOf({url("file")}).size(), 0u);
+}
+
+TEST_F(Thunar, HasNoEntriesForMoreFilesThanAreWorthReading) {
+  start();
+  answeredMenuOf({url("file")});
+  std::vector<std::string> many(1000, url("file"));
+  EXPECT_GT(menuOf(many).size(), 0u);
+  many.push_back(url("file"));
+  EXPECT_EQ(menuOf(many).size(), 0u);
+}
+
+TEST_F(Thunar, OddNamesReachTheSyncApplicationAsTheyAre) {
+  const std::vector<std::string> names = {"with space",
+                                          "a:b",
+                                          "100%",
+                                          "100%25",
+                                          "a#b?c",
+                                          "two\nlines",
+                                          "\xF0\x9F\x98\x80",
+                                          "caf\xC3\xA9",
+                                          "cafe\xCC\x81",
+                                          std::string(255, 'x'),
+                                          "quote\"s & <tags>;",
+                                          "_under_score"};
+  for (const auto& name : names) writeFile(root + "/" + name, "content");
+  start();
+  for (const auto& name : names) {
+    application->setStatus("/" + name, 2);  // it takes not all of them by itself
+    const auto menu = answeredMenuOf({url(name)});
+    menu.choose("Copy Link");
+    EXPECT_TRUE(waitUntil([&] { return isDone("Copy Link", {"/" + name}); })) << name;
+  }
+}
+
+TEST_F(Thunar, HasNoEntriesForANameThatIsNotUtf8) {
+  writeFile(root + "/bytes\xFF", "");
+  start();
+  answeredMenuOf({url("file")});
+  EXPECT_EQ(menuOf({url("bytes\xFF")}).size(), 0u);
+  EXPECT_EQ(menuOf({url("file"), url("bytes\xFF")}).size(), 0u);
+}
+
+TEST_F(Thunar, WaitsForNothingWhileTheExtensionIsFrozen) {
+  start();
+  answeredMenuOf({url("file")});
+  BusClient client(bus->address());
+  const int process = client.extensionProcess();
+  ASSERT_GT(process, 0);
+  ASSERT_EQ(::kill(process, SIGSTOP), 0);
+  // Two thousand questions to a frozen process: had one waited for it, the test would not come to its end.
+  std::size_t enabled = 0;
+  for (int i = 0; i < 1000; ++i) {
+    const auto menu = menuOf({url("folder")});
+    enabled += menu.enabled() + menuOf({url("other")}).enabled();
+  }
+  EXPECT_EQ(enabled, 0u);
+  const auto menu = menuOf({url("folder")});
+  menu.choose("Share");
+  ASSERT_EQ(::kill(process, SIGCONT), 0);
+  EXPECT_TRUE(waitUntil([&] { return isDone("Share", {"/folder/"}); }));
+  EXPECT_TRUE(waitUntil([&] { return menu.enabled() == 4; }));
+}
+
+TEST_F(Thunar, SurvivesTheExtensionsDeath) {
+  start();
+  answeredMenuOf({url("file")});
+  BusClient client(bus->address());
+  const int process = client.extensionProcess();
+  ASSERT_EQ(::kill(process, SIGKILL), 0);
+  ASSERT_TRUE(waitUntil([&] { return client.extensionProcess() != process; }));
+  const auto menu = answeredMenuOf({url("folder")});
+  menu.choose("Share");
+  EXPECT_TRUE(waitUntil([&] { return isDone("Share", {"/folder/"}); }));
+  EXPECT_NE(client.extensionProcess(), process);
+}
+
+TEST_F(Thunar, IsSilentWhereTheExtensionIsNotInstalled) {
+  fs::create_directories(environment.folder() / "none");
+  startBus(environment.folder() / "none");
+  ::testing::internal::CaptureStderr();
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_EQ(menuOf({url(i % 2 == 0 ? "file" : "folder")}).size(), 0u);
+    for (int j = 0; j < 20; ++j) g_main_context_iteration(nullptr, FALSE);
+  }
+  const auto said = ::testing::internal::GetCapturedStderr();
+  EXPECT_LE(std::count(said.begin(), said.end(), '\n'), 2) << said;  // one warning: a line, and an empty one before it
+}
+
+TEST_F(Thunar, ObservesNoFolder) {
+  start();
+  answeredMenuOf({url("file")});
+  answeredMenuOf({url("folder")}).choose("Share");
+  ASSERT_TRUE(waitUntil([&] { return isDone("Share", {"/folder/"}); }));
+  EXPECT_THAT(readFile(environment.logFile()), Not(IsEmpty()));
+  EXPECT_THAT(readFile(environment.logFile()), Not(HasSubstr("ObservingDirectoryAtURL")));
+}
+
+TEST_F(Thunar, KeepsNothingOfWhatThunarHandsOutAndTakesBack) {
+  start();
+  answeredMenuOf({url("file")});
+  int living = 0;
+  const auto gone = [](gpointer count, GObject*) { --*static_cast<int*>(count); };
+  {
+    const FakeFiles files({url("file")});
+    const auto menu = menuOf(files);
+    ASSERT_EQ(menu.size(), 5u);
+    for (const auto& title : menu.titles()) {
+      g_object_weak_ref(G_OBJECT(menu.item(title)), gone, &living);
+      ++living;
+    }
+    g_object_weak_ref(G_OBJECT(files.list()->data), gone, &living);
+    ++living;
+  }
+  EXPECT_EQ(living, 0);
+}
+
+TEST_F(Thunar, AnEntryThatOutlivesThePluginDoesNothing) {
+  start();
+  const auto menu = answeredMenuOf({url("file")});
+  unload();
+  menu.choose("Share");
+  EXPECT_EQ(menuOf({url("file")}).size(), 0u);
+  EXPECT_THAT(application->actions(), IsEmpty());
+}
+
+}  // namespace

@@ -1,0 +1,174 @@
+"""What programs tell assistive technologies of their windows: found, read and acted on, by the messages of the accessibility
+bus (AT-SPI) themselves, so that every answer is of this moment."""
+
+from gi.repository import Gio, GLib
+
+from waiting import until
+
+MOST_CHILDREN = 400
+TIMEOUT = 10_000  # ms
+ROLES = {
+    8: "check menu item",
+    23: "frame",
+    26: "icon",
+    30: "layered pane",
+    31: "list",
+    34: "menu bar",
+    35: "menu item",
+    41: "popup menu",
+    45: "radio menu item",
+    56: "table cell",
+    63: "tool bar",
+    69: "window",
+}
+STATES = {"ENABLED": 8, "FOCUSED": 12, "SELECTED": 23, "SENSITIVE": 24, "SHOWING": 25}
+_ACCESSIBLE = "org.a11y.atspi.Accessible"
+
+
+def connect(address):
+    flags = Gio.DBusConnectionFlags.AUTHENTICATION_CLIENT | Gio.DBusConnectionFlags.MESSAGE_BUS_CONNECTION
+    return Gio.DBusConnection.new_for_address_sync(address, flags, None, None)
+
+
+class Bus:
+    """The accessibility bus of the session whose message bus has this address."""
+
+    def __init__(self, session_address):
+        session = connect(session_address)
+        arguments = ("org.a11y.Bus", "/org/a11y/bus", "org.a11y.Bus", "GetAddress", None, None, 0, TIMEOUT, None)
+        self._connection = connect(session.call_sync(*arguments).unpack()[0])
+
+    def call(self, owner, path, interface, method, arguments=None):
+        """The values of the answer; raises GLib.Error for what has vanished or has no such method."""
+        answer = self._connection.call_sync(owner, path, interface, method, arguments, None, 0, TIMEOUT, None)
+        return answer.unpack()
+
+    def application(self, process):
+        """What the program with this process id shows; none while it does not tell."""
+        root = Node(self, "org.a11y.atspi.Registry", "/org/a11y/atspi/accessible/root")
+        driver = ("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus")
+        for node in root.children():
+            try:
+                owner = GLib.Variant("(s)", (node.owner,))
+                if self.call(*driver, "GetConnectionUnixProcessID", owner)[0] == process:
+                    return node
+            except GLib.Error:
+                continue
+        return None
+
+
+class Node:
+    """One accessible. What it is asked when it has vanished has an empty answer; what it is told then raises GLib.Error."""
+
+    def __init__(self, bus, owner, path):
+        self._bus, self.owner, self.path = bus, owner, path
+
+    def __eq__(self, other):
+        return (self.owner, self.path) == (other.owner, other.path)
+
+    def __hash__(self):
+        return hash((self.owner, self.path))
+
+    def _call(self, interface, method, arguments=None):
+        return self._bus.call(self.owner, self.path, interface, method, arguments)
+
+    def _ask(self, otherwise, interface, method, arguments=None):
+        try:
+            return self._call(interface, method, arguments)
+        except GLib.Error:
+            return otherwise
+
+    def _property(self, interface, name, otherwise):
+        arguments = GLib.Variant("(ss)", (interface, name))
+        return self._ask((otherwise,), "org.freedesktop.DBus.Properties", "Get", arguments)[0]
+
+    def children(self):
+        found = self._ask(([],), _ACCESSIBLE, "GetChildren")[0]
+        return [Node(self._bus, *child) for child in found[:MOST_CHILDREN] if not child[1].endswith("/null")]
+
+    def parent(self):
+        return Node(self._bus, *self._property(_ACCESSIBLE, "Parent", (self.owner, self.path)))
+
+    def name(self):
+        return self._property(_ACCESSIBLE, "Name", "")
+
+    def role(self):
+        """One of ROLES; "" for others."""
+        return ROLES.get(self._ask((0,), _ACCESSIBLE, "GetRole")[0], "")
+
+    def has(self, state):
+        low, high = (self._ask(([0, 0],), _ACCESSIBLE, "GetState")[0] + [0, 0])[:2]
+        return bool((low | high << 32) >> STATES[state] & 1)
+
+    def extents(self, on_screen=True):
+        """(x, y, width, height) on the screen, or relative to its window; no width when it is nowhere."""
+        arguments = GLib.Variant("(u)", (0 if on_screen else 1,))
+        return tuple(self._ask(((0, 0, 0, 0),), "org.a11y.atspi.Component", "GetExtents", arguments)[0])
+
+    def act(self, action=None):
+        """Performs its action of this name, or its first."""
+        interface = "org.a11y.atspi.Action"
+        indices = [GLib.Variant("(i)", (index,)) for index in range(self._property(interface, "NActions", 0))]
+        names = [self._call(interface, "GetName", index)[0] for index in indices]
+        self._call(interface, "DoAction", indices[names.index(action) if action else 0])
+
+    def index(self):
+        return self._call(_ACCESSIBLE, "GetIndexInParent")[0]
+
+    def selected(self):
+        """Which of its children are selected."""
+        count = self._property("org.a11y.atspi.Selection", "NSelectedChildren", 0)
+        calls = [("org.a11y.atspi.Selection", "GetSelectedChild", GLib.Variant("(i)", (index,))) for index in range(count)]
+        return [Node(self._bus, *self._call(*call)[0]) for call in calls]
+
+    def select(self, child):
+        """Selects one child and no other, or with None nothing."""
+        self._call("org.a11y.atspi.Selection", "ClearSelection")
+        if child is not None:
+            self._call("org.a11y.atspi.Selection", "SelectChild", GLib.Variant("(i)", (child.index(),)))
+
+    def walk(self, pruned=()):
+        """Itself and everything below it, but what is below roles in `pruned`."""
+        queue = [self]
+        while queue:
+            node = queue.pop()
+            yield node
+            if not pruned or node.role() not in pruned:
+                queue += reversed(node.children())
+
+
+class FocusWatch:
+    """The accessibles that the focus comes to, while it is entered."""
+
+    EVENT = "object:state-changed:focused"
+    _REGISTRY = ("org.a11y.atspi.Registry", "/org/a11y/atspi/registry", "org.a11y.atspi.Registry")
+
+    def __init__(self, bus):
+        self._bus = bus
+        self.nodes = []
+
+    def __enter__(self):
+        self._bus.call(*self._REGISTRY, "RegisterEvent", GLib.Variant("(sass)", (self.EVENT, [], "")))
+        self._subscription = self._bus._connection.signal_subscribe(
+            None, "org.a11y.atspi.Event.Object", "StateChanged", None, "focused", 0, self._seen
+        )
+        return self
+
+    def _seen(self, _connection, sender, path, _interface, _signal, values):
+        if values[1] == 1:
+            self.nodes.append(Node(self._bus, sender, path))
+
+    def __exit__(self, *_):
+        self._bus._connection.signal_unsubscribe(self._subscription)
+        self._bus.call(*self._REGISTRY, "DeregisterEvent", GLib.Variant("(s)", (self.EVENT,)))
+
+    def wait_for(self, what, wanted):
+        """The first that satisfies `wanted`."""
+        context = GLib.MainContext.default()
+
+        def found():
+            while context.iteration(False):
+                pass
+            return next((node for node in self.nodes if wanted(node)), None)
+
+        return until(what, found)

@@ -1,0 +1,118 @@
+"""A desktop session that nobody sees: a display, a window manager, a message bus and a fresh home, for one file manager."""
+
+import os
+import pathlib
+import shutil
+
+import processes
+from screen import Screen
+from waiting import until
+
+SERVICE = "com.vornet.KelvaneSync.FinderBadgeExtension.service"
+EMBLEMS = {"SYNCED": "emblem-vornet-synced", "PENDING": "emblem-vornet-pending", "SKIPPED": "emblem-vornet-skipped"}
+# Colours that no theme has, to know each emblem by.
+COLOURS = {"SYNCED": (0x18, 0xA1, 0x34), "PENDING": (0x1C, 0x6B, 0xE0), "SKIPPED": (0xD4, 0x1E, 0x2F)}
+# Those of the emblems themselves (resources/images/scalable).
+REAL_COLOURS = {"SYNCED": (0x15, 0x7A, 0x35), "PENDING": (0x0F, 0x5C, 0xB8), "SKIPPED": (0xC3, 0x20, 0x1F)}
+KEPT = ("PATH", "TMPDIR")
+
+
+class Session:
+    """Makes the session in the empty folder `folder`, for the programs of the build tree `build`."""
+
+    def __init__(self, folder, build, size=(1280, 900)):
+        self.folder = pathlib.Path(folder)
+        self.build = pathlib.Path(build)
+        self.output = self.folder / "session.log"
+        self.data = self.folder / "home/.local/share"
+        self._processes = []
+        self._make_home()
+        self.environment = self._environment()
+        self._start(size)
+
+    def _make_home(self):
+        for name in ("home/.config/gtk-3.0", "home/.cache", "home/.local/state", "runtime", "screen", "colours"):
+            (self.folder / name).mkdir(parents=True, exist_ok=True)
+        (self.folder / "runtime").chmod(0o700)
+        (self.folder / "home/.config/gtk-3.0/settings.ini").write_text("[Settings]\ngtk-menu-images=1\n")
+        (self.folder / "home/.config/kdeglobals").write_text("[Icons]\nTheme=breeze\n")
+        emblems = self.folder / "colours/icons/hicolor/scalable/emblems"
+        emblems.mkdir(parents=True)
+        for badge, (red, green, blue) in COLOURS.items():
+            (emblems / f"{EMBLEMS[badge]}.svg").write_text(
+                '<svg xmlns="http://www.w3.org/2000/svg" width="16" height="16">'
+                f'<rect width="16" height="16" fill="#{red:02x}{green:02x}{blue:02x}"/></svg>\n'
+            )
+        self.install_extension()
+
+    def _environment(self):
+        home = self.folder / "home"
+        environment = {name: os.environ[name] for name in KEPT if name in os.environ}
+        environment.update(
+            HOME=str(home),
+            XDG_CONFIG_HOME=str(home / ".config"),
+            XDG_CACHE_HOME=str(home / ".cache"),
+            XDG_STATE_HOME=str(home / ".local/state"),
+            XDG_DATA_HOME=str(self.data),
+            XDG_DATA_DIRS=f"{self.folder}/colours:/usr/local/share:/usr/share",
+            XDG_RUNTIME_DIR=str(self.folder / "runtime"),
+            LANG="C.UTF-8",
+            LC_ALL="C.UTF-8",
+            GSETTINGS_BACKEND="memory",
+            GSK_RENDERER="cairo",
+            GTK_USE_PORTAL="0",
+            QT_LINUX_ACCESSIBILITY_ALWAYS_ON="1",
+            NO_AT_BRIDGE="0",
+        )
+        return environment
+
+    def _start(self, size):
+        display, display_in = os.pipe()
+        command = ["Xvfb", "-displayfd", display_in, "-screen", "0", f"{size[0]}x{size[1]}x24", "-nolisten", "tcp"]
+        command += ["-fbdir", self.folder / "screen", "-noreset"]
+        self._processes.append(processes.start(command, self.environment, self.output, pass_fds=[display_in]))
+        os.close(display_in)
+        self.environment["DISPLAY"] = ":" + self._first_line(display, "the display")
+        self.screen = Screen(self.folder / "screen/Xvfb_screen0")
+
+        address, address_in = os.pipe()
+        command = ["dbus-daemon", "--session", "--nofork", "--nopidfile", f"--print-address={address_in}"]
+        self._processes.append(processes.start(command, self.environment, self.output, pass_fds=[address_in]))
+        os.close(address_in)
+        self.environment["DBUS_SESSION_BUS_ADDRESS"] = self._first_line(address, "the message bus")
+        # The bindings of the accessibility bus and of the message bus take these from this process.
+        os.environ.update(self.environment)
+
+        self._processes.append(processes.start(["openbox"], self.environment, self.output))
+        check = ["xprop", "-root", "_NET_SUPPORTING_WM_CHECK"]
+        until("the window manager", lambda: "window id" in processes.run(check, self.environment))
+
+    def _first_line(self, descriptor, what):
+        with os.fdopen(descriptor, encoding="ascii") as file:
+            line = file.readline().strip()
+        if not line:
+            raise RuntimeError(f"{what} could not be started: {self.output.read_text(errors='replace')}")
+        return line
+
+    def install_extension(self):
+        """Puts the file that has the bus start the extension where the bus looks for it."""
+        services = self.data / "dbus-1/services"
+        services.mkdir(parents=True, exist_ok=True)
+        shutil.copy(self.build / "share/dbus-1/services" / SERVICE, services)
+
+    def remove_extension(self):
+        """Takes the file away again. The bus looks itself; who must be sure waits until the name cannot be activated."""
+        (self.data / "dbus-1/services" / SERVICE).unlink()
+
+    def environment_with_real_emblems(self):
+        """For a program that is started with it, the emblems look as they do for users."""
+        for cache in (self.folder / "home/.cache").glob("icon-cache*"):
+            cache.unlink()  # Dolphin's memory of the coloured ones
+        return dict(self.environment, XDG_DATA_DIRS=f"{self.build}/share:/usr/local/share:/usr/share")
+
+    def xdotool(self, *arguments):
+        return processes.run(["xdotool", *arguments], self.environment).strip()
+
+    def close(self):
+        for process in reversed(self._processes):
+            processes.end(process)
