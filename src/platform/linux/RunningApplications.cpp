@@ -9,8 +9,10 @@
 #include <charconv>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <mutex>
+#include <sstream>
 #include <string>
 
 #include "platform/AppKit.hpp"
@@ -81,6 +83,23 @@ void holdLockOfThisProcess(const fs::path& folder) {
   if (file.open() && ::flock(file.get(), LOCK_EX | LOCK_NB) == 0) held.emplace(path, std::move(file));
 }
 
+/// Whether the process is on its way out. Its files are closed one after another then, and some take a while: its lock
+/// may be held for some milliseconds after its connections are closed. Fields 3 and 9 of /proc/PID/stat, as in proc(5).
+bool isEnding(std::int64_t process) {
+  constexpr unsigned EXITING = 0x4;  // PF_EXITING of the kernel's sched.h
+  std::ifstream file("/proc/" + std::to_string(process) + "/stat");
+  std::string line;
+  if (!std::getline(file, line)) return false;  // not to be seen from here, of which the lock knows more
+  std::istringstream fields(line.substr(line.rfind(')') + 1));  // the name before may hold anything
+  char state = 0;
+  long skipped = 0;
+  unsigned flags = 0;
+  fields >> state;
+  for (int field = 4; field < 9; ++field) fields >> skipped;
+  fields >> flags;
+  return state == 'Z' || state == 'X' || (flags & EXITING) != 0;
+}
+
 /// Whether a process holds the lock file at `path`; a file that none holds is removed.
 bool isHeld(const fs::path& path) {
   const auto file = openLockFile(path);
@@ -110,7 +129,8 @@ std::vector<std::int64_t> runningApplicationsWithBundleIdentifier(std::string_vi
   if (own) holdLockOfThisProcess(folder);
   for (const auto& entry : fs::directory_iterator(folder, error)) {
     const auto identifier = identifierIn(entry.path().filename().string());
-    if (identifier && *identifier != ::getpid() && isHeld(entry.path())) running.push_back(*identifier);
+    if (!identifier || *identifier == ::getpid()) continue;
+    if (isHeld(entry.path()) && !isEnding(*identifier)) running.push_back(*identifier);
   }
   return running;
 }

@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <filesystem>
@@ -101,6 +103,29 @@ TEST_F(RunningApplications, ForgetAProcessThatWasKilled) {
   child->kill();
   EXPECT_THAT(running(), IsEmpty());
   EXPECT_FALSE(fs::exists(lockFile(child->identifier())));
+}
+
+TEST_F(RunningApplications, ForgetAProcessThatIsEndingWhileItsLockIsStillHeld) {
+  // What a killed process holds is let go of one after another; here its lock is held on by a child of it.
+  Gate leave;
+  ChildProcess child([&] {
+    become(APPLICATION);
+    running();
+    if (::fork() == 0) {
+      leave.pass();
+      ::_exit(0);
+    }
+    started.open();
+    end.pass();
+    return 0;
+  });
+  started.pass();
+  EXPECT_THAT(running(), ElementsAre(child.identifier()));
+  end.open();
+  siginfo_t ended = {};
+  ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(child.identifier()), &ended, WEXITED | WNOWAIT), 0);
+  EXPECT_THAT(running(), IsEmpty());
+  leave.open();
 }
 
 TEST_F(RunningApplications, ForgetFilesThatNobodyHolds) {
