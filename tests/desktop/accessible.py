@@ -62,6 +62,7 @@ class Node:
 
     def __init__(self, bus, owner, path):
         self._bus, self.owner, self.path = bus, owner, path
+        self._role = None
 
     def __eq__(self, other):
         return (self.owner, self.path) == (other.owner, other.path)
@@ -94,7 +95,9 @@ class Node:
 
     def role(self):
         """One of ROLES; "" for others."""
-        return ROLES.get(self._ask((0,), _ACCESSIBLE, "GetRole")[0], "")
+        if self._role is None:
+            self._role = ROLES.get(self._ask((0,), _ACCESSIBLE, "GetRole")[0], "")
+        return self._role
 
     def has(self, state):
         low, high = (self._ask(([0, 0],), _ACCESSIBLE, "GetState")[0] + [0, 0])[:2]
