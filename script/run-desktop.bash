@@ -91,13 +91,13 @@ show_in_window() {
 
   title "$proper opens it; the extension starts"
   "${command[@]}" >"$work/manager.log" 2>&1 </dev/null &
-  local window=$!
+  window=$!
   trap 'kill "$window" "$simulator" 2>/dev/null; wait "$window" "$simulator" 2>/dev/null || true' EXIT
   trap 'exit 0' INT TERM
   if [[ $manager == thunar ]]; then
     tell "Thunar has no place for badges; it shows the menu. The other file managers show both."
   else
-    tell "Badges: a check mark is synced, arrows are in progress, a cross is not synced. They turn by themselves."
+    tell "Badges: a check mark is synced, arrows are in progress, a red triangle is not synced. They turn by themselves."
     tell "Change a file in it, or add one, and see its badge."
   fi
 
