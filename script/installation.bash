@@ -59,7 +59,7 @@ find_rights() {
 # Only what lies where we install is ever removed, whatever a list says.
 is_ours() { [[ $1 != *..* && ($1 == "$prefix"/?* || ($user == yes && $1 == "$config"/?*)) ]]; }
 
-listed() { [[ ! -r $root$manifest ]] || sed -n "s/^$1 //p" "$root$manifest"; }
+listed() { [[ ! -r $root$manifest ]] || sed -n "s|^$1 /|/|p" "$root$manifest"; }
 
 # A stale icon-theme.cache hides new icons. One is kept where the system has one, and refreshed where there is any.
 refresh_icons() {

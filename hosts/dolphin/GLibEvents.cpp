@@ -13,8 +13,8 @@ std::vector<GPollFD> query(GMainContext* context, int priority, int& timeout) {
   std::vector<GPollFD> descriptors(8);
   for (;;) {
     const auto room = static_cast<gint>(descriptors.size());
-    const auto count = static_cast<std::size_t>(
-        g_main_context_query(context, priority, &timeout, descriptors.data(), room));
+    const auto count =
+        static_cast<std::size_t>(g_main_context_query(context, priority, &timeout, descriptors.data(), room));
     const bool all = count <= descriptors.size();
     descriptors.resize(count);
     if (all) return descriptors;

@@ -39,14 +39,21 @@ class GLibEventsTest : public testing::Test {
     return condition();
   }
 
-  /// Has `function` called from the context, by `source`.
-  void attach(GSource* source, std::function<gboolean()> function) {
+  /// Has `source` call `function`.
+  void setFunction(GSource* source, std::function<gboolean()> function) {
     functions.push_back(std::make_unique<std::function<gboolean()>>(std::move(function)));
     g_source_set_callback(
         source, [](gpointer data) { return (*static_cast<std::function<gboolean()>*>(data))(); },
         functions.back().get(), nullptr);
+  }
+  /// Gives `source` away to the context.
+  void attach(GSource* source) {
     g_source_attach(source, events.context());
     g_source_unref(source);
+  }
+  void attach(GSource* source, std::function<gboolean()> function) {
+    setFunction(source, std::move(function));
+    attach(source);
   }
 
   test::ScopedVariable withoutGLib{"QT_NO_GLIB", "1"};
@@ -78,17 +85,18 @@ TEST_F(GLibEventsTest, DispatchesTimeoutsInTheirOrderAndAsOftenAsTheyWant) {
 
 TEST_F(GLibEventsTest, NoticesASourceThatIsAddedWhileQtWaits) {
   bool called = false;
-  QTimer::singleShot(50ms, &application, [&] {
-    attach(g_idle_source_new(), [&] { return called = true, G_SOURCE_REMOVE; });
-  });
+  QTimer::singleShot(50ms, &application,
+                     [&] { attach(g_idle_source_new(), [&] { return called = true, G_SOURCE_REMOVE; }); });
   EXPECT_TRUE(runUntil([&] { return called; }));
 }
 
 TEST_F(GLibEventsTest, NoticesASourceThatAnotherThreadAdds) {
   bool called = false;
+  GSource* const source = g_idle_source_new();
+  setFunction(source, [&] { return called = true, G_SOURCE_REMOVE; });
   std::thread other([&] {
     std::this_thread::sleep_for(50ms);  // so that Qt is waiting
-    attach(g_idle_source_new(), [&] { return called = true, G_SOURCE_REMOVE; });
+    attach(source);
   });
   EXPECT_TRUE(runUntil([&] { return called; }));
   other.join();
@@ -108,8 +116,7 @@ TEST_F(GLibEventsTest, WatchesDescriptorsAsLongAsTheyAreWanted) {
     return byte == 'z' ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
   };
   g_source_set_callback(source, G_SOURCE_FUNC(static_cast<GUnixFDSourceFunc>(readable)), &context, nullptr);
-  g_source_attach(source, events.context());
-  g_source_unref(source);
+  attach(source);
   std::thread writer([&] {
     for (const char byte : {'x', 'y', 'z', 'a'}) EXPECT_EQ(::write(ends[1], &byte, 1), 1);
   });

@@ -59,8 +59,7 @@ Session::~Session() = default;
 
 QStringList Session::overlays(const QUrl& url) {
   const auto path = pathOf(url);
-  if (path.empty()) return {};
-  views_->asked(url);
+  if (path.empty() || !views_->asked(url)) return {};
   const auto icon = plugin_->emblem(path, std::make_unique<Shown>(*this, url));
   return icon.empty() ? QStringList() : QStringList(QString::fromStdString(icon));
 }

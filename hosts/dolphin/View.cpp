@@ -24,7 +24,7 @@ bool hasSignal(const QObject& object, const char* signature) {
 }  // namespace
 
 View::View(QWidget& widget, plugin::Plugin& plugin)
-    : widget_(widget), plugin_(plugin), url_(widget.property("url").toUrl()) {
+    : widget_(widget), plugin_(plugin), url_(widget.property("url").toUrl()), wasHidden_(!widget.isVisible()) {
   if (hasSignal(widget, "urlChanged(QUrl)")) {
     connect(&widget, SIGNAL(urlChanged(QUrl)), this, SLOT(onURLChanged(QUrl)));
   }
@@ -66,8 +66,14 @@ bool View::shows(const QUrl& url) const {
   return widget_.isVisible() && (lists(url) || (asked_.contains(url) && showsResults()));
 }
 
-void View::asked(const QUrl& url) {
-  if (widget_.isVisible() && (lists(url) || showsResults())) asked_.insert(url);
+bool View::asked(const QUrl& url) {
+  if (!lists(url)) return false;
+  asked_.insert(url);
+  return true;
+}
+
+void View::askedForResult(const QUrl& url) {
+  if (widget_.isVisible() && showsResults()) asked_.insert(url);
 }
 
 void View::onURLChanged(const QUrl& url) {
@@ -117,13 +123,14 @@ void View::follow(KCoreDirLister& lister) {
 
 void View::compareSoon() {
   if (std::exchange(comparing_, true)) return;
-  QMetaObject::invokeMethod(this, [this] { plugin::guarded([this] { compare(); }); }, Qt::QueuedConnection);
+  QMetaObject::invokeMethod(
+      this, [this] { plugin::guarded([this] { compare(); }); }, Qt::QueuedConnection);
 }
 
 void View::compare() {
   comparing_ = false;
-  if (!widget_.isVisible()) return;
   findListers();
+  if (!widget_.isVisible()) return;
   show(foldersOnScreen());
   if (std::exchange(wasHidden_, false) && !asked_.isEmpty()) Q_EMIT reappeared(asked_.values());
 }

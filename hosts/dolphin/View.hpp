@@ -17,8 +17,8 @@
 namespace vornet::dolphin {
 
 /// One of Dolphin's views (a tab, a side of a split window, the panel of folders): tells the plug-ins' library which
-/// folders it has on screen, and tells what is selected in it. It knows the widget by signals' names, properties and the
-/// directory listers among its children, and does without any of them that is missing. Main thread.
+/// folders it has on screen, and tells what is selected in it. It knows the widget by signals' names, properties and
+/// the directory listers among its children, and does without any of them that is missing. Main thread.
 class View : public QObject {
   Q_OBJECT
  public:
@@ -37,8 +37,10 @@ class View : public QObject {
   /// Whether the item at `url` is on screen in it, or a scroll away.
   bool shows(const QUrl& url) const;
 
-  /// The emblem of the item at `url` was asked for, by this view or another.
-  void asked(const QUrl& url);
+  /// The emblem of the item at `url` was asked for, by this view or another. Whether this one lists it, be it hidden.
+  bool asked(const QUrl& url);
+  /// And no view lists it: where this one shows the results of a search, it is one of them.
+  void askedForResult(const QUrl& url);
 
  Q_SIGNALS:
   void selected(const KFileItemList& items);
@@ -71,7 +73,7 @@ class View : public QObject {
   std::multiset<std::string> folders_;  ///< on screen, as the library has been told
   QSet<QUrl> asked_;                    ///< its items whose emblems were asked for since they were listed
   bool comparing_ = false;              ///< soon
-  bool wasHidden_ = false;              ///< since it was compared last
+  bool wasHidden_;                      ///< since it was compared last
 };
 
 }  // namespace vornet::dolphin

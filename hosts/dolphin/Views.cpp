@@ -3,6 +3,7 @@
 #include <KCoreDirLister>
 #include <QApplication>
 #include <QEvent>
+#include <QPointer>
 
 #include <algorithm>
 #include <vector>
@@ -20,7 +21,7 @@ bool isView(const QObject& object) {
 
 Views::Views(plugin::Plugin& plugin) : plugin_(plugin) {
   for (auto* widget : QApplication::allWidgets()) {
-    if (isView(*widget) && widget->isVisible()) add(*widget);
+    if (isView(*widget)) findSoon(*widget);
   }
   QCoreApplication::instance()->installEventFilter(this);
 }
@@ -32,8 +33,15 @@ bool Views::show(const QUrl& url) const {
   return std::any_of(views_.begin(), views_.end(), [&url](const auto& view) { return view.second->shows(url); });
 }
 
-void Views::asked(const QUrl& url) {
-  for (const auto& [widget, view] : views_) view->asked(url);
+bool Views::asked(const QUrl& url) {
+  bool visible = false;
+  bool hidden = false;
+  for (const auto& [object, view] : views_) {
+    if (view->asked(url)) (view->widget().isVisible() ? visible : hidden) = true;
+  }
+  if (visible || hidden) return visible;
+  for (const auto& [object, view] : views_) view->askedForResult(url);
+  return true;
 }
 
 bool Views::isBackground(const QUrl& url, const QWidget* parent) const {
@@ -53,18 +61,28 @@ bool Views::isBackground(const QUrl& url, const QWidget* parent) const {
 }
 
 bool Views::eventFilter(QObject* object, QEvent* event) {
-  const bool shown = event->type() == QEvent::Show;
-  if ((shown || event->type() == QEvent::Hide) && object->isWidgetType()) {
+  const auto type = event->type();
+  if ((type == QEvent::Show || type == QEvent::Hide || type == QEvent::ChildAdded) && object->isWidgetType()) {
     plugin::guarded([&] {
       const auto known = views_.find(object);
-      if (known != views_.end()) {
+      if (known == views_.end()) {
+        if (isView(*object)) findSoon(static_cast<QWidget&>(*object));
+      } else if (type != QEvent::ChildAdded) {
         known->second->visibilityChanged();
-      } else if (shown && isView(*object)) {
-        add(static_cast<QWidget&>(*object));
       }
     });
   }
   return QObject::eventFilter(object, event);
+}
+
+/// Its constructor may be at work still.
+void Views::findSoon(QWidget& widget) {
+  const auto find = [this, found = QPointer<QWidget>(&widget)] {
+    plugin::guarded([&] {
+      if (found && views_.count(found) == 0) add(*found);
+    });
+  };
+  QMetaObject::invokeMethod(this, find, Qt::QueuedConnection);
 }
 
 void Views::add(QWidget& widget) {

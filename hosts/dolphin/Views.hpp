@@ -11,8 +11,7 @@
 
 namespace vornet::dolphin {
 
-/// All views of the program. They are found by their class's name when they are shown first, among the events of the
-/// whole program. Main thread.
+/// All views of the program. They are found by their class's name, among the events of the whole program. Main thread.
 class Views : public QObject {
   Q_OBJECT
  public:
@@ -24,8 +23,9 @@ class Views : public QObject {
   /// Whether the item at `url` is on screen. In a program that has no such view: whether it was until lately.
   bool show(const QUrl& url) const;
 
-  /// The emblem of the item at `url` was asked for.
-  void asked(const QUrl& url);
+  /// The emblem of the item at `url` was asked for. Whether it may be on screen: it is not known to be in hidden views
+  /// alone, which will ask when they are shown.
+  bool asked(const QUrl& url);
 
   /// Whether a menu in the window of `parent` for the folder at `url` alone is that of a view's background: the view in
   /// use shows that very folder, so that it cannot be an item in it.
@@ -41,6 +41,7 @@ class Views : public QObject {
   bool eventFilter(QObject* object, QEvent* event) override;
 
  private:
+  void findSoon(QWidget& widget);
   void add(QWidget& widget);
 
   plugin::Plugin& plugin_;

@@ -1,5 +1,6 @@
-// The file manager asks for a widget to stand above the items of each folder that it shows in a tab or pane. It maps the
-// widget while the folder is to be seen, and destroys it when the folder is left: an empty one tells all that happens.
+// The file manager asks for a widget to stand above the items of each folder that it shows in a tab or pane. It maps
+// the widget while the folder is to be seen, and destroys it when the folder is left: an empty one tells all that
+// happens.
 #include <gtk/gtk.h>
 
 #include <memory>

@@ -13,9 +13,9 @@ namespace vornet::gtk {
 
 class Module;
 
-/// The items of the folders that tabs hold, in front or not. A file manager asks for an item's emblem once, and then not
-/// again until the item is invalidated: not when its tab comes to the front again, and not when the user comes back to
-/// the folder. The shared library forgets what is not on screen. So the items are kept here while a tab holds their
+/// The items of the folders that tabs hold, in front or not. A file manager asks for an item's emblem once, and then
+/// not again until the item is invalidated: not when its tab comes to the front again, and not when the user comes back
+/// to the folder. The shared library forgets what is not on screen. So the items are kept here while a tab holds their
 /// folder, shown to the library when it comes to the front, and invalidated when the last tab has left it. The main
 /// thread's.
 class KnownItems {
@@ -42,7 +42,7 @@ class KnownItems {
   struct Folder {
     int tabs = 0;
     int shown = 0;
-    gint64 leftAt = 0;  ///< when the last tab left it; monotonic, in microseconds
+    gint64 leftAt = 0;                            ///< when the last tab left it; monotonic, in microseconds
     std::unordered_map<std::string, Item> items;  ///< by name
     std::size_t crowded = 1024;                   ///< so many items are looked through for those that are no more
   };

@@ -2,8 +2,8 @@
 
 // The file manager that is compiled for, under names common to all of them. No other file knows what it is called.
 //
-// VORNET_NAME(X) is its type X, VORNET_INTERFACE(X) the functions of its interface X, VORNET_CALL(x) its function x, and
-// VORNET_CONSTANT(X) its constant X.
+// VORNET_NAME(X) is its type X, VORNET_INTERFACE(X) the functions of its interface X, VORNET_CALL(x) its function x,
+// and VORNET_CONSTANT(X) its constant X.
 #include <gio/gio.h>
 
 #if defined(VORNET_FOR_NAUTILUS)

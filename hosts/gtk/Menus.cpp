@@ -19,8 +19,7 @@ constexpr std::size_t MOST_REMEMBERED = 8;
 }  // namespace
 
 plugin::Menu Menus::menu(const plugin::Selection& selection) {
-  const bool isEcho =
-      changedAt_ != 0 && g_get_monotonic_time() - changedAt_ < std::chrono::microseconds(ECHO).count();
+  const bool isEcho = changedAt_ != 0 && g_get_monotonic_time() - changedAt_ < std::chrono::microseconds(ECHO).count();
   if (isEcho && selection != last_) {
     const auto found = std::ranges::find(remembered_, selection, &decltype(remembered_)::value_type::first);
     if (found != remembered_.end()) return found->second;

@@ -31,7 +31,7 @@ class Menus {
   Module& module_;
   plugin::Selection last_;
   std::list<std::pair<plugin::Selection, plugin::Menu>> remembered_;  ///< the latest first
-  gint64 changedAt_ = 0;  ///< monotonic, in microseconds
+  gint64 changedAt_ = 0;                                              ///< monotonic, in microseconds
 };
 
 }  // namespace vornet::gtk

@@ -155,7 +155,8 @@ class NautilusWindows : public FolderWatch {
  private:
   static void added(GObject*, GObject* window, gpointer self) {
     tell<NautilusWindows>(self, [window](NautilusWindows& all) {
-      const bool known = std::ranges::any_of(all.windows_, [window](const auto& one) { return one->object() == window; });
+      const bool known =
+          std::ranges::any_of(all.windows_, [window](const auto& one) { return one->object() == window; });
       if (window && !known && Window::isKnown(window)) all.windows_.push_back(std::make_unique<Window>(window));
     });
   }
@@ -179,7 +180,8 @@ class NautilusWindows : public FolderWatch {
 
 std::unique_ptr<FolderWatch> FolderWatch::make() {
   auto* application = reinterpret_cast<GObject*>(g_application_get_default());
-  if (!application || !hasObjectSignal(application, "window-added") || !hasObjectSignal(application, "window-removed")) {
+  if (!application || !hasObjectSignal(application, "window-added") ||
+      !hasObjectSignal(application, "window-removed")) {
     return nullptr;
   }
   return std::make_unique<NautilusWindows>(application);

@@ -66,8 +66,8 @@ void initialise(GTypeInstance* provider, gpointer) {
 }  // namespace
 
 GType registerProvider(GTypeModule* types) {
-  constexpr GTypeInfo description = {
-      sizeof(GObjectClass), nullptr, nullptr, nullptr, nullptr, nullptr, sizeof(GObject), 0, initialise, nullptr};
+  constexpr GTypeInfo description = {sizeof(GObjectClass), nullptr, nullptr,    nullptr, nullptr, nullptr,
+                                     sizeof(GObject),      0,       initialise, nullptr};
   constexpr GInterfaceInfo infoProvider = {initialiseInfoProvider, nullptr, nullptr};
   constexpr GInterfaceInfo menuProvider = {initialiseMenuProvider, nullptr, nullptr};
   const GType type = g_type_module_register_type(types, G_TYPE_OBJECT, "VornetProvider", &description, GTypeFlags{});

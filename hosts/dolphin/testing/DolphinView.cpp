@@ -1,5 +1,7 @@
 #include "DolphinView.hpp"
 
+#include <utility>
+
 DolphinView::DolphinView(KOverlayIconPlugin* overlays, QWidget* parent)
     : QWidget(parent), overlays_(overlays), model_(new QObject(this)), lister_(new KDirLister(model_)) {
   lister_->KCoreDirLister::setAutoErrorHandlingEnabled(false);
@@ -18,8 +20,12 @@ DolphinView::~DolphinView() {
   delete lister_;  // it tells that its items go
 }
 
+void DolphinView::loseLister() {
+  delete std::exchange(lister_, nullptr);
+}
+
 void DolphinView::open(const QUrl& folder) {
-  lister_->openUrl(folder);
+  if (lister_) lister_->openUrl(folder);
   Q_EMIT urlChanged(folder);
 }
 

@@ -9,13 +9,16 @@
 
 #include <map>
 
-/// A view as Dolphin 22.12 has it, as far as the plug-ins see it: the class's name, its signals, a directory lister among
-/// its children; asks for the emblems of what it lists, once, and again for an item that overlaysChanged names.
+/// A view as Dolphin 22.12 has it, as far as the plug-ins see it: the class's name, its signals, a directory lister
+/// among its children; asks for the emblems of what it lists, once, and again for an item that overlaysChanged names.
 class DolphinView : public QWidget {
   Q_OBJECT
  public:
   explicit DolphinView(KOverlayIconPlugin* overlays, QWidget* parent = nullptr);
   ~DolphinView() override;
+
+  /// From now on it is a view that works in another way: nothing in it can be found but its signals.
+  void loseLister();
 
   void open(const QUrl& folder);
   void openBranch(const QUrl& folder);

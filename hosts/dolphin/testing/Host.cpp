@@ -5,6 +5,7 @@
 #include <KPluginFactory>
 #include <KPluginMetaData>
 #include <QElapsedTimer>
+#include <QEvent>
 #include <QEventLoop>
 #include <QPluginLoader>
 #include <QTimer>
@@ -27,7 +28,10 @@ Host::Host() {
   QApplication::setQuitOnLastWindowClosed(false);
 }
 
-Host::~Host() = default;
+Host::~Host() {
+  settle();  // KDE's jobs that were given up
+  QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+}
 
 KOverlayIconPlugin* Host::overlays() {
   if (overlays_) return overlays_;

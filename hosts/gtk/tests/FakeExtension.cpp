@@ -43,7 +43,8 @@ std::vector<std::string> pathsIn(GVariant* arguments, gsize index) {
 /// The fourth entry does not apply.
 GVariant* menuEntries() {
   return g_variant_new_parsed(
-      "([('Share', 'share:', true, 'QMT'), ('Copy Link', 'copyLink:', true, 'QMT'), ('Comments', 'notes:', true, 'QMT'), "
+      "([('Share', 'share:', true, 'QMT'), ('Copy Link', 'copyLink:', true, 'QMT'), ('Comments', 'notes:', true, "
+      "'QMT'), "
       "('View versions', 'viewVersions:', false, 'QMT'), ('View in Cloud', 'viewInCloud:', true, 'QMT')],)");
 }
 
@@ -59,19 +60,17 @@ Value* checked(Value* value, GError* error) {
 
 FakeExtension::FakeExtension(const std::string& address, const std::string& root) : root_(root) {
   GError* error = nullptr;
-  connection_ = checked(
-      g_dbus_connection_new_for_address_sync(
-          address.c_str(),
-          static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                            G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-          nullptr, nullptr, &error),
-      error);
+  connection_ = checked(g_dbus_connection_new_for_address_sync(
+                            address.c_str(),
+                            static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                              G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+                            nullptr, nullptr, &error),
+                        error);
   description_ = checked(g_dbus_node_info_new_for_xml(readFile(VORNET_INTERFACE_FILE).c_str(), &error), error);
   static const GDBusInterfaceVTable functions = {
       [](GDBusConnection*, const gchar* sender, const gchar*, const gchar*, const gchar* method, GVariant* arguments,
-         GDBusMethodInvocation* invocation, gpointer self) {
-        static_cast<FakeExtension*>(self)->called(sender, method, arguments, invocation);
-      },
+         GDBusMethodInvocation* invocation,
+         gpointer self) { static_cast<FakeExtension*>(self)->called(sender, method, arguments, invocation); },
       [](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* property, GError**,
          gpointer self) -> GVariant* {
         if (std::string(property) == "ObservedFolders") {
@@ -87,11 +86,11 @@ FakeExtension::FakeExtension(const std::string& address, const std::string& root
   object_ = g_dbus_connection_register_object(connection_, OBJECT_PATH,
                                               g_dbus_node_info_lookup_interface(description_, INTERFACE), &functions,
                                               this, nullptr, &error);
-  GVariant* owned = checked(
-      g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                                  "RequestName", g_variant_new("(su)", NAME, 4), nullptr, G_DBUS_CALL_FLAGS_NONE, -1,
-                                  nullptr, &error),
-      error);
+  GVariant* owned =
+      checked(g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                          "org.freedesktop.DBus", "RequestName", g_variant_new("(su)", NAME, 4),
+                                          nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error),
+              error);
   g_variant_unref(owned);
 }
 
@@ -153,11 +152,11 @@ void FakeExtension::setBadge(const std::string& path, const std::string& identif
 
 bool FakeExtension::clientIsConnected() const {
   GError* error = nullptr;
-  GVariant* answer = checked(
-      g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                                  "NameHasOwner", g_variant_new("(s)", client_.c_str()), nullptr,
-                                  G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error),
-      error);
+  GVariant* answer =
+      checked(g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                          "org.freedesktop.DBus", "NameHasOwner", g_variant_new("(s)", client_.c_str()),
+                                          nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error),
+              error);
   gboolean connected = FALSE;
   g_variant_get(answer, "(b)", &connected);
   g_variant_unref(answer);

@@ -19,7 +19,8 @@ class FakeExtension {
     bool operator==(const Performed&) const = default;
   };
 
-  /// `root`: the folder that it says is synced. When this returns, it owns the extension's name on the bus at `address`.
+  /// `root`: the folder that it says is synced. When this returns, it owns the extension's name on the bus at
+  /// `address`.
   FakeExtension(const std::string& address, const std::string& root);
   ~FakeExtension();
   FakeExtension(const FakeExtension&) = delete;

@@ -29,8 +29,8 @@ struct FakeFile::Object {
     g_closure_ref(closure);
     g_closure_sink(closure);
     OperationHandle* handle = nullptr;
-    const auto result = VORNET_CALL(info_provider_update_file_info)(
-        *state->provider, reinterpret_cast<FileInfo*>(this), closure, &handle);
+    const auto result = VORNET_CALL(info_provider_update_file_info)(*state->provider, reinterpret_cast<FileInfo*>(this),
+                                                                    closure, &handle);
     g_closure_unref(closure);
     return result;
   }
@@ -72,8 +72,8 @@ GType FakeFile::type() {
         Object::of(file)->askSoon();
       };
     };
-    const GTypeInfo description = {
-        sizeof(Class), nullptr, nullptr, initialiseClass, nullptr, nullptr, sizeof(Object), 0, initialise, nullptr};
+    const GTypeInfo description = {sizeof(Class), nullptr,        nullptr, initialiseClass, nullptr,
+                                   nullptr,       sizeof(Object), 0,       initialise,      nullptr};
     const GInterfaceInfo fileInfo = {initialiseInterface, nullptr, nullptr};
     const GType made = g_type_register_static(G_TYPE_OBJECT, "VornetFakeFile", &description, GTypeFlags{});
     g_type_add_interface_static(made, VORNET_CONSTANT(TYPE_FILE_INFO), &fileInfo);

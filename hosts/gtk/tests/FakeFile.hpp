@@ -8,8 +8,8 @@
 namespace vornet::test {
 
 /// A file as a file manager holds it: an object with the file manager's FileInfo interface. The object's user asks the
-/// plug-in for the emblem with `ask`; it is asked again by itself after it was invalidated, from the main loop, while it
-/// is watched. What is invalidated and not watched is asked for with the next `watch`. Not thread-safe.
+/// plug-in for the emblem with `ask`; it is asked again by itself after it was invalidated, from the main loop, while
+/// it is watched. What is invalidated and not watched is asked for with the next `watch`. Not thread-safe.
 class FakeFile {
  public:
   /// `url` names it; any scheme. `provider` is the plug-in's, not owned, null once it has gone.

@@ -19,8 +19,8 @@ using namespace std::chrono_literals;
 /// A display of the test's own.
 struct FakeWindows::Parts {
   Parts()
-      : server({VORNET_XVFB, "-displayfd", "1", "-screen", "0", "640x480x24", "-nolisten", "tcp"}, {},
-               folder / "server.output") {
+      : server({VORNET_XVFB, "-displayfd", "1", "-screen", "0", "640x480x24", "-nolisten", "tcp", "-extension", "GLX"},
+               {}, folder / "server.output") {
     const auto until = std::chrono::steady_clock::now() + 30s;
     std::string number;
     while (!number.ends_with('\n')) {  // printed once it takes clients
@@ -44,9 +44,7 @@ FakeWindows::FakeWindows() : parts_(std::make_unique<Parts>()) {
   if (!gtk_init_check(nullptr, nullptr)) throw std::runtime_error("the display takes no clients");
 }
 
-FakeWindows::~FakeWindows() {
-  gdk_display_close(gdk_display_get_default());
-}
+FakeWindows::~FakeWindows() = default;  // the display is GTK's until the process ends
 
 struct FakeWindow::Parts {
   LocationWidgetProvider* provider;
@@ -55,8 +53,7 @@ struct FakeWindow::Parts {
   std::vector<GtkWidget*> tabs;
 
   void fill(GtkWidget* box, const std::string& url) {
-    GtkWidget* widget =
-        VORNET_CALL(location_widget_provider_get_widget)(provider, url.c_str(), window);
+    GtkWidget* widget = VORNET_CALL(location_widget_provider_get_widget)(provider, url.c_str(), window);
     if (!widget) return;
     gtk_box_pack_start(GTK_BOX(box), widget, TRUE, TRUE, 0);
     gtk_widget_show(widget);

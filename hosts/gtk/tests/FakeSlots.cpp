@@ -59,11 +59,12 @@ bool FakeSlots::slotsHaveLocations = true;
 bool FakeSlots::slotsAreActive = true;
 
 GObject* FakeSlots::newApplication() {
-  static const GType type = registerType<GApplication>("VornetFakeApplication", G_TYPE_APPLICATION, [](gpointer made, gpointer) {
-    if (!applicationTellsOfWindows) return;
-    addObjectSignal(made, "window-added");
-    addObjectSignal(made, "window-removed");
-  });
+  static const GType type =
+      registerType<GApplication>("VornetFakeApplication", G_TYPE_APPLICATION, [](gpointer made, gpointer) {
+        if (!applicationTellsOfWindows) return;
+        addObjectSignal(made, "window-added");
+        addObjectSignal(made, "window-removed");
+      });
   return static_cast<GObject*>(g_object_new(type, "application-id", "com.vornet.Test", nullptr));
 }
 
@@ -134,7 +135,8 @@ FakeWindow::FakeWindow(FakeWindows& windows, TestHost&)
 FakeWindow::~FakeWindow() {
   // As Nautilus closes one: the tabs go with it, and the application is told last.
   for (Tab tab = 0; tab < parts_->slots.size(); ++tab) close(tab);
-  if (FakeSlots::applicationTellsOfWindows) g_signal_emit_by_name(parts_->application, "window-removed", parts_->window);
+  if (FakeSlots::applicationTellsOfWindows)
+    g_signal_emit_by_name(parts_->application, "window-removed", parts_->window);
   g_object_unref(parts_->window);
 }
 

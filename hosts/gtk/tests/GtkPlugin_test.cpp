@@ -1,4 +1,5 @@
-// The built plug-in as the file manager loads it, on a real message bus: emblems and menus. Compiled for each file manager.
+// The built plug-in as the file manager loads it, on a real message bus: emblems and menus. Compiled for each file
+// manager.
 #include <gmock/gmock.h>
 #include <signal.h>
 
@@ -156,10 +157,10 @@ TEST_F(VORNET_PLUGIN_SUITE, ShowsNothingOutsideTheSyncedFolder) {
   writeFile(sibling, "");
   startReal();
   std::vector<std::unique_ptr<FakeFile>> others;
-  for (const auto& file : {outside, sibling, std::string("/"), std::string("trash:///file"),
-                           std::string("sftp://host") + root + "/file", std::string("recent:///1234"),
-                           std::string("file://host") + root + "/file", std::string("file:///%00"), std::string("file:"),
-                           std::string()}) {
+  for (const auto& file :
+       {outside, sibling, std::string("/"), std::string("trash:///file"), std::string("sftp://host") + root + "/file",
+        std::string("recent:///1234"), std::string("file://host") + root + "/file", std::string("file:///%00"),
+        std::string("file:"), std::string()}) {
     others.push_back(file.starts_with("/") ? host->watchedFile(file) : host->file(file));
     others.back()->watch();
   }
@@ -321,9 +322,7 @@ TEST_F(VORNET_PLUGIN_SUITE, ComesToRestWithSeveralWindowsThatEachAskForTheirOwnS
     updates = host->itemsUpdated();
     for (std::size_t i = 0; i < selections.size(); ++i) menus[i] = host->menu(selections[i]);
   };
-  const auto isAnswered = [&](std::size_t i) {
-    return std::ranges::any_of(menus[i], &TestHost::Entry::sensitive);
-  };
+  const auto isAnswered = [&](std::size_t i) { return std::ranges::any_of(menus[i], &TestHost::Entry::sensitive); };
   ASSERT_TRUE(host->waitUntil([&] {
     askAgain();
     return isAnswered(0) && isAnswered(1) && isAnswered(3);
@@ -368,9 +367,8 @@ TEST_F(VORNET_PLUGIN_SUITE, IsSilentWhereTheExtensionIsNotInstalled) {
   std::vector<std::unique_ptr<FakeFile>> files;
   for (int i = 0; i < 100; ++i) files.push_back(shown(std::to_string(i)));
   for (int round = 0; round < 3; ++round) {
-    ASSERT_TRUE(host->waitUntil([&] {
-      return std::ranges::all_of(files, [&](const auto& file) { return file->questions() > round; });
-    }));
+    ASSERT_TRUE(host->waitUntil(
+        [&] { return std::ranges::all_of(files, [&](const auto& file) { return file->questions() > round; }); }));
     for (const auto& file : files) {
       EXPECT_THAT(file->emblems(), IsEmpty());
       file->ask();

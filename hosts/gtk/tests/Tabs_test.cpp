@@ -139,7 +139,8 @@ TEST_F(VORNET_TABS_SUITE, AClosedWindowTakesAllItsTabsAndPanesAlong) {
 
 TEST_F(VORNET_TABS_SUITE, ObservesNothingThatIsNoLocalFolder) {
   std::vector<FakeWindow::Tab> tabs;
-  for (const char* other : {"trash:///", "sftp://host/root", "recent:///", "file://host/root", "search:///?q", "file:///%00"}) {
+  for (const char* other :
+       {"trash:///", "sftp://host/root", "recent:///", "file://host/root", "search:///?q", "file:///%00"}) {
     tabs.push_back(window->open(other));
   }
   window->open(url("with%20space%23"));
