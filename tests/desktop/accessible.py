@@ -17,6 +17,7 @@ ROLES = {
     35: "menu item",
     41: "popup menu",
     45: "radio menu item",
+    55: "table",
     56: "table cell",
     63: "tool bar",
     69: "window",
@@ -140,10 +141,10 @@ class Node:
                 queue += reversed(node.children())
 
 
-class FocusWatch:
-    """The accessibles that the focus comes to, while it is entered."""
+class AppearanceWatch:
+    """The accessibles that come to be shown, while it is entered."""
 
-    EVENT = "object:state-changed:focused"
+    EVENT = "object:state-changed:showing"
     _REGISTRY = ("org.a11y.atspi.Registry", "/org/a11y/atspi/registry", "org.a11y.atspi.Registry")
 
     def __init__(self, bus):
@@ -153,7 +154,7 @@ class FocusWatch:
     def __enter__(self):
         self._bus.call(*self._REGISTRY, "RegisterEvent", GLib.Variant("(sass)", (self.EVENT, [], "")))
         self._subscription = self._bus._connection.signal_subscribe(
-            None, "org.a11y.atspi.Event.Object", "StateChanged", None, "focused", 0, self._seen
+            None, "org.a11y.atspi.Event.Object", "StateChanged", None, "showing", 0, self._seen
         )
         return self
 

@@ -324,7 +324,7 @@ class Nautilus(FileManager):
 
     def _selection(self):
         """What the window says of the selection; "" while nothing is selected."""
-        names = (node.name() for node in self._app.walk(self.pruned))
+        names = (node.name() for node in self._app.walk((*self.pruned, "table")))
         return next((text for text in names if " selected" in text), "")
 
     def enter(self, folder):
@@ -337,7 +337,7 @@ class Nautilus(FileManager):
 
     def menu_nodes(self):
         """Its menu is in its window, and no more once it is closed."""
-        return [node for node in self._app.walk(self.pruned) if node.role() in MENU_ITEMS]
+        return [node for node in self._app.walk((*self.pruned, "table")) if node.role() in MENU_ITEMS]
 
 
 class Thunar(FileManager):
@@ -382,7 +382,7 @@ class Thunar(FileManager):
 
 
 class Dolphin(FileManager):
-    """Its context menu is not among the accessibles of its windows; it is found by the focus that comes to an entry."""
+    """Its context menu is not among the accessibles of its windows; it is found by its appearance."""
 
     program = "dolphin"
     command = ("dolphin", "--new-window")
@@ -416,12 +416,9 @@ class Dolphin(FileManager):
             x, y = min(box[0] for box in boxes.values()) + 20, max(box[1] + box[3] for box in boxes.values()) + 60
         else:
             x, y = boxes[item][0] + boxes[item][2] // 2, boxes[item][1] + 30
-        with accessible.FocusWatch(self._bus) as focus:
-            before = self.session.screen.pixels()
+        with accessible.AppearanceWatch(self._bus) as appearance:
             self.click(x, y, button=3)
-            until("the menu on the screen", lambda: self.session.screen.pixels() != before)
-            self.session.xdotool("key", "Down")
-            self._menu = focus.wait_for("an entry in focus", lambda node: node.role() == "menu item").parent()
+            self._menu = appearance.wait_for("the menu", lambda node: node.role() == "popup menu")
 
     def menu_nodes(self):
         if self._menu is None or not self._menu.has("SHOWING"):
