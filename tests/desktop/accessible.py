@@ -17,6 +17,7 @@ ROLES = {
     35: "menu item",
     41: "popup menu",
     45: "radio menu item",
+    55: "table",
     56: "table cell",
     63: "tool bar",
     69: "window",
@@ -62,6 +63,7 @@ class Node:
 
     def __init__(self, bus, owner, path):
         self._bus, self.owner, self.path = bus, owner, path
+        self._role = None
 
     def __eq__(self, other):
         return (self.owner, self.path) == (other.owner, other.path)
@@ -94,7 +96,9 @@ class Node:
 
     def role(self):
         """One of ROLES; "" for others."""
-        return ROLES.get(self._ask((0,), _ACCESSIBLE, "GetRole")[0], "")
+        if self._role is None:
+            self._role = ROLES.get(self._ask((0,), _ACCESSIBLE, "GetRole")[0], "")
+        return self._role
 
     def has(self, state):
         low, high = (self._ask(([0, 0],), _ACCESSIBLE, "GetState")[0] + [0, 0])[:2]
@@ -137,10 +141,10 @@ class Node:
                 queue += reversed(node.children())
 
 
-class FocusWatch:
-    """The accessibles that the focus comes to, while it is entered."""
+class AppearanceWatch:
+    """The accessibles that come to be shown, while it is entered."""
 
-    EVENT = "object:state-changed:focused"
+    EVENT = "object:state-changed:showing"
     _REGISTRY = ("org.a11y.atspi.Registry", "/org/a11y/atspi/registry", "org.a11y.atspi.Registry")
 
     def __init__(self, bus):
@@ -150,7 +154,7 @@ class FocusWatch:
     def __enter__(self):
         self._bus.call(*self._REGISTRY, "RegisterEvent", GLib.Variant("(sass)", (self.EVENT, [], "")))
         self._subscription = self._bus._connection.signal_subscribe(
-            None, "org.a11y.atspi.Event.Object", "StateChanged", None, "focused", 0, self._seen
+            None, "org.a11y.atspi.Event.Object", "StateChanged", None, "showing", 0, self._seen
         )
         return self
 

@@ -115,8 +115,10 @@ class FileManager:
         names = set(names)
 
         def all_are_shown():
-            self._view = None
-            return names <= set(self.items())
+            if names <= set(self.items()):
+                return True
+            self._view = None  # another may have taken its place
+            return False
 
         until(f"the files {sorted(names)}", all_are_shown)
 
@@ -202,8 +204,6 @@ class FileManager:
         entry.act()
 
     def click(self, x, y, button=1, repeat=1):
-        # From outside: after a menu, GTK 4 passes over a click until the pointer has come into the window anew.
-        self.session.xdotool("mousemove", 1, 1)
         self.session.xdotool("mousemove", x, y, "click", "--repeat", repeat, "--delay", 20, button)
 
     def rest(self):
@@ -310,28 +310,34 @@ class Nautilus(FileManager):
         margin = (int(values["WIDTH"]) - node.extents(on_screen=False)[2]) // 2
         return int(values["X"]) + margin, int(values["Y"]) + margin
 
-    def enter(self, folder):
-        self.activate()
-        x, y, width, _ = self.rectangles()[folder]
-        self.click(x + width // 2, y + 50, repeat=2)
-
-    def open_menu(self, item):
+    def _select(self, item):
+        """By one click and, from then on, keys: GTK 4 passes over clicks after a menu that the pointer had opened."""
         self.activate()
         boxes = self.rectangles()
-        if item is None:
-            x, y = self._background(boxes)
+        if item is None:  # below the last row of files
+            x, y = min(box[0] for box in boxes.values()) + 20, max(box[1] + box[3] for box in boxes.values()) + 40
         else:
             x, y = boxes[item][0] + boxes[item][2] // 2, boxes[item][1] + 50
-        self.click(x, y, button=3)
+        self.click(x, y)
+        wanted = f"“{item}” selected" if item else ""
+        until(f"the selection of {item}", lambda: self._selection().startswith(wanted) and bool(wanted) == bool(self._selection()))
+
+    def _selection(self):
+        """What the window says of the selection; "" while nothing is selected."""
+        names = (node.name() for node in self._app.walk((*self.pruned, "table")))
+        return next((text for text in names if " selected" in text), "")
+
+    def enter(self, folder):
+        self._select(folder)
+        self.session.xdotool("key", "Return")
+
+    def open_menu(self, item):
+        self._select(item)
+        self.session.xdotool("key", "Menu")
 
     def menu_nodes(self):
         """Its menu is in its window, and no more once it is closed."""
-        return [node for node in self._app.walk(self.pruned) if node.role() in MENU_ITEMS]
-
-    @staticmethod
-    def _background(boxes):
-        """Below the last row of files."""
-        return min(box[0] for box in boxes.values()) + 20, max(box[1] + box[3] for box in boxes.values()) + 40
+        return [node for node in self._app.walk((*self.pruned, "table")) if node.role() in MENU_ITEMS]
 
 
 class Thunar(FileManager):
@@ -376,7 +382,7 @@ class Thunar(FileManager):
 
 
 class Dolphin(FileManager):
-    """Its context menu is not among the accessibles of its windows; it is found by the focus that comes to an entry."""
+    """Its context menu is not among the accessibles of its windows; it is found by its appearance."""
 
     program = "dolphin"
     command = ("dolphin", "--new-window")
@@ -410,12 +416,9 @@ class Dolphin(FileManager):
             x, y = min(box[0] for box in boxes.values()) + 20, max(box[1] + box[3] for box in boxes.values()) + 60
         else:
             x, y = boxes[item][0] + boxes[item][2] // 2, boxes[item][1] + 30
-        with accessible.FocusWatch(self._bus) as focus:
-            before = self.session.screen.pixels()
+        with accessible.AppearanceWatch(self._bus) as appearance:
             self.click(x, y, button=3)
-            until("the menu on the screen", lambda: self.session.screen.pixels() != before)
-            self.session.xdotool("key", "Down")
-            self._menu = focus.wait_for("an entry in focus", lambda node: node.role() == "menu item").parent()
+            self._menu = appearance.wait_for("the menu", lambda node: node.role() == "popup menu")
 
     def menu_nodes(self):
         if self._menu is None or not self._menu.has("SHOWING"):

@@ -16,8 +16,11 @@ MARK = "VORNET_IN_NAMESPACES"
 _libc = ctypes.CDLL(None, use_errno=True)
 
 
-def _command():
-    return ["unshare"] + ([] if os.geteuid() == 0 else ["--map-current-user", "--keep-caps"]) + ["--mount", "--net"]
+def _command(ordinary=False):
+    user = ["--map-current-user", "--keep-caps"]
+    if os.geteuid() == 0:
+        user = ["--map-user=1000", "--map-group=1000", "--keep-caps"] if ordinary else []
+    return ["unshare", *user, "--mount", "--net"]
 
 
 def are_possible():
@@ -32,12 +35,13 @@ def _try():
         install("/", [], layer)
 
 
-def enter():
-    """Starts this program anew in namespaces of its own, with its arguments, and goes on there."""
+def enter(ordinary=False):
+    """Starts this program anew in namespaces of its own, with its arguments, and goes on there. `ordinary`: root, too, is
+    an ordinary user there."""
     if os.environ.get(MARK) == str(os.getpid()):
         return
     os.environ[MARK] = str(os.getpid())  # unshare keeps the process id
-    os.execvp("unshare", _command() + [sys.executable, "-B"] + sys.argv)
+    os.execvp("unshare", _command(ordinary) + [sys.executable, "-B"] + sys.argv)
 
 
 def bring_up_loopback():
@@ -48,6 +52,16 @@ def bring_up_loopback():
         fcntl.ioctl(handle, SIOCSIFFLAGS, struct.pack("16sh14x", name, flags | IFF_UP))
 
 
+def _mount(source, target, kind, options):
+    if _libc.mount(source, os.fsencode(target), kind, 0, os.fsencode(options)) != 0:
+        raise OSError(ctypes.get_errno(), f"cannot mount on {target}: {os.strerror(ctypes.get_errno())}")
+
+
+def empty(folder):
+    """Lays an empty folder over an existing one."""
+    _mount(b"tmpfs", folder, b"tmpfs", "mode=0755")
+
+
 def install(build, files, layer):
     """Lays `files` (relative to the folder `build`, and to /usr) over /usr, by way of the empty folder `layer`."""
     for file in files:
@@ -55,9 +69,7 @@ def install(build, files, layer):
         copy.parent.mkdir(parents=True, exist_ok=True)
         shutil.copy2(pathlib.Path(build, file), copy)
     pathlib.Path(layer).chmod(0o755)
-    options = f"lowerdir={layer}:/usr"
-    if _libc.mount(b"overlay", b"/usr", b"overlay", 0, os.fsencode(options)) != 0:
-        raise OSError(ctypes.get_errno(), f"cannot lay the plug-in over /usr: {os.strerror(ctypes.get_errno())}")
+    _mount(b"overlay", "/usr", b"overlay", f"lowerdir={layer}:/usr")
 
 
 if __name__ == "__main__":  # tells by its exit status whether the system allows them

@@ -20,22 +20,23 @@ KEPT = ("PATH", "TMPDIR")
 class Session:
     """Makes the session in the empty folder `folder`, for the programs of the build tree `build`."""
 
-    def __init__(self, folder, build, size=(1280, 900)):
+    def __init__(self, folder, build, size=(1280, 900), user="home"):
         self.folder = pathlib.Path(folder)
+        self.home = self.folder / user
         self.build = pathlib.Path(build)
         self.output = self.folder / "session.log"
-        self.data = self.folder / "home/.local/share"
+        self.data = self.home / ".local/share"
         self._processes = []
         self._make_home()
         self.environment = self._environment()
         self._start(size)
 
     def _make_home(self):
-        for name in ("home/.config/gtk-3.0", "home/.cache", "home/.local/state", "runtime", "screen", "colours"):
-            (self.folder / name).mkdir(parents=True, exist_ok=True)
+        for folder in (".config/gtk-3.0", ".cache", ".local/state", "../runtime", "../screen"):
+            (self.home / folder).mkdir(parents=True, exist_ok=True)
         (self.folder / "runtime").chmod(0o700)
-        (self.folder / "home/.config/gtk-3.0/settings.ini").write_text("[Settings]\ngtk-menu-images=1\n")
-        (self.folder / "home/.config/kdeglobals").write_text("[Icons]\nTheme=breeze\n")
+        (self.home / ".config/gtk-3.0/settings.ini").write_text("[Settings]\ngtk-menu-images=1\n")
+        (self.home / ".config/kdeglobals").write_text("[Icons]\nTheme=breeze\n")
         emblems = self.folder / "colours/icons/hicolor/scalable/emblems"
         emblems.mkdir(parents=True)
         for badge, (red, green, blue) in COLOURS.items():
@@ -46,13 +47,12 @@ class Session:
         self.install_extension()
 
     def _environment(self):
-        home = self.folder / "home"
         environment = {name: os.environ[name] for name in KEPT if name in os.environ}
         environment.update(
-            HOME=str(home),
-            XDG_CONFIG_HOME=str(home / ".config"),
-            XDG_CACHE_HOME=str(home / ".cache"),
-            XDG_STATE_HOME=str(home / ".local/state"),
+            HOME=str(self.home),
+            XDG_CONFIG_HOME=str(self.home / ".config"),
+            XDG_CACHE_HOME=str(self.home / ".cache"),
+            XDG_STATE_HOME=str(self.home / ".local/state"),
             XDG_DATA_HOME=str(self.data),
             XDG_DATA_DIRS=f"{self.folder}/colours:/usr/local/share:/usr/share",
             XDG_RUNTIME_DIR=str(self.folder / "runtime"),
@@ -83,7 +83,7 @@ class Session:
         # The bindings of the accessibility bus and of the message bus take these from this process.
         os.environ.update(self.environment)
 
-        self._processes.append(processes.start(["openbox"], self.environment, self.output))
+        self.start("openbox")
         check = ["xprop", "-root", "_NET_SUPPORTING_WM_CHECK"]
         until("the window manager", lambda: "window id" in processes.run(check, self.environment))
 
@@ -106,9 +106,13 @@ class Session:
 
     def environment_with_real_emblems(self):
         """For a program that is started with it, the emblems look as they do for users."""
-        for cache in (self.folder / "home/.cache").glob("icon-cache*"):
+        for cache in (self.home / ".cache").glob("icon-cache*"):
             cache.unlink()  # Dolphin's memory of the coloured ones
         return dict(self.environment, XDG_DATA_DIRS=f"{self.build}/share:/usr/local/share:/usr/share")
+
+    def start(self, *command):
+        """Starts a program that ends with the session."""
+        self._processes.append(processes.start(command, self.environment, self.output))
 
     def xdotool(self, *arguments):
         return processes.run(["xdotool", *arguments], self.environment).strip()
