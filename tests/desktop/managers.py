@@ -370,8 +370,10 @@ class Thunar(FileManager):
 
     def enter(self, folder):
         self.activate()
-        x, y, width, height = self.rectangles()[folder]
-        self.click(x + 20, y + height // 2, repeat=2)
+        x, y, _, height = self.rectangles()[folder]
+        self.click(x + 20, y + height // 2)
+        until(f"the selection of {folder}", lambda: self.items()[folder].has("SELECTED"))
+        self.session.xdotool("key", "Return")
 
     def open_menu(self, item):
         self.activate()
