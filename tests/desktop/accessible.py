@@ -20,6 +20,7 @@ ROLES = {
     55: "table",
     56: "table cell",
     63: "tool bar",
+    66: "tree table",
     69: "window",
 }
 STATES = {"ENABLED": 8, "FOCUSED": 12, "SELECTED": 23, "SENSITIVE": 24, "SHOWING": 25}

@@ -167,16 +167,19 @@ class FileManager:
 
     def menu(self, item):
         """Opens a menu, reads it and leaves it open: title -> whether it can be chosen."""
+        return {title: node.has("SENSITIVE") for title, node in self._open_menu(item).items()}
+
+    def _open_menu(self, item):
         self.open_menu(item)
-        until("the menu", self.menu_nodes)
-        return {node.name(): node.has("SENSITIVE") for node in self.menu_nodes()}
+        nodes = until("the menu", self.menu_nodes)
+        return {node.name(): node for node in nodes}
 
     def close_menu(self):
         self.session.xdotool("key", "Escape")
         self._wait_for_menu_gone()
 
     def _wait_for_menu_gone(self):
-        until("the menu's end", lambda: not self.menu_nodes() and not self._popups())
+        until("the menu's end", lambda: not self._popups() and not self.menu_nodes())
 
     def _popups(self):
         """Whether a window of it stands on the screen that the window manager has nothing to do with: a menu."""
@@ -196,8 +199,7 @@ class FileManager:
         return {title: enabled for title, enabled in shown.items() if title in ENTRIES}
 
     def choose(self, item, title):
-        self.menu(item)
-        self.press(next(node for node in self.menu_nodes() if node.name() == title))
+        self.press(self._open_menu(item)[title])
         self._wait_for_menu_gone()
 
     def press(self, entry):
@@ -214,7 +216,7 @@ class FileManager:
 class _IconContainer(FileManager):
     """Caja and Nemo: files can be selected and opened by way of their accessibles."""
 
-    pruned = ("menu bar", "tool bar", "icon")
+    pruned = ("menu bar", "tool bar", "table", "tree table", "icon")
 
     def is_item(self, node):
         return super().is_item(node) and node.parent().role() == "layered pane"
@@ -368,8 +370,10 @@ class Thunar(FileManager):
 
     def enter(self, folder):
         self.activate()
-        x, y, width, height = self.rectangles()[folder]
-        self.click(x + 20, y + height // 2, repeat=2)
+        x, y, _, height = self.rectangles()[folder]
+        self.click(x + 20, y + height // 2)
+        until(f"the selection of {folder}", lambda: self.items()[folder].has("SELECTED"))
+        self.session.xdotool("key", "Return")
 
     def open_menu(self, item):
         self.activate()

@@ -25,7 +25,7 @@ from waiting import NotSeen, until
 MOST_GROWTH = {"file manager": 32 * 1024, "extension": 8 * 1024}
 BADGES = ("SYNCED", "PENDING", "SKIPPED", "")
 FOLDERS = ("one", "two words", "drei ü")
-FILES = ("a b.txt", "c#d.txt", "e%41f.txt", "g;h&i.txt", "Zoë 🙂.txt", "long " + "x" * 60 + ".txt")
+FILES = ("a b.txt", "c#d.txt", "e%41f.txt", "g;h&i.txt", "zoë 🙂.txt", "long " + "x" * 60 + ".txt")
 
 
 class Soak:
@@ -139,6 +139,8 @@ class Soak:
 
     def finish(self):
         """Every badge right, in every folder."""
+        while self.made:
+            self.remove_a_file()
         if self.here is not None:
             self.navigate()
         for name in self.t.sync.statuses:
@@ -151,8 +153,8 @@ class Soak:
                 self.manager.wait_for_items(FILES)
             names = FILES if folder else FOLDERS
             self.manager.rest()
-            # In the order in which the file managers show them.
-            shown = sorted(names, key=str.casefold)
+            # In the order in which Nemo shows them.
+            shown = sorted(names)
             self.manager.wait_for_badges({name: self.t.sync.statuses[f"{folder}/{name}" if folder else name] for name in shown})
             if folder:
                 self.manager.go_up()
