@@ -9,7 +9,7 @@ import sys
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 BUILD = SOURCE / "build/release"
 MANAGERS = ("nautilus", "nemo", "caja", "dolphin", "thunar")
-REPETITIONS = 2
+REPETITIONS = 1
 TIMEOUT = 900  # seconds, for one visit
 
 ROWS = (

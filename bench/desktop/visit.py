@@ -75,8 +75,8 @@ def make_folders(root, files, visits):
     for number in range(files):
         (big / f"file {number:05}.txt").touch()
     inner = root
-    for _ in range(visits):
-        inner = inner / "next"
+    for visit in range(visits):
+        inner = inner / f"next {visit}"
         inner.mkdir()
         (inner / "a.txt").touch()
 
@@ -98,7 +98,7 @@ def measure(arguments, folder):
     if not with_plugin and not kind.plugins:
         manager.plugin_folder = lambda build: "none"  # Dolphin's are found by way of its environment
     manager.start(root, environment)
-    manager.wait_for_items({"big", "next"})
+    manager.wait_for_items({"big", "next 0"})
     if with_plugin and kind.has_badges:
         extension.wait_until_running()
     wait_until_quiet(manager.process.pid)
@@ -119,15 +119,16 @@ def measure(arguments, folder):
     result["memory with the folder"] = processes.resident_kib(manager.process.pid)
 
     manager.go_up()
-    manager.wait_for_items({"big", "next"})
+    manager.wait_for_items({"big", "next 0"})
     wait_until_quiet(manager.process.pid)
     result["memory afterwards"] = processes.resident_kib(manager.process.pid)
+    path = root
     for visit in range(arguments.visits - 1):
-        manager.enter("next")
-        path = root / "/".join(["next"] * (visit + 1))
+        manager.enter(f"next {visit}")
+        path /= f"next {visit}"
         if with_plugin and kind.has_badges:
             until(f"visit {visit}", lambda path=path: str(path) in extension.observed())
-        manager.wait_for_items({"next", "a.txt"})
+        manager.wait_for_items({f"next {visit + 1}", "a.txt"})
     wait_until_quiet(manager.process.pid)
     result["memory after visits"] = processes.resident_kib(manager.process.pid)
     session.close()
