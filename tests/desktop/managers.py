@@ -372,7 +372,7 @@ class Thunar(FileManager):
         self.activate()
         x, y, _, height = self.rectangles()[folder]
         self.click(x + 20, y + height // 2)
-        until(f"the selection of {folder}", lambda: self.items()[folder].has("SELECTED"))
+        until(f"the selection of {folder}", lambda: (item := self.items().get(folder)) and item.has("SELECTED"))
         self.session.xdotool("key", "Return")
 
     def open_menu(self, item):
