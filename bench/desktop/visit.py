@@ -34,7 +34,8 @@ class Heartbeat(threading.Thread):
 
     def __init__(self, session, process):
         super().__init__(daemon=True)
-        self._application = accessible.Bus(session.environment["DBUS_SESSION_BUS_ADDRESS"]).application(process)
+        self._bus = accessible.Bus(session.environment["DBUS_SESSION_BUS_ADDRESS"])
+        self._application = self._bus.application(process)
         self._beating = True
         self.longest = 0.0
         self.start()
@@ -42,7 +43,7 @@ class Heartbeat(threading.Thread):
     def run(self):
         while self._beating:
             asked = time.monotonic()
-            self._application.role()
+            self._bus.call(self._application.owner, self._application.path, "org.a11y.atspi.Accessible", "GetState")
             self.longest = max(self.longest, time.monotonic() - asked)
             time.sleep(0.002)
 

@@ -189,8 +189,7 @@ void Badges::traceAnswered(const Batch& batch) {
   folder->unanswered -= std::min(folder->unanswered, batch.names.size());
   if (folder->unanswered > 0 || !folder->waiting.empty() || !isTracing()) return;
   const auto milliseconds = static_cast<double>(g_get_monotonic_time() - folder->lastNew) / 1000;
-  g_debug("the badges of %zu items are known, %.1f ms after the last of them came", folder->entries.size(),
-          milliseconds);
+  trace("the badges of %zu items are known, %.1f ms after the last of them came", folder->entries.size(), milliseconds);
 }
 
 // --- Hearing --------------------------------------------------------------------------------------------------------

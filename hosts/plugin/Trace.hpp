@@ -10,6 +10,12 @@ inline bool isTracing() {
   return tracing;
 }
 
+/// Past the handlers for log messages that some file managers set, and that keep such lines to themselves.
+template <typename... Values>
+void trace(const char* format, Values... values) {
+  if (isTracing()) g_log_structured("vornet-vi", G_LOG_LEVEL_DEBUG, "MESSAGE", format, values...);
+}
+
 /// A piece of work on the file manager's thread; traced when it took long enough to be felt together with others.
 class Turn {
  public:
@@ -17,7 +23,7 @@ class Turn {
   ~Turn() {
     if (begun_ == 0) return;
     const auto milliseconds = static_cast<double>(g_get_monotonic_time() - begun_) / 1000;
-    if (milliseconds > NOTICEABLE) g_log("vornet-vi", G_LOG_LEVEL_DEBUG, "%s: a turn of %.1f ms", what_, milliseconds);
+    if (milliseconds > NOTICEABLE) trace("%s: a turn of %.1f ms", what_, milliseconds);
   }
   Turn(const Turn&) = delete;
   Turn& operator=(const Turn&) = delete;
