@@ -2,6 +2,7 @@
 
 import json
 import pathlib
+import socket
 
 import processes
 from waiting import until, until_equal
@@ -23,12 +24,16 @@ class Sync:
     def start(self):
         command = [self._program, "run", self.folder, "--synced", "--transfer-time", "0.2"]
         self._process = processes.start(command, self._session.environment, self._session.output)
-        socket = self.container / "control.sock"
-        until("the stand-in", lambda: socket.exists() or self._process.poll() is not None)
+        until("the stand-in", lambda: self._listens() or self._process.poll() is not None)
         if self._process.poll() is not None:
             raise RuntimeError(f"the stand-in ended: {self._session.output.read_text(errors='replace')}")
         for name, badge in self.statuses.items():
             self._tell("status", "/" + name, CODES[badge])
+
+    def _listens(self):
+        """Whether it takes commands; the socket of one before may still lie there."""
+        with socket.socket(socket.AF_UNIX) as probe:
+            return probe.connect_ex(str(self.container / "control.sock")) == 0
 
     def stop(self):
         processes.end(self._process)
