@@ -68,6 +68,8 @@ def table(figures):
         for both in figures.values():
             shown = key if both["yes"]["items"] or not ours_only else None
             cell = text(both["yes"][key], unit) if shown else "–"
+            if shown == "longest turn" and not both["yes"][key]:
+                cell = "< 1"  # none was long enough to be traced
             cells.append(cell if ours_only else f"{cell} / {text(both['no'][key], unit)}")
         lines.append(f"| {title}{', ' + unit if unit else ''} | " + " | ".join(cells) + " |")
     return "\n".join(lines)
