@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <atomic>
 #include <future>
+#include <map>
+#include <mutex>
 
 #include "extension/AppConst.hpp"
 #include "paths/JSON.hpp"
@@ -107,6 +109,8 @@ class RESTPollingManagerTest : public testing::Test {
   // For the server's answers, which go on after a test's own variables are gone.
   std::atomic<int> pass{0};
   std::atomic<int> status{200};
+  std::mutex passesLock;
+  std::map<std::string, int> passes;  // by folder
   test::Environment environment;
   LogRecorder log;
   Controller controller;
@@ -536,7 +540,9 @@ TEST_F(RESTPollingManagerTest, ClearingTheFoldersCacheDoesNothing) {
 TEST_F(RESTPollingManagerTest, ManyThreadsEnterLeaveAndAskWhileTheWorkerPolls) {
   serve([this](const WireRequest& request) {
     const auto dir = dirName(request);
-    return WireReply{.body = "{\"" + dir + "x\":" + std::to_string(++pass % 3) + "}"};
+    // Counted by folder, so that each poll of a folder brings a change, however many folders are polled.
+    const std::lock_guard guard(passesLock);
+    return WireReply{.body = "{\"" + dir + "x\":" + std::to_string(++passes[dir] % 3) + "}"};
   });
   makeConfigured(SHORT);
   manager->start_listener();
