@@ -115,6 +115,33 @@ TEST_F(BusyDatabaseTest, aLockThatIsHeldForeverMakesALookUpFailWithAWarning) {
   EXPECT_EQ(database_.pathSyncStatus("/a/x"), 2);
 }
 
+TEST_F(BusyDatabaseTest, CountsTheLookUpsOfThisThreadThatALockMadeFailAndNoOthers) {
+  const auto before = SyncDB::lockedQueriesOfThisThread();
+  const auto counted = [&] { return SyncDB::lockedQueriesOfThisThread() - before; };
+  database_.pathSyncStatus("/a/x");
+  database_.pathSyncStatus("/a/gone");
+  EXPECT_EQ(counted(), 0U);
+  Database writer(file());
+  writer.run("BEGIN EXCLUSIVE");
+  database_.pathSyncStatus("/a/x");
+  EXPECT_EQ(counted(), 1U);
+  database_.pathSyncStatus("/a/x");
+  EXPECT_EQ(counted(), 2U) << "also without waiting";
+  database_.directorySyncStatus("/a/");
+  EXPECT_EQ(counted(), 3U);
+  EXPECT_EQ(onAnotherThread([&] {
+              database_.pathSyncStatus("/a/x");
+              return SyncDB::lockedQueriesOfThisThread();
+            }),
+            1U);
+  EXPECT_EQ(counted(), 3U);
+  writer.run("COMMIT; DROP TABLE ea");
+  database_.pathSyncStatus("/a/x");
+  std::filesystem::remove(file());
+  database_.pathSyncStatus("/a/x");
+  EXPECT_EQ(counted(), 3U) << "a database that cannot be read is not locked";
+}
+
 TEST_F(BusyDatabaseTest, aWritersReservedLockDoesNotDisturbALookUp) {
   Database writer(file());
   writer.run("BEGIN IMMEDIATE; UPDATE ea SET status = 1");

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
@@ -173,6 +174,42 @@ TEST_F(SQLiteCallsTest, eachConnectionWaitsForALock) {
   SyncDB().pathSyncStatus("/a/x");
   ConfigDB().getLocalRoot();
   EXPECT_THAT(calls.timeouts, ElementsAre(50, 50));
+}
+
+TEST_F(SQLiteCallsTest, AfterAVainWaitForALockNoLookUpWaitsForASecond) {
+  calls.recording = false;
+  Database writer(environment_.container() / "sync.db");
+  writer.run("BEGIN EXCLUSIVE");
+  calls.recording = true;
+  SyncDB database;
+  const auto lookUp = [&] {
+    const auto begin = std::chrono::steady_clock::now();
+    database.pathSyncStatus("/a/x");
+    return begin;
+  };
+  // A look-up that began a second or more after a vain wait, because the machine was busy, says nothing.
+  auto waited = lookUp();
+  ASSERT_THAT(calls.timeouts, ElementsAre(50));
+  auto began = lookUp();
+  for (int round = 0; round < 20 && calls.timeouts.back() != 0; ++round) {
+    waited = began;
+    began = lookUp();
+  }
+  ASSERT_EQ(calls.timeouts.back(), 0);
+  while (calls.timeouts.back() == 0 && began - waited < PATIENCE) began = lookUp();
+  EXPECT_EQ(calls.timeouts.back(), 50) << "it waits again";
+  EXPECT_GE(began - waited, std::chrono::seconds(1));
+}
+
+TEST_F(SQLiteCallsTest, ALookUpThatFindsTheFileUnlockedIsAnsweredAlsoAfterAVainWait) {
+  SyncDB database;
+  {
+    calls.recording = false;
+    Database writer(environment_.container() / "sync.db");
+    writer.run("BEGIN EXCLUSIVE");
+    EXPECT_EQ(database.pathSyncStatus("/a/x"), -1);
+  }
+  EXPECT_EQ(database.pathSyncStatus("/a/x"), 1);
 }
 
 TEST_F(SQLiteCallsTest, statementsAndTheirLengths) {

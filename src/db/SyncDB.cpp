@@ -2,6 +2,7 @@
 
 #include <sqlite3.h>
 
+#include <chrono>
 #include <utility>
 
 #include "db/Statement.hpp"
@@ -15,7 +16,16 @@ namespace {
 // and then finds it locked and would take a badge away.
 constexpr int BUSY_TIMEOUT_MS = 50;
 
+// A file that stays locked for longer than that is locked for long: a whole folder's look-ups must not wait one by one.
+constexpr std::chrono::seconds WITHOUT_WAITING{1};
+
+thread_local std::uint64_t lockedQueries = 0;
+
 }  // namespace
+
+std::uint64_t SyncDB::lockedQueriesOfThisThread() noexcept {
+  return lockedQueries;
+}
 
 SyncDB& syncDB() {
   // Never destroyed: a thread may still be asking when the process ends.
@@ -46,8 +56,17 @@ bool SyncDB::connect() {
     VI_DEBUG("Cannot open database");
     return false;
   }
-  sqlite3_busy_timeout(db_, BUSY_TIMEOUT_MS);
+  const bool waits = std::chrono::steady_clock::now() >= waitsAgain_;
+  sqlite3_busy_timeout(db_, waits ? BUSY_TIMEOUT_MS : 0);
   return true;
+}
+
+void SyncDB::noteFailure() {
+  constexpr int PRIMARY_CODE = 0xFF;
+  if ((sqlite3_errcode(db_) & PRIMARY_CODE) != SQLITE_BUSY) return;
+  ++lockedQueries;
+  const auto now = std::chrono::steady_clock::now();
+  if (now >= waitsAgain_) waitsAgain_ = now + WITHOUT_WAITING;
 }
 
 void SyncDB::disconnect() {
@@ -70,6 +89,7 @@ std::optional<SyncDB::Statuses> SyncDB::directorySyncStatus(const std::string& d
   Statement statement(db_,
                       "SELECT path, status FROM ea WHERE path >= ? AND path < ? AND (NOT path like ? or path like ?)");
   if (!statement.prepared()) {
+    noteFailure();
     VI_WARNING("Cannot prepare SQL statement");
     statement.finalise();
     disconnect();
@@ -88,6 +108,7 @@ std::optional<SyncDB::Statuses> SyncDB::directorySyncStatus(const std::string& d
     if (!path) platform::fatalError("a path in the sync database that is not text");
     statuses.insert_or_assign(*std::move(path), statement.integer(1));
   }
+  noteFailure();
   VI_DEBUG("Num of lemenets returned: " + std::to_string(statuses.size()));
   statement.finalise();
   disconnect();
@@ -102,6 +123,7 @@ StatusCode SyncDB::pathSyncStatus(const std::string& path) {
   const std::string folder = path + "/";
   Statement statement(db_, "SELECT status FROM ea WHERE path in (?, ?) LIMIT 1");
   if (!statement.prepared()) {
+    noteFailure();
     VI_WARNING("Cannot prepare SQL statement");
     statement.finalise();
     disconnect();
@@ -109,7 +131,9 @@ StatusCode SyncDB::pathSyncStatus(const std::string& path) {
   }
   statement.bind(1, path);
   statement.bind(2, folder);
-  const StatusCode status = statement.stepToRow() ? statement.integer(0) : -1;
+  const bool found = statement.stepToRow();
+  if (!found) noteFailure();
+  const StatusCode status = found ? statement.integer(0) : -1;
   statement.finalise();
   disconnect();
   return status;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -15,6 +16,9 @@ namespace vornet {
 /// Reads the sync application's status database (table `ea`: `path` text, folders ending in "/"; `status` integer). The
 /// file is opened read-only for each query and closed before the query returns. Any thread: each query runs under the
 /// instance's recursive lock. Failures are logged and answered with "no value"; none is thrown.
+///
+/// A query that finds the file locked by another process waits for it, 50 ms at the longest. When that was in vain, no
+/// query of the instance waits for a second: those that find the file locked fail at once.
 class SyncDB {
  public:
   SyncDB() = default;
@@ -31,6 +35,10 @@ class SyncDB {
 
   /// The status of the item stored as `path` or as `path` + "/"; -1 when there is none and on a failure.
   StatusCode pathSyncStatus(const std::string& path);
+
+  /// How many queries of the calling thread, on any instance, have failed because the file was locked. What such a
+  /// query answers says nothing about the item.
+  static std::uint64_t lockedQueriesOfThisThread() noexcept;
 
  protected:
   /// The database file's full path. Stops the process without a group container.
@@ -51,8 +59,12 @@ class SyncDB {
   static std::string pathInGroupContainer(const std::string& fileName);
 
  private:
+  /// Takes account of a query of the open connection that has just failed because the file is locked.
+  void noteFailure();
+
   sqlite3* db_ = nullptr;
   std::optional<std::string> dbPath_;
+  std::chrono::steady_clock::time_point waitsAgain_{};  // until then no query waits for a lock
   std::recursive_mutex lock_;
 };
 
