@@ -19,15 +19,20 @@ bool hasDotComponent(const std::string& path) {
 
 std::optional<platform::FileURL> readURL(const std::string& text) {
   auto url = platform::FileURL::fileURLWithText(text);
-  if (!url || (url->path() && hasDotComponent(*url->path()))) return std::nullopt;
-  return url;
+  if (!url || !url->path()) return url;
+  if (hasDotComponent(*url->path())) return std::nullopt;
+  if (url->path()->find("//") == std::string::npos) return url;
+  std::string path = *url->path();
+  path.erase(std::unique(path.begin(), path.end(), [](char a, char b) { return a == '/' && b == '/'; }), path.end());
+  return platform::FileURL::fileURLWithPath(path, url->hasDirectoryPath());
 }
 
 bool isBelow(const std::set<platform::FileURL>& roots, const std::string& path) {
   return std::any_of(roots.begin(), roots.end(), [&](const platform::FileURL& root) {
     if (!root.path() || !path.starts_with(*root.path())) return false;
-    if (*root.path() == "/") return path.size() > 1;
-    return path.size() > root.path()->size() + 1 && path[root.path()->size()] == '/';
+    const std::size_t size = root.path()->size();
+    const bool isBelowIt = *root.path() == "/" ? path.size() > 1 : path.size() > size + 1 && path[size] == '/';
+    return isBelowIt && path.find(*root.path(), size) == std::string::npos;
   });
 }
 

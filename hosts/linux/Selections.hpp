@@ -14,13 +14,14 @@ namespace vornet::host {
 inline constexpr std::size_t MAX_URLS = 10'000;
 
 /// The file URL in `text`; none when it is malformed or holds "." or ".." components. Its path is absent when it is not
-/// UTF-8.
+/// UTF-8. Repeated slashes count as one, so that a path has one spelling.
 std::optional<platform::FileURL> readURL(const std::string& text);
 
-/// Whether `path` is one of `roots` or lies below one.
+/// Whether `path` is one of `roots` or lies below one. A path that holds the text of its root a second time ("/R/a/R/b"
+/// or "/R/a/Rb" below "/R") does not: the sync application's name for it would be another item's.
 bool isWithin(const std::set<platform::FileURL>& roots, const std::string& path);
 
-/// Whether `path` lies below one of `roots`.
+/// As isWithin, but `roots` themselves are not below one.
 bool isBelow(const std::set<platform::FileURL>& roots, const std::string& path);
 
 }  // namespace vornet::host

@@ -31,6 +31,15 @@ TEST(ReadURL, GivesAURLWithoutPathForANameThatIsNotUTF8) {
   EXPECT_FALSE(url->path());
 }
 
+TEST(ReadURL, GivesAPathOneSpelling) {
+  for (const char* text : {"file:///a/b", "file:////a/b", "file:///a//b", "file:///a///b//", "file:///a/%2F%2fb"}) {
+    EXPECT_EQ(*readURL(text)->path(), "/a/b") << text;
+  }
+  EXPECT_EQ(*readURL("file://////")->path(), "/");
+  EXPECT_EQ(readURL("file:///a//b/")->description(), "file:///a/b/");
+  EXPECT_FALSE(readURL("file:///a//../b"));
+}
+
 TEST(Within, ComparesWholeComponents) {
   const std::set<FileURL> roots = {FileURL::fileURLWithPath("/R"), FileURL::fileURLWithPath("/other/root")};
   EXPECT_TRUE(isWithin(roots, "/R"));
@@ -40,6 +49,17 @@ TEST(Within, ComparesWholeComponents) {
   EXPECT_FALSE(isWithin(roots, "/"));
   EXPECT_FALSE(isWithin(roots, "/other"));
   EXPECT_FALSE(isWithin({}, "/R"));
+}
+
+TEST(Within, APathThatHoldsTheRootsTextTwiceIsWithinNoRoot) {
+  const std::set<FileURL> roots = {FileURL::fileURLWithPath("/R")};
+  for (const char* path : {"/R/x/R", "/R/x/R/y", "/R/x/Ry", "/R/R"}) {
+    EXPECT_FALSE(isWithin(roots, path)) << path;
+    EXPECT_FALSE(isBelow(roots, path)) << path;
+  }
+  for (const char* path : {"/R/xR", "/R/x/r", "/R/xR/y"}) {
+    EXPECT_TRUE(isBelow(roots, path)) << path;
+  }
 }
 
 TEST(Within, ARootIsNotBelowItself) {
