@@ -2,8 +2,9 @@
 
 #include <chrono>
 #include <map>
-#include <utility>
-#include <vector>
+
+#include "Selections.hpp"
+#include "platform/FinderSync.hpp"
 
 namespace vornet::host {
 namespace {
@@ -20,9 +21,9 @@ std::string folderOf(const std::string& path) {
   return separator == 0 ? "/" : path.substr(0, separator);
 }
 
-using Changes = std::vector<std::pair<std::string, std::string>>;  // URL text, identifier
+}  // namespace
 
-void emit(GDBusConnection* connection, const std::string& client, const Changes& changes) {
+void BadgeChanges::sendNow(const std::string& client, const Changes& changes) {
   for (std::size_t from = 0; from < changes.size(); from += MAX_CHANGES_A_SIGNAL) {
     GVariantBuilder builder;
     g_variant_builder_init(&builder, G_VARIANT_TYPE("a(ss)"));
@@ -30,12 +31,10 @@ void emit(GDBusConnection* connection, const std::string& client, const Changes&
       g_variant_builder_add(&builder, "(ss)", changes[i].first.c_str(), changes[i].second.c_str());
     }
     // A client that has just left the bus is no error.
-    g_dbus_connection_emit_signal(connection, client.c_str(), OBJECT_PATH, INTERFACE, "BadgesChanged",
+    g_dbus_connection_emit_signal(connection_, client.c_str(), OBJECT_PATH, INTERFACE, "BadgesChanged",
                                   g_variant_new("(a(ss))", &builder), nullptr);
   }
 }
-
-}  // namespace
 
 BadgeChanges::BadgeChanges(GDBusConnection* connection, const ObservationRegistry& observations, WorkPool& pool)
     : connection_(connection), observations_(observations), timer_(pool.threads()) {}
@@ -64,15 +63,17 @@ void BadgeChanges::send() {
     scheduled_ = false;
     changes.swap(pending_);
   }
+  const auto roots = platform::FIFinderSyncController::defaultController().directoryURLs();
   std::map<std::string, std::vector<std::string>> observers;  // by folder: changes come many to a folder
   std::map<std::string, Changes> byClient;
   for (const auto& [path, change] : changes) {
+    if (!isBelow(roots, path)) continue;
     const auto folder = folderOf(path);
     auto found = observers.find(folder);
     if (found == observers.end()) found = observers.emplace(folder, observations_.observers(folder)).first;
     for (const auto& client : found->second) byClient[client].emplace_back(change.first.description(), change.second);
   }
-  for (const auto& [client, list] : byClient) emit(connection_, client, list);
+  for (const auto& [client, list] : byClient) sendNow(client, list);
 }
 
 }  // namespace vornet::host

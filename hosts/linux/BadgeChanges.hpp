@@ -6,6 +6,8 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "ObservationRegistry.hpp"
 #include "WorkPool.hpp"
@@ -14,7 +16,7 @@
 namespace vornet::host {
 
 /// Gathers badge changes for a few milliseconds and sends them, each to the clients that observe the item's folder, as
-/// the signal BadgesChanged. Any thread.
+/// the signal BadgesChanged. Of items that carry no badges (isBelow in Selections) nothing is sent. Any thread.
 class BadgeChanges {
  public:
   /// Sends on `connection`, from a thread of `pool`. All arguments outlive this object, whose last change is sent, or
@@ -23,6 +25,11 @@ class BadgeChanges {
 
   /// The badge of `url` is now `identifier`. Never waits.
   void add(const platform::FileURL& url, const std::string& identifier);
+
+  using Changes = std::vector<std::pair<std::string, std::string>>;  // URL text, identifier
+
+  /// Sends `changes` to `client` (a unique bus name) at once. The caller holds emission().
+  void sendNow(const std::string& client, const Changes& changes);
 
   /// Held while messages are given to the connection. Who reads badges and answers with them under this lock may be
   /// sure that no older state is signalled after the answer.

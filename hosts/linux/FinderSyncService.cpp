@@ -1,9 +1,7 @@
 #include "FinderSyncService.hpp"
 
 #include <algorithm>
-#include <boost/asio/steady_timer.hpp>
 #include <exception>
-#include <memory>
 
 #include "Selections.hpp"
 #include "extension/AppConst.hpp"
@@ -23,10 +21,6 @@ constexpr const char* OBJECT_PATH = "/com/vornet/FinderSync1";
 constexpr std::size_t MAX_OBSERVING_CALLS = 10'000;
 constexpr std::size_t MAX_BADGE_CALLS = 1'000;
 constexpr std::size_t MAX_MENU_CALLS = 64;
-
-// When to look whether a folder's statuses have come: soon, as they mostly do, then ever more seldom.
-constexpr std::chrono::milliseconds FIRST_LOOK{100};
-constexpr std::chrono::milliseconds LONGEST_BETWEEN_LOOKS{5000};
 
 void refuse(GDBusMethodInvocation* invocation, const char* name, const std::string& message) {
   const std::string error = std::string("com.vornet.FinderSync1.Error.") + name;
@@ -104,10 +98,13 @@ FinderSyncService::FinderSyncService(FinderSync& extension, GDBusConnection* con
     : extension_(extension),
       connection_(connection),
       skeleton_(vornet_finder_sync1_skeleton_new()),
+      observations_(RESTPollingManager::MAX_CACHE_DIRS),
       observing_(1, MAX_OBSERVING_CALLS),
       badges_(2, MAX_BADGE_CALLS),
+      lookUps_(1, MAX_BADGE_CALLS),
       menus_(4, MAX_MENU_CALLS),
-      changes_(connection, observations_, observing_) {}
+      changes_(connection, observations_, observing_),
+      answers_(extension, changes_, lookUps_) {}
 
 FinderSyncService::~FinderSyncService() {
   stop();
@@ -140,6 +137,7 @@ void FinderSyncService::stop() {
   g_signal_handlers_disconnect_by_data(skeleton_, this);
   unwatchClients();
   badges_.stop();
+  lookUps_.stop();
   menus_.stop();
   platform::host::setListener(nullptr);
   while (g_idle_remove_by_data(this)) continue;
@@ -151,6 +149,10 @@ void FinderSyncService::stop() {
 
 void FinderSyncService::badgeChanged(const FileURL& url, const std::string& identifier) {
   changes_.add(url, identifier);
+}
+
+void FinderSyncService::badgesInvalidated(const FileURL& folder) {
+  answers_.askAgain(*folder.path());
 }
 
 void FinderSyncService::directoriesChanged() {
@@ -265,11 +267,20 @@ void FinderSyncService::beginObserving(GDBusMethodInvocation* invocation, const 
     return refuse(invocation, "NotAFolder", "not a folder: " + path);
   }
   const std::string client = g_dbus_method_invocation_get_sender(invocation);
-  if (observations_.begin(client, path)) {
-    platform::host::folderShown(path);
-    extension_.beginObservingDirectoryAtURL(*url);
-    askAgainWhenFilled(path, FIRST_LOOK);
+  switch (observations_.begin(client, path)) {
+    case ObservationRegistry::Begun::tooManyFolders:
+      return refuse(invocation, "TooManyFolders", "as many folders are observed as can be kept up to date");
+    case ObservationRegistry::Begun::tooManyObservations:
+      return refuse(invocation, "TooManyFolders", "the caller has begun too many observations");
+    case ObservationRegistry::Begun::byTheFirst:
+      keepOthersCached(path);
+      platform::host::folderShown(path);
+      break;
+    case ObservationRegistry::Begun::byAnother:
+      break;
   }
+  // Each time: the poller may have dropped the folder meanwhile.
+  extension_.beginObservingDirectoryAtURL(*url);
   watchClient(client);
   vornet_finder_sync1_complete_begin_observing(skeleton_, invocation);
 }
@@ -294,19 +305,14 @@ void FinderSyncService::endObservationOf(const std::string& folder) {
   platform::host::folderHidden(folder);
 }
 
-void FinderSyncService::askAgainWhenFilled(const std::string& folder, std::chrono::milliseconds delay) {
-  const auto timer = std::make_shared<boost::asio::steady_timer>(observing_.threads(), delay);
-  timer->async_wait([this, timer, folder, delay](const boost::system::error_code& cancelled) {
-    const auto* root = requiredStatusManager().rootDir();
-    if (cancelled || !root || observations_.observers(folder).empty()) return;
-    if (!requiredStatusManager().dirCache().isPopulated(getCloudPath(*root, folder) + "/")) {
-      askAgainWhenFilled(folder, std::min(2 * delay, LONGEST_BETWEEN_LOOKS));
-      return;
-    }
-    badges_.post([this, folder] {
-      for (const auto& item : platform::host::itemsWithBadges(folder)) extension_.requestBadgeIdentifierForURL(item);
-    });
-  });
+/// Before `folder` is entered: the cache drops the one that was entered longest ago, which must be none on screen.
+void FinderSyncService::keepOthersCached(const std::string& folder) {
+  auto& manager = requiredStatusManager();
+  const auto* root = manager.rootDir();
+  if (!root) return;
+  for (const auto& shown : observations_.folders()) {
+    if (shown != folder) manager.dirCache().enterNewDir(getCloudPath(*root, shown) + "/");
+  }
 }
 
 void FinderSyncService::watchClient(const std::string& client) {
@@ -322,6 +328,7 @@ void FinderSyncService::watchClient(const std::string& client) {
 
 void FinderSyncService::forgetClient(const std::string& client) {
   for (const auto& folder : observations_.endAll(client)) endObservationOf(folder);
+  answers_.forget(client);
   const std::lock_guard guard(clientsLock_);
   if (const auto found = clientWatches_.find(client); found != clientWatches_.end()) {
     g_bus_unwatch_name(found->second);
@@ -335,29 +342,26 @@ void FinderSyncService::unwatchClients() {
   clientWatches_.clear();
 }
 
-std::string FinderSyncService::badgeOf(const FileURL& item) const {
-  const platform::host::BadgeRequest request(item);
-  extension_.requestBadgeIdentifierForURL(item);
-  return request.answer().value_or("");
+void FinderSyncService::requestBadges(GDBusMethodInvocation* invocation, const Strings& items) {
+  auto urls = readURLs(invocation, items);
+  if (!urls) return;
+  if (answers_.areCached(*urls)) return answerBadges(invocation, *urls);
+  carryOut(lookUps_, invocation, [this, invocation, i = *std::move(urls)] { answerBadges(invocation, i); });
 }
 
-void FinderSyncService::requestBadges(GDBusMethodInvocation* invocation, const Strings& items) {
-  const auto urls = readURLs(invocation, items);
-  if (!urls) return;
-  const auto roots = observedRoots();
-  Strings identifiers;
-  identifiers.reserve(urls->size());
-  for (const auto& url : *urls) {
-    const bool carriesBadge = url.path() && isBelow(roots, *url.path());
-    identifiers.push_back(carriesBadge ? badgeOf(url) : "");
+void FinderSyncService::answerBadges(GDBusMethodInvocation* invocation, const URLs& items) {
+  const std::string client = g_dbus_method_invocation_get_sender(invocation);
+  const auto outcome = answers_.answer(client, items, [&](const Strings& identifiers) {
+    vornet_finder_sync1_complete_request_badges(skeleton_, invocation, pointers(identifiers).data());
+  });
+  switch (outcome) {
+    case BadgeAnswers::Outcome::tooMuch:
+      return refuse(invocation, "Busy", "too much is to be looked up in a locked database");
+    case BadgeAnswers::Outcome::inDoubt:
+      return watchClient(client);
+    case BadgeAnswers::Outcome::answered:
+      return;
   }
-
-  // A badge may have changed since it was asked for: what is answered is what stands now, and no older one follows it.
-  const std::lock_guard emitting(changes_.emission());
-  for (std::size_t i = 0; i < urls->size(); ++i) {
-    if (auto shown = platform::host::badgeIdentifier((*urls)[i])) identifiers[i] = *std::move(shown);
-  }
-  vornet_finder_sync1_complete_request_badges(skeleton_, invocation, pointers(identifiers).data());
 }
 
 void FinderSyncService::getMenu(GDBusMethodInvocation* invocation, const Strings& selection) {

@@ -2,13 +2,13 @@
 
 #include <gio/gio.h>
 
-#include <chrono>
 #include <functional>
 #include <map>
 #include <mutex>
 #include <string>
 #include <vector>
 
+#include "BadgeAnswers.hpp"
 #include "BadgeChanges.hpp"
 #include "FinderSync1.h"
 #include "ObservationRegistry.hpp"
@@ -40,6 +40,7 @@ class FinderSyncService : private platform::host::Listener {
   using URLs = std::vector<platform::FileURL>;
 
   void badgeChanged(const platform::FileURL& url, const std::string& identifier) override;
+  void badgesInvalidated(const platform::FileURL& folder) override;
   void directoriesChanged() override;
 
   void connectHandlers();
@@ -53,15 +54,13 @@ class FinderSyncService : private platform::host::Listener {
   void beginObserving(GDBusMethodInvocation* invocation, const std::string& folder);
   void endObserving(GDBusMethodInvocation* invocation, const std::string& folder);
   void requestBadges(GDBusMethodInvocation* invocation, const Strings& items);
+  void answerBadges(GDBusMethodInvocation* invocation, const URLs& items);
   void getMenu(GDBusMethodInvocation* invocation, const Strings& selection);
   void performAction(GDBusMethodInvocation* invocation, const std::string& action, const Strings& selection);
-  /// Asks again, once the folder's statuses have been fetched, for the badges that were answered before that: the first
-  /// fetch reports no changes.
-  void askAgainWhenFilled(const std::string& folder, std::chrono::milliseconds delay);
   void watchClient(const std::string& client);
   void forgetClient(const std::string& client);
   void endObservationOf(const std::string& folder);
-  std::string badgeOf(const platform::FileURL& item) const;
+  void keepOthersCached(const std::string& folder);
 
   FinderSync& extension_;
   GDBusConnection* const connection_;
@@ -75,9 +74,11 @@ class FinderSyncService : private platform::host::Listener {
   std::map<std::string, guint> clientWatches_;  // unique bus name -> watch
 
   WorkPool observing_;  // one thread: begin, end and signals keep their order
-  WorkPool badges_;
-  WorkPool menus_;  // may wait for the sync application
+  WorkPool badges_;     // never wait for the database
+  WorkPool lookUps_;    // one thread: see BadgeAnswers
+  WorkPool menus_;      // may wait for the sync application
   BadgeChanges changes_;
+  BadgeAnswers answers_;
 };
 
 }  // namespace vornet::host

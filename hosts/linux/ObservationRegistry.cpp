@@ -2,12 +2,21 @@
 
 namespace vornet::host {
 
-bool ObservationRegistry::begin(const std::string& client, const std::string& folder) {
+ObservationRegistry::Begun ObservationRegistry::begin(const std::string& client, const std::string& folder) {
   const std::lock_guard guard(lock_);
-  auto& clients = counts_[folder];
-  const bool first = clients.empty();
-  ++clients[client];
-  return first;
+  const auto observations = observations_.find(client);
+  if (observations != observations_.end() && observations->second >= MAX_OBSERVATIONS_OF_A_CLIENT) {
+    return Begun::tooManyObservations;
+  }
+  auto clients = counts_.find(folder);
+  const bool first = clients == counts_.end();
+  if (first) {
+    if (counts_.size() >= maxFolders_) return Begun::tooManyFolders;
+    clients = counts_.try_emplace(folder).first;
+  }
+  ++clients->second[client];
+  ++observations_[client];
+  return first ? Begun::byTheFirst : Begun::byAnother;
 }
 
 ObservationRegistry::Ended ObservationRegistry::end(const std::string& client, const std::string& folder) {
@@ -16,6 +25,8 @@ ObservationRegistry::Ended ObservationRegistry::end(const std::string& client, c
   if (clients == counts_.end()) return Ended::notObserving;
   const auto count = clients->second.find(client);
   if (count == clients->second.end()) return Ended::notObserving;
+  const auto observations = observations_.find(client);
+  if (--observations->second == 0) observations_.erase(observations);
   if (--count->second == 0) clients->second.erase(count);
   if (!clients->second.empty()) return Ended::stillObserved;
   counts_.erase(clients);
@@ -25,6 +36,7 @@ ObservationRegistry::Ended ObservationRegistry::end(const std::string& client, c
 std::vector<std::string> ObservationRegistry::endAll(const std::string& client) {
   const std::lock_guard guard(lock_);
   std::vector<std::string> left;
+  observations_.erase(client);
   for (auto clients = counts_.begin(); clients != counts_.end();) {
     if (clients->second.erase(client) > 0 && clients->second.empty()) {
       left.push_back(clients->first);
@@ -34,6 +46,13 @@ std::vector<std::string> ObservationRegistry::endAll(const std::string& client) 
     }
   }
   return left;
+}
+
+std::vector<std::string> ObservationRegistry::folders() const {
+  const std::lock_guard guard(lock_);
+  std::vector<std::string> folders;
+  for (const auto& [folder, clients] : counts_) folders.push_back(folder);
+  return folders;
 }
 
 std::vector<std::string> ObservationRegistry::observers(const std::string& folder) const {

@@ -3,7 +3,9 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <fstream>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <regex>
@@ -16,6 +18,7 @@
 #include "support/LoopbackServer.hpp"
 #include "support/PrivateBus.hpp"
 #include "support/StartedProgram.hpp"
+#include "support/Threads.hpp"
 
 namespace {
 
@@ -315,7 +318,7 @@ TEST_F(VornetVIExtTest, TwoClientsThatShowTheSameFolderShareOneObservation) {
   ASSERT_TRUE(client->beginObserving(url("")));
   ASSERT_TRUE(client->beginObserving(url("")));
   ASSERT_TRUE(second.beginObserving(url("")));
-  EXPECT_EQ(logged(enter), 1u);
+  EXPECT_EQ(logged(enter), 3u) << "each beginning reaches the poller";
   ASSERT_TRUE(client->endObserving(url("")));
   ASSERT_TRUE(second.endObserving(url("")));
   EXPECT_EQ(second.endObserving(url("")).error, "NotObserving");
@@ -333,6 +336,125 @@ TEST_F(VornetVIExtTest, AClientThatVanishesFromTheBusIsCleanedUp) {
   second.reset();
   EXPECT_TRUE(waitForLog("[FinderSync] endObservingDirectoryAtURL: Directory exit: " + root + "/d"));
   EXPECT_EQ(logged("[FinderSync] endObservingDirectoryAtURL: Directory exit: " + root), 0u);
+}
+
+TEST_F(VornetVIExtTest, ClientsThatLeftAreNoLongerWatched) {
+  startConfigured();
+  client->property("Version");
+  const auto before = client->extensionsMatchRules();
+  ASSERT_TRUE(before);
+  std::vector<std::unique_ptr<BusClient>> others;
+  for (int i = 0; i < 10; ++i) {
+    others.push_back(std::make_unique<BusClient>(bus->address()));
+    ASSERT_TRUE(others.back()->beginObserving(url("d")));
+  }
+  ASSERT_TRUE(client->waitUntil([&] { return client->extensionsMatchRules() >= *before + 10; }));
+  others.clear();
+  EXPECT_TRUE(client->waitUntil([&] { return client->extensionsMatchRules() == before; }));
+}
+
+TEST_F(VornetVIExtTest, AFolderThatTheSyncApplicationDidNotKnowIsPolledAgainWhenAnotherWindowShowsIt) {
+  LoopbackServer application([](const WireRequest&) { return WireReply{.status = 404}; });
+  startConfigured();
+  ASSERT_TRUE(client->beginObserving(url("d")));
+  ASSERT_TRUE(
+      waitForLog("[RESTPollingManager] poll: Directory " + root + "/d does not exist (404), ignoring subscription"));
+  application.setAnswer([](const WireRequest&) { return WireReply{.body = R"({"/d/x":2})"}; });
+  BusClient second(bus->address());
+  ASSERT_TRUE(second.beginObserving(url("d")));
+  EXPECT_TRUE(application.waitForRequests(2));
+  EXPECT_TRUE(client->waitUntil([&] { return client->requestBadges({url("d/x")}).texts()[0] == "SYNCED"; }));
+}
+
+TEST_F(VornetVIExtTest, MoreFoldersThanCanBeKeptUpToDateAreRefusedAndNothingIsObserved) {
+  startConfigured();
+  for (int i = 0; i <= 50; ++i) fs::create_directory(root + "/" + std::to_string(i));
+  BusClient second(bus->address());
+  for (int i = 0; i < 50; ++i) {
+    ASSERT_TRUE((i % 2 ? second : *client).beginObserving(url(std::to_string(i)))) << i;
+  }
+  EXPECT_EQ(enteredAndLeft(), 50u);
+  EXPECT_EQ(client->beginObserving(url("50")).error, "TooManyFolders");
+  EXPECT_EQ(second.beginObserving(url("50")).error, "TooManyFolders");
+  EXPECT_EQ(enteredAndLeft(), 50u);
+  EXPECT_EQ(client->endObserving(url("50")).error, "NotObserving");
+  EXPECT_TRUE(client->beginObserving(url("1"))) << "it is observed already, by the other client";
+  EXPECT_TRUE(second.endObserving(url("3")));
+  EXPECT_TRUE(client->beginObserving(url("50")));
+}
+
+TEST_F(VornetVIExtTest, AFolderOnScreenStaysUpToDateHoweverManyOthersWereShownSince) {
+  SyncApplication application;
+  application.set("/d/x", 1);
+  startConfigured();
+  ASSERT_TRUE(client->beginObserving(url("d")));
+  ASSERT_TRUE(client->waitUntil([&] { return client->requestBadges({url("d/x")}).texts()[0] == "PENDING"; }));
+  for (int i = 0; i < 60; ++i) {
+    const auto other = std::to_string(i);
+    fs::create_directory(root + "/" + other);
+    ASSERT_TRUE(client->beginObserving(url(other)));
+    ASSERT_TRUE(client->endObserving(url(other)));
+  }
+  application.set("/d/x", 2);
+  EXPECT_TRUE(client->waitForChange(url("d/x"), "SYNCED"));
+}
+
+TEST_F(VornetVIExtTest, AFolderIsOneHoweverItIsSpelled) {
+  SyncApplication application;
+  application.set("/d/x", 1);
+  startConfigured();
+  for (const char* spelling : {"d", "/d", "d/", "d//", "//d///"}) {
+    ASSERT_TRUE(client->beginObserving(url(spelling))) << spelling;
+  }
+  EXPECT_EQ(logged("[FinderSync] beginObservingDirectoryAtURL: Directory enter: " + root + "/d"), 5u);
+  ASSERT_TRUE(client->waitUntil([&] { return client->requestBadges({url("d//x")}).texts()[0] == "PENDING"; }));
+  application.set("/d/x", 2);
+  EXPECT_TRUE(client->waitForChange(url("d/x"), "SYNCED"));
+  for (const char* spelling : {"d//", "d", "///d", "d", "d"}) {
+    ASSERT_TRUE(client->endObserving(url(spelling))) << spelling;
+  }
+  EXPECT_EQ(logged("[FinderSync] endObservingDirectoryAtURL: Directory exit: " + root + "/d"), 1u);
+}
+
+TEST_F(VornetVIExtTest, AClientMayBeginAThousandObservations) {
+  startConfigured();
+  for (int i = 0; i < 1000; ++i) ASSERT_TRUE(client->beginObserving(url(i % 2 ? "d" : ""))) << i;
+  EXPECT_EQ(client->beginObserving(url("d")).error, "TooManyFolders");
+  EXPECT_EQ(enteredAndLeft(), 1000u);
+  EXPECT_TRUE(BusClient(bus->address()).beginObserving(url("d"))) << "another client's are counted apart";
+  EXPECT_TRUE(client->endObserving(url("d")));
+  EXPECT_TRUE(client->beginObserving(url("")));
+}
+
+TEST_F(VornetVIExtTest, APathThatHoldsTheRootsTextTwiceHasNoBadgeNoMenuNoActionAndIsNotObserved) {
+  const std::string outer = root + "/a" + fs::path(root).parent_path().string();  // the root's text fits in below it
+  const std::string inner = outer + "/" + fs::path(root).filename().string();
+  fs::create_directories(inner);
+  writeFile(inner + "/x", "");
+  const std::string cloudOuter = outer.substr(root.size());
+  vornet::test::makeSyncDatabase(environment.container() / "sync.db", {{"/a/x", 2}, {"/a/", 2}, {"/a", 2}});
+  SyncApplication application;
+  application.set(cloudOuter + "/root", 1);
+  application.set(cloudOuter + "/other", 1);
+  startConfigured();
+  EXPECT_THAT(client->requestBadges({"file://" + inner + "/x", "file://" + inner, "file://" + inner + "x"}).texts(),
+              Each(""));
+  std::vector<MenuEntry> entries;
+  EXPECT_TRUE(client->menu({url("x"), "file://" + inner + "/x"}, entries));
+  EXPECT_THAT(entries, IsEmpty());
+  EXPECT_EQ(client->performAction("share:", {"file://" + inner + "/x"}).error, "OutsideObservedFolders");
+  EXPECT_THAT(application.bodies("mac_populate_menu"), IsEmpty());
+  EXPECT_THAT(application.bodies("select_context_menu"), IsEmpty());
+  EXPECT_EQ(client->beginObserving("file://" + inner).error, "OutsideObservedFolders");
+  EXPECT_THAT(application.bodies("get_icons_for_folder"), IsEmpty());
+
+  ASSERT_TRUE(client->beginObserving("file://" + outer));
+  ASSERT_TRUE(
+      client->waitUntil([&] { return client->requestBadges({"file://" + outer + "/other"}).texts()[0] == "PENDING"; }));
+  for (const char* name : {"/root", "/other"}) application.set(cloudOuter + name, 2);
+  ASSERT_TRUE(client->waitForChange("file://" + outer + "/other", "SYNCED"));
+  EXPECT_EQ(client->changes().count("file://" + inner), 0u);
+  EXPECT_THAT(client->requestBadges({"file://" + inner}).texts(), ElementsAre(""));
 }
 
 TEST_F(VornetVIExtTest, AFolderRemovedFromDiskCanStillBeLeft) {
@@ -415,6 +537,103 @@ TEST_F(VornetVIExtTest, ManyChangesComeInFewSignals) {
            client->changes().at(url("0")) == "SYNCED";
   }));
   EXPECT_LE(client->signals(), 100u);
+}
+
+TEST_F(VornetVIExtTest, WhatWasAnsweredBeforeTheFolderWasFilledIsCorrectedAlsoWhereNoBadgeWasKnown) {
+  vornet::test::makeSyncDatabase(environment.container() / "sync.db", {{"/x", 1}, {"/y", 7}});
+  vornet::test::Gate asked;
+  LoopbackServer application([&asked](const WireRequest&) {
+    asked.passInTime();
+    return WireReply{.body = R"({"/x":2,"/y":2})"};
+  });
+  startConfigured();
+  ASSERT_TRUE(client->beginObserving(url("")));
+  EXPECT_THAT(client->requestBadges({url("x"), url("y")}).texts(), ElementsAre("PENDING", ""));
+  asked.open();
+  EXPECT_TRUE(client->waitForChange(url("x"), "SYNCED"));
+  EXPECT_TRUE(client->waitForChange(url("y"), "SYNCED"));
+}
+
+TEST_F(VornetVIExtTest, WhatTheCacheKnowsIsAnsweredWhileLookUpsMeetALockedDatabase) {
+  const auto database = environment.container() / "sync.db";
+  vornet::test::makeSyncDatabase(database, {{"/d/0", 2}});
+  SyncApplication application;
+  application.set("/x", 2);
+  startConfigured();
+  BusClient second(bus->address());
+  ASSERT_TRUE(client->beginObserving(url("")));
+  ASSERT_TRUE(client->waitUntil([&] { return client->requestBadges({url("x")}).texts()[0] == "SYNCED"; }));
+
+  vornet::test::Database writer(database);
+  writer.run("BEGIN EXCLUSIVE");
+  std::vector<std::string> batch;
+  for (int i = 0; i < 500; ++i) batch.push_back(url("d/" + std::to_string(i)));
+  int answered = 0;
+  const auto began = std::chrono::steady_clock::now();
+  for (int i = 0; i < 2; ++i) {
+    second.call("RequestBadges", BusClient::urlArguments(batch), [&answered](const BusReply&) { ++answered; });
+  }
+  second.property("Version");  // the batches are with the extension now
+  const auto asked = std::chrono::steady_clock::now();
+  EXPECT_THAT(client->requestBadges({url("x")}).texts(), ElementsAre("SYNCED"));
+  const auto cached = std::chrono::steady_clock::now() - asked;
+  EXPECT_TRUE(second.waitUntil([&] { return answered == 2; }));
+  const auto batches = std::chrono::steady_clock::now() - began;
+  const auto ms = [](auto time) {
+    return static_cast<int>(std::chrono::ceil<std::chrono::milliseconds>(time).count());
+  };
+  RecordProperty("cached badge, ms", ms(cached));
+  RecordProperty("both batches, ms", ms(batches));
+  // Each look-up waiting by itself, the two batches would take 50 s; so would the badge behind them.
+  EXPECT_LT(cached, std::chrono::seconds(3));
+  EXPECT_LT(batches, std::chrono::seconds(15));
+}
+
+TEST_F(VornetVIExtTest, ALockedDatabaseTakesNoBadgeAwayAndWhatItHidIsToldWhenItIsUnlocked) {
+  const auto database = environment.container() / "sync.db";
+  vornet::test::makeSyncDatabase(database, {{"/x", 2}, {"/y", 2}, {"/d/x", 2}, {"/d/y", 1}, {"/d/z", 2}});
+  startConfigured();  // without a sync application: no folder is ever filled
+  BusClient bystander(bus->address());
+  ASSERT_TRUE(bystander.beginObserving(url("d")));
+  ASSERT_TRUE(client->beginObserving(url("d")));
+  ASSERT_THAT(client->requestBadges({url("d/x"), url("d/z"), url("x")}).texts(), Each("SYNCED"));
+
+  vornet::test::Database writer(database);
+  writer.run("BEGIN EXCLUSIVE");
+  EXPECT_THAT(client->requestBadges({url("d/x"), url("d/y"), url("d/z"), url("x"), url("y")}).texts(),
+              ElementsAre("SYNCED", "", "SYNCED", "SYNCED", ""));
+  // Over several look-ups that fail.
+  ASSERT_TRUE(client->waitUntil([&] { return logged("[SyncDB] pathSyncStatus: Cannot prepare SQL statement") > 6; }));
+  EXPECT_EQ(client->signals(), 0u);
+
+  writer.run("UPDATE ea SET status = 0 WHERE path IN ('/d/x', '/x'); COMMIT");
+  EXPECT_TRUE(client->waitForChange(url("d/x"), "SKIPPED"));
+  EXPECT_TRUE(client->waitForChange(url("d/y"), "PENDING"));
+  EXPECT_TRUE(client->waitForChange(url("x"), "SKIPPED")) << "though its folder is not observed";
+  EXPECT_TRUE(client->waitForChange(url("y"), "SYNCED"));
+  EXPECT_EQ(client->changes().count(url("d/z")), 0u) << "it was right";
+  EXPECT_TRUE(bystander.waitForChange(url("d/y"), "PENDING"));
+  bystander.property("Version");
+  EXPECT_EQ(bystander.changes().count(url("x")) + bystander.changes().count(url("y")), 0u);
+}
+
+TEST_F(VornetVIExtTest, AClientThatLeavesIsForgottenAlsoWhileItsAnswersAreInDoubt) {
+  const auto database = environment.container() / "sync.db";
+  vornet::test::makeSyncDatabase(database, {{"/x", 2}});
+  startConfigured();
+  client->property("Version");
+  const auto before = client->extensionsMatchRules();
+  ASSERT_TRUE(before);
+  vornet::test::Database writer(database);
+  writer.run("BEGIN EXCLUSIVE");
+  std::optional<BusClient> second(bus->address());
+  ASSERT_THAT(second->requestBadges({url("x")}).texts(), ElementsAre(""));
+  ASSERT_TRUE(client->waitUntil([&] { return client->extensionsMatchRules() > before; }));
+  const auto failed = [&] { return logged("[SyncDB] pathSyncStatus: Cannot prepare SQL statement"); };
+  const auto sofar = failed();
+  ASSERT_TRUE(client->waitUntil([&] { return failed() > sofar; })) << "it is looked up again";
+  second.reset();
+  EXPECT_TRUE(client->waitUntil([&] { return client->extensionsMatchRules() == before; }));
 }
 
 TEST_F(VornetVIExtTest, AnAnswerIsNotRepeatedAsASignal) {

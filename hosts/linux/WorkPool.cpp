@@ -18,6 +18,10 @@ bool WorkPool::post(std::function<void()> work) {
   return true;
 }
 
+void WorkPool::postOwn(std::function<void()> work) {
+  boost::asio::post(threads_, std::move(work));
+}
+
 void WorkPool::join() {
   threads_.join();
 }

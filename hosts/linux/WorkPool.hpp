@@ -16,6 +16,9 @@ class WorkPool {
   /// Gives `work` to the threads; false, and nothing done, when too much is waiting already. `work` must not throw.
   bool post(std::function<void()> work);
 
+  /// Gives work of the service's own to the threads: it is never refused. `work` must not throw.
+  void postOwn(std::function<void()> work);
+
   /// Runs what was given, then ends the threads. Once, at the end.
   void join();
 

@@ -87,9 +87,10 @@ void LRUCache::removeLast() {
   --curSize_;
 }
 
-std::optional<StatusTable> LRUCache::update(std::string_view dir, StatusTable itemDict) {
+std::optional<StatusTable> LRUCache::update(std::string_view dir, StatusTable itemDict, bool* firstFill) {
   const std::lock_guard guard(lock_);
   const auto found = dirs_.find(dir);
+  if (firstFill) *firstFill = found != dirs_.end() && !found->second->populated();
   if (found == dirs_.end()) return std::nullopt;
   return found->second->update(std::move(itemDict));
 }

@@ -28,8 +28,9 @@ class LRUCache {
   bool enterNewDir(const std::string& dir);
 
   /// Stores `itemDict` as the statuses of `dir` and returns its new and changed entries; none, and nothing stored, when
-  /// `dir` is not cached. Changes no order.
-  std::optional<StatusTable> update(std::string_view dir, StatusTable itemDict);
+  /// `dir` is not cached. Changes no order. `firstFill`, if given, becomes whether these are the folder's first
+  /// statuses since it was made: then nothing is returned as changed.
+  std::optional<StatusTable> update(std::string_view dir, StatusTable itemDict, bool* firstFill = nullptr);
 
   /// The status of the item with the cloud path `path`. In a filled folder: the entry under exactly that path, none
   /// when there is none. Elsewhere: the database's answer, -1 when it has none. Changes no order.

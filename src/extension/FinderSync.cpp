@@ -56,6 +56,10 @@ void FinderSync::setFileSyncStatus(const FileURL& url, std::int64_t status) {
   finder().setBadgeIdentifier(found == statusMap().end() ? statusNone : found->second, url);
 }
 
+void FinderSync::folderFilled(const FileURL& folder) {
+  finder().invalidateBadges(folder);
+}
+
 void FinderSync::enableVI(const std::set<FileURL>& dirs) {
   finder().setDirectoryURLs(dirs);
 }

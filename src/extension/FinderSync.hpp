@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "platform/FinderSync.hpp"
-#include "rest/FinderSyncController.hpp"
 #include "rest/RESTClient.hpp"
+#include "rest/StatusSink.hpp"
 
 namespace vornet {
 
@@ -28,7 +28,7 @@ using SelectorResult = std::variant<std::monostate, std::string, platform::Image
 /// The extension's principal class, which the file manager makes and calls back on threads of its choice. Answers badge
 /// requests from what the status manager already knows; asks the sync application only for menus and actions, on the
 /// calling thread, for at most 3 seconds each.
-class FinderSync : public platform::FIFinderSync, public FinderSyncController {
+class FinderSync : public platform::FIFinderSync, public StatusSink {
  public:
   /// An object that init() has still to bring to life.
   FinderSync() = default;
@@ -44,6 +44,9 @@ class FinderSync : public platform::FIFinderSync, public FinderSyncController {
 
   /// Shows the badge of `status` on `url`; a status without one removes it.
   void setFileSyncStatus(const platform::FileURL& url, std::int64_t status) override;
+
+  /// Has the file manager ask again, where it can, for the badges of the items in `folder`.
+  void folderFilled(const platform::FileURL& folder) override;
 
   /// Makes `dirs`, or nothing, the folders that the file manager observes for this extension.
   void enableVI(const std::set<platform::FileURL>& dirs) override;

@@ -63,6 +63,10 @@ class FIFinderSyncController {
   /// Shows the badge `identifier` on `url`; "" removes it.
   void setBadgeIdentifier(std::string_view identifier, const FileURL& url);
 
+  /// The badges of the items directly in `folder` may have changed: where the file manager can, it asks again for those
+  /// that it has asked for. The Finder cannot: on macOS nothing happens, and it asks when it shows the items next.
+  void invalidateBadges(const FileURL& folder);
+
   /// The folders below which the file manager calls the extension.
   std::set<FileURL> directoryURLs() const;
   void setDirectoryURLs(const std::set<FileURL>& urls);

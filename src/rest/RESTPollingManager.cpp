@@ -123,6 +123,11 @@ std::optional<StatusCode> RESTPollingManager::badgeFromCache(const platform::Fil
   return dirCache_.statusForPath(getCloudPath(requiredRootDir(), url));
 }
 
+bool RESTPollingManager::isCached(const platform::FileURL& url) const {
+  const auto* root = rootDir();
+  return root && url.path() && dirCache_.isPopulated(folderKey(getCloudPath(*root, url)));
+}
+
 void RESTPollingManager::clearDirCache() {}
 
 std::set<std::string> RESTPollingManager::currentDirs() const {
@@ -198,9 +203,11 @@ void RESTPollingManager::fetch(const std::string& dir) {
   if (!reply) return;
   auto statuses = statusesFromReply(key, *reply);
   if (!statuses) return;
-  const auto changes = dirCache_.update(key, *std::move(statuses));
+  bool firstFill = false;
+  const auto changes = dirCache_.update(key, *std::move(statuses), &firstFill);
   if (!changes) return;
   VI_DEBUG("Updated: " + printedForm(*changes));
+  if (firstFill && finderSync()) finderSync()->folderFilled(platform::FileURL::fileURLWithPath(dir));
   for (const auto& [path, code] : *changes) {
     if (!finderSync()) platform::fatalError("a status manager without a controller");
     finderSync()->setFileSyncStatus(getLocalPath(root, path), code);

@@ -14,8 +14,8 @@
 #include "cache/LRUCache.hpp"
 #include "platform/Dispatch.hpp"
 #include "platform/Foundation.hpp"
-#include "rest/FinderSyncController.hpp"
 #include "rest/MenuActions.hpp"
+#include "rest/StatusSink.hpp"
 
 namespace vornet {
 
@@ -35,8 +35,8 @@ class RESTPollingManager : public std::enable_shared_from_this<RESTPollingManage
   RESTPollingManager& operator=(const RESTPollingManager&) = delete;
 
   /// The controller that receives status pushes; set before start_listener(). It must outlive the worker.
-  FinderSyncController* finderSync() const noexcept { return finderSync_; }
-  void setFinderSync(FinderSyncController* controller) noexcept { finderSync_ = controller; }
+  StatusSink* finderSync() const noexcept { return finderSync_; }
+  void setFinderSync(StatusSink* controller) noexcept { finderSync_ = controller; }
 
   /// Finds the synced folder in the sync application's preferences and adopts it; true when the manager is usable, also
   /// when it was before. False while there are no readable preferences. Stops the process without a group container, or
@@ -56,6 +56,10 @@ class RESTPollingManager : public std::enable_shared_from_this<RESTPollingManage
   /// The status code of the item `url` as far as it is known, none when it is not. Never asks the sync application.
   /// Stops the process while the synced folder is unknown.
   std::optional<StatusCode> badgeFromCache(const platform::FileURL& url);
+
+  /// Whether badgeFromCache answers for `url` from memory now: its folder has been filled. False while the synced
+  /// folder is unknown, and for a URL without a path.
+  bool isCached(const platform::FileURL& url) const;
 
   /// Does nothing.
   void clearDirCache();
@@ -94,7 +98,7 @@ class RESTPollingManager : public std::enable_shared_from_this<RESTPollingManage
   std::atomic<const platform::FileURL*> rootDir_{nullptr};
   const std::set<std::string> pendingUpdates_;
   std::atomic<bool> running_{false};
-  std::atomic<FinderSyncController*> finderSync_{nullptr};
+  std::atomic<StatusSink*> finderSync_{nullptr};
   LRUCache dirCache_{MAX_CACHE_DIRS};
   Menu menu_;
   std::mutex workersMutex_;

@@ -42,11 +42,16 @@ FileURL url(const std::string& path) {
 }
 
 /// Records what the manager asks of the extension's controller.
-class Controller : public FinderSyncController {
+class Controller : public StatusSink {
  public:
   void setFileSyncStatus(const FileURL& item, std::int64_t status) override {
     const std::lock_guard guard(lock_);
     pushes_.emplace_back(*item.path(), status);
+    changed_.notify_all();
+  }
+  void folderFilled(const FileURL& folder) override {
+    const std::lock_guard guard(lock_);
+    filled_.push_back(*folder.path());
     changed_.notify_all();
   }
   void enableVI(const std::set<FileURL>& dirs) override {
@@ -58,6 +63,14 @@ class Controller : public FinderSyncController {
   Pushes pushes() const {
     const std::lock_guard guard(lock_);
     return pushes_;
+  }
+  std::vector<std::string> filled() const {
+    const std::lock_guard guard(lock_);
+    return filled_;
+  }
+  bool waitForFilled(std::size_t count) const {
+    std::unique_lock guard(lock_);
+    return changed_.wait_for(guard, PATIENCE, [&] { return filled_.size() >= count; });
   }
   std::set<FileURL> observed() const {
     const std::lock_guard guard(lock_);
@@ -72,6 +85,7 @@ class Controller : public FinderSyncController {
   mutable std::mutex lock_;
   mutable std::condition_variable changed_;
   Pushes pushes_;
+  std::vector<std::string> filled_;
   std::set<FileURL> observed_;
 };
 
@@ -255,6 +269,38 @@ TEST_F(RESTPollingManagerTest, TheFirstFillPushesNothingAndLaterChangesArePushed
   const auto messages = log.messages(LogLevel::Debug);
   EXPECT_THAT(messages,
               Contains(testing::AnyOf(R"(Updated: ["/a/x": 2, "/a/n": 0])", R"(Updated: ["/a/n": 0, "/a/x": 2])")));
+}
+
+TEST_F(RESTPollingManagerTest, TheFirstFillOfAFolderIsReportedOnce) {
+  serve([this](const WireRequest& request) {
+    return WireReply{.body = "{\"" + dirName(request) + "x\":" + std::to_string(++pass % 3) + "}"};
+  });
+  makeConfigured(SHORT);
+  EXPECT_FALSE(manager->isCached(url("/R/a/x")));
+  manager->start_listener();
+  manager->dirEnter("/R/a");
+  ASSERT_TRUE(controller.waitForFilled(1));
+  EXPECT_TRUE(manager->isCached(url("/R/a/x")));
+  EXPECT_FALSE(manager->isCached(url("/R/a/b/x")));
+  EXPECT_FALSE(manager->isCached(FileURL()));
+  ASSERT_TRUE(controller.waitForPushes(2));
+  manager->dirEnter("/R/a");
+  manager->dirEnter("/R/b");
+  ASSERT_TRUE(controller.waitForFilled(2));
+  EXPECT_THAT(controller.filled(), ElementsAre("/R/a", "/R/b"));
+}
+
+TEST_F(RESTPollingManagerTest, AFolderThatWasEvictedAndEnteredAgainIsReportedAgainWhenFilled) {
+  serve(R"({"/a/x":2})");
+  makeConfigured(NEVER);
+  manager->start_listener();
+  manager->dirEnter("/R/a");
+  ASSERT_TRUE(controller.waitForFilled(1));
+  manager->dirCache().clearCache();
+  EXPECT_FALSE(manager->isCached(url("/R/a/x")));
+  manager->dirEnter("/R/a");
+  ASSERT_TRUE(controller.waitForFilled(2));
+  EXPECT_THAT(controller.filled(), ElementsAre("/R/a", "/R/a"));
 }
 
 TEST_F(RESTPollingManagerTest, PostsTheCloudPathWithOneSlashAndNoExtraHeaders) {

@@ -171,6 +171,18 @@ int BusClient::extensionProcess() {
   return static_cast<int>(process);
 }
 
+std::optional<unsigned> BusClient::extensionsMatchRules() {
+  const auto stats = owned(g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                       "org.freedesktop.DBus.Debug.Stats", "GetConnectionStats",
+                                                       g_variant_new("(s)", NAME), nullptr, G_DBUS_CALL_FLAGS_NONE,
+                                                       CALL_TIMEOUT_MS, nullptr, nullptr));
+  if (!stats) return std::nullopt;
+  const auto values = owned(g_variant_get_child_value(stats.get(), 0));
+  guint32 count = 0;
+  if (!g_variant_lookup(values.get(), "MatchRules", "u", &count)) return std::nullopt;
+  return count;
+}
+
 void BusClient::forgetChanges() {
   while (g_main_context_iteration(context_, FALSE)) continue;
   changes_.clear();

@@ -5,6 +5,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -51,6 +52,12 @@ class BusClient {
 
   /// The process that owns the extension's name; 0 for none.
   int extensionProcess();
+
+  /// How many match rules the owner of the extension's name has on the bus; none when the bus does not tell.
+  std::optional<unsigned> extensionsMatchRules();
+
+  /// This client's name on the bus.
+  std::string name() const { return g_dbus_connection_get_unique_name(connection_); }
 
   /// The changes that came by signal: item -> identifier, the last one of each; and how many signals they came in.
   const std::map<std::string, std::string>& changes() const { return changes_; }

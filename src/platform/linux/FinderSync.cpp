@@ -28,18 +28,55 @@ std::string_view folderOf(std::string_view path) {
 }  // namespace
 
 struct FIFinderSyncController::Impl {
+  /// An item of a folder on screen.
+  struct Item {
+    std::uint64_t version;                  // another one after each setting of its badge; never used twice
+    std::optional<std::string> identifier;  // none before the first setting
+    bool answered = false;                  // somebody was told that it has no badge, or its badge
+  };
+  struct Folder {
+    TextMap<Item> items;
+    std::size_t askedFor = 0;  // how many of its items were remembered because of a question
+  };
+
   std::mutex lock;
   std::vector<host::RegisteredBadge> registered;
   std::set<FileURL> directories;
-  TextMap<TextMap<std::string>> onScreen;  // folder -> item -> badge identifier
+  TextMap<Folder> onScreen;  // by path
+  std::size_t askedFor = 0;  // in all folders
+  std::uint64_t versions = 0;
   host::Listener* listener = nullptr;
 
-  /// The badge slot of the item with this path; null when its folder is not on screen or none was set.
-  std::string* badge(std::string_view path) {
+  Folder* folderOfItem(std::string_view path) {
     const auto folder = onScreen.find(folderOf(path));
-    if (folder == onScreen.end()) return nullptr;
-    const auto item = folder->second.find(path);
-    return item == folder->second.end() ? nullptr : &item->second;
+    return folder == onScreen.end() ? nullptr : &folder->second;
+  }
+
+  /// The item with this path; null when its folder is not on screen, or nothing is known of it.
+  Item* item(std::string_view path) {
+    auto* folder = folderOfItem(path);
+    if (!folder) return nullptr;
+    const auto item = folder->items.find(path);
+    return item == folder->items.end() ? nullptr : &item->second;
+  }
+
+  /// As item(), for one that is asked for: it is remembered from now on, unless there are too many.
+  Item* askedItem(const std::string& path) {
+    auto* folder = folderOfItem(path);
+    if (!folder) return nullptr;
+    if (const auto item = folder->items.find(path); item != folder->items.end()) return &item->second;
+    if (askedFor >= host::MAX_ITEMS_ASKED_FOR) return nullptr;
+    ++askedFor;
+    ++folder->askedFor;
+    return &folder->items.emplace(path, Item{++versions, std::nullopt}).first->second;
+  }
+
+  /// Sets the badge of an item, and tells the listener when that is news to somebody.
+  void set(Item& item, const FileURL& url, std::string_view identifier, bool isAnswer) {
+    item.version = ++versions;
+    const bool isNews = item.identifier ? *item.identifier != identifier : !isAnswer || item.answered;
+    item.identifier = identifier;
+    if (isNews && listener) listener->badgeChanged(url, *item.identifier);
   }
 };
 
@@ -69,21 +106,20 @@ void FIFinderSyncController::setBadgeImage(const Image& image, std::string_view 
 
 void FIFinderSyncController::setBadgeIdentifier(std::string_view identifier, const FileURL& url) {
   if (!url.path()) return;
-  const bool isAnswer = currentRequest && FinderSyncHostAccess::asks(*currentRequest, url);
-  if (isAnswer) FinderSyncHostAccess::answer(*currentRequest, identifier);
-
-  const std::lock_guard guard(impl_->lock);
-  const auto folder = impl_->onScreen.find(folderOf(*url.path()));
-  if (folder == impl_->onScreen.end()) return;
-  const auto item = folder->second.find(*url.path());
-  if (item == folder->second.end()) {
-    folder->second.emplace(*url.path(), identifier);
-    if (isAnswer) return;
-  } else {
-    if (item->second == identifier) return;
-    item->second = identifier;
+  if (currentRequest && FinderSyncHostAccess::asks(*currentRequest, url)) {
+    FinderSyncHostAccess::answer(*currentRequest, identifier);
+    return;
   }
-  if (impl_->listener) impl_->listener->badgeChanged(url, std::string(identifier));
+  const std::lock_guard guard(impl_->lock);
+  auto* folder = impl_->folderOfItem(*url.path());
+  if (!folder) return;
+  auto& item = folder->items.try_emplace(*url.path(), Impl::Item{0, std::nullopt}).first->second;
+  impl_->set(item, url, identifier, false);
+}
+
+void FIFinderSyncController::invalidateBadges(const FileURL& folder) {
+  const std::lock_guard guard(impl_->lock);
+  if (impl_->listener && folder.path()) impl_->listener->badgesInvalidated(folder);
 }
 
 std::set<FileURL> FIFinderSyncController::directoryURLs() const {
@@ -125,15 +161,19 @@ void folderShown(const std::string& path) {
 void folderHidden(const std::string& path) {
   auto& controller = FinderSyncHostAccess::impl();
   const std::lock_guard guard(controller.lock);
-  controller.onScreen.erase(path);
+  const auto folder = controller.onScreen.find(path);
+  if (folder == controller.onScreen.end()) return;
+  controller.askedFor -= folder->second.askedFor;
+  controller.onScreen.erase(folder);
 }
 
-std::vector<FileURL> itemsWithBadges(const std::string& folder) {
+std::vector<FileURL> itemsOnScreen(const std::string& folder) {
   auto& controller = FinderSyncHostAccess::impl();
   const std::lock_guard guard(controller.lock);
   std::vector<FileURL> items;
   if (const auto found = controller.onScreen.find(folder); found != controller.onScreen.end()) {
-    for (const auto& [path, identifier] : found->second) items.push_back(FileURL::fileURLWithPath(path));
+    items.reserve(found->second.items.size());
+    for (const auto& [path, item] : found->second.items) items.push_back(FileURL::fileURLWithPath(path));
   }
   return items;
 }
@@ -142,16 +182,32 @@ std::optional<std::string> badgeIdentifier(const FileURL& url) {
   if (!url.path()) return std::nullopt;
   auto& controller = FinderSyncHostAccess::impl();
   const std::lock_guard guard(controller.lock);
-  const auto* badge = controller.badge(*url.path());
-  if (!badge) return std::nullopt;
-  return *badge;
+  const auto* item = controller.item(*url.path());
+  return item ? item->identifier : std::nullopt;
 }
 
 BadgeRequest::BadgeRequest(const FileURL& url) : url_(url), outer_(currentRequest) {
+  if (url.path()) {
+    auto& controller = FinderSyncHostAccess::impl();
+    const std::lock_guard guard(controller.lock);
+    if (const auto* item = controller.askedItem(*url.path())) version_ = item->version;
+  }
   currentRequest = this;
 }
 BadgeRequest::~BadgeRequest() {
   currentRequest = outer_;
+}
+
+bool BadgeRequest::apply() {
+  if (!url_.path()) return true;
+  auto& controller = FinderSyncHostAccess::impl();
+  const std::lock_guard guard(controller.lock);
+  auto* item = controller.item(*url_.path());
+  if (!item) return true;
+  if (item->version != version_) return false;
+  if (answer_) controller.set(*item, url_, *answer_, true);
+  item->answered = true;
+  return true;
 }
 
 Selection::Selection(const std::vector<FileURL>& selection) : outer_(currentSelection) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <set>
 #include <string>
@@ -23,6 +24,9 @@ class Listener {
   /// of it.
   virtual void badgeChanged(const FileURL& url, const std::string& identifier) = 0;
 
+  /// The badges of the items directly in `folder` are to be asked for again.
+  virtual void badgesInvalidated(const FileURL& folder) = 0;
+
   /// The set of observed folders was replaced.
   virtual void directoriesChanged() = 0;
 };
@@ -43,16 +47,22 @@ std::vector<RegisteredBadge> registeredBadges();
 void folderShown(const std::string& path);
 void folderHidden(const std::string& path);
 
-/// The items of the folder with this path on which a badge, or none, was set while it is on screen.
-std::vector<FileURL> itemsWithBadges(const std::string& folder);
+/// The most items that are remembered only because they were asked for, in all folders together.
+inline constexpr std::size_t MAX_ITEMS_ASKED_FOR = 200'000;
+
+/// The items of the folder with this path that were asked for, or on which a badge was set, while it is on screen. Of
+/// those asked for at most MAX_ITEMS_ASKED_FOR in all folders are remembered.
+std::vector<FileURL> itemsOnScreen(const std::string& folder);
 
 /// The badge last set on `url`, while its folder is on screen; none when none was set.
 std::optional<std::string> badgeIdentifier(const FileURL& url);
 
-/// While it lives, a badge that this thread sets on `url` is the answer to a request, and told to the listener only
-/// when another badge had been set before.
+/// A question for the badge of `url`. While it lives, a badge that this thread sets on `url` is the answer, and nothing
+/// else comes of it before apply(). One thread.
 class BadgeRequest {
  public:
+  /// Begins the request, before the badge is determined. From now on the item is remembered while its folder is on
+  /// screen, whatever the answer is.
   explicit BadgeRequest(const FileURL& url);
   ~BadgeRequest();
   BadgeRequest(const BadgeRequest&) = delete;
@@ -61,9 +71,18 @@ class BadgeRequest {
   /// The identifier that was set; none when none was.
   const std::optional<std::string>& answer() const { return answer_; }
 
+  /// Drops the answer: it is not to be believed.
+  void withdraw() { answer_.reset(); }
+
+  /// Shows the answer on the item while its folder is on screen; an absent answer leaves its badge as it is. The
+  /// listener is told when something else had been said of the item before. False, and nothing is done, when a badge
+  /// was set on the item since the request began: the answer may be the older one, and must be asked for again.
+  bool apply();
+
  private:
   friend struct platform::FinderSyncHostAccess;
   const FileURL& url_;
+  std::uint64_t version_ = 0;  // of the item's badge when the request began; 0 while its folder is not on screen
   std::optional<std::string> answer_;
   BadgeRequest* outer_;
 };

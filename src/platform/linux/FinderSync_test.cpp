@@ -28,9 +28,11 @@ class NotingListener : public host::Listener {
   void badgeChanged(const FileURL& url, const std::string& identifier) override {
     badges.emplace_back(url.path().value_or("none"), identifier);
   }
+  void badgesInvalidated(const FileURL& folder) override { invalidated.push_back(*folder.path()); }
   void directoriesChanged() override { ++directories; }
 
   std::vector<std::pair<std::string, std::string>> badges;
+  std::vector<std::string> invalidated;
   int directories = 0;
 };
 
@@ -148,12 +150,108 @@ TEST_F(FinderSyncController, IgnoresURLsWithoutPath) {
 TEST_F(FinderSyncController, TakesABadgeOfTheAskedItemAsTheAnswer) {
   host::folderShown("/a");
   const auto url = at("/a/file");
-  const host::BadgeRequest request(url);
+  host::BadgeRequest request(url);
   EXPECT_EQ(request.answer(), std::nullopt);
   controller.setBadgeIdentifier("SYNCED", at("/a/file"));
   EXPECT_EQ(request.answer(), "SYNCED");
+  EXPECT_EQ(host::badgeIdentifier(url), std::nullopt) << "not yet";
+  EXPECT_TRUE(request.apply());
   EXPECT_EQ(host::badgeIdentifier(url), "SYNCED");
   EXPECT_THAT(listener.badges, IsEmpty()) << "the asker knows it";
+}
+
+TEST_F(FinderSyncController, TakesNoAnswerThatMayBeOlderThanTheBadge) {
+  host::folderShown("/a");
+  const auto url = at("/a/file");
+  host::BadgeRequest overtaken(url);
+  std::thread([&] { controller.setBadgeIdentifier("SYNCED", url); }).join();
+  controller.setBadgeIdentifier("PENDING", url);
+  EXPECT_FALSE(overtaken.apply());
+  EXPECT_EQ(host::badgeIdentifier(url), "SYNCED");
+  EXPECT_THAT(listener.badges, ElementsAre(Pair("/a/file", "SYNCED")));
+
+  host::BadgeRequest again(url);
+  {
+    host::BadgeRequest other(url);
+    controller.setBadgeIdentifier("SYNCED", url);
+    EXPECT_TRUE(other.apply());
+  }
+  controller.setBadgeIdentifier("PENDING", url);
+  EXPECT_FALSE(again.apply()) << "the same badge was set meanwhile, but later";
+}
+
+TEST_F(FinderSyncController, TakesNoAnswerFromBeforeTheFolderWasShownAgain) {
+  const auto url = at("/a/file");
+  host::BadgeRequest before(url);
+  controller.setBadgeIdentifier("PENDING", url);
+  host::folderShown("/a");
+  EXPECT_TRUE(before.apply()) << "nothing is known of the item";
+  EXPECT_EQ(host::badgeIdentifier(url), std::nullopt);
+
+  host::BadgeRequest meanwhile(url);
+  controller.setBadgeIdentifier("PENDING", url);
+  host::folderHidden("/a");
+  host::folderShown("/a");
+  std::thread([&] { controller.setBadgeIdentifier("SYNCED", url); }).join();
+  EXPECT_FALSE(meanwhile.apply());
+  EXPECT_EQ(host::badgeIdentifier(url), "SYNCED");
+}
+
+TEST_F(FinderSyncController, RemembersWhatWasAskedForWhateverTheAnswer) {
+  host::folderShown("/a");
+  const auto unknown = at("/a/unknown");
+  const auto withdrawn = at("/a/withdrawn");
+  const auto pending = at("/a/pending");
+  const auto elsewhere = at("/b/file");
+  const host::BadgeRequest running(pending);
+  for (const auto* url : {&unknown, &withdrawn, &elsewhere}) {
+    host::BadgeRequest request(*url);
+    if (url == &withdrawn) controller.setBadgeIdentifier("", *url);
+    request.withdraw();
+    EXPECT_EQ(request.answer(), std::nullopt);
+    EXPECT_TRUE(request.apply());
+  }
+  controller.setBadgeIdentifier("SYNCED", at("/a/pushed"));
+  EXPECT_THAT(host::itemsOnScreen("/a"), testing::UnorderedElementsAre(unknown, withdrawn, pending, at("/a/pushed")));
+  EXPECT_EQ(host::badgeIdentifier(withdrawn), std::nullopt);
+  EXPECT_THAT(host::itemsOnScreen("/b"), IsEmpty());
+  host::folderHidden("/a");
+  EXPECT_THAT(host::itemsOnScreen("/a"), IsEmpty());
+}
+
+TEST_F(FinderSyncController, TellsTheFirstBadgeOfAnItemThatWasAnsweredWithoutOne) {
+  host::folderShown("/a");
+  const auto url = at("/a/file");
+  { EXPECT_TRUE(host::BadgeRequest(url).apply()); }
+  EXPECT_THAT(listener.badges, IsEmpty());
+  host::BadgeRequest second(url);
+  controller.setBadgeIdentifier("SYNCED", url);
+  EXPECT_TRUE(second.apply());
+  EXPECT_THAT(listener.badges, ElementsAre(Pair("/a/file", "SYNCED")));
+}
+
+TEST_F(FinderSyncController, RemembersABoundedNumberOfItemsThatWereAskedFor) {
+  host::folderShown("/a");
+  host::folderShown("/b");
+  for (std::size_t i = 0; i < host::MAX_ITEMS_ASKED_FOR; ++i) {
+    const auto url = at("/a/" + std::to_string(i));
+    host::BadgeRequest(url).apply();
+  }
+  const auto url = at("/b/file");
+  host::BadgeRequest(url).apply();
+  EXPECT_THAT(host::itemsOnScreen("/b"), IsEmpty());
+  controller.setBadgeIdentifier("SYNCED", url);
+  EXPECT_EQ(host::badgeIdentifier(url), "SYNCED") << "what is pushed is no question";
+  host::folderHidden("/a");
+  const auto other = at("/b/other");
+  host::BadgeRequest(other).apply();
+  EXPECT_EQ(host::itemsOnScreen("/b").size(), 2u);
+}
+
+TEST_F(FinderSyncController, TellsWhichFoldersBadgesAreInvalid) {
+  controller.invalidateBadges(at("/a"));
+  controller.invalidateBadges(FileURL());
+  EXPECT_THAT(listener.invalidated, ElementsAre("/a"));
 }
 
 TEST_F(FinderSyncController, AnswersForFoldersThatAreNotOnScreenToo) {
@@ -178,15 +276,17 @@ TEST_F(FinderSyncController, TellsAnAnswerThatDiffersFromTheBadgeBefore) {
   controller.setBadgeIdentifier("PENDING", url);
   listener.badges.clear();
   {
-    const host::BadgeRequest request(url);
+    host::BadgeRequest request(url);
     controller.setBadgeIdentifier("PENDING", url);
     EXPECT_EQ(request.answer(), "PENDING");
+    EXPECT_TRUE(request.apply());
   }
   EXPECT_THAT(listener.badges, IsEmpty());
   {
-    const host::BadgeRequest request(url);
+    host::BadgeRequest request(url);
     controller.setBadgeIdentifier("SYNCED", url);
     EXPECT_EQ(request.answer(), "SYNCED");
+    EXPECT_TRUE(request.apply());
   }
   EXPECT_THAT(listener.badges, ElementsAre(Pair("/a/file", "SYNCED")));
 }
@@ -337,9 +437,10 @@ TEST_F(FinderSyncController, MayBeUsedByManyThreadsAtOnce) {
       for (int round = 0; round < 200; ++round) {
         host::folderShown(folder);
         {
-          const host::BadgeRequest request(url);
+          host::BadgeRequest request(url);
           controller.setBadgeIdentifier("SYNCED", url);
           EXPECT_EQ(request.answer(), "SYNCED");
+          request.apply();
         }
         controller.setBadgeIdentifier("PENDING", url);
         host::badgeIdentifier(url);

@@ -42,6 +42,10 @@ void FIFinderSyncController::setBadgeIdentifier(std::string_view identifier, con
   }
 }
 
+void FIFinderSyncController::invalidateBadges(const FileURL&) {
+  // The framework has no way to make the Finder ask again.
+}
+
 std::set<FileURL> FIFinderSyncController::directoryURLs() const {
   @autoreleasepool {
     std::set<FileURL> urls;

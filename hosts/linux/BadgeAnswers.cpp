@@ -1,0 +1,156 @@
+#include "BadgeAnswers.hpp"
+
+#include <chrono>
+#include <map>
+#include <string_view>
+
+#include "Selections.hpp"
+#include "db/SyncDB.hpp"
+#include "extension/AppConst.hpp"
+#include "platform/linux/FinderSyncHost.hpp"
+#include "rest/RESTPollingManager.hpp"
+
+namespace vornet::host {
+namespace {
+
+using platform::FIFinderSyncController;
+using platform::FileURL;
+
+// Just longer than the time for which no look-up waits for a lock, so that the first one of a round waits again.
+constexpr std::chrono::milliseconds BETWEEN_ROUNDS{1050};
+
+// Look-ups that a round makes before questions of clients get their turn.
+constexpr std::size_t LOOK_UPS_A_TURN = 200;
+
+std::string_view folderOf(std::string_view path) {
+  return path.substr(0, path.find_last_of('/'));
+}
+
+bool carriesBadge(const std::set<FileURL>& roots, const FileURL& item) {
+  return item.path() && isBelow(roots, *item.path());
+}
+
+}  // namespace
+
+BadgeAnswers::BadgeAnswers(FinderSync& extension, BadgeChanges& changes, WorkPool& lookUps)
+    : extension_(extension), changes_(changes), lookUps_(lookUps), timer_(lookUps.threads()) {}
+
+bool BadgeAnswers::areCached(const std::vector<FileURL>& items) const {
+  const auto roots = FIFinderSyncController::defaultController().directoryURLs();
+  std::optional<std::string_view> cached;  // most batches have one folder
+  for (const auto& item : items) {
+    if (!carriesBadge(roots, item)) continue;
+    const auto folder = folderOf(*item.path());
+    if (folder == cached) continue;
+    if (!requiredStatusManager().isCached(item)) return false;
+    cached = folder;
+  }
+  return true;
+}
+
+/// The identifier that the extension answers for `item`; none when it could not be determined, because the database is
+/// locked: the item's badge is left as it is then.
+std::optional<std::string> BadgeAnswers::ask(const FileURL& item) const {
+  for (;;) {
+    const auto before = SyncDB::lockedQueriesOfThisThread();
+    platform::host::BadgeRequest request(item);
+    extension_.requestBadgeIdentifierForURL(item);
+    const bool locked = SyncDB::lockedQueriesOfThisThread() != before;
+    if (locked) request.withdraw();
+    const auto answer = request.answer();
+    if (!request.apply()) continue;
+    if (locked) return std::nullopt;
+    return answer.value_or("");
+  }
+}
+
+BadgeAnswers::Outcome BadgeAnswers::answer(const std::string& client, const std::vector<FileURL>& items,
+                                           const Reply& reply) {
+  const auto roots = FIFinderSyncController::defaultController().directoryURLs();
+  std::vector<std::optional<std::string>> found(items.size());
+  for (std::size_t i = 0; i < items.size(); ++i) {
+    if (carriesBadge(roots, items[i])) found[i] = ask(items[i]);
+  }
+
+  // A badge may have changed since it was asked for: what is answered is what stands now, and no older one follows it.
+  const std::lock_guard emitting(changes_.emission());
+  std::vector<std::string> identifiers(items.size());
+  std::vector<DoubtfulAnswers::Answer> doubtful;
+  const bool nothingInDoubt = doubtful_.isEmpty();
+  for (std::size_t i = 0; i < items.size(); ++i) {
+    if (!carriesBadge(roots, items[i])) continue;
+    const auto& path = *items[i].path();
+    auto shown = platform::host::badgeIdentifier(items[i]);
+    if (!found[i]) {
+      identifiers[i] = shown ? *std::move(shown) : doubtful_.lastKnown(path);
+      doubtful.emplace_back(path, identifiers[i]);
+      continue;
+    }
+    if (!shown) doubtful_.setKnown(path, *found[i]);
+    if (!nothingInDoubt) doubtful_.settle(client, path);
+    identifiers[i] = shown ? *std::move(shown) : *std::move(found[i]);
+  }
+  if (doubtful.empty()) {
+    reply(identifiers);
+    return Outcome::answered;
+  }
+  if (!doubtful_.add(client, doubtful)) return Outcome::tooMuch;
+  lookUpAgainLater();
+  reply(identifiers);
+  return Outcome::inDoubt;
+}
+
+void BadgeAnswers::askAgain(const std::string& folder) {
+  lookUps_.postOwn([this, folder] {
+    const auto roots = FIFinderSyncController::defaultController().directoryURLs();
+    for (const auto& item : platform::host::itemsOnScreen(folder)) {
+      if (carriesBadge(roots, item)) ask(item);
+    }
+  });
+}
+
+void BadgeAnswers::lookUpAgainLater() {
+  const std::lock_guard guard(lock_);
+  if (scheduled_) return;
+  scheduled_ = true;
+  timer_.expires_after(BETWEEN_ROUNDS);
+  timer_.async_wait([this](const boost::system::error_code&) {
+    {
+      const std::lock_guard begun(lock_);
+      scheduled_ = false;
+    }
+    lookUpAgain();
+  });
+}
+
+/// Some of the look-ups that failed. On the thread of look-ups, so that no answer to a question comes between what is
+/// found here and its sending.
+void BadgeAnswers::lookUpAgain() {
+  std::vector<std::pair<FileURL, std::string>> found;
+  bool locked = false;
+  for (const auto& path : doubtful_.items(LOOK_UPS_A_TURN)) {
+    const auto item = FileURL::fileURLWithPath(path);
+    auto identifier = ask(item);
+    locked = !identifier;
+    if (locked) break;  // the others would fail as well
+    found.emplace_back(item, *std::move(identifier));
+  }
+  {
+    const std::lock_guard emitting(changes_.emission());
+    std::map<std::string, BadgeChanges::Changes> news;  // by client
+    for (const auto& [item, identifier] : found) {
+      const auto shown = platform::host::badgeIdentifier(item);
+      if (!shown) doubtful_.setKnown(*item.path(), identifier);
+      const auto& now = shown ? *shown : identifier;
+      for (const auto& [client, told] : doubtful_.take(*item.path())) {
+        if (told != now) news[client].emplace_back(item.description(), now);
+      }
+    }
+    for (const auto& [client, changes] : news) changes_.sendNow(client, changes);
+  }
+  if (doubtful_.isEmpty()) return;
+  if (locked) return lookUpAgainLater();
+  lookUps_.postOwn([this] { lookUpAgain(); });
+}
+
+}  // namespace vornet::host
