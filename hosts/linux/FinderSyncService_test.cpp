@@ -172,6 +172,26 @@ TEST_F(FinderSyncServiceTest, ABadgeFoundInTheDatabaseBeforeTheFolderWasFilledIs
   EXPECT_THAT(client->requestBadges({url("x")}).texts(), ElementsAre("SYNCED"));
 }
 
+TEST_F(FinderSyncServiceTest, WhatTheCacheKnowsDoesNotWaitForLookUps) {
+  test::Gate gate;
+  extension.asked = [&](const FileURL& asked) {
+    if (asked != item("x")) gate.passInTime();
+    extension.reallyAsk(asked);
+  };
+  start();
+  statusManager()->dirCache().enterNewDir("/");
+  statusManager()->dirCache().update("/", {{"/x", 2}});
+  int lookedUp = 0;
+  for (int i = 0; i < 8; ++i) {  // more than there are threads
+    client->call("RequestBadges", BusClient::urlArguments({url("x"), url("d/y")}),
+                 [&lookedUp](const BusReply&) { ++lookedUp; });
+  }
+  EXPECT_THAT(client->requestBadges({url("x"), "file:///etc"}).texts(), ElementsAre("SYNCED", ""));
+  EXPECT_EQ(lookedUp, 0);
+  gate.open();
+  EXPECT_TRUE(client->waitUntil([&] { return lookedUp == 8; }));
+}
+
 TEST_F(FinderSyncServiceTest, WhatAFilledFolderCorrectsIsNeverRefusedForLackOfRoom) {
   test::Gate gate;
   std::atomic<bool> filled = false;

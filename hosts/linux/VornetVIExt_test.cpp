@@ -617,6 +617,37 @@ TEST_F(VornetVIExtTest, ALockedDatabaseTakesNoBadgeAwayAndWhatItHidIsToldWhenItI
   EXPECT_EQ(bystander.changes().count(url("x")) + bystander.changes().count(url("y")), 0u);
 }
 
+TEST_F(VornetVIExtTest, AnAnswerGivenAfterTheLockIsNotRepeatedAsASignal) {
+  const auto database = environment.container() / "sync.db";
+  vornet::test::makeSyncDatabase(database, {{"/x", 2}});
+  startConfigured();
+  BusClient waiting(bus->address());
+  vornet::test::Database writer(database);
+  writer.run("BEGIN EXCLUSIVE");
+  for (auto* each : {&*client, &waiting}) ASSERT_THAT(each->requestBadges({url("x")}).texts(), ElementsAre(""));
+  writer.run("COMMIT");
+  EXPECT_THAT(client->requestBadges({url("x")}).texts(), ElementsAre("SYNCED"));
+  client->forgetChanges();  // one may have come before the answer
+  EXPECT_TRUE(waiting.waitForChange(url("x"), "SYNCED"));
+  EXPECT_TRUE(client->requestBadges({}));  // what was sent before its answer has come
+  EXPECT_EQ(client->signals(), 0u);
+}
+
+TEST_F(VornetVIExtTest, MoreThanCanBeLookedUpAgainIsRefused) {
+  const auto database = environment.container() / "sync.db";
+  vornet::test::makeSyncDatabase(database, {{"/x", 2}});
+  startConfigured();
+  vornet::test::Database writer(database);
+  writer.run("BEGIN EXCLUSIVE");
+  std::vector<std::string> batch(10'000);
+  for (int call = 0; call < 3; ++call) {
+    for (std::size_t i = 0; i < batch.size(); ++i) batch[i] = url(std::to_string(call) + "-" + std::to_string(i));
+    EXPECT_EQ(client->requestBadges(batch).error, call < 2 ? "" : "Busy");
+  }
+  writer.run("COMMIT");
+  EXPECT_TRUE(client->waitUntil([&] { return client->requestBadges(batch).error.empty(); }));
+}
+
 TEST_F(VornetVIExtTest, AClientThatLeavesIsForgottenAlsoWhileItsAnswersAreInDoubt) {
   const auto database = environment.container() / "sync.db";
   vornet::test::makeSyncDatabase(database, {{"/x", 2}});
