@@ -112,6 +112,11 @@ class FinderSyncServiceTest : public testing::Test {
     FIFinderSyncController::defaultController().setBadgeIdentifier(identifier, url);
   }
 
+  // For the extension and the server, which go on after a test's own variables are gone.
+  test::Gate gate;
+  std::atomic<int> questions = 0;
+  std::atomic<bool> first = true;
+  std::atomic<bool> filled = false;
   test::Environment environment;
   const std::string root = environment.folder() / "root";
   HeldExtension extension;
@@ -131,7 +136,6 @@ TEST_F(FinderSyncServiceTest, AnAnswerHoldsTheBadgesThatStandWhenItIsGiven) {
 }
 
 TEST_F(FinderSyncServiceTest, ABadgeThatChangesWhileItIsAskedForIsNotReplacedByTheOlderOne) {
-  std::atomic<int> questions = 0;
   extension.asked = [&](const FileURL& asked) {
     if (++questions == 1) {
       std::thread([&] { extension.setFileSyncStatus(asked, 2); }).join();
@@ -150,16 +154,14 @@ TEST_F(FinderSyncServiceTest, ABadgeThatChangesWhileItIsAskedForIsNotReplacedByT
 
 TEST_F(FinderSyncServiceTest, ABadgeFoundInTheDatabaseBeforeTheFolderWasFilledIsCorrected) {
   test::makeSyncDatabase(environment.container() / "sync.db", {{"/x", 1}});
-  test::Gate found;
-  test::LoopbackServer application([&found](const test::WireRequest&) {
-    found.passInTime();
+  test::LoopbackServer application([this](const test::WireRequest&) {
+    gate.passInTime();
     return test::WireReply{.body = R"({"/x":2})"};
   });
-  std::atomic<bool> first = true;
   extension.asked = [&](const FileURL& asked) {
     extension.reallyAsk(asked);
     if (!first.exchange(false)) return;
-    found.open();
+    gate.open();
     const auto until = std::chrono::steady_clock::now() + test::PATIENCE;
     while (!statusManager()->isCached(asked) && std::chrono::steady_clock::now() < until) std::this_thread::yield();
   };
@@ -173,7 +175,6 @@ TEST_F(FinderSyncServiceTest, ABadgeFoundInTheDatabaseBeforeTheFolderWasFilledIs
 }
 
 TEST_F(FinderSyncServiceTest, WhatTheCacheKnowsDoesNotWaitForLookUps) {
-  test::Gate gate;
   extension.asked = [&](const FileURL& asked) {
     if (asked != item("x")) gate.passInTime();
     extension.reallyAsk(asked);
@@ -193,8 +194,6 @@ TEST_F(FinderSyncServiceTest, WhatTheCacheKnowsDoesNotWaitForLookUps) {
 }
 
 TEST_F(FinderSyncServiceTest, WhatAFilledFolderCorrectsIsNeverRefusedForLackOfRoom) {
-  test::Gate gate;
-  std::atomic<bool> filled = false;
   extension.asked = [&](const FileURL& asked) {
     if (asked == item("x")) return set(filled ? "SYNCED" : "PENDING", asked);
     gate.passInTime();
