@@ -19,10 +19,9 @@ using platform::FileURL;
 
 constexpr const char* OBJECT_PATH = "/com/vornet/FinderSync1";
 
-// How many calls may wait: far more than file managers make, few enough to stay small.
-constexpr std::size_t MAX_OBSERVING_CALLS = 10'000;
-constexpr std::size_t MAX_BADGE_CALLS = 1'000;
-constexpr std::size_t MAX_MENU_CALLS = 64;
+// As many as CallGate lets be under way, so that none waits here for a thread.
+constexpr std::size_t MENU_THREADS = 9;
+constexpr std::size_t BADGE_THREADS = 3;  // one of them for short calls
 
 // When to look whether a folder's statuses have come: soon, as they mostly do, then ever more seldom.
 constexpr std::chrono::milliseconds FIRST_LOOK{100};
@@ -104,9 +103,9 @@ FinderSyncService::FinderSyncService(FinderSync& extension, GDBusConnection* con
     : extension_(extension),
       connection_(connection),
       skeleton_(vornet_finder_sync1_skeleton_new()),
-      observing_(1, MAX_OBSERVING_CALLS),
-      badges_(2, MAX_BADGE_CALLS),
-      menus_(4, MAX_MENU_CALLS),
+      observing_(1),
+      badges_(BADGE_THREADS),
+      menus_(MENU_THREADS),
       changes_(connection, observations_, observing_) {}
 
 FinderSyncService::~FinderSyncService() {
@@ -206,28 +205,31 @@ void FinderSyncService::connectHandlers() {
   g_signal_connect(skeleton_, "handle-begin-observing",
                    G_CALLBACK(+[](Object*, Call* call, const gchar* folder, gpointer data) -> gboolean {
                      auto& s = service(data);
-                     s.carryOut(s.observing_, call, [&s, call, f = std::string(folder)] { s.beginObserving(call, f); });
+                     s.carryOut(s.observing_, call, 1,
+                                [&s, call, f = std::string(folder)] { s.beginObserving(call, f); });
                      return TRUE;
                    }),
                    this);
   g_signal_connect(skeleton_, "handle-end-observing",
                    G_CALLBACK(+[](Object*, Call* call, const gchar* folder, gpointer data) -> gboolean {
                      auto& s = service(data);
-                     s.carryOut(s.observing_, call, [&s, call, f = std::string(folder)] { s.endObserving(call, f); });
+                     s.carryOut(s.observing_, call, 1,
+                                [&s, call, f = std::string(folder)] { s.endObserving(call, f); });
                      return TRUE;
                    }),
                    this);
   g_signal_connect(skeleton_, "handle-request-badges",
                    G_CALLBACK(+[](Object*, Call* call, const gchar* const* items, gpointer data) -> gboolean {
                      auto& s = service(data);
-                     s.carryOut(s.badges_, call, [&s, call, i = strings(items)] { s.requestBadges(call, i); });
+                     s.carryOut(s.badges_, call, g_strv_length(const_cast<gchar**>(items)),
+                                [&s, call, i = strings(items)] { s.requestBadges(call, i); });
                      return TRUE;
                    }),
                    this);
   g_signal_connect(skeleton_, "handle-get-menu",
                    G_CALLBACK(+[](Object*, Call* call, const gchar* const* selection, gpointer data) -> gboolean {
                      auto& s = service(data);
-                     s.carryOut(s.menus_, call, [&s, call, i = strings(selection)] { s.getMenu(call, i); });
+                     s.carryOut(s.menus_, call, 1, [&s, call, i = strings(selection)] { s.getMenu(call, i); });
                      return TRUE;
                    }),
                    this);
@@ -235,7 +237,7 @@ void FinderSyncService::connectHandlers() {
                    G_CALLBACK(+[](Object*, Call* call, const gchar* action, const gchar* const* selection,
                                   gpointer data) -> gboolean {
                      auto& s = service(data);
-                     s.carryOut(s.menus_, call, [&s, call, a = std::string(action), i = strings(selection)] {
+                     s.carryOut(s.menus_, call, 1, [&s, call, a = std::string(action), i = strings(selection)] {
                        s.performAction(call, a, i);
                      });
                      return TRUE;
@@ -243,15 +245,15 @@ void FinderSyncService::connectHandlers() {
                    this);
 }
 
-void FinderSyncService::carryOut(WorkPool& pool, GDBusMethodInvocation* invocation, std::function<void()> work) {
-  const bool taken = pool.post([invocation, work = std::move(work)] {
+void FinderSyncService::carryOut(WorkPool& pool, GDBusMethodInvocation* invocation, std::size_t cost,
+                                 std::function<void()> work) {
+  pool.post(g_dbus_method_invocation_get_sender(invocation), cost, [invocation, work = std::move(work)] {
     try {
       work();
     } catch (const std::exception& error) {
       refuse(invocation, "Failed", error.what());
     }
   });
-  if (!taken) refuse(invocation, "Busy", "too many calls are waiting");
 }
 
 void FinderSyncService::beginObserving(GDBusMethodInvocation* invocation, const std::string& folder) {
@@ -314,7 +316,8 @@ void FinderSyncService::watchClient(const std::string& client) {
   if (clientWatches_.contains(client)) return;
   const auto vanished = +[](GDBusConnection*, const gchar* name, gpointer self) {
     auto& service = *static_cast<FinderSyncService*>(self);
-    service.observing_.post([&service, client = std::string(name)] { service.forgetClient(client); });
+    // After what the client still has waiting, so that nothing of it begins afterwards.
+    service.observing_.post(name, 1, [&service, client = std::string(name)] { service.forgetClient(client); });
   };
   clientWatches_[client] = g_bus_watch_name_on_connection(connection_, client.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE,
                                                           nullptr, vanished, this, nullptr);
