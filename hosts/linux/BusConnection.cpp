@@ -45,7 +45,8 @@ class Link : public std::enable_shared_from_this<Link> {
   /// Lets calls pass from now on, and answers those that the gate refuses, on `connection`.
   void open(GDBusConnection* connection);
   bool hasSomething() const { return gate_.hasSomething(); }
-  void finished(const char* client, guint32 serial);
+  void answered(const char* client, guint32 serial);
+  void doneWith(const std::string& client, guint32 serial);
 
  private:
   void wake();
@@ -237,8 +238,13 @@ void Link::wake() {
   if (alarm_) g_source_set_ready_time(alarm_, 0);
 }
 
-void Link::finished(const char* client, guint32 serial) {
-  gate_.finished(client, serial);
+void Link::answered(const char* client, guint32 serial) {
+  gate_.answered(client, serial);
+  if (gate_.hasSomething()) wake();
+}
+
+void Link::doneWith(const std::string& client, guint32 serial) {
+  gate_.doneWith(client, serial);
   if (gate_.hasSomething()) wake();
 }
 
@@ -337,14 +343,14 @@ GDBusMessage* followCall(GDBusConnection*, GDBusMessage* message, gboolean incom
     if (!sender || !(g_dbus_message_get_flags(message) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED)) return message;
     const auto gone = +[](gpointer unanswered) {
       const std::unique_ptr<Unanswered> call(static_cast<Unanswered*>(unanswered));
-      call->link->finished(call->client.c_str(), call->serial);
+      call->link->doneWith(call->client, call->serial);
     };
     g_object_set_qdata_full(G_OBJECT(message), g_quark_from_static_string("vornet-unanswered"),
                             new Unanswered{link, sender, g_dbus_message_get_serial(message)}, gone);
   } else if (!incoming && (type == G_DBUS_MESSAGE_TYPE_METHOD_RETURN || type == G_DBUS_MESSAGE_TYPE_ERROR)) {
     const gchar* client = g_dbus_message_get_destination(message);
     const bool isRefusal = g_object_get_qdata(G_OBJECT(message), refusalMark()) != nullptr;
-    if (client && !isRefusal) link->finished(client, g_dbus_message_get_reply_serial(message));
+    if (client && !isRefusal) link->answered(client, g_dbus_message_get_reply_serial(message));
   }
   return message;
 }

@@ -125,7 +125,7 @@ void CallGate::readHeader() {
   message_.client = header->sender;
   message_.serial = header->serial;
   message_.isCall = header->type == MessageType::call;
-  replyExpected_ = message_.isCall && header->replyExpected;
+  message_.isAwaited = message_.isCall && header->replyExpected;
   fromBus_ = header->sender == BUS || header->sender.empty();
   if (!isAdmitted(*header)) return skipRest();
   const auto total = static_cast<std::size_t>(length_.total);
@@ -192,13 +192,27 @@ void CallGate::readBody() {
   message_.isLong = (message_.lane == BADGES || message_.lane == MENUS) &&
                     (message_.items > MOST_SHORT_ITEMS || bytes.size() > MOST_SHORT_BYTES);
   message_.memory = memoryOf(bytes.size(), message_.items);
+  if (message_.isCall && !message_.isAwaited) giveSerial(message_);
   const std::string client = message_.client;
   const Lane lane = message_.lane;
   waiting_[lane].add(client, 1 + message_.items + bytes.size() / 256, std::move(message_));
 }
 
+/// A serial that no client has come to, in case an answer is sent all the same.
+void CallGate::giveSerial(Message& message) {
+  constexpr std::uint32_t FIRST = 0x8000'0000;
+  constexpr std::size_t PLACE = 8;
+  lastUnawaited_ = std::max(FIRST, lastUnawaited_ + 1);
+  message.serial = lastUnawaited_;
+  const bool bigEndian = message.bytes.front() == 'B';
+  for (std::size_t i = 0; i < sizeof message.serial; ++i) {
+    const std::size_t shift = 8 * (bigEndian ? 3 - i : i);
+    message.bytes[PLACE + i] = static_cast<char>(message.serial >> shift & 0xFF);
+  }
+}
+
 void CallGate::refuse(Reason reason) {
-  if (!replyExpected_ || refusals_.size() >= MAX_REFUSALS) return;
+  if (!message_.isAwaited || refusals_.size() >= MAX_REFUSALS) return;
   refusals_.add(message_.client, 1, {message_.client, message_.serial, reason});
 }
 
@@ -269,7 +283,8 @@ void CallGate::goes(Message message) {
       ++(message.isLong ? underWay->longCalls : underWay->shortCalls);
       if (message.isLong) underWay->longMemory += message.memory;
     }
-    calls_.emplace(std::pair(message.client, message.serial), Given{message.lane, message.isLong, message.memory});
+    calls_.emplace(CallKey(message.client, message.serial, message.isAwaited),
+                   Given{message.lane, message.isLong, message.memory});
   } else {
     --client.calls[message.lane];
     forgetIfIdle(message.client);
@@ -277,10 +292,11 @@ void CallGate::goes(Message message) {
   outgoing_ = std::move(message.bytes);
 }
 
-void CallGate::finished(const std::string& name, std::uint32_t serial) {
+void CallGate::finished(const CallKey& key) {
   const std::lock_guard guard(lock_);
-  const auto call = calls_.find(std::pair(name, serial));
+  const auto call = calls_.find(key);
   if (call == calls_.end()) return;
+  const std::string name = std::get<std::string>(key);
   const Given given = call->second;
   calls_.erase(call);
   Client& client = clients_[name];

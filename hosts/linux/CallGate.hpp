@@ -9,7 +9,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
+#include <tuple>
 
 #include "FairQueue.hpp"
 #include "MessageHeader.hpp"
@@ -63,8 +63,12 @@ class CallGate {
   /// Whether give() would give something.
   bool hasSomething() const;
 
-  /// `client`'s call was answered, or needs no answer and is done with: others have room. Unknown calls are ignored.
-  void finished(const std::string& client, std::uint32_t serial);
+  /// `client`'s call was answered: others have room. Unknown calls are ignored.
+  void answered(const std::string& client, std::uint32_t serial) { finished({client, serial, true}); }
+
+  /// The same for a call that awaited no answer and is done with. Such calls are given on with serials of the gate's:
+  /// the clients' own need not differ.
+  void doneWith(const std::string& client, std::uint32_t serial) { finished({client, serial, false}); }
 
   /// The next refusal to be sent; clients take turns here too.
   std::optional<Refusal> nextRefusal();
@@ -79,6 +83,7 @@ class CallGate {
     std::uint32_t serial = 0;
     Lane lane = OTHERS;
     bool isCall = true;
+    bool isAwaited = true;
     bool isLong = false;
     std::size_t items = 0;   // that its list has
     std::size_t memory = 0;  // what it takes once it is unpacked, roughly
@@ -100,6 +105,8 @@ class CallGate {
     std::size_t memory;
   };
 
+  using CallKey = std::tuple<std::string, std::uint32_t, bool>;  // client, serial, whether an answer is awaited
+
   enum class Stage : std::uint8_t { authentication, start, header, body };
 
   void passLines(std::string_view& bytes);
@@ -108,6 +115,7 @@ class CallGate {
   void readHeader();
   void readBody();
   bool isAdmitted(const MessageHeader& header);
+  void giveSerial(Message& message);
   void refuse(Reason reason);
   void skipRest();
   void expect(Stage stage, std::size_t bytes);
@@ -116,6 +124,7 @@ class CallGate {
   bool mayGo(const std::string& client, const Message& message) const;
   bool choose();
   void goes(Message message);
+  void finished(const CallKey& call);
   void forgetIfIdle(const std::string& client);
 
   mutable std::mutex lock_;  // guards what follows
@@ -129,7 +138,6 @@ class CallGate {
   MessageLength length_;
   Message message_;
   bool fromBus_ = false;
-  bool replyExpected_ = false;
   bool atLineStart_ = true;
 
   // What waits, and what is being given.
@@ -141,7 +149,8 @@ class CallGate {
 
   std::map<std::string, Client> clients_;
   std::array<UnderWay, LANES> underWay_{};
-  std::multimap<std::pair<std::string, std::uint32_t>, Given> calls_;  // under way, by client and serial
+  std::multimap<CallKey, Given> calls_;  // under way
+  std::uint32_t lastUnawaited_ = 0;
   std::size_t bytes_ = 0;
   FairQueue<Refusal> refusals_;
 };
