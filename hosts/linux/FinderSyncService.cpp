@@ -23,6 +23,9 @@ constexpr const char* OBJECT_PATH = "/com/vornet/FinderSync1";
 constexpr std::size_t MENU_THREADS = 9;
 constexpr std::size_t BADGE_THREADS = 3;  // one of them for short calls
 
+// Items of a long call that are looked up before short calls of others get a turn.
+constexpr std::size_t ITEMS_A_TURN = 50;
+
 // When to look whether a folder's statuses have come: soon, as they mostly do, then ever more seldom.
 constexpr std::chrono::milliseconds FIRST_LOOK{100};
 constexpr std::chrono::milliseconds LONGEST_BETWEEN_LOOKS{5000};
@@ -353,6 +356,7 @@ void FinderSyncService::requestBadges(GDBusMethodInvocation* invocation, const S
   for (const auto& url : *urls) {
     const bool carriesBadge = url.path() && isBelow(roots, *url.path());
     identifiers.push_back(carriesBadge ? badgeOf(url) : "");
+    if (identifiers.size() % ITEMS_A_TURN == 0) badges_.giveWay();
   }
 
   // A badge may have changed since it was asked for: what is answered is what stands now, and no older one follows it.

@@ -4,6 +4,12 @@
 #include <boost/asio/post.hpp>
 
 namespace vornet::host {
+namespace {
+
+// Whether this thread runs long work, and no other within it.
+thread_local bool mayGiveWay = false;
+
+}  // namespace
 
 WorkPool::WorkPool(std::size_t threads) : maxLong_(std::max<std::size_t>(1, threads - 1)), threads_(threads) {}
 
@@ -25,13 +31,28 @@ void WorkPool::runNext() {
     if (!work) return;
     if (work->isLong) ++longRunning_;
   }
+  mayGiveWay = work->isLong;
   work->run();
+  mayGiveWay = false;
   if (!work->isLong) return;
   {
     const std::lock_guard guard(lock_);
     --longRunning_;
   }
   boost::asio::post(threads_, [this] { runNext(); });
+}
+
+void WorkPool::giveWay() {
+  if (!mayGiveWay) return;
+  std::optional<Work> work;
+  {
+    const std::lock_guard guard(lock_);
+    work = waiting_.take([](const std::string&, const Work& next) { return !next.isLong; });
+  }
+  if (!work) return;
+  mayGiveWay = false;
+  work->run();
+  mayGiveWay = true;
 }
 
 void WorkPool::join() {

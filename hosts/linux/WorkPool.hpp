@@ -26,6 +26,10 @@ class WorkPool {
   /// Gives the service's own work to the threads. It takes turns with the clients'.
   void post(std::function<void()> work) { post({}, 1, std::move(work)); }
 
+  /// To be called by work now and then, as often as it deals with some dozens of items: when it is long, runs the short
+  /// work whose turn it is on this thread. No lock may be held that other work takes.
+  void giveWay();
+
   /// Runs what was given, then ends the threads. Once, at the end.
   void join();
 

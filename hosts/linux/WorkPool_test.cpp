@@ -73,6 +73,29 @@ TEST(WorkPool, LongWorkLeavesAThreadForShortWork) {
   EXPECT_EQ(longRan, 10) << "what had to wait for a thread is run later";
 }
 
+TEST(WorkPool, LongWorkGivesWayToShortWorkOfWhoeverHasTheTurn) {
+  WorkPool pool(1);
+  Gate gate;
+  std::vector<std::string> order;
+  const auto note = [&order](const char* what) { return [&order, what] { order.emplace_back(what); }; };
+  pool.post("a", LONG, [&] {
+    gate.pass();
+    for (int i = 0; i < 3; ++i) {
+      order.emplace_back("a");
+      pool.giveWay();
+    }
+  });
+  pool.post("b", LONG, note("long b"));
+  pool.post("c", 5, [&] {
+    order.emplace_back("c");
+    pool.giveWay();  // short work, and within other work: it does not
+  });
+  pool.post("d", 6, note("d"));
+  gate.open();
+  pool.join();
+  EXPECT_THAT(order, ElementsAre("a", "c", "a", "d", "a", "long b"));
+}
+
 TEST(WorkPool, OneThreadRunsLongWorkToo) {
   WorkPool pool(1);
   int ran = 0;
