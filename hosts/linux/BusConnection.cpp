@@ -1,5 +1,7 @@
 #include "BusConnection.hpp"
 
+#include <sys/socket.h>
+
 #include <array>
 #include <memory>
 #include <mutex>
@@ -20,7 +22,10 @@ constexpr std::size_t PIECE = 64 * 1024;
 constexpr std::size_t MOST_AT_ONCE = 1024 * 1024;
 
 // So many refusals are given to GDBus at a time; the others take less room in the gate.
-constexpr int REFUSALS_AT_ONCE = 64;
+constexpr int REFUSALS_AT_ONCE = 16;
+
+// The socket's own buffer, in bytes: answers that are in it are overtaken by none.
+constexpr gint SEND_BUFFER = 16 * 1024;
 
 /// What the streams, the connection's filter and the messages under way share.
 class Link : public std::enable_shared_from_this<Link> {
@@ -371,6 +376,8 @@ GDBusConnection* connectToSessionBus(GError** error) {
   GIOStream* socket = g_dbus_address_get_stream_sync(address, nullptr, nullptr, error);
   g_free(address);
   if (!socket) return nullptr;
+  g_socket_set_option(g_socket_connection_get_socket(G_SOCKET_CONNECTION(socket)), SOL_SOCKET, SO_SNDBUF, SEND_BUFFER,
+                      nullptr);
   const auto link = std::make_shared<Link>(G_SOCKET_CONNECTION(socket));
 
   auto* input = static_cast<GatedInput*>(g_object_new(gated_input_get_type(), nullptr));

@@ -78,13 +78,16 @@ TEST(WorkPool, LongWorkGivesWayToShortWorkOfWhoeverHasTheTurn) {
   Gate gate;
   std::vector<std::string> order;
   const auto note = [&order](const char* what) { return [&order, what] { order.emplace_back(what); }; };
+  std::promise<void> running;
   pool.post("a", LONG, [&] {
+    running.set_value();
     gate.pass();
     for (int i = 0; i < 3; ++i) {
       order.emplace_back("a");
       pool.giveWay();
     }
   });
+  running.get_future().wait();
   pool.post("b", LONG, note("long b"));
   pool.post("c", 5, [&] {
     order.emplace_back("c");
