@@ -293,6 +293,17 @@ TEST_F(FloodTest, CallsWithoutAnAnswerGiveTheirRoomBack) {
   }));
 }
 
+TEST_F(FloodTest, WhatWaitsGoesOnThoughNothingElseComes) {
+  Flood alone(bus->address());
+  ASSERT_TRUE(alone.send(Flood::call("RequestBadges", urls({url("x")})), 200));
+  EXPECT_TRUE(alone.waitForAnswers(200));
+  EXPECT_EQ(alone.errors("Busy"), 0u);
+  // Without answers too: the last call is carried out after all the others.
+  ASSERT_TRUE(alone.send(Flood::call("RequestBadges", urls({url("x")}), false), 200));
+  ASSERT_TRUE(alone.send(Flood::call("RequestBadges", urls({url("x")})), 1));
+  EXPECT_TRUE(alone.waitForAnswers(201));
+}
+
 TEST_F(FloodTest, MenusOfOneClientWhileTheSyncApplicationHangs) {
   menusStall = true;
   Flood attacker(bus->address());

@@ -197,6 +197,20 @@ TEST_F(CallGateTest, AnAnswerMakesRoomForItsOwnCallOnly) {
   EXPECT_THAT(passed(), ElementsAre()) << "the long call is still under way";
 }
 
+TEST_F(CallGateTest, UnawaitedCallsOfOneSerialAreToldApart) {
+  serial = 6;
+  ASSERT_TRUE(gate.take(call(":1.1", "GetMenu", urls(600), UNAWAITED)));
+  serial = 6;
+  ASSERT_TRUE(gate.take(call(":1.1", "GetMenu", urls(1), UNAWAITED)));
+  const auto given = passed();
+  ASSERT_EQ(given.size(), 2u);
+  gate.doneWith(":1.1", readMessageHeader(given[1])->serial);
+  ASSERT_TRUE(gate.take(call(":1.2", "GetMenu", urls(600))));
+  EXPECT_THAT(passed(), ElementsAre()) << "the long call is still under way";
+  gate.doneWith(":1.1", readMessageHeader(given[0])->serial);
+  EXPECT_THAT(sendersOfPassed(), ElementsAre(":1.2"));
+}
+
 TEST_F(CallGateTest, LimitsTheBytesThatWaitAndRefusesTheHeaviest) {
   for (int i = 0; i < 100; ++i) ASSERT_TRUE(gate.take(call(":1.1", "RequestBadges", urls(1000, 1000))));
   const auto refused = refusals().size();

@@ -59,6 +59,11 @@ TEST(WorkPool, LongWorkLeavesAThreadForShortWork) {
   WorkPool pool(3);
   Gate gate;
   std::atomic<int> longRan{0};
+  // The other client has had more than its share, so it comes after whatever long work may run.
+  std::promise<void> shareHad;
+  for (int i = 0; i < 20; ++i) pool.post("another", WorkPool::LARGEST_SHORT_COST, [] {});
+  pool.post("another", 1, [&shareHad] { shareHad.set_value(); });
+  ASSERT_TRUE(test::isDoneInTime(shareHad.get_future()));
   for (int i = 0; i < 10; ++i) {
     pool.post("client" + std::to_string(i), LONG, [&] {
       gate.pass();
