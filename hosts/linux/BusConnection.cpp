@@ -77,6 +77,13 @@ GQuark refusalMark() {
   return g_quark_from_static_string("vornet-refusal");
 }
 
+/// GLib counts references such that what one thread made another may free, but it is not instrumented: the thread
+/// sanitizer sees no order. Whoever gives GLib an object, or gets it back, passes here.
+void passHandOver() {
+  static std::mutex lock;
+  const std::lock_guard guard(lock);
+}
+
 // --- The streams ----------------------------------------------------------------------------------------------------
 
 struct GatedInput {
@@ -121,9 +128,12 @@ void gated_input_class_init(GatedInputClass* type) {
     return inputLink(stream).read(static_cast<char*>(buffer), size, cancellable, error);
   };
   type->parent.close_fn = [](GInputStream* stream, GCancellable*, GError** error) {
-    return inputLink(stream).close(error);
+    const gboolean closed = inputLink(stream).close(error);
+    passHandOver();
+    return closed;
   };
   G_OBJECT_CLASS(type)->finalize = [](GObject* stream) {
+    passHandOver();
     delete reinterpret_cast<GatedInput*>(stream)->link;
     G_OBJECT_CLASS(gated_input_parent_class)->finalize(stream);
   };
@@ -150,9 +160,12 @@ void gated_output_class_init(GatedOutputClass* type) {
     return g_output_stream_write(G_OUTPUT_STREAM(outputLink(stream).output()), buffer, size, cancellable, error);
   };
   type->parent.close_fn = [](GOutputStream* stream, GCancellable*, GError** error) {
-    return outputLink(stream).close(error);
+    const gboolean closed = outputLink(stream).close(error);
+    passHandOver();
+    return closed;
   };
   G_OBJECT_CLASS(type)->finalize = [](GObject* stream) {
+    passHandOver();
     delete reinterpret_cast<GatedOutput*>(stream)->link;
     G_OBJECT_CLASS(gated_output_parent_class)->finalize(stream);
   };
@@ -324,10 +337,12 @@ GDBusMessage* Link::messageOf(const CallGate::Refusal& refusal) {
   g_dbus_message_set_error_name(message, name);
   g_dbus_message_set_body(message, g_variant_new("(s)", text));
   const auto sent = +[](gpointer data) {
+    passHandOver();
     const std::unique_ptr<SharedLink> link(static_cast<SharedLink*>(data));
     (*link)->refusalSent();
   };
   g_object_set_qdata_full(G_OBJECT(message), refusalMark(), new SharedLink(shared_from_this()), sent);
+  passHandOver();
   return message;
 }
 
@@ -347,11 +362,13 @@ GDBusMessage* followCall(GDBusConnection*, GDBusMessage* message, gboolean incom
     const gchar* sender = g_dbus_message_get_sender(message);
     if (!sender || !(g_dbus_message_get_flags(message) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED)) return message;
     const auto gone = +[](gpointer unanswered) {
+      passHandOver();
       const std::unique_ptr<Unanswered> call(static_cast<Unanswered*>(unanswered));
       call->link->doneWith(call->client, call->serial);
     };
     g_object_set_qdata_full(G_OBJECT(message), g_quark_from_static_string("vornet-unanswered"),
                             new Unanswered{link, sender, g_dbus_message_get_serial(message)}, gone);
+    passHandOver();
   } else if (!incoming && (type == G_DBUS_MESSAGE_TYPE_METHOD_RETURN || type == G_DBUS_MESSAGE_TYPE_ERROR)) {
     const gchar* client = g_dbus_message_get_destination(message);
     const bool isRefusal = g_object_get_qdata(G_OBJECT(message), refusalMark()) != nullptr;
