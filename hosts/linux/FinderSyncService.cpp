@@ -17,10 +17,9 @@ using platform::FileURL;
 
 constexpr const char* OBJECT_PATH = "/com/vornet/FinderSync1";
 
-// How many calls may wait: far more than file managers make, few enough to stay small.
-constexpr std::size_t MAX_OBSERVING_CALLS = 10'000;
-constexpr std::size_t MAX_BADGE_CALLS = 1'000;
-constexpr std::size_t MAX_MENU_CALLS = 64;
+// As many as CallGate lets be under way, so that none waits here for a thread.
+constexpr std::size_t MENU_THREADS = 9;
+constexpr std::size_t BADGE_THREADS = 3;  // one of them for short calls
 
 void refuse(GDBusMethodInvocation* invocation, const char* name, const std::string& message) {
   const std::string error = std::string("com.vornet.FinderSync1.Error.") + name;
@@ -99,10 +98,10 @@ FinderSyncService::FinderSyncService(FinderSync& extension, GDBusConnection* con
       connection_(connection),
       skeleton_(vornet_finder_sync1_skeleton_new()),
       observations_(RESTPollingManager::MAX_CACHE_DIRS),
-      observing_(1, MAX_OBSERVING_CALLS),
-      badges_(2, MAX_BADGE_CALLS),
-      lookUps_(1, MAX_BADGE_CALLS),
-      menus_(4, MAX_MENU_CALLS),
+      observing_(1),
+      badges_(BADGE_THREADS),
+      lookUps_(1),
+      menus_(MENU_THREADS),
       changes_(connection, observations_, observing_),
       answers_(extension, changes_, lookUps_) {}
 
@@ -192,7 +191,7 @@ void FinderSyncService::watchPreferences() {
     const bool complete = event == G_FILE_MONITOR_EVENT_CHANGES_DONE_HINT || event == G_FILE_MONITOR_EVENT_MOVED_IN ||
                           event == G_FILE_MONITOR_EVENT_RENAMED;
     auto& service = *static_cast<FinderSyncService*>(self);
-    if (complete) service.observing_.post([] { requiredStatusManager().setupLocalRoot(); });
+    if (complete) service.observing_.postOwn([] { requiredStatusManager().setupLocalRoot(); });
   };
   g_signal_connect(preferencesMonitor_, "changed", G_CALLBACK(changed), this);
 }
@@ -208,28 +207,31 @@ void FinderSyncService::connectHandlers() {
   g_signal_connect(skeleton_, "handle-begin-observing",
                    G_CALLBACK(+[](Object*, Call* call, const gchar* folder, gpointer data) -> gboolean {
                      auto& s = service(data);
-                     s.carryOut(s.observing_, call, [&s, call, f = std::string(folder)] { s.beginObserving(call, f); });
+                     s.carryOut(s.observing_, call, 1,
+                                [&s, call, f = std::string(folder)] { s.beginObserving(call, f); });
                      return TRUE;
                    }),
                    this);
   g_signal_connect(skeleton_, "handle-end-observing",
                    G_CALLBACK(+[](Object*, Call* call, const gchar* folder, gpointer data) -> gboolean {
                      auto& s = service(data);
-                     s.carryOut(s.observing_, call, [&s, call, f = std::string(folder)] { s.endObserving(call, f); });
+                     s.carryOut(s.observing_, call, 1,
+                                [&s, call, f = std::string(folder)] { s.endObserving(call, f); });
                      return TRUE;
                    }),
                    this);
   g_signal_connect(skeleton_, "handle-request-badges",
                    G_CALLBACK(+[](Object*, Call* call, const gchar* const* items, gpointer data) -> gboolean {
                      auto& s = service(data);
-                     s.carryOut(s.badges_, call, [&s, call, i = strings(items)] { s.requestBadges(call, i); });
+                     s.carryOut(s.badges_, call, g_strv_length(const_cast<gchar**>(items)),
+                                [&s, call, i = strings(items)] { s.requestBadges(call, i); });
                      return TRUE;
                    }),
                    this);
   g_signal_connect(skeleton_, "handle-get-menu",
                    G_CALLBACK(+[](Object*, Call* call, const gchar* const* selection, gpointer data) -> gboolean {
                      auto& s = service(data);
-                     s.carryOut(s.menus_, call, [&s, call, i = strings(selection)] { s.getMenu(call, i); });
+                     s.carryOut(s.menus_, call, 1, [&s, call, i = strings(selection)] { s.getMenu(call, i); });
                      return TRUE;
                    }),
                    this);
@@ -237,7 +239,7 @@ void FinderSyncService::connectHandlers() {
                    G_CALLBACK(+[](Object*, Call* call, const gchar* action, const gchar* const* selection,
                                   gpointer data) -> gboolean {
                      auto& s = service(data);
-                     s.carryOut(s.menus_, call, [&s, call, a = std::string(action), i = strings(selection)] {
+                     s.carryOut(s.menus_, call, 1, [&s, call, a = std::string(action), i = strings(selection)] {
                        s.performAction(call, a, i);
                      });
                      return TRUE;
@@ -245,15 +247,15 @@ void FinderSyncService::connectHandlers() {
                    this);
 }
 
-void FinderSyncService::carryOut(WorkPool& pool, GDBusMethodInvocation* invocation, std::function<void()> work) {
-  const bool taken = pool.post([invocation, work = std::move(work)] {
+void FinderSyncService::carryOut(WorkPool& pool, GDBusMethodInvocation* invocation, std::size_t cost,
+                                 std::function<void()> work) {
+  pool.post(g_dbus_method_invocation_get_sender(invocation), cost, [invocation, work = std::move(work)] {
     try {
       work();
     } catch (const std::exception& error) {
       refuse(invocation, "Failed", error.what());
     }
   });
-  if (!taken) refuse(invocation, "Busy", "too many calls are waiting");
 }
 
 void FinderSyncService::beginObserving(GDBusMethodInvocation* invocation, const std::string& folder) {
@@ -320,7 +322,8 @@ void FinderSyncService::watchClient(const std::string& client) {
   if (clientWatches_.contains(client)) return;
   const auto vanished = +[](GDBusConnection*, const gchar* name, gpointer self) {
     auto& service = *static_cast<FinderSyncService*>(self);
-    service.observing_.post([&service, client = std::string(name)] { service.forgetClient(client); });
+    // After what the client still has waiting, so that nothing of it begins afterwards.
+    service.observing_.post(name, 1, [&service, client = std::string(name)] { service.forgetClient(client); });
   };
   clientWatches_[client] = g_bus_watch_name_on_connection(connection_, client.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE,
                                                           nullptr, vanished, this, nullptr);
@@ -345,13 +348,14 @@ void FinderSyncService::unwatchClients() {
 void FinderSyncService::requestBadges(GDBusMethodInvocation* invocation, const Strings& items) {
   auto urls = readURLs(invocation, items);
   if (!urls) return;
-  if (answers_.areCached(*urls)) return answerBadges(invocation, *urls);
-  carryOut(lookUps_, invocation, [this, invocation, i = *std::move(urls)] { answerBadges(invocation, i); });
+  if (answers_.areCached(*urls)) return answerBadges(invocation, *urls, badges_);
+  carryOut(lookUps_, invocation, urls->size(),
+           [this, invocation, i = *std::move(urls)] { answerBadges(invocation, i, lookUps_); });
 }
 
-void FinderSyncService::answerBadges(GDBusMethodInvocation* invocation, const URLs& items) {
+void FinderSyncService::answerBadges(GDBusMethodInvocation* invocation, const URLs& items, WorkPool& pool) {
   const std::string client = g_dbus_method_invocation_get_sender(invocation);
-  const auto outcome = answers_.answer(client, items, [&](const Strings& identifiers) {
+  const auto outcome = answers_.answer(client, items, pool, [&](const Strings& identifiers) {
     vornet_finder_sync1_complete_request_badges(skeleton_, invocation, pointers(identifiers).data());
   });
   switch (outcome) {

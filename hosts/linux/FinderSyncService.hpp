@@ -48,8 +48,9 @@ class FinderSyncService : private platform::host::Listener {
   void watchPreferences();
   void unwatchClients();
 
-  /// Runs `work` on `pool`; answers `invocation` with an error when the pool is full or `work` throws.
-  void carryOut(WorkPool& pool, GDBusMethodInvocation* invocation, std::function<void()> work);
+  /// Runs `work` on `pool` when it is the caller's turn; answers `invocation` with an error when `work` throws. `cost`:
+  /// how many items it deals with.
+  void carryOut(WorkPool& pool, GDBusMethodInvocation* invocation, std::size_t cost, std::function<void()> work);
 
   void beginObserving(GDBusMethodInvocation* invocation, const std::string& folder);
   void endObserving(GDBusMethodInvocation* invocation, const std::string& folder);

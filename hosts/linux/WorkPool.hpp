@@ -1,20 +1,34 @@
 #pragma once
 
-#include <atomic>
 #include <boost/asio/thread_pool.hpp>
 #include <cstddef>
 #include <functional>
+#include <mutex>
+#include <string>
+
+#include "FairQueue.hpp"
 
 namespace vornet::host {
 
-/// A few threads for work that may block, and a bound on how much may wait for them. Any thread may give work.
+/// A few threads for work that may block. Clients take turns by what their work costs, and long work never takes the
+/// last thread. Nothing is refused: CallGate bounds what clients give. Any thread may give work.
 class WorkPool {
  public:
-  /// `threads`: how many; one runs its work in the order given. `limit`: how much work may be waiting or running.
-  WorkPool(std::size_t threads, std::size_t limit);
+  /// Work that costs more is long.
+  static constexpr std::size_t LARGEST_SHORT_COST = 500;
 
-  /// Gives `work` to the threads; false, and nothing done, when too much is waiting already. `work` must not throw.
-  bool post(std::function<void()> work);
+  /// `threads`: how many; one runs the work of each client in the order given.
+  explicit WorkPool(std::size_t threads);
+
+  /// Gives `client`'s work, which costs as much as so many items, to the threads. `work` must not throw.
+  void post(const std::string& client, std::size_t cost, std::function<void()> work);
+
+  /// Gives the service's own work to the threads. It takes turns with the clients'.
+  void post(std::function<void()> work) { post({}, 1, std::move(work)); }
+
+  /// To be called by work now and then, as often as it deals with some dozens of items: when it is long, runs the short
+  /// work whose turn it is on this thread. No lock may be held that other work takes.
+  void giveWay();
 
   /// Gives work of the service's own to the threads: it is never refused. `work` must not throw.
   void postOwn(std::function<void()> work);
@@ -28,9 +42,18 @@ class WorkPool {
   boost::asio::thread_pool& threads() { return threads_; }
 
  private:
-  boost::asio::thread_pool threads_;
-  const std::size_t limit_;
-  std::atomic<std::size_t> waiting_{0};
+  struct Work {
+    std::function<void()> run;
+    bool isLong = false;
+  };
+
+  void runNext();
+
+  const std::size_t maxLong_;  // at once
+  std::mutex lock_;            // guards what follows
+  FairQueue<Work> waiting_;
+  std::size_t longRunning_ = 0;
+  boost::asio::thread_pool threads_;  // last: ends before what its threads use
 };
 
 }  // namespace vornet::host

@@ -1,48 +1,115 @@
 #include "WorkPool.hpp"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <algorithm>
-#include <chrono>
+#include <atomic>
 #include <future>
-#include <thread>
+#include <string>
 #include <vector>
+
+#include "support/Threads.hpp"
 
 namespace vornet::host {
 namespace {
 
-TEST(WorkPool, OneThreadKeepsTheOrder) {
-  WorkPool pool(1, 1000);
+using test::Gate;
+using testing::ElementsAre;
+
+constexpr std::size_t LONG = WorkPool::LARGEST_SHORT_COST + 1;
+
+TEST(WorkPool, OneThreadKeepsTheOrderOfAClient) {
+  WorkPool pool(1);
   std::vector<int> order;
-  for (int i = 0; i < 500; ++i) EXPECT_TRUE(pool.post([&order, i] { order.push_back(i); }));
+  for (int i = 0; i < 500; ++i) pool.post("client", 1, [&order, i] { order.push_back(i); });
   pool.join();
   ASSERT_EQ(order.size(), 500u);
   EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
 }
 
-TEST(WorkPool, RefusesWorkBeyondItsLimitAndTakesItAgainAfterwards) {
-  WorkPool pool(1, 2);
-  std::promise<void> release;
-  std::promise<void> ran;
-  const auto released = release.get_future().share();
-  EXPECT_TRUE(pool.post([released] { released.wait(); }));
-  EXPECT_TRUE(pool.post([] {}));
-  EXPECT_FALSE(pool.post([] { FAIL() << "refused work was done"; }));
-  release.set_value();
-  while (!pool.post([&ran] { ran.set_value(); })) std::this_thread::yield();
-  ran.get_future().wait();
+TEST(WorkPool, ClientsTakeTurns) {
+  WorkPool pool(1);
+  Gate gate;
+  std::vector<std::string> order;
+  pool.post([&gate] { gate.pass(); });
+  for (const char* client : {"a", "a", "a", "b", "b"}) {
+    pool.post(client, 10, [&order, client] { order.emplace_back(client); });
+  }
+  gate.open();
   pool.join();
+  EXPECT_THAT(order, ElementsAre("a", "b", "a", "b", "a"));
 }
 
-TEST(WorkPool, WorkOnSeveralThreadsDoesNotWaitForOneThatBlocks) {
-  WorkPool pool(2, 10);
-  std::promise<void> release;
-  std::promise<void> ran;
-  pool.post([released = release.get_future().share()] { released.wait(); });
-  pool.post([&ran] { ran.set_value(); });
-  EXPECT_EQ(ran.get_future().wait_for(std::chrono::seconds(30)), std::future_status::ready);
-  release.set_value();
+TEST(WorkPool, ItsOwnersWorkIsTakenHoweverMuchWaitsAndRunsSoon) {
+  WorkPool pool(1);
+  Gate gate;
+  std::atomic<int> ran{0};
+  int before = -1;
+  pool.post([&gate] { gate.pass(); });
+  for (int i = 0; i < 50'000; ++i) pool.post("client", 1, [&ran] { ++ran; });
+  pool.post([&ran, &before] { before = ran; });
+  gate.open();
   pool.join();
+  EXPECT_EQ(ran, 50'000);
+  EXPECT_GE(before, 0);
+  EXPECT_LT(before, 10);
+}
+
+TEST(WorkPool, LongWorkLeavesAThreadForShortWork) {
+  WorkPool pool(3);
+  Gate gate;
+  std::atomic<int> longRan{0};
+  // The other client has had more than its share, so it comes after whatever long work may run.
+  std::promise<void> shareHad;
+  for (int i = 0; i < 20; ++i) pool.post("another", WorkPool::LARGEST_SHORT_COST, [] {});
+  pool.post("another", 1, [&shareHad] { shareHad.set_value(); });
+  ASSERT_TRUE(test::isDoneInTime(shareHad.get_future()));
+  for (int i = 0; i < 10; ++i) {
+    pool.post("client" + std::to_string(i), LONG, [&] {
+      gate.pass();
+      ++longRan;
+    });
+  }
+  std::promise<void> ran;
+  pool.post("another", WorkPool::LARGEST_SHORT_COST, [&ran] { ran.set_value(); });
+  EXPECT_TRUE(test::isDoneInTime(ran.get_future()));
+  gate.open();
+  pool.join();
+  EXPECT_EQ(longRan, 10) << "what had to wait for a thread is run later";
+}
+
+TEST(WorkPool, LongWorkGivesWayToShortWorkOfWhoeverHasTheTurn) {
+  WorkPool pool(1);
+  Gate gate;
+  std::vector<std::string> order;
+  const auto note = [&order](const char* what) { return [&order, what] { order.emplace_back(what); }; };
+  std::promise<void> running;
+  pool.post("a", LONG, [&] {
+    running.set_value();
+    gate.pass();
+    for (int i = 0; i < 3; ++i) {
+      order.emplace_back("a");
+      pool.giveWay();
+    }
+  });
+  running.get_future().wait();
+  pool.post("b", LONG, note("long b"));
+  pool.post("c", 5, [&] {
+    order.emplace_back("c");
+    pool.giveWay();  // short work, and within other work: it does not
+  });
+  pool.post("d", 6, note("d"));
+  gate.open();
+  pool.join();
+  EXPECT_THAT(order, ElementsAre("a", "c", "a", "d", "a", "long b"));
+}
+
+TEST(WorkPool, OneThreadRunsLongWorkToo) {
+  WorkPool pool(1);
+  int ran = 0;
+  for (int i = 0; i < 3; ++i) pool.post("client", LONG, [&ran] { ++ran; });
+  pool.join();
+  EXPECT_EQ(ran, 3);
 }
 
 }  // namespace

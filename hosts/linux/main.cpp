@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "BusConnection.hpp"
 #include "FinderSyncService.hpp"
 #include "extension/AppConst.hpp"
 #include "extension/FinderSync.hpp"
@@ -42,13 +43,12 @@ gboolean asked(gpointer run) {
 /// Serves `extension` until asked to end, or until the bus goes away. The exit status.
 int serve(vornet::FinderSync& extension) {
   GError* error = nullptr;
-  GDBusConnection* connection = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, &error);
+  GDBusConnection* connection = vornet::host::connectToSessionBus(&error);
   if (!connection) {
     systemLog(std::string("no session bus: ") + error->message);
     g_error_free(error);
     return 1;
   }
-  g_dbus_connection_set_exit_on_close(connection, FALSE);
 
   Run run;
   const auto closed = +[](GDBusConnection*, gboolean, GError*, gpointer data) { static_cast<Run*>(data)->end(0); };

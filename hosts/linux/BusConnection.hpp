@@ -1,0 +1,12 @@
+#pragma once
+
+#include <gio/gio.h>
+
+namespace vornet::host {
+
+/// Connects to the session bus. What comes in passes a CallGate, so calls are bounded and ordered before GDBus copies
+/// them; the gate answers those that it refuses. The caller owns the connection. Null, with `error` set, when there is
+/// no bus. Blocks until the bus has answered.
+GDBusConnection* connectToSessionBus(GError** error);
+
+}  // namespace vornet::host

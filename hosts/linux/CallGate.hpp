@@ -1,0 +1,158 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <tuple>
+
+#include "FairQueue.hpp"
+#include "MessageHeader.hpp"
+
+namespace vornet::host {
+
+/// Stands between the bus and the program: takes the bytes that the bus sends, and gives them on message by message, so
+/// that no client keeps the others waiting or fills the memory. Calls wait here, as the bytes they came in, until the
+/// service has room for them; clients take turns. What exceeds a client's limits is never stored: it is refused.
+///
+/// The bus's own messages pass at once. Any thread.
+class CallGate {
+ public:
+  /// What a client may have waiting or under way, by what it asks for.
+  static constexpr std::size_t MAX_OBSERVING = 2'000;
+  static constexpr std::size_t MAX_BADGES = 256;
+  static constexpr std::size_t MAX_MENUS = 64;
+  static constexpr std::size_t MAX_OTHERS = 256;
+
+  /// The largest call with a list of URLs, and any other, in bytes.
+  static constexpr std::size_t LARGEST_LIST = 4 * 1024 * 1024;
+  static constexpr std::size_t LARGEST_OTHER = 64 * 1024;
+
+  /// Bytes of all calls that wait. A client may have as many as are free; beyond that, RESERVED bytes for each, of a
+  /// store of their own, so that who asks for little is heard while others fill the rest.
+  static constexpr std::size_t MAX_BYTES = 12 * 1024 * 1024;
+  static constexpr std::size_t RESERVED = 64 * 1024;
+  static constexpr std::size_t MAX_RESERVED_BYTES = 4 * 1024 * 1024;
+
+  enum class Reason : std::uint8_t {
+    busy,         ///< too much of this client is waiting: to be asked again
+    tooManyURLs,  ///< more than any call may have, or longer ones
+    tooLarge,     ///< larger than any call of its kind may be
+  };
+  struct Refusal {
+    std::string client;
+    std::uint32_t serial = 0;
+    Reason reason = Reason::busy;
+  };
+
+  /// Clients' messages wait until open() is called.
+  void open();
+
+  /// Takes `bytes` from the bus, a piece of a stream: first the lines of its authentication, which pass, then messages.
+  /// False when they are no D-Bus messages; the stream is of no use then.
+  bool take(std::string_view bytes);
+
+  /// Moves at most `size` bytes of what may go on to `buffer`. How many; 0 when nothing may, for now.
+  std::size_t give(char* buffer, std::size_t size);
+
+  /// Whether give() would give something.
+  bool hasSomething() const;
+
+  /// `client`'s call was answered: others have room. Unknown calls are ignored.
+  void answered(const std::string& client, std::uint32_t serial) { finished({client, serial, true}); }
+
+  /// The same for a call that awaited no answer and is done with. Such calls are given on with serials of the gate's:
+  /// the clients' own need not differ.
+  void doneWith(const std::string& client, std::uint32_t serial) { finished({client, serial, false}); }
+
+  /// The next refusal to be sent; clients take turns here too.
+  std::optional<Refusal> nextRefusal();
+  bool hasRefusals() const;
+
+ private:
+  enum Lane : std::uint8_t { OBSERVING, BADGES, MENUS, OTHERS, LANES };
+
+  struct Message {
+    std::string bytes;
+    std::string client;
+    std::uint32_t serial = 0;
+    Lane lane = OTHERS;
+    bool isCall = true;
+    bool isAwaited = true;
+    bool isLong = false;
+    std::size_t items = 0;   // that its list has
+    std::size_t memory = 0;  // what it takes once it is unpacked, roughly
+  };
+  /// What was given on and is not finished, in one lane.
+  struct UnderWay {
+    std::size_t shortCalls = 0;
+    std::size_t longCalls = 0;
+    std::size_t longMemory = 0;
+  };
+  struct Client {
+    std::array<std::size_t, LANES> calls{};  // waiting and under way
+    std::array<UnderWay, LANES> underWay{};
+    std::size_t bytes = 0;  // waiting
+  };
+  struct Given {
+    Lane lane;
+    bool isLong;
+    std::size_t memory;
+  };
+
+  using CallKey = std::tuple<std::string, std::uint32_t, bool>;  // client, serial, whether an answer is awaited
+
+  enum class Stage : std::uint8_t { authentication, start, header, body };
+
+  void passLines(std::string_view& bytes);
+  bool advance();
+  bool readStart();
+  void readHeader();
+  void readBody();
+  bool isAdmitted(const MessageHeader& header);
+  void giveSerial(Message& message);
+  void refuse(Reason reason);
+  void skipRest();
+  void expect(Stage stage, std::size_t bytes);
+
+  bool hasRoom(const Client& client, std::size_t bytes) const;
+  bool mayGo(const std::string& client, const Message& message) const;
+  bool choose();
+  void goes(Message message);
+  void finished(const CallKey& call);
+  void forgetIfIdle(const std::string& client);
+
+  mutable std::mutex lock_;  // guards what follows
+  bool isOpen_ = false;
+
+  // The message that is coming in.
+  Stage stage_ = Stage::authentication;
+  std::string incoming_;
+  std::size_t wanted_ = 1;      // how long `incoming_` is to become
+  std::uint64_t skipping_ = 0;  // bytes to throw away
+  MessageLength length_;
+  Message message_;
+  bool fromBus_ = false;
+  bool atLineStart_ = true;
+
+  // What waits, and what is being given.
+  std::deque<std::string> passing_;  // from the bus itself
+  std::array<FairQueue<Message>, LANES> waiting_;
+  std::size_t nextLane_ = 0;
+  std::string outgoing_;
+  std::size_t given_ = 0;  // bytes of `outgoing_`
+
+  std::map<std::string, Client> clients_;
+  std::array<UnderWay, LANES> underWay_{};
+  std::multimap<CallKey, Given> calls_;  // under way
+  std::uint32_t lastUnawaited_ = 0;
+  std::size_t bytes_ = 0;
+  FairQueue<Refusal> refusals_;
+};
+
+}  // namespace vornet::host

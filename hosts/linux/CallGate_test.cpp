@@ -1,0 +1,338 @@
+#include "CallGate.hpp"
+
+#include <gio/gio.h>
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace vornet::host {
+namespace {
+
+using testing::ElementsAre;
+
+using Reason = CallGate::Reason;
+
+GVariant* urls(std::size_t count, std::size_t length = 10) {
+  GVariantBuilder builder;
+  g_variant_builder_init(&builder, G_VARIANT_TYPE("as"));
+  const std::string url = "file:///" + std::string(length, 'a');
+  for (std::size_t i = 0; i < count; ++i) g_variant_builder_add(&builder, "s", url.c_str());
+  return g_variant_new("(as)", &builder);
+}
+
+/// A gate that is open, with what goes in and out as messages.
+class CallGateTest : public testing::Test {
+ protected:
+  static constexpr bool UNAWAITED = true;
+
+  CallGateTest() { gate.open(); }
+
+  std::string blob(GDBusMessage* message, const std::string& sender) {
+    g_dbus_message_set_sender(message, sender.c_str());
+    g_dbus_message_set_serial(message, ++serial);
+    gsize size = 0;
+    guchar* bytes = g_dbus_message_to_blob(message, &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr);
+    std::string result(reinterpret_cast<const char*>(bytes), size);
+    g_free(bytes);
+    g_object_unref(message);
+    return result;
+  }
+  std::string call(const std::string& client, const std::string& member, GVariant* body = nullptr,
+                   bool unawaited = false) {
+    GDBusMessage* message = g_dbus_message_new_method_call("com.example.Name", "/a", "com.example.I", member.c_str());
+    if (body) g_dbus_message_set_body(message, body);
+    if (unawaited) g_dbus_message_set_flags(message, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+    return blob(message, client);
+  }
+  /// What passes now, a message each.
+  std::vector<std::string> passed() {
+    std::vector<std::string> result;
+    std::string message;
+    char buffer[1000];
+    for (;;) {
+      const std::size_t count = gate.give(buffer, sizeof buffer);
+      if (count == 0) break;
+      message.append(buffer, count);
+      if (message.size() < MESSAGE_START || message.size() < messageLength(message)->total) continue;
+      result.push_back(message);
+      message.clear();
+    }
+    EXPECT_EQ(message, "");
+    EXPECT_FALSE(gate.hasSomething());
+    return result;
+  }
+  std::vector<std::string> sendersOfPassed() {
+    std::vector<std::string> result;
+    for (const auto& message : passed()) result.emplace_back(readMessageHeader(message)->sender);
+    return result;
+  }
+  std::vector<Reason> refusals() {
+    std::vector<Reason> result;
+    while (const auto refusal = gate.nextRefusal()) result.push_back(refusal->reason);
+    return result;
+  }
+  /// Everything that waits goes through, a call answered as soon as it has passed. The senders in order.
+  std::vector<std::string> serveAll() {
+    std::vector<std::string> result;
+    for (auto messages = passed(); !messages.empty(); messages = passed()) {
+      for (const auto& message : messages) {
+        const auto header = readMessageHeader(message);
+        result.emplace_back(header->sender);
+        gate.answered(result.back(), header->serial);
+        gate.doneWith(result.back(), header->serial);
+      }
+    }
+    return result;
+  }
+
+  CallGate gate;
+  std::uint32_t serial = 0;
+};
+
+TEST_F(CallGateTest, WhatPassesIsWhatCameInHoweverItWasCut) {
+  std::vector<std::string> sent{call(":1.1", "RequestBadges", urls(3)), call(":1.1", "Ping"),
+                                call(":1.1", "BeginObserving", g_variant_new("(s)", "file:///a"))};
+  std::string stream;
+  for (const auto& message : sent) stream += message;
+  for (const std::size_t piece : {1, 7, 16, 100, 100'000}) {
+    std::vector<std::string> got;
+    for (std::size_t from = 0; from < stream.size(); from += piece) {
+      ASSERT_TRUE(gate.take(std::string_view(stream).substr(from, piece)));
+      for (auto& message : passed()) got.push_back(std::move(message));
+    }
+    std::sort(got.begin(), got.end());
+    std::sort(sent.begin(), sent.end());
+    EXPECT_EQ(got, sent) << piece;
+    for (std::uint32_t number = 1; number <= serial; ++number) gate.answered(":1.1", number);
+  }
+  EXPECT_THAT(refusals(), ElementsAre());
+}
+
+TEST_F(CallGateTest, LinesOfTheAuthenticationPass) {
+  const std::string lines = "OK 1234\r\nAGREE_UNIX_FD\r\n";
+  const auto message = call("org.freedesktop.DBus", "Hello");
+  ASSERT_TRUE(gate.take(lines.substr(0, 5)));
+  ASSERT_TRUE(gate.take(lines.substr(5) + message));
+  std::string got;
+  char buffer[100];
+  for (std::size_t count = gate.give(buffer, 100); count > 0; count = gate.give(buffer, 100)) got.append(buffer, count);
+  EXPECT_EQ(got, lines + message);
+}
+
+TEST_F(CallGateTest, WhatIsNoMessageEndsTheStream) {
+  ASSERT_TRUE(gate.take(call(":1.1", "Ping")));
+  EXPECT_FALSE(gate.take("GET / HTTP/1.0\r\n\r\n"));
+}
+
+TEST_F(CallGateTest, UntilItIsOpenOnlyTheBusItselfIsHeard) {
+  CallGate closed;
+  ASSERT_TRUE(closed.take(call(":1.1", "Ping")));
+  EXPECT_FALSE(closed.hasSomething());
+  ASSERT_TRUE(closed.take(call("org.freedesktop.DBus", "Ping")));
+  char buffer[1000];
+  EXPECT_GT(closed.give(buffer, sizeof buffer), 0u);
+  EXPECT_EQ(closed.give(buffer, sizeof buffer), 0u);
+  closed.open();
+  EXPECT_TRUE(closed.hasSomething());
+}
+
+TEST_F(CallGateTest, RefusesWhatCanNeverBeTakenWithoutStoringIt) {
+  ASSERT_TRUE(gate.take(call(":1.1", "RequestBadges", urls(10'001))));
+  ASSERT_TRUE(gate.take(call(":1.1", "GetMenu", urls(2, CallGate::LARGEST_LIST))));
+  ASSERT_TRUE(gate.take(call(":1.1", "RequestBadges", urls(2, CallGate::LARGEST_LIST), UNAWAITED)));
+  ASSERT_TRUE(gate.take(
+      call(":1.1", "BeginObserving", g_variant_new("(s)", std::string(CallGate::LARGEST_OTHER, 'a').c_str()))));
+  ASSERT_TRUE(gate.take(call(":1.1", "RequestBadges", g_variant_new("(s)", std::string(100'000, 'a').c_str()))));
+  EXPECT_THAT(passed(), ElementsAre());
+  EXPECT_THAT(refusals(), ElementsAre(Reason::tooManyURLs, Reason::tooManyURLs, Reason::tooLarge, Reason::tooLarge));
+  ASSERT_TRUE(gate.take(call(":1.1", "RequestBadges", urls(10'000))));
+  EXPECT_EQ(passed().size(), 1u);
+}
+
+TEST_F(CallGateTest, AMessageWithAnOverlongHeaderIsThrownAway) {
+  GDBusMessage* message =
+      g_dbus_message_new_method_call("com.example.Name", ("/" + std::string(20'000, 'a')).c_str(), nullptr, "Ping");
+  ASSERT_TRUE(gate.take(blob(message, ":1.1") + call(":1.2", "Ping")));
+  EXPECT_THAT(sendersOfPassed(), ElementsAre(":1.2"));
+}
+
+TEST_F(CallGateTest, LimitsTheCallsOfEachClientByItself) {
+  const std::vector<std::pair<const char*, std::size_t>> limits{{"BeginObserving", CallGate::MAX_OBSERVING},
+                                                                {"RequestBadges", CallGate::MAX_BADGES},
+                                                                {"GetMenu", CallGate::MAX_MENUS},
+                                                                {"Introspect", CallGate::MAX_OTHERS}};
+  for (const auto& [member, limit] : limits) {
+    for (std::size_t i = 0; i < limit + 10; ++i) ASSERT_TRUE(gate.take(call(":1.1", member)));
+    EXPECT_EQ(refusals(), std::vector<Reason>(10, Reason::busy)) << member;
+    ASSERT_TRUE(gate.take(call(":1.2", member)));
+    EXPECT_THAT(refusals(), ElementsAre()) << member << " of another client";
+  }
+  EXPECT_EQ(serveAll().size(), CallGate::MAX_OBSERVING + CallGate::MAX_BADGES + CallGate::MAX_MENUS +
+                                   CallGate::MAX_OTHERS + limits.size());
+  for (const auto& limit : limits) ASSERT_TRUE(gate.take(call(":1.1", limit.first)));
+  EXPECT_THAT(refusals(), ElementsAre()) << "what was answered has made room";
+  EXPECT_EQ(serveAll().size(), limits.size());
+}
+
+TEST_F(CallGateTest, CallsThatAwaitNoAnswerCountUntilTheyAreDoneWith) {
+  for (std::size_t i = 0; i < 2 * CallGate::MAX_BADGES; ++i) {
+    ASSERT_TRUE(gate.take(call(":1.1", "RequestBadges", urls(1), UNAWAITED)));
+  }
+  EXPECT_THAT(refusals(), ElementsAre()) << "nobody waits for a refusal";
+  EXPECT_EQ(serveAll().size(), CallGate::MAX_BADGES);
+}
+
+TEST_F(CallGateTest, AnAnswerMakesRoomForItsOwnCallOnly) {
+  // The client gives a call without an answer the serial of another, which is soon answered.
+  serial = 6;
+  ASSERT_TRUE(gate.take(call(":1.1", "GetMenu", urls(600), UNAWAITED)));
+  serial = 6;
+  ASSERT_TRUE(gate.take(call(":1.1", "GetMenu", urls(1))));
+  ASSERT_EQ(passed().size(), 2u);
+  gate.answered(":1.1", 7);
+  ASSERT_TRUE(gate.take(call(":1.2", "GetMenu", urls(600))));
+  EXPECT_THAT(passed(), ElementsAre()) << "the long call is still under way";
+}
+
+TEST_F(CallGateTest, UnawaitedCallsOfOneSerialAreToldApart) {
+  serial = 6;
+  ASSERT_TRUE(gate.take(call(":1.1", "GetMenu", urls(600), UNAWAITED)));
+  serial = 6;
+  ASSERT_TRUE(gate.take(call(":1.1", "GetMenu", urls(1), UNAWAITED)));
+  const auto given = passed();
+  ASSERT_EQ(given.size(), 2u);
+  gate.doneWith(":1.1", readMessageHeader(given[1])->serial);
+  ASSERT_TRUE(gate.take(call(":1.2", "GetMenu", urls(600))));
+  EXPECT_THAT(passed(), ElementsAre()) << "the long call is still under way";
+  gate.doneWith(":1.1", readMessageHeader(given[0])->serial);
+  EXPECT_THAT(sendersOfPassed(), ElementsAre(":1.2"));
+}
+
+TEST_F(CallGateTest, LimitsTheBytesThatWaitAndRefusesTheHeaviest) {
+  for (int i = 0; i < 100; ++i) ASSERT_TRUE(gate.take(call(":1.1", "RequestBadges", urls(1000, 1000))));
+  const auto refused = refusals().size();
+  EXPECT_GT(refused, 80u);
+  EXPECT_LT(refused, 100u);
+  for (int client = 2; client < 40; ++client) {
+    for (int i = 0; i < 10; ++i) {
+      ASSERT_TRUE(gate.take(call(":1." + std::to_string(client), "RequestBadges", urls(1000, 1000))));
+    }
+  }
+  EXPECT_GT(refusals().size(), 300u);
+  ASSERT_TRUE(gate.take(call(":1.99", "RequestBadges", urls(1))));
+  ASSERT_TRUE(gate.take(call(":1.99", "RequestBadges", urls(50, 1000))));
+  EXPECT_THAT(refusals(), ElementsAre()) << "who asks for little is heard while others fill the store";
+
+  std::size_t bytes = 0;
+  for (auto messages = passed(); !messages.empty(); messages = passed()) {
+    for (const auto& message : messages) {
+      bytes += message.size();
+      gate.answered(std::string(readMessageHeader(message)->sender), readMessageHeader(message)->serial);
+    }
+  }
+  EXPECT_LE(bytes, CallGate::MAX_BYTES + CallGate::MAX_RESERVED_BYTES);
+  ASSERT_TRUE(gate.take(call(":1.1", "RequestBadges", urls(1000, 1000))));
+  EXPECT_THAT(refusals(), ElementsAre());
+}
+
+TEST_F(CallGateTest, WhatIsReservedForSmallCallsIsBoundedToo) {
+  std::size_t taken = 0;
+  for (int client = 0; client < 2000; ++client) {
+    for (int i = 0; i < 2; ++i) {
+      ASSERT_TRUE(gate.take(call(":1." + std::to_string(client), "Ping", urls(25, 1000))));
+    }
+  }
+  taken = 4000 - refusals().size();
+  EXPECT_LE(taken * 25'000, CallGate::MAX_BYTES + CallGate::MAX_RESERVED_BYTES);
+  EXPECT_GT(taken * 25'000, CallGate::MAX_BYTES);
+}
+
+TEST_F(CallGateTest, OneClientNeverTakesEveryPlace) {
+  for (int i = 0; i < 60; ++i) ASSERT_TRUE(gate.take(call(":1.1", "GetMenu", urls(1))));
+  EXPECT_EQ(passed().size(), 4u);
+  for (int i = 0; i < 60; ++i) ASSERT_TRUE(gate.take(call(":1.2", "GetMenu", urls(1))));
+  EXPECT_EQ(passed().size(), 2u);
+  ASSERT_TRUE(gate.take(call(":1.3", "GetMenu", urls(1))));
+  ASSERT_TRUE(gate.take(call(":1.3", "RequestBadges", urls(1))));
+  EXPECT_THAT(sendersOfPassed(), ElementsAre(":1.3", ":1.3")) << "menus take no badges' places";
+}
+
+TEST_F(CallGateTest, FewLongCallsAreUnderWayAtATimeAndShortOnesPassThem) {
+  for (int client = 0; client < 20; ++client) {
+    ASSERT_TRUE(gate.take(call(":1." + std::to_string(client), "RequestBadges", urls(10'000, 50))));
+  }
+  EXPECT_EQ(passed().size(), 2u);
+  ASSERT_TRUE(gate.take(call(":2.1", "RequestBadges", urls(500))));
+  EXPECT_THAT(sendersOfPassed(), ElementsAre(":2.1"));
+  EXPECT_EQ(passed().size(), 0u);
+}
+
+TEST_F(CallGateTest, LongCallsAreBoundedByWhatTheyTakeInMemory) {
+  ASSERT_TRUE(gate.take(call(":1.1", "RequestBadges", urls(10'000, 380))));
+  ASSERT_TRUE(gate.take(call(":1.2", "RequestBadges", urls(10'000, 380))));
+  EXPECT_EQ(passed().size(), 1u) << "either takes as much as both may";
+}
+
+TEST_F(CallGateTest, ClientsTakeTurnsByWhatTheyAskFor) {
+  for (int i = 0; i < 3; ++i) ASSERT_TRUE(gate.take(call(":1.1", "RequestBadges", urls(10'000))));
+  ASSERT_TRUE(gate.take(call(":1.2", "RequestBadges", urls(501))));
+  std::vector<std::string> order;
+  for (int i = 0; i < 4; ++i) {
+    char buffer[1'000'000];
+    const std::size_t count = gate.give(buffer, sizeof buffer);
+    const auto header = readMessageHeader({buffer, count});
+    ASSERT_TRUE(header);
+    order.emplace_back(header->sender);
+    gate.answered(order.back(), header->serial);
+  }
+  EXPECT_THAT(order, ElementsAre(":1.2", ":1.1", ":1.1", ":1.1"));
+}
+
+TEST_F(CallGateTest, ObservingCallsOfAClientKeepTheirOrder) {
+  std::vector<std::string> sent;
+  for (int i = 0; i < 500; ++i) {
+    const std::string url = "file:///" + std::to_string(i);
+    sent.push_back(call(":1.1", i % 2 ? "EndObserving" : "BeginObserving", g_variant_new("(s)", url.c_str())));
+    ASSERT_TRUE(gate.take(sent.back()));
+  }
+  std::vector<std::string> got;
+  for (auto messages = passed(); !messages.empty(); messages = passed()) {
+    for (auto& message : messages) {
+      gate.answered(":1.1", readMessageHeader(message)->serial);
+      got.push_back(std::move(message));
+    }
+  }
+  EXPECT_EQ(got, sent);
+}
+
+TEST_F(CallGateTest, WhatTheBusSendsIsNeverHeldBack) {
+  for (int i = 0; i < 100; ++i) ASSERT_TRUE(gate.take(call(":1.1", "GetMenu", urls(1))));
+  passed();
+  for (int i = 0; i < 1000; ++i) {
+    GDBusMessage* signal =
+        g_dbus_message_new_signal("/org/freedesktop/DBus", "org.freedesktop.DBus", "NameOwnerChanged");
+    ASSERT_TRUE(gate.take(blob(signal, "org.freedesktop.DBus")));
+  }
+  EXPECT_EQ(passed().size(), 1000u);
+}
+
+TEST_F(CallGateTest, OtherMessagesOfClientsAreBoundedAndTakeNoPlace) {
+  for (int i = 0; i < 1000; ++i) {
+    GDBusMessage* signal = g_dbus_message_new_signal("/a", "com.example.I", "RequestBadges");
+    ASSERT_TRUE(gate.take(blob(signal, ":1.1")));
+  }
+  EXPECT_EQ(passed().size(), CallGate::MAX_OTHERS);
+  ASSERT_TRUE(gate.take(call(":1.1", "Ping")));
+  EXPECT_EQ(passed().size(), 1u);
+  GDBusMessage* large = g_dbus_message_new_signal("/a", "com.example.I", "S");
+  g_dbus_message_set_body(large, g_variant_new("(s)", std::string(CallGate::LARGEST_OTHER, 'a').c_str()));
+  ASSERT_TRUE(gate.take(blob(large, ":1.1")));
+  EXPECT_EQ(passed().size(), 0u);
+  EXPECT_THAT(refusals(), ElementsAre());
+}
+
+}  // namespace
+}  // namespace vornet::host

@@ -1,0 +1,361 @@
+// Clients that ask for more than their share, against the built program on a real bus: others are served as before, and
+// the memory stays bounded. A bare echo service on the same bus shows what the bus itself costs meanwhile.
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <future>
+#include <optional>
+#include <thread>
+
+#include "support/BusClient.hpp"
+#include "support/Databases.hpp"
+#include "support/Environment.hpp"
+#include "support/Flood.hpp"
+#include "support/LoopbackServer.hpp"
+#include "support/PrivateBus.hpp"
+#include "support/StartedProgram.hpp"
+#include "support/TemporaryFolder.hpp"
+
+namespace {
+
+using namespace std::chrono_literals;
+using testing::HasSubstr;
+using testing::Not;
+using vornet::test::BusClient;
+using vornet::test::Environment;
+using vornet::test::Flood;
+using vornet::test::LoopbackServer;
+using vornet::test::MenuEntry;
+using vornet::test::PrivateBus;
+using vornet::test::readFile;
+using vornet::test::StartedProgram;
+using vornet::test::WireReply;
+using vornet::test::WireRequest;
+using vornet::test::writeFile;
+
+namespace fs = std::filesystem;
+
+constexpr const char* EXTENSION = "com.vornet.KelvaneSync.FinderBadgeExtension";
+constexpr const char* ECHO_SERVICE = "com.vornet.test.Echo";
+constexpr const char* OBJECT = "/com/vornet/FinderSync1";
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool SANITIZED = true;
+#else
+constexpr bool SANITIZED = false;
+#endif
+
+/// Asks for one badge every 20 ms, on a connection and a thread of its own, until told to end.
+class HonestClient {
+ public:
+  HonestClient(const std::string& address, const char* service, const std::string& url)
+      : asking_(std::async(std::launch::async, [this, address, service, url] { ask(address, service, url); })) {}
+  ~HonestClient() { end(); }
+
+  /// Ends the asking once at least so many answers have come.
+  void end(std::size_t atLeast = 0) {
+    wanted_ = atLeast;
+    ending_ = true;
+    if (asking_.valid()) asking_.get();
+  }
+
+  const std::string& firstError() const { return error_; }
+  std::size_t calls() const { return times_.size(); }
+  std::chrono::microseconds percentile(std::size_t percent) {
+    if (times_.empty()) return 0us;
+    std::sort(times_.begin(), times_.end());
+    return times_[std::min(times_.size() - 1, times_.size() * percent / 100)];
+  }
+  void print(const char* name) {
+    const auto ms = [this](std::size_t percent) { return static_cast<double>(percentile(percent).count()) / 1000; };
+    std::printf("  %-9s %4zu calls, p50 %7.1f ms, p99 %7.1f ms\n", name, times_.size(), ms(50), ms(99));
+  }
+
+ private:
+  void ask(const std::string& address, const char* service, const std::string& url) {
+    GError* error = nullptr;
+    GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
+        address.c_str(),
+        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+        nullptr, nullptr, &error);
+    while (connection && error_.empty() && (!ending_ || times_.size() < wanted_)) {
+      const auto begin = std::chrono::steady_clock::now();
+      GVariant* answer = g_dbus_connection_call_sync(
+          connection, service, OBJECT, "com.vornet.FinderSync1", "RequestBadges", BusClient::urlArguments({url}),
+          G_VARIANT_TYPE("(as)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, 120'000, nullptr, &error);
+      const auto end = std::chrono::steady_clock::now();
+      if (answer) {
+        times_.push_back(std::chrono::duration_cast<std::chrono::microseconds>(end - begin));
+        g_variant_unref(answer);
+      } else {
+        error_ = error->message;
+      }
+      std::this_thread::sleep_until(begin + 20ms);
+    }
+    if (error) error_ = error->message;
+    g_clear_error(&error);
+    if (connection) g_object_unref(connection);
+  }
+
+  std::atomic<bool> ending_{false};
+  std::atomic<std::size_t> wanted_{0};
+  std::string error_;
+  std::vector<std::chrono::microseconds> times_;
+  std::future<void> asking_;
+};
+
+class FloodTest : public testing::Test {
+ protected:
+  static constexpr int ITEMS = SANITIZED ? 2'000 : 10'000;
+
+  FloodTest() : application([this](const WireRequest& request) { return answer(request); }) {
+    fs::create_directories(root + "/d");
+    fs::create_directories(root + "/e");
+    writeFile(root + "/x", "");
+    std::vector<std::pair<std::string, int>> rows{{"/x", 2}};
+    for (int i = 0; i < ITEMS; ++i) rows.emplace_back("/d/an item of the folder " + std::to_string(i), 2);
+    vornet::test::makeSyncDatabase(environment.container() / "sync.db", rows);
+    for (int i = 0; i < ITEMS; ++i) {
+      statuses += (i ? ",\"/d/an item of the folder " : "\"/d/an item of the folder ") + std::to_string(i) + "\":2";
+    }
+    vornet::test::writePreferences(environment.container() / "VornetKelvane.plist", root);
+    bus.emplace(environment.folder().path() / "bus");
+    echo.emplace(std::vector<std::string>{VORNET_ECHO, ECHO_SERVICE},
+                 std::vector<std::string>{"DBUS_SESSION_BUS_ADDRESS=" + bus->address()}, environment.folder() / "echo");
+    client.emplace(bus->address());
+    EXPECT_TRUE(client->beginObserving(url("")));
+    process = client->extensionProcess();
+  }
+  ~FloodTest() override {
+    client.reset();
+    bus->stop();
+    EXPECT_TRUE(vornet::test::waitForEnd(process));
+    EXPECT_THAT(readFile(bus->output()), Not(HasSubstr("Sanitizer"))) << "in the extension's process";
+    if (HasFailure()) std::fputs(readFile(bus->output()).c_str(), stderr);
+  }
+
+  std::string url(const std::string& name) const { return "file://" + root + (name.empty() ? "" : "/" + name); }
+
+  /// The items of the folder "d".
+  std::vector<std::string> items() const {
+    std::vector<std::string> result;
+    for (int i = 0; i < ITEMS; ++i) result.push_back(url("d/an%20item%20of%20the%20folder%20" + std::to_string(i)));
+    return result;
+  }
+  static GVariant* urls(const std::vector<std::string>& list) { return BusClient::urlArguments(list); }
+
+  using Attackers = std::vector<std::unique_ptr<Flood>>;
+  Attackers manyAttackers() const {
+    constexpr int MANY = SANITIZED ? 10 : 50;
+    Attackers result;
+    for (int i = 0; i < MANY; ++i) result.push_back(std::make_unique<Flood>(bus->address()));
+    return result;
+  }
+  /// Waits until each has so many answers; false after half a minute in which none got any.
+  static bool waitForAnswers(const Attackers& attackers, std::size_t count) {
+    const auto missing = [&] {
+      std::size_t sum = 0;
+      for (const auto& attacker : attackers) sum += count - std::min(count, attacker->answers());
+      return sum;
+    };
+    std::size_t before = missing();
+    for (auto since = std::chrono::steady_clock::now(); before > 0;) {
+      std::this_thread::sleep_for(5ms);
+      const std::size_t now = missing();
+      if (now < before) since = std::chrono::steady_clock::now();
+      if (std::chrono::steady_clock::now() - since > 30s) return false;
+      before = now;
+    }
+    return true;
+  }
+
+  /// In MiB, the most that the extension ever had in memory.
+  double peak() const {
+    const auto status = readFile("/proc/" + std::to_string(process) + "/status");
+    const auto at = status.find("VmHWM:");
+    return at == std::string::npos ? -1 : std::stod(status.substr(at + 6)) / 1024;
+  }
+
+  /// Runs `flood` while an honest client asks the extension and the echo service. Every honest call is answered, not
+  /// much later than the echo service answers, and the memory stays bounded.
+  template <typename Attack>
+  void withstands(Attack flood) {
+    HonestClient honest(bus->address(), EXTENSION, url("x"));
+    HonestClient echoed(bus->address(), ECHO_SERVICE, url("x"));
+    flood();
+    constexpr std::size_t FEW = 20;
+    honest.end(FEW);
+    echoed.end(FEW);
+    honest.print("extension");
+    echoed.print("echo");
+    std::printf("  peak %.1f MiB\n", peak());
+    EXPECT_EQ(honest.firstError(), "");
+    EXPECT_GT(4 * honest.calls(), echoed.calls()) << "calls that were answered in the same time";
+    EXPECT_LT(honest.percentile(90), std::max<std::chrono::microseconds>(250ms, 4 * echoed.percentile(90)));
+    EXPECT_EQ(client->extensionProcess(), process) << "the extension ended";
+    if (!SANITIZED) {
+      EXPECT_LT(peak(), 100);
+      EXPECT_GT(peak(), 0);
+    }
+  }
+
+  Environment environment;
+  const std::string root = environment.folder() / "root";
+  std::string statuses;
+  std::atomic<bool> menusStall{false};
+  LoopbackServer application;
+  std::optional<PrivateBus> bus;
+  std::optional<StartedProgram> echo;
+  std::optional<BusClient> client;
+  int process = 0;
+
+ private:
+  WireReply answer(const WireRequest& request) const {
+    if (request.target != "/get_icons_for_folder") {
+      return menusStall ? WireReply{.manner = WireReply::Manner::stall} : WireReply{.body = R"({"1":true})"};
+    }
+    const bool isD = request.body.find("\"/d/\"") != std::string::npos;
+    return {.body = isD ? "{" + statuses + "}" : R"({"/x":2})"};
+  }
+};
+
+TEST_F(FloodTest, ManyLongCallsOfOneClient) {
+  Flood attacker(bus->address());
+  const auto call = Flood::call("RequestBadges", urls(items()));
+  withstands([&] {
+    ASSERT_TRUE(attacker.send(call, 300));
+    EXPECT_TRUE(attacker.waitForAnswers(300));
+  });
+  EXPECT_GT(attacker.errors("Busy"), 0u);
+  EXPECT_LT(attacker.errors("Busy"), 300u) << "what has room is answered";
+  EXPECT_TRUE(client->requestBadges({url("x")}));
+}
+
+TEST_F(FloodTest, LongCallsOfManyClients) {
+  const auto attackers = manyAttackers();
+  const auto call = Flood::call("RequestBadges", urls(items()));
+  withstands([&] {
+    for (const auto& attacker : attackers) ASSERT_TRUE(attacker->send(call, 2));
+    EXPECT_TRUE(waitForAnswers(attackers, 2));
+  });
+}
+
+TEST_F(FloodTest, LongCallsOfManyClientsWhileTheFolderIsOnScreen) {
+  ASSERT_TRUE(client->beginObserving(url("d")));
+  const auto attackers = manyAttackers();
+  const auto call = Flood::call("RequestBadges", urls(items()));
+  withstands([&] {
+    for (const auto& attacker : attackers) ASSERT_TRUE(attacker->send(call, 2));
+    EXPECT_TRUE(waitForAnswers(attackers, 2));
+  });
+}
+
+TEST_F(FloodTest, CallsThatCanNeverBeTaken) {
+  Flood attacker(bus->address());
+  const auto list = Flood::call("RequestBadges", urls(std::vector<std::string>(8, std::string(4 << 20, 'a'))));
+  const auto other = Flood::call("BeginObserving", g_variant_new("(s)", std::string(32 << 20, 'a').c_str()));
+  const auto tooMany = Flood::call("RequestBadges", urls(std::vector<std::string>(10'001, url("x"))));
+  withstands([&] {
+    ASSERT_TRUE(attacker.send(list, 10));
+    ASSERT_TRUE(attacker.send(other, 10));
+    ASSERT_TRUE(attacker.send(tooMany, 10));
+    EXPECT_TRUE(attacker.waitForAnswers(30));
+  });
+  EXPECT_EQ(attacker.errors("TooManyURLs"), 20u);
+  EXPECT_EQ(attacker.errors("InvalidArgs"), 10u);
+}
+
+TEST_F(FloodTest, ManyCallsToObserve) {
+  Flood attacker(bus->address());
+  const auto begin = Flood::call("BeginObserving", g_variant_new("(s)", url("e").c_str()));
+  const auto end = Flood::call("EndObserving", g_variant_new("(s)", url("e").c_str()), false);
+  withstands([&] {
+    for (int i = 0; i < 20; ++i) {
+      ASSERT_TRUE(attacker.send(begin, 1000));
+      ASSERT_TRUE(attacker.send(end, 1000));
+    }
+    EXPECT_TRUE(attacker.waitForAnswers(20'000));
+  });
+  EXPECT_TRUE(client->beginObserving(url("d")));
+}
+
+TEST_F(FloodTest, ManySmallCallsOfEveryKind) {
+  Flood attacker(bus->address());
+  const char* properties = "org.freedesktop.DBus.Properties";
+  const std::vector<std::string> calls{
+      Flood::callTo(EXTENSION, OBJECT, properties, "GetAll", g_variant_new("(s)", "com.vornet.FinderSync1")),
+      Flood::callTo(EXTENSION, OBJECT, "org.freedesktop.DBus.Introspectable", "Introspect", nullptr),
+      Flood::callTo(EXTENSION, OBJECT, "org.freedesktop.DBus.Peer", "Ping", nullptr),
+      Flood::callTo(EXTENSION, "/no/such/object", "", "Nothing", nullptr),
+      Flood::callTo(EXTENSION, OBJECT, "com.vornet.FinderSync1", "RequestBadges", g_variant_new("(s)", "no list")),
+  };
+  withstands([&] {
+    for (const auto& call : calls) ASSERT_TRUE(attacker.send(call, 4000));
+    EXPECT_TRUE(attacker.waitForAnswers(20'000));
+  });
+  EXPECT_NE(client->property("Version"), "");
+}
+
+TEST_F(FloodTest, CallsWithoutAnAnswerGiveTheirRoomBack) {
+  Flood attacker(bus->address());
+  const auto badges = Flood::call("RequestBadges", urls({url("x")}), false);
+  const auto begin = Flood::call("BeginObserving", g_variant_new("(s)", url("e").c_str()), false);
+  withstands([&] {
+    ASSERT_TRUE(attacker.send(badges, 5000));
+    ASSERT_TRUE(attacker.send(begin, 5000));
+  });
+  // The very client that sent them is answered again, when they are done with.
+  const auto asked = Flood::call("RequestBadges", urls({url("x")}));
+  std::size_t sent = 0;
+  EXPECT_TRUE(client->waitUntil([&] {
+    EXPECT_TRUE(attacker.send(asked, 1) && attacker.waitForAnswers(++sent));
+    return attacker.errors("Busy") < sent;
+  }));
+}
+
+TEST_F(FloodTest, WhatWaitsGoesOnThoughNothingElseComes) {
+  Flood alone(bus->address());
+  ASSERT_TRUE(alone.send(Flood::call("RequestBadges", urls({url("x")})), 200));
+  EXPECT_TRUE(alone.waitForAnswers(200));
+  EXPECT_EQ(alone.errors("Busy"), 0u);
+  // Without answers too: the last call is carried out after all the others.
+  ASSERT_TRUE(alone.send(Flood::call("RequestBadges", urls({url("x")}), false), 200));
+  ASSERT_TRUE(alone.send(Flood::call("RequestBadges", urls({url("x")})), 1));
+  EXPECT_TRUE(alone.waitForAnswers(201));
+}
+
+TEST_F(FloodTest, MenusOfOneClientWhileTheSyncApplicationHangs) {
+  menusStall = true;
+  Flood attacker(bus->address());
+  const auto call = Flood::call("GetMenu", urls({url("x")}));
+  withstands([&] {
+    ASSERT_TRUE(attacker.send(call, 500));
+    EXPECT_TRUE(attacker.waitForAnswers(500 - 64));  // the refused ones
+    std::vector<MenuEntry> entries;
+    EXPECT_EQ(client->menu({url("x")}, entries).error, "");
+    EXPECT_EQ(entries.size(), 5u);
+    EXPECT_LT(attacker.answers(), 500u) << "one client's menus took their turns before another's";
+  });
+  EXPECT_EQ(attacker.errors("Busy"), 500u - 64);
+  menusStall = false;
+}
+
+TEST_F(FloodTest, ADepartureIsNoticedInAFlood) {
+  std::optional<BusClient> leaving(bus->address());
+  ASSERT_TRUE(leaving->beginObserving(url("d")));
+  Flood attacker(bus->address());
+  const auto begin = Flood::call("BeginObserving", g_variant_new("(s)", url("e").c_str()));
+  withstands([&] {
+    ASSERT_TRUE(attacker.send(begin, 15'000));
+    leaving.reset();
+    ASSERT_TRUE(attacker.send(begin, 15'000));
+    EXPECT_TRUE(attacker.waitForAnswers(30'000));
+  });
+  EXPECT_TRUE(client->waitUntil(
+      [&] { return readFile(environment.logFile()).find("Directory exit: " + root + "/d\n") != std::string::npos; }));
+}
+
+}  // namespace

@@ -1,0 +1,52 @@
+#pragma once
+
+#include <gio/gio.h>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+
+namespace vornet::test {
+
+/// A client of a bus at the level of bytes, for sending faster than any library does. Reads what it is sent on a thread
+/// of its own and counts it; sends from one thread at a time.
+class Flood {
+ public:
+  /// Joins the bus at `address`, which is "unix:path=…". Throws std::runtime_error when that fails.
+  explicit Flood(const std::string& address);
+  /// Leaves the bus, whatever is still to be answered.
+  ~Flood();
+  Flood(const Flood&) = delete;
+  Flood& operator=(const Flood&) = delete;
+
+  /// A call as bytes. `interface` may be empty, `arguments` null. `replies`: whether an answer is awaited.
+  static std::string callTo(const std::string& name, const std::string& path, const std::string& interface,
+                            const std::string& member, GVariant* arguments, bool replies = true);
+  /// A call of the extension's interface.
+  static std::string call(const std::string& member, GVariant* arguments, bool replies = true);
+
+  /// Sends `message` so many times, each with a serial of its own. False when the bus hung up.
+  bool send(std::string message, std::size_t times);
+
+  /// How many answers have come: all, and the errors with the name that ends in `error`.
+  std::size_t answers() const { return answers_; }
+  std::size_t errors(const std::string& error) const;
+
+  /// Waits until so many answers have come; false after half a minute without any new one.
+  bool waitForAnswers(std::size_t count) const;
+
+ private:
+  void read();
+
+  int socket_ = -1;
+  std::uint32_t serial_ = 1;
+  std::atomic<std::size_t> answers_{0};
+  mutable std::mutex lock_;
+  std::map<std::string, std::size_t> errors_;  // by the name's last part
+  std::thread reader_;
+};
+
+}  // namespace vornet::test
