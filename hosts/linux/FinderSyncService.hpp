@@ -44,7 +44,6 @@ class FinderSyncService : private platform::host::Listener {
 
   void connectHandlers();
   void publishProperties();
-  void watchPreferences();
   void unwatchClients();
 
   /// Runs `work` on `pool`; answers `invocation` with an error when the pool is full or `work` throws.
@@ -66,7 +65,6 @@ class FinderSyncService : private platform::host::Listener {
   FinderSync& extension_;
   GDBusConnection* const connection_;
   VornetFinderSync1* const skeleton_;
-  GFileMonitor* preferencesMonitor_ = nullptr;
   bool exported_ = false;
   bool stopped_ = false;
 

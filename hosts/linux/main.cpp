@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "FinderSyncService.hpp"
+#include "PreferencesWatch.hpp"
 #include "extension/AppConst.hpp"
 #include "extension/FinderSync.hpp"
 #include "logging/Logging.hpp"
@@ -62,7 +63,10 @@ int serve(vornet::FinderSync& extension) {
     const guint name =
         g_bus_own_name_on_connection(connection, vornet::App().APP_CODENAME.c_str(),
                                      G_BUS_NAME_OWNER_FLAGS_DO_NOT_QUEUE, nullptr, &nameLost, &run, nullptr);
+    vornet::host::PreferencesWatch preferences;
+    preferences.start();
     g_main_loop_run(run.loop);
+    preferences.stop();
     // In this order: whom the bus starts once the name is free must not find this process still counted as running.
     vornet::platform::host::retireFromRunningApplications();
     g_bus_unown_name(name);
