@@ -38,12 +38,14 @@ class FileURL {
   /// A URL without a path.
   FileURL() = default;
 
-  /// The URL of `path`: absolute, or relative to the current folder. Trailing slashes are dropped, as the platform's
-  /// URLs give their path without one; `isDirectory` only puts one at the end of the description. Touches no disk.
+  /// The URL of `path`: absolute, or relative to the current folder (without a path when that is gone). Trailing slashes
+  /// are dropped, as the platform's URLs give their path without one; `isDirectory` only puts one at the end of the
+  /// description. Touches no disk.
   static FileURL fileURLWithPath(std::string_view path, bool isDirectory = false);
 
-  /// Reads a URL text such as "file:///home/ann/a%20b". None when it is not a file URL of this machine, or malformed
-  /// (bad escapes, an escaped NUL, a query or fragment); a URL without a path when the decoded path is not UTF-8.
+  /// Reads a URL text such as "file:///home/ann/a%20b" or "file:/home/ann". None when it is not a file URL of this
+  /// machine, or malformed (bad escapes, an escaped NUL, a query or fragment); a URL without a path when the decoded
+  /// path is not UTF-8.
   static std::optional<FileURL> fileURLWithText(std::string_view text);
 
   /// The file-system path without trailing slash ("/" for the root folder), if there is one.
@@ -72,8 +74,8 @@ enum class FileKind { absent, file, directory };
 /// What stands at `path`; absent also when it cannot be examined.
 FileKind fileKindAtPath(const std::string& path) noexcept;
 
-/// The folder that the applications of `group` share; made (for its owner alone) when first asked for. None where it
-/// cannot be had.
+/// The folder that the applications of `group` share; made (for its owner alone) when this process first asks for it,
+/// and not again: who removed it since may be about to put another in its place. None where it cannot be had.
 std::optional<FileURL> containerURLForGroup(std::string_view group);
 
 /// Makes the folder at `path` and those above it. An existing folder is no error. None on success, else the system's
