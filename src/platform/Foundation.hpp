@@ -38,9 +38,9 @@ class FileURL {
   /// A URL without a path.
   FileURL() = default;
 
-  /// The URL of `path`: absolute, or relative to the current folder (without a path when that is gone). Trailing slashes
-  /// are dropped, as the platform's URLs give their path without one; `isDirectory` only puts one at the end of the
-  /// description. Touches no disk.
+  /// The URL of `path`: absolute, or relative to the current folder (without a path when that is gone). Trailing
+  /// slashes are dropped, as the platform's URLs give their path without one; `isDirectory` only puts one at the end of
+  /// the description. Touches no disk.
   static FileURL fileURLWithPath(std::string_view path, bool isDirectory = false);
 
   /// Reads a URL text such as "file:///home/ann/a%20b" or "file:/home/ann". None when it is not a file URL of this
@@ -104,8 +104,8 @@ class FileHandle {
 /// A property list (XML or binary) whose top level is a dictionary.
 class PropertyList {
  public:
-  /// Reads the list at `path`. None when it cannot be read: no file, larger than 1 MiB, not a property list, or not a
-  /// dictionary at its top.
+  /// Reads the list at `path`. None when it cannot be read: no regular file, larger than 256 KiB, not a property list,
+  /// beyond the limits of PropertyListScan.hpp, or not a dictionary at its top.
   static std::optional<PropertyList> dictionaryAtPath(const std::string& path);
 
   /// The text under `key`; none when the key is missing or holds something else.
