@@ -2,7 +2,9 @@
 // built program, started on demand by a real message bus.
 #include <gmock/gmock.h>
 #include <signal.h>
-#include <sys/stat.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
 
 #include <optional>
 
@@ -149,6 +151,56 @@ TEST_F(PreferencesWatchTest, ASyncedFolderThatNoPathCanBeMadeOfStopsTheProcessWi
     EXPECT_THAT(readFile(environment.folder() / "lost"),
                 HasSubstr(std::string("Fatal error: a synced folder without a path: \"") + folder + "\"\n"));
   }
+}
+
+/// A system log of a test's own: the socket that programs write to which see the folder as /dev.
+class SystemLog {
+ public:
+  explicit SystemLog(const fs::path& dev) : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
+    fs::create_directories(dev);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    (dev / "log").string().copy(address.sun_path, sizeof address.sun_path - 1);
+    if (::bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) ADD_FAILURE() << "no socket";
+  }
+  ~SystemLog() { ::close(socket_); }
+  SystemLog(const SystemLog&) = delete;
+  SystemLog& operator=(const SystemLog&) = delete;
+
+  /// All messages so far.
+  std::string text() const {
+    std::string all;
+    char message[4096];
+    for (ssize_t size; (size = ::recv(socket_, message, sizeof message, 0)) >= 0;) {
+      all.append(message, static_cast<std::size_t>(size)) += '\n';
+    }
+    return all;
+  }
+
+ private:
+  const int socket_;
+};
+
+TEST_F(PreferencesWatchTest, PreferencesWithoutSyncedFolderStopTheProcessWhichLeavesTheReasonInBothLogs) {
+  environment.container();
+  writeFile(preferences(), "<plist version=\"1.0\"><dict><key>other</key><string>x</string></dict></plist>");
+  const std::string reason = "Fatal error: the preferences hold no text under root_dir: " + preferences().string();
+  StartedProgram plain({VORNET_EXTENSION}, {}, environment.folder() / "plain");
+  EXPECT_EQ(plain.wait(), 128 + SIGABRT);
+  EXPECT_TRUE(logText().ends_with("[Severe] : " + reason + "\n")) << logText();
+
+  // In a mount namespace of its own the process may have another system log.
+  const SystemLog log(environment.folder() / "dev");
+  const std::string arrange = "touch \"$1/null\" && mount --bind /dev/null \"$1/null\" && mount --rbind \"$1\" /dev";
+  const auto run = [&](const std::string& then, const char* output) {
+    return StartedProgram({"unshare", "--user", "--map-root-user", "--mount", "sh", "-c", arrange + then, "sh",
+                           environment.folder() / "dev"},
+                          {}, environment.folder() / output)
+        .wait();
+  };
+  if (run("", "probe") != 0) GTEST_SKIP() << "no namespaces here: " << readFile(environment.folder() / "probe");
+  EXPECT_EQ(run(" && exec " VORNET_EXTENSION, "moved"), 128 + SIGABRT);
+  EXPECT_THAT(log.text(), HasSubstr("VornetVIExt: " + reason));
 }
 
 // --- That change ----------------------------------------------------------------------------------------------------

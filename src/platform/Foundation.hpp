@@ -14,8 +14,13 @@ namespace vornet::platform {
 
 // --- Stopping -------------------------------------------------------------------------------------------------------
 
-/// Stops the process at once because of a state that cannot be. `reason` goes to standard error only.
+/// Stops the process because of a state that cannot be. `reason` goes to the system's own log, the handler and standard
+/// error; where one of them makes the process wait, it stops after two seconds in any case.
 [[noreturn]] void fatalError(std::string_view reason) noexcept;
+
+/// Sets what else is told the reason, on the thread that stops the process; null: nothing.
+using FatalErrorHandler = void (*)(std::string_view reason) noexcept;
+void setFatalErrorHandler(FatalErrorHandler handler) noexcept;
 
 /// Ends the process in an orderly way with `status`.
 [[noreturn]] void exitProcess(int status);

@@ -66,7 +66,7 @@ bool RESTPollingManager::setupLocalRoot() {
     return false;
   }
   const auto root = preferences->textForKey("root_dir");
-  if (!root) platform::fatalError("the preferences hold no text under root_dir");
+  if (!root) platform::fatalError("the preferences hold no text under root_dir: " + *path);
   enableVI(*root);
   VI_INFO("Finder plugin enabled");
   return true;
