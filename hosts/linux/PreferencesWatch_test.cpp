@@ -262,10 +262,10 @@ TEST_F(PreferencesWatchTest, AContainerRemovedAndMadeAnewIsNoticedAndTheLogIsWri
   startConfigured();
   fs::remove_all(container());
   environment.container();
-  configure(other);
+  configure(root);
   ASSERT_TRUE(firstHasEnded());
-  EXPECT_EQ(client->property("ObservedFolders"), observed(other));
-  EXPECT_THAT(logText(), HasSubstr("Initialized Kevlane Finder plugin for path " + other));
+  EXPECT_EQ(client->property("ObservedFolders"), observed(root));
+  EXPECT_THAT(logText(), HasSubstr("Initialized Kevlane Finder plugin for path " + root));
 }
 
 TEST_F(PreferencesWatchTest, AContainerReplacedBeforeThereArePreferencesIsNoticedToo) {
