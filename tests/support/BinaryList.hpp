@@ -37,7 +37,7 @@ class BinaryList {
   }
   static std::string bigEndian(std::uint64_t value, int size) {
     std::string out;
-    for (int i = size - 1; i >= 0; --i) out += static_cast<char>(value >> 8 * i & 0xFF);
+    for (int i = size - 1; i >= 0; --i) out += static_cast<char>(i < 8 ? value >> 8 * i & 0xFF : 0);
     return out;
   }
 
