@@ -114,7 +114,6 @@ bool FinderSyncService::start(std::string& error) {
   connectHandlers();
   platform::host::setListener(this);
   publishProperties();
-  watchPreferences();
   GError* failure = nullptr;
   exported_ =
       g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(skeleton_), connection_, OBJECT_PATH, &failure);
@@ -129,10 +128,6 @@ void FinderSyncService::stop() {
   if (stopped_) return;
   stopped_ = true;
   if (exported_) g_dbus_interface_skeleton_unexport(G_DBUS_INTERFACE_SKELETON(skeleton_));
-  if (preferencesMonitor_) {
-    g_file_monitor_cancel(preferencesMonitor_);
-    g_object_unref(preferencesMonitor_);
-  }
   g_signal_handlers_disconnect_by_data(skeleton_, this);
   unwatchClients();
   badges_.stop();
@@ -176,24 +171,6 @@ void FinderSyncService::publishProperties() {
   vornet_finder_sync1_set_badges(skeleton_, g_variant_builder_end(&badges));
   vornet_finder_sync1_set_version(skeleton_, platform::host::mainBundle().version.c_str());
   vornet_finder_sync1_set_log_file(skeleton_, logFilePath().c_str());
-}
-
-/// The sync application may be configured after the extension has started: its preferences are read when they appear.
-void FinderSyncService::watchPreferences() {
-  const auto container = platform::containerURLForGroup(App().APP_GROUP);
-  if (!container) return;
-  const auto preferences = container->appendingPathComponent(App().KELVANE_PLIST);
-  GFile* file = g_file_new_for_path(preferences.path()->c_str());
-  preferencesMonitor_ = g_file_monitor_file(file, G_FILE_MONITOR_WATCH_MOVES, nullptr, nullptr);
-  g_object_unref(file);
-  if (!preferencesMonitor_) return;
-  const auto changed = +[](GFileMonitor*, GFile*, GFile*, GFileMonitorEvent event, gpointer self) {
-    const bool complete = event == G_FILE_MONITOR_EVENT_CHANGES_DONE_HINT || event == G_FILE_MONITOR_EVENT_MOVED_IN ||
-                          event == G_FILE_MONITOR_EVENT_RENAMED;
-    auto& service = *static_cast<FinderSyncService*>(self);
-    if (complete) service.observing_.postOwn([] { requiredStatusManager().setupLocalRoot(); });
-  };
-  g_signal_connect(preferencesMonitor_, "changed", G_CALLBACK(changed), this);
 }
 
 // --- What clients call ----------------------------------------------------------------------------------------------

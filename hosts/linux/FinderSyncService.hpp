@@ -45,7 +45,6 @@ class FinderSyncService : private platform::host::Listener {
 
   void connectHandlers();
   void publishProperties();
-  void watchPreferences();
   void unwatchClients();
 
   /// Runs `work` on `pool` when it is the caller's turn; answers `invocation` with an error when `work` throws. `cost`:
@@ -66,7 +65,6 @@ class FinderSyncService : private platform::host::Listener {
   FinderSync& extension_;
   GDBusConnection* const connection_;
   VornetFinderSync1* const skeleton_;
-  GFileMonitor* preferencesMonitor_ = nullptr;
   bool exported_ = false;
   bool stopped_ = false;
 

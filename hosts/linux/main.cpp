@@ -9,6 +9,7 @@
 
 #include "BusConnection.hpp"
 #include "FinderSyncService.hpp"
+#include "PreferencesWatch.hpp"
 #include "extension/AppConst.hpp"
 #include "extension/FinderSync.hpp"
 #include "logging/Logging.hpp"
@@ -21,6 +22,7 @@ using vornet::platform::systemLog;
 
 struct Run {
   GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
+  vornet::host::PreferencesWatch& preferences;
   int status = 0;
 
   void end(int withStatus) {
@@ -28,6 +30,12 @@ struct Run {
     g_main_loop_quit(loop);
   }
 };
+
+/// From now on this process is the extension: it may end itself without anybody waiting in vain for its start.
+void nameOwned(GDBusConnection*, const gchar*, gpointer data) {
+  auto* run = static_cast<Run*>(data);
+  run->preferences.start([run] { run->end(0); });
+}
 
 void nameLost(GDBusConnection* connection, const gchar* name, gpointer run) {
   if (!connection || g_dbus_connection_is_closed(connection)) return;  // with the bus itself
@@ -41,7 +49,7 @@ gboolean asked(gpointer run) {
 }
 
 /// Serves `extension` until asked to end, or until the bus goes away. The exit status.
-int serve(vornet::FinderSync& extension) {
+int serve(vornet::FinderSync& extension, vornet::host::PreferencesWatch& preferences) {
   GError* error = nullptr;
   GDBusConnection* connection = vornet::host::connectToSessionBus(&error);
   if (!connection) {
@@ -50,7 +58,7 @@ int serve(vornet::FinderSync& extension) {
     return 1;
   }
 
-  Run run;
+  Run run{.preferences = preferences};
   const auto closed = +[](GDBusConnection*, gboolean, GError*, gpointer data) { static_cast<Run*>(data)->end(0); };
   g_signal_connect(connection, "closed", G_CALLBACK(closed), &run);
   g_unix_signal_add(SIGTERM, &asked, &run);
@@ -61,11 +69,12 @@ int serve(vornet::FinderSync& extension) {
   if (service.start(reason)) {
     const guint name =
         g_bus_own_name_on_connection(connection, vornet::App().APP_CODENAME.c_str(),
-                                     G_BUS_NAME_OWNER_FLAGS_DO_NOT_QUEUE, nullptr, &nameLost, &run, nullptr);
+                                     G_BUS_NAME_OWNER_FLAGS_DO_NOT_QUEUE, &nameOwned, &nameLost, &run, nullptr);
     g_main_loop_run(run.loop);
     // In this order: whom the bus starts once the name is free must not find this process still counted as running.
     vornet::platform::host::retireFromRunningApplications();
     g_bus_unown_name(name);
+    preferences.stop();
   } else {
     systemLog("cannot serve on the session bus: " + reason);
     run.status = 1;
@@ -91,9 +100,10 @@ int main(int argc, char** argv) {
                                          .version = VORNET_VERSION,
                                          .build = VORNET_BUILD_NUMBER,
                                          .imageFolders = vornet::platform::host::imageFoldersOfProgram()});
+  vornet::host::PreferencesWatch preferences;
   vornet::FinderSync extension;
   if (!extension.init()) return 1;
-  const int status = serve(extension);
+  const int status = serve(extension, preferences);
   vornet::statusManager()->stop_listener();
   vornet::XCGLogger::logQueue().drain();
   return status;

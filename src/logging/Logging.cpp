@@ -30,11 +30,19 @@ void setupLogger(const std::string& level) {
       return;
     }
     logger().setup(found->second, true, true, false, *file);
-
+    platform::setFatalErrorHandler(&logFatalError);
     VI_INFO("Logger initialized on level: " + level);
     return;
   }
   VI_WARNING("Error setting log level: " + level);
+}
+
+void logFatalError(std::string_view reason) noexcept {
+  try {
+    logger()._logln("Fatal error: " + std::string(reason), LogLevel::Severe);
+  } catch (...) {
+    return;  // the reason goes elsewhere, too
+  }
 }
 
 }  // namespace vornet

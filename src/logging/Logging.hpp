@@ -17,9 +17,13 @@ XCGLogger& logger();
 const std::map<std::string, LogLevel, std::less<>>& logMap();
 
 /// Configures `logger()` for the level named `level`: console and the file "log/vi.log" of the group container, which
-/// starts empty. An unknown name, or a log folder that cannot be made, is logged and leaves the logger as it was. Stops
-/// the process without a group container. Call once, before other threads log.
+/// starts empty. From then on the reason for a fatal stop is logged, too. An unknown name, or a log folder that cannot
+/// be made, is logged and leaves the logger as it was. Stops the process without a group container. Call once, before
+/// other threads log.
 void setupLogger(const std::string& level);
+
+/// Logs why the process is about to stop, as "Fatal error: " and `reason`, at level Severe.
+void logFatalError(std::string_view reason) noexcept;
 
 }  // namespace vornet
 

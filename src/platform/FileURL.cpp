@@ -8,7 +8,8 @@
 namespace vornet::platform {
 namespace {
 
-constexpr std::string_view SCHEME = "file://";
+constexpr std::string_view SCHEME = "file:";
+constexpr std::string_view AUTHORITY = "//";
 constexpr std::string_view LOCAL_HOST = "localhost";
 constexpr std::string_view KEPT =
     "-._~!$&'()*+,=:@/";  // what stands in a URL's path as it is, besides letters and digits
@@ -54,7 +55,14 @@ bool startsWithIgnoringCase(std::string_view text, std::string_view lowerCase) {
 FileURL FileURL::fileURLWithPath(std::string_view path, bool isDirectory) {
   FileURL url;
   url.isDirectory_ = isDirectory;
-  url.path_ = path.starts_with('/') ? std::string(path) : (std::filesystem::current_path() / path).string();
+  if (path.starts_with('/')) {
+    url.path_ = path;
+  } else {
+    std::error_code gone;
+    const auto current = std::filesystem::current_path(gone);
+    if (gone) return {};
+    url.path_ = (current / path).string();
+  }
   while (url.path_->size() > 1 && url.path_->back() == '/') url.path_->pop_back();
   return url;
 }
@@ -62,7 +70,10 @@ FileURL FileURL::fileURLWithPath(std::string_view path, bool isDirectory) {
 std::optional<FileURL> FileURL::fileURLWithText(std::string_view text) {
   if (!startsWithIgnoringCase(text, SCHEME)) return std::nullopt;
   text.remove_prefix(SCHEME.size());
-  if (startsWithIgnoringCase(text, LOCAL_HOST)) text.remove_prefix(LOCAL_HOST.size());
+  if (text.starts_with(AUTHORITY)) {
+    text.remove_prefix(AUTHORITY.size());
+    if (startsWithIgnoringCase(text, LOCAL_HOST)) text.remove_prefix(LOCAL_HOST.size());
+  }
   if (!text.starts_with('/') || text.find_first_of("?#") != std::string_view::npos ||
       text.find('\0') != std::string_view::npos) {
     return std::nullopt;
@@ -77,7 +88,8 @@ std::string FileURL::description() const {
   static constexpr char digits[] = "0123456789ABCDEF";
   if (!path_) return {};
   std::string out(SCHEME);
-  out.reserve(SCHEME.size() + path_->size() + 16);
+  out.reserve(SCHEME.size() + AUTHORITY.size() + path_->size() + 16);
+  out += AUTHORITY;
   for (const char c : *path_) {
     if (isLetterOrDigit(c) || KEPT.find(c) != std::string_view::npos) {
       out += c;

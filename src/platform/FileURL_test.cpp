@@ -47,6 +47,18 @@ TEST(FileURLFromPath, TakesARelativePathFromTheCurrentFolder) {
   std::filesystem::current_path(before);
 }
 
+TEST(FileURLFromPath, MakesNoPathOfARelativeOneWhenTheCurrentFolderIsGone) {
+  const test::TemporaryFolder folder;
+  const auto before = std::filesystem::current_path();
+  std::filesystem::create_directory(folder / "gone");
+  std::filesystem::current_path(folder / "gone");
+  std::filesystem::remove(folder / "gone");
+  EXPECT_EQ(FileURL::fileURLWithPath("a/b").path(), std::nullopt);
+  EXPECT_EQ(FileURL::fileURLWithPath("", true).path(), std::nullopt);
+  EXPECT_EQ(FileURL::fileURLWithPath("/a").path(), "/a");
+  std::filesystem::current_path(before);
+}
+
 TEST(FileURLFromPath, TouchesNoDisk) {
   EXPECT_EQ(FileURL::fileURLWithPath("/no such folder/x").path(), "/no such folder/x");
 }
@@ -132,6 +144,13 @@ TEST(FileURLFromText, TakesThisMachinesNames) {
   EXPECT_EQ(pathOf("FILE:///a"), "/a");
 }
 
+TEST(FileURLFromText, TakesAURLWithoutAuthority) {
+  EXPECT_EQ(pathOf("file:/a"), "/a");
+  EXPECT_EQ(pathOf("FILE:/a%20b/"), "/a b");
+  EXPECT_EQ(pathOf("file:/"), "/");
+  EXPECT_EQ(FileURL::fileURLWithText("file:/a/")->description(), "file:///a/");
+}
+
 TEST(FileURLFromText, RefusesOtherMachines) {
   for (const char* text : {"file://server/a", "file://localhost.example/a", "file://localhostile/a",
                            "file://127.0.0.1/a", "file://localhost:80/a", "file://ann@localhost/a"}) {
@@ -140,8 +159,9 @@ TEST(FileURLFromText, RefusesOtherMachines) {
 }
 
 TEST(FileURLFromText, RefusesOtherSchemesAndShapes) {
-  for (const char* text : {"", "/home/ann", "file:", "file://", "file://localhost", "http:///a", "sftp://localhost/a",
-                           "files:///a", "a", " file:///a", "trash:///a", "file:\\\\a", "ile:///a"}) {
+  for (const char* text :
+       {"", "/home/ann", "file:", "file://", "file://localhost", "http:///a", "sftp://localhost/a", "files:///a", "a",
+        " file:///a", "file:a", "file:localhost/a", "file/a", "trash:///a", "file:\\\\a", "ile:///a"}) {
     EXPECT_EQ(FileURL::fileURLWithText(text), std::nullopt) << text;
   }
 }

@@ -14,8 +14,13 @@ namespace vornet::platform {
 
 // --- Stopping -------------------------------------------------------------------------------------------------------
 
-/// Stops the process at once because of a state that cannot be. `reason` goes to standard error only.
+/// Stops the process because of a state that cannot be. `reason` goes to the system's own log, the handler and standard
+/// error; where one of them makes the process wait, it stops after two seconds in any case.
 [[noreturn]] void fatalError(std::string_view reason) noexcept;
+
+/// Sets what else is told the reason, on the thread that stops the process; null: nothing.
+using FatalErrorHandler = void (*)(std::string_view reason) noexcept;
+void setFatalErrorHandler(FatalErrorHandler handler) noexcept;
 
 /// Ends the process in an orderly way with `status`.
 [[noreturn]] void exitProcess(int status);
@@ -38,12 +43,14 @@ class FileURL {
   /// A URL without a path.
   FileURL() = default;
 
-  /// The URL of `path`: absolute, or relative to the current folder. Trailing slashes are dropped, as the platform's
-  /// URLs give their path without one; `isDirectory` only puts one at the end of the description. Touches no disk.
+  /// The URL of `path`: absolute, or relative to the current folder (without a path when that is gone). Trailing
+  /// slashes are dropped, as the platform's URLs give their path without one; `isDirectory` only puts one at the end of
+  /// the description. Touches no disk.
   static FileURL fileURLWithPath(std::string_view path, bool isDirectory = false);
 
-  /// Reads a URL text such as "file:///home/ann/a%20b". None when it is not a file URL of this machine, or malformed
-  /// (bad escapes, an escaped NUL, a query or fragment); a URL without a path when the decoded path is not UTF-8.
+  /// Reads a URL text such as "file:///home/ann/a%20b" or "file:/home/ann". None when it is not a file URL of this
+  /// machine, or malformed (bad escapes, an escaped NUL, a query or fragment); a URL without a path when the decoded
+  /// path is not UTF-8.
   static std::optional<FileURL> fileURLWithText(std::string_view text);
 
   /// The file-system path without trailing slash ("/" for the root folder), if there is one.
@@ -72,8 +79,8 @@ enum class FileKind { absent, file, directory };
 /// What stands at `path`; absent also when it cannot be examined.
 FileKind fileKindAtPath(const std::string& path) noexcept;
 
-/// The folder that the applications of `group` share; made (for its owner alone) when first asked for. None where it
-/// cannot be had.
+/// The folder that the applications of `group` share; made (for its owner alone) when this process first asks for it,
+/// and not again: who removed it since may be about to put another in its place. None where it cannot be had.
 std::optional<FileURL> containerURLForGroup(std::string_view group);
 
 /// Makes the folder at `path` and those above it. An existing folder is no error. None on success, else the system's
@@ -102,8 +109,8 @@ class FileHandle {
 /// A property list (XML or binary) whose top level is a dictionary.
 class PropertyList {
  public:
-  /// Reads the list at `path`. None when it cannot be read: no file, larger than 1 MiB, not a property list, or not a
-  /// dictionary at its top.
+  /// Reads the list at `path`. None when it cannot be read: no regular file, larger than 256 KiB, not a property list,
+  /// beyond the limits of PropertyListScan.hpp, or not a dictionary at its top.
   static std::optional<PropertyList> dictionaryAtPath(const std::string& path);
 
   /// The text under `key`; none when the key is missing or holds something else.

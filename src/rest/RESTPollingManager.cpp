@@ -66,7 +66,7 @@ bool RESTPollingManager::setupLocalRoot() {
     return false;
   }
   const auto root = preferences->textForKey("root_dir");
-  if (!root) platform::fatalError("the preferences hold no text under root_dir");
+  if (!root) platform::fatalError("the preferences hold no text under root_dir: " + *path);
   enableVI(*root);
   VI_INFO("Finder plugin enabled");
   return true;
@@ -74,6 +74,7 @@ bool RESTPollingManager::setupLocalRoot() {
 
 void RESTPollingManager::enableVI(const std::string& rootPath) {
   const auto root = platform::FileURL::fileURLWithPath(rootPath, true);
+  if (!root.path()) platform::fatalError("a synced folder without a path: \"" + rootPath + "\"");
   {
     const std::lock_guard guard(mutex_);
     rootDir_ = &rootDirs_.emplace_back(root);

@@ -9,6 +9,7 @@
 #include <thread>
 
 #include "kelvane-sim/Commands.hpp"
+#include "kelvane-sim/Ownership.hpp"
 #include "kelvane-sim/Places.hpp"
 #include "kelvane-sim/Preferences.hpp"
 #include "kelvane-sim/Printable.hpp"
@@ -107,6 +108,7 @@ void KelvaneSim::Impl::start() {
   checkSyncedFolder(root);
   checkOutside(container, root);
   checkOutside(state, root);
+  if (!options_.force) checkOwnContainer(container);
   makePrivateFolder(container);
   makePrivateFolder(state);
   FileDescriptor claim = claimFolder(container);
@@ -120,7 +122,7 @@ void KelvaneSim::Impl::start() {
   try {
     SyncEngine::Settings settings;
     settings.root = root;
-    settings.databasePath = container + "/sync.db";
+    settings.databasePath = container + "/" + STATUS_DATABASE_NAME;
     settings.transferTime = options_.transferTime;
     settings.parallelTransfers = options_.parallelTransfers;
     settings.assumeSynced = options_.assumeSynced;

@@ -31,8 +31,9 @@ class KelvaneSim {
     std::uint16_t port = DEFAULT_PORT;             ///< 0: any free one
     std::chrono::milliseconds transferTime{1500};  ///< of one file; 0: a file is synced as soon as it is noticed
     std::size_t parallelTransfers = 4;             ///< how many files are under way together
-    bool assumeSynced = false;                     ///< files found at a start are synced already instead of new
-    std::size_t keptRequests = 100'000;            ///< `requests` holds this many, the latest
+    bool force = false;                  ///< use the container even if another application has written its files there
+    bool assumeSynced = false;           ///< files found at a start are synced already instead of new
+    std::size_t keptRequests = 100'000;  ///< `requests` holds this many, the latest
     /// Told one line for whatever happens, one call at a time. Must not start or stop the object.
     std::function<void(const std::string&)> notice{};
   };
@@ -44,7 +45,8 @@ class KelvaneSim {
 
   /// Starts: when it returns the port answers, the folder is looked through, the databases are written and then the
   /// preferences. Throws std::runtime_error with one line saying what is wrong (folder missing or not UTF-8, container
-  /// or state inside the folder, container in use by another one, port in use); then it is stopped.
+  /// or state inside the folder, files of another application in the container, container in use by another one, port
+  /// in use); then it is stopped.
   void start();
 
   /// Stops answering at once, whatever clients do, and leaves the files of the container as they are. Stopped: nothing.

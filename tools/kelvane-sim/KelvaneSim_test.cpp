@@ -6,6 +6,8 @@
 
 #include <atomic>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <mutex>
 #include <thread>
 
@@ -270,6 +272,92 @@ TEST_F(KelvaneSimTest, NeverWritesIntoTheFolder) {
 }
 
 // --- The container
+
+/// Every file of the container with its content.
+std::map<std::string, std::string> contentOf(const std::string& container) {
+  std::map<std::string, std::string> content;
+  for (const auto& entry : fs::recursive_directory_iterator(container)) {
+    std::ifstream file(entry.path(), std::ios::binary);
+    content[entry.path()] = {std::istreambuf_iterator<char>(file), {}};
+  }
+  return content;
+}
+
+/// A container with files of the real sync application.
+class ForeignContainer : public KelvaneSimTest {
+ protected:
+  ForeignContainer() { files_.makeFolder("/container"); }
+
+  void writeForeignPreferences() const {
+    files_.write("/container/VornetKelvane.plist",
+                 "<plist version=\"1.0\"><dict><key>root_dir</key><string>/home/ann</string></dict></plist>");
+  }
+  void writeForeignDatabase(const std::string& name) const {
+    SqliteFile file(files_.path("/container/" + name));
+    file.execute("CREATE TABLE ea (path TEXT, status INTEGER); INSERT INTO ea VALUES ('/theirs', 2)");
+  }
+  void expectRefusal(const std::string& name) {
+    const auto before = contentOf(files_.path("/container"));
+    try {
+      start();
+      ADD_FAILURE() << "takes over " << name;
+    } catch (const std::runtime_error& error) {
+      EXPECT_THAT(error.what(), HasSubstr("its " + name + " was written by another application"));
+    }
+    EXPECT_EQ(contentOf(files_.path("/container")), before);
+  }
+};
+
+TEST_F(ForeignContainer, IsRefusedAndLeftAsItIs) {
+  writeForeignPreferences();
+  expectRefusal("VornetKelvane.plist");
+  fs::remove(files_.path("/container/VornetKelvane.plist"));
+  for (const std::string name : {"sync.db", "config.db"}) {
+    writeForeignDatabase(name);
+    expectRefusal(name);
+    fs::remove(files_.path("/container/" + name));
+  }
+  files_.write("/container/sync.db", "no database");
+  expectRefusal("sync.db");
+  fs::remove(files_.path("/container/sync.db"));
+  fs::create_symlink("nothing", files_.path("/container/sync.db"));
+  expectRefusal("sync.db");
+}
+
+TEST_F(ForeignContainer, IsRefusedAlsoAfterTheStandInHasBeenThere) {
+  start();
+  sim_->stop();
+  writeForeignPreferences();
+  expectRefusal("VornetKelvane.plist");
+  fs::remove(files_.path("/container/VornetKelvane.plist"));
+  fs::remove(files_.path("/container/sync.db"));
+  writeForeignDatabase("sync.db");
+  expectRefusal("sync.db");
+}
+
+TEST_F(ForeignContainer, IsTakenOverByForceAndOwnFromThenOn) {
+  writeForeignPreferences();
+  for (const std::string name : {"sync.db", "config.db"}) writeForeignDatabase(name);
+  auto chosen = options();
+  chosen.force = true;
+  files_.write("/root/a", "");
+  start(chosen);
+  ASSERT_TRUE(sim_->waitUntilIdle(SOON));
+  EXPECT_EQ(rows().count("/theirs"), 0U);
+  EXPECT_EQ(rows().count("/a"), 1U);
+  sim_->stop();
+  start();
+}
+
+TEST_F(KelvaneSimTest, StartsAgainInAContainerThatItMade) {
+  start();
+  sim_->stop();
+  start();
+  sim_.reset();
+  fs::remove(files_.path("/container/VornetKelvane.plist"));
+  files_.write("/container/sync.db", "");  // nothing is in it yet
+  start();
+}
 // --------------------------------------------------------------------------------------------------------
 
 TEST_F(KelvaneSimTest, TheContainerIsPrivateAndTellsTheRoot) {

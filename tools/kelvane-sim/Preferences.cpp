@@ -15,6 +15,7 @@
 #include <system_error>
 
 #include "kelvane-sim/FileDescriptor.hpp"
+#include "kelvane-sim/Ownership.hpp"
 #include "kelvane-sim/SqliteFile.hpp"
 
 namespace vornet::sim {
@@ -23,8 +24,9 @@ namespace {
 
 void writeLocalRoot(const std::string& path, const std::string& root) {
   SqliteFile file(path);
-  file.execute(
-      "BEGIN IMMEDIATE; CREATE TABLE IF NOT EXISTS configuration (local_root TEXT); DELETE FROM configuration");
+  file.execute("BEGIN IMMEDIATE");
+  file.execute(SET_APPLICATION_ID);
+  file.execute("CREATE TABLE IF NOT EXISTS configuration (local_root TEXT); DELETE FROM configuration");
   auto insert = file.prepare("INSERT INTO configuration (local_root) VALUES (?1)");
   insert.bind(1, root);
   insert.run();
@@ -64,6 +66,7 @@ void writeConfiguration(const std::string& container, const std::string& root) {
 void writePreferences(const std::string& container, const std::string& root) {
   const std::unique_ptr<void, decltype(&plist_free)> dictionary(plist_new_dict(), &plist_free);
   plist_dict_set_item(dictionary.get(), "root_dir", plist_new_string(root.c_str()));
+  plist_dict_set_item(dictionary.get(), WRITER_KEY, plist_new_bool(1));
   const bool xml = std::none_of(root.begin(), root.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20; });
   char* bytes = nullptr;
   std::uint32_t length = 0;

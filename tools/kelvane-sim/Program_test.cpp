@@ -200,6 +200,25 @@ TEST_F(ProgramTest, QuietPrintsNothing) {
   EXPECT_EQ(program.text, "");
 }
 
+TEST_F(ProgramTest, AContainerOfAnotherApplicationIsRefusedUnlessForced) {
+  files_.makeFolder("/container");
+  const std::string foreign =
+      "<plist version=\"1.0\"><dict><key>root_dir</key><string>/home/ann</string></dict></plist>";
+  files_.write("/container/VornetKelvane.plist", foreign);
+  Program refused(runArguments());
+  EXPECT_EQ(refused.exitCode(), 1);
+  EXPECT_EQ(refused.text, "kelvane-sim: cannot use the container " + container_ +
+                              ": its VornetKelvane.plist was written by another application; choose another folder "
+                              "with --container, or give --force to replace that application's files\n");
+  std::ifstream file(container_ + "/VornetKelvane.plist");
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), foreign);
+
+  auto arguments = runArguments();
+  arguments.push_back("--force");
+  Program forced(arguments);
+  EXPECT_TRUE(forced.waitForText("container  ")) << forced.text;
+}
+
 TEST_F(ProgramTest, FailuresAreOneLineAndExitCode1) {
   Program missing({"run", files_.path("/missing"), "--container", container_, "--port", "0"});
   EXPECT_EQ(missing.exitCode(), 1);

@@ -4,6 +4,8 @@
 #include <filesystem>
 #include <unordered_map>
 
+#include "kelvane-sim/Ownership.hpp"
+
 namespace vornet::sim {
 
 StatusDatabase::StatusDatabase(const std::string& path) {
@@ -24,11 +26,10 @@ StatusDatabase::StatusDatabase(const std::string& path) {
 }
 
 void StatusDatabase::makeTable() {
-  file_->execute(
-      "BEGIN IMMEDIATE;"
-      "CREATE TABLE IF NOT EXISTS ea (path TEXT, status INTEGER);"
-      "CREATE UNIQUE INDEX IF NOT EXISTS ea_path ON ea (path);"
-      "COMMIT");
+  file_->execute(std::string("BEGIN IMMEDIATE;") + SET_APPLICATION_ID +
+                 "CREATE TABLE IF NOT EXISTS ea (path TEXT, status INTEGER);"
+                 "CREATE UNIQUE INDEX IF NOT EXISTS ea_path ON ea (path);"
+                 "COMMIT");
   file_->prepare("SELECT path, status FROM ea LIMIT 1").run();
 }
 

@@ -36,6 +36,7 @@ struct Arguments {
   double transferTime = 1.5;
   std::size_t parallel = 4;
   bool synced = false;
+  bool force = false;
   bool quiet = false;
   std::vector<std::string> faults;
   std::string fault;
@@ -118,6 +119,7 @@ int run(const Arguments& arguments) {
   options.transferTime = std::chrono::milliseconds(std::llround(arguments.transferTime * 1000));
   options.parallelTransfers = arguments.parallel;
   options.assumeSynced = arguments.synced;
+  options.force = arguments.force;
   options.keptRequests = 0;
   if (!arguments.quiet) options.notice = print;
   KelvaneSim sim(options);
@@ -196,6 +198,8 @@ int main(int argc, char** argv) {
       ->check(fault)
       ->take_all()
       ->expected(1);
+  runCommand->add_flag("--force", arguments.force,
+                       "Use the container even if the real sync application has written its files there: replace them");
   runCommand->add_flag("--quiet", arguments.quiet, "Print nothing but errors");
 
   CLI::App* journalCommand = app.add_subcommand("journal", "Show the actions received");

@@ -6,6 +6,7 @@
 #include "Folder.hpp"
 #include "GLibPtr.hpp"
 #include "PathURL.hpp"
+#include "StopReason.hpp"
 
 namespace vornet::vi {
 namespace {
@@ -136,28 +137,38 @@ void performEntry(Client& client, Printer& printer, const std::string& wanted,
 }
 
 void showStatus(Client& client, Printer& printer, bool start) {
+  std::optional<Failure> failure;
   if (start) {
-    client.start();
+    try {
+      client.start();
+    } catch (const Failure& notStarted) {
+      if (notStarted.kind() != FailureKind::notStarted) {
+        throw;
+      }
+      failure.emplace(notStarted);
+    }
   }
   Status status;
   status.process = client.process();
   status.canBeStarted = client.canBeStarted();
-  std::optional<Failure> silent;
   if (status.process) {
     try {
       status.info = client.infoIfRunning();
-    } catch (const Failure& failure) {
-      if (failure.kind() == FailureKind::gone || failure.kind() == FailureKind::notInstalled) {
+    } catch (const Failure& silent) {
+      if (silent.kind() == FailureKind::gone || silent.kind() == FailureKind::notInstalled) {
         status.process.reset();
       } else {
-        silent.emplace(failure);
+        failure.emplace(silent);
       }
     }
   }
+  if (!status.process) {
+    status.stopReason = lastStopReason();
+  }
   status.syncApplication = askSyncApplication();
   printer.status(status);
-  if (silent) {
-    throw Failure{*silent};
+  if (failure) {
+    throw Failure{*failure};
   }
 }
 

@@ -23,8 +23,8 @@ void showMenu(Client& client, Printer& printer, const std::vector<std::string>& 
 void performEntry(Client& client, Printer& printer, const std::string& wanted,
                   const std::vector<std::string>& selection);
 
-/// Shows what runs. Starts the extension only when `start`. Throws after printing when the extension runs without
-/// answering.
+/// Shows what runs. Starts the extension only when `start`. Throws after printing when the extension cannot be started,
+/// or runs without answering.
 void showStatus(Client& client, Printer& printer, bool start);
 
 /// The entry that `wanted` names: by its title, letter case apart, or by its action with or without the final ":".

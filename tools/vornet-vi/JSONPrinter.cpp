@@ -86,6 +86,7 @@ class JSONPrinter final : public Printer {
     json::object object{{"running", status.process.has_value()}, {"can_be_started", status.canBeStarted}};
     object["pid"] = status.process ? json::value(status.process->pid) : json::value(nullptr);
     object["answers"] = status.info.has_value();
+    object["stop_reason"] = status.stopReason ? json::value(text(*status.stopReason)) : json::value(nullptr);
     if (status.info) {
       json::array folders;
       for (const std::string& folder : status.info->observedFolders) {

@@ -61,6 +61,9 @@ class PlainPrinter final : public TextPrinter {
     Table table{{Align::left, Align::left}};
     const auto add = [&table](const char* name, const Cell& cell) { table.addRow({{name, Tint::plain}, cell}); };
     add("Extension", extensionCell(status));
+    if (status.stopReason) {
+      add("Stopped because", {safe(*status.stopReason), Tint::bad});
+    }
     add("Version", {status.info ? safe(status.info->version) : "unknown", Tint::plain});
     add("Observed folder", {foldersText(status), Tint::plain});
     add("Sync application", syncApplicationCell(status.syncApplication));

@@ -26,6 +26,7 @@ struct Status {
   bool canBeStarted = false;
   std::optional<ExtensionProcess> process;  ///< none: the extension does not run
   std::optional<ExtensionInfo> info;        ///< none: it does not run, or does not answer
+  std::optional<std::string> stopReason;    ///< why it stopped itself, when it does not run; none: it did not
   SyncApplicationState syncApplication;
 };
 

@@ -565,5 +565,87 @@ TEST(StatusTest, saysThatTheExtensionCouldNotBeStarted) {
   EXPECT_TRUE(program.errors.starts_with("vornet-vi: the extension could not be started: ")) << program.errors;
 }
 
+/// Runs "status" with a group container whose log ends in `lastLines`.
+class StopReasonTest : public ::testing::Test {
+ protected:
+  StopReasonTest() {
+    std::filesystem::create_directories(log.parent_path());
+    settings.environment["VORNET_GROUP_CONTAINERS"] = containers.path();
+    write("");
+  }
+  void write(const std::string& lastLines) const {
+    std::ofstream{log} << "2026-03-01 13:05:09.000 [Info] [FinderSync] init: Started new status manager\n" << lastLines;
+  }
+  std::string run(const TestBus& bus, const std::vector<std::string>& arguments, int code = 0) {
+    settings.busAddress = bus.address();
+    ProgramRun program{settings, arguments};
+    EXPECT_EQ(program.wait(), code) << program.errors;
+    errors = program.errors;
+    return program.output;
+  }
+
+  static constexpr const char* FATAL = "2026-03-01 13:05:10.000 [Severe] : Fatal error: no text\x1b under root_dir\n";
+
+  TemporaryFolder containers;
+  const std::filesystem::path log = containers.path() + "/com.vornet.KelvaneSync/log/vi.log";
+  ProgramRun::Settings settings;
+  std::string errors;
+};
+
+TEST_F(StopReasonTest, isShownWhileTheExtensionDoesNotRun) {
+  TestBus bus{"exit 1"};
+  write(FATAL);
+  EXPECT_NE(run(bus, {"status"}).find("Stopped because   no text\\e under root_dir\n"), std::string::npos);
+  EXPECT_EQ(boost::json::parse(run(bus, {"status", "--json"})).at("stop_reason"), "no text\x1b under root_dir");
+  settings.terminalColumns = 80;
+  EXPECT_NE(run(bus, {"status"}).find("no text\\e under root_dir"), std::string::npos);
+}
+
+TEST_F(StopReasonTest, isShownWhenTheExtensionCannotBeStarted) {
+  TestBus bus{std::string{"printf '2026-03-01 13:05:10.000 [Severe] : Fatal error: it cannot be\\n' > "} +
+              log.string() + "; kill -ABRT $$"};
+  const auto output = run(bus, {"status", "--start"}, 1);
+  EXPECT_NE(output.find("Stopped because   it cannot be\n"), std::string::npos) << output;
+  EXPECT_TRUE(errors.starts_with("vornet-vi: the extension could not be started: ")) << errors;
+}
+
+TEST_F(StopReasonTest, isAbsentWhenTheExtensionRunsOrEndedOtherwise) {
+  TestBus bus{"exit 1"};
+  EXPECT_EQ(boost::json::parse(run(bus, {"status", "--json"})).at("stop_reason"), nullptr);
+  EXPECT_EQ(run(bus, {"status"}).find("Stopped because"), std::string::npos);
+  std::filesystem::remove(log);
+  EXPECT_EQ(boost::json::parse(run(bus, {"status", "--json"})).at("stop_reason"), nullptr);
+  write(FATAL);
+  TestExtension extension{bus, "/"};
+  EXPECT_EQ(boost::json::parse(run(bus, {"status", "--json"})).at("stop_reason"), nullptr);
+}
+
+TEST_F(StopReasonTest, isTheLastOneOfALongLogThatGoesOnForAFewLines) {
+  TestBus bus{"exit 1"};
+  std::string lines;
+  for (int i = 0; i < 1000; ++i) {
+    lines += "2026-03-01 13:05:09.000 [Info] [FinderSync] beginObserving: Directory enter: /root\n";
+  }
+  write(lines + FATAL + "2026-03-01 13:05:10.000 [Info] [FinderSync] beginObserving: Directory enter: /root\n");
+  EXPECT_EQ(boost::json::parse(run(bus, {"status", "--json"})).at("stop_reason"), "no text\x1b under root_dir");
+}
+
+TEST_F(StopReasonTest, isLookedForWhereTheContainerIs) {
+  TestBus bus{"exit 1"};
+  write(FATAL);
+  settings.environment["VORNET_GROUP_CONTAINERS"] = "relative";
+  settings.environment["XDG_DATA_HOME"] = containers.path() + "/data";
+  EXPECT_EQ(boost::json::parse(run(bus, {"status", "--json"})).at("stop_reason"), nullptr);
+  std::filesystem::create_directories(containers.path() + "/data/group-containers");
+  const auto container = log.parent_path().parent_path();
+  std::filesystem::rename(container, containers.path() + "/data/group-containers/com.vornet.KelvaneSync");
+  EXPECT_EQ(boost::json::parse(run(bus, {"status", "--json"})).at("stop_reason"), "no text\x1b under root_dir");
+  settings.environment["XDG_DATA_HOME"] = "";
+  settings.environment["HOME"] = containers.path() + "/home";
+  std::filesystem::create_directories(containers.path() + "/home/.local");
+  std::filesystem::rename(containers.path() + "/data", containers.path() + "/home/.local/share");
+  EXPECT_EQ(boost::json::parse(run(bus, {"status", "--json"})).at("stop_reason"), "no text\x1b under root_dir");
+}
+
 }  // namespace
 }  // namespace vornet::vi::test

@@ -110,6 +110,9 @@ class TerminalPrinter final : public TextPrinter {
       output_.write(tinted(heading, Tint::faint, look_) + tinted(cell.text, cell.tint, look_) + "\n");
     };
     row("Extension", extensionCell(status));
+    if (status.stopReason) {
+      row("Stopped because", {safe(*status.stopReason), Tint::bad});
+    }
     if (status.info) {
       row("Version", {safe(status.info->version), Tint::plain});
       row("Observed folder", {foldersText(status), Tint::plain});

@@ -4,6 +4,8 @@
 
 #include <cstdlib>
 #include <filesystem>
+#include <mutex>
+#include <set>
 
 #include "platform/Foundation.hpp"
 
@@ -29,16 +31,36 @@ std::string containersFolder() {
   return home.empty() ? "" : home + "/.local/share/group-containers";
 }
 
+std::mutex madeLock;
+
+/// The containers that stood there when this process asked for them.
+std::set<std::string>& made() {
+  static auto& paths = *new std::set<std::string>;  // never destroyed, as other threads may ask until the very end
+  return paths;
+}
+
+bool wasMadeBefore(const std::string& container) {
+  const std::lock_guard guard(madeLock);
+  return made().contains(container);
+}
+
+bool makeContainer(const std::string& folder, const std::string& container) {
+  std::error_code error;
+  std::filesystem::create_directories(folder, error);
+  ::mkdir(container.c_str(), 0700);
+  if (fileKindAtPath(container) != FileKind::directory) return false;
+  const std::lock_guard guard(madeLock);
+  made().insert(container);
+  return true;
+}
+
 }  // namespace
 
 std::optional<FileURL> containerURLForGroup(std::string_view group) {
   const auto folder = containersFolder();
   if (folder.empty() || group.empty()) return std::nullopt;
-  std::error_code error;
-  std::filesystem::create_directories(folder, error);
   const std::string container = folder + "/" + std::string(group);
-  ::mkdir(container.c_str(), 0700);
-  if (fileKindAtPath(container) != FileKind::directory) return std::nullopt;
+  if (!wasMadeBefore(container) && !makeContainer(folder, container)) return std::nullopt;
   return FileURL::fileURLWithPath(container, true);
 }
 

@@ -79,6 +79,16 @@ TEST_F(GroupContainer, IsKeptWhenItExists) {
   EXPECT_EQ(fs::status(at("own/g")).permissions(), fs::perms(0750));
 }
 
+TEST_F(GroupContainer, IsNotMadeAgainWhenSomebodyRemovesIt) {
+  const ScopedVariable own("VORNET_GROUP_CONTAINERS", at("own"));
+  ASSERT_TRUE(containerURLForGroup("g"));
+  fs::remove_all(at("own"));
+  EXPECT_EQ(containerURLForGroup("g")->path(), at("own/g"));
+  EXPECT_FALSE(fs::exists(at("own")));
+  ASSERT_TRUE(containerURLForGroup("other")) << "which this process has not had";
+  EXPECT_FALSE(fs::exists(at("own/g")));
+}
+
 TEST_F(GroupContainer, MayBeALinkToAFolder) {
   const ScopedVariable own("VORNET_GROUP_CONTAINERS", at("own"));
   fs::create_directories(at("own"));

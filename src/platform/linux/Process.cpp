@@ -10,11 +10,6 @@
 
 namespace vornet::platform {
 
-void fatalError(std::string_view reason) noexcept {
-  std::fprintf(stderr, "Fatal error: %.*s\n", static_cast<int>(reason.size()), reason.data());
-  std::abort();
-}
-
 void exitProcess(int status) {
   std::exit(status);
 }

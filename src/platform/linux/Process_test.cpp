@@ -26,6 +26,34 @@ TEST_F(ProcessDeathTest, FatalErrorAbortsWithItsReasonOnStandardError) {
               "Fatal error: not all\n");
 }
 
+TEST_F(ProcessDeathTest, FatalErrorTellsTheHandlerTheReason) {
+  EXPECT_EXIT(
+      {
+        setFatalErrorHandler([](std::string_view reason) noexcept {
+          std::fprintf(stderr, "told: %.*s\n", static_cast<int>(reason.size()), reason.data());
+        });
+        fatalError("a reason");
+      },
+      testing::KilledBySignal(SIGABRT), "told: a reason\nFatal error: a reason\n");
+}
+
+TEST_F(ProcessDeathTest, FatalErrorStopsTheProcessWhateverTheHandlerDoes) {
+  EXPECT_EXIT(
+      {
+        setFatalErrorHandler([](std::string_view) noexcept { fatalError("again"); });
+        fatalError("a reason");
+      },
+      testing::KilledBySignal(SIGABRT), "");
+  EXPECT_EXIT(
+      {
+        setFatalErrorHandler([](std::string_view) noexcept {
+          while (true) ::pause();
+        });
+        fatalError("a reason");
+      },
+      testing::KilledBySignal(SIGABRT), "");
+}
+
 TEST_F(ProcessDeathTest, ExitProcessEndsInAnOrderlyWay) {
   EXPECT_EXIT(
       {

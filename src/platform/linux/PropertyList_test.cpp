@@ -1,11 +1,14 @@
 #include <gtest/gtest.h>
 #include <plist/plist.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <thread>
 
 #include "platform/Foundation.hpp"
+#include "support/BinaryList.hpp"
 #include "support/ChildProcess.hpp"
 #include "support/TemporaryFolder.hpp"
 
@@ -20,7 +23,7 @@ constexpr std::string_view HEAD =
     "<plist version=\"1.0\">\n";
 constexpr std::string_view TAIL = "\n</plist>\n";
 
-constexpr std::size_t MEBIBYTE = std::size_t{1} << 20;
+constexpr std::size_t MOST_BYTES = std::size_t{256} << 10;
 
 std::string xml(std::string_view content) {
   return std::string(HEAD).append(content).append(TAIL);
@@ -170,39 +173,58 @@ TEST_F(PropertyListTest, SurvivesFilesWithAnyByteChanged) {
   }
 }
 
-TEST_F(PropertyListTest, IsReadUpToOneMebibyte) {
+TEST_F(PropertyListTest, IsReadUpTo256Kibibytes) {
   const std::string list = xml("<dict><key>root_dir</key><string>x</string></dict>");
   const auto padded = [&](std::size_t size) { return list + std::string(size - list.size(), ' '); };
-  const auto largest = read(padded(MEBIBYTE));
+  const auto largest = read(padded(MOST_BYTES));
   ASSERT_TRUE(largest);
   EXPECT_EQ(largest->textForKey("root_dir"), "x");
-  EXPECT_FALSE(read(padded(MEBIBYTE + 1)));
-  EXPECT_FALSE(read(padded(3 * MEBIBYTE)));
+  EXPECT_FALSE(read(padded(MOST_BYTES + 1)));
+  EXPECT_FALSE(read(padded(3 * MOST_BYTES)));
   EXPECT_FALSE(PropertyList::dictionaryAtPath("/dev/zero"));
 }
 
-TEST_F(PropertyListTest, SurvivesTheDeepestNestingThatFits) {
-  const std::string arrays = std::string(HEAD) + "<dict><key>a</key>";
-  std::string nested = arrays;
-  while (nested.size() < MEBIBYTE / 2 - 100) nested += "<array>";
-  const std::string open = nested;
-  // The readers run on threads: each has the stack of one.
-  int ended = 0;
+/// Lists that a reader by recursion, or by copying, would not survive.
+std::vector<std::string> hostileLists() {
+  std::vector<std::string> lists = {test::BinaryList::nested(100'000), test::BinaryList::nested(9'000),
+                                    test::BinaryList::doubling(20)};
+  test::BinaryList self;
+  self.dictionary({1}, {0});
+  self.text("root_dir");
+  lists.push_back(self.bytes());
+  for (const std::string_view opening : {"<dict><key>a</key>", "<array>"}) {
+    std::string nested = std::string(HEAD) + "<dict><key>a</key>";
+    while (nested.size() < MOST_BYTES - 20) nested += opening;
+    lists.push_back(nested);
+  }
+  return lists;
+}
+
+/// The most memory that this process has had so far, in kB.
+long peakMemory() {
+  struct rusage usage;
+  ::getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss;
+}
+
+TEST_F(PropertyListTest, IsAbsentWithoutMuchStackOrMemoryWhenItIsBuiltToTakeThem) {
+  const auto lists = hostileLists();
   test::ChildProcess child([&] {
+    int refused = 0;
+    // The readers run on threads: each has the stack of one.
     std::thread([&] {
-      std::string closed = open;
-      for (std::size_t i = 0; i < (open.size() - arrays.size()) / 7; ++i) closed += "</array>";
-      closed = closed.substr(0, MEBIBYTE - 100) + "</dict></plist>";
-      if (const auto list = read(closed)) list->textForKey("a");
-      if (const auto list = read(open)) list->textForKey("a");
-      std::string dictionaries(HEAD);
-      while (dictionaries.size() < MEBIBYTE - 20) dictionaries += "<dict><key>a</key>";
-      if (const auto list = read(dictionaries)) list->textForKey("a");
-      ended = 7;
+      const long before = peakMemory();
+      for (const auto& list : lists) refused += read(list) ? 0 : 1;
+      if (peakMemory() - before > 32 * 1024) refused += 100;
     }).join();
-    return ended;
+    return refused;
   });
-  EXPECT_EQ(child.wait(), 7);
+  EXPECT_EQ(child.wait(), static_cast<int>(lists.size()));
+}
+
+TEST_F(PropertyListTest, IsAbsentWhenItIsNoRegularFile) {
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  EXPECT_FALSE(PropertyList::dictionaryAtPath(path)) << "and nothing waits for who might write to it";
 }
 
 TEST_F(PropertyListTest, MayBeCopiedAndReadByManyThreads) {

@@ -3,6 +3,7 @@ vornet_test(vornet_platform_test
   SOURCES
     platform/FIFinderSync_test.cpp
     platform/FileURL_test.cpp
+    platform/PropertyListScan_test.cpp
     platform/linux/Bundle_test.cpp
     platform/linux/Dates_test.cpp
     platform/linux/Dispatch_test.cpp

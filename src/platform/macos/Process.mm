@@ -1,16 +1,10 @@
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstdlib>
 
 #import "platform/macos/Cocoa.hpp"
 
 namespace vornet::platform {
-
-void fatalError(std::string_view reason) noexcept {
-  std::fprintf(stderr, "Fatal error: %.*s\n", static_cast<int>(reason.size()), reason.data());
-  std::abort();
-}
 
 void exitProcess(int status) {
   std::exit(status);

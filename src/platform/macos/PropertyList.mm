@@ -1,15 +1,15 @@
 #import "platform/macos/Cocoa.hpp"
 
+#include "platform/PropertyListScan.hpp"
+
 namespace vornet::platform {
 namespace {
-
-constexpr unsigned long long MAX_BYTES = 1ULL << 20;
 
 /// The bytes of the regular file at `path`; nil when it cannot be read or is larger than the limit.
 NSData* bytesOfFile(NSString* path) {
   NSDictionary* attributes =
       [[NSFileManager defaultManager] attributesOfItemAtPath:[path stringByResolvingSymlinksInPath] error:NULL];
-  if (![[attributes fileType] isEqualToString:NSFileTypeRegular] || [attributes fileSize] > MAX_BYTES) return nil;
+  if (![[attributes fileType] isEqualToString:NSFileTypeRegular] || [attributes fileSize] > MAX_PROPERTY_LIST_BYTES) return nil;
   return [NSData dataWithContentsOfFile:path];
 }
 
@@ -40,7 +40,9 @@ std::optional<PropertyList> PropertyList::dictionaryAtPath(const std::string& pa
   @autoreleasepool {
     NSString* file = cocoa::string(path);
     NSData* bytes = file ? bytesOfFile(file) : nil;
-    if ([bytes length] == 0) return std::nullopt;
+    if (scanPropertyList({static_cast<const char*>([bytes bytes]), [bytes length]}) == PropertyListFormat::none) {
+      return std::nullopt;
+    }
     NSDictionary* root = dictionaryIn(bytes);
     if (!root) return std::nullopt;
     return PropertyList(std::make_shared<const Impl>(root));
