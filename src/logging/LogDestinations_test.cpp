@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "support/CapturedOutput.hpp"
+#include "support/ChildProcess.hpp"
 #include "support/Environment.hpp"
 
 namespace vornet {
@@ -351,6 +352,14 @@ TEST(ConsoleDestination, LetsNoCallerWaitForAFullPipe) {
 
 class FileDestination : public testing::Test {
  protected:
+  /// Makes the descriptor by which this process has `path` open one of `other`'s file; closes `other`.
+  static void putInPlaceOfOpenFile(const std::string& path, int other) {
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+      std::error_code gone;
+      if (fs::read_symlink(entry, gone) == path) ::dup2(other, std::stoi(entry.path().filename()));
+    }
+    ::close(other);
+  }
   std::shared_ptr<XCGFileLogDestination> open(const XCGLogger::FileTarget& target) {
     auto destination = std::make_shared<XCGFileLogDestination>(logger, target, "file");
     logger.addLogDestination(destination);
@@ -440,31 +449,27 @@ TEST_F(FileDestination, KeepsLinesWholeWhenManyThreadsLog) {
 
 TEST_F(FileDestination, WritesEachLineByOneWrite) {
   // In a pipe with room for less than two lines, each read gives what one write gave: a line in two parts would show.
-  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
-  const int reader = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  ASSERT_GE(reader, 0);
   logger.setLogDestinations({});
   open(path);
-  char part[4096];
-  while (::read(reader, part, sizeof part) > 0) {
-  }
-
-  ASSERT_GT(::fcntl(reader, F_SETPIPE_SZ, 4096), 0);
-  ASSERT_EQ(::fcntl(reader, F_SETFL, 0), 0);
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  ASSERT_GT(::fcntl(ends[1], F_SETPIPE_SZ, 4096), 0);
+  putInPlaceOfOpenFile(path, ends[1]);
 
   constexpr int LINES = 200;
   std::thread writer([&] {
     for (int i = 0; i < LINES; ++i) logger.info(std::string(3000, 'x'), "f", "F", i);
   });
   std::string text;
+  char part[4096];
   while (std::count(text.begin(), text.end(), '\n') < LINES) {
-    const auto count = ::read(reader, part, sizeof part);
+    const auto count = ::read(ends[0], part, sizeof part);
     ASSERT_GT(count, 0);
     text.append(part, static_cast<std::size_t>(count));
     EXPECT_EQ(part[count - 1], '\n');
   }
   writer.join();
-  ::close(reader);
+  ::close(ends[0]);
 }
 
 TEST_F(FileDestination, DropsALineThatIsNotUTF8) {
@@ -581,13 +586,48 @@ TEST_F(FileDestination, ClosesTheOldFileWhenTheNewOneCannotBeOpened) {
 }
 
 TEST_F(FileDestination, SurvivesAFullDiskInSilence) {
-  const std::string full = environment.folder() / "full.log";
-  fs::create_symlink("/dev/full", full);
   const auto text = consoleOutputOf([&] {
-    const auto file = open(full);
+    const auto file = open(path);
+    putInPlaceOfOpenFile(path, ::open("/dev/full", O_WRONLY | O_CLOEXEC));
     file->processLogDetails(record());
   });
-  EXPECT_EQ(withoutDates(text), "[Info] : XCGLogger writing to log to: file://" + full + "\n");
+  EXPECT_EQ(withoutDates(text), "[Info] : XCGLogger writing to log to: file://" + path + "\n");
+}
+
+TEST_F(FileDestination, TakesThePlaceOfALinkAndOfAPipe) {
+  const std::string target = environment.folder() / "target";
+  test::writeFile(target, "kept");
+  for (const bool link : {true, false}) {
+    fs::remove(path);
+    if (link) {
+      fs::create_symlink(target, path);
+    } else {
+      ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+    }
+    logger.removeLogDestination("file");
+    consoleOutputOf([&] { open(path); });
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(path)));
+    EXPECT_EQ(linesOf(readFile(path)).size(), 2u);
+  }
+  EXPECT_EQ(readFile(target), "kept");
+}
+
+TEST_F(FileDestination, LeavesTheLastLinesOfAnEarlierProcessToItsOwnFile) {
+  test::Gate begun, replaced;
+  test::ChildProcess earlier([&] {
+    logger.setLogDestinations({});
+    open(path);
+    begun.open();
+    replaced.pass();
+    logger.info("the last line of the first run", "f", "F", 1);
+    return 0;
+  });
+  begun.pass();
+  logger.setLogDestinations({});
+  open(path);
+  replaced.open();
+  EXPECT_EQ(earlier.wait(), 0);
+  EXPECT_EQ(linesOf(readFile(path)).size(), 2u) << readFile(path);
 }
 
 TEST_F(FileDestination, IgnoresTheApplicationDetailsOfAReopeningAtWarning) {
