@@ -143,7 +143,7 @@ std::string currentLocaleIdentifier();
 std::string dateDescription(Date date);
 
 /// Writes dates by a pattern of Unicode's (LDML) date fields, with the digits and calendar of a locale, in the system's
-/// time zone. Making one is expensive; using one is cheap. Not thread-safe: one a thread.
+/// time zone as it is then. Making one is expensive; using one is cheap. Not thread-safe: one a thread.
 class DateFormatter {
  public:
   /// None when the platform offers no formatter for these.
