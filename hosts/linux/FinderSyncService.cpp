@@ -139,6 +139,8 @@ void FinderSyncService::stop() {
   }
   g_signal_handlers_disconnect_by_data(skeleton_, this);
   unwatchClients();
+  // All at once, before any is waited for: none may begin something of seconds meanwhile.
+  for (auto* pool : {&badges_, &menus_, &observing_}) pool->requestStop();
   badges_.stop();
   menus_.stop();
   platform::host::setListener(nullptr);

@@ -3,10 +3,12 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
+#include <csignal>
 #include <filesystem>
 #include <map>
 #include <sstream>
@@ -346,6 +348,80 @@ TEST(ConsoleDestination, LetsNoCallerWaitForAFullPipe) {
     expected += "[Info] [F:" + std::to_string(i) + "] f: " + std::string(4000, 'x') + "\n";
   }
   EXPECT_TRUE(withoutDates(text) == expected);
+}
+
+TEST(ConsoleDestination, DropsLinesAndCountsThemWhileNobodyReads) {
+  const test::Environment environment;
+  constexpr std::size_t LINES = 3000;
+  constexpr std::size_t LENGTH = 1000;
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  const auto room = static_cast<std::size_t>(::fcntl(ends[1], F_SETPIPE_SZ, 4096));
+  XCGLogger logger;
+  std::fflush(stdout);
+  const int before = ::dup(STDOUT_FILENO);
+  ::dup2(ends[1], STDOUT_FILENO);
+  ::close(ends[1]);
+  for (std::size_t i = 0; i < LINES; ++i) {
+    logger.info(std::string(LENGTH, 'x'), "f", "F", static_cast<std::int64_t>(i));
+  }
+  std::string text;
+  const auto readUntil = [&](std::string_view last) {
+    char part[4096];
+    while (text.find(last) == std::string::npos) {
+      const auto count = ::read(ends[0], part, sizeof part);
+      if (count <= 0) break;
+      text.append(part, static_cast<std::size_t>(count));
+    }
+  };
+  std::thread reader([&] { readUntil("the first that finds room\n"); });
+  XCGLogger::logQueue().drain();
+  logger.info("the first that finds room", "f", "F", 1);
+  XCGLogger::logQueue().drain();
+  reader.join();
+  ::dup2(before, STDOUT_FILENO);
+  ::close(before);
+  ::close(ends[0]);
+
+  // Oldest first, none missing in between; then the count of the others.
+  const auto lines = linesOf(withoutDates(text));
+  ASSERT_GT(lines.size(), 500u);
+  const std::size_t written = lines.size() - 2;
+  for (std::size_t i = 0; i < written; ++i) {
+    ASSERT_EQ(lines[i], "[Info] [F:" + std::to_string(i) + "] f: " + std::string(LENGTH, 'x'));
+  }
+  EXPECT_EQ(lines[written],
+            "[Warning] : Lines dropped because nobody read the output: " + std::to_string(LINES - written));
+  EXPECT_EQ(lines[written + 1], "[Info] [F:1] f: the first that finds room");
+  EXPECT_LE(text.size(), XCGConsoleLogDestination::MAX_WAITING_BYTES + room + 4 * LENGTH);
+}
+
+TEST(ConsoleDestination, BeginsALineAfterOneThatAFullDiskCut) {
+  const test::Environment environment;
+  const test::ScopedVariable zone("TZ", "UTC");
+  const std::string path = environment.folder() / "console";
+  const auto action = std::signal(SIGXFSZ, SIG_IGN);
+  rlimit limit{};
+  ::getrlimit(RLIMIT_FSIZE, &limit);
+  XCGLogger logger;
+  std::fflush(stdout);
+  const int before = ::dup(STDOUT_FILENO);
+  const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+  ::dup2(file, STDOUT_FILENO);
+  ::close(file);
+  const rlimit full{10, limit.rlim_max};
+  ::setrlimit(RLIMIT_FSIZE, &full);
+  logger.info("cut", "f", "F", 1);
+  XCGLogger::logQueue().drain();
+  ::setrlimit(RLIMIT_FSIZE, &limit);
+  logger.info("whole", "f", "F", 2);
+  XCGLogger::logQueue().drain();
+  ::dup2(before, STDOUT_FILENO);
+  ::close(before);
+  std::signal(SIGXFSZ, action);
+  const auto text = readFile(path);
+  EXPECT_EQ(text.substr(10, 1), "\n") << text;
+  EXPECT_EQ(withoutDates(text.substr(11)), "[Info] [F:2] f: whole\n");
 }
 
 // --- The file

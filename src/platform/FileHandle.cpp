@@ -152,7 +152,9 @@ std::optional<FileHandle> FileHandle::forWriting(const std::string& path, std::s
 }
 
 FileHandle FileHandle::standardOutput() {
-  return FileHandle(std::make_shared<Impl>(STDOUT_FILENO));
+  // One for all, as it knows whether a line was cut; never destroyed, as threads may write until the very end.
+  static const auto& impl = *new std::shared_ptr<Impl>(std::make_shared<Impl>(STDOUT_FILENO));
+  return FileHandle(impl);
 }
 
 void FileHandle::write(std::string_view data) const noexcept {
