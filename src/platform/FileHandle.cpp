@@ -92,15 +92,13 @@ iovec part(std::string_view data) noexcept {
 
 bool createFile(const std::string& path) noexcept {
   struct stat found {};
-  const bool exists = ::lstat(path.c_str(), &found) == 0;
-  if (exists && S_ISDIR(found.st_mode)) return false;
   int file = -1;
-  if (!exists || !OpenFiles::shared().contains(identityOf(found))) {
+  if (::lstat(path.c_str(), &found) != 0 || !OpenFiles::shared().contains(identityOf(found))) {
     ::unlink(path.c_str());
     file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, OWNER_ALONE);
   }
   bool empty = file >= 0;
-  if (!empty) {  // this process goes on writing to the file, or cannot change names in its folder
+  if (!empty) {  // this process goes on writing to the file, or cannot remove what is there
     file = openOwnFile(path);
     if (file < 0) return false;
     empty = ::ftruncate(file, 0) == 0;
@@ -167,7 +165,6 @@ void FileHandle::write(std::string_view data) const noexcept {
   }
   const std::lock_guard guard(impl.mending);
   if (!impl.cut) return impl.finish(data, written);
-  if (written > 0) return;  // another's line was cut meanwhile: what is left of this one would be taken for its end
   const iovec parts[] = {part("\n"), part(data)};
   const std::size_t mended = writeOnce(impl.file, parts, 2);
   if (mended > 0) impl.finish(data, mended - 1);

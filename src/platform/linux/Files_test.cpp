@@ -4,10 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <csignal>
 #include <filesystem>
 #include <future>
+#include <optional>
 #include <sstream>
 #include <thread>
 #include <vector>
@@ -376,25 +378,46 @@ TEST_F(FilesTest, HandleLeavesNoEmptyLineWhereNothingWasCut) {
     handle->write("second\n");
   }
   handle->write("third\n");
-  EXPECT_EQ(readFile(at("file")), "first\nthird\n");
+  {
+    const FullDisk full(14);
+    handle->write("4\n5\n");  // room for a whole line of two
+  }
+  handle->write("6\n");
+  EXPECT_EQ(readFile(at("file")), "first\nthird\n4\n6\n");
 }
 
 TEST_F(FilesTest, HandleKeepsTheLinesOfManyThreadsApartAfterAFullDisk) {
-  constexpr std::size_t THREADS = 4;
-  constexpr std::size_t ROUNDS = 200;
-  for (std::size_t round = 0; round < ROUNDS; ++round) {
+  constexpr std::size_t THREADS = 3;
+  constexpr std::size_t ROUNDS = 500;
+  std::optional<FileHandle> handle;
+  std::atomic<std::size_t> round = 0;
+  std::atomic<std::size_t> written = 0;
+  std::vector<std::thread> threads;
+  for (std::size_t i = 0; i < THREADS; ++i) {
+    threads.emplace_back([&] {
+      for (std::size_t next = 1; next <= ROUNDS; ++next) {
+        while (round < next) std::this_thread::yield();  // no sleep, so that all write at the same moment
+        handle->write("more\n");
+        ++written;
+      }
+    });
+  }
+  std::size_t wrong = 0;
+  for (std::size_t next = 1; next <= ROUNDS; ++next) {
+    handle.reset();
     createFile(at("file"));
     std::string error;
-    const auto handle = FileHandle::forWriting(at("file"), error);
+    handle = FileHandle::forWriting(at("file"), error);
     {
       const FullDisk full(10);
       handle->write("first\nsecond\n");
     }
-    std::vector<std::thread> threads;
-    for (std::size_t i = 0; i < THREADS; ++i) threads.emplace_back([&handle] { handle->write("more\n"); });
-    for (auto& thread : threads) thread.join();
-    ASSERT_EQ(readFile(at("file")), "first\nseco\nmore\nmore\nmore\nmore\n");
+    round = next;
+    while (written < next * THREADS) std::this_thread::yield();
+    if (readFile(at("file")) != "first\nseco\nmore\nmore\nmore\n") ++wrong;
   }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(wrong, 0u);
 }
 
 TEST_F(FilesTest, HandleKeepsWritesOfManyThreadsWhole) {
