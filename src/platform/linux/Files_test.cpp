@@ -388,7 +388,8 @@ TEST_F(FilesTest, HandleLeavesNoEmptyLineWhereNothingWasCut) {
 
 TEST_F(FilesTest, HandleKeepsTheLinesOfManyThreadsApartAfterAFullDisk) {
   constexpr std::size_t THREADS = 3;
-  constexpr std::size_t ROUNDS = 500;
+  constexpr std::size_t ROUNDS = 30;
+  const std::string line = std::string(200'000, 'x') + "\n";  // so that its writing takes a while
   std::optional<FileHandle> handle;
   std::atomic<std::size_t> round = 0;
   std::atomic<std::size_t> written = 0;
@@ -396,8 +397,8 @@ TEST_F(FilesTest, HandleKeepsTheLinesOfManyThreadsApartAfterAFullDisk) {
   for (std::size_t i = 0; i < THREADS; ++i) {
     threads.emplace_back([&] {
       for (std::size_t next = 1; next <= ROUNDS; ++next) {
-        while (round < next) std::this_thread::yield();  // no sleep, so that all write at the same moment
-        handle->write("more\n");
+        while (round < next) std::this_thread::yield();
+        handle->write(line);
         ++written;
       }
     });
@@ -414,7 +415,7 @@ TEST_F(FilesTest, HandleKeepsTheLinesOfManyThreadsApartAfterAFullDisk) {
     }
     round = next;
     while (written < next * THREADS) std::this_thread::yield();
-    if (readFile(at("file")) != "first\nseco\nmore\nmore\nmore\n") ++wrong;
+    if (readFile(at("file")) != "first\nseco\n" + line + line + line) ++wrong;
   }
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(wrong, 0u);
