@@ -374,9 +374,10 @@ TEST(ConsoleDestination, DropsLinesAndCountsThemWhileNobodyReads) {
       text.append(part, static_cast<std::size_t>(count));
     }
   };
-  std::thread reader([&] { readUntil("the first that finds room\n"); });
+  std::thread reader([&] { readUntil("the second\n"); });
   XCGLogger::logQueue().drain();
   logger.info("the first that finds room", "f", "F", 1);
+  logger.info("the second", "f", "F", 1);
   XCGLogger::logQueue().drain();
   reader.join();
   ::dup2(before, STDOUT_FILENO);
@@ -386,13 +387,14 @@ TEST(ConsoleDestination, DropsLinesAndCountsThemWhileNobodyReads) {
   // Oldest first, none missing in between; then the count of the others.
   const auto lines = linesOf(withoutDates(text));
   ASSERT_GT(lines.size(), 500u);
-  const std::size_t written = lines.size() - 2;
+  const std::size_t written = lines.size() - 3;
   for (std::size_t i = 0; i < written; ++i) {
     ASSERT_EQ(lines[i], "[Info] [F:" + std::to_string(i) + "] f: " + std::string(LENGTH, 'x'));
   }
   EXPECT_EQ(lines[written],
             "[Warning] : Lines dropped because nobody read the output: " + std::to_string(LINES - written));
   EXPECT_EQ(lines[written + 1], "[Info] [F:1] f: the first that finds room");
+  EXPECT_EQ(lines[written + 2], "[Info] [F:1] f: the second");
   EXPECT_LE(text.size(), XCGConsoleLogDestination::MAX_WAITING_BYTES + room + 4 * LENGTH);
 }
 
