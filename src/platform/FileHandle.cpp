@@ -42,7 +42,7 @@ int openOwnFile(const std::string& path) noexcept {
 /// error followed or the disk is full.
 std::size_t writeOnce(int file, const iovec* parts, int count) noexcept {
   while (true) {
-    const ssize_t written = ::writev(file, parts, count);
+    const ssize_t written = count == 1 ? ::write(file, parts->iov_base, parts->iov_len) : ::writev(file, parts, count);
     if (written >= 0) return static_cast<std::size_t>(written);
     if (errno == EAGAIN) {  // another program may have made a shared terminal non-blocking
       pollfd writable{file, POLLOUT, 0};
