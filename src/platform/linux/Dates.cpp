@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <ctime>
+#include <mutex>
 
 #include "platform/Foundation.hpp"
 
@@ -21,6 +22,8 @@ constexpr std::string_view POSIX_LOCALE = "en_US_POSIX";
 /// which is older than the system's and knows no zones described by rules.
 seconds offsetAt(seconds second) {
   using namespace std::chrono;
+  static std::mutex& oneAtATime = *new std::mutex;  // as in the C library, where the thread sanitizer cannot see it
+  const std::lock_guard guard(oneAtATime);
   ::tzset();  // notices when the system's zone has changed
   const auto time = static_cast<std::time_t>(second.count());
   std::tm local{};
