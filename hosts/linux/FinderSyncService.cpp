@@ -130,6 +130,8 @@ void FinderSyncService::stop() {
   if (exported_) g_dbus_interface_skeleton_unexport(G_DBUS_INTERFACE_SKELETON(skeleton_));
   g_signal_handlers_disconnect_by_data(skeleton_, this);
   unwatchClients();
+  // All at once, before any is waited for: none may begin something of seconds meanwhile.
+  for (auto* pool : {&badges_, &menus_, &observing_}) pool->requestStop();
   badges_.stop();
   lookUps_.stop();
   menus_.stop();

@@ -63,8 +63,12 @@ void WorkPool::join() {
   threads_.join();
 }
 
-void WorkPool::stop() {
+void WorkPool::requestStop() {
   threads_.stop();
+}
+
+void WorkPool::stop() {
+  requestStop();
   threads_.join();
 }
 

@@ -36,7 +36,10 @@ class WorkPool {
   /// Runs what was given, then ends the threads. Once, at the end.
   void join();
 
-  /// Lets what is running finish, drops what is waiting, then ends the threads. Once, instead of join().
+  /// Begins no more work: what is running finishes, what is waiting is dropped. Does not wait.
+  void requestStop();
+
+  /// The same, then ends the threads. Once, instead of join().
   void stop();
 
   boost::asio::thread_pool& threads() { return threads_; }

@@ -1,11 +1,16 @@
 // The extension process: makes the principal class and serves its callbacks on the session bus.
+#include <fcntl.h>
 #include <gio/gio.h>
 #include <glib-unix.h>
+#include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <cstdio>
+#include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
 
 #include "BusConnection.hpp"
 #include "FinderSyncService.hpp"
@@ -20,12 +25,35 @@ namespace {
 
 using vornet::platform::systemLog;
 
+// Longer than the requests that may be under way and the last lines of the console take, shorter than anybody waits.
+constexpr std::chrono::milliseconds LONGEST_END{3400};
+
+/// Ends the process with status 1 should it not have ended by itself in time: what is being carried out may hang in a
+/// file system, or writing to standard error.
+void endInAnyCase() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    std::thread([] {
+      std::this_thread::sleep_for(LONGEST_END);
+      ::_exit(1);
+    }).detach();
+  });
+}
+
+/// Opens what is closed of the standard descriptors, so that no file takes its place.
+void openStandardDescriptors() {
+  int descriptor = 0;
+  while (descriptor >= 0 && descriptor <= STDERR_FILENO) descriptor = ::open("/dev/null", O_RDWR);
+  if (descriptor >= 0) ::close(descriptor);
+}
+
 struct Run {
   GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
   vornet::host::PreferencesWatch& preferences;
   int status = 0;
 
   void end(int withStatus) {
+    endInAnyCase();
     status = withStatus;
     g_main_loop_quit(loop);
   }
@@ -39,8 +67,8 @@ void nameOwned(GDBusConnection*, const gchar*, gpointer data) {
 
 void nameLost(GDBusConnection* connection, const gchar* name, gpointer run) {
   if (!connection || g_dbus_connection_is_closed(connection)) return;  // with the bus itself
+  static_cast<Run*>(run)->end(1);                                      // first, as what follows may block
   systemLog(std::string("the bus name ") + name + " is not to be had");
-  static_cast<Run*>(run)->end(1);
 }
 
 gboolean asked(gpointer run) {
@@ -71,13 +99,14 @@ int serve(vornet::FinderSync& extension, vornet::host::PreferencesWatch& prefere
         g_bus_own_name_on_connection(connection, vornet::App().APP_CODENAME.c_str(),
                                      G_BUS_NAME_OWNER_FLAGS_DO_NOT_QUEUE, &nameOwned, &nameLost, &run, nullptr);
     g_main_loop_run(run.loop);
+    vornet::statusManager()->request_stop();
     // In this order: whom the bus starts once the name is free must not find this process still counted as running.
     vornet::platform::host::retireFromRunningApplications();
     g_bus_unown_name(name);
     preferences.stop();
   } else {
+    run.end(1);
     systemLog("cannot serve on the session bus: " + reason);
-    run.status = 1;
   }
   service.stop();
   g_signal_handlers_disconnect_by_data(connection, &run);
@@ -89,6 +118,7 @@ int serve(vornet::FinderSync& extension, vornet::host::PreferencesWatch& prefere
 }  // namespace
 
 int main(int argc, char** argv) {
+  openStandardDescriptors();
   if (argc > 1) {
     const bool version = std::string_view(argv[1]) == "--version";
     std::fprintf(version ? stdout : stderr,
@@ -96,6 +126,7 @@ int main(int argc, char** argv) {
     return version ? 0 : 2;
   }
   std::signal(SIGPIPE, SIG_IGN);  // whoever reads standard output may go away
+  std::signal(SIGXFSZ, SIG_IGN);  // a log that may not grow is no reason to end
   vornet::platform::host::setMainBundle({.identifier = vornet::App().APP_CODENAME,
                                          .version = VORNET_VERSION,
                                          .build = VORNET_BUILD_NUMBER,
@@ -105,6 +136,5 @@ int main(int argc, char** argv) {
   if (!extension.init()) return 1;
   const int status = serve(extension, preferences);
   vornet::statusManager()->stop_listener();
-  vornet::XCGLogger::logQueue().drain();
   return status;
 }

@@ -1,6 +1,6 @@
 #include "logging/LogDestinations.hpp"
 
-#include <cstdio>
+#include <atomic>
 
 #include "logging/DateFormatterCache.hpp"
 
@@ -15,12 +15,27 @@ std::string_view lastPathComponent(std::string_view path) {
   return path.substr(path.find_last_of('/') + 1);
 }
 
-void writeToConsole(std::string line) {
-  XCGLogger::logQueue().async([line = std::move(line)] {
-    std::fwrite(line.data(), 1, line.size(), stdout);
-    std::fflush(stdout);
-  });
-}
+/// The lines on their way to standard output, of all console destinations.
+struct Console {
+  static constexpr std::size_t QUEUED_LINE = 128;  // about what a line takes in the queue beside its text
+
+  std::atomic<std::size_t> waiting{0};  // bytes
+  std::atomic<std::size_t> dropped{0};  // lines, not yet told of
+
+  static Console& shared() {
+    static auto& console = *new Console;  // never destroyed, as the queue is not
+    return console;
+  }
+
+  void write(std::string line) {
+    const std::size_t size = line.size() + QUEUED_LINE;
+    waiting += size;
+    XCGLogger::logQueue().async([this, size, line = std::move(line)] {
+      platform::FileHandle::standardOutput().write(line);
+      waiting -= size;
+    });
+  }
+};
 
 }  // namespace
 
@@ -66,11 +81,28 @@ XCGConsoleLogDestination::XCGConsoleLogDestination(XCGLogger& owner, std::string
     : XCGFormattedLogDestination(owner, std::move(identifier)) {}
 
 void XCGConsoleLogDestination::processLogDetails(const XCGLogDetails& details) {
-  writeToConsole(format().callerLine(details, dateFormatter()));
+  if (hasRoom(details)) Console::shared().write(format().callerLine(details, dateFormatter()));
 }
 
 void XCGConsoleLogDestination::processInternalLogDetails(const XCGLogDetails& details) {
-  writeToConsole(format().internalLine(details, dateFormatter()));
+  if (hasRoom(details)) Console::shared().write(format().internalLine(details, dateFormatter()));
+}
+
+bool XCGConsoleLogDestination::hasRoom(const XCGLogDetails& details) const {
+  auto& console = Console::shared();
+  if (console.waiting >= MAX_WAITING_BYTES) {
+    ++console.dropped;
+    return false;
+  }
+  if (console.dropped == 0) return true;
+  if (const auto count = console.dropped.exchange(0); count > 0) {
+    XCGLogDetails report;
+    report.logLevel = LogLevel::Warning;
+    report.date = details.date;
+    report.logMessage = "Lines dropped because nobody read the output: " + std::to_string(count);
+    console.write(format().internalLine(report, dateFormatter()));
+  }
+  return true;
 }
 
 std::string XCGConsoleLogDestination::debugDescription() const {

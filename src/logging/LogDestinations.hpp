@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <optional>
 #include <string>
 
@@ -67,14 +68,22 @@ class XCGFormattedLogDestination : public XCGLogDestinationProtocol {
 };
 
 /// Writes lines to standard output: formatted on the caller's thread, written one after another on
-/// XCGLogger::logQueue(), so that no caller waits.
+/// XCGLogger::logQueue(), so that no caller waits. When nobody reads the output, lines wait in memory, up to a bound;
+/// further ones are dropped, and their number is written, at Warning, before the first line that finds room again.
 class XCGConsoleLogDestination : public XCGFormattedLogDestination {
  public:
+  /// How much may wait, in all console destinations together, when another line comes.
+  static constexpr std::size_t MAX_WAITING_BYTES = std::size_t{1} << 20;
+
   XCGConsoleLogDestination(XCGLogger& owner, std::string identifier);
 
   void processLogDetails(const XCGLogDetails& details) override;
   void processInternalLogDetails(const XCGLogDetails& details) override;
   std::string debugDescription() const override;
+
+ private:
+  /// Whether a line may be queued now; counts one that may not.
+  bool hasRoom(const XCGLogDetails& details) const;
 };
 
 /// Writes lines to a file that starts empty at each opening. Each line is one write on the caller's thread; lines of

@@ -3,16 +3,19 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <array>
+#include <csignal>
 #include <filesystem>
 #include <map>
 #include <sstream>
 #include <thread>
 
 #include "support/CapturedOutput.hpp"
+#include "support/ChildProcess.hpp"
 #include "support/Environment.hpp"
 
 namespace vornet {
@@ -347,10 +350,94 @@ TEST(ConsoleDestination, LetsNoCallerWaitForAFullPipe) {
   EXPECT_TRUE(withoutDates(text) == expected);
 }
 
+TEST(ConsoleDestination, DropsLinesAndCountsThemWhileNobodyReads) {
+  const test::Environment environment;
+  constexpr std::size_t LINES = 3000;
+  constexpr std::size_t LENGTH = 1000;
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  const auto room = static_cast<std::size_t>(::fcntl(ends[1], F_SETPIPE_SZ, 4096));
+  XCGLogger logger;
+  std::fflush(stdout);
+  const int before = ::dup(STDOUT_FILENO);
+  ::dup2(ends[1], STDOUT_FILENO);
+  ::close(ends[1]);
+  for (std::size_t i = 0; i < LINES; ++i) {
+    logger.info(std::string(LENGTH, 'x'), "f", "F", static_cast<std::int64_t>(i));
+  }
+  std::string text;
+  const auto readUntil = [&](std::string_view last) {
+    char part[4096];
+    while (text.find(last) == std::string::npos) {
+      const auto count = ::read(ends[0], part, sizeof part);
+      if (count <= 0) break;
+      text.append(part, static_cast<std::size_t>(count));
+    }
+  };
+  std::thread reader([&] { readUntil("the second\n"); });
+  XCGLogger::logQueue().drain();
+  logger.info("the first that finds room", "f", "F", 1);
+  logger.info("the second", "f", "F", 1);
+  XCGLogger::logQueue().drain();
+  reader.join();
+  ::dup2(before, STDOUT_FILENO);
+  ::close(before);
+  ::close(ends[0]);
+
+  // Oldest first, none missing in between; then the count of the others.
+  const auto lines = linesOf(withoutDates(text));
+  ASSERT_GT(lines.size(), 500u);
+  const std::size_t written = lines.size() - 3;
+  for (std::size_t i = 0; i < written; ++i) {
+    ASSERT_EQ(lines[i], "[Info] [F:" + std::to_string(i) + "] f: " + std::string(LENGTH, 'x'));
+  }
+  EXPECT_EQ(lines[written],
+            "[Warning] : Lines dropped because nobody read the output: " + std::to_string(LINES - written));
+  EXPECT_EQ(lines[written + 1], "[Info] [F:1] f: the first that finds room");
+  EXPECT_EQ(lines[written + 2], "[Info] [F:1] f: the second");
+  EXPECT_LE(text.size(), XCGConsoleLogDestination::MAX_WAITING_BYTES + room + 4 * LENGTH);
+}
+
+TEST(ConsoleDestination, BeginsALineAfterOneThatAFullDiskCut) {
+  const test::Environment environment;
+  const test::ScopedVariable zone("TZ", "UTC");
+  const std::string path = environment.folder() / "console";
+  const auto action = std::signal(SIGXFSZ, SIG_IGN);
+  rlimit limit{};
+  ::getrlimit(RLIMIT_FSIZE, &limit);
+  XCGLogger logger;
+  std::fflush(stdout);
+  const int before = ::dup(STDOUT_FILENO);
+  const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+  ::dup2(file, STDOUT_FILENO);
+  ::close(file);
+  const rlimit full{10, limit.rlim_max};
+  ::setrlimit(RLIMIT_FSIZE, &full);
+  logger.info("cut", "f", "F", 1);
+  XCGLogger::logQueue().drain();
+  ::setrlimit(RLIMIT_FSIZE, &limit);
+  logger.info("whole", "f", "F", 2);
+  XCGLogger::logQueue().drain();
+  ::dup2(before, STDOUT_FILENO);
+  ::close(before);
+  std::signal(SIGXFSZ, action);
+  const auto text = readFile(path);
+  EXPECT_EQ(text.substr(10, 1), "\n") << text;
+  EXPECT_EQ(withoutDates(text.substr(11)), "[Info] [F:2] f: whole\n");
+}
+
 // --- The file
 
 class FileDestination : public testing::Test {
  protected:
+  /// Makes the descriptor by which this process has `path` open one of `other`'s file; closes `other`.
+  static void putInPlaceOfOpenFile(const std::string& path, int other) {
+    for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
+      std::error_code gone;
+      if (fs::read_symlink(entry, gone) == path) ::dup2(other, std::stoi(entry.path().filename()));
+    }
+    ::close(other);
+  }
   std::shared_ptr<XCGFileLogDestination> open(const XCGLogger::FileTarget& target) {
     auto destination = std::make_shared<XCGFileLogDestination>(logger, target, "file");
     logger.addLogDestination(destination);
@@ -440,31 +527,27 @@ TEST_F(FileDestination, KeepsLinesWholeWhenManyThreadsLog) {
 
 TEST_F(FileDestination, WritesEachLineByOneWrite) {
   // In a pipe with room for less than two lines, each read gives what one write gave: a line in two parts would show.
-  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
-  const int reader = ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-  ASSERT_GE(reader, 0);
   logger.setLogDestinations({});
   open(path);
-  char part[4096];
-  while (::read(reader, part, sizeof part) > 0) {
-  }
-
-  ASSERT_GT(::fcntl(reader, F_SETPIPE_SZ, 4096), 0);
-  ASSERT_EQ(::fcntl(reader, F_SETFL, 0), 0);
+  int ends[2];
+  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
+  ASSERT_GT(::fcntl(ends[1], F_SETPIPE_SZ, 4096), 0);
+  putInPlaceOfOpenFile(path, ends[1]);
 
   constexpr int LINES = 200;
   std::thread writer([&] {
     for (int i = 0; i < LINES; ++i) logger.info(std::string(3000, 'x'), "f", "F", i);
   });
   std::string text;
+  char part[4096];
   while (std::count(text.begin(), text.end(), '\n') < LINES) {
-    const auto count = ::read(reader, part, sizeof part);
+    const auto count = ::read(ends[0], part, sizeof part);
     ASSERT_GT(count, 0);
     text.append(part, static_cast<std::size_t>(count));
     EXPECT_EQ(part[count - 1], '\n');
   }
   writer.join();
-  ::close(reader);
+  ::close(ends[0]);
 }
 
 TEST_F(FileDestination, DropsALineThatIsNotUTF8) {
@@ -581,13 +664,48 @@ TEST_F(FileDestination, ClosesTheOldFileWhenTheNewOneCannotBeOpened) {
 }
 
 TEST_F(FileDestination, SurvivesAFullDiskInSilence) {
-  const std::string full = environment.folder() / "full.log";
-  fs::create_symlink("/dev/full", full);
   const auto text = consoleOutputOf([&] {
-    const auto file = open(full);
+    const auto file = open(path);
+    putInPlaceOfOpenFile(path, ::open("/dev/full", O_WRONLY | O_CLOEXEC));
     file->processLogDetails(record());
   });
-  EXPECT_EQ(withoutDates(text), "[Info] : XCGLogger writing to log to: file://" + full + "\n");
+  EXPECT_EQ(withoutDates(text), "[Info] : XCGLogger writing to log to: file://" + path + "\n");
+}
+
+TEST_F(FileDestination, TakesThePlaceOfALinkAndOfAPipe) {
+  const std::string target = environment.folder() / "target";
+  test::writeFile(target, "kept");
+  for (const bool link : {true, false}) {
+    fs::remove(path);
+    if (link) {
+      fs::create_symlink(target, path);
+    } else {
+      ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+    }
+    logger.removeLogDestination("file");
+    consoleOutputOf([&] { open(path); });
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(path)));
+    EXPECT_EQ(linesOf(readFile(path)).size(), 2u);
+  }
+  EXPECT_EQ(readFile(target), "kept");
+}
+
+TEST_F(FileDestination, LeavesTheLastLinesOfAnEarlierProcessToItsOwnFile) {
+  test::Gate begun, replaced;
+  test::ChildProcess earlier([&] {
+    logger.setLogDestinations({});
+    open(path);
+    begun.open();
+    replaced.pass();
+    logger.info("the last line of the first run", "f", "F", 1);
+    return 0;
+  });
+  begun.pass();
+  logger.setLogDestinations({});
+  open(path);
+  replaced.open();
+  EXPECT_EQ(earlier.wait(), 0);
+  EXPECT_EQ(linesOf(readFile(path)).size(), 2u) << readFile(path);
 }
 
 TEST_F(FileDestination, IgnoresTheApplicationDetailsOfAReopeningAtWarning) {

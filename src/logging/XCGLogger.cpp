@@ -36,10 +36,11 @@ void XCGLogger::setOutputLogLevel(LogLevel level) {
 }
 
 platform::SerialQueue& XCGLogger::logQueue() {
-  // Never destroyed, as other threads may log until the very end; but the lines of the time before are written.
+  // Never destroyed, as other threads may log until the very end; but the lines of the time before are written, if
+  // somebody reads them.
   static platform::SerialQueue& queue = *new platform::SerialQueue(std::string(constants::logQueueIdentifier));
   static const struct AtExit {
-    ~AtExit() { queue.drain(); }
+    ~AtExit() { queue.drain(constants::lastLinesAtMost); }
   } atExit;
   return queue;
 }

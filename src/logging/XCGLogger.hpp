@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -34,6 +35,8 @@ class XCGLogger {
     static constexpr std::string_view baseFileLogDestinationIdentifier = "com.vornet.xcglogger.logdestination.file";
     static constexpr std::string_view logQueueIdentifier = "com.vornet.xcglogger.queue";
     static constexpr std::string_view nsdataFormatterCacheIdentifier = "com.vornet.xcglogger.nsdataFormatterCache";
+    /// How long the end of the process waits for the console's last lines to be written.
+    static constexpr std::chrono::milliseconds lastLinesAtMost{150};
   };
 
   /// A logger with identifier "", level Debug and one console destination at that level with all flags on.

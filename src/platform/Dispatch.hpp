@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -7,7 +8,7 @@
 /// Work done elsewhere: the background-priority worker and the serial queue.
 namespace vornet::platform {
 
-/// One piece of work on a thread of background priority.
+/// One piece of work on a thread of background priority: lower than that of the process, whatever that is.
 class BackgroundTask {
  public:
   /// Starts `work` on such a thread and returns at once. `work` must not throw.
@@ -39,6 +40,9 @@ class SerialQueue {
 
   /// Blocks until everything queued before this call has run. Not from within a task.
   void drain();
+
+  /// The same, but for `atMost` only; whether all of it has run. What has not goes on by itself.
+  bool drain(std::chrono::milliseconds atMost);
 
  private:
   struct Impl;

@@ -87,23 +87,31 @@ std::optional<FileURL> containerURLForGroup(std::string_view group);
 /// description of the failure.
 std::optional<std::string> createDirectory(const std::string& path);
 
-/// Makes an empty file at `path`, in place of one that stands there. False when that failed.
+/// Makes a new, empty file at `path` that its owner alone may read and write, in place of whatever is there: a file, a
+/// link (its target is left alone), a pipe. Another process that has the old file open keeps it. A file that this
+/// process writes through a FileHandle is emptied instead, and so is one of the user's own in a folder where names
+/// cannot be changed. False when that failed, as for a folder at `path`. Never waits for a pipe's reader.
 bool createFile(const std::string& path) noexcept;
 
 /// A file open for writing at its end. Closed with the last copy. Writing from several threads at once is allowed; each
 /// call is one write.
 class FileHandle {
  public:
-  /// Opens the existing file at `path`. None on failure; `error` then holds the system's description.
+  /// Opens the existing regular file at `path`, which must be the user's own; no link is followed and no pipe waited
+  /// for. None on failure; `error` then holds the system's description.
   static std::optional<FileHandle> forWriting(const std::string& path, std::string& error);
 
-  /// Writes all of `data`. Failures are not reported.
+  /// The process's standard output. Not closed with the last copy.
+  static FileHandle standardOutput();
+
+  /// Writes all of `data`, a line or several; blocks where the file does. Failures are not reported: what finds no room
+  /// is lost. When only the beginning of a line found room, the next write ends that line first.
   void write(std::string_view data) const noexcept;
 
  private:
   struct Impl;
-  explicit FileHandle(std::shared_ptr<const Impl> impl);
-  std::shared_ptr<const Impl> impl_;
+  explicit FileHandle(std::shared_ptr<Impl> impl);
+  std::shared_ptr<Impl> impl_;
 };
 
 /// A property list (XML or binary) whose top level is a dictionary.
@@ -142,7 +150,7 @@ std::string currentLocaleIdentifier();
 std::string dateDescription(Date date);
 
 /// Writes dates by a pattern of Unicode's (LDML) date fields, with the digits and calendar of a locale, in the system's
-/// time zone. Making one is expensive; using one is cheap. Not thread-safe: one a thread.
+/// time zone as it is then. Making one is expensive; using one is cheap. Not thread-safe: one a thread.
 class DateFormatter {
  public:
   /// None when the platform offers no formatter for these.

@@ -143,12 +143,14 @@ void RESTPollingManager::start_listener() {
   workers_.push_back(platform::BackgroundTask::start([manager = shared_from_this()] { manager->work(); }));
 }
 
+void RESTPollingManager::request_stop() {
+  const std::lock_guard guard(mutex_);
+  running_ = false;
+  updateRequiredCond_.notify_all();
+}
+
 void RESTPollingManager::stop_listener() {
-  {
-    const std::lock_guard guard(mutex_);
-    running_ = false;
-    updateRequiredCond_.notify_all();
-  }
+  request_stop();
   const std::lock_guard guard(workersMutex_);
   for (auto& worker : workers_) worker.wait();
   workers_.clear();

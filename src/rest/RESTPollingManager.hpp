@@ -67,7 +67,10 @@ class RESTPollingManager : public std::enable_shared_from_this<RESTPollingManage
   /// Starts the worker.
   void start_listener();
 
-  /// Ends the worker and waits until it has ended: at once from its wait, else after the request that it is in.
+  /// Tells the worker to end, which it does at once from its wait, else after the request that it is in.
+  void request_stop();
+
+  /// The same, and waits until it has ended.
   void stop_listener();
 
   /// The synced folder; null until it is known. Stays valid as long as the manager.

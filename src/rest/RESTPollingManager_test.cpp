@@ -568,7 +568,8 @@ TEST_F(RESTPollingManagerTest, TheWorkerRunsAtBackgroundPriorityAndPushesFromIts
   manager->start_listener();
   manager->dirEnter("/R/a");
   EXPECT_TRUE(prioritised.waitForPushes(1));
-  EXPECT_GT(prioritised.niceness, ::getpriority(PRIO_PROCESS, static_cast<id_t>(::gettid())));
+  // Where the test itself is as nice as can be, the worker cannot be nicer.
+  EXPECT_EQ(prioritised.niceness, std::min(19, 10 + std::max(0, ::getpriority(PRIO_PROCESS, 0))));
   EXPECT_NE(prioritised.thread, ::gettid());
   manager->stop_listener();
 }

@@ -65,6 +65,15 @@ TEST_F(MacPlatform, AFileThatIsMadeTakesThePlaceOfAnother) {
   EXPECT_TRUE(createFile(folder_ / "log"));
   EXPECT_EQ(fs::file_size(folder_ / "log"), 0U);
   EXPECT_FALSE(createFile(folder_ / "no/folder"));
+
+  test::writeFile(folder_ / "target", "kept");
+  fs::create_symlink(folder_ / "target", folder_ / "link");
+  ASSERT_EQ(::mkfifo((folder_ / "pipe").c_str(), 0600), 0);
+  for (const char* name : {"link", "pipe"}) {
+    EXPECT_TRUE(createFile(folder_ / name)) << name;
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(folder_ / name))) << name;
+  }
+  EXPECT_EQ(test::readFile(folder_ / "target"), "kept");
 }
 
 TEST_F(MacPlatform, WritesWholeLinesFromSeveralThreadsAtTheEndOfAFile) {
@@ -97,6 +106,9 @@ TEST_F(MacPlatform, SaysWhyAFileCannotBeOpened) {
   std::string error;
   EXPECT_FALSE(FileHandle::forWriting(folder_ / "absent", error));
   EXPECT_FALSE(fs::exists(folder_ / "absent"));
+  EXPECT_EQ(error, "No such file or directory");
+  EXPECT_FALSE(FileHandle::forWriting(folder_.path().string(), error));
+  EXPECT_EQ(error, "Is a directory");
 }
 
 TEST_F(MacPlatform, ReadsPropertyListsInXMLAndInBinary) {
@@ -236,6 +248,17 @@ TEST_F(MacPlatform, ASerialQueueRunsItsTasksInOrderAndAllOfThem) {
   }
   ASSERT_EQ(order.size(), 200U);
   EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+}
+
+TEST_F(MacPlatform, DrainingASerialQueueMayBeGivenUp) {
+  std::atomic<bool> let = false;
+  SerialQueue queue("stuck");
+  queue.async([&let] {
+    while (!let) std::this_thread::yield();
+  });
+  EXPECT_FALSE(queue.drain(std::chrono::milliseconds(10)));
+  let = true;
+  EXPECT_TRUE(queue.drain(std::chrono::hours(1)));
 }
 
 TEST_F(MacPlatform, AnExceptionThatReachesAnObjectiveCFrameStopsTheProcess) {

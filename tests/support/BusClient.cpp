@@ -19,9 +19,10 @@ std::shared_ptr<GVariant> owned(GVariant* value) {
 BusReply replyOf(GVariant* value, GError* failure) {
   BusReply reply{"", owned(value)};
   if (failure) {
-    gchar* remote = g_dbus_error_get_remote_error(failure);
-    reply.error = remote ? remote : failure->message;
-    g_free(remote);
+    gchar* text = g_dbus_error_get_remote_error(failure);
+    if (!text) text = g_strdup(failure->message);  // a copy: another thread, which the sanitizer cannot see, made it
+    reply.error = text;
+    g_free(text);
     reply.error.erase(0, reply.error.rfind('.') + 1);
     g_error_free(failure);
   }

@@ -1,9 +1,11 @@
 #include <unicode/dcfmtsym.h>
 #include <unicode/fieldpos.h>
+#include <unicode/simpletz.h>
 #include <unicode/smpdtfmt.h>
 
 #include <cstdlib>
 #include <ctime>
+#include <mutex>
 
 #include "platform/Foundation.hpp"
 
@@ -15,6 +17,21 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 constexpr std::string_view POSIX_LOCALE = "en_US_POSIX";
+
+/// How far the system's time zone is ahead of universal time at `second`. The library brings zone data of its own,
+/// which is older than the system's and knows no zones described by rules.
+seconds offsetAt(seconds second) {
+  using namespace std::chrono;
+  static std::mutex& oneAtATime = *new std::mutex;  // as in the C library, where the thread sanitizer cannot see it
+  const std::lock_guard guard(oneAtATime);
+  ::tzset();  // notices when the system's zone has changed
+  const auto time = static_cast<std::time_t>(second.count());
+  std::tm local{};
+  if (!::localtime_r(&time, &local)) return seconds(0);
+  // From the fields, as zones that count leap seconds are ahead by other than they say.
+  const sys_days day = year(local.tm_year + 1900) / (local.tm_mon + 1) / local.tm_mday;
+  return day.time_since_epoch() + hours(local.tm_hour) + minutes(local.tm_min) + seconds(local.tm_sec) - second;
+}
 
 std::string utf8(const icu::UnicodeString& text) {
   std::string out;
@@ -50,11 +67,20 @@ struct DateFormatter::Impl {
 
   std::unique_ptr<icu::SimpleDateFormat> format;
   std::string digits[10];
+  std::optional<seconds> offset;  // of the zone that `format` has
   bool splits = false;  // whether texts can be put together: three digits of milliseconds, of one code point each
 
   seconds second{seconds::min()};
   std::string before;  // the text of `second` up to its milliseconds, and after them
   std::string after;
+
+  void setZoneAt(seconds moment) {
+    const seconds now = offsetAt(moment);
+    if (offset == now) return;
+    offset = now;
+    const auto ahead = std::chrono::duration_cast<std::chrono::duration<std::int32_t, std::milli>>(now);
+    format->adoptTimeZone(new icu::SimpleTimeZone(ahead.count(), icu::UnicodeString("System")));
+  }
 
   std::string formatted(milliseconds date) const {
     icu::UnicodeString text;
@@ -118,6 +144,7 @@ std::string DateFormatter::stringFromDate(Date date) {
   const auto whole = floor<milliseconds>(date.time_since_epoch());
   const auto second = floor<seconds>(whole);
   const milliseconds part = whole - second;
+  if (impl.second != second || !impl.splits) impl.setZoneAt(second);
   if (impl.splits && impl.second != second) {
     impl.splits = impl.split(whole, part);
     impl.second = second;

@@ -1,15 +1,24 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <unicode/smpdtfmt.h>
 
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
 #include <random>
+#include <sstream>
+#include <vector>
 
 #include "platform/Foundation.hpp"
+#include "support/ChildProcess.hpp"
 #include "support/Environment.hpp"
 
 namespace vornet::platform {
 namespace {
 
+namespace fs = std::filesystem;
 using std::chrono::hours;
 using std::chrono::milliseconds;
 using test::ScopedVariable;
@@ -206,6 +215,123 @@ TEST(DateFormatterZone, IsTheSystemsWithItsSummerTime) {
   // 2021-11-07 06:00 UTC: the clock goes from 2 back to 1.
   EXPECT_EQ(formatter->stringFromDate(dateAt(milliseconds(1636264799999))), "2021-11-07 01:59:59.999");
   EXPECT_EQ(formatter->stringFromDate(dateAt(milliseconds(1636264800000))), "2021-11-07 01:00:00.000");
+}
+
+/// The zones of the system's data, by the names that TZ takes.
+std::vector<std::string> zonesOfTheSystem() {
+  const fs::path folder = "/usr/share/zoneinfo";
+  std::vector<std::string> zones;
+  for (const auto& entry : fs::recursive_directory_iterator(folder)) {
+    if (entry.is_regular_file() && test::readFile(entry.path()).starts_with("TZif")) {
+      zones.push_back(fs::relative(entry.path(), folder).string());
+    }
+  }
+  std::sort(zones.begin(), zones.end());
+  return zones;
+}
+
+/// Every fifth day of 2026, at various times of the day.
+std::vector<milliseconds> instantsOfAYear() {
+  std::vector<milliseconds> instants;
+  for (int i = 0; i < 73; ++i)
+    instants.push_back(milliseconds(1767225600000) + i * hours(5 * 24) + i * milliseconds(1183123));
+  return instants;
+}
+
+/// What the program `date` writes for each of `instants` in each of `zones`, to the second.
+std::vector<std::string> writtenByDate(const std::vector<std::string>& zones,
+                                       const std::vector<milliseconds>& instants) {
+  const test::TemporaryFolder folder;
+  std::string list;
+  for (const auto& zone : zones) list += zone + "\n";
+  test::writeFile(folder / "zones", list);
+  list.clear();
+  for (const auto& instant : instants) list += "@" + std::to_string(instant.count() / 1000) + "\n";
+  test::writeFile(folder / "instants", list);
+  const std::string command = "cd '" + folder.path().string() +
+                              "' && while read -r zone; do TZ=$zone date -f instants '+%Y-%m-%d %H:%M:%S'; "
+                              "done < zones > dates";
+  std::vector<std::string> dates;
+  if (std::system(command.c_str()) != 0) return dates;
+  std::istringstream lines(test::readFile(folder / "dates"));
+  for (std::string line; std::getline(lines, line);) dates.push_back(line);
+  return dates;
+}
+
+/// The zones in which dates differ from what the program `date` writes, each with the first pair that does.
+std::vector<std::string> zonesThatDiffer(const std::vector<std::string>& zones) {
+  const auto instants = instantsOfAYear();
+  const auto dates = writtenByDate(zones, instants);
+  if (dates.size() != zones.size() * instants.size()) return {"the program date failed"};
+  std::vector<std::string> differ;
+  auto expected = dates.begin();
+  for (const auto& name : zones) {
+    const ScopedVariable zone("TZ", name);
+    const auto formatter = DateFormatter::make("en_US_POSIX", "yyyy-MM-dd HH:mm:ss");
+    const auto withFraction = DateFormatter::make("en_US_POSIX", PATTERN);
+    std::string difference;
+    for (const auto& instant : instants) {
+      const auto written = formatter->stringFromDate(dateAt(instant));
+      const auto whole = withFraction->stringFromDate(dateAt(instant));
+      if (difference.empty() && (written != *expected || !whole.starts_with(*expected + "."))) {
+        difference = name + ": " + whole + " instead of " + *expected;
+      }
+      ++expected;
+    }
+    if (!difference.empty()) differ.push_back(difference);
+  }
+  return differ;
+}
+
+TEST(DateFormatterZone, AgreesWithTheProgramDateInEveryZoneOfTheSystem) {
+  const auto zones = zonesOfTheSystem();
+  ASSERT_GT(zones.size(), 400u) << "is tzdata installed?";
+  EXPECT_THAT(zonesThatDiffer(zones), testing::IsEmpty());
+}
+
+TEST(DateFormatterZone, MayBeDescribedInsteadOfNamed) {
+  EXPECT_THAT(zonesThatDiffer({"EST5EDT,M3.2.0,M11.1.0", "<+0330>-3:30", "NZST-12NZDT,M9.5.0,M4.1.0/3", "XYZ-0:00:07",
+                               ":Europe/Berlin", "/usr/share/zoneinfo/Asia/Tokyo", "Nowhere/AtAll", ""}),
+              testing::IsEmpty());
+  const ScopedVariable zone("TZ", "<+0330>-3:30");
+  EXPECT_EQ(formatted("en_US_POSIX"), "2016-03-01 17:35:09.123");
+}
+
+/// Makes `zone` the system's, as this process sees it, which has a mount namespace of its own.
+bool setSystemZone(const std::string& zone) {
+  return ::mount(("/usr/share/zoneinfo/" + zone).c_str(), "/etc/localtime", nullptr, MS_BIND, nullptr) == 0;
+}
+
+TEST(DateFormatterZone, IsTheSystemsOwnWithoutAVariableAndFollowsItsChanges) {
+  constexpr int NOT_ALLOWED = 100;
+  const ScopedVariable none("TZ", std::nullopt);
+  test::ChildProcess traveller([] {
+    const bool apart = ::unshare(CLONE_NEWNS) == 0 && ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    if (!apart || !setSystemZone("Asia/Tokyo")) return NOT_ALLOWED;
+    const auto formatter = DateFormatter::make("en_US_POSIX", PATTERN);
+    const auto before = formatter->stringFromDate(dateAt(MOMENT));
+    if (!setSystemZone("Asia/Kathmandu")) return NOT_ALLOWED;
+    const auto after = formatter->stringFromDate(dateAt(MOMENT + milliseconds(1000)));
+    return (before == "2016-03-01 23:05:09.123" ? 1 : 0) + (after == "2016-03-01 19:50:10.123" ? 2 : 0);
+  });
+  const int result = traveller.wait();
+  if (result == NOT_ALLOWED) GTEST_SKIP() << "needs root and mount namespaces";
+  EXPECT_EQ(result, 3);
+}
+
+TEST(DateFormatterZone, IsFollowedWhenItChanges) {
+  const ScopedVariable utc("TZ", "UTC");
+  const auto formatter = DateFormatter::make("en_US_POSIX", PATTERN);
+  EXPECT_EQ(formatter->stringFromDate(dateAt(MOMENT)), "2016-03-01 14:05:09.123");
+  const ScopedVariable tokyo("TZ", "Asia/Tokyo");
+  EXPECT_EQ(formatter->stringFromDate(dateAt(MOMENT + milliseconds(1000))), "2016-03-01 23:05:10.123");
+}
+
+TEST(DateFormatterZone, KeepsTheLocalesDigitsAndCalendar) {
+  const ScopedVariable zone("TZ", "<+0330>-3:30");
+  EXPECT_EQ(formatted("ar_EG"), "٢٠١٦-٠٣-٠١ ١٧:٣٥:٠٩.١٢٣");
+  EXPECT_EQ(formatted("th_TH"), "2559-03-01 17:35:09.123");
+  EXPECT_EQ(formatted("fa_IR", MOMENT + hours(8)), "۱۳۹۴-۱۲-۱۲ ۰۱:۳۵:۰۹.۱۲۳");
 }
 
 // --- A date's own description

@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -13,7 +14,8 @@
 namespace vornet::platform {
 namespace {
 
-constexpr int BACKGROUND_NICENESS = 10;
+constexpr int NICER = 10;  // than the process, which may be nice already
+constexpr int NICEST = 19;
 
 void nameThread(const std::string& name) {
   ::pthread_setname_np(::pthread_self(), name.substr(0, 15).c_str());  // the kernel's limit
@@ -35,7 +37,9 @@ BackgroundTask BackgroundTask::start(std::function<void()> work) {
   task.impl_ = std::make_shared<Impl>();
   task.impl_->thread = std::thread([work = std::move(work)] {
     nameThread("background");
-    ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), BACKGROUND_NICENESS);  // on Linux: this thread alone
+    // On Linux: of this thread alone. Never less than it was, which only root could ask for.
+    const int own = std::max(0, ::getpriority(PRIO_PROCESS, 0));
+    ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), std::min(own + NICER, NICEST));
     work();
   });
   return task;
@@ -98,6 +102,11 @@ void SerialQueue::drain() {
   std::unique_lock guard(impl_->lock);
   // Not until the queue is empty: others may go on giving tasks for ever.
   impl_->changed.wait(guard, [this, given = impl_->given] { return impl_->done >= given; });
+}
+
+bool SerialQueue::drain(std::chrono::milliseconds atMost) {
+  std::unique_lock guard(impl_->lock);
+  return impl_->changed.wait_for(guard, atMost, [this, given = impl_->given] { return impl_->done >= given; });
 }
 
 }  // namespace vornet::platform

@@ -48,11 +48,23 @@ TEST(BackgroundTask, RunsAtBackgroundPriorityAndLeavesTheOthers) {
   const int own = ::getpriority(PRIO_PROCESS, 0);
   int inside = -100;
   BackgroundTask::start([&] { inside = ::getpriority(PRIO_PROCESS, 0); }).wait();
-  EXPECT_EQ(inside, std::max(own, 10));
+  EXPECT_EQ(inside, std::min(std::max(own, 0) + 10, 19));
   EXPECT_EQ(::getpriority(PRIO_PROCESS, 0), own);
   int other = -100;
   std::thread([&] { other = ::getpriority(PRIO_PROCESS, 0); }).join();
   EXPECT_EQ(other, own);
+}
+
+TEST(BackgroundTask, IsNicerThanANiceProcessAndNeverLessNice) {
+  for (const int own : {0, 5, 12, 19}) {
+    test::ChildProcess process([own] {
+      if (::setpriority(PRIO_PROCESS, 0, std::max(own, ::getpriority(PRIO_PROCESS, 0))) != 0) return 100;
+      int inside = -100;
+      BackgroundTask::start([&inside] { inside = ::getpriority(PRIO_PROCESS, 0); }).wait();
+      return inside;
+    });
+    EXPECT_EQ(process.wait(), std::min(std::max(own, ::getpriority(PRIO_PROCESS, 0)) + 10, 19)) << own;
+  }
 }
 
 TEST(BackgroundTask, LetsSeveralThreadsWaitMoreThanOnce) {
@@ -162,6 +174,18 @@ TEST(SerialQueue, DrainsAtOnceWhenNothingWasGiven) {
   SerialQueue queue("empty");
   queue.drain();
   queue.drain();
+}
+
+TEST(SerialQueue, GivesUpDrainingAfterTheGivenTimeAndRunsTheRestAllTheSame) {
+  Gate gate;
+  bool ran = false;
+  SerialQueue queue("stuck");
+  queue.async([&] { gate.pass(); });
+  queue.async([&] { ran = true; });
+  EXPECT_FALSE(queue.drain(std::chrono::milliseconds(10)));
+  gate.open();
+  EXPECT_TRUE(queue.drain(std::chrono::hours(1)));
+  EXPECT_TRUE(ran);
 }
 
 TEST(SerialQueue, DrainsForSeveralThreads) {

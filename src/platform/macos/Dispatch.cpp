@@ -2,6 +2,8 @@
 
 #include <dispatch/dispatch.h>
 
+#include <future>
+
 namespace vornet::platform {
 namespace {
 
@@ -57,6 +59,13 @@ void SerialQueue::async(std::function<void()> task) {
 
 void SerialQueue::drain() {
   dispatch_sync_f(impl_->queue, nullptr, &doNothing);
+}
+
+bool SerialQueue::drain(std::chrono::milliseconds atMost) {
+  const auto reached = std::make_shared<std::promise<void>>();  // the queue's too: it may get there later
+  const auto result = reached->get_future();
+  async([reached] { reached->set_value(); });
+  return result.wait_for(atMost) == std::future_status::ready;
 }
 
 }  // namespace vornet::platform
