@@ -13,6 +13,9 @@
 namespace vornet {
 namespace {
 
+// A folder of half a million items has a reply of this size.
+constexpr std::size_t STATUSES_LIMIT = std::size_t{64} << 20;
+
 // How much of a reply is looked at to guess how many entries it has, and the fewest bytes that one is taken to have.
 constexpr std::size_t SAMPLE_BYTES = 4096;
 constexpr std::size_t MIN_ENTRY_BYTES = 16;
@@ -194,7 +197,8 @@ void RESTPollingManager::poll(const std::string& dir) {
 void RESTPollingManager::fetch(const std::string& dir) {
   const auto& root = requiredRootDir();
   const std::string key = getCloudPath(root, dir) + "/";
-  const auto reply = RESTClient::postAtPath("get_icons_for_folder", toJSON({{"dir_name", key}}));
+  const auto reply =
+      RESTClient::postAtPath("get_icons_for_folder", toJSON({{"dir_name", key}}), std::nullopt, STATUSES_LIMIT);
   if (!reply) return;
   auto statuses = statusesFromReply(key, *reply);
   if (!statuses) return;
