@@ -301,6 +301,32 @@ TEST(IntegersFromJSONTest, aLaterIntegerUnderTheSameKeyHoldsInPlaceOfAnotherValu
   EXPECT_EQ(integersIn("{\"a\":\"x\",\"b\":{\"c\":\"y\"},\"a\":1,\"b\":2}", refused), (Integers{{"a", 1}, {"b", 2}}));
 }
 
+TEST(IntegersFromJSONTest, theFirstMemberThatIsNoIntegerEndsTheCollecting) {
+  std::vector<std::string> seen;
+  const auto collect = [&](std::string_view key, std::int64_t) { seen.emplace_back(key); };
+  EXPECT_FALSE(integersFromJSON("{\"a\":1,\"b\":2,\"c\":\"x\",\"d\":3,\"e\":[4],\"f\":5}", collect));
+  EXPECT_THAT(seen, ::testing::ElementsAre("a", "b"));
+}
+
+TEST(IntegersFromJSONTest, integersUnderTheSameKeysLaterBringEveryMember) {
+  const auto document = [](int keys, std::size_t length) {
+    std::string others;
+    std::string integers;
+    for (int i = 0; i < keys; ++i) {
+      const std::string key = "\"" + std::to_string(1000 + i) + std::string(length - 4, 'k') + "\":";
+      others += key + "\"x\",";
+      integers += key + "7,";
+    }
+    return "{\"a\":1," + others + "\"b\":2," + integers + "\"a\":3}";
+  };
+  bool refused = true;
+  EXPECT_EQ(integersIn(document(1, 4), refused), (Integers{{"a", 3}, {"1000", 7}, {"b", 2}}));
+  EXPECT_TRUE(bothWaysAgree(document(64, 4096)));
+  EXPECT_EQ(integersIn(document(65, 4), refused), std::nullopt) << "the bound that the header names";
+  EXPECT_EQ(integersIn(document(1, 4097), refused), std::nullopt) << "the bound that the header names";
+  EXPECT_FALSE(refused);
+}
+
 TEST(IntegersFromJSONTest, anErrorAfterAnotherShapeIsStillAnError) {
   EXPECT_THROW(integersFromJSON("{\"a\":\"x\",\"b\":1", [](auto, auto) {}), JSONError);
   EXPECT_THROW(integersFromJSON("[1] x", [](auto, auto) {}), JSONError);

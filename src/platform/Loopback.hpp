@@ -14,7 +14,8 @@ namespace vornet::platform {
 bool isOwnLoopbackListener(std::uint16_t port);
 
 /// The same for a connection that is open, from the local port `localPort`: neither who listens now nor who took the
-/// connection may be another user's process. So a listener that was replaced while the connection was made is found out.
+/// connection may be another user's process. So a listener that was replaced while the connection was made is found
+/// out.
 bool isOwnLoopbackPeer(std::uint16_t port, std::uint16_t localPort);
 
 }  // namespace vornet::platform
