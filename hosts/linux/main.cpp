@@ -87,6 +87,7 @@ int main(int argc, char** argv) {
     return version ? 0 : 2;
   }
   std::signal(SIGPIPE, SIG_IGN);  // whoever reads standard output may go away
+  vornet::platform::host::keepLittleFreeMemory();
   vornet::platform::host::setMainBundle({.identifier = vornet::App().APP_CODENAME,
                                          .version = VORNET_VERSION,
                                          .build = VORNET_BUILD_NUMBER,

@@ -13,6 +13,8 @@ namespace vornet {
 namespace {
 
 constexpr std::size_t MAX_ITEMS = 15;
+// Far above any real reply's size. One like that leaves free memory behind that is worth giving back.
+constexpr std::size_t LARGE_REPLY = std::size_t{64} << 10;
 
 boost::json::array jsonArray(const std::vector<std::string>& texts) {
   boost::json::array array;
@@ -68,17 +70,22 @@ std::map<std::string, bool> Menu::menuEnabledDict(const std::vector<std::string>
   }
   VI_DEBUG("Requesting menu status for: " + printedForm(paths));
   std::optional<JSONValue> reply;
+  bool isLarge = false;
   try {
     const auto data = RESTClient::postAtPath("mac_populate_menu", toJSON({{"paths", jsonArray(paths)}}),
                                              RESTClient::Headers{{"Accept", "application/json"}});
     if (!data) return {};
     VI_DEBUG("Menu status: " + printedBytes(*data));
+    isLarge = data->size() > LARGE_REPLY;
     reply = fromJSON(*data);
   } catch (...) {
     VI_WARNING("Cannot populate context menu: " + describeCurrentError());
     return {};
   }
-  return booleansOrStop(*reply);
+  auto enabled = booleansOrStop(*reply);
+  reply.reset();
+  if (isLarge) platform::giveBackFreeMemory();
+  return enabled;
 }
 
 std::optional<std::string> Menu::selectContextMenu(std::string_view identifier,
