@@ -209,34 +209,38 @@ TEST_P(MemoryOfTheLink, IsThreeTimesAReplyAtMostAndComesBack) {
 
 TEST_F(SyncApplicationLink, MenusTakeLittleMemoryWhateverTheReply) {
   if (*VORNET_SANITIZED) GTEST_SKIP() << "a sanitizer has its own memory";
+  constexpr int MENUS = 4;  // as many as are asked for at the same time
   const auto entry = [](int i) { return "\"" + number(i) + "\":true"; };
-  const auto noEntry = [](int) { return std::string("[]"); };
   Application application(Application::Replies{});
   start();
-  const auto askFourTimes = [&] {
+  const auto askForMenus = [&] {
     int answered = 0;
-    for (int i = 0; i < 4; ++i) {
+    for (int i = 0; i < MENUS; ++i) {
       client->call("GetMenu", BusClient::urlArguments({url("x")}), [&](const BusReply&) { ++answered; });
     }
-    EXPECT_TRUE(client->waitUntil([&] { return answered == 4; }));
+    EXPECT_TRUE(client->waitUntil([&] { return answered == MENUS; }));
   };
-  askFourTimes();
+  askForMenus();
   const int process = client->extensionProcess();
   const auto before = memoryOf(process, "VmRSS");
-  for (const std::string& reply : {std::string(250 * MEBIBYTE, ' '), document(2 * MEBIBYTE, "{", "}", entry)}) {
+  const std::string replies[] = {
+      document(MEBIBYTE - 20, "{", "}", entry),
+      document(MEBIBYTE - 20, "{\"1\":[", "", [](int) { return std::string("[]"); }),
+      std::string(100 * MEBIBYTE, ' '),
+      document(4 * MEBIBYTE, "{", "}", entry),
+  };
+  for (const auto& reply : replies) {
     application.set("mac_populate_menu", reply);
-    askFourTimes();
-    std::printf("peak %.1f MiB\n", static_cast<double>(memoryOf(process, "VmHWM") - before) / MEBIBYTE);
-  }
-  for (const std::string& reply :
-       {document(MEBIBYTE - 20, "{", "}", entry), document(MEBIBYTE - 20, "[[", "]", noEntry)}) {
-    application.set("mac_populate_menu", reply);
-    askFourTimes();
-    std::printf("peak %.1f MiB\n", static_cast<double>(memoryOf(process, "VmHWM") - before) / MEBIBYTE);
+    askForMenus();
+    const auto peak = memoryOf(process, "VmHWM");
+    std::printf("%zu bytes: %.1f MiB at most\n", reply.size(), static_cast<double>(peak - before) / MEBIBYTE);
+    EXPECT_LE(peak - before, 3 * MENUS * MEBIBYTE) << "three times the largest replies that are taken";
   }
   application.set("mac_populate_menu", "{}");
-  askFourTimes();
+  askForMenus();
+  EXPECT_EQ(client->extensionProcess(), process);
   std::printf("then %zu KiB of %zu before\n", memoryOf(process, "VmRSS") >> 10, before >> 10);
+  EXPECT_LE(memoryOf(process, "VmRSS"), before + before / 10);
 }
 
 std::string nameOf(const testing::TestParamInfo<Shape>& shape) {

@@ -37,4 +37,7 @@ JSONValue fromJSON(std::string_view data);
 bool integersFromJSON(std::string_view data,
                       const std::function<void(std::string_view key, std::int64_t value)>& member);
 
+/// The same for an object of booleans.
+bool booleansFromJSON(std::string_view data, const std::function<void(std::string_view key, bool value)>& member);
+
 }  // namespace vornet

@@ -327,6 +327,26 @@ TEST(IntegersFromJSONTest, integersUnderTheSameKeysLaterBringEveryMember) {
   EXPECT_FALSE(refused);
 }
 
+TEST(BooleansFromJSONTest, passesOnTheMembersOfAnObjectOfBooleans) {
+  std::map<std::string, bool> members;
+  const auto store = [&](std::string_view key, bool value) { members[std::string(key)] = value; };
+  EXPECT_TRUE(booleansFromJSON("{\"1\":true,\"2\":false,\"\\u0033\":true,\"2\":true}", store));
+  EXPECT_EQ(members, (std::map<std::string, bool>{{"1", true}, {"2", true}, {"3", true}}));
+  EXPECT_TRUE(booleansFromJSON("{}", store));
+  EXPECT_TRUE(booleansFromJSON("{\"4\":1,\"4\":false}", store)) << "of equal keys the last one holds";
+  EXPECT_EQ(members.count("4"), 1U);
+}
+
+TEST(BooleansFromJSONTest, tellsAnotherShapeFromWhatIsNoJSON) {
+  for (const char* data : {"[]", "[true]", "{\"1\":1}", "{\"1\":null}", "{\"1\":\"true\"}", "{\"1\":[true]}",
+                           "{\"1\":{\"2\":true}}", "{\"1\":true,\"2\":0}", "{\"1\":true,\"1\":0}"}) {
+    EXPECT_FALSE(booleansFromJSON(data, [](auto, auto) {})) << data;
+  }
+  for (const char* data : {"", "true", "{\"1\":tru", "{\"1\":1", "{} {}"}) {
+    EXPECT_THROW(booleansFromJSON(data, [](auto, auto) {}), JSONError) << data;
+  }
+}
+
 TEST(IntegersFromJSONTest, anErrorAfterAnotherShapeIsStillAnError) {
   EXPECT_THROW(integersFromJSON("{\"a\":\"x\",\"b\":1", [](auto, auto) {}), JSONError);
   EXPECT_THROW(integersFromJSON("[1] x", [](auto, auto) {}), JSONError);

@@ -85,6 +85,22 @@ TEST(Menu, AnswersWithNothingWhenTheReplyIsNotJSON) {
   }
 }
 
+TEST(Menu, AReplyWithMoreEntriesThanAMenuCanHaveIsAFailure) {
+  const auto replyOf = [](int entries) {
+    std::string body = "{\"x\":false";
+    for (int i = 1; i < entries; ++i) body += ",\"" + std::to_string(i) + "\":true";
+    return WireReply{.body = body + "}"};
+  };
+  LoopbackServer server(always(replyOf(1000)));
+  const LogRecorder log;
+  EXPECT_THAT(Menu().menuEnabledDict({"/a"}), testing::SizeIs(1000));
+  EXPECT_THAT(log.messages(LogLevel::Warning), IsEmpty());
+  server.setAnswer(always(replyOf(1001)));
+  EXPECT_THAT(Menu().menuEnabledDict({"/a"}), IsEmpty());
+  EXPECT_THAT(log.messages(LogLevel::Warning),
+              ElementsAre("Cannot populate context menu: Error(\"too many entries\")"));
+}
+
 TEST(Menu, AnEmptyObjectEnablesNothing) {
   const LoopbackServer server(always({.body = "{}"}));
   EXPECT_THAT(Menu().menuEnabledDict({"/a"}), IsEmpty());
