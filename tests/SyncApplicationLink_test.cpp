@@ -1,18 +1,22 @@
 // The extension process and a sync application that misbehaves: replies of every size and shape, and a server that
 // belongs to another user.
 #include <arpa/inet.h>
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <filesystem>
 #include <fstream>
 #include <map>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "paths/JSON.hpp"
@@ -122,6 +126,108 @@ TEST_F(SyncApplicationLink, AKeyWithANulIsIgnoredAndTheOthersCount) {
   ASSERT_TRUE(client->waitForChange(url("x"), "SYNCED"));
   EXPECT_THAT(client->changes(), Not(testing::Contains(testing::Key(HasSubstr("%00")))));
 }
+
+// --- A server that is another user's --------------------------------------------------------------------------------
+
+/// A process of another user that listens where the sync application would, answers every request as that would, and
+/// counts the bytes that it was sent.
+class Stranger {
+ public:
+  Stranger() { listening_.pass(); }
+  ~Stranger() {
+    if (counts_[0] >= 0) ::close(counts_[0]);
+    if (counts_[1] >= 0) ::close(counts_[1]);
+  }
+  Stranger(const Stranger&) = delete;
+  Stranger& operator=(const Stranger&) = delete;
+
+  /// Ends it. How many bytes it was sent.
+  std::size_t bytes() {
+    process_.kill();
+    ::close(std::exchange(counts_[1], -1));
+    std::size_t total = 0;
+    for (std::size_t count = 0; ::read(counts_[0], &count, sizeof count) == sizeof count;) total += count;
+    return total;
+  }
+
+ private:
+  int work() {
+    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
+    const int on = 1;
+    ::setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    sockaddr_in name{};
+    name.sin_family = AF_INET;
+    name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    name.sin_port = htons(LoopbackServer::SYNC_APPLICATION_PORT);
+    if (::bind(listener, reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0) ::_exit(1);
+    ::listen(listener, 64);
+    listening_.open();
+    while (true) {
+      const int connection = ::accept(listener, nullptr, nullptr);
+      char buffer[4096];
+      const auto count = ::recv(connection, buffer, sizeof buffer, 0);
+      const auto bytes = count < 0 ? 0 : static_cast<std::size_t>(count);
+      if (::write(counts_[1], &bytes, sizeof bytes) != sizeof bytes) return 1;
+      const std::string reply = "HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\n[1]";  // which no menu may be
+      ::send(connection, reply.data(), reply.size(), MSG_NOSIGNAL);
+      ::close(connection);
+    }
+  }
+  static std::array<int, 2> makePipe() {
+    std::array<int, 2> ends{-1, -1};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+    return ends;
+  }
+
+  std::array<int, 2> counts_ = makePipe();
+  Gate listening_;
+  ChildProcess process_{[this] { return vornet::test::becomeUser(STRANGER) ? work() : 1; }};
+};
+
+class AnotherUsersServer : public SyncApplicationLink {
+ protected:
+  void SetUp() override {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root, to be another user for a while";
+  }
+};
+
+TEST_F(AnotherUsersServer, LearnsNothingAndIsNotBelieved) {
+  Stranger stranger;
+  start();
+  const int process = (client->property("Version"), client->extensionProcess());
+  ASSERT_TRUE(client->beginObserving(url("")));
+  ASSERT_TRUE(waitForLog("[Warning] [RESTPollingManager] poll: Skipping get_icons_for_fodler, ds not connected"));
+  std::vector<MenuEntry> entries;
+  ASSERT_TRUE(client->menu({url("x")}, entries));
+  EXPECT_THAT(entries, SizeIs(5));
+  EXPECT_THAT(entries, Each(testing::Field(&MenuEntry::enabled, false)));
+  ASSERT_TRUE(client->performAction("share:", {url("x")}));
+  EXPECT_THAT(logText(), HasSubstr("Unexpected error occured while fetching context menu: ResourceUnavailable\n"));
+  EXPECT_EQ(client->extensionProcess(), process) << "its menu stops nobody";
+  EXPECT_EQ(stranger.bytes(), 0u);
+  // The port is free: the sync application is found at once when it is there.
+  Application application(Application::Replies{{"mac_populate_menu", R"({"1":true})"}});
+  ASSERT_TRUE(client->menu({url("x")}, entries));
+  EXPECT_TRUE(entries.at(0).enabled);
+}
+
+TEST_F(AnotherUsersServer, IsNamedByTheStatusInTheTerminal) {
+  Stranger stranger;
+  start();
+  const auto status = [&](std::vector<std::string> options) {
+    const auto output = environment.folder().path() / "status.output";
+    std::vector<std::string> arguments{VORNET_VI, "status"};
+    arguments.insert(arguments.end(), options.begin(), options.end());
+    StartedProgram program(arguments, {"DBUS_SESSION_BUS_ADDRESS=" + bus->address()}, output);
+    EXPECT_EQ(program.wait(), 0);
+    return readFile(output);
+  };
+  EXPECT_THAT(status({}), HasSubstr("another user's process (of uid 65534) listens on 127.0.0.1:8806"));
+  EXPECT_THAT(status({"--json"}), HasSubstr(R"("outcome":"another user","uid":65534)"));
+  EXPECT_EQ(stranger.bytes(), 0u);
+}
+
+// --- Memory ---------------------------------------------------------------------------------------------------------
 
 /// What the kernel says of a process's memory, in bytes.
 std::size_t memoryOf(int process, const std::string& figure) {

@@ -74,7 +74,7 @@ TEST_F(AServerReplacedByAStrangers, IsSentNothing) {
   Gate free;
   Gate listening;
   ChildProcess stranger([&] {
-    if (::setuid(STRANGER) != 0) return 101;
+    if (!test::becomeUser(STRANGER)) return 101;
     free.pass();
     return listenAsStranger(listening);
   });

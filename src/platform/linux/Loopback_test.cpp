@@ -135,7 +135,7 @@ class LoopbackOfTwoUsers : public testing::Test {
 
   /// Runs `test` as an ordinary user.
   static void asUser(uid_t user, const std::function<bool()>& test) {
-    ChildProcess child([&] { return ::setuid(user) == 0 && test() ? 0 : 1; });
+    ChildProcess child([&] { return test::becomeUser(user) && test() ? 0 : 1; });
     EXPECT_EQ(child.wait(), 0);
   }
 };
@@ -145,7 +145,7 @@ TEST_F(LoopbackOfTwoUsers, AStrangersListenerIsNotOwn) {
     const auto port = freePort();
     Gate listening;
     ChildProcess stranger([&] {
-      if (::setuid(STRANGER) != 0) return 1;
+      if (!test::becomeUser(STRANGER)) return 1;
       const Socket listener(address, port);
       if (!listener.listen()) return 1;
       listening.open();
@@ -171,7 +171,7 @@ TEST_F(LoopbackOfTwoUsers, AStrangersListenerOnAnAddressThatTakesNoConnectionHid
   const auto port = freePort();
   Gate listening;
   ChildProcess stranger([&] {
-    if (::setuid(STRANGER) != 0) return 1;
+    if (!test::becomeUser(STRANGER)) return 1;
     const Socket other("127.0.0.2", port);
     const Socket onlyIPv6("::", port, true);
     if (!other.listen() || !onlyIPv6.listen()) return 1;
@@ -191,7 +191,7 @@ TEST_F(LoopbackOfTwoUsers, AConnectionThatAStrangerTookIsNotOwnAlthoughTheListen
   Gate listening;
   Gate accepted;
   ChildProcess stranger([&] {
-    if (::setuid(STRANGER) != 0) return 1;
+    if (!test::becomeUser(STRANGER)) return 1;
     int connection = -1;
     {
       const Socket listener("127.0.0.1", port);
@@ -219,7 +219,7 @@ TEST_F(LoopbackOfTwoUsers, AConnectionThatNobodyHasAcceptedIsJudgedByItsListener
   const auto port = freePort();
   Gate listening;
   ChildProcess stranger([&] {
-    if (::setuid(STRANGER) != 0) return 1;
+    if (!test::becomeUser(STRANGER)) return 1;
     const Socket listener("127.0.0.1", port);
     if (!listener.listen()) return 1;
     listening.open();
