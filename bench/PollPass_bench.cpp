@@ -122,6 +122,8 @@ CURL* newHandle() {
   curl_easy_setopt(handle, CURLOPT_HTTPHEADER, contentType());
   curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(handle, CURLOPT_PROXY, "");
+  curl_easy_setopt(handle, CURLOPT_FRESH_CONNECT, 1L);  // as ours: a connection of its own for each request
+  curl_easy_setopt(handle, CURLOPT_FORBID_REUSE, 1L);
   curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &append);
   return handle;
 }

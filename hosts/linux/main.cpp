@@ -127,6 +127,7 @@ int main(int argc, char** argv) {
   }
   std::signal(SIGPIPE, SIG_IGN);  // whoever reads standard output may go away
   std::signal(SIGXFSZ, SIG_IGN);  // a log that may not grow is no reason to end
+  vornet::platform::host::keepLittleFreeMemory();
   vornet::platform::host::setMainBundle({.identifier = vornet::App().APP_CODENAME,
                                          .version = VORNET_VERSION,
                                          .build = VORNET_BUILD_NUMBER,

@@ -104,6 +104,25 @@ TEST_F(LRUCacheThreadsTest, everyOperationMayRunBesideEveryOther) {
   EXPECT_EQ(nodes, cache.curSize());
 }
 
+TEST_F(LRUCacheThreadsTest, aFilledFolderIsReadWhileItIsReplaced) {
+  constexpr int ROUNDS = 2000;
+  LRUCache cache(2);
+  cache.enterNewDir("/a/");
+  cache.update("/a/", {{"/a/x", 0}});
+  std::atomic<int> wrong = 0;
+  inParallel(4, [&](std::size_t number) {
+    for (int i = 0; i < ROUNDS; ++i) {
+      if (number == 0) {
+        cache.update("/a/", {{"/a/x", i % 3}, {"/a/" + std::to_string(i), 1}});
+      } else {
+        const auto status = cache.statusForPath("/a/x");
+        wrong += !status || *status < 0 || *status > 2;
+      }
+    }
+  });
+  EXPECT_EQ(wrong, 0);
+}
+
 TEST_F(LRUCacheThreadsTest, ofThreadsThatEnterOneFolderAtOnceNoneMakesASecondNode) {
   LRUCache cache(10);
   std::atomic<int> toFetch = 0;

@@ -5,6 +5,7 @@
 #include <cmath>
 #include <limits>
 #include <set>
+#include <utility>
 
 #include "platform/Foundation.hpp"
 
@@ -14,6 +15,10 @@ namespace {
 namespace json = boost::json;
 
 constexpr std::size_t MAX_DEPTH = 512;
+
+// What is remembered of members of another kind, in case that the right ones follow under the same keys.
+constexpr std::size_t MAX_OTHERS = 64;
+constexpr std::size_t MAX_OTHER_KEY_BYTES = 4096;
 
 json::parse_options parseOptions() {
   json::parse_options options;
@@ -46,18 +51,26 @@ void requireSerialisable(const JSONValue& value) {
   }
 }
 
-/// Receives a parse and passes on the members of a top-level object of integers.
-class IntegerMembers {
+using Member = std::function<void(std::string_view key, std::int64_t value)>;
+
+enum class Kind { integer, boolean };
+
+/// Receives a parse and passes on the members of a top-level object of values of one kind; booleans as 0 and 1.
+class Members {
  public:
   static constexpr std::size_t max_object_size = std::numeric_limits<std::size_t>::max();
   static constexpr std::size_t max_array_size = std::numeric_limits<std::size_t>::max();
   static constexpr std::size_t max_key_size = std::numeric_limits<std::size_t>::max();
   static constexpr std::size_t max_string_size = std::numeric_limits<std::size_t>::max();
 
-  explicit IntegerMembers(const std::function<void(std::string_view, std::int64_t)>& member) : member_(member) {}
+  /// `pastMismatches`: whether members are still passed on after one of another kind.
+  Members(std::string_view document, Kind kind, const Member& member, bool pastMismatches)
+      : document_(document), kind_(kind), member_(member), pastMismatches_(pastMismatches) {}
 
   bool isContainer() const { return container_; }
-  bool isObjectOfIntegers() const { return object_ && others_.empty(); }
+  bool isObjectOfKind() const { return object_ && !tooManyOthers_ && others_.empty(); }
+  /// Whether it met a member of another kind.
+  bool mismatched() const { return mismatched_; }
 
   bool on_document_begin(json::error_code&) { return true; }
   bool on_document_end(json::error_code&) { return true; }
@@ -70,26 +83,22 @@ class IntegerMembers {
     return true;
   }
   bool on_key(json::string_view rest, std::size_t, json::error_code&) {
-    if (!partialKey_.empty()) {
-      key_ = std::move(partialKey_.append(rest.data(), rest.size()));
-      partialKey_.clear();
-    } else {
-      key_.assign(rest.data(), rest.size());
+    if (partialKey_.empty() && isOfDocument(rest.data())) {  // without escapes: nothing need be copied
+      key_ = {rest.data(), rest.size()};
+      return true;
     }
+    copiedKey_ = std::move(partialKey_.append(rest.data(), rest.size()));
+    partialKey_.clear();
+    key_ = copiedKey_;
     return true;
   }
   bool on_string_part(json::string_view, std::size_t, json::error_code&) { return true; }
   bool on_string(json::string_view, std::size_t, json::error_code&) { return mismatch(); }
   bool on_number_part(json::string_view, json::error_code&) { return true; }
-  bool on_int64(std::int64_t value, json::string_view, json::error_code&) {
-    if (!object_ || depth_ != 1) return true;
-    if (!others_.empty()) others_.erase(key_);
-    member_(key_, value);
-    return true;
-  }
+  bool on_int64(std::int64_t value, json::string_view, json::error_code&) { return scalar(Kind::integer, value); }
   bool on_uint64(std::uint64_t, json::string_view, json::error_code&) { return mismatch(); }
   bool on_double(double, json::string_view, json::error_code&) { return mismatch(); }
-  bool on_bool(bool, json::error_code&) { return mismatch(); }
+  bool on_bool(bool value, json::error_code&) { return scalar(Kind::boolean, value); }
   bool on_null(json::error_code&) { return mismatch(); }
   bool on_comment_part(json::string_view, json::error_code&) { return true; }
   bool on_comment(json::string_view, json::error_code&) { return true; }
@@ -109,22 +118,59 @@ class IntegerMembers {
     --depth_;
     return true;
   }
+  bool isOfDocument(const char* text) const {
+    return std::less_equal<>()(document_.data(), text) && std::less<>()(text, document_.data() + document_.size());
+  }
+  bool scalar(Kind kind, std::int64_t value) {
+    if (kind != kind_) return mismatch();
+    if (!object_ || depth_ != 1) return true;
+    if (const auto other = others_.find(key_); other != others_.end()) others_.erase(other);
+    if (!mismatched_ || pastMismatches_) member_(key_, value);
+    return true;
+  }
   bool mismatch() {
-    if (object_ && depth_ == 1) others_.insert(key_);
+    if (!object_ || depth_ != 1 || tooManyOthers_) return true;
+    mismatched_ = true;
+    tooManyOthers_ = key_.size() > MAX_OTHER_KEY_BYTES;
+    if (!tooManyOthers_) others_.emplace(key_);
+    tooManyOthers_ = tooManyOthers_ || others_.size() > MAX_OTHERS;
     return true;
   }
 
-  const std::function<void(std::string_view, std::int64_t)>& member_;
-  std::string key_;
+  const std::string_view document_;
+  const Kind kind_;
+  const Member& member_;
+  const bool pastMismatches_;
+  std::string_view key_;  // of the member being read
+  std::string copiedKey_;
   std::string partialKey_;
   std::size_t depth_ = 0;
   bool container_ = false;
   bool object_ = false;
-  std::set<std::string> others_;  // the top-level keys under which something else than an integer stood last
+  bool mismatched_ = false;
+  bool tooManyOthers_ = false;
+  std::set<std::string, std::less<>> others_;  // the top-level keys under which a value of another kind stood last
 };
 
 [[noreturn]] void throwTopLevelScalar() {
   throw JSONError("the top level is neither an object nor an array");
+}
+
+/// Reads `data`; whether it is an object of members of `kind`, and whether one of another kind was met.
+std::pair<bool, bool> parseMembers(std::string_view data, Kind kind, const Member& member, bool pastMismatches) {
+  json::basic_parser<Members> parser(parseOptions(), data, kind, member, pastMismatches);
+  json::error_code error;
+  const std::size_t read = parser.write_some(false, data.data(), data.size(), error);
+  if (!error && read < data.size()) error = json::error::extra_data;
+  if (error) throw JSONError(error.message());
+  if (!parser.handler().isContainer()) throwTopLevelScalar();
+  return {parser.handler().isObjectOfKind(), parser.handler().mismatched()};
+}
+
+bool membersFromJSON(std::string_view data, Kind kind, const Member& member) {
+  const auto [isOfKind, mismatched] = parseMembers(data, kind, member, false);
+  if (isOfKind && mismatched) parseMembers(data, kind, member, true);
+  return isOfKind;
 }
 
 }  // namespace
@@ -143,13 +189,12 @@ JSONValue fromJSON(std::string_view data) {
 }
 
 bool integersFromJSON(std::string_view data, const std::function<void(std::string_view, std::int64_t)>& member) {
-  json::basic_parser<IntegerMembers> parser(parseOptions(), member);
-  json::error_code error;
-  const std::size_t read = parser.write_some(false, data.data(), data.size(), error);
-  if (!error && read < data.size()) error = json::error::extra_data;
-  if (error) throw JSONError(error.message());
-  if (!parser.handler().isContainer()) throwTopLevelScalar();
-  return parser.handler().isObjectOfIntegers();
+  return membersFromJSON(data, Kind::integer, member);
+}
+
+bool booleansFromJSON(std::string_view data, const std::function<void(std::string_view, bool)>& member) {
+  return membersFromJSON(data, Kind::boolean,
+                         [&member](std::string_view key, std::int64_t value) { member(key, value != 0); });
 }
 
 }  // namespace vornet

@@ -28,10 +28,16 @@ std::string toJSON(const JSONValue& object);
 /// nesting deeper than 512.
 JSONValue fromJSON(std::string_view data);
 
-/// Reads a document exactly as fromJSON does, when an object of integers is expected, without building it: calls
-/// `member` for each key (valid during the call only) in document order. Throws JSONError where fromJSON does. False
-/// when the document has another shape; some members may have been seen by then.
+/// Reads a document as fromJSON does, when an object of integers is expected, without building it: calls `member` for
+/// each key (valid during the call only) in document order, of equal keys the last one holds. Throws JSONError where
+/// fromJSON does. False when the document has another shape: no member is passed on after the first that is no integer,
+/// though the rest is still read for errors. Where integers follow under the same keys after all, every member is
+/// passed on once more, from the first; that is not looked for under more than 64 keys, or longer ones than 4,096
+/// bytes. Needs no memory that grows with the document.
 bool integersFromJSON(std::string_view data,
                       const std::function<void(std::string_view key, std::int64_t value)>& member);
+
+/// The same for an object of booleans.
+bool booleansFromJSON(std::string_view data, const std::function<void(std::string_view key, bool value)>& member);
 
 }  // namespace vornet

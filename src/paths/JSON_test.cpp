@@ -301,6 +301,52 @@ TEST(IntegersFromJSONTest, aLaterIntegerUnderTheSameKeyHoldsInPlaceOfAnotherValu
   EXPECT_EQ(integersIn("{\"a\":\"x\",\"b\":{\"c\":\"y\"},\"a\":1,\"b\":2}", refused), (Integers{{"a", 1}, {"b", 2}}));
 }
 
+TEST(IntegersFromJSONTest, theFirstMemberThatIsNoIntegerEndsTheCollecting) {
+  std::vector<std::string> seen;
+  const auto collect = [&](std::string_view key, std::int64_t) { seen.emplace_back(key); };
+  EXPECT_FALSE(integersFromJSON("{\"a\":1,\"b\":2,\"c\":\"x\",\"d\":3,\"e\":[4],\"f\":5}", collect));
+  EXPECT_THAT(seen, ::testing::ElementsAre("a", "b"));
+}
+
+TEST(IntegersFromJSONTest, integersUnderTheSameKeysLaterBringEveryMember) {
+  const auto document = [](int keys, std::size_t length) {
+    std::string others;
+    std::string integers;
+    for (int i = 0; i < keys; ++i) {
+      const std::string key = "\"" + std::to_string(1000 + i) + std::string(length - 4, 'k') + "\":";
+      others += key + "\"x\",";
+      integers += key + "7,";
+    }
+    return "{\"a\":1," + others + "\"b\":2," + integers + "\"a\":3}";
+  };
+  bool refused = true;
+  EXPECT_EQ(integersIn(document(1, 4), refused), (Integers{{"a", 3}, {"1000", 7}, {"b", 2}}));
+  EXPECT_TRUE(bothWaysAgree(document(64, 4096)));
+  EXPECT_EQ(integersIn(document(65, 4), refused), std::nullopt) << "the bound that the header names";
+  EXPECT_EQ(integersIn(document(1, 4097), refused), std::nullopt) << "the bound that the header names";
+  EXPECT_FALSE(refused);
+}
+
+TEST(BooleansFromJSONTest, passesOnTheMembersOfAnObjectOfBooleans) {
+  std::map<std::string, bool> members;
+  const auto store = [&](std::string_view key, bool value) { members[std::string(key)] = value; };
+  EXPECT_TRUE(booleansFromJSON("{\"1\":true,\"2\":false,\"\\u0033\":true,\"2\":true}", store));
+  EXPECT_EQ(members, (std::map<std::string, bool>{{"1", true}, {"2", true}, {"3", true}}));
+  EXPECT_TRUE(booleansFromJSON("{}", store));
+  EXPECT_TRUE(booleansFromJSON("{\"4\":1,\"4\":false}", store)) << "of equal keys the last one holds";
+  EXPECT_EQ(members.count("4"), 1U);
+}
+
+TEST(BooleansFromJSONTest, tellsAnotherShapeFromWhatIsNoJSON) {
+  for (const char* data : {"[]", "[true]", "{\"1\":1}", "{\"1\":null}", "{\"1\":\"true\"}", "{\"1\":[true]}",
+                           "{\"1\":{\"2\":true}}", "{\"1\":true,\"2\":0}", "{\"1\":true,\"1\":0}"}) {
+    EXPECT_FALSE(booleansFromJSON(data, [](auto, auto) {})) << data;
+  }
+  for (const char* data : {"", "true", "{\"1\":tru", "{\"1\":1", "{} {}"}) {
+    EXPECT_THROW(booleansFromJSON(data, [](auto, auto) {}), JSONError) << data;
+  }
+}
+
 TEST(IntegersFromJSONTest, anErrorAfterAnotherShapeIsStillAnError) {
   EXPECT_THROW(integersFromJSON("{\"a\":\"x\",\"b\":1", [](auto, auto) {}), JSONError);
   EXPECT_THROW(integersFromJSON("[1] x", [](auto, auto) {}), JSONError);

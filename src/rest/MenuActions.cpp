@@ -13,24 +13,14 @@ namespace vornet {
 namespace {
 
 constexpr std::size_t MAX_ITEMS = 15;
+// A menu has five; what has many more is none.
+constexpr std::size_t MAX_ENTRIES = 1000;
 
 boost::json::array jsonArray(const std::vector<std::string>& texts) {
   boost::json::array array;
   array.reserve(texts.size());
   for (const auto& text : texts) array.emplace_back(text);
   return array;
-}
-
-std::map<std::string, bool> booleansOrStop(const JSONValue& reply) {
-  const auto* object = reply.if_object();
-  if (!object) platform::fatalError("the menu's reply is not an object");
-  std::map<std::string, bool> map;
-  for (const auto& member : *object) {
-    const bool* value = member.value().if_bool();
-    if (!value) platform::fatalError("the menu's reply holds a value that is not a boolean");
-    map.insert_or_assign(std::string(member.key()), *value);
-  }
-  return map;
 }
 
 }  // namespace
@@ -67,18 +57,25 @@ std::map<std::string, bool> Menu::menuEnabledDict(const std::vector<std::string>
     return {};
   }
   VI_DEBUG("Requesting menu status for: " + printedForm(paths));
-  std::optional<JSONValue> reply;
+  std::map<std::string, bool> enabled;
+  bool ofBooleans = false;
   try {
     const auto data = RESTClient::postAtPath("mac_populate_menu", toJSON({{"paths", jsonArray(paths)}}),
                                              RESTClient::Headers{{"Accept", "application/json"}});
     if (!data) return {};
     VI_DEBUG("Menu status: " + printedBytes(*data));
-    reply = fromJSON(*data);
+    bool tooMany = false;
+    ofBooleans = booleansFromJSON(*data, [&](std::string_view action, bool value) {
+      tooMany = tooMany || enabled.size() == MAX_ENTRIES;
+      if (!tooMany) enabled.insert_or_assign(std::string(action), value);
+    });
+    if (ofBooleans && tooMany) throw JSONError("too many entries");
   } catch (...) {
     VI_WARNING("Cannot populate context menu: " + describeCurrentError());
     return {};
   }
-  return booleansOrStop(*reply);
+  if (!ofBooleans) platform::fatalError("the menu's reply is not an object of booleans");
+  return enabled;
 }
 
 std::optional<std::string> Menu::selectContextMenu(std::string_view identifier,

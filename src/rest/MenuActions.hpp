@@ -27,8 +27,9 @@ class Menu {
   void shareAsLink(const std::vector<std::string>& paths) const;   ///< MENU_SHARE_AS_LINK
   void copyLink(const std::vector<std::string>& paths) const;      ///< MENU_COPY_LINK
 
-  /// Which actions are enabled for `paths`, by their identifiers; empty on a failure, and without a request for none or
-  /// more than 15 paths. A reply that is not an object of booleans stops the process.
+  /// Which actions are enabled for `paths`, by their identifiers; empty on a failure, for a reply of more than 1,000
+  /// entries, and without a request for none or more than 15 paths. A reply that is not an object of booleans stops the
+  /// process.
   std::map<std::string, bool> menuEnabledDict(const std::vector<std::string>& paths) const;
 
  private:

@@ -2,6 +2,9 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
+#include <thread>
+
 #include "paths/JSON.hpp"
 #include "support/LogRecorder.hpp"
 #include "support/LoopbackServer.hpp"
@@ -85,6 +88,22 @@ TEST(Menu, AnswersWithNothingWhenTheReplyIsNotJSON) {
   }
 }
 
+TEST(Menu, AReplyWithMoreEntriesThanAMenuCanHaveIsAFailure) {
+  const auto replyOf = [](int entries) {
+    std::string body = "{\"x\":false";
+    for (int i = 1; i < entries; ++i) body += ",\"" + std::to_string(i) + "\":true";
+    return WireReply{.body = body + "}"};
+  };
+  LoopbackServer server(always(replyOf(1000)));
+  const LogRecorder log;
+  EXPECT_THAT(Menu().menuEnabledDict({"/a"}), testing::SizeIs(1000));
+  EXPECT_THAT(log.messages(LogLevel::Warning), IsEmpty());
+  server.setAnswer(always(replyOf(1001)));
+  EXPECT_THAT(Menu().menuEnabledDict({"/a"}), IsEmpty());
+  EXPECT_THAT(log.messages(LogLevel::Warning),
+              ElementsAre("Cannot populate context menu: Error(\"too many entries\")"));
+}
+
 TEST(Menu, AnEmptyObjectEnablesNothing) {
   const LoopbackServer server(always({.body = "{}"}));
   EXPECT_THAT(Menu().menuEnabledDict({"/a"}), IsEmpty());
@@ -155,6 +174,26 @@ TEST(Menu, AnActionWithoutSyncApplicationIsLogged) {
   Menu().viewNotes({"/a"});
   EXPECT_THAT(log.messages(LogLevel::Warning),
               ElementsAre("Unexpected error occured while fetching context menu: ResourceUnavailable"));
+}
+
+TEST(Menu, TheSyncedFolderMayBeSetAndReadAtTheSameTime) {
+  Menu menu;
+  const std::string names[] = {"/" + std::string(100, 'a'), "/" + std::string(200, 'b')};
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (std::size_t thread = 0; thread < 4; ++thread) {
+    threads.emplace_back([&, thread] {
+      for (std::size_t i = 0; i < 2000; ++i) {
+        if (thread < 2) {
+          menu.setRootDir(platform::FileURL::fileURLWithPath(names[(thread + i) % 2]));
+        } else if (const auto root = menu.rootDir()) {
+          wrong += root->path() != names[0] && root->path() != names[1];
+        }
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(wrong, 0);
 }
 
 TEST(Menu, TheSyncedFolderIsAbsentUntilItIsSet) {

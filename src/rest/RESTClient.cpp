@@ -2,26 +2,29 @@
 
 #include <curl/curl.h>
 
-#include <algorithm>
 #include <exception>
 #include <memory>
 #include <mutex>
+#include <new>
 
 #include "extension/AppConst.hpp"
 #include "platform/Foundation.hpp"
+#include "platform/Loopback.hpp"
 
 namespace vornet {
 namespace {
 
 constexpr long TIMEOUT_MS = 3000;
-// Far above any folder's reply; keeps a sender without end from filling the memory within the time-out.
-constexpr std::size_t MAX_REPLY_BYTES = std::size_t{256} << 20;
+// Far above any real reply's; interim replies and trailers count as well.
+constexpr std::size_t MAX_HEADER_BYTES = std::size_t{256} << 10;
 
 struct CurlDeleter {
   void operator()(CURL* handle) const { curl_easy_cleanup(handle); }
   void operator()(curl_slist* list) const { curl_slist_free_all(list); }
   void operator()(CURLU* url) const { curl_url_cleanup(url); }
+  void operator()(char* text) const { curl_free(text); }
 };
+using CurlText = std::unique_ptr<char, CurlDeleter>;
 using CurlList = std::unique_ptr<curl_slist, CurlDeleter>;
 
 void initialiseCurl() {
@@ -29,7 +32,7 @@ void initialiseCurl() {
   std::call_once(once, [] { curl_global_init(CURL_GLOBAL_NOTHING); });
 }
 
-/// The calling thread's handle: it keeps its connection from one request to the next.
+/// The calling thread's handle.
 CURL* handleOfThread() {
   initialiseCurl();
   thread_local const std::unique_ptr<CURL, CurlDeleter> handle(curl_easy_init());
@@ -44,29 +47,77 @@ void add(CurlList& list, const std::string& line) {
   list.reset(longer);
 }
 
+/// What has come of a reply.
 struct Reply {
   CURL* handle;
-  std::string body;
+  std::size_t limit;
+  std::string body{};
+  std::size_t bodyBytes = 0;
+  std::size_t headerBytes = 0;
+  bool headersEnded = false;  // those of the final reply
 };
 
-/// Makes room for the whole reply when its length is announced, up to what any real one has.
+long statusOf(CURL* handle) {
+  long status = 0;
+  curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
+  return status;
+}
+
+/// Whether another reply follows that of `status`. 101 would leave HTTP, so nothing of it follows.
+bool isInterim(long status) {
+  return status >= 100 && status < 200 && status != 101;
+}
+
+/// Takes a line of the headers, or of the trailers after the body.
+std::size_t takeHeader(char* line, std::size_t size, std::size_t count, void* into) {
+  auto& reply = *static_cast<Reply*>(into);
+  reply.headerBytes += size * count;
+  if (reply.headerBytes > MAX_HEADER_BYTES) return 0;  // a short count makes the library give up
+  const bool isEmpty = size * count > 0 && (*line == '\r' || *line == '\n');
+  if (isEmpty && !isInterim(statusOf(reply.handle))) reply.headersEnded = true;
+  return size * count;
+}
+
+/// Makes room for the whole reply when its length is announced; the library has compared it with the limit.
 void makeRoom(Reply& reply) {
-  constexpr curl_off_t ENOUGH = 4 << 20;
   curl_off_t length = 0;
   curl_easy_getinfo(reply.handle, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
-  if (length > 0) reply.body.reserve(static_cast<std::size_t>(std::min(length, ENOUGH)));
+  if (length > 0) reply.body.reserve(static_cast<std::size_t>(length));
 }
 
 std::size_t collect(char* data, std::size_t size, std::size_t count, void* into) {
   auto& reply = *static_cast<Reply*>(into);
-  if (reply.body.size() + size * count > MAX_REPLY_BYTES) return 0;
+  const bool isFirst = reply.bodyBytes == 0;
+  reply.bodyBytes += size * count;
+  if (reply.bodyBytes > reply.limit) return 0;
+  if (const long status = statusOf(reply.handle); status != 0 && status != HTTPStatusCode.OK) return size * count;
   try {
-    if (reply.body.empty()) makeRoom(reply);
+    if (isFirst) makeRoom(reply);
     reply.body.append(data, size * count);
   } catch (const std::exception&) {
-    return 0;  // no exception may cross the library's C frames; a short count makes it give up
+    return 0;  // no exception may cross the library's C frames
   }
   return size * count;
+}
+
+#if LIBCURL_VERSION_NUM >= 0x075000  // 7.80
+/// Called once the connection is made, before the request goes out.
+int checkPeer(void*, char*, char*, int port, int localPort) {
+  return platform::isOwnLoopbackPeer(static_cast<std::uint16_t>(port), static_cast<std::uint16_t>(localPort))
+             ? CURL_PREREQFUNC_OK
+             : CURL_PREREQFUNC_ABORT;
+}
+#endif
+
+/// Sees to it that only a server of the user's own hears of the request.
+void checkServer(CURL* handle, std::uint16_t port) {
+  if (!platform::isOwnLoopbackListener(port)) throw HTTPError::ResourceUnavailable();
+#if LIBCURL_VERSION_NUM >= 0x075000
+  // A library older than its headers does not know this option; the check above must do there.
+  curl_easy_setopt(handle, CURLOPT_PREREQFUNCTION, &checkPeer);
+#else
+  (void)handle;
+#endif
 }
 
 CurlList headerLines(const std::optional<RESTClient::Headers>& headers) {
@@ -80,6 +131,13 @@ CurlList headerLines(const std::optional<RESTClient::Headers>& headers) {
     for (const auto& [name, value] : *headers) add(lines, value.empty() ? name + ";" : name + ": " + value);
   }
   return lines;
+}
+
+std::string partOf(CURLU* url, CURLUPart part) {
+  char* text = nullptr;
+  if (curl_url_get(url, part, &text, CURLU_DEFAULT_PORT) != CURLUE_OK) return {};
+  const CurlText owned(text);
+  return text;
 }
 
 }  // namespace
@@ -104,22 +162,28 @@ std::optional<RequestURL> RequestURL::parse(const std::string& text) {
   initialiseCurl();
   const std::unique_ptr<CURLU, CurlDeleter> url(curl_url());
   if (!url || curl_url_set(url.get(), CURLUPART_URL, text.c_str(), 0) != CURLUE_OK) return std::nullopt;
-  return RequestURL(text);
+  RequestURL parsed(text);
+  const std::string port = partOf(url.get(), CURLUPART_PORT);
+  if (partOf(url.get(), CURLUPART_HOST) == "127.0.0.1" && !port.empty()) {
+    parsed.loopbackPort_ = static_cast<std::uint16_t>(std::stoul(port));
+  }
+  return parsed;
 }
 
 std::optional<std::string> RESTClient::postAtPath(std::string_view path, const std::optional<std::string>& postData,
-                                                  const std::optional<Headers>& headers) {
+                                                  const std::optional<Headers>& headers, std::size_t replyLimit) {
   const auto url = RequestURL::parse(App().PLC_REST_HOST + "/" + std::string(path));
   if (!url) platform::fatalError("a malformed address of the sync application");
-  return postAtURL(*url, postData, headers);
+  return postAtURL(*url, postData, headers, replyLimit);
 }
 
 std::optional<std::string> RESTClient::postAtURL(const RequestURL& url, const std::optional<std::string>& postData,
-                                                 const std::optional<Headers>& headers) {
+                                                 const std::optional<Headers>& headers, std::size_t replyLimit) {
   CURL* const handle = handleOfThread();
   if (!handle) throw HTTPError::ResourceUnavailable();
   const CurlList lines = headerLines(headers);
-  Reply reply{handle, {}};
+  Reply reply{handle, replyLimit};
+  if (const auto port = url.loopbackPort()) checkServer(handle, *port);
 
   curl_easy_setopt(handle, CURLOPT_URL, url.text().c_str());
   curl_easy_setopt(handle, CURLOPT_PATH_AS_IS, 1L);
@@ -128,17 +192,24 @@ std::optional<std::string> RESTClient::postAtURL(const RequestURL& url, const st
   curl_easy_setopt(handle, CURLOPT_POSTFIELDS, postData ? postData->data() : "");
   curl_easy_setopt(handle, CURLOPT_HTTPHEADER, lines.get());
   curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  // On a connection that was kept the library repeats a request by itself, with a time-out of its own; and a kept
+  // connection shuts others out of a server that serves one at a time.
+  curl_easy_setopt(handle, CURLOPT_FRESH_CONNECT, 1L);
+  curl_easy_setopt(handle, CURLOPT_FORBID_REUSE, 1L);
   curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, TIMEOUT_MS);
+  curl_easy_setopt(handle, CURLOPT_MAXFILESIZE_LARGE, static_cast<curl_off_t>(replyLimit));
   curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(handle, CURLOPT_PROXY, "");
   curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 0L);
+  curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, &takeHeader);
+  curl_easy_setopt(handle, CURLOPT_HEADERDATA, &reply);
   curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &collect);
   curl_easy_setopt(handle, CURLOPT_WRITEDATA, &reply);
   if (curl_easy_perform(handle) != CURLE_OK) throw HTTPError::ResourceUnavailable();
 
-  long status = 0;
-  curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
+  const long status = statusOf(handle);
   if (status == 0) return std::nullopt;  // answered, but not by HTTP
+  if (!reply.headersEnded) throw HTTPError::ResourceUnavailable();
   if (status != HTTPStatusCode.OK) throw HTTPError::Non200Error(status);
   return std::move(reply.body);
 }

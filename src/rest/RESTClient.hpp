@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -20,7 +21,7 @@ class HTTPError {
  public:
   /// The server answered with a status other than 200.
   static HTTPError Non200Error(std::int64_t code) { return HTTPError(code); }
-  /// No answer could be had: refused, timed out, or broken off.
+  /// No answer could be had: refused, timed out, broken off, too long, or another user's.
   static HTTPError ResourceUnavailable() { return HTTPError(std::nullopt); }
 
   /// The status of a Non200Error; none for ResourceUnavailable.
@@ -47,26 +48,39 @@ class RequestURL {
   static std::optional<RequestURL> parse(const std::string& text);
   const std::string& text() const noexcept { return text_; }
 
+  /// The port, where the host is 127.0.0.1.
+  std::optional<std::uint16_t> loopbackPort() const noexcept { return loopbackPort_; }
+
  private:
   explicit RequestURL(std::string text) : text_(std::move(text)) {}
   std::string text_;
+  std::optional<std::uint16_t> loopbackPort_;
 };
 
-/// The transport to the sync application: one synchronous POST an exchange. Without state; any thread; blocks its
-/// caller for at most 3 seconds. Proxies in the environment are ignored, redirects are not followed. Logs nothing.
+/// The transport to the sync application: one synchronous POST an exchange, on a connection of its own. A request is
+/// never sent twice. Without state; any thread; blocks its caller for at most 3 seconds, whatever the server does.
+/// Proxies in the environment are ignored, redirects are not followed. Logs nothing.
 class RESTClient {
  public:
   using Headers = std::map<std::string, std::string>;
 
+  /// The largest body of a reply, in bytes, unless a caller allows for more.
+  static constexpr std::size_t REPLY_LIMIT = std::size_t{1} << 20;
+
   /// Posts to the sync application: base address + "/" + `path`, nothing escaped. See postAtURL.
   static std::optional<std::string> postAtPath(std::string_view path, const std::optional<std::string>& postData,
-                                               const std::optional<Headers>& headers = std::nullopt);
+                                               const std::optional<Headers>& headers = std::nullopt,
+                                               std::size_t replyLimit = REPLY_LIMIT);
 
   /// Posts `postData` (no body when absent) with the header "Content-Type: application/json" and each of `headers`
   /// added. Returns the reply's body on status 200, possibly empty; none when the reply is not an HTTP one. Throws
-  /// HTTPError for any other status (its body is discarded), for a transport failure and after 3 seconds in all.
+  /// HTTPError::Non200Error for any other status, once the whole reply is there (its body is discarded), and
+  /// ResourceUnavailable for a transport failure, after 3 seconds in all, for a reply that ends within its headers, for
+  /// one whose body is longer than `replyLimit` bytes, and, with nothing sent, when the host is 127.0.0.1 and another
+  /// user's process listens there.
   static std::optional<std::string> postAtURL(const RequestURL& url, const std::optional<std::string>& postData,
-                                              const std::optional<Headers>& headers = std::nullopt);
+                                              const std::optional<Headers>& headers = std::nullopt,
+                                              std::size_t replyLimit = REPLY_LIMIT);
 };
 
 }  // namespace vornet

@@ -4,7 +4,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <future>
 #include <optional>
+#include <thread>
 
 #include "extension/AppConst.hpp"
 #include "support/Environment.hpp"
@@ -173,6 +175,143 @@ TEST(RESTClient, WaitsLessThanTwiceAsLongForAStalledServerAsForADrippingOne) {
   EXPECT_LT(stalled, 2 * dripped);
 }
 
+TEST(RESTClient, GivesUpOnAServerThatDripsABody) {
+  expectGivesUp(Manner::dripBody);
+}
+TEST(RESTClient, FailsWhenTheConnectionIsResetWithoutAnAnswer) {
+  expectGivesUp(Manner::reset);
+}
+
+// --- A connection of its own for each request -----------------------------------------------------------------------
+
+TEST(RESTClient, EachRequestHasAConnectionOfItsOwn) {
+  const LoopbackServer server(always({.body = "{}"}));
+  for (int i = 0; i < 3; ++i) RESTClient::postAtPath("command", "{}");
+  EXPECT_EQ(server.connections(), 3u);
+}
+
+TEST(RESTClient, NeverSendsARequestTwice) {
+  for (const auto manner : {Manner::close, Manner::reset, Manner::resetMidBody}) {
+    LoopbackServer server(always({.body = "{}"}));
+    ASSERT_EQ(RESTClient::postAtPath("command", "{}"), "{}");  // a connection that could be kept
+    server.setAnswer(always({.body = "{}", .manner = manner}));
+    EXPECT_EQ(errorOfPost(), HTTPError::ResourceUnavailable());
+    EXPECT_EQ(server.requests().size(), 2u) << static_cast<int>(manner);
+  }
+}
+
+TEST(RESTClient, AServerThatClosesAfterALongSilenceDoesNotProlongTheExchange) {
+  LoopbackServer server(always({.body = "{}"}));
+  ASSERT_EQ(RESTClient::postAtPath("command", "{}"), "{}");
+  server.setAnswer([](const WireRequest& request) {
+    if (request.body == "silent") return WireReply{.manner = Manner::stall};
+    return WireReply{.manner = Manner::close, .silence = std::chrono::milliseconds(2790)};
+  });
+  const auto timed = [](const std::string& body) {
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(errorOf([&] { RESTClient::postAtPath("command", body); }), HTTPError::ResourceUnavailable());
+    return std::chrono::steady_clock::now() - before;
+  };
+  auto silent = std::async(std::launch::async, timed, "silent");  // the limit itself, measured under the same load
+  const auto closed = timed("closing");
+  EXPECT_LT(closed, silent.get() + std::chrono::milliseconds(500));
+}
+
+TEST(RESTClient, AServerThatServesOneConnectionAtATimeAnswersEveryThread) {
+  const LoopbackServer server([](const WireRequest& request) { return WireReply{.body = request.body}; },
+                              LoopbackServer::SYNC_APPLICATION_PORT, LoopbackServer::Serving::oneByOne);
+  ASSERT_EQ(RESTClient::postAtPath("echo", "first"), "first");  // by a thread that lives on
+  EXPECT_EQ(std::async(std::launch::async, [] { return RESTClient::postAtPath("echo", "second"); }).get(), "second");
+  EXPECT_EQ(RESTClient::postAtPath("echo", "third"), "third");
+}
+
+// --- What counts as a reply -----------------------------------------------------------------------------------------
+
+TEST(RESTClient, AReplyCutWithinItsHeadersIsNone) {
+  for (const std::string status : {"200 OK", "404 Not Found", "500 Internal Server Error", "204 No Content"}) {
+    const std::string head = "HTTP/1.1 " + status + "\r\nContent-Length: 0\r\nContent-Type: application/json\r\n";
+    for (const std::size_t length : {head.find('\r'), head.find("Content-L"), head.find("Content-T"), head.size()}) {
+      const LoopbackServer server(always({.raw = head.substr(0, length)}));
+      EXPECT_EQ(errorOfPost(), HTTPError::ResourceUnavailable()) << head.substr(0, length);
+    }
+    const LoopbackServer server(always({.raw = head + "\r\n"}));
+    if (status == "200 OK") {
+      EXPECT_EQ(RESTClient::postAtPath("command", "{}"), "");
+    } else {
+      EXPECT_EQ(errorOfPost(), HTTPError::Non200Error(std::stoi(status))) << status;
+    }
+  }
+}
+
+TEST(RESTClient, AnInterimReplyAloneIsNone) {
+  const std::string interim = "HTTP/1.1 100 Continue\r\nX-Name: value\r\n\r\n";
+  for (const std::string rest : {"", "HTTP/1.1 103 Early Hints\r\n\r\n", "HTTP/1.1 200 OK\r\n",
+                                 "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n"}) {
+    const LoopbackServer server(always({.raw = interim + rest}));
+    EXPECT_EQ(errorOfPost(), HTTPError::ResourceUnavailable()) << rest;
+  }
+  const LoopbackServer server(always({.raw = interim + interim + "HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}"}));
+  EXPECT_EQ(RESTClient::postAtPath("command", "{}"), "{}");
+}
+
+TEST(RESTClient, TrailersOfAChunkedBodyAreNoHeaders) {
+  const std::string head = "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\nTrailer: X-Sum\r\n\r\n2\r\n{}\r\n0\r\n";
+  for (const std::string trailers : {"\r\n", "X-Sum: 1\r\n\r\n", "HTTP/1.1 100: 1\r\n\r\n"}) {
+    const LoopbackServer server(always({.raw = head + trailers}));
+    EXPECT_EQ(RESTClient::postAtPath("command", "{}"), "{}") << trailers;
+  }
+}
+
+TEST(RESTClient, ABodyThatEndsWithTheConnectionIsWhole) {
+  for (const std::string head : {"HTTP/1.0 200 OK\r\n\r\n", "HTTP/1.1 200\nConnection: close\n\n"}) {
+    const LoopbackServer server(always({.raw = head + "{}"}));
+    EXPECT_EQ(RESTClient::postAtPath("command", "{}"), "{}") << head;
+  }
+}
+
+TEST(RESTClient, AReplyAboveTheLimitIsNone) {
+  constexpr std::size_t LIMIT = 100'000;
+  const auto post = [] { return RESTClient::postAtPath("command", "{}", std::nullopt, LIMIT); };
+  const std::string whole(LIMIT, ' ');
+  const std::string unannounced = "HTTP/1.1 200 OK\r\n\r\n";
+  LoopbackServer server(always({.body = whole}));
+  EXPECT_EQ(post(), whole);
+  server.setAnswer(always({.raw = unannounced + whole}));
+  EXPECT_EQ(post(), whole);
+  for (const WireReply& reply : {WireReply{.body = whole + " "}, WireReply{.raw = unannounced + whole + " "},
+                                 WireReply{.status = 404, .body = whole + " "}}) {
+    server.setAnswer(always(reply));
+    EXPECT_EQ(errorOf(post), HTTPError::ResourceUnavailable());
+  }
+  server.setAnswer(always({.status = 404, .body = whole}));
+  EXPECT_EQ(errorOf(post), HTTPError::Non200Error(404));
+}
+
+TEST(RESTClient, ARequestTakesOneMebibyteUnlessToldOtherwise) {
+  LoopbackServer server(always({.body = std::string(1 << 20, ' ')}));
+  EXPECT_EQ(RESTClient::postAtPath("command", "{}")->size(), std::size_t{1} << 20);
+  server.setAnswer(always({.body = std::string((1 << 20) + 1, ' ')}));
+  EXPECT_EQ(errorOfPost(), HTTPError::ResourceUnavailable());
+}
+
+TEST(RESTClient, AnAnnouncedLengthAboveTheLimitIsRefusedAtOnce) {
+  const LoopbackServer server([](const WireRequest& request) {
+    const std::string length = request.body == "above" ? "1048577" : "1048576";
+    return WireReply{.manner = Manner::stall, .raw = "HTTP/1.1 200 OK\r\nContent-Length: " + length + "\r\n\r\n"};
+  });
+  auto within = std::async(std::launch::async, [] { RESTClient::postAtPath("command", "within"); });
+  EXPECT_EQ(errorOf([] { RESTClient::postAtPath("command", "above"); }), HTTPError::ResourceUnavailable());
+  EXPECT_EQ(within.wait_for(std::chrono::seconds(0)), std::future_status::timeout) << "it waits for its 3 seconds";
+  EXPECT_EQ(errorOf([&] { within.get(); }), HTTPError::ResourceUnavailable());
+}
+
+TEST(RESTClient, HeadersWithoutEndAreNoReply) {
+  std::string head = "HTTP/1.1 200 OK\r\n";
+  for (int i = 0; i < 20'000; ++i) head += "X-Name-" + std::to_string(i) + ": value\r\n";
+  const LoopbackServer server(always({.raw = head + "Content-Length: 2\r\n\r\n{}"}));
+  EXPECT_EQ(errorOfPost(), HTTPError::ResourceUnavailable());
+}
+
 TEST(RESTClient, FailsOnAnAnswerThatIsNotHTTP) {
   const LoopbackServer server(always({.raw = "garbage\r\n\r\n"}));
   EXPECT_EQ(errorOfPost(), HTTPError::ResourceUnavailable());
@@ -232,6 +371,14 @@ TEST(RequestURL, RefusesWhatIsNoAbsoluteURL) {
   EXPECT_FALSE(RequestURL::parse(""));
   EXPECT_FALSE(RequestURL::parse("no scheme"));
   EXPECT_TRUE(RequestURL::parse(App().PLC_REST_HOST));
+}
+
+TEST(RequestURL, KnowsThePortOfAServerOnTheLoopbackInterface) {
+  EXPECT_EQ(RequestURL::parse(App().PLC_REST_HOST + "/x")->loopbackPort(), 8806);
+  EXPECT_EQ(RequestURL::parse("http://127.0.0.1")->loopbackPort(), 80);
+  EXPECT_EQ(RequestURL::parse("http://127.0.0.2:8806")->loopbackPort(), std::nullopt);
+  EXPECT_EQ(RequestURL::parse("file:///127.0.0.1")->loopbackPort(), std::nullopt);
+  EXPECT_EQ(RequestURL::parse("file://127.0.0.1/x")->loopbackPort(), std::nullopt);
 }
 
 }  // namespace

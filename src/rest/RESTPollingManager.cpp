@@ -13,9 +13,19 @@
 namespace vornet {
 namespace {
 
+// A folder of half a million items has a reply of this size.
+constexpr std::size_t STATUSES_LIMIT = std::size_t{64} << 20;
+// Of ten thousand items. Larger ones leave free memory behind that is worth giving back.
+constexpr std::size_t LARGE_REPLY = std::size_t{1} << 20;
+
 // How much of a reply is looked at to guess how many entries it has, and the fewest bytes that one is taken to have.
 constexpr std::size_t SAMPLE_BYTES = 4096;
-constexpr std::size_t MIN_ENTRY_BYTES = 16;
+constexpr std::size_t MIN_ENTRY_BYTES = 8;
+
+/// Whether `path` can be an item's: a NUL is in no file's name, and in no URL.
+bool isNameable(std::string_view path) {
+  return path.find('\0') == std::string_view::npos;
+}
 
 /// About how many entries `reply` has: as many to the byte as its beginning.
 std::size_t expectedEntries(std::string_view reply) {
@@ -25,12 +35,15 @@ std::size_t expectedEntries(std::string_view reply) {
 }
 
 /// The statuses in a reply for the folder `key`; none when it is JSON of another shape. Throws JSONError.
-std::optional<StatusTable> statusesFromReply(const std::string& key, const std::string& reply) {
+std::optional<StatusTable> statusesFromReply(const std::string& key, std::string reply) {
   StatusTable table(key);
   const std::size_t entries = expectedEntries(reply);
-  table.reserve(entries, reply.size() - std::min(reply.size(), entries * key.size()));
-  const bool ofIntegers =
-      integersFromJSON(reply, [&](std::string_view path, StatusCode code) { table.set(path, code); });
+  // Names are kept without their folder, where the reply's first name begins with it.
+  const bool inFolder = reply.find('"' + key) < SAMPLE_BYTES;
+  table.reserve(entries, reply.size() - (inFolder ? std::min(reply.size(), entries * key.size()) : 0));
+  const bool ofIntegers = integersFromJSON(reply, [&](std::string_view path, StatusCode code) {
+    if (isNameable(path)) table.set(path, code);
+  });
   if (!ofIntegers) return std::nullopt;
   return table;
 }
@@ -163,6 +176,9 @@ void RESTPollingManager::work() {
       if (!running_) break;
       poll(dir);
     }
+    // In every pass from then on: what a large reply took is freed whenever its folder gets another or leaves the
+    // cache.
+    if (hadLargeReply_) platform::giveBackFreeMemory();
   }
 }
 
@@ -202,9 +218,11 @@ void RESTPollingManager::poll(const std::string& dir) {
 void RESTPollingManager::fetch(const std::string& dir) {
   const auto& root = requiredRootDir();
   const std::string key = getCloudPath(root, dir) + "/";
-  const auto reply = RESTClient::postAtPath("get_icons_for_folder", toJSON({{"dir_name", key}}));
+  auto reply =
+      RESTClient::postAtPath("get_icons_for_folder", toJSON({{"dir_name", key}}), std::nullopt, STATUSES_LIMIT);
   if (!reply) return;
-  auto statuses = statusesFromReply(key, *reply);
+  if (reply->size() > LARGE_REPLY) hadLargeReply_ = true;
+  auto statuses = statusesFromReply(key, *std::move(reply));  // which is gone before they are compared
   if (!statuses) return;
   bool firstFill = false;
   const auto changes = dirCache_.update(key, *std::move(statuses), &firstFill);

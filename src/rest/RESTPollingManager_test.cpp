@@ -529,6 +529,61 @@ TEST_F(RESTPollingManagerTest, StartingIsLoggedAndStoppingEndsTheWorkerFromItsWa
   EXPECT_FALSE(manager->running());
 }
 
+TEST_F(RESTPollingManagerTest, StoppedInARequestTheWorkerPollsNoFurtherFolder) {
+  const auto arrived = std::make_shared<std::promise<void>>();
+  std::promise<void> release;
+  serve([this, arrived, released = release.get_future().share()](const WireRequest&) {
+    if (++pass == 1) {
+      arrived->set_value();
+      released.wait();
+    }
+    return WireReply{.body = "{}"};
+  });
+  makeConfigured(SHORT);
+  for (const char* dir : {"/R/a", "/R/b", "/R/c"}) manager->dirEnter(dir);
+  manager->start_listener();
+  ASSERT_EQ(arrived->get_future().wait_for(PATIENCE), std::future_status::ready);
+  auto stopped = std::async(std::launch::async, [this] { manager->stop_listener(); });
+  while (manager->running()) std::this_thread::yield();
+  EXPECT_EQ(stopped.wait_for(0s), std::future_status::timeout) << "it waits for the request to end";
+  release.set_value();
+  ASSERT_EQ(stopped.wait_for(PATIENCE), std::future_status::ready);
+  EXPECT_EQ(server->requests().size(), 1u);
+}
+
+TEST_F(RESTPollingManagerTest, AReplyOfHalfAMillionItemsIsTaken) {
+  std::string body = "{";
+  for (int i = 0; i < 500'000; ++i) body += "\"/a/An item with a name of some length " + std::to_string(i) + "\":2,";
+  body += "\"/a/x\":1}";
+  ASSERT_GT(body.size(), std::size_t{20} << 20);
+  serve(body);
+  makeConfigured(NEVER);
+  manager->start_listener();
+  manager->dirEnter("/R/a");
+  ASSERT_TRUE(log.waitFor(LogLevel::Debug, "Updated: [:]"));
+  EXPECT_EQ(manager->badgeFromCache(url("/R/a/x")), 1);
+}
+
+TEST_F(RESTPollingManagerTest, AReplyAbove64MebibytesIsNone) {
+  status = 1;
+  serve([this](const WireRequest&) {
+    const std::string length = std::to_string((std::int64_t{64} << 20) + status);
+    return WireReply{.manner = WireReply::Manner::stall,
+                     .raw = "HTTP/1.1 200 OK\r\nContent-Length: " + length + "\r\n\r\n"};
+  });
+  makeConfigured(SHORT);
+  manager->start_listener();
+  manager->dirEnter("/R/a");
+  ASSERT_TRUE(log.waitFor(LogLevel::Warning, "Skipping get_icons_for_fodler, ds not connected", 2));
+  // One of the largest size is waited for: nothing more is heard of it for 3 seconds.
+  status = 0;
+  const auto refused = server->requests().size();
+  ASSERT_TRUE(server->waitForRequests(refused + 2));
+  const auto before = std::chrono::steady_clock::now();
+  ASSERT_TRUE(server->waitForRequests(refused + 3));
+  EXPECT_GT(std::chrono::steady_clock::now() - before, 1s);
+}
+
 TEST_F(RESTPollingManagerTest, AWorkerCanBeStartedAgain) {
   serve("{}");
   makeConfigured(NEVER);

@@ -81,4 +81,9 @@ class ChildProcess {
   int status_ = 0;
 };
 
+/// For the work of a child process: goes on as the user `user`, for which it needs root's rights.
+inline bool becomeUser(uid_t user) {
+  return ::setuid(user) == 0 && ::prctl(PR_SET_PDEATHSIG, SIGKILL) == 0;  // which a change of the user takes back
+}
+
 }  // namespace vornet::test

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <stdexcept>
 #include <string_view>
+#include <utility>
 
 namespace vornet::test {
 namespace {
@@ -18,6 +19,11 @@ using Manner = WireReply::Manner;
 
 constexpr std::chrono::seconds PATIENCE{30};
 constexpr std::chrono::milliseconds DRIP{100};
+
+void resetWhenClosed(int connection) {
+  const linger hard{1, 0};
+  ::setsockopt(connection, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+}
 
 bool sameName(std::string_view a, std::string_view b) {
   return std::equal(a.begin(), a.end(), b.begin(), b.end(),
@@ -56,7 +62,8 @@ std::vector<std::string> WireRequest::header(const std::string& name) const {
   return values;
 }
 
-LoopbackServer::LoopbackServer(Answer answer, int port) : answer_(std::move(answer)) {
+LoopbackServer::LoopbackServer(Answer answer, int port, Serving serving)
+    : serving_(serving), answer_(std::move(answer)) {
   listener_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   const int reuse = 1;
   ::setsockopt(listener_, SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
@@ -83,7 +90,7 @@ LoopbackServer::~LoopbackServer() {
     for (const int connection : connections_) ::shutdown(connection, SHUT_RDWR);
   }
   acceptor_.join();
-  for (auto& server : servers_) server.join();
+  for (auto& server : servers_) server.thread.join();
   ::close(listener_);
 }
 
@@ -94,6 +101,11 @@ std::string LoopbackServer::url(const std::string& target) const {
 std::vector<WireRequest> LoopbackServer::requests() const {
   const std::lock_guard guard(lock_);
   return requests_;
+}
+
+std::size_t LoopbackServer::connections() const {
+  const std::lock_guard guard(lock_);
+  return taken_;
 }
 
 bool LoopbackServer::waitForRequests(std::size_t count) const {
@@ -109,19 +121,42 @@ void LoopbackServer::setAnswer(Answer answer) {
 void LoopbackServer::acceptConnections() {
   while (true) {
     const int connection = ::accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC);
-    const std::lock_guard guard(lock_);
-    if (connection < 0 || stopping_) {
-      if (connection >= 0) ::close(connection);
-      return;
+    {
+      const std::lock_guard guard(lock_);
+      if (connection < 0 || stopping_) {
+        if (connection >= 0) ::close(connection);
+        return;
+      }
+      ++taken_;
+      connections_.push_back(connection);
+      joinEnded();
+      if (serving_ == Serving::together) {
+        auto& server = servers_.emplace_back();
+        server.thread = std::thread([this, connection, &server] {
+          serveAndClose(connection);
+          const std::lock_guard ending(lock_);
+          server.ended = true;
+        });
+        continue;
+      }
     }
-    connections_.push_back(connection);
-    servers_.emplace_back([this, connection] {
-      serve(connection);
-      const std::lock_guard closing(lock_);
-      std::erase(connections_, connection);
-      ::close(connection);
-    });
+    serveAndClose(connection);
   }
+}
+
+void LoopbackServer::serveAndClose(int connection) {
+  serve(connection);
+  const std::lock_guard guard(lock_);
+  std::erase(connections_, connection);
+  ::close(connection);
+}
+
+/// With the lock held.
+void LoopbackServer::joinEnded() {
+  std::erase_if(servers_, [](ConnectionThread& server) {
+    if (server.ended) server.thread.join();
+    return server.ended;
+  });
 }
 
 void LoopbackServer::serve(int connection) {
@@ -156,8 +191,12 @@ void LoopbackServer::serve(int connection) {
       changed_.notify_all();
     }
     const WireReply reply = answer(request);
+    if (reply.silence.count() > 0) {
+      std::unique_lock guard(lock_);
+      if (changed_.wait_for(guard, reply.silence, [this] { return stopping_; })) return;
+    }
     if (!reply.raw.empty()) {
-      send(connection, reply.raw);
+      if (send(connection, reply.raw) && reply.manner == Manner::stall) waitUntilStopped();
       return;
     }
     sendReply(connection, reply);
@@ -181,7 +220,7 @@ void LoopbackServer::waitUntilStopped() {
 
 void LoopbackServer::sendReply(int connection, const WireReply& reply) {
   std::string head = "HTTP/1.1 " + std::to_string(reply.status) + " Status\r\nContent-Length: ";
-  const bool drips = reply.manner == Manner::drip;
+  const bool drips = reply.manner == Manner::drip || reply.manner == Manner::dripBody;
   head += std::to_string(drips ? 1'000'000 : reply.body.size()) + "\r\n";
   for (const auto& [name, value] : reply.headers) head += name + ": " + value + "\r\n";
   head += "\r\n";
@@ -193,7 +232,9 @@ void LoopbackServer::sendReply(int connection, const WireReply& reply) {
     case Manner::stall:
       waitUntilStopped();
       break;
-    case Manner::drip: {
+    case Manner::drip:
+    case Manner::dripBody: {
+      if (reply.manner == Manner::dripBody) send(connection, std::exchange(head, {}));
       std::unique_lock guard(lock_);
       for (const char c : head + std::string(1'000'000, ' ')) {
         if (changed_.wait_for(guard, DRIP, [this] { return stopping_; })) return;
@@ -208,12 +249,13 @@ void LoopbackServer::sendReply(int connection, const WireReply& reply) {
       send(connection, head + half);
       waitUntilStopped();
       break;
-    case Manner::resetMidBody: {
+    case Manner::resetMidBody:
       send(connection, head + half);
-      const linger hard{1, 0};
-      ::setsockopt(connection, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+      resetWhenClosed(connection);
       break;
-    }
+    case Manner::reset:
+      resetWhenClosed(connection);
+      break;
     case Manner::close:
       break;
   }

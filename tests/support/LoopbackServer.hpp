@@ -1,8 +1,9 @@
 #pragma once
 
-#include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <functional>
+#include <list>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -27,16 +28,19 @@ struct WireReply {
   enum class Manner {
     whole,         ///< send it and keep the connection
     stall,         ///< send nothing, for ever
-    drip,          ///< send it byte by byte, slowly, for ever
+    drip,          ///< send it byte by byte, slowly, for ever: no end of the headers is ever reached in time
+    dripBody,      ///< send the headers, then the body like that
     stallMidBody,  ///< announce the body, send half of it, then nothing
     resetMidBody,  ///< announce the body, send half of it, then reset the connection
     close,         ///< close the connection without a byte
+    reset,         ///< reset it without a byte
   };
   int status = 200;
   std::string body{};
   std::vector<std::pair<std::string, std::string>> headers{};
   Manner manner = Manner::whole;
-  std::string raw{};  ///< sent as it is instead of all the above, then the connection is closed
+  std::string raw{};  ///< sent as it is instead of all the above; then the connection is closed, or kept on `stall`
+  std::chrono::milliseconds silence{0};  ///< how long nothing at all happens first
 };
 
 /// A server of a test's own on 127.0.0.1, written at the level of bytes so that it can misbehave. Requests may be read
@@ -47,9 +51,12 @@ class LoopbackServer {
 
   static constexpr int SYNC_APPLICATION_PORT = 8806;
 
+  /// Whether connections are served at the same time, or each only when the one before has ended.
+  enum class Serving { together, oneByOne };
+
   /// Listens on `port` (0: any free one) and answers each request with `answer`, called on threads of the server's.
   /// Throws std::runtime_error when the port is taken.
-  explicit LoopbackServer(Answer answer, int port = SYNC_APPLICATION_PORT);
+  explicit LoopbackServer(Answer answer, int port = SYNC_APPLICATION_PORT, Serving serving = Serving::together);
   ~LoopbackServer();
   LoopbackServer(const LoopbackServer&) = delete;
   LoopbackServer& operator=(const LoopbackServer&) = delete;
@@ -59,6 +66,9 @@ class LoopbackServer {
 
   std::vector<WireRequest> requests() const;
 
+  /// How many connections have been taken.
+  std::size_t connections() const;
+
   /// Waits until at least `count` requests have come; false after half a minute without.
   bool waitForRequests(std::size_t count) const;
 
@@ -66,12 +76,20 @@ class LoopbackServer {
   void setAnswer(Answer answer);
 
  private:
+  struct ConnectionThread {
+    std::thread thread;
+    bool ended = false;
+  };
+
   void acceptConnections();
+  void serveAndClose(int connection);
+  void joinEnded();
   void serve(int connection);
   bool send(int connection, const std::string& bytes);
   void sendReply(int connection, const WireReply& reply);
   void waitUntilStopped();
 
+  const Serving serving_;
   int listener_ = -1;
   int port_ = 0;
   mutable std::mutex lock_;
@@ -79,8 +97,9 @@ class LoopbackServer {
   bool stopping_ = false;
   Answer answer_;
   std::vector<WireRequest> requests_;
-  std::vector<int> connections_;
-  std::vector<std::thread> servers_;
+  std::size_t taken_ = 0;
+  std::vector<int> connections_;  // the open ones
+  std::list<ConnectionThread> servers_;
   std::thread acceptor_;
 };
 

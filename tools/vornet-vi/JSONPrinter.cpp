@@ -131,6 +131,10 @@ class JSONPrinter final : public Printer {
         object["outcome"] = "failed";
         object["problem"] = text(state.problem);
         break;
+      case SyncApplicationState::Outcome::anotherUser:
+        object["outcome"] = "another user";
+        object["uid"] = state.user;
+        break;
     }
     object["http_status"] = state.httpStatus == 0 ? json::value(nullptr) : json::value(state.httpStatus);
     object["milliseconds"] = state.milliseconds;

@@ -205,6 +205,14 @@ TEST_F(PrinterTest, statusTellsARefusalFromATimeOut) {
   EXPECT_NE(written().find("timed out after 3000 ms"), std::string::npos);
 }
 
+TEST_F(PrinterTest, statusSaysThatAnotherUsersProcessListens) {
+  Status status;
+  status.syncApplication.outcome = SyncApplicationState::Outcome::anotherUser;
+  status.syncApplication.user = 65534;
+  plain()->status(status);
+  EXPECT_NE(written().find("another user's process (of uid 65534) listens on 127.0.0.1:8806"), std::string::npos);
+}
+
 TEST(OutputTest, tellsABrokenPipeFromAFailure) {
   std::signal(SIGPIPE, SIG_IGN);
   int ends[2];

@@ -1,8 +1,15 @@
 #include "SyncApplication.hpp"
 
+#include <arpa/inet.h>
 #include <curl/curl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <unistd.h>
 
+#include <array>
+#include <cstdio>
 #include <memory>
+#include <utility>
 
 namespace vornet::vi {
 namespace {
@@ -18,14 +25,68 @@ struct ListCleanup {
   void operator()(curl_slist* list) const { curl_slist_free_all(list); }
 };
 
+struct FileCleanup {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+
+/// As the tables of sockets write it: in words of eight digits, each in the machine's own order of bytes.
+std::string tableWord(std::uint32_t word) {
+  std::array<char, 9> text{};
+  std::snprintf(text.data(), text.size(), "%08X", htonl(word));
+  return text.data();
+}
+
+/// The user of the socket that listens on `address`, in the tables' form, and `port`.
+std::optional<uid_t> userInTable(const char* table, const std::string& address, std::uint16_t port) {
+  const std::unique_ptr<std::FILE, FileCleanup> file{std::fopen(table, "re")};
+  std::array<char, 512> line{};
+  while (file && std::fgets(line.data(), line.size(), file.get()) != nullptr) {
+    std::array<char, 33> local{};
+    unsigned localPort = 0;
+    unsigned state = 0;
+    unsigned user = 0;
+    if (std::sscanf(line.data(), "%*u: %32[0-9A-F]:%x %*[0-9A-F]:%*x %x %*x:%*x %*x:%*x %*x %u", local.data(),
+                    &localPort, &state, &user) == 4 &&
+        address == local.data() && localPort == port && state == TCP_LISTEN) {
+      return user;
+    }
+  }
+  return std::nullopt;
+}
+
 std::size_t dropBody(char*, std::size_t size, std::size_t count, void*) {
   return size * count;
 }
 
 }  // namespace
 
+std::optional<uid_t> listeningUser(std::uint16_t port) {
+  const std::string none = tableWord(0);
+  const std::string mapped = none + none + tableWord(0xFFFF);
+  // In the order in which the system prefers them.
+  for (const auto& [table, address] : {
+           std::pair{"/proc/net/tcp", tableWord(INADDR_LOOPBACK)},
+           std::pair{"/proc/net/tcp6", mapped + tableWord(INADDR_LOOPBACK)},
+           std::pair{"/proc/net/tcp", none},
+           std::pair{"/proc/net/tcp6", mapped + none},
+           std::pair{"/proc/net/tcp6", none + none + none + none},
+       }) {
+    if (const auto user = userInTable(table, address, port)) {
+      return user;
+    }
+  }
+  return std::nullopt;
+}
+
 SyncApplicationState askSyncApplication(const std::string& address) {
   SyncApplicationState state;
+  const auto port = static_cast<std::uint16_t>(std::stoul(address.substr(address.rfind(':') + 1)));
+  const uid_t listening = listeningUser(port).value_or(geteuid());
+  if (listening != 0 && listening != geteuid()) {
+    state.outcome = SyncApplicationState::Outcome::anotherUser;
+    state.user = listening;
+    return state;
+  }
   const std::unique_ptr<CURL, EasyCleanup> handle{curl_easy_init()};
   const std::unique_ptr<curl_slist, ListCleanup> headers{curl_slist_append(nullptr, "Content-Type: application/json")};
   if (!handle || !headers) {

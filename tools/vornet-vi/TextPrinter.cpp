@@ -62,6 +62,10 @@ Cell TextPrinter::syncApplicationCell(const SyncApplicationState& state) const {
       return {"not running (" + address + " refuses the connection)", Tint::bad};
     case SyncApplicationState::Outcome::timedOut:
       return {"does not answer on " + address + " (timed out after " + rounded(state.milliseconds) + ")", Tint::bad};
+    case SyncApplicationState::Outcome::anotherUser:
+      return {"another user's process (of uid " + std::to_string(state.user) + ") listens on " + address +
+                  ": the extension sends it nothing",
+              Tint::bad};
     case SyncApplicationState::Outcome::failed:
       break;
   }

@@ -19,6 +19,10 @@ struct Bundle {
 void setMainBundle(Bundle bundle);
 const Bundle& mainBundle();
 
+/// Has the allocator give memory back that one large reply or call needed, rather than keep it for the next. Before
+/// other threads run.
+void keepLittleFreeMemory();
+
 /// This process counts no longer as a running one of its application, though it has yet to end: another may take its
 /// place. Any thread.
 void retireFromRunningApplications();

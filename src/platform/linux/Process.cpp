@@ -1,3 +1,4 @@
+#include <malloc.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -7,6 +8,7 @@
 #include <filesystem>
 
 #include "platform/Foundation.hpp"
+#include "platform/linux/Host.hpp"
 
 namespace vornet::platform {
 
@@ -19,6 +21,17 @@ void systemLog(std::string_view message) {
   ::syslog(LOG_USER | LOG_NOTICE, "%.*s", length, message.data());
   std::fprintf(stderr, "%s[%d]: %.*s\n", program_invocation_short_name, static_cast<int>(::getpid()), length,
                message.data());
+}
+
+void giveBackFreeMemory() {
+  ::malloc_trim(0);
+}
+
+void host::keepLittleFreeMemory() {
+  // By itself it takes the largest block that was ever freed for the measure of both.
+  constexpr int LIMIT = 1 << 20;
+  ::mallopt(M_MMAP_THRESHOLD, LIMIT);
+  ::mallopt(M_TRIM_THRESHOLD, LIMIT);
 }
 
 std::string processName() {

@@ -11,6 +11,7 @@ vornet_test(vornet_platform_test
     platform/linux/FinderSync_test.cpp
     platform/linux/GroupContainer_test.cpp
     platform/linux/Images_test.cpp
+    platform/linux/Loopback_test.cpp
     platform/linux/Process_test.cpp
     platform/linux/PropertyList_test.cpp
     platform/linux/RunningApplications_test.cpp

@@ -1,0 +1,21 @@
+#pragma once
+
+#include <cstdint>
+
+/// Whose processes are at the other end of the loopback interface: any user of the machine may listen on a port there.
+namespace vornet::platform {
+
+/// Whether a connection to 127.0.0.1:`port` would reach a process of this process's effective user, or of root. False
+/// also when nobody listens, and when the system does not tell whose the listener is: whoever hears what is sent there
+/// learns the user's paths, and a sync application that is not believed can only cost badges. Seen from this process's
+/// network namespace and user namespace. Any thread; takes some microseconds and never waits for the network.
+///
+/// macOS: always true. The system tells a sandboxed process nothing of other users' sockets.
+bool isOwnLoopbackListener(std::uint16_t port);
+
+/// The same for a connection that is open, from the local port `localPort`: neither who listens now nor who took the
+/// connection may be another user's process. So a listener that was replaced while the connection was made is found
+/// out.
+bool isOwnLoopbackPeer(std::uint16_t port, std::uint16_t localPort);
+
+}  // namespace vornet::platform

@@ -1,0 +1,236 @@
+#include "platform/Loopback.hpp"
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <optional>
+#include <string>
+
+#include "platform/linux/LoopbackSockets.hpp"
+#include "support/ChildProcess.hpp"
+
+namespace vornet::platform {
+namespace {
+
+using linux_sockets::ownerByDiagnosis;
+using linux_sockets::ownerByTables;
+using test::ChildProcess;
+using test::Gate;
+
+constexpr uid_t STRANGER = 65534;
+
+/// A socket on some address of this machine.
+class Socket {
+ public:
+  /// `address`: in the numeric form of IPv4 or IPv6. `port` 0: any free one.
+  explicit Socket(const std::string& address, std::uint16_t port = 0, bool onlyIPv6 = false)
+      : family_(address.find(':') == std::string::npos ? AF_INET : AF_INET6),
+        descriptor_(::socket(family_, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    const int on = 1;
+    const int only = onlyIPv6 ? 1 : 0;
+    ::setsockopt(descriptor_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (family_ == AF_INET6) ::setsockopt(descriptor_, IPPROTO_IPV6, IPV6_V6ONLY, &only, sizeof only);
+    sockaddr_storage name{};
+    socklen_t size = fill(name, address, port);
+    bound_ = ::bind(descriptor_, reinterpret_cast<sockaddr*>(&name), size) == 0;
+    size = sizeof name;
+    ::getsockname(descriptor_, reinterpret_cast<sockaddr*>(&name), &size);
+    port_ = ntohs(reinterpret_cast<const sockaddr_in*>(&name)->sin_port);  // in the same place in both families
+  }
+  explicit Socket(int descriptor) : descriptor_(descriptor), bound_(descriptor >= 0) {}
+  ~Socket() { ::close(descriptor_); }
+  Socket(const Socket&) = delete;
+  Socket& operator=(const Socket&) = delete;
+
+  bool isBound() const { return bound_; }
+  std::uint16_t port() const { return port_; }
+  bool listen() const { return ::listen(descriptor_, 8) == 0; }
+  int accept() const { return ::accept4(descriptor_, nullptr, nullptr, SOCK_CLOEXEC); }
+  bool connect(std::uint16_t port) const {
+    sockaddr_storage name{};
+    const socklen_t size = fill(name, "127.0.0.1", port);
+    return ::connect(descriptor_, reinterpret_cast<sockaddr*>(&name), size) == 0;
+  }
+
+ private:
+  static socklen_t fill(sockaddr_storage& name, const std::string& address, std::uint16_t port) {
+    if (address.find(':') == std::string::npos) {
+      auto& ipv4 = reinterpret_cast<sockaddr_in&>(name);
+      ipv4.sin_family = AF_INET;
+      ipv4.sin_port = htons(port);
+      ::inet_pton(AF_INET, address.c_str(), &ipv4.sin_addr);
+      return sizeof ipv4;
+    }
+    auto& ipv6 = reinterpret_cast<sockaddr_in6&>(name);
+    ipv6.sin6_family = AF_INET6;
+    ipv6.sin6_port = htons(port);
+    ::inet_pton(AF_INET6, address.c_str(), &ipv6.sin6_addr);
+    return sizeof ipv6;
+  }
+
+  int family_ = AF_INET;
+  int descriptor_;
+  bool bound_ = false;
+  std::uint16_t port_ = 0;
+};
+
+/// A port on which nobody listens.
+std::uint16_t freePort() {
+  return Socket("127.0.0.1").port();
+}
+
+TEST(Loopback, AnOwnListenerOnEveryAddressThatTakesTheConnectionIsOwn) {
+  for (const char* address : {"127.0.0.1", "0.0.0.0", "::", "::ffff:127.0.0.1", "::ffff:0.0.0.0"}) {
+    const Socket listener(address);
+    if (!listener.isBound()) {
+      std::printf("no IPv6 here: %s is left out\n", address);
+      continue;
+    }
+    ASSERT_TRUE(listener.listen()) << address;
+    EXPECT_TRUE(isOwnLoopbackListener(listener.port())) << address;
+    EXPECT_EQ(ownerByDiagnosis(listener.port(), 0), ::geteuid()) << address;
+    EXPECT_EQ(ownerByTables(listener.port(), 0), ::geteuid()) << address;
+  }
+}
+
+TEST(Loopback, WithoutAListenerThereIsNoOwner) {
+  const Socket bound("127.0.0.1");  // but it does not listen
+  for (const auto port : {freePort(), bound.port()}) {
+    EXPECT_FALSE(isOwnLoopbackListener(port));
+    EXPECT_EQ(ownerByDiagnosis(port, 0), std::nullopt);
+    EXPECT_EQ(ownerByTables(port, 0), std::nullopt);
+  }
+}
+
+TEST(Loopback, AListenerOnAnotherAddressIsNone) {
+  const Socket other("127.0.0.2");
+  ASSERT_TRUE(other.listen());
+  EXPECT_FALSE(isOwnLoopbackListener(other.port()));
+  EXPECT_EQ(ownerByTables(other.port(), 0), std::nullopt);
+}
+
+TEST(Loopback, AnOwnConnectionIsOwnBeforeAndAfterItIsAccepted) {
+  const Socket listener("127.0.0.1");
+  ASSERT_TRUE(listener.listen());
+  const Socket client("127.0.0.1");
+  ASSERT_TRUE(client.connect(listener.port()));
+  EXPECT_TRUE(isOwnLoopbackPeer(listener.port(), client.port()));
+  const Socket accepted(listener.accept());
+  EXPECT_TRUE(isOwnLoopbackPeer(listener.port(), client.port()));
+  EXPECT_EQ(ownerByDiagnosis(listener.port(), client.port()), ::geteuid());
+  EXPECT_EQ(ownerByTables(listener.port(), client.port()), ::geteuid());
+}
+
+/// Tests with processes of two users, which only root can start.
+class LoopbackOfTwoUsers : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (::geteuid() != 0) GTEST_SKIP() << "needs root, to be another user for a while";
+  }
+
+  /// Runs `test` as an ordinary user.
+  static void asUser(uid_t user, const std::function<bool()>& test) {
+    ChildProcess child([&] { return test::becomeUser(user) && test() ? 0 : 1; });
+    EXPECT_EQ(child.wait(), 0);
+  }
+};
+
+TEST_F(LoopbackOfTwoUsers, AStrangersListenerIsNotOwn) {
+  for (const char* address : {"127.0.0.1", "0.0.0.0", "::", "::ffff:127.0.0.1"}) {
+    const auto port = freePort();
+    Gate listening;
+    ChildProcess stranger([&] {
+      if (!test::becomeUser(STRANGER)) return 1;
+      const Socket listener(address, port);
+      if (!listener.listen()) return 1;
+      listening.open();
+      ::pause();
+      return 0;
+    });
+    listening.pass();
+    EXPECT_FALSE(isOwnLoopbackListener(port)) << address;
+    EXPECT_EQ(ownerByDiagnosis(port, 0), STRANGER) << address;
+    EXPECT_EQ(ownerByTables(port, 0), STRANGER) << address;
+    asUser(STRANGER, [&] { return isOwnLoopbackListener(port); });
+    asUser(STRANGER - 1, [&] { return !isOwnLoopbackListener(port); });
+  }
+}
+
+TEST_F(LoopbackOfTwoUsers, RootsListenerIsBelievedByEveryUser) {
+  const Socket listener("127.0.0.1");
+  ASSERT_TRUE(listener.listen());
+  asUser(STRANGER, [&] { return isOwnLoopbackListener(listener.port()); });
+}
+
+TEST_F(LoopbackOfTwoUsers, AStrangersListenerOnAnAddressThatTakesNoConnectionHidesNoOwnOne) {
+  const auto port = freePort();
+  Gate listening;
+  ChildProcess stranger([&] {
+    if (!test::becomeUser(STRANGER)) return 1;
+    const Socket other("127.0.0.2", port);
+    const Socket onlyIPv6("::", port, true);
+    if (!other.listen() || !onlyIPv6.listen()) return 1;
+    listening.open();
+    ::pause();
+    return 0;
+  });
+  listening.pass();
+  const Socket listener("127.0.0.1", port);
+  ASSERT_TRUE(listener.listen());
+  EXPECT_TRUE(isOwnLoopbackListener(port));
+  EXPECT_EQ(ownerByTables(port, 0), 0u);
+}
+
+TEST_F(LoopbackOfTwoUsers, AConnectionThatAStrangerTookIsNotOwnAlthoughTheListenerNowIs) {
+  const auto port = freePort();
+  Gate listening;
+  Gate accepted;
+  ChildProcess stranger([&] {
+    if (!test::becomeUser(STRANGER)) return 1;
+    int connection = -1;
+    {
+      const Socket listener("127.0.0.1", port);
+      if (!listener.listen()) return 1;
+      listening.open();
+      connection = listener.accept();
+    }
+    accepted.open();  // the connection stays, the listener has gone
+    ::pause();
+    return connection;
+  });
+  listening.pass();
+  const Socket client("127.0.0.1");
+  ASSERT_TRUE(client.connect(port));
+  accepted.pass();
+  const Socket listener("127.0.0.1", port);
+  ASSERT_TRUE(listener.listen());
+  ASSERT_TRUE(isOwnLoopbackListener(port));
+  EXPECT_FALSE(isOwnLoopbackPeer(port, client.port()));
+  EXPECT_EQ(ownerByDiagnosis(port, client.port()), STRANGER);
+  EXPECT_EQ(ownerByTables(port, client.port()), STRANGER);
+}
+
+TEST_F(LoopbackOfTwoUsers, AConnectionThatNobodyHasAcceptedIsJudgedByItsListener) {
+  const auto port = freePort();
+  Gate listening;
+  ChildProcess stranger([&] {
+    if (!test::becomeUser(STRANGER)) return 1;
+    const Socket listener("127.0.0.1", port);
+    if (!listener.listen()) return 1;
+    listening.open();
+    ::pause();
+    return 0;
+  });
+  listening.pass();
+  const Socket client("127.0.0.1");
+  ASSERT_TRUE(client.connect(port));
+  EXPECT_FALSE(isOwnLoopbackPeer(port, client.port()));
+}
+
+}  // namespace
+}  // namespace vornet::platform
