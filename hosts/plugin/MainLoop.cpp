@@ -1,5 +1,7 @@
 #include "MainLoop.hpp"
 
+#include <utility>
+
 #include "Guarded.hpp"
 #include "Trace.hpp"
 
@@ -64,6 +66,36 @@ bool SlicedWork::runSlice() {
   }
   end(source_);
   return G_SOURCE_REMOVE;
+}
+
+Disposal::~Disposal() {
+  end(source_);
+  for (GVariant* value : values_) g_variant_unref(value);
+}
+
+void Disposal::add(GVariant* value) {
+  values_.push_back(g_variant_ref(value));
+  if (source_) return;
+  source_ = g_idle_source_new();
+  g_source_set_priority(source_, G_PRIORITY_HIGH);
+  const auto run = +[](gpointer self) -> gboolean {
+    guarded([self] { static_cast<Disposal*>(self)->free(); });
+    return G_SOURCE_REMOVE;
+  };
+  g_source_set_callback(source_, run, this, nullptr);
+  g_source_attach(source_, context_);
+}
+
+void Disposal::free() {
+  end(source_);
+  const auto unref =
+      +[](GTask*, gpointer, gpointer value, GCancellable*) { g_variant_unref(static_cast<GVariant*>(value)); };
+  for (GVariant* value : std::exchange(values_, {})) {
+    GTask* task = g_task_new(nullptr, nullptr, nullptr, nullptr);
+    g_task_set_task_data(task, value, nullptr);
+    g_task_run_in_thread(task, unref);
+    g_object_unref(task);
+  }
 }
 
 }  // namespace vornet::plugin

@@ -2,6 +2,10 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
+#include <thread>
+#include <utility>
+
 namespace vornet::plugin {
 namespace {
 
@@ -78,6 +82,81 @@ TEST(SlicedWork, IsDoneNoMoreAfterItsEnd) {
   }
   settle();
   EXPECT_FALSE(done);
+}
+
+/// A main context of a test's own, in which the numbers of sources begin with 1.
+class OwnContext : public testing::Test {
+ protected:
+  ~OwnContext() override { g_main_context_unref(context_); }
+  bool hasSource() const { return g_main_context_find_source_by_id(context_, 1) != nullptr; }
+  GMainContext* const context_ = g_main_context_new();
+};
+
+using SlicedWorkInAContext = OwnContext;
+using TimerInAContext = OwnContext;
+using DisposalInAContext = OwnContext;
+
+TEST_F(SlicedWorkInAContext, LeavesNoSourceBehind) {
+  {
+    SlicedWork work(context_);
+    work.add([] { return true; });
+    ASSERT_TRUE(hasSource());
+  }
+  EXPECT_FALSE(hasSource());
+}
+
+TEST_F(TimerInAContext, LeavesNoSourceBehind) {
+  {
+    Timer timer(context_);
+    timer.start(std::chrono::milliseconds(0), [] {});
+    ASSERT_TRUE(hasSource());
+  }
+  EXPECT_FALSE(hasSource());
+}
+
+/// A value whose bytes tell when they are freed, and whether on another thread. One at a time.
+class Freed {
+ public:
+  Freed() : value_(g_variant_ref_sink(g_variant_new_from_data(G_VARIANT_TYPE_BYTESTRING, "x", 2, TRUE, free, this))) {
+    done_ = false;
+  }
+  void letGo() { g_variant_unref(std::exchange(value_, nullptr)); }
+  GVariant* value() const { return value_; }
+  static bool done() { return done_; }
+  static bool elsewhere() { return elsewhere_; }
+
+ private:
+  static void free(gpointer) {
+    elsewhere_ = pthread_self() != main_;
+    done_ = true;
+  }
+  static inline const pthread_t main_ = pthread_self();
+  static inline std::atomic<bool> done_ = false;
+  static inline std::atomic<bool> elsewhere_ = false;
+  GVariant* value_;
+};
+
+TEST_F(DisposalInAContext, FreesAValueOnAnotherThreadWhenTheCallerHasLetGoOfIt) {
+  Freed freed;
+  Disposal disposal(context_);
+  disposal.add(freed.value());
+  freed.letGo();
+  EXPECT_FALSE(Freed::done());
+  while (g_main_context_iteration(context_, FALSE)) continue;
+  while (!Freed::done()) std::this_thread::yield();
+  EXPECT_TRUE(Freed::elsewhere());
+}
+
+TEST_F(DisposalInAContext, LeavesNeitherASourceNorAValueBehind) {
+  Freed freed;
+  {
+    Disposal disposal(context_);
+    disposal.add(freed.value());
+    freed.letGo();
+    ASSERT_TRUE(hasSource());
+  }
+  EXPECT_FALSE(hasSource());
+  EXPECT_TRUE(Freed::done());
 }
 
 TEST(Timer, CallsOnceAndMayBeStartedFromTheCall) {
