@@ -185,7 +185,8 @@ class Session {
     bus().on("EndObserving", [](GVariant*) { return g_variant_new("()"); });
 
     if (input_.rarely()) nonsenseBadges_ = input_.nonsense();
-    for (int count = input_.upTo(5); count > 0; --count) badges_.push_back(input_.identifier());
+    for (int count = input_.upTo(4); count >= 0; --count) badges_.push_back(input_.identifier());
+    if (input_.rarely()) wrongCount_ = static_cast<std::size_t>(input_.upTo(6));
     bus().on("RequestBadges", [this](GVariant* urls) { return badgesOf(urls); });
 
     if (input_.rarely()) nonsenseMenu_ = input_.nonsense();
@@ -231,21 +232,28 @@ class Session {
     plugin_->emblem(path, std::make_unique<Item>(std::move(redrawn)));
   }
 
-  /// What the extension says of the items asked for: too little, too much, or nothing of the kind.
+  /// What the extension says of the items asked for: it repeats badges_. An answer with another number of them, or of
+  /// another shape, counts as none.
   GVariant* badgesOf(GVariant* arguments) {
     const std::lock_guard guard(mutex_);
-    GVariant* urls = g_variant_get_child_value(arguments, 0);
+    std::vector<std::string> paths;
     const gchar* url = nullptr;
-    GVariantIter iterator;
-    g_variant_iter_init(&iterator, urls);
-    for (std::size_t i = 0; g_variant_iter_next(&iterator, "&s", &url); ++i) {
-      const auto path = plugin::pathOfURL(url);
-      require(path.has_value(), "the plug-in sends URLs");
-      asked_.insert(*path);
-      if (!nonsenseBadges_ && i < badges_.size()) told_[*path] = badges_[i];
+    GVariantIter* urls = nullptr;
+    g_variant_get(arguments, "(as)", &urls);
+    while (g_variant_iter_next(urls, "&s", &url)) paths.push_back(plugin::pathOfURL(url).value_or(""));
+    g_variant_iter_free(urls);
+    asked_.insert(paths.begin(), paths.end());
+    if (nonsenseBadges_) return g_variant_ref(nonsenseBadges_.get());
+
+    std::vector<std::string> answer(wrongCount_.value_or(paths.size()));
+    for (std::size_t i = 0; i < answer.size(); ++i) answer[i] = badges_[i % badges_.size()];
+    if (answer.size() == paths.size()) {
+      for (std::size_t i = 0; i < paths.size(); ++i) {
+        if (paths[i] == LAST_ITEM) answer[i] = "SYNCED";  // as awaitLastChange() sends it
+        told_[paths[i]] = answer[i];
+      }
     }
-    g_variant_unref(urls);
-    return nonsenseBadges_ ? g_variant_ref(nonsenseBadges_.get()) : g_variant_new("(@as)", listOf(badges_));
+    return g_variant_new("(@as)", listOf(answer));
   }
 
   bool allAreAskedFor() {
@@ -330,6 +338,7 @@ class Session {
   bool refusesToObserve_ = false;
   std::shared_ptr<GVariant> nonsenseProperty_, nonsenseBadges_, nonsenseMenu_;
   std::vector<std::string> badges_;
+  std::optional<std::size_t> wrongCount_;
   Menu menu_;
 
   std::mutex mutex_;
