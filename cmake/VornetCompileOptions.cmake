@@ -20,3 +20,7 @@ if(VORNET_SANITIZE)
   target_compile_definitions(vornet_options INTERFACE BOOST_ASIO_DISABLE_FENCED_BLOCK)
   target_link_options(vornet_options INTERFACE "-fsanitize=${VORNET_SANITIZE}")
 endif()
+if(VORNET_FUZZ)
+  # Reports to libFuzzer which branches an input took.
+  target_compile_options(vornet_options INTERFACE -fsanitize=fuzzer-no-link)
+endif()

@@ -1,0 +1,367 @@
+// What an extension answers and signals, sense or nonsense: a plug-in shows for each item what it heard last, and in
+// the menu what it was answered last.
+#include <fuzzer/FuzzedDataProvider.h>
+#include <gio/gio.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "plugin/Paths.hpp"
+#include "plugin/Plugin.hpp"
+#include "support/PeerBus.hpp"
+#include "support/Require.hpp"
+
+namespace vornet::fuzz {
+namespace {
+
+using plugin::Menu;
+using plugin::Plugin;
+
+constexpr const char* INTERFACE = "com.vornet.FinderSync1";
+constexpr const char* PROPERTIES = "org.freedesktop.DBus.Properties";
+const std::string ROOT = "/k";
+const std::string FOLDER = ROOT + "/f";
+const std::array<std::string, 4> ITEMS = {FOLDER + "/a", FOLDER + "/b c", FOLDER + "/\u00e9", FOLDER + "/d"};
+const std::string LAST_ITEM = FOLDER + "/last";  // a change of it says that all before has come
+
+const std::map<std::string, std::string> EMBLEMS = {
+    {"SYNCED", "emblem-vornet-synced"}, {"PENDING", "emblem-vornet-pending"}, {"SKIPPED", "emblem-vornet-skipped"}};
+
+GMainContext* context() {
+  static GMainContext* made = g_main_context_new();
+  return made;
+}
+
+PeerBus& bus() {
+  static PeerBus& made = *new PeerBus(context());
+  return made;
+}
+
+std::atomic<std::size_t> warnings = 0;
+
+/// Makes redraw() a function.
+class Item : public plugin::ShownItem {
+ public:
+  explicit Item(std::function<void()> redrawn) : redrawn_(std::move(redrawn)) {}
+  void redraw(const std::string&) override { redrawn_(); }
+
+ private:
+  std::function<void()> redrawn_;
+};
+
+class SilentManager : public plugin::FileManager {
+ public:
+  void menuChanged() override {}
+};
+
+/// Decodes an input; every string may go over the bus.
+class Input {
+ public:
+  Input(const std::uint8_t* data, std::size_t size) : data_(data, size) {}
+
+  bool yes() { return data_.ConsumeBool(); }
+  bool rarely() { return data_.ConsumeIntegralInRange<int>(0, 7) == 7; }
+  int upTo(int most) { return data_.ConsumeIntegralInRange(0, most); }
+
+  std::string text() {
+    std::string bytes = data_.ConsumeRandomLengthString(24);
+    std::erase(bytes, '\0');
+    const std::unique_ptr<gchar, decltype(&g_free)> valid(
+        g_utf8_make_valid(bytes.data(), static_cast<gssize>(bytes.size())), g_free);
+    return valid.get();
+  }
+
+  std::string identifier() {
+    const std::array<std::string, 4> known = {"SYNCED", "PENDING", "SKIPPED", ""};
+    const auto choice = static_cast<std::size_t>(upTo(4));
+    return choice < known.size() ? known[choice] : text();
+  }
+
+  std::string url() {
+    const auto choice = static_cast<std::size_t>(upTo(static_cast<int>(ITEMS.size()) + 2));
+    if (choice < ITEMS.size()) return plugin::urlOfPath(ITEMS[choice]);
+    return choice == ITEMS.size() ? "file://" + FOLDER + "/" + text() : text();
+  }
+
+  /// Values of a shape that nobody expects.
+  std::shared_ptr<GVariant> nonsense() { return {g_variant_ref_sink(anyShape()), g_variant_unref}; }
+
+ private:
+  GVariant* anyShape() {
+    switch (upTo(5)) {
+      case 0:
+        return g_variant_new("()");
+      case 1:
+        return g_variant_new("(s)", text().c_str());
+      case 2:
+        return g_variant_new("(v)", g_variant_new_string(text().c_str()));
+      case 3:
+        return g_variant_new("(ai)", nullptr);
+      case 4:
+        return g_variant_new("(sas)", text().c_str(), nullptr);
+      default:
+        return g_variant_new("(a(ss)s)", nullptr, text().c_str());
+    }
+  }
+
+  FuzzedDataProvider data_;
+};
+
+GVariant* listOf(const std::vector<std::string>& texts) {
+  GVariantBuilder builder;
+  g_variant_builder_init(&builder, G_VARIANT_TYPE_STRING_ARRAY);
+  for (const auto& text : texts) g_variant_builder_add(&builder, "s", text.c_str());
+  return g_variant_builder_end(&builder);
+}
+
+using Changes = std::vector<std::pair<std::string, std::string>>;  // URL and identifier
+
+GVariant* valuesOf(const Changes& changes) {
+  GVariantBuilder builder;
+  g_variant_builder_init(&builder, G_VARIANT_TYPE("a(ss)"));
+  for (const auto& [url, identifier] : changes) {
+    g_variant_builder_add(&builder, "(ss)", url.c_str(), identifier.c_str());
+  }
+  return g_variant_new("(@a(ss))", g_variant_builder_end(&builder));
+}
+
+GVariant* valuesOf(const Menu& menu) {
+  GVariantBuilder builder;
+  g_variant_builder_init(&builder, G_VARIANT_TYPE("a(ssbs)"));
+  for (const auto& entry : menu) {
+    g_variant_builder_add(&builder, "(ssbs)", entry.title.c_str(), entry.action.c_str(), entry.enabled ? TRUE : FALSE,
+                          entry.icon.c_str());
+  }
+  return g_variant_new("(@a(ssbs))", g_variant_builder_end(&builder));
+}
+
+bool isGreyed(const Menu& menu) {
+  return std::none_of(menu.begin(), menu.end(), [](const auto& entry) { return entry.enabled; });
+}
+
+/// Lets the plug-in work until `condition` holds.
+template <typename Condition>
+void waitFor(Condition condition, const char* what) {
+  bool late = false;
+  GSource* deadline = g_timeout_source_new_seconds(30);
+  g_source_set_callback(
+      deadline, [](gpointer flag) -> gboolean { return !(*static_cast<bool*>(flag) = true); }, &late, nullptr);
+  g_source_attach(deadline, context());
+  while (!condition()) {
+    require(!late, what);
+    g_main_context_iteration(context(), TRUE);
+  }
+  g_source_destroy(deadline);
+  g_source_unref(deadline);
+}
+
+/// One plug-in that shows a folder, and an extension that does what the input says.
+class Session {
+ public:
+  Session(const std::uint8_t* data, std::size_t size) : input_(data, size) {
+    bus().reset();
+    if (input_.rarely()) nonsenseProperty_ = input_.nonsense();
+    std::vector<std::string> folders;
+    for (int others = input_.upTo(3); others > 0; --others) folders.push_back(input_.url());
+    folders.push_back("file://" + ROOT);
+    bus().on("Get", [this, folders](GVariant*) {
+      return nonsenseProperty_ ? g_variant_ref(nonsenseProperty_.get()) : g_variant_new("(v)", listOf(folders));
+    });
+
+    refusesToObserve_ = input_.rarely();
+    if (!refusesToObserve_) bus().on("BeginObserving", [](GVariant*) { return g_variant_new("()"); });
+    bus().on("EndObserving", [](GVariant*) { return g_variant_new("()"); });
+
+    if (input_.rarely()) nonsenseBadges_ = input_.nonsense();
+    for (int count = input_.upTo(4); count >= 0; --count) badges_.push_back(input_.identifier());
+    if (input_.rarely()) wrongCount_ = static_cast<std::size_t>(input_.upTo(6));
+    bus().on("RequestBadges", [this](GVariant* urls) { return badgesOf(urls); });
+
+    if (input_.rarely()) nonsenseMenu_ = input_.nonsense();
+    const int repetitions = input_.rarely() ? 40 : 1;
+    for (int count = input_.upTo(4); count > 0; --count) {
+      const plugin::MenuEntry entry{input_.text(), input_.text(), input_.yes(), input_.yes() ? "vornet-vi" : ""};
+      menu_.insert(menu_.end(), static_cast<std::size_t>(repetitions), entry);
+    }
+    bus().on("GetMenu",
+             [this](GVariant*) { return nonsenseMenu_ ? g_variant_ref(nonsenseMenu_.get()) : valuesOf(menu_); });
+  }
+
+  ~Session() {
+    plugin_.reset();
+    bus().reset();
+  }
+
+  void run() {
+    Plugin::Options options;
+    options.context = context();
+    plugin_.emplace(manager_, options);
+    plugin_->folderShown(FOLDER);
+    waitFor([] { return bus().calls("Get") > 0; }, "the plug-in asks for the folders");
+    if (nonsenseProperty_) return checkThatNothingIsShown();
+    waitFor([] { return bus().calls("BeginObserving") > 0; }, "the plug-in observes the folder");
+    if (input_.yes()) changeProperties();
+    for (const auto& item : ITEMS) show(item, [] {});
+    const bool asks = input_.yes() && !refusesToObserve_;
+    const bool wantsMenu = input_.yes();
+    if (wantsMenu) plugin_->menu({ITEMS[0]});
+    for (int signals = input_.upTo(4); signals > 0; --signals) sendChanges();
+    if (asks) waitFor([this] { return allAreAskedFor(); }, "the plug-in asks for every item");
+    if (wantsMenu) waitFor([] { return bus().calls("GetMenu") > 0; }, "the plug-in asks for the menu");
+    for (int signals = input_.upTo(2); signals > 0; --signals) sendChanges();
+    awaitLastChange();
+    for (const auto& item : ITEMS) checkEmblem(item);
+    if (wantsMenu) checkMenu();
+    plugin_->folderHidden(FOLDER);
+  }
+
+ private:
+  void show(const std::string& path, std::function<void()> redrawn) {
+    plugin_->emblem(path, std::make_unique<Item>(std::move(redrawn)));
+  }
+
+  /// What the extension says of the items asked for: it repeats badges_. An answer with another number of them, or of
+  /// another shape, counts as none.
+  GVariant* badgesOf(GVariant* arguments) {
+    const std::lock_guard guard(mutex_);
+    std::vector<std::string> paths;
+    const gchar* url = nullptr;
+    GVariantIter* urls = nullptr;
+    g_variant_get(arguments, "(as)", &urls);
+    while (g_variant_iter_next(urls, "&s", &url)) paths.push_back(plugin::pathOfURL(url).value_or(""));
+    g_variant_iter_free(urls);
+    asked_.insert(paths.begin(), paths.end());
+    if (nonsenseBadges_) return g_variant_ref(nonsenseBadges_.get());
+
+    std::vector<std::string> answer(wrongCount_.value_or(paths.size()));
+    for (std::size_t i = 0; i < answer.size(); ++i) answer[i] = badges_[i % badges_.size()];
+    if (answer.size() == paths.size()) {
+      for (std::size_t i = 0; i < paths.size(); ++i) {
+        if (paths[i] == LAST_ITEM) answer[i] = "SYNCED";  // as awaitLastChange() sends it
+        told_[paths[i]] = answer[i];
+      }
+    }
+    return g_variant_new("(@as)", listOf(answer));
+  }
+
+  bool allAreAskedFor() {
+    const std::lock_guard guard(mutex_);
+    return std::all_of(ITEMS.begin(), ITEMS.end(), [this](const auto& item) { return asked_.contains(item); });
+  }
+
+  void changeProperties() {
+    GVariantBuilder properties;
+    g_variant_builder_init(&properties, G_VARIANT_TYPE_VARDICT);
+    if (input_.yes()) g_variant_builder_add(&properties, "{sv}", input_.text().c_str(), g_variant_new_string("x"));
+    GVariant* folders =
+        input_.yes() ? listOf({input_.url(), "file://" + ROOT + "/"}) : g_variant_new_string(input_.text().c_str());
+    g_variant_builder_add(&properties, "{sv}", "ObservedFolders", folders);
+    bus().send(PROPERTIES, "PropertiesChanged", g_variant_new("(sa{sv}as)", INTERFACE, &properties, nullptr), [] {});
+  }
+
+  void sendChanges() {
+    if (input_.rarely()) {
+      const auto values = input_.nonsense();
+      return bus().send(INTERFACE, "BadgesChanged", g_variant_ref(values.get()), [] {});
+    }
+    Changes changes;
+    for (int count = input_.upTo(6); count > 0; --count) changes.emplace_back(input_.url(), input_.identifier());
+    send(changes);
+  }
+
+  void send(const Changes& changes) {
+    bus().send(INTERFACE, "BadgesChanged", valuesOf(changes), [&] {
+      const std::lock_guard guard(mutex_);
+      for (const auto& [url, identifier] : changes) {
+        if (const auto path = plugin::pathOfURL(url.c_str())) told_[*path] = identifier;
+      }
+    });
+  }
+
+  /// All that was sent before the last change has arrived when that has.
+  void awaitLastChange() {
+    bool redrawn = false;
+    show(LAST_ITEM, [&redrawn] { redrawn = true; });
+    send({{plugin::urlOfPath(LAST_ITEM), "SYNCED"}});
+    waitFor([&redrawn] { return redrawn; }, "a change is shown");
+    show(LAST_ITEM, [] {});
+  }
+
+  void checkEmblem(const std::string& path) {
+    const auto isShown = [this, &path] {
+      const std::string emblem = plugin_->emblem(path, std::make_unique<Item>([] {}));
+      const std::lock_guard guard(mutex_);
+      const auto told = told_.find(path);
+      const auto known = told == told_.end() ? EMBLEMS.end() : EMBLEMS.find(told->second);
+      return emblem == (known == EMBLEMS.end() ? "" : known->second);
+    };
+    waitFor(isShown, "an item has the emblem that was told last");
+  }
+
+  void checkMenu() {
+    if (nonsenseMenu_) return require(isGreyed(plugin_->menu({ITEMS[0]})), "without an answer the menu is greyed");
+    const auto isShown = [this] {
+      const Menu shown = plugin_->menu({ITEMS[0]});
+      return shown.size() <= menu_.size() && shown.size() >= std::min<std::size_t>(menu_.size(), 100) &&
+             std::equal(shown.begin(), shown.end(), menu_.begin());
+    };
+    waitFor(isShown, "the menu has the entries that were answered");
+  }
+
+  /// After an answer that names no folders. That it has been read is known by the failure of a later call, which the
+  /// plug-in writes to the log.
+  void checkThatNothingIsShown() {
+    const auto before = warnings.load();
+    plugin_->perform("share:", {ITEMS[0]});
+    waitFor([before] { return warnings.load() > before; }, "a failed action is logged");
+    require(plugin_->emblem(ITEMS[0], std::make_unique<Item>([] {})).empty(), "without folders there are no emblems");
+    require(isGreyed(plugin_->menu({ITEMS[0]})), "without folders no entry can be chosen");
+  }
+
+  Input input_;
+  SilentManager manager_;
+  std::optional<Plugin> plugin_;
+
+  // What the extension answers; nonsense where it is set.
+  bool refusesToObserve_ = false;
+  std::shared_ptr<GVariant> nonsenseProperty_, nonsenseBadges_, nonsenseMenu_;
+  std::vector<std::string> badges_;
+  std::optional<std::size_t> wrongCount_;
+  Menu menu_;
+
+  std::mutex mutex_;
+  std::set<std::string> asked_;              ///< paths of items
+  std::map<std::string, std::string> told_;  ///< path -> identifier that was sent last
+};
+
+}  // namespace
+}  // namespace vornet::fuzz
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  using namespace vornet::fuzz;
+  const auto take = +[](const gchar*, GLogLevelFlags level, const gchar* message, gpointer) {
+    require((level & G_LOG_LEVEL_MASK) > G_LOG_LEVEL_CRITICAL, message);
+    ++warnings;
+  };
+  g_log_set_default_handler(take, nullptr);
+  ::setenv("DBUS_SESSION_BUS_ADDRESS", bus().address().c_str(), 1);
+  return 0;
+}
+
+/// An input: choices and texts, as FuzzedDataProvider reads them.
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  vornet::fuzz::Session(data, size).run();
+  return 0;
+}

@@ -1,0 +1,109 @@
+#include "support/PeerBus.hpp"
+
+#include <cstdlib>
+#include <filesystem>
+
+#include "support/Require.hpp"
+
+namespace vornet::fuzz {
+namespace {
+
+constexpr const char* BUS = "org.freedesktop.DBus";
+constexpr const char* EXTENSION = ":1.1";  // its unique name
+constexpr const char* OBJECT_PATH = "/com/vornet/FinderSync1";
+
+}  // namespace
+
+PeerBus::PeerBus(GMainContext* context) : context_(context) {
+  static std::string folder = (std::filesystem::temp_directory_path() / "vornet-fuzz.XXXXXX").string();
+  require(::mkdtemp(folder.data()) != nullptr, "a folder can be made");
+  std::atexit([] { std::filesystem::remove_all(folder); });
+  g_main_context_push_thread_default(context_);  // connections are accepted there
+  gchar* guid = g_dbus_generate_guid();
+  GDBusServer* server = g_dbus_server_new_sync(("unix:path=" + folder + "/bus").c_str(),
+                                               G_DBUS_SERVER_FLAGS_RUN_IN_THREAD, guid, nullptr, nullptr, nullptr);
+  g_free(guid);
+  require(server != nullptr, "a socket can be made");
+  address_ = g_dbus_server_get_client_address(server);
+  const auto arrived = +[](GDBusServer*, GDBusConnection* connection, gpointer self) -> gboolean {
+    auto& bus = *static_cast<PeerBus*>(self);
+    {
+      const std::lock_guard guard(bus.mutex_);
+      g_clear_object(&bus.connection_);
+      bus.connection_ = G_DBUS_CONNECTION(g_object_ref(connection));
+      bus.calls_.clear();
+    }
+    const auto filter = +[](GDBusConnection* from, GDBusMessage* message, gboolean incoming, gpointer data) {
+      if (!incoming || g_dbus_message_get_message_type(message) != G_DBUS_MESSAGE_TYPE_METHOD_CALL) return message;
+      static_cast<PeerBus*>(data)->take(from, message);
+      g_object_unref(message);
+      return static_cast<GDBusMessage*>(nullptr);
+    };
+    g_dbus_connection_add_filter(connection, filter, self, nullptr);
+    return TRUE;
+  };
+  g_signal_connect(server, "new-connection", G_CALLBACK(arrived), this);
+  g_dbus_server_start(server);
+  g_main_context_pop_thread_default(context_);
+}
+
+void PeerBus::on(const std::string& method, Answer answer) {
+  const std::lock_guard guard(mutex_);
+  answers_[method] = std::move(answer);
+}
+
+void PeerBus::reset() {
+  const std::lock_guard guard(mutex_);
+  g_clear_object(&connection_);
+  calls_.clear();
+  answers_.clear();
+}
+
+std::size_t PeerBus::calls(const std::string& method) {
+  const std::lock_guard guard(mutex_);
+  return calls_[method];
+}
+
+void PeerBus::send(const char* interface, const char* signal, GVariant* values, const std::function<void()>& sending) {
+  GDBusMessage* message = g_dbus_message_new_signal(OBJECT_PATH, interface, signal);
+  g_dbus_message_set_sender(message, EXTENSION);
+  g_dbus_message_set_body(message, values);
+  {
+    const std::lock_guard guard(mutex_);
+    require(connection_ != nullptr, "somebody is connected");
+    sending();
+    g_dbus_connection_send_message(connection_, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
+  }
+  g_object_unref(message);
+}
+
+/// What the bus itself answers, or the extension; null for an error.
+GVariant* PeerBus::answer(const std::string& method, GVariant* arguments) {
+  if (method == "Hello") return g_variant_new("(s)", ":1.2");
+  if (method == "AddMatch" || method == "RemoveMatch") return g_variant_new("()");
+  if (method == "GetNameOwner") return g_variant_new("(s)", EXTENSION);
+  if (method == "StartServiceByName") return g_variant_new("(u)", 2U);  // it runs already
+  const auto found = answers_.find(method);
+  return found == answers_.end() ? nullptr : found->second(arguments);
+}
+
+void PeerBus::take(GDBusConnection* connection, GDBusMessage* call) {
+  const std::lock_guard guard(mutex_);
+  if (connection != connection_) return;
+  const std::string method = g_dbus_message_get_member(call);
+  GDBusMessage* reply = nullptr;
+  if (GVariant* values = answer(method, g_dbus_message_get_body(call))) {
+    reply = g_dbus_message_new_method_reply(call);
+    g_dbus_message_set_body(reply, values);
+  } else {
+    reply = g_dbus_message_new_method_error_literal(call, "com.vornet.FinderSync1.Error.Failed", "refused");
+  }
+  const char* destination = g_dbus_message_get_destination(call);
+  g_dbus_message_set_sender(reply, g_strcmp0(destination, BUS) == 0 ? BUS : EXTENSION);
+  g_dbus_connection_send_message(connection, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
+  g_object_unref(reply);
+  ++calls_[method];
+  g_main_context_wakeup(context_);
+}
+
+}  // namespace vornet::fuzz
