@@ -1,5 +1,5 @@
-"""An attacker, a process of its own: connections to the bus that send calls without regard for anybody. Started by client.py
-with its settings as a line of JSON; "go" on standard input starts it, "stop" or the end of the input ends it. Reports as JSON."""
+"""An attacker, a process of its own: connections to the bus that send calls without regard for anybody. Its first
+line of input is its settings as JSON; "go" starts it, "stop" or the end of the input ends it. Reports as JSON."""
 
 import json
 import selectors
@@ -10,14 +10,11 @@ from gi.repository import GLib
 
 import wire
 
-TOO_MANY = 10_001  # URLs in one call
-
-
 def malformed(name, settings):
     """Calls that nobody may make, of many kinds."""
     texts = lambda *urls: GLib.Variant("(as)", (list(urls),))
-    folder = settings["urls"][0]
-    nested = GLib.Variant("(v)", (GLib.Variant("v", GLib.Variant("av", [GLib.Variant("s", folder)] * 50)),))
+    folder, properties = settings["urls"][0], "org.freedesktop.DBus.Properties"
+    nested = GLib.Variant("v", GLib.Variant("av", [GLib.Variant("s", folder)] * 50))
     return [
         wire.Call(name, "RequestBadges", texts("not a URL")),
         wire.Call(name, "RequestBadges", texts("http://localhost/x")),
@@ -28,7 +25,7 @@ def malformed(name, settings):
         wire.Call(name, "RequestBadges", GLib.Variant("(s)", (folder,))),
         wire.Call(name, "RequestBadges", GLib.Variant("(a{sv})", ({"a": GLib.Variant("i", 1)},))),
         wire.Call(name, "RequestBadges"),
-        wire.Call(name, "RequestBadges", nested),
+        wire.Call(name, "RequestBadges", GLib.Variant.new_tuple(nested)),
         wire.Call(name, "GetMenu", texts("relative/path")),
         wire.Call(name, "GetMenu", GLib.Variant("(u)", (7,))),
         wire.Call(name, "PerformAction", GLib.Variant("(sas)", ("init", [folder]))),
@@ -36,12 +33,11 @@ def malformed(name, settings):
         wire.Call(name, "BeginObserving", GLib.Variant("(s)", ("file:///proc/self",))),
         wire.Call(name, "BeginObserving", GLib.Variant("(s)", ("file:///" + "%2e" * 2000,))),
         wire.Call(name, "EndObserving", GLib.Variant("(s)", (folder,))),
-        wire.Call(name, "NoSuchMethod", nested),
+        wire.Call(name, "NoSuchMethod", GLib.Variant.new_tuple(nested)),
         wire.Call(name, "RequestBadges", texts(folder), path="/no/such/object"),
         wire.Call(name, "RequestBadges", texts(folder), interface="com.vornet.NoSuchInterface"),
-        wire.Call(name, "Get", GLib.Variant("(ss)", ("com.vornet.FinderSync1", "Nothing")), interface="org.freedesktop.DBus.Properties"),
-        wire.Call(name, "Set", GLib.Variant("(ssv)", ("com.vornet.FinderSync1", "Version", GLib.Variant("s", "9"))),
-                  interface="org.freedesktop.DBus.Properties"),
+        wire.Call(name, "Get", GLib.Variant("(ss)", (wire.INTERFACE, "Nothing")), interface=properties),
+        wire.Call(name, "Set", GLib.Variant("(ssv)", (wire.INTERFACE, "Version", nested)), interface=properties),
     ]
 
 
@@ -68,15 +64,11 @@ class Attacker:
         self.connection = wire.Connection(settings["address"])
         self.connection.socket.setblocking(False)
         self._calls, self._round, self._at_once = calls, settings["calls"], settings["at_once"]
-        self._rounds_left = settings.get("rounds", 1 << 60)
         self._unsent, self._received, self._skip = [], bytearray(), 0
         self.sent, self.answered, self.errors, self._sent_in_round, self._open = 0, 0, {}, 0, 0
 
-    def is_done(self):
-        return not self._rounds_left and not self._open and not self._unsent
-
     def wants_to_send(self):
-        return bool(self._unsent) or (self._rounds_left > 0 and self._open < self._at_once and self._sent_in_round < self._round)
+        return bool(self._unsent) or (self._open < self._at_once and self._sent_in_round < self._round)
 
     def write(self):
         if not self._unsent:
@@ -117,7 +109,7 @@ class Attacker:
     def _answered(self):
         self.answered, self._open = self.answered + 1, self._open - 1
         if self._sent_in_round == self._round and not self._open:
-            self._sent_in_round, self._rounds_left = 0, self._rounds_left - 1
+            self._sent_in_round = 0
 
 
 def main():
@@ -150,8 +142,6 @@ def main():
             interest = selectors.EVENT_READ | (selectors.EVENT_WRITE if attacker.wants_to_send() else 0)
             if interest != key.events:
                 waiting.modify(attacker.connection, interest, attacker)
-        if all(attacker.is_done() for attacker in attackers):
-            break
     seconds = time.monotonic() - begun
     errors = {}
     for attacker in attackers:

@@ -20,8 +20,13 @@ class Helper:
         self._name = program
         with open(output, "ab") as errors:
             self.process = subprocess.Popen(
-                [str(part) for part in command], env=environment, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=errors,
-                text=True, start_new_session=True,
+                [str(part) for part in command],
+                env=environment,
+                stdin=subprocess.PIPE,
+                stdout=subprocess.PIPE,
+                stderr=errors,
+                text=True,
+                start_new_session=True,
             )
         if settings is not None:
             self.say(json.dumps(settings))
@@ -120,7 +125,8 @@ class Flood(Helper):
     """An attacker; see flood.py. `urls` are its targets, `calls` those of a round, `at_once` how many may be unanswered."""
 
     def __init__(self, room, kind, urls, name=wire.NAME, connections=1, calls=1 << 60, at_once=1, **settings):
-        settings.update(address=room.address, name=name, kind=kind, urls=urls, connections=connections, calls=calls, at_once=at_once)
+        settings.update(address=room.address, name=name, kind=kind, urls=urls)
+        settings.update(connections=connections, calls=calls, at_once=at_once)
         super().__init__(room.environment, room.output, "flood.py", settings)
         self.hear()
 

@@ -1,5 +1,6 @@
 """The honest client, a process of its own: every 20 ms it asks for the badge of one item, twice a second for the menu of one,
-as a file manager does, one call of a kind at a time. Started by client.py with its settings as a line of JSON; reports as JSON."""
+as a file manager does, one call of a kind at a time. Its first line of input is its
+settings as JSON; it reports as JSON."""
 
 import json
 import select

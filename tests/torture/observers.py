@@ -77,7 +77,7 @@ def never_reads(torture, row):
         row.require(not observer.closed, "the honest observer lost its connection")
         grown = max(sizes[3:]) / sizes[2] - 1
         row.require(grown < 0.1, f"memory grew by {100 * grown:.0f} % after pass 3")
-        row.notes.append(f"{observer.signals} signals to the honest observer, all changes within {max(seconds):.1f} s of the pass")
+        row.notes.append(f"{observer.signals} signals to the honest observer, all changes {max(seconds):.1f} s after a pass")
         silent.close()
 
 
