@@ -18,6 +18,7 @@ MANY = 10_000  # URLs in a call: as many as it may have
 def measure(torture, client, flood):
     if flood:
         flood.go()
+        time.sleep(0.5)  # it is at its height when the honest client begins
     client.go()
     time.sleep(torture.window)
     answers = client.stop()

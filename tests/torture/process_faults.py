@@ -13,6 +13,7 @@ import processes
 import wire
 from attacks import ENDING, Impossible, ask_to_end, attack, end_status, note_answers, note_memory, watch
 from helpers import Flood, HonestClient, Times
+from link_faults import menu_time
 from room import FOLDERS
 from waiting import until
 
@@ -225,7 +226,7 @@ def small_files(torture, row):
     note_answers(row, answers)
 
 
-@attack("64 descriptors (RLIMIT_NOFILE)", "goes on: nothing lost; or ends and says why")
+@attack("64 descriptors (RLIMIT_NOFILE)", "goes on: nothing lost, sync.db and menus there after the load; or says why")
 def few_descriptors(torture, row):
     with torture.room() as room:
         process = room.start_extension(["prlimit", "--nofile=64", "--"])
@@ -243,8 +244,10 @@ def few_descriptors(torture, row):
         menus.join()
         answers = client.stop()
         flood.stop()
-        note_memory(row, memory)
         row.notes.append(f"{count_descriptors(process)} descriptors at the end")
+        if process.poll() is None:
+            look_at_what_needs_descriptors(room, row)
+        note_memory(row, memory)
         if process.poll() is not None and process.returncode > 0:
             row.notes.append(f"it ended and said: {room.last_words()}")
             return
@@ -252,6 +255,17 @@ def few_descriptors(torture, row):
     row.times(answers.badges)
     row.lost += answers.lost()
     row.require(not row.lost, "something was lost")
+
+
+def look_at_what_needs_descriptors(room, row):
+    """With the load gone, sync.db and the sync application can be reached; or the extension has said why not."""
+    begun = time.monotonic()
+    while (badge := room.badge("cold/item.txt")) != "SYNCED" and time.monotonic() < begun + 5:
+        time.sleep(0.05)
+    _, enabled = menu_time(room)
+    said = "too many open files" in (room.log_text() + room.output.read_text(errors="replace")).lower()
+    row.require(said or badge == "SYNCED", f"sync.db is not read any more ({badge!r}), and nobody says why")
+    row.require(said or enabled == 5, "menus are greyed, and nobody says why")
 
 
 def ask_for_menus(room, clients, end):

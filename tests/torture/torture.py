@@ -55,6 +55,7 @@ def main():
     take_the_port()
     processes.adopt_orphans()
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
+    signal.signal(signal.SIGINT, signal.default_int_handler)  # also when it was started to ignore it
     folder = pathlib.Path(tempfile.mkdtemp(prefix="vornet-torture-"))
     folder.chmod(0o755)  # another user's process starts from here
     torture = Torture(arguments.build, folder, arguments.short, arguments.verbose)
