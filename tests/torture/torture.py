@@ -44,7 +44,7 @@ def take_the_port():
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--build", required=True, type=lambda text: pathlib.Path(text).resolve())
-    parser.add_argument("--short", action="store_true", help="short windows, fewer rounds: three minutes at most")
+    parser.add_argument("--short", action="store_true", help="short windows, fewer rounds: about three minutes")
     parser.add_argument("--only", action="append", default=[], help="only the attacks whose names hold this text")
     parser.add_argument("--markdown", type=pathlib.Path, help="also writes the table to this file")
     parser.add_argument("--verbose", action="store_true", help="says why an attack could not run, and how long each took")
