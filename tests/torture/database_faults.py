@@ -1,0 +1,57 @@
+"""Faults of sync.db while it is asked."""
+
+import contextlib
+import sqlite3
+import time
+
+from attacks import attack, note_answers, note_memory, watch
+from helpers import Flood, HonestClient
+
+BATCH = 500
+
+
+@attack(
+    "sync.db locked, two batches of 500 under way",
+    "cached badge p99 < 100 ms; nothing lost; right badge 2 s after the lock",
+)
+def locked(torture, row):
+    with torture.room() as room:
+        process = room.start_extension()
+        client = room.keep(HonestClient(room))
+        urls = [room.url(f"cold/e{number:05}") for number in range(BATCH)]
+        flood = room.keep(Flood(room, "badges", urls, connections=2))
+        memory = watch(process)
+        with contextlib.closing(sqlite3.connect(room.container / "sync.db", isolation_level=None)) as writer:
+            writer.execute("BEGIN EXCLUSIVE")
+            client.go()
+            flood.go()
+            time.sleep(torture.window)
+            answers = client.stop()
+            writer.execute("ROLLBACK")
+        done = flood.stop()
+        note_memory(row, memory)
+        took = room.wait_for_badge("cold/item.txt", "SYNCED")
+        row.require(took < 2, f"right badge {took:.1f} s after the lock")
+        row.notes.append(f"{done['answered']} of {done['sent']} batches answered under the lock; right badge {took:.2f} s after")
+    note_answers(row, answers)
+
+
+@attack("sync.db replaced every 50 ms while asked", "badge p99 < 100 ms; none missing; right 2 s after the last one")
+def replaced(torture, row):
+    with torture.room() as room:
+        process = room.start_extension()
+        client = room.keep(HonestClient(room, badges=("SYNCED", "PENDING"), item=room.url("cold/item.txt"), menu=False))
+        memory = watch(process)
+        client.go()
+        end, count = time.monotonic() + torture.window, 0
+        while time.monotonic() < end:
+            count += 1
+            room.write_database({"/cold/item.txt": 1 + count % 2, f"/cold/{count}": 2})
+            time.sleep(0.05)
+        answers = client.stop()
+        room.write_database({"/cold/item.txt": 0})
+        took = room.wait_for_badge("cold/item.txt", "SKIPPED")
+        note_memory(row, memory)
+        row.require(took < 2, f"right badge {took:.1f} s after the last one")
+        row.notes.append(f"replaced {count} times, right badge after {took:.2f} s")
+    note_answers(row, answers)

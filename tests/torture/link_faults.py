@@ -1,0 +1,268 @@
+"""Faults of the sync application: the link's other end."""
+
+import os
+import time
+
+import wire
+from attacks import CHANGE, Impossible, attack, note_answers, note_memory, watch
+from helpers import HonestClient, SyncApplication, Times
+from room import run_vornet_vi
+from waiting import NotSeen, until
+
+EXCHANGE = 3.3  # seconds: 3.1 of the exchange, and the bus on a loaded machine
+AT_ONCE = 1.0  # seconds
+
+
+def menu_time(room, name="honest/item.txt", timeout=30):
+    """Asks for a menu; the seconds and how many of its entries are enabled."""
+    begun = time.monotonic()
+    reply = room.client.ask(wire.menu(wire.NAME, [room.url(name)]), timeout)
+    if reply is None or reply.kind == wire.ERROR:
+        raise NotSeen(f"the menu: {reply.error if reply else f'none in {timeout} s'}")
+    return time.monotonic() - begun, sum(entry[2] for entry in reply.arguments()[0])
+
+
+def menus_at_once(room, clients, timeout=30):
+    """Has all of `clients` ask for a menu at once; their replies."""
+    call = wire.menu(wire.NAME, [room.url("honest/item.txt")])
+    serials = [client.send(call) for client in clients]
+    return [client.reply(serial, timeout) for client, serial in zip(clients, serials)]
+
+
+def enabled_in(reply):
+    return sum(entry[2] for entry in reply.arguments()[0]) if reply and reply.kind == wire.RETURN else 0
+
+
+def keep_connections(room, clients):
+    """An extension that keeps connections has one for each of its threads now: all of these menus are under way together."""
+    room.sync.fault("slow")
+    replies = menus_at_once(room, clients)
+    room.sync.fault("")
+    if not all(enabled_in(reply) == 5 for reply in replies):
+        raise NotSeen("the menus of an application that behaves")
+
+
+def slow_menus(row, room, faults, rounds):
+    """Every menu ends in time, whichever of the faults it meets; after it the next one is right again."""
+    seconds = []
+    clients = [wire.Connection(room.address) for _ in range(4)]
+    for _ in range(rounds):
+        for fault in faults:
+            keep_connections(room, clients)
+            room.sync.fault(fault)
+            took, enabled = menu_time(room)
+            seconds.append(took)
+            row.require(enabled == 0, f"{enabled} entries enabled by {fault}")
+            row.require(took < EXCHANGE, f"{fault}: {took:.2f} s")
+            row.notes.append(f"{fault}: {took:.2f} s")
+    row.times(Times([1000 * one for one in seconds]))
+
+
+@attack("application: silent 2.79 s, then closing", "every menu ends within 3.1 s (at the bus 3.3 s)")
+def silent(torture, row):
+    with torture.room() as room:
+        memory = watch(room.start_extension())
+        slow_menus(row, room, ["silent_then_close"], torture.some(5, 1))
+        note_memory(row, memory)
+
+
+@attack("application: dripping headers, body", "every menu ends within 3.1 s (at the bus 3.3 s)")
+def dripping(torture, row):
+    with torture.room() as room:
+        memory = watch(room.start_extension())
+        slow_menus(row, room, ["drip_headers", "drip_body"], torture.some(3, 1))
+        note_memory(row, memory)
+
+
+@attack("application: reply cut in its headers", "counts as no answer: badges stay, the folder's changes come again")
+def cut(torture, row):
+    with torture.room() as room:
+        memory = watch(room.start_extension())
+        room.observe("honest")
+        statuses = {"/honest/item.txt": 1, "/honest/other": 1}
+        room.sync.tell(items={"/honest/": statuses})
+        room.wait_for_badge("honest/other", "PENDING")
+        seconds = []
+        changes = (("cut_200", "PENDING", "SKIPPED"), ("cut_404", "SKIPPED", "SYNCED"))
+        for number, (fault, shown, badge) in enumerate(changes):
+            before = room.sync.received()["requests"]["get_icons_for_folder"]
+            room.sync.fault(fault)
+            (room.root / f"new{number}").mkdir()
+            room.observe(f"new{number}")  # has all be polled
+            until("polls that are cut", lambda: room.sync.received()["requests"]["get_icons_for_folder"] >= before + 2)
+            kept = room.badge("honest/other")
+            row.require(kept == shown, f"the badge {kept!r} after {fault}, not {shown}")
+            room.sync.tell(items={"/honest/": {key: (0, 2)[number] for key in statuses}})
+            room.sync.fault("")
+            try:
+                seconds.append(room.wait_for_badge("honest/item.txt", badge, CHANGE))
+                row.notes.append(f"{fault}: change after {seconds[-1]:.1f} s")
+            except NotSeen:
+                row.lost.append(f"the folder's changes after {fault}")
+        row.require(not row.lost, "something was lost")
+        note_memory(row, memory)
+
+
+@attack("application: serves one connection at a time", "every menu within 1 s, none greyed, while folders are polled")
+def one_at_a_time(torture, row):
+    with torture.room() as room:
+        room.sync.tell(one_at_a_time=True)
+        memory = watch(room.start_extension())
+        room.observe("honest")
+        clients = [wire.Connection(room.address) for _ in range(4)]
+        milliseconds, greyed = [], 0
+        for number in range(torture.some(20, 5)):
+            begun = time.monotonic()
+            replies = menus_at_once(room, clients)
+            milliseconds.append(1000 * (time.monotonic() - begun))  # of the last of them
+            greyed += sum(enabled_in(reply) != 5 for reply in replies)
+            if number % 3 == 0:
+                (room.root / f"another{number}").mkdir()
+                room.observe(f"another{number}")
+            if milliseconds[-1] > 10_000:
+                break  # enough was seen
+        row.times(Times(milliseconds))
+        row.lost += [f"{greyed} of {len(clients) * len(milliseconds)} menus greyed"] if greyed else []
+        row.require(not greyed, "menus greyed")
+        row.require(max(milliseconds) < 1000 * AT_ONCE, f"longest {max(milliseconds) / 1000:.1f} s")
+        note_memory(row, memory)
+
+
+@attack("application: closes or resets after an action", "every action is received exactly once")
+def actions(torture, row):
+    with torture.room() as room:
+        memory = watch(room.start_extension())
+        clients = [wire.Connection(room.address) for _ in range(4)]
+        count = torture.some(40, 10)
+        for number in range(count):
+            (room.root / f"action{number}").touch()
+        for number in range(count):
+            keep_connections(room, clients)
+            room.sync.fault(("close", "reset")[number % 2], "select_context_menu")
+            arguments = ("copyLink:", [room.url(f"action{number}")])
+            room.client.ask(wire.Call(wire.NAME, "PerformAction", wire.GLib.Variant("(sas)", arguments)), 30)
+            room.sync.fault("", "select_context_menu")
+        received = room.sync.received()["actions"]
+        times = [received.count([f"/action{number}"]) for number in range(count)]
+        twice, never = sum(one > 1 for one in times), times.count(0)
+        row.lost += [f"{never} actions"] if never else []
+        row.require(not never and not twice, f"{twice} received more than once, {never} never")
+        row.notes.append(f"{count} performed, {len(received)} received")
+        note_memory(row, memory)
+
+
+def huge(row, room, fault, most):
+    """Statuses of which the first reply is huge and the next ones are small."""
+    process = room.start_extension()
+    room.observe("honest")
+    room.force_pass()
+    menu_time(room)  # what the first exchange needs is there
+    memory = watch(process)
+    client = room.keep(HonestClient(room, menu=False))
+    client.go()
+    before = room.sync.received()["requests"]["get_icons_for_folder"]
+    room.sync.fault(fault)
+    (room.root / "huge").mkdir()
+    room.observe("huge")
+    until("huge replies", lambda: memory.killed or room.sync.received()["requests"]["get_icons_for_folder"] >= before + 1)
+    time.sleep(3.2)  # the time of an exchange: it has come, or has been given up
+    room.sync.fault("")
+    answers = client.stop()
+    if not memory.killed:
+        room.force_pass()
+        room.force_pass()
+    note_memory(row, memory)
+    row.require(memory.peak < most, f"peak {memory.peak:,.0f} MiB")
+    row.require(memory.after is None or memory.after < 1.1 * memory.before + 1, f"{memory.after or 0:,.0f} MiB kept")
+    row.times(answers.badges)
+    row.lost += answers.lost()
+    row.require(not row.lost, "something was lost")
+
+
+@attack(
+    "application: 250 MiB of statuses that are none",
+    "peak < 192 MiB; memory back within 10 % by the next pass; no badge lost",
+)
+def huge_mismatch(torture, row):
+    with torture.room() as room:
+        huge(row, room, "huge_mismatch", 192)
+
+
+@attack(
+    "application: 60 MiB of statuses, then few",
+    "peak < 3 x 60 MiB + before; memory back within 10 % by the next pass; no badge lost",
+)
+def huge_statuses(torture, row):
+    with torture.room() as room:
+        huge(row, room, "huge_statuses", 180 + 25)
+
+
+@attack("application: four menus of 250 MiB at once", "peak < 50 MiB, as menus have 1 MiB at most; memory back; greyed")
+def huge_menus(torture, row):
+    with torture.room() as room:
+        process = room.start_extension()
+        menu_time(room)  # what the first exchange needs is there
+        memory = watch(process)
+        room.sync.fault("huge_menu", "mac_populate_menu")
+        clients = [wire.Connection(room.address) for _ in range(4)]
+        replies = menus_at_once(room, clients, 60)
+        row.require(all(replies), "not every menu was answered")
+        enabled = sum(enabled_in(reply) > 0 for reply in replies)
+        row.require(not enabled, f"{enabled} menus took the reply")
+        room.sync.fault("", "mac_populate_menu")
+        if not memory.killed:
+            took, after = menu_time(room)
+            row.require(after == 5, "the next menu is greyed")
+        note_memory(row, memory, 50)
+        row.require(memory.after is None or memory.after < 1.1 * memory.before + 1, f"{memory.after or 0:,.0f} MiB kept")
+
+
+@attack("application: flapping every 100 ms", "badge p99 < 100 ms; none refused or wrong; a change within 15 s after it")
+def flapping(torture, row):
+    with torture.room() as room:
+        memory = watch(room.start_extension())
+        room.observe("honest")
+        room.sync.tell(items={"/honest/": {"/honest/item.txt": 2, "/honest/other": 1}})
+        room.wait_for_badge("honest/other", "PENDING")
+        client = room.keep(HonestClient(room, menu=False))
+        client.go()
+        room.sync.tell(flap=0.1)
+        end, menus = time.monotonic() + torture.window, []
+        while time.monotonic() < end:
+            menus.append(menu_time(room))
+        answers = client.stop()
+        room.sync.tell(flap=0)
+        room.sync.tell(items={"/honest/": {"/honest/item.txt": 0, "/honest/other": 1}})
+        took = room.wait_for_badge("honest/item.txt", "SKIPPED", CHANGE)
+        note_memory(row, memory)
+        row.require(max(seconds for seconds, _ in menus) < EXCHANGE, "a menu took longer than an exchange may")
+        given = sum(enabled == 5 for _, enabled in menus)
+        row.notes.append(f"{len(menus)} menus, {given} of them while it listened; change after {took:.1f} s")
+    note_answers(row, answers)
+
+
+@attack("port 8806 held by another user's process", "nothing is sent; menus greyed at once; `vornet-vi status` says so")
+def another_user(torture, row):
+    if os.geteuid() != 0:
+        raise Impossible("only root can start another user's process")
+    with torture.room(sync=False) as room:
+        nobody = ["setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups", "--"]
+        stranger = room.keep(SyncApplication(room, wrapper=nobody))
+        stranger.tell(items={"/honest/": {"/honest/item.txt": 0}})
+        memory = watch(room.start_extension())
+        room.observe("honest")
+        took, enabled = menu_time(room)
+        arguments = wire.GLib.Variant("(sas)", ("copyLink:", [room.url("honest/item.txt")]))
+        room.client.ask(wire.Call(wire.NAME, "PerformAction", arguments), 30)
+        until("a poll in the log", lambda: "ds not connected" in room.log_text() or stranger.received()["bytes"] > 0)
+        report = stranger.received()
+        row.lost += [f"{count} x {command}" for command, count in report["requests"].items()]
+        status = run_vornet_vi(room, "status")
+        sent = stranger.received()["bytes"] - report["bytes"]
+        row.lost += [f"{sent} bytes of vornet-vi status"] if sent else []
+        row.require(not row.lost, f"{report['bytes']} bytes sent to another user's process")
+        row.require(not enabled, f"{enabled} entries enabled by another user")
+        row.require(room.badge("honest/item.txt") == "SYNCED", "its badge was believed")
+        row.require(took < AT_ONCE, f"menu after {took:.1f} s")
+        row.require("another user" in status.lower(), "vornet-vi status does not say so")
+        note_memory(row, memory)

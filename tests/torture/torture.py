@@ -1,0 +1,82 @@
+"""Attacks the extension from outside and prints one table; see docs/reliability.md. Usage: torture.py --build DIR [--short]
+[--only TEXT]… [--markdown FILE] [--verbose]. Exit status 1 when a row misses its target, 2 for wrong usage."""
+
+import argparse
+import os
+import pathlib
+import shutil
+import signal
+import socket
+import sys
+import tempfile
+import time
+
+sys.path.insert(1, str(pathlib.Path(__file__).resolve().parent.parent / "desktop"))
+import namespaces
+import processes
+import table
+from attacks import ATTACKS, Torture
+from sync_application import PORT
+
+# They register their attacks, in this order.
+import bus_floods
+import database_faults
+import link_faults
+import process_faults
+import preference_faults
+import observers
+
+
+def take_the_port():
+    """With namespaces of its own the port is free. Without, it is the machine's and must be."""
+    if os.environ.get(namespaces.MARK) == str(os.getpid()) or namespaces.are_possible():
+        namespaces.enter()  # starts this program anew, the first time
+        namespaces.bring_up_loopback()
+        return
+    with socket.socket() as probe:
+        probe.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        try:
+            probe.bind(("127.0.0.1", PORT))
+        except OSError as error:
+            sys.exit(f"torture: port {PORT} is not free: {error.strerror}; end the sync application first")
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--build", required=True, type=lambda text: pathlib.Path(text).resolve())
+    parser.add_argument("--short", action="store_true", help="short windows, fewer rounds: about three minutes")
+    parser.add_argument("--only", action="append", default=[], help="only the attacks whose names hold this text")
+    parser.add_argument("--markdown", type=pathlib.Path, help="also writes the table to this file")
+    parser.add_argument("--verbose", action="store_true", help="says why an attack could not run, and how long each took")
+    arguments = parser.parse_args()
+    chosen = [one for one in ATTACKS if not arguments.only or any(text in one[0] for text in arguments.only)]
+    if not chosen:
+        parser.error("no attack has such a name")
+    take_the_port()
+    processes.adopt_orphans()
+    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
+    signal.signal(signal.SIGINT, signal.default_int_handler)  # also when it was started to ignore it
+    folder = pathlib.Path(tempfile.mkdtemp(prefix="vornet-torture-"))
+    folder.chmod(0o755)  # another user's process starts from here
+    torture = Torture(arguments.build, folder, arguments.short, arguments.verbose)
+    rows, begun = [], time.monotonic()
+    try:
+        print(table.header(), flush=True)
+        for name, target, function in chosen:
+            rows.append(torture.run(name, target, function))
+            print("\n".join(table.lines(rows[-1])), flush=True)
+    finally:
+        processes.end_all()
+        shutil.rmtree(folder, ignore_errors=True)
+    print(table.footer(rows))
+    print(f"{time.monotonic() - begun:.0f} s on {os.cpu_count()} processors, load {os.getloadavg()[0]:.1f} at the end")
+    if arguments.markdown:
+        arguments.markdown.write_text("\n".join(table.markdown(rows)) + "\n", encoding="utf-8")
+    return int(any(row.failed() for row in rows))
+
+
+if __name__ == "__main__":
+    try:
+        sys.exit(main())
+    except KeyboardInterrupt:
+        sys.exit(130)
