@@ -19,6 +19,9 @@ using platform::FileURL;
 // Just longer than the time for which no look-up waits for a lock, so that the first one of a round waits again.
 constexpr std::chrono::milliseconds BETWEEN_ROUNDS{1050};
 
+// Items of a long call that are asked for before short calls of others get a turn.
+constexpr std::size_t ITEMS_A_TURN = 50;
+
 // Look-ups that a round makes before questions of clients get their turn.
 constexpr std::size_t LOOK_UPS_A_TURN = 200;
 
@@ -65,10 +68,11 @@ std::optional<std::string> BadgeAnswers::ask(const FileURL& item) const {
 }
 
 BadgeAnswers::Outcome BadgeAnswers::answer(const std::string& client, const std::vector<FileURL>& items,
-                                           const Reply& reply) {
+                                           WorkPool& pool, const Reply& reply) {
   const auto roots = FIFinderSyncController::defaultController().directoryURLs();
   std::vector<std::optional<std::string>> found(items.size());
   for (std::size_t i = 0; i < items.size(); ++i) {
+    if (i % ITEMS_A_TURN == ITEMS_A_TURN - 1) pool.giveWay();
     if (carriesBadge(roots, items[i])) found[i] = ask(items[i]);
   }
 

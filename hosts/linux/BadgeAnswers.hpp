@@ -35,8 +35,9 @@ class BadgeAnswers {
 
   /// Calls `reply` with the identifier of each item, "" for none; `client` (a unique bus name) is who asks. On the
   /// thread of look-ups, unless the items are cached. An item whose look-up fails because the database is locked keeps
-  /// the badge that it was last known to carry.
-  Outcome answer(const std::string& client, const std::vector<platform::FileURL>& items, const Reply& reply);
+  /// the badge that it was last known to carry. `pool`: whose thread this is; others get their turns there meanwhile.
+  Outcome answer(const std::string& client, const std::vector<platform::FileURL>& items, WorkPool& pool,
+                 const Reply& reply);
 
   /// Asks again, soon, for every item of the folder on screen at `folder` that was asked for. Never refused.
   void askAgain(const std::string& folder);

@@ -34,7 +34,7 @@ class BadgeChangesTest : public testing::Test {
   test::BusClient client{bus.address()};
   GDBusConnection* connection = nullptr;
   ObservationRegistry observations{50};
-  WorkPool pool{2, 10};
+  WorkPool pool{2};
 };
 
 TEST_F(BadgeChangesTest, SendNothingWhileAnAnswerIsBeingGiven) {

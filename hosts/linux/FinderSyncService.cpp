@@ -131,7 +131,7 @@ void FinderSyncService::stop() {
   g_signal_handlers_disconnect_by_data(skeleton_, this);
   unwatchClients();
   // All at once, before any is waited for: none may begin something of seconds meanwhile.
-  for (auto* pool : {&badges_, &menus_, &observing_}) pool->requestStop();
+  for (auto* pool : {&badges_, &lookUps_, &menus_, &observing_}) pool->requestStop();
   badges_.stop();
   lookUps_.stop();
   menus_.stop();

@@ -54,7 +54,7 @@ class FinderSyncService : private platform::host::Listener {
   void beginObserving(GDBusMethodInvocation* invocation, const std::string& folder);
   void endObserving(GDBusMethodInvocation* invocation, const std::string& folder);
   void requestBadges(GDBusMethodInvocation* invocation, const Strings& items);
-  void answerBadges(GDBusMethodInvocation* invocation, const URLs& items);
+  void answerBadges(GDBusMethodInvocation* invocation, const URLs& items, WorkPool& pool);
   void getMenu(GDBusMethodInvocation* invocation, const Strings& selection);
   void performAction(GDBusMethodInvocation* invocation, const std::string& action, const Strings& selection);
   void watchClient(const std::string& client);

@@ -47,16 +47,13 @@ void WorkPool::giveWay() {
   std::optional<Work> work;
   {
     const std::lock_guard guard(lock_);
-    work = waiting_.take([](const std::string&, const Work& next) { return !next.isLong; });
+    // Not the service's own work, which may rely on being the only one on its thread.
+    work = waiting_.take([](const std::string& client, const Work& next) { return !client.empty() && !next.isLong; });
   }
   if (!work) return;
   mayGiveWay = false;
   work->run();
   mayGiveWay = true;
-}
-
-void WorkPool::postOwn(std::function<void()> work) {
-  boost::asio::post(threads_, std::move(work));
 }
 
 void WorkPool::join() {

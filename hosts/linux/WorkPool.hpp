@@ -23,15 +23,12 @@ class WorkPool {
   /// Gives `client`'s work, which costs as much as so many items, to the threads. `work` must not throw.
   void post(const std::string& client, std::size_t cost, std::function<void()> work);
 
-  /// Gives the service's own work to the threads. It takes turns with the clients'.
-  void post(std::function<void()> work) { post({}, 1, std::move(work)); }
+  /// Gives the service's own work to the threads. It takes turns with the clients'. `work` must not throw.
+  void postOwn(std::function<void()> work) { post({}, 1, std::move(work)); }
 
   /// To be called by work now and then, as often as it deals with some dozens of items: when it is long, runs the short
-  /// work whose turn it is on this thread. No lock may be held that other work takes.
+  /// work of a client whose turn it is on this thread. No lock may be held that other work takes.
   void giveWay();
-
-  /// Gives work of the service's own to the threads: it is never refused. `work` must not throw.
-  void postOwn(std::function<void()> work);
 
   /// Runs what was given, then ends the threads. Once, at the end.
   void join();

@@ -31,7 +31,7 @@ TEST(WorkPool, ClientsTakeTurns) {
   WorkPool pool(1);
   Gate gate;
   std::vector<std::string> order;
-  pool.post([&gate] { gate.pass(); });
+  pool.postOwn([&gate] { gate.pass(); });
   for (const char* client : {"a", "a", "a", "b", "b"}) {
     pool.post(client, 10, [&order, client] { order.emplace_back(client); });
   }
@@ -45,9 +45,9 @@ TEST(WorkPool, ItsOwnersWorkIsTakenHoweverMuchWaitsAndRunsSoon) {
   Gate gate;
   std::atomic<int> ran{0};
   int before = -1;
-  pool.post([&gate] { gate.pass(); });
+  pool.postOwn([&gate] { gate.pass(); });
   for (int i = 0; i < 50'000; ++i) pool.post("client", 1, [&ran] { ++ran; });
-  pool.post([&ran, &before] { before = ran; });
+  pool.postOwn([&ran, &before] { before = ran; });
   gate.open();
   pool.join();
   EXPECT_EQ(ran, 50'000);
