@@ -64,6 +64,7 @@ class Reader {
   std::optional<std::string_view> terminated(std::size_t length) {
     if (bytes_.size() - position_ <= length || bytes_[position_ + length] != '\0') return std::nullopt;
     const auto result = bytes_.substr(position_, length);
+    if (result.find('\0') != std::string_view::npos) return std::nullopt;  // another reader would take it for the end
     position_ += length + 1;
     return result;
   }

@@ -84,6 +84,16 @@ TEST(MessageHeader, RefusesWhatIsNoMessage) {
   EXPECT_FALSE(messageLength(longer));
 }
 
+TEST(MessageHeader, RefusesATextThatHoldsANul) {
+  auto member = messageOf(nullptr);
+  member[member.find("Member") + 3] = '\0';  // GLib would read "Mem"
+  EXPECT_FALSE(readMessageHeader(member));
+  auto listed = messageOf(g_variant_new("(@as)", list({"one", "two"})));
+  listed[listed.find("two") + 1] = '\0';
+  EXPECT_TRUE(readMessageHeader(listed));
+  EXPECT_FALSE(countIn(listed));
+}
+
 TEST(MessageHeader, AnyByteMayBeWrong) {
   const auto good = messageOf(g_variant_new("(@as)", list({"one", "two", "three"})));
   for (std::size_t place = 0; place < good.size(); ++place) {
