@@ -185,6 +185,7 @@ void ExtensionLink::connected(GDBusConnection* connection) {
 
 void ExtensionLink::disconnect() {
   if (!connection_) return;
+  const ContextScope scope(context_);  // where the closing completes, or the connection is never given back
   ready_ = starting_ = false;
   owner_.clear();
   unsubscribe();

@@ -23,13 +23,24 @@ struct FakeWindows::Parts {
                {}, folder / "server.output") {
     const auto until = std::chrono::steady_clock::now() + 30s;
     std::string number;
-    while (!number.ends_with('\n')) {  // printed once it takes clients
-      if (std::chrono::steady_clock::now() > until) throw std::runtime_error("no display: " + number);
+    while (number.empty()) {
+      if (std::chrono::steady_clock::now() > until) {
+        throw std::runtime_error("no display: " + readFile(folder / "server.output"));
+      }
       std::this_thread::sleep_for(5ms);
-      number = readFile(folder / "server.output");
+      number = numberIn(readFile(folder / "server.output"));
     }
-    number.pop_back();
     display.emplace("DISPLAY", ":" + number);
+  }
+
+  /// The line that is a number: it is printed once the display takes clients, and warnings may stand before it, when
+  /// other servers begin at the same time.
+  static std::string numberIn(const std::string& output) {
+    for (std::size_t from = 0, end; (end = output.find('\n', from)) != std::string::npos; from = end + 1) {
+      const auto line = output.substr(from, end - from);
+      if (!line.empty() && line.find_first_not_of("0123456789") == std::string::npos) return line;
+    }
+    return {};
   }
 
   TemporaryFolder folder;
