@@ -404,8 +404,8 @@ class Dolphin(FileManager):
 
     @staticmethod
     def plugin_folder(build):
-        """The folder of Qt's plug-ins in the build tree, which holds kf5/overlayicon."""
-        found = sorted(build.glob("lib/*/qt5/plugins/kf5/overlayicon")) + sorted(build.glob("lib/*/plugins/kf5/overlayicon"))
+        """The folder of Qt's plug-ins in the build tree, which holds kf5/overlayicon or kf6/overlayicon."""
+        found = sorted(build.glob("lib/*/**/plugins/kf[56]/overlayicon"))
         return found[0].parent.parent.relative_to(build) if found else "lib/plugins"
 
     def enter(self, folder):
