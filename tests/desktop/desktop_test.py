@@ -353,7 +353,7 @@ def main():
     parser.add_argument("--keep", type=pathlib.Path, help="folder for what a failed step leaves (default: in the build tree)")
     arguments = parser.parse_args()
     arguments.keep = (arguments.keep or arguments.build / "desktop" / arguments.manager).resolve()
-    namespaces.enter()
+    namespaces.enter(ordinary=True)
     namespaces.bring_up_loopback()
     processes.adopt_orphans()
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))

@@ -13,6 +13,7 @@ from waiting import NotSeen, until, until_equal
 
 MENU_ITEMS = ("menu item", "check menu item", "radio menu item")
 FEWEST_PIXELS = 20  # of an emblem's colour, to count as one
+VIEW_PADDING = 24  # of Nautilus's grid, in pixels
 ENTRIES = ("Share", "Copy Link", "Comments", "View versions", "View in Cloud")
 
 
@@ -172,7 +173,10 @@ class FileManager:
     def _open_menu(self, item):
         self.open_menu(item)
         nodes = until("the menu", self.menu_nodes)
-        return {node.name(): node for node in nodes}
+        return {self.title(node): node for node in nodes}
+
+    def title(self, entry):
+        return entry.name()
 
     def close_menu(self):
         self.session.xdotool("key", "Escape")
@@ -291,11 +295,16 @@ class Nautilus(FileManager):
     def is_item(self, node):
         return super().is_item(node) and node.name() != "NautilusGridCell"
 
+    def _items_below(self, node):
+        """From version 51 on their names are followed by their kinds."""
+        return {re.sub(r"\. (File|Folder)$", "", name): item for name, item in super()._items_below(node).items()}
+
     def view_of(self, item):
         return item.parent().parent()
 
     def rectangles(self):
-        """GTK 4 knows positions in the window alone, without the margin that is for resizing."""
+        """GTK 4 knows positions in the window alone, without the margin that is for resizing; from 4.18 on the frame says
+        how far its content is from its edge, and leaves out the padding of the view."""
         found = {}
         for item, node in self.items().items():
             box = node.extents(on_screen=False)
@@ -309,8 +318,10 @@ class Nautilus(FileManager):
             node = node.parent()
         window = self.windows()[-1]
         values = dict(re.findall(r"(\w+)=(-?\d+)", self.session.xdotool("getwindowgeometry", "--shell", window)))
-        margin = (int(values["WIDTH"]) - node.extents(on_screen=False)[2]) // 2
-        return int(values["X"]) + margin, int(values["Y"]) + margin
+        left, top, width, _ = node.extents(on_screen=False)
+        margin = (int(values["WIDTH"]) - width) // 2
+        padding = VIEW_PADDING if left else 0
+        return int(values["X"]) + margin - left + padding, int(values["Y"]) + margin - top + padding
 
     def _select(self, item):
         """By one click and, from then on, keys: GTK 4 passes over clicks after a menu that the pointer had opened."""
@@ -336,6 +347,10 @@ class Nautilus(FileManager):
     def open_menu(self, item):
         self._select(item)
         self.session.xdotool("key", "Menu")
+
+    def title(self, entry):
+        """From GTK 4.18 on an entry has no name but a label."""
+        return entry.name() or next(filter(None, entry.labels()), "")
 
     def menu_nodes(self):
         """Its menu is in its window, and no more once it is closed."""
@@ -391,12 +406,16 @@ class Dolphin(FileManager):
     program = "dolphin"
     command = ("dolphin", "--new-window")
     plugins = ()
-    cells = ("table cell",)
+    cells = ("table cell", "list item")  # of Qt 5 and of Qt 6
     pruned = ("menu bar", "tool bar", "menu item", "popup menu")
 
     def __init__(self, session):
         super().__init__(session)
         self._menu = None
+
+    def is_item(self, node):
+        """The list of files has its folder's name; that of places has none."""
+        return super().is_item(node) and (node.role() != "list item" or node.parent().name() != "")
 
     def start(self, folder, environment=None):
         plugins = f"{self.session.build}/{self.plugin_folder(self.session.build)}"

@@ -36,6 +36,9 @@ class Session:
             (self.home / folder).mkdir(parents=True, exist_ok=True)
         (self.folder / "runtime").chmod(0o700)
         (self.home / ".config/gtk-3.0/settings.ini").write_text("[Settings]\ngtk-menu-images=1\n")
+        # From version 48 on Nautilus dims emblems; here they are known by their colours.
+        (self.home / ".config/gtk-4.0").mkdir()
+        (self.home / ".config/gtk-4.0/gtk.css").write_text(".dim-label, .dimmed { opacity: 1; }\n")
         (self.home / ".config/kdeglobals").write_text("[Icons]\nTheme=breeze\n")
         emblems = self.folder / "colours/icons/hicolor/scalable/emblems"
         emblems.mkdir(parents=True)
