@@ -13,7 +13,7 @@ EMBLEMS = {"SYNCED": "emblem-vornet-synced", "PENDING": "emblem-vornet-pending",
 # Colours that no theme has, to know each emblem by.
 COLOURS = {"SYNCED": (0x18, 0xA1, 0x34), "PENDING": (0x1C, 0x6B, 0xE0), "SKIPPED": (0xD4, 0x1E, 0x2F)}
 # Those of the emblems themselves (resources/images/scalable).
-REAL_COLOURS = {"SYNCED": (0x15, 0x7A, 0x35), "PENDING": (0x0F, 0x5C, 0xB8), "SKIPPED": (0xC3, 0x20, 0x1F)}
+REAL_COLOURS = {"SYNCED": (0x00, 0x48, 0x1C), "PENDING": (0x0A, 0x2A, 0x7A), "SKIPPED": (0x8C, 0x10, 0x10)}
 KEPT = ("PATH", "TMPDIR")
 
 
