@@ -436,6 +436,12 @@ class Dolphin(FileManager):
         x, y, width, height = entry.extents()
         self.click(x + width // 2, y + height // 2)
 
+    def badges(self, names):
+        """Going up selects the folder left, maybe after rest(); emblems of what is selected have other colours."""
+        if any(item.has("SELECTED") for item in self.items().values()):
+            self.rest()
+        return super().badges(names)
+
     def _press_by_keys(self, entry):
         def is_marked():
             if not entry.has("FOCUSED"):
