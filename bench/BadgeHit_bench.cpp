@@ -68,7 +68,8 @@ void ours(benchmark::State& state, bool random) {
   const auto request = [&](const Sample& sample) {
     const platform::host::BadgeRequest asked(sample.url);
     extension.requestBadgeIdentifierForURL(sample.url);
-    benchmark::DoNotOptimize(asked.answer());
+    const auto* answer = &asked.answer();
+    benchmark::DoNotOptimize(answer);
   };
   request(fixture<Folders>()->samples[0]);
   ask(state, random, request);
@@ -89,7 +90,8 @@ void limit(benchmark::State& state, bool random) {
   ask(state, random, [&](const Sample& sample) {
     const auto& items = folders.find(std::string_view(sample.folder))->second;
     const StatusCode code = items.find(std::string_view(sample.path))->second;
-    benchmark::DoNotOptimize(IDENTIFIERS[code + 1]);
+    std::string_view identifier = IDENTIFIERS[code + 1];
+    benchmark::DoNotOptimize(identifier);
   });
 }
 
@@ -108,7 +110,8 @@ void straightforward(benchmark::State& state, bool random) {
   ask(state, random, [&](const Sample& sample) {
     const std::string folder = sample.path.substr(0, sample.path.rfind('/') + 1);
     const auto& items = folders.find(folder)->second;
-    benchmark::DoNotOptimize(identifiers.find(items.find(sample.path)->second)->second);
+    const std::string* identifier = &identifiers.find(items.find(sample.path)->second)->second;
+    benchmark::DoNotOptimize(identifier);
   });
 }
 

@@ -5,15 +5,17 @@ set(VORNET_MACOS_CHECKS AUTO CACHE STRING
   "Check the macOS host: ON, OFF, SOURCES (without running it), or AUTO for what the installed tools allow")
 set_property(CACHE VORNET_MACOS_CHECKS PROPERTY STRINGS AUTO ON SOURCES OFF)
 
-find_program(VORNET_CLANGXX NAMES clang++-14 clang++)
-find_path(VORNET_GNUSTEP_HEADERS AppKit/AppKit.h PATHS /usr/include/GNUstep)
+find_program(VORNET_CLANGXX NAMES clang++-14 clang++-19 clang++)
+# Debian 13 has them in the folder of the architecture.
+find_path(VORNET_GNUSTEP_HEADERS AppKit/AppKit.h
+  PATHS "/usr/include/${CMAKE_LIBRARY_ARCHITECTURE}/GNUstep" /usr/include/GNUstep)
 find_library(VORNET_GNUSTEP_GUI gnustep-gui)
 find_package(Python3 COMPONENTS Interpreter)
 find_program(VORNET_NINJA ninja)
 include(VornetObjectiveC)
 
 set(missing "")
-foreach(tool IN ITEMS VORNET_CLANGXX:clang VORNET_GNUSTEP_HEADERS:libgnustep-gui-dev VORNET_OBJC_HEADERS:libobjc-12-dev
+foreach(tool IN ITEMS VORNET_CLANGXX:clang VORNET_GNUSTEP_HEADERS:libgnustep-gui-dev VORNET_OBJC_HEADERS:libobjc-dev
     VORNET_GNUSTEP_GUI:libgnustep-gui-dev VORNET_NINJA:ninja-build Python3_EXECUTABLE:python3)
   string(REPLACE ":" ";" tool "${tool}")
   list(GET tool 0 variable)

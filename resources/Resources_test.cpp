@@ -92,13 +92,14 @@ double luminance(double red, double green, double blue) {
 
 /// Share of the silhouette whose contrast ratio with a background of that grey is at least 3, the least that the
 /// accessibility guidelines ask of a graphical object; https://www.w3.org/TR/WCAG21/#non-text-contrast
-double visibleShare(const Picture& picture, double background) {
+/// `opacity`: 0 to 1, with which the picture is painted.
+double visibleShare(const Picture& picture, double background, double opacity = 1) {
   int solid = 0;
   int visible = 0;
   for (const auto& pixel : picture.pixels) {
     if (!pixel.solid()) continue;
     ++solid;
-    const double alpha = pixel.alpha / 255.0;
+    const double alpha = pixel.alpha / 255.0 * opacity;
     const auto over = [&](std::uint8_t channel) { return channel * alpha + background * (1 - alpha); };
     const double seen = luminance(over(pixel.red), over(pixel.green), over(pixel.blue));
     const double behind = luminance(background, background, background);
@@ -137,7 +138,7 @@ void expectSelfContained(const xmlNode* node) {
     ASSERT_NE(node->ns, nullptr) << name;
     EXPECT_EQ(text(node->ns->href), "http://www.w3.org/2000/svg") << name;
     EXPECT_EQ(node->nsDef == nullptr ? nullptr : node->nsDef->next, nullptr) << name << " declares further namespaces";
-    EXPECT_THAT(name, testing::AnyOf("svg", "title", "g", "path", "circle"));
+    EXPECT_THAT(name, testing::AnyOf("svg", "title", "g", "path", "circle", "rect"));
     for (const xmlAttr* attribute = node->properties; attribute != nullptr; attribute = attribute->next) {
       const std::unique_ptr<xmlChar, void (*)(void*)> value(xmlNodeGetContent(attribute->children), xmlFree);
       EXPECT_NE(text(attribute->name), "href");
@@ -203,6 +204,19 @@ TEST(Resources, ImagesStandOutOnLightGreyAndDarkBackgrounds) {
     EXPECT_GE(visibleShare(*picture, 255), 0.2) << name << " on white";
     EXPECT_GE(visibleShare(*picture, 128), 0.2) << name << " on grey";
     EXPECT_GE(visibleShare(*picture, 0), 0.2) << name << " on black";
+  }
+}
+
+// Nautilus 48 and later paint emblems so.
+TEST(Resources, EmblemsStandOutAtFiftyFivePercentOnLightAndDarkThemes) {
+  for (const auto& [name, emblem] : EMBLEMS) {
+    for (const int size : {16, 32}) {
+      const auto picture = decode(pngFile(size, name));
+      ASSERT_TRUE(picture);
+      for (const double ground : {255, 250, 36, 30}) {
+        EXPECT_GE(visibleShare(*picture, ground, 0.55), 0.2) << name << " of " << size << " on " << ground;
+      }
+    }
   }
 }
 

@@ -27,14 +27,14 @@ collect_plugin() {
     nautilus) patterns=('lib*/nautilus/extensions-4/libvornet-nautilus.so') ;;
     nemo) patterns=('lib*/nemo/extensions-3.0/libvornet-nemo.so') ;;
     caja) patterns=('lib*/caja/extensions-2.0/libvornet-caja.so' 'share/caja/extensions/libvornet-caja.caja-extension') ;;
-    dolphin) patterns=('lib*/kf5/overlayicon/vornetoverlay.so') ;;
+    dolphin) patterns=('lib*/kf[56]/overlayicon/vornetoverlay.so') ;;
     thunar) patterns=('lib*/thunarx-3/libvornet-thunar.so') ;;
   esac
   for pattern in "${patterns[@]}"; do
     file=$(cd "$build" && find lib* share/caja -path "$pattern" 2>/dev/null | head -n 1)
     [[ -n $file ]] || fail "the plug-in for $manager was not built in $build"
     if [[ $manager == dolphin ]]; then
-      qt_plugins=$build/${file%/kf5/*}
+      qt_plugins=$build/${file%/kf[56]/*}
     else
       mkdir -p "$layer/${file%/*}"
       cp "$build/$file" "$layer/$file"

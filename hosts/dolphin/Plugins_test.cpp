@@ -607,7 +607,7 @@ TEST_F(Plugins, ASelectionThatIsTooLargeIsGreyedAndNotAskedFor) {
 
 TEST_F(Plugins, KDEsOwnMenuHasTheEntriesAtItsTopLevel) {
   start();
-  QCoreApplication::addLibraryPath(QStringLiteral(VORNET_QT_PLUGINS));
+  QCoreApplication::addLibraryPath(QStringLiteral(VORNET_DOLPHIN_PLUGINS "/.."));
   const auto view = openView("", "file");
   ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
   for (const auto& items : {QList<QUrl>{url("file")}, QList<QUrl>{url("folder"), url("lock.tmp")}}) {

@@ -1,6 +1,6 @@
 // Nautilus has no interface that says which folders its windows show. Its windows are objects of the process, though,
-// and tell of their tabs ("slots") by signals and properties. None of these is promised to stay: each is looked up
-// before it is used, and where one is missing nothing is listened to. The plug-in then goes by the items asked for.
+// and report their tabs ("slots") by properties and, up to version 50, by signals. None of these is promised to stay:
+// each is looked up before it is used. Where one is missing, the plug-in goes by the items that are asked for.
 #include <algorithm>
 #include <memory>
 #include <vector>
@@ -104,29 +104,37 @@ class Slot {
 
 class Window {
  public:
-  static bool isKnown(GObject* window) {
-    return hasObjectSignal(window, "slot-added") && hasObjectSignal(window, "slot-removed");
-  }
+  static bool isKnown(GObject* window) { return hasActiveSlot(window) || hasSlotSignals(window); }
 
   explicit Window(GObject* window) : window_(window, this, gone) {
-    window_.connect("slot-added", G_CALLBACK(added));
-    window_.connect("slot-removed", G_CALLBACK(removed));
-    if (!hasProperty(window, "active-slot", G_TYPE_OBJECT)) return;
-    GObject* slot = nullptr;  // one that was there before
-    g_object_get(window, "active-slot", &slot, nullptr);
-    if (slot) add(slot);
-    g_clear_object(&slot);
+    // The signals report every tab. Without them a tab is known once it has been in front, and ends with its object.
+    if (hasSlotSignals(window)) {
+      window_.connect("slot-added", G_CALLBACK(added));
+      window_.connect("slot-removed", G_CALLBACK(removed));
+    }
+    if (hasActiveSlot(window)) {
+      window_.connect("notify::active-slot", G_CALLBACK(activated));
+      addActive();
+    }
   }
 
   GObject* object() const { return window_.object(); }
 
  private:
+  static bool hasActiveSlot(GObject* window) { return hasProperty(window, "active-slot", G_TYPE_OBJECT); }
+  static bool hasSlotSignals(GObject* window) {
+    return hasObjectSignal(window, "slot-added") && hasObjectSignal(window, "slot-removed");
+  }
+
+  static void activated(GObject*, GParamSpec*, gpointer self) {
+    tell<Window>(self, [](Window& window) { window.addActive(); });
+  }
   static void added(GObject*, GObject* slot, gpointer self) {
     tell<Window>(self, [slot](Window& window) { window.add(slot); });
   }
   static void removed(GObject*, GObject* slot, gpointer self) {
     tell<Window>(self, [slot](Window& window) {
-      std::erase_if(window.slots_, [slot](const auto& known) { return !known->object() || known->object() == slot; });
+      std::erase_if(window.slots_, [slot](const auto& known) { return known->object() == slot; });
     });
   }
   static void gone(gpointer self, GObject*) {
@@ -136,9 +144,17 @@ class Window {
     });
   }
 
+  void addActive() {
+    GObject* slot = nullptr;
+    g_object_get(object(), "active-slot", &slot, nullptr);
+    if (slot) add(slot);
+    g_clear_object(&slot);
+  }
+
   void add(GObject* slot) {
+    std::erase_if(slots_, [](const auto& known) { return !known->object(); });
     const bool known = std::ranges::any_of(slots_, [slot](const auto& other) { return other->object() == slot; });
-    if (slot && !known && Slot::isKnown(slot)) slots_.push_back(std::make_unique<Slot>(slot));
+    if (!known && Slot::isKnown(slot)) slots_.push_back(std::make_unique<Slot>(slot));
   }
 
   Listening window_;

@@ -13,6 +13,7 @@ ROLES = {
     26: "icon",
     30: "layered pane",
     31: "list",
+    32: "list item",
     34: "menu bar",
     35: "menu item",
     41: "popup menu",
@@ -88,6 +89,14 @@ class Node:
     def children(self):
         found = self._ask(([],), _ACCESSIBLE, "GetChildren")[0]
         return [Node(self._bus, *child) for child in found[:MOST_CHILDREN] if not child[1].endswith("/null")]
+
+    def labels(self):
+        """The texts of the accessibles that are said to label it."""
+        LABELLED_BY = 2
+        relations = self._ask(([],), _ACCESSIBLE, "GetRelationSet")[0]
+        labels = [Node(self._bus, *label) for kind, targets in relations if kind == LABELLED_BY for label in targets]
+        everything = GLib.Variant("(ii)", (0, -1))
+        return [label._ask(("",), "org.a11y.atspi.Text", "GetText", everything)[0] for label in labels]
 
     def parent(self):
         return Node(self._bus, *self._property(_ACCESSIBLE, "Parent", (self.owner, self.path)))

@@ -1,6 +1,6 @@
-"""Drives one real file manager, with the plug-in and the extension as they were built, on a screen that nobody sees.
+"""Drives one real file manager, with the plug-in and the extension as they were built, on a headless desktop.
 
-Usage: desktop_test.py --manager NAME --build DIR [--keep DIR]
+Usage: desktop_test.py --manager NAME --build DIR [--display x11|wayland] [--keep DIR]
 NAME: nautilus, nemo, caja, dolphin or thunar. DIR: the build tree. What a failed step leaves to look at goes to --keep.
 """
 
@@ -18,7 +18,7 @@ import namespaces
 import processes
 from calls import Calls
 from extension import Extension
-from session import REAL_COLOURS, Session
+from session import DISPLAYS, REAL_COLOURS, Session
 from sync import Sync
 from waiting import until, until_equal
 
@@ -60,9 +60,9 @@ def menu_step(function):
 class Desktop:
     """A session with the stand-in, the extension, and one file manager, and what the steps share."""
 
-    def __init__(self, kind, folder, build):
+    def __init__(self, kind, folder, build, display):
         self.folder = pathlib.Path(folder)
-        self.session = Session(self.folder, build)
+        self.session = Session(self.folder, build, display=display)
         self.calls = Calls(self.session)
         self.extension = Extension(self.session)
         self.manager = kind(self.session)
@@ -327,7 +327,7 @@ def run(arguments, folder):
     files = managers.plugin_files(kind, arguments.build)
     if kind.plugins:
         namespaces.install(arguments.build, files, folder / "layer")
-    desktop = Desktop(kind, folder / "session", arguments.build)
+    desktop = Desktop(kind, folder / "session", arguments.build, arguments.display)
     try:
         for function in STEPS:
             if function.badges not in (None, kind.has_badges):
@@ -350,10 +350,11 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--manager", required=True, choices=managers.ALL)
     parser.add_argument("--build", required=True, type=lambda text: pathlib.Path(text).resolve())
+    parser.add_argument("--display", default="x11", choices=DISPLAYS)
     parser.add_argument("--keep", type=pathlib.Path, help="folder for what a failed step leaves (default: in the build tree)")
     arguments = parser.parse_args()
-    arguments.keep = (arguments.keep or arguments.build / "desktop" / arguments.manager).resolve()
-    namespaces.enter()
+    arguments.keep = (arguments.keep or arguments.build / "desktop" / f"{arguments.manager}-{arguments.display}").resolve()
+    namespaces.enter(ordinary=True)
     namespaces.bring_up_loopback()
     processes.adopt_orphans()
     signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))

@@ -13,6 +13,7 @@ from waiting import NotSeen, until, until_equal
 
 MENU_ITEMS = ("menu item", "check menu item", "radio menu item")
 FEWEST_PIXELS = 20  # of an emblem's colour, to count as one
+VIEW_PADDING = 24  # of Nautilus's grid, in pixels
 ENTRIES = ("Share", "Copy Link", "Comments", "View versions", "View in Cloud")
 
 
@@ -69,14 +70,7 @@ class FileManager:
 
     def windows(self):
         """The ids of its windows, oldest first."""
-        listed = processes.run(["xprop", "-root", "_NET_CLIENT_LIST"], self.session.environment)
-        return [window for window in re.findall(r"0x[0-9a-f]+", listed) if self._owns(window)]
-
-    def _owns(self, window):
-        try:
-            return self.program in processes.run(["xprop", "-id", window, "WM_CLASS"], self.session.environment).lower()
-        except processes.subprocess.CalledProcessError:
-            return False  # closed meanwhile
+        return self.session.display.windows(self.program)
 
     def open_window(self, folder):
         """Opens one more window on `folder`."""
@@ -85,12 +79,11 @@ class FileManager:
         until("one more window", lambda: len(self.windows()) == before + 1)
 
     def close_window(self, window):
-        self.session.xdotool("windowactivate", "--sync", window)
-        self.session.xdotool("key", "alt+F4")
+        self.session.display.close_window(window)
         until("the closing of a window", lambda: window not in self.windows())
 
     def activate(self):
-        self.session.xdotool("windowactivate", "--sync", self.windows()[-1])
+        self.session.display.activate(self.windows()[-1])
 
     # --- Files on screen
 
@@ -152,7 +145,7 @@ class FileManager:
 
     def go_up(self):
         self.activate()
-        self.session.xdotool("key", "alt+Up")
+        self.session.display.key("alt+Up")
 
     # --- Menus
 
@@ -172,23 +165,17 @@ class FileManager:
     def _open_menu(self, item):
         self.open_menu(item)
         nodes = until("the menu", self.menu_nodes)
-        return {node.name(): node for node in nodes}
+        return {self.title(node): node for node in nodes}
+
+    def title(self, entry):
+        return entry.name()
 
     def close_menu(self):
-        self.session.xdotool("key", "Escape")
+        self.session.display.key("Escape")
         self._wait_for_menu_gone()
 
     def _wait_for_menu_gone(self):
-        until("the menu's end", lambda: not self._popups() and not self.menu_nodes())
-
-    def _popups(self):
-        """Whether a window of it stands on the screen that the window manager has nothing to do with: a menu."""
-        xwininfo = lambda *words: processes.run(["xwininfo", *words], self.session.environment)
-        lines = [line.split() for line in xwininfo("-root", "-children").lower().splitlines() if self.program in line.lower()]
-        try:
-            return any("IsViewable" in xwininfo("-id", line[0]) for line in lines)
-        except processes.subprocess.CalledProcessError:
-            return True  # one has just gone; who waits looks again
+        until("the menu's end", lambda: not self.session.display.has_popup(self.program) and not self.menu_nodes())
 
     def entries(self, item):
         """Our entries in an item's menu, which is closed again; the menu must hold others too."""
@@ -206,11 +193,11 @@ class FileManager:
         entry.act()
 
     def click(self, x, y, button=1, repeat=1):
-        self.session.xdotool("mousemove", x, y, "click", "--repeat", repeat, "--delay", 20, button)
+        self.session.display.click(x, y, button, repeat)
 
     def rest(self):
         """Nothing selected, the pointer off the files: emblems stand in their own colours."""
-        self.session.xdotool("mousemove", 1, 1)
+        self.session.display.move_pointer(1, 1)
 
 
 class _IconContainer(FileManager):
@@ -241,7 +228,7 @@ class _IconContainer(FileManager):
     def open_menu(self, item):
         self.activate()
         self._select(item)
-        self.session.xdotool("key", "Menu")
+        self.session.display.key("Menu")
 
     def enter(self, folder):
         self.items()[folder].act("open")
@@ -291,11 +278,16 @@ class Nautilus(FileManager):
     def is_item(self, node):
         return super().is_item(node) and node.name() != "NautilusGridCell"
 
+    def _items_below(self, node):
+        """From version 51 on their names are followed by their kinds."""
+        return {re.sub(r"\. (File|Folder)$", "", name): item for name, item in super()._items_below(node).items()}
+
     def view_of(self, item):
         return item.parent().parent()
 
     def rectangles(self):
-        """GTK 4 knows positions in the window alone, without the margin that is for resizing."""
+        """GTK 4 knows positions in the window alone, without the margin that is for resizing; from 4.18 on the frame says
+        how far its content is from its edge, and leaves out the padding of the view."""
         found = {}
         for item, node in self.items().items():
             box = node.extents(on_screen=False)
@@ -307,10 +299,11 @@ class Nautilus(FileManager):
     def _origin(self, node):
         while node.role() != "frame":
             node = node.parent()
-        window = self.windows()[-1]
-        values = dict(re.findall(r"(\w+)=(-?\d+)", self.session.xdotool("getwindowgeometry", "--shell", window)))
-        margin = (int(values["WIDTH"]) - node.extents(on_screen=False)[2]) // 2
-        return int(values["X"]) + margin, int(values["Y"]) + margin
+        x, y, whole = self.session.display.geometry(self.windows()[-1])
+        left, top, width, _ = node.extents(on_screen=False)
+        margin = (whole - width) // 2
+        padding = VIEW_PADDING if left else 0
+        return x + margin - left + padding, y + margin - top + padding
 
     def _select(self, item):
         """By one click and, from then on, keys: GTK 4 passes over clicks after a menu that the pointer had opened."""
@@ -331,11 +324,15 @@ class Nautilus(FileManager):
 
     def enter(self, folder):
         self._select(folder)
-        self.session.xdotool("key", "Return")
+        self.session.display.key("Return")
 
     def open_menu(self, item):
         self._select(item)
-        self.session.xdotool("key", "Menu")
+        self.session.display.key("Menu")
+
+    def title(self, entry):
+        """From GTK 4.18 on an entry has no name but a label."""
+        return entry.name() or next(filter(None, entry.labels()), "")
 
     def menu_nodes(self):
         """Its menu is in its window, and no more once it is closed."""
@@ -363,7 +360,7 @@ class Thunar(FileManager):
 
     def _show_list(self):
         self.activate()
-        self.session.xdotool("key", "ctrl+2")
+        self.session.display.key("ctrl+2")
 
     def view_of(self, item):
         return None  # the list of places beside the files holds accessibles of the same kind
@@ -373,7 +370,7 @@ class Thunar(FileManager):
         x, y, _, height = self.rectangles()[folder]
         self.click(x + 20, y + height // 2)
         until(f"the selection of {folder}", lambda: (item := self.items().get(folder)) and item.has("SELECTED"))
-        self.session.xdotool("key", "Return")
+        self.session.display.key("Return")
 
     def open_menu(self, item):
         self.activate()
@@ -391,12 +388,16 @@ class Dolphin(FileManager):
     program = "dolphin"
     command = ("dolphin", "--new-window")
     plugins = ()
-    cells = ("table cell",)
+    cells = ("table cell", "list item")  # of Qt 5 and of Qt 6
     pruned = ("menu bar", "tool bar", "menu item", "popup menu")
 
     def __init__(self, session):
         super().__init__(session)
         self._menu = None
+
+    def is_item(self, node):
+        """The list of files has its folder's name; that of places has none."""
+        return super().is_item(node) and (node.role() != "list item" or node.parent().name() != "")
 
     def start(self, folder, environment=None):
         plugins = f"{self.session.build}/{self.plugin_folder(self.session.build)}"
@@ -404,8 +405,8 @@ class Dolphin(FileManager):
 
     @staticmethod
     def plugin_folder(build):
-        """The folder of Qt's plug-ins in the build tree, which holds kf5/overlayicon."""
-        found = sorted(build.glob("lib/*/qt5/plugins/kf5/overlayicon")) + sorted(build.glob("lib/*/plugins/kf5/overlayicon"))
+        """The folder of Qt's plug-ins in the build tree, which holds kf5/overlayicon or kf6/overlayicon."""
+        found = sorted(build.glob("lib/*/**/plugins/kf[56]/overlayicon"))
         return found[0].parent.parent.relative_to(build) if found else "lib/plugins"
 
     def enter(self, folder):
@@ -430,8 +431,25 @@ class Dolphin(FileManager):
         return [node for node in self._menu.children() if node.role() == "menu item" and node.has("SHOWING")]
 
     def press(self, entry):
+        if not self.session.display.places_popups:
+            return self._press_by_keys(entry)
         x, y, width, height = entry.extents()
         self.click(x + width // 2, y + height // 2)
+
+    def badges(self, names):
+        """Going up selects the folder left, maybe after rest(); emblems of what is selected have other colours."""
+        if any(item.has("SELECTED") for item in self.items().values()):
+            self.rest()
+        return super().badges(names)
+
+    def _press_by_keys(self, entry):
+        def is_marked():
+            if not entry.has("FOCUSED"):
+                self.session.display.key("Down")
+            return entry.has("FOCUSED")
+
+        until("the entry marked", is_marked)
+        self.session.display.key("Return")
 
     def rest(self):
         boxes = self.rectangles()

@@ -5,6 +5,7 @@ import ctypes
 import fcntl
 import os
 import pathlib
+import pwd
 import shutil
 import socket
 import struct
@@ -19,7 +20,8 @@ _libc = ctypes.CDLL(None, use_errno=True)
 def _command(ordinary=False):
     user = ["--map-current-user", "--keep-caps"]
     if os.geteuid() == 0:
-        user = ["--map-user=1000", "--map-group=1000", "--keep-caps"] if ordinary else []
+        nobody = pwd.getpwnam("nobody")  # the bus wants a user that the system knows
+        user = [f"--map-user={nobody.pw_uid}", f"--map-group={nobody.pw_gid}", "--keep-caps"] if ordinary else []
     return ["unshare", *user, "--mount", "--net"]
 
 

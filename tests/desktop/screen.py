@@ -1,30 +1,19 @@
-"""What stands on the screen of an Xvfb: read from the file that it keeps its picture in, and counted there."""
+"""What is on the screen: read as pixels, and counted there."""
 
 import mmap
 import struct
+import subprocess
 import zlib
 
 
 class Screen:
-    """The picture in `file`, as `Xvfb -fbdir` keeps it. Rectangles are (x, y, width, height) in pixels of the screen."""
+    """A picture of `width` and `height`. Rectangles are (x, y, width, height) in pixels of the screen."""
 
-    def __init__(self, file):
-        with open(file, "rb") as handle:
-            self._map = mmap.mmap(handle.fileno(), 0, access=mmap.ACCESS_READ)
-        # The header of the X window dump format: 25 numbers, most significant byte first.
-        header = struct.unpack(">25I", self._map[:100])
-        self.width, self.height, byte_order, depth = header[4], header[5], header[7], header[11]
-        self._stride = header[12]
-        self._start = header[0] + header[19] * 12
-        if byte_order != 0 or depth != 32:
-            raise RuntimeError("the screen has not 32 bits a pixel, lowest byte first")
+    width = height = 0
 
     def _rows(self, rectangle):
-        x, y, width, height = rectangle or (0, 0, self.width, self.height)
-        left, right = max(0, x), min(self.width, x + width)
-        for row in range(max(0, y), min(self.height, y + height)):
-            start = self._start + row * self._stride
-            yield self._map[start + left * 4 : start + max(left, right) * 4]
+        """The rows of a rectangle, from the top: 4 bytes a pixel, blue, green, red, and one without meaning."""
+        raise NotImplementedError
 
     def count(self, colour, rectangle=None):
         """The number of pixels that have exactly `colour` (red, green, blue)."""
@@ -67,6 +56,50 @@ class Screen:
         with open(file, "wb") as out:
             out.write(b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", head))
             out.write(chunk(b"IDAT", zlib.compress(b"".join(lines), 6)) + chunk(b"IEND", b""))
+
+
+class XvfbScreen(Screen):
+    """The picture in `file`, as `Xvfb -fbdir` keeps it."""
+
+    def __init__(self, file):
+        with open(file, "rb") as handle:
+            self._map = mmap.mmap(handle.fileno(), 0, access=mmap.ACCESS_READ)
+        # The header of the X window dump format: 25 numbers, most significant byte first.
+        header = struct.unpack(">25I", self._map[:100])
+        self.width, self.height, byte_order, depth = header[4], header[5], header[7], header[11]
+        self._stride = header[12]
+        self._start = header[0] + header[19] * 12
+        if byte_order != 0 or depth != 32:
+            raise RuntimeError("the screen has not 32 bits a pixel, lowest byte first")
+
+    def _rows(self, rectangle):
+        x, y, width, height = rectangle or (0, 0, self.width, self.height)
+        left, right = max(0, x), min(self.width, x + width)
+        for row in range(max(0, y), min(self.height, y + height)):
+            start = self._start + row * self._stride
+            yield self._map[start + left * 4 : start + max(left, right) * 4]
+
+
+class GrimScreen(Screen):
+    """The output of a Wayland compositor, as the program grim copies it, anew for each question."""
+
+    def __init__(self, environment, width, height):
+        self._environment = environment
+        self.width, self.height = width, height
+
+    def _rows(self, rectangle):
+        x, y, width, height = rectangle or (0, 0, self.width, self.height)
+        left, top, right, bottom = max(0, x), max(0, y), min(self.width, x + width), min(self.height, y + height)
+        if left >= right or top >= bottom:
+            return
+        command = ["grim", "-t", "ppm", "-g", f"{left},{top} {right - left}x{bottom - top}", "-"]
+        picture = subprocess.run(command, env=self._environment, capture_output=True, timeout=20, check=True).stdout
+        columns, rows = (int(number) for number in picture.split(maxsplit=3)[1:3])
+        data = picture[-columns * rows * 3 :]
+        for start in range(0, len(data), columns * 3):
+            row = bytearray(columns * 4)
+            row[0::4], row[1::4], row[2::4] = (data[start + colour : start + columns * 3 : 3] for colour in (2, 1, 0))
+            yield bytes(row)
 
 
 def _columns(row, pixel):

@@ -1,26 +1,28 @@
-"""A desktop session that nobody sees: a display, a window manager, a message bus and a fresh home, for one file manager."""
+"""A headless desktop session: a display, a window manager, a message bus and a fresh home, for one file manager."""
 
 import os
 import pathlib
 import shutil
 
 import processes
-from screen import Screen
-from waiting import until
+from wayland import Wayland
+from x11 import X11
 
 SERVICE = "com.vornet.KelvaneSync.FinderBadgeExtension.service"
 EMBLEMS = {"SYNCED": "emblem-vornet-synced", "PENDING": "emblem-vornet-pending", "SKIPPED": "emblem-vornet-skipped"}
 # Colours that no theme has, to know each emblem by.
 COLOURS = {"SYNCED": (0x18, 0xA1, 0x34), "PENDING": (0x1C, 0x6B, 0xE0), "SKIPPED": (0xD4, 0x1E, 0x2F)}
 # Those of the emblems themselves (resources/images/scalable).
-REAL_COLOURS = {"SYNCED": (0x15, 0x7A, 0x35), "PENDING": (0x0F, 0x5C, 0xB8), "SKIPPED": (0xC3, 0x20, 0x1F)}
+REAL_COLOURS = {"SYNCED": (0x00, 0x48, 0x1C), "PENDING": (0x0A, 0x2A, 0x7A), "SKIPPED": (0x8C, 0x10, 0x10)}
 KEPT = ("PATH", "TMPDIR")
+DISPLAYS = {"x11": X11, "wayland": Wayland}
 
 
 class Session:
-    """Makes the session in the empty folder `folder`, for the programs of the build tree `build`."""
+    """Makes the session in the empty folder `folder`, for the programs of the build tree `build`. `display` is one of
+    DISPLAYS."""
 
-    def __init__(self, folder, build, size=(1280, 900), user="home"):
+    def __init__(self, folder, build, size=(1280, 900), user="home", display="x11"):
         self.folder = pathlib.Path(folder)
         self.home = self.folder / user
         self.build = pathlib.Path(build)
@@ -29,13 +31,16 @@ class Session:
         self._processes = []
         self._make_home()
         self.environment = self._environment()
-        self._start(size)
+        self._start(DISPLAYS[display], size)
 
     def _make_home(self):
-        for folder in (".config/gtk-3.0", ".cache", ".local/state", "../runtime", "../screen"):
+        for folder in (".config/gtk-3.0", ".cache", ".local/state", "../runtime"):
             (self.home / folder).mkdir(parents=True, exist_ok=True)
         (self.folder / "runtime").chmod(0o700)
         (self.home / ".config/gtk-3.0/settings.ini").write_text("[Settings]\ngtk-menu-images=1\n")
+        # From version 48 on Nautilus dims emblems; here they are known by their colours.
+        (self.home / ".config/gtk-4.0").mkdir()
+        (self.home / ".config/gtk-4.0/gtk.css").write_text(".dim-label, .dimmed { opacity: 1; }\n")
         (self.home / ".config/kdeglobals").write_text("[Icons]\nTheme=breeze\n")
         emblems = self.folder / "colours/icons/hicolor/scalable/emblems"
         emblems.mkdir(parents=True)
@@ -66,28 +71,22 @@ class Session:
         )
         return environment
 
-    def _start(self, size):
-        display, display_in = os.pipe()
-        command = ["Xvfb", "-displayfd", display_in, "-screen", "0", f"{size[0]}x{size[1]}x24", "-nolisten", "tcp"]
-        command += ["-fbdir", self.folder / "screen", "-noreset"]
-        self._processes.append(processes.start(command, self.environment, self.output, pass_fds=[display_in]))
-        os.close(display_in)
-        self.environment["DISPLAY"] = ":" + self._first_line(display, "the display")
-        self.screen = Screen(self.folder / "screen/Xvfb_screen0")
-
+    def _start(self, display, size):
+        self.display = display(self, size)
         address, address_in = os.pipe()
         command = ["dbus-daemon", "--session", "--nofork", "--nopidfile", f"--print-address={address_in}"]
-        self._processes.append(processes.start(command, self.environment, self.output, pass_fds=[address_in]))
+        self.start(*command, pass_fds=[address_in])
         os.close(address_in)
-        self.environment["DBUS_SESSION_BUS_ADDRESS"] = self._first_line(address, "the message bus")
+        self.environment["DBUS_SESSION_BUS_ADDRESS"] = self.first_line(address, "the message bus")
         # The bindings of the accessibility bus and of the message bus take these from this process.
         os.environ.update(self.environment)
+        self.display.manage_windows()
 
-        self.start("openbox")
-        check = ["xprop", "-root", "_NET_SUPPORTING_WM_CHECK"]
-        until("the window manager", lambda: "window id" in processes.run(check, self.environment))
+    @property
+    def screen(self):
+        return self.display.screen
 
-    def _first_line(self, descriptor, what):
+    def first_line(self, descriptor, what):
         with os.fdopen(descriptor, encoding="ascii") as file:
             line = file.readline().strip()
         if not line:
@@ -110,12 +109,9 @@ class Session:
             cache.unlink()  # Dolphin's memory of the coloured ones
         return dict(self.environment, XDG_DATA_DIRS=f"{self.build}/share:/usr/local/share:/usr/share")
 
-    def start(self, *command):
+    def start(self, *command, environment=None, **options):
         """Starts a program that ends with the session."""
-        self._processes.append(processes.start(command, self.environment, self.output))
-
-    def xdotool(self, *arguments):
-        return processes.run(["xdotool", *arguments], self.environment).strip()
+        self._processes.append(processes.start(command, environment or self.environment, self.output, **options))
 
     def close(self):
         for process in reversed(self._processes):

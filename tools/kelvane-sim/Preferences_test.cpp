@@ -23,7 +23,9 @@ std::string contentOf(const std::string& path) {
 std::string rootDirOf(const std::string& container) {
   const std::string bytes = contentOf(container + "/VornetKelvane.plist");
   plist_t dictionary = nullptr;
-  plist_from_memory(bytes.data(), static_cast<std::uint32_t>(bytes.size()), &dictionary);
+  const auto size = static_cast<std::uint32_t>(bytes.size());
+  // Not plist_from_memory, whose arguments differ between the versions of the library.
+  (plist_is_binary(bytes.data(), size) ? plist_from_bin : plist_from_xml)(bytes.data(), size, &dictionary);
   EXPECT_NE(dictionary, nullptr);
   char* text = nullptr;
   plist_get_string_val(plist_dict_get_item(dictionary, "root_dir"), &text);

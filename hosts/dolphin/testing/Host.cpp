@@ -35,14 +35,14 @@ Host::~Host() {
 
 KOverlayIconPlugin* Host::overlays() {
   if (overlays_) return overlays_;
-  QPluginLoader loader(QStringLiteral(VORNET_QT_PLUGINS "/kf5/overlayicon/vornetoverlay.so"));
+  QPluginLoader loader(QStringLiteral(VORNET_DOLPHIN_PLUGINS "/overlayicon/vornetoverlay.so"));
   overlays_ = qobject_cast<KOverlayIconPlugin*>(loader.instance());
   if (!overlays_) throw std::runtime_error(loader.errorString().toStdString());
   return overlays_;
 }
 
 std::unique_ptr<KAbstractFileItemActionPlugin> Host::newActions() {
-  const KPluginMetaData data(QStringLiteral(VORNET_QT_PLUGINS "/kf5/kfileitemaction/vornetaction.so"));
+  const KPluginMetaData data(QStringLiteral(VORNET_DOLPHIN_PLUGINS "/kfileitemaction/vornetaction.so"));
   auto result = KPluginFactory::instantiatePlugin<KAbstractFileItemActionPlugin>(data);
   if (!result) throw std::runtime_error(result.errorString.toStdString());
   return std::unique_ptr<KAbstractFileItemActionPlugin>(result.plugin);

@@ -8,6 +8,12 @@ namespace vornet::test {
 namespace {
 
 enum { LOCATION = 1, ACTIVE };
+constexpr guint ACTIVE_SLOT = 1;
+
+struct Window {
+  GObject parent;
+  GObject* activeSlot;
+};
 
 struct Slot {
   GObject parent;
@@ -51,10 +57,28 @@ void finalizeSlot(GObject* object) {
   static_cast<GObjectClass*>(g_type_class_peek(G_TYPE_OBJECT))->finalize(object);
 }
 
+void getActiveSlot(GObject* object, guint, GValue* value, GParamSpec*) {
+  g_value_set_object(value, reinterpret_cast<Window*>(object)->activeSlot);
+}
+
+void setActiveSlot(GObject* object, guint, const GValue* value, GParamSpec*) {
+  g_set_object(&reinterpret_cast<Window*>(object)->activeSlot, static_cast<GObject*>(g_value_get_object(value)));
+}
+
+void finalizeWindow(GObject* object) {
+  g_clear_object(&reinterpret_cast<Window*>(object)->activeSlot);
+  static_cast<GObjectClass*>(g_type_class_peek(G_TYPE_OBJECT))->finalize(object);
+}
+
 }  // namespace
 
 bool FakeSlots::applicationTellsOfWindows = true;
+#ifdef VORNET_NAUTILUS_51
+bool FakeSlots::windowsTellOfSlots = false;
+#else
 bool FakeSlots::windowsTellOfSlots = true;
+#endif
+bool FakeSlots::windowsHaveActiveSlot = true;
 bool FakeSlots::slotsHaveLocations = true;
 bool FakeSlots::slotsAreActive = true;
 
@@ -69,10 +93,20 @@ GObject* FakeSlots::newApplication() {
 }
 
 GObject* FakeSlots::newWindow() {
-  static const GType type = registerType<GObject>("VornetFakeWindow", G_TYPE_OBJECT, [](gpointer made, gpointer) {
-    if (!windowsTellOfSlots) return;
-    addObjectSignal(made, "slot-added");
-    addObjectSignal(made, "slot-removed");
+  static const GType type = registerType<Window>("VornetFakeWindow", G_TYPE_OBJECT, [](gpointer made, gpointer) {
+    auto* functions = static_cast<GObjectClass*>(made);
+    functions->finalize = finalizeWindow;
+    functions->get_property = getActiveSlot;
+    functions->set_property = ::vornet::test::setActiveSlot;
+    if (windowsHaveActiveSlot) {
+      constexpr auto flags = static_cast<GParamFlags>(G_PARAM_READWRITE | G_PARAM_STATIC_STRINGS);
+      g_object_class_install_property(functions, ACTIVE_SLOT,
+                                      g_param_spec_object("active-slot", nullptr, nullptr, G_TYPE_OBJECT, flags));
+    }
+    if (windowsTellOfSlots) {
+      addObjectSignal(made, "slot-added");
+      addObjectSignal(made, "slot-removed");
+    }
   });
   return static_cast<GObject*>(g_object_new(type, nullptr));
 }
@@ -94,6 +128,10 @@ GObject* FakeSlots::newSlot() {
     }
   });
   return static_cast<GObject*>(g_object_new(type, nullptr));
+}
+
+void FakeSlots::setActiveSlot(GObject* window, GObject* slot) {
+  if (windowsHaveActiveSlot) g_object_set(window, "active-slot", slot, nullptr);
 }
 
 void FakeSlots::setLocation(GObject* slot, const std::string& url) {
@@ -144,12 +182,14 @@ FakeWindow::Tab FakeWindow::open(const std::string& url, bool inFront) {
   GObject* slot = FakeSlots::newSlot();
   parts_->slots.push_back(slot);
   if (FakeSlots::windowsTellOfSlots) g_signal_emit_by_name(parts_->window, "slot-added", slot);
+  if (inFront) FakeSlots::setActiveSlot(parts_->window, slot);
   FakeSlots::setActive(slot, inFront);
   FakeSlots::setLocation(slot, url);
   return parts_->slots.size() - 1;
 }
 
 void FakeWindow::bringToFront(Tab tab) {
+  FakeSlots::setActiveSlot(parts_->window, parts_->slots[tab]);
   FakeSlots::setActive(parts_->slots[tab], true);
 }
 
@@ -165,6 +205,7 @@ void FakeWindow::close(Tab tab) {
   GObject*& slot = parts_->slots[tab];
   if (!slot) return;
   if (FakeSlots::windowsTellOfSlots) g_signal_emit_by_name(parts_->window, "slot-removed", slot);
+  if (reinterpret_cast<Window*>(parts_->window)->activeSlot == slot) FakeSlots::setActiveSlot(parts_->window, nullptr);
   g_clear_object(&slot);
 }
 

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 
 #include <filesystem>
+#include <vector>
 
 #include "FakeExtension.hpp"
 #include "FakeSlots.hpp"
@@ -23,7 +24,7 @@ using vornet::test::TestHost;
 
 struct MissingPart {
   const char* name;
-  bool* exists;
+  std::vector<bool*> exists;
 
   friend void PrintTo(const MissingPart& part, std::ostream* out) { *out << part.name; }
 };
@@ -31,7 +32,7 @@ struct MissingPart {
 class OtherNautilus : public testing::TestWithParam<MissingPart> {};
 
 TEST_P(OtherNautilus, IsServedByTheItemsThatItAsksFor) {
-  *GetParam().exists = false;
+  for (bool* exists : GetParam().exists) *exists = false;
   const Environment environment;
   const std::string root = environment.folder() / "root";
   std::filesystem::create_directories(environment.folder().path() / "no-services");
@@ -54,10 +55,12 @@ TEST_P(OtherNautilus, IsServedByTheItemsThatItAsksFor) {
 }
 
 INSTANTIATE_TEST_SUITE_P(NautilusWindows, OtherNautilus,
-                         testing::Values(MissingPart{"ApplicationSignals", &FakeSlots::applicationTellsOfWindows},
-                                         MissingPart{"WindowSignals", &FakeSlots::windowsTellOfSlots},
-                                         MissingPart{"SlotLocation", &FakeSlots::slotsHaveLocations},
-                                         MissingPart{"SlotActive", &FakeSlots::slotsAreActive}),
+                         testing::Values(MissingPart{"ApplicationSignals", {&FakeSlots::applicationTellsOfWindows}},
+                                         MissingPart{
+                                             "WindowSignalsAndActiveSlot",
+                                             {&FakeSlots::windowsTellOfSlots, &FakeSlots::windowsHaveActiveSlot}},
+                                         MissingPart{"SlotLocation", {&FakeSlots::slotsHaveLocations}},
+                                         MissingPart{"SlotActive", {&FakeSlots::slotsAreActive}}),
                          [](const auto& tested) { return std::string(tested.param.name); });
 
 }  // namespace
