@@ -123,8 +123,7 @@ void View::follow(KCoreDirLister& lister) {
 
 void View::compareSoon() {
   if (std::exchange(comparing_, true)) return;
-  QMetaObject::invokeMethod(
-      this, [this] { plugin::guarded([this] { compare(); }); }, Qt::QueuedConnection);
+  QMetaObject::invokeMethod(this, [this] { plugin::guarded([this] { compare(); }); }, Qt::QueuedConnection);
 }
 
 void View::compare() {

@@ -67,8 +67,8 @@ std::optional<std::string> BadgeAnswers::ask(const FileURL& item) const {
   }
 }
 
-BadgeAnswers::Outcome BadgeAnswers::answer(const std::string& client, const std::vector<FileURL>& items,
-                                           WorkPool& pool, const Reply& reply) {
+BadgeAnswers::Outcome BadgeAnswers::answer(const std::string& client, const std::vector<FileURL>& items, WorkPool& pool,
+                                           const Reply& reply) {
   const auto roots = FIFinderSyncController::defaultController().directoryURLs();
   std::vector<std::optional<std::string>> found(items.size());
   for (std::size_t i = 0; i < items.size(); ++i) {

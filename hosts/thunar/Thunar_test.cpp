@@ -160,8 +160,7 @@ class Thunar : public testing::Test {
   /// Runs Thunar's main loop until `condition` holds; false after half a minute without.
   static bool waitUntil(const std::function<bool()>& condition) {
     const auto until = std::chrono::steady_clock::now() + PATIENCE;
-    const guint glance = g_timeout_add(
-        5, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
+    const guint glance = g_timeout_add(5, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
     while (!condition() && std::chrono::steady_clock::now() < until) {
       g_main_context_iteration(nullptr, TRUE);
       while (g_main_context_iteration(nullptr, FALSE)) {

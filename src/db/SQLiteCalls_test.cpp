@@ -259,7 +259,9 @@ TEST_F(SQLiteCallsTest, aHandleLeftByAFailedOpenIsClosedByTheNextQuery) {
 
 TEST_F(SQLiteCallsTest, aReaderThatEndsClosesTheHandleLeftByAFailedOpen) {
   std::filesystem::remove(environment_.container() / "sync.db");
-  { SyncDB().pathSyncStatus("/a/x"); }
+  {
+    SyncDB().pathSyncStatus("/a/x");
+  }
   EXPECT_THAT(calls.order, ElementsAre("open", "close"));
 }
 

@@ -2,6 +2,7 @@
 
 #include <boost/json.hpp>
 #include <boost/json/basic_parser_impl.hpp>
+#include <boost/system/error_code.hpp>
 #include <cmath>
 #include <limits>
 #include <set>
@@ -72,17 +73,17 @@ class Members {
   /// Whether it met a member of another kind.
   bool mismatched() const { return mismatched_; }
 
-  bool on_document_begin(json::error_code&) { return true; }
-  bool on_document_end(json::error_code&) { return true; }
-  bool on_object_begin(json::error_code&) { return open(true); }
-  bool on_object_end(std::size_t, json::error_code&) { return close(); }
-  bool on_array_begin(json::error_code&) { return open(false); }
-  bool on_array_end(std::size_t, json::error_code&) { return close(); }
-  bool on_key_part(json::string_view part, std::size_t, json::error_code&) {
+  bool on_document_begin(boost::system::error_code&) { return true; }
+  bool on_document_end(boost::system::error_code&) { return true; }
+  bool on_object_begin(boost::system::error_code&) { return open(true); }
+  bool on_object_end(std::size_t, boost::system::error_code&) { return close(); }
+  bool on_array_begin(boost::system::error_code&) { return open(false); }
+  bool on_array_end(std::size_t, boost::system::error_code&) { return close(); }
+  bool on_key_part(json::string_view part, std::size_t, boost::system::error_code&) {
     partialKey_.append(part.data(), part.size());
     return true;
   }
-  bool on_key(json::string_view rest, std::size_t, json::error_code&) {
+  bool on_key(json::string_view rest, std::size_t, boost::system::error_code&) {
     if (partialKey_.empty() && isOfDocument(rest.data())) {  // without escapes: nothing need be copied
       key_ = {rest.data(), rest.size()};
       return true;
@@ -92,16 +93,18 @@ class Members {
     key_ = copiedKey_;
     return true;
   }
-  bool on_string_part(json::string_view, std::size_t, json::error_code&) { return true; }
-  bool on_string(json::string_view, std::size_t, json::error_code&) { return mismatch(); }
-  bool on_number_part(json::string_view, json::error_code&) { return true; }
-  bool on_int64(std::int64_t value, json::string_view, json::error_code&) { return scalar(Kind::integer, value); }
-  bool on_uint64(std::uint64_t, json::string_view, json::error_code&) { return mismatch(); }
-  bool on_double(double, json::string_view, json::error_code&) { return mismatch(); }
-  bool on_bool(bool value, json::error_code&) { return scalar(Kind::boolean, value); }
-  bool on_null(json::error_code&) { return mismatch(); }
-  bool on_comment_part(json::string_view, json::error_code&) { return true; }
-  bool on_comment(json::string_view, json::error_code&) { return true; }
+  bool on_string_part(json::string_view, std::size_t, boost::system::error_code&) { return true; }
+  bool on_string(json::string_view, std::size_t, boost::system::error_code&) { return mismatch(); }
+  bool on_number_part(json::string_view, boost::system::error_code&) { return true; }
+  bool on_int64(std::int64_t value, json::string_view, boost::system::error_code&) {
+    return scalar(Kind::integer, value);
+  }
+  bool on_uint64(std::uint64_t, json::string_view, boost::system::error_code&) { return mismatch(); }
+  bool on_double(double, json::string_view, boost::system::error_code&) { return mismatch(); }
+  bool on_bool(bool value, boost::system::error_code&) { return scalar(Kind::boolean, value); }
+  bool on_null(boost::system::error_code&) { return mismatch(); }
+  bool on_comment_part(json::string_view, boost::system::error_code&) { return true; }
+  bool on_comment(json::string_view, boost::system::error_code&) { return true; }
 
  private:
   bool open(bool object) {
@@ -159,7 +162,7 @@ class Members {
 /// Reads `data`; whether it is an object of members of `kind`, and whether one of another kind was met.
 std::pair<bool, bool> parseMembers(std::string_view data, Kind kind, const Member& member, bool pastMismatches) {
   json::basic_parser<Members> parser(parseOptions(), data, kind, member, pastMismatches);
-  json::error_code error;
+  boost::system::error_code error;
   const std::size_t read = parser.write_some(false, data.data(), data.size(), error);
   if (!error && read < data.size()) error = json::error::extra_data;
   if (error) throw JSONError(error.message());
@@ -181,7 +184,7 @@ std::string toJSON(const JSONValue& object) {
 }
 
 JSONValue fromJSON(std::string_view data) {
-  json::error_code error;
+  boost::system::error_code error;
   JSONValue value = json::parse(data, error, {}, parseOptions());
   if (error) throw JSONError(error.message());
   if (!value.is_structured()) throwTopLevelScalar();

@@ -23,7 +23,7 @@ constexpr mode_t OWNER_ALONE = 0600;
 int openOwnFile(const std::string& path) noexcept {
   const int file = ::open(path.c_str(), O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (file < 0) return -1;
-  struct stat found {};
+  struct stat found{};
   int refusal = 0;
   if (::fstat(file, &found) != 0) {
     refusal = errno;
@@ -91,7 +91,7 @@ iovec part(std::string_view data) noexcept {
 }  // namespace
 
 bool createFile(const std::string& path) noexcept {
-  struct stat found {};
+  struct stat found{};
   int file = -1;
   if (::lstat(path.c_str(), &found) != 0 || !OpenFiles::shared().contains(identityOf(found))) {
     ::unlink(path.c_str());
@@ -144,7 +144,7 @@ std::optional<FileHandle> FileHandle::forWriting(const std::string& path, std::s
     error = std::generic_category().message(errno);
     return std::nullopt;
   }
-  struct stat found {};
+  struct stat found{};
   ::fstat(file, &found);
   return FileHandle(std::make_shared<Impl>(file, identityOf(found)));
 }

@@ -193,8 +193,7 @@ void BusClient::forgetChanges() {
 bool BusClient::waitUntil(const std::function<bool()>& condition) {
   const auto until = std::chrono::steady_clock::now() + PATIENCE;
   GSource* tick = g_timeout_source_new(10);
-  g_source_set_callback(
-      tick, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
+  g_source_set_callback(tick, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
   g_source_attach(tick, context_);
   bool holds = condition();
   while (!holds && std::chrono::steady_clock::now() < until) {

@@ -64,7 +64,7 @@ ControlSocket::ControlSocket(const std::string& state, Handler handler)
       socket_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)),
       stopEvent_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
   const Address address(state);
-  struct stat info {};
+  struct stat info{};
   if (::lstat(path_.c_str(), &info) == 0 && S_ISSOCK(info.st_mode)) ::unlink(path_.c_str());
   if (::bind(socket_.get(), address.get(), sizeof address.value) != 0 || ::listen(socket_.get(), 8) != 0) {
     throw std::runtime_error("cannot listen on " + path_ + ": " + std::generic_category().message(errno));

@@ -35,7 +35,7 @@ std::string childPath(const std::string& folder, std::string_view name) {
 
 // The item `name` in the open folder `dir`; none when it is gone, or neither a file nor a folder.
 std::optional<FolderListener::Entry> examine(int dir, const char* name, std::string_view shown) {
-  struct stat info {};
+  struct stat info{};
   if (::fstatat(dir, name, &info, AT_SYMLINK_NOFOLLOW) != 0) return std::nullopt;
   FolderListener::Entry entry;
   entry.name = shown;

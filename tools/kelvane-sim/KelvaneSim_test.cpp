@@ -367,7 +367,7 @@ TEST_F(KelvaneSimTest, TheContainerIsPrivateAndTellsTheRoot) {
   start(chosen);
   EXPECT_EQ(sim_->root(), files_.path("/root"));
   EXPECT_EQ(sim_->container(), files_.path("/new/container"));
-  struct stat info {};
+  struct stat info{};
   ASSERT_EQ(::stat(sim_->container().c_str(), &info), 0);
   EXPECT_EQ(info.st_mode & 0777U, 0700U);
   SqliteFile config(sim_->container() + "/config.db");

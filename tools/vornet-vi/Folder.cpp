@@ -66,7 +66,7 @@ void requireFolder(const std::string& path) {
 }
 
 void requireExisting(const std::string& path) {
-  struct stat status {};
+  struct stat status{};
   if (lstat(path.c_str(), &status) != 0) {
     throw fileFailure(path, errno == ENOTDIR ? ENOENT : errno);
   }
@@ -88,7 +88,7 @@ std::vector<Entry> readFolder(const std::string& folder) {
     if (name == "." || name == "..") {
       continue;
     }
-    struct stat status {};
+    struct stat status{};
     if (fstatat(dirfd(open.get()), next->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
       entries.push_back(entryOf(std::string{name}, status));
     } else if (errno != ENOENT) {
@@ -99,7 +99,7 @@ std::vector<Entry> readFolder(const std::string& folder) {
 }
 
 std::optional<Entry> readEntry(const std::string& folder, const std::string& name) {
-  struct stat status {};
+  struct stat status{};
   if (lstat(childPath(folder, name).c_str(), &status) != 0) {
     return std::nullopt;
   }

@@ -41,7 +41,7 @@ std::string tailOf(const std::string& path) {
   if (file < 0) {
     return tail;
   }
-  struct stat kind {};
+  struct stat kind{};
   if (fstat(file, &kind) == 0 && S_ISREG(kind.st_mode)) {
     tail.resize(static_cast<std::size_t>(std::min(kind.st_size, TAIL_BYTES)));
     const auto count = pread(file, tail.data(), tail.size(), std::max<off_t>(kind.st_size - TAIL_BYTES, 0));

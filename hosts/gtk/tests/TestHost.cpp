@@ -137,8 +137,7 @@ std::vector<TestHost::Entry> TestHost::backgroundMenu(FakeFile& folder) {
 bool TestHost::waitUntil(const std::function<bool()>& condition) {
   const auto until = std::chrono::steady_clock::now() + PATIENCE;
   // Wakes the loop for conditions that come about outside of it.
-  const guint ticks = g_timeout_add(
-      5, +[](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
+  const guint ticks = g_timeout_add(5, +[](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
   bool holds = condition();
   while (!holds && std::chrono::steady_clock::now() < until) {
     g_main_context_iteration(nullptr, TRUE);

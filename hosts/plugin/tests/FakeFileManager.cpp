@@ -41,8 +41,7 @@ std::size_t FakeFileManager::withEmblem(const std::string& emblem) const {
 bool runUntil(const std::function<bool()>& condition) {
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
   GSource* wake = g_timeout_source_new(10);  // conditions also change without an event of this context
-  g_source_set_callback(
-      wake, +[](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
+  g_source_set_callback(wake, +[](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
   g_source_attach(wake, nullptr);
   bool holds = condition();
   while (!holds && std::chrono::steady_clock::now() < deadline) {

@@ -207,7 +207,7 @@ TEST_F(FilesTest, FileTakesThePlaceOfSomebodyElses) {
     return createFile(at("file")) ? 0 : 1;
   });
   EXPECT_EQ(owner.wait(), 0);
-  struct stat found {};
+  struct stat found{};
   ASSERT_EQ(::lstat(at("file").c_str(), &found), 0);
   EXPECT_EQ(found.st_uid, OWNER);
   EXPECT_EQ(found.st_size, 0);

@@ -222,7 +222,9 @@ TEST_F(FinderSyncController, RemembersWhatWasAskedForWhateverTheAnswer) {
 TEST_F(FinderSyncController, TellsTheFirstBadgeOfAnItemThatWasAnsweredWithoutOne) {
   host::folderShown("/a");
   const auto url = at("/a/file");
-  { EXPECT_TRUE(host::BadgeRequest(url).apply()); }
+  {
+    EXPECT_TRUE(host::BadgeRequest(url).apply());
+  }
   EXPECT_THAT(listener.badges, IsEmpty());
   host::BadgeRequest second(url);
   controller.setBadgeIdentifier("SYNCED", url);
@@ -312,7 +314,9 @@ TEST_F(FinderSyncController, TakesNoBadgeFromAnotherThreadAsTheAnswer) {
 TEST_F(FinderSyncController, EndsARequestWithItsLife) {
   host::folderShown("/a");
   const auto url = at("/a/file");
-  { const host::BadgeRequest request(url); }
+  {
+    const host::BadgeRequest request(url);
+  }
   controller.setBadgeIdentifier("SYNCED", url);
   EXPECT_THAT(listener.badges, ElementsAre(Pair("/a/file", "SYNCED")));
 }
