@@ -55,10 +55,6 @@ void CallGate::open() {
 bool CallGate::take(std::string_view bytes) {
   const std::lock_guard guard(lock_);
   while (!bytes.empty()) {
-    if (stage_ == Stage::authentication) {
-      passLines(bytes);
-      continue;
-    }
     if (skipping_ > 0) {
       const auto count = std::min<std::uint64_t>(skipping_, bytes.size());
       bytes.remove_prefix(static_cast<std::size_t>(count));
@@ -75,15 +71,6 @@ bool CallGate::take(std::string_view bytes) {
   return true;
 }
 
-/// The bus's lines begin with capital letters other than the "B" and "l" that messages begin with.
-void CallGate::passLines(std::string_view& bytes) {
-  if (atLineStart_ && (bytes.front() == 'l' || bytes.front() == 'B')) return expect(Stage::start, MESSAGE_START);
-  const auto line = bytes.substr(0, bytes.find('\n') == bytes.npos ? bytes.size() : bytes.find('\n') + 1);
-  atLineStart_ = line.back() == '\n';
-  passing_.emplace_back(line);
-  bytes.remove_prefix(line.size());
-}
-
 /// What was wanted of the message is there. False when it is none.
 bool CallGate::advance() {
   switch (stage_) {
@@ -95,8 +82,6 @@ bool CallGate::advance() {
     case Stage::body:
       readBody();
       return true;
-    case Stage::authentication:
-      break;
   }
   return false;
 }

@@ -53,7 +53,7 @@ class CallGate {
   /// Clients' messages wait until open() is called.
   void open();
 
-  /// Takes `bytes` from the bus, a piece of a stream: first the lines of its authentication, which pass, then messages.
+  /// Takes `bytes` from the bus, a piece of the stream of messages that follows the authentication.
   /// False when they are no D-Bus messages; the stream is of no use then.
   bool take(std::string_view bytes);
 
@@ -107,9 +107,8 @@ class CallGate {
 
   using CallKey = std::tuple<std::string, std::uint32_t, bool>;  // client, serial, whether an answer is awaited
 
-  enum class Stage : std::uint8_t { authentication, start, header, body };
+  enum class Stage : std::uint8_t { start, header, body };
 
-  void passLines(std::string_view& bytes);
   bool advance();
   bool readStart();
   void readHeader();
@@ -131,14 +130,13 @@ class CallGate {
   bool isOpen_ = false;
 
   // The message that is coming in.
-  Stage stage_ = Stage::authentication;
+  Stage stage_ = Stage::start;
   std::string incoming_;
-  std::size_t wanted_ = 1;      // how long `incoming_` is to become
-  std::uint64_t skipping_ = 0;  // bytes to throw away
+  std::size_t wanted_ = MESSAGE_START;  // how long `incoming_` is to become
+  std::uint64_t skipping_ = 0;          // bytes to throw away
   MessageLength length_;
   Message message_;
   bool fromBus_ = false;
-  bool atLineStart_ = true;
 
   // What waits, and what is being given.
   std::deque<std::string> passing_;  // from the bus itself

@@ -111,17 +111,6 @@ TEST_F(CallGateTest, WhatPassesIsWhatCameInHoweverItWasCut) {
   EXPECT_THAT(refusals(), ElementsAre());
 }
 
-TEST_F(CallGateTest, LinesOfTheAuthenticationPass) {
-  const std::string lines = "OK 1234\r\nAGREE_UNIX_FD\r\n";
-  const auto message = call("org.freedesktop.DBus", "Hello");
-  ASSERT_TRUE(gate.take(lines.substr(0, 5)));
-  ASSERT_TRUE(gate.take(lines.substr(5) + message));
-  std::string got;
-  char buffer[100];
-  for (std::size_t count = gate.give(buffer, 100); count > 0; count = gate.give(buffer, 100)) got.append(buffer, count);
-  EXPECT_EQ(got, lines + message);
-}
-
 TEST_F(CallGateTest, WhatIsNoMessageEndsTheStream) {
   ASSERT_TRUE(gate.take(call(":1.1", "Ping")));
   EXPECT_FALSE(gate.take("GET / HTTP/1.0\r\n\r\n"));

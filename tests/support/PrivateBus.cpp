@@ -27,6 +27,7 @@ PrivateBus::PrivateBus(const std::filesystem::path& folder, const std::filesyste
  "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
 <busconfig>
   <type>session</type>
+  <auth>EXTERNAL</auth>
   <listen>unix:path=)" + (folder_ / "bus.socket").string() +
                                R"(</listen>
   <servicedir>)" + services.string() +
