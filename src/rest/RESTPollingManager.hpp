@@ -94,7 +94,6 @@ class RESTPollingManager : public std::enable_shared_from_this<RESTPollingManage
   std::atomic<const platform::FileURL*> rootDir_{nullptr};
   const std::set<std::string> pendingUpdates_;
   std::atomic<bool> running_{false};
-  std::atomic<bool> hadLargeReply_{false};
   std::atomic<FinderSyncController*> finderSync_{nullptr};
   LRUCache dirCache_{MAX_CACHE_DIRS};
   Menu menu_;
