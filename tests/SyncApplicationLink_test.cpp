@@ -250,6 +250,7 @@ std::string document(std::size_t size, const std::string& open, const std::strin
 struct Shape {
   const char* name;
   std::string (*make)(std::size_t size);
+  friend void PrintTo(const Shape& shape, std::ostream* out) { *out << shape.name; }
 };
 
 std::string number(int i) {
