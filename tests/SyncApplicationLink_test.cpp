@@ -141,13 +141,13 @@ class Stranger {
   Stranger(const Stranger&) = delete;
   Stranger& operator=(const Stranger&) = delete;
 
-  /// Ends it. How many bytes it was sent.
-  std::size_t bytes() {
+  /// Ends it. How many bytes it was sent on each connection that it took.
+  std::vector<std::size_t> bytes() {
     process_.kill();
     ::close(std::exchange(counts_[1], -1));
-    std::size_t total = 0;
-    for (std::size_t count = 0; ::read(counts_[0], &count, sizeof count) == sizeof count;) total += count;
-    return total;
+    std::vector<std::size_t> counts;
+    for (std::size_t count = 0; ::read(counts_[0], &count, sizeof count) == sizeof count;) counts.push_back(count);
+    return counts;
   }
 
  private:
@@ -204,7 +204,7 @@ TEST_F(AnotherUsersServer, LearnsNothingAndIsNotBelieved) {
   ASSERT_TRUE(client->performAction("share:", {url("x")}));
   EXPECT_THAT(logText(), HasSubstr("Unexpected error occured while fetching context menu: ResourceUnavailable\n"));
   EXPECT_EQ(client->extensionProcess(), process) << "its menu stops nobody";
-  EXPECT_EQ(stranger.bytes(), 0u);
+  EXPECT_THAT(stranger.bytes(), IsEmpty());
   // The port is free: the sync application is found at once when it is there.
   Application application(Application::Replies{{"mac_populate_menu", R"({"1":true})"}});
   ASSERT_TRUE(client->menu({url("x")}, entries));
@@ -224,7 +224,7 @@ TEST_F(AnotherUsersServer, IsNamedByTheStatusInTheTerminal) {
   };
   EXPECT_THAT(status({}), HasSubstr("another user's process (of uid 65534) listens on 127.0.0.1:8806"));
   EXPECT_THAT(status({"--json"}), HasSubstr(R"("outcome":"another user","uid":65534)"));
-  EXPECT_EQ(stranger.bytes(), 0u);
+  EXPECT_THAT(stranger.bytes(), IsEmpty());
 }
 
 // --- Memory ---------------------------------------------------------------------------------------------------------
@@ -250,6 +250,7 @@ std::string document(std::size_t size, const std::string& open, const std::strin
 struct Shape {
   const char* name;
   std::string (*make)(std::size_t size);
+  friend void PrintTo(const Shape& shape, std::ostream* out) { *out << shape.name; }
 };
 
 std::string number(int i) {

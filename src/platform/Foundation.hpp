@@ -29,10 +29,6 @@ void setFatalErrorHandler(FatalErrorHandler handler) noexcept;
 /// the extension's logger.
 void systemLog(std::string_view message);
 
-/// Gives memory that this process has freed, and kept for its next need, back to the system. Any thread; takes some
-/// tenths of a millisecond.
-void giveBackFreeMemory();
-
 // --- Text -----------------------------------------------------------------------------------------------------------
 
 /// Whether `bytes` is well-formed UTF-8 (no overlong forms, no surrogates). Empty text is.

@@ -15,8 +15,6 @@ namespace {
 
 // A folder of half a million items has a reply of this size.
 constexpr std::size_t STATUSES_LIMIT = std::size_t{64} << 20;
-// Of ten thousand items. Larger ones leave free memory behind that is worth giving back.
-constexpr std::size_t LARGE_REPLY = std::size_t{1} << 20;
 
 // How much of a reply is looked at to guess how many entries it has, and the fewest bytes that one is taken to have.
 constexpr std::size_t SAMPLE_BYTES = 4096;
@@ -176,9 +174,6 @@ void RESTPollingManager::work() {
       if (!running_) break;
       poll(dir);
     }
-    // In every pass from then on: what a large reply took is freed whenever its folder gets another or leaves the
-    // cache.
-    if (hadLargeReply_) platform::giveBackFreeMemory();
   }
 }
 
@@ -221,7 +216,6 @@ void RESTPollingManager::fetch(const std::string& dir) {
   auto reply =
       RESTClient::postAtPath("get_icons_for_folder", toJSON({{"dir_name", key}}), std::nullopt, STATUSES_LIMIT);
   if (!reply) return;
-  if (reply->size() > LARGE_REPLY) hadLargeReply_ = true;
   auto statuses = statusesFromReply(key, *std::move(reply));  // which is gone before they are compared
   if (!statuses) return;
   bool firstFill = false;

@@ -23,10 +23,6 @@ void systemLog(std::string_view message) {
                message.data());
 }
 
-void giveBackFreeMemory() {
-  ::malloc_trim(0);
-}
-
 void host::keepLittleFreeMemory() {
   // By itself it takes the largest block that was ever freed for the measure of both.
   constexpr int LIMIT = 1 << 20;

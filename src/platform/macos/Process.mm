@@ -16,9 +16,6 @@ void systemLog(std::string_view message) {
   }
 }
 
-// The system's allocator does so by itself.
-void giveBackFreeMemory() {}
-
 std::string processName() {
   @autoreleasepool {
     return cocoa::text([[NSProcessInfo processInfo] processName]).value_or("");
