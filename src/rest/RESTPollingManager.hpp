@@ -101,12 +101,7 @@ class RESTPollingManager : public std::enable_shared_from_this<RESTPollingManage
   std::atomic<const platform::FileURL*> rootDir_{nullptr};
   const std::set<std::string> pendingUpdates_;
   std::atomic<bool> running_{false};
-<<<<<<< HEAD
-  std::atomic<bool> hadLargeReply_{false};
   std::atomic<StatusSink*> finderSync_{nullptr};
-=======
-  std::atomic<FinderSyncController*> finderSync_{nullptr};
->>>>>>> link
   LRUCache dirCache_{MAX_CACHE_DIRS};
   Menu menu_;
   std::mutex workersMutex_;
