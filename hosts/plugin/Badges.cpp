@@ -1,6 +1,7 @@
 #include "Badges.hpp"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "Paths.hpp"
@@ -18,27 +19,63 @@ constexpr unsigned BATCHES_UNDER_WAY = 4;
 // So long the first item waits for others of its batch.
 constexpr auto GATHERING = 5ms;
 
-// After the extension was too busy.
-constexpr auto RETRY = 1s;
-
-// The bus's own word for it.
+// The bus's own word for Busy.
 constexpr const char* TOO_MANY_CALLS = "org.freedesktop.DBus.Error.LimitsExceeded";
 
-// Items dealt with between two looks at the clock.
-constexpr std::size_t STEP = 16;
+bool isOverload(const std::string& error) {
+  return error == "Busy" || error == TOO_MANY_CALLS;
+}
+
+/// Whether asking again cannot help while the folder and the extension stay as they are.
+bool isFinal(const std::string& error) {
+  return error == "InvalidURL" || error == "OutsideObservedFolders" || error == "NotAFolder";
+}
+
+/// The emblems that an answer to `count` questions means; none when it has another number of them.
+std::vector<std::string_view> emblemsOf(GVariant* values, std::size_t count) {
+  std::vector<std::string_view> emblems;
+  GVariant* identifiers = g_variant_get_child_value(values, 0);
+  if (g_variant_n_children(identifiers) == count) {
+    emblems.reserve(count);
+    for (std::size_t i = 0; i < count; ++i) {
+      const gchar* identifier = nullptr;
+      g_variant_get_child(identifiers, i, "&s", &identifier);
+      emblems.push_back(emblemOf(identifier));
+    }
+  }
+  g_variant_unref(identifiers);
+  return emblems;
+}
 
 }  // namespace
 
 struct Badges::Batch {
   std::string folder;
+  unsigned folderId = 0;
+  unsigned generation = 0;
   std::vector<std::string> names;
-  unsigned extension = 0;
 };
 
-Badges::Badges(GMainContext* context, ExtensionLink& link, FoldersOnScreen& folders)
-    : link_(link), folders_(folders), questions_(context), work_(context), gathering_(context), retry_(context) {}
+Badges::Badges(GMainContext* context, ExtensionLink& link, FoldersOnScreen& folders, const Pace& pace)
+    : link_(link),
+      folders_(folders),
+      updates_(context, folders, [this] { askForEverythingLater(); }),
+      questions_(context),
+      gathering_(context),
+      pause_(context),
+      failedAgain_(context),
+      missed_(context),
+      unobserved_(context),
+      busyRetries_(pace.retries),
+      failureRetries_(pace.retries),
+      missedPause_(Backoff(pace.retries).next()),
+      unobservedPace_(pace.unobserved) {}
 
-const std::string& Badges::badge(Folder& folder, std::string_view name, std::unique_ptr<ShownItem> item) {
+bool Badges::mayCarryBadges(std::string_view path) const {
+  return !link_.foldersKnown() || link_.observedFolders().empty() || link_.isObserved(path);
+}
+
+std::string_view Badges::emblem(Folder& folder, std::string_view name, std::unique_ptr<ShownItem> item) {
   const auto [found, isNew] = folder.entries.try_emplace(std::string(name));
   Entry& entry = found->second;
   entry.item = std::move(item);
@@ -46,9 +83,9 @@ const std::string& Badges::badge(Folder& folder, std::string_view name, std::uni
     entry.waiting = true;
     folder.waiting.push_back(found->first);
     folder.lastNew = g_get_monotonic_time();
-    if (folder.observed) askSoon();
+    if (folder.observed || folder.tooMany) askSoon();
   }
-  return entry.identifier;
+  return entry.emblem;
 }
 
 // --- Observing ------------------------------------------------------------------------------------------------------
@@ -56,7 +93,7 @@ const std::string& Badges::badge(Folder& folder, std::string_view name, std::uni
 void Badges::adjust(Folder& folder) {
   const bool possible = link_.isReady() && !folder.refused && link_.isObserved(folder.path);
   const int wanted = !possible ? 0 : folder.shown > 0 ? folder.shown : folder.inferred ? 1 : 0;
-  while (folder.begun < wanted && !folder.refused) begin(folder);
+  while (folder.begun < wanted && !folder.refused && !folder.tooMany) begin(folder);
   for (; folder.begun > wanted; --folder.begun) {
     if (link_.isReady()) link_.send("EndObserving", g_variant_new("(s)", urlOfPath(folder.path).c_str()));
   }
@@ -65,30 +102,64 @@ void Badges::adjust(Folder& folder) {
 
 void Badges::begin(Folder& folder) {
   ++folder.begun;
-  const auto begun = [this, path = folder.path, extension = extension_](GVariant* done, const std::string& error) {
-    Folder* current = extension == extension_ ? folders_.find(path) : nullptr;
+  const auto answered = [this, path = folder.path, id = folder.id, generation = generation_](GVariant* done,
+                                                                                             const std::string& error) {
+    Folder* current = generation == generation_ ? folders_.find(path, id) : nullptr;
     if (!current || current->begun == 0) return;
-    if (done) {
-      current->observed = true;
-      askSoon();  // only now: of what was answered before, a change might not be told
-    } else {
-      --current->begun;
-      if (error == "Busy" || error == TOO_MANY_CALLS) {
-        beginAgainLater();
-      } else {
-        current->refused = true;
-      }
-    }
+    done ? began(*current) : notBegun(*current, error);
   };
-  link_.call("BeginObserving", g_variant_new("(s)", urlOfPath(folder.path).c_str()), begun);
+  link_.call("BeginObserving", g_variant_new("(s)", urlOfPath(folder.path).c_str()), "()", answered);
 }
 
-void Badges::beginAgainLater() {
-  if (retry_.isRunning()) return;
-  retry_.start(RETRY, [this] {
+void Badges::began(Folder& folder) {
+  busyRetries_.reset();
+  folder.observed = true;
+  if (std::exchange(folder.tooMany, false)) {
+    askForAll(folder);  // of what was answered before, a change might not be told
+    adjust(folder);
+  }
+  askSoon();
+}
+
+void Badges::notBegun(Folder& folder, const std::string& error) {
+  --folder.begun;
+  if (error == "TooManyFolders") {
+    if (folder.observed) return;
+    folder.tooMany = true;
+    refreshUnobservedLater();
+    askSoon();
+  } else if (isFinal(error)) {
+    folder.refused = true;
+  } else {
+    pause();
+  }
+}
+
+/// The extension is too busy, or fails.
+void Badges::pause() {
+  if (pause_.isRunning()) return;
+  pause_.start(busyRetries_.next(), [this] {
     for (const auto& path : folders_.paths()) adjust(*folders_.find(path));
     ask();
   });
+}
+
+void Badges::refreshUnobservedLater() {
+  if (!unobserved_.isRunning()) unobserved_.start(unobservedPace_, [this] { refreshUnobserved(); });
+}
+
+void Badges::refreshUnobserved() {
+  bool some = false;
+  for (const auto& path : folders_.paths()) {
+    Folder& folder = *folders_.find(path);
+    if (!folder.tooMany || !link_.isReady()) continue;
+    some = true;
+    askForAll(folder);
+    if (folder.begun == 0) begin(folder);  // a place may have become free
+  }
+  if (!some) return;
+  ask();
+  refreshUnobservedLater();
 }
 
 void Badges::drop(Folder& folder) {
@@ -107,6 +178,15 @@ void Badges::askForAll(Folder& folder) {
   }
 }
 
+/// Changes were missed. While they keep coming too fast, once in a while is enough.
+void Badges::askForEverythingLater() {
+  if (missed_.isRunning()) return;
+  missed_.start(missedPause_, [this] {
+    for (const auto& [path, folder] : folders_.all()) askForAll(*folder);
+    ask();
+  });
+}
+
 void Badges::askSoon() {
   if (!gathering_.isRunning() && batchesUnderWay_ < BATCHES_UNDER_WAY) gathering_.start(GATHERING, [this] { ask(); });
 }
@@ -115,30 +195,40 @@ void Badges::askSoon() {
 void Badges::ask() {
   if (std::exchange(isAsking_, true)) return;
   questions_.add([this] {
-    isAsking_ = link_.isReady() && batchesUnderWay_ < BATCHES_UNDER_WAY && askForNextBatch();
-    return isAsking_;
+    const bool may = link_.isReady() && !pause_.isRunning() && batchesUnderWay_ < BATCHES_UNDER_WAY;
+    return isAsking_ = may && askForNextBatch();
   });
 }
 
+/// What failed comes last.
 bool Badges::askForNextBatch() {
+  const auto asked = [](const Folder& folder) { return folder.observed || folder.tooMany; };
   for (const auto& [path, folder] : folders_.all()) {
-    if (!folder->observed || folder->waiting.empty()) continue;
-    askForBatch(*folder);
+    auto& waiting = folder->waiting;
+    if (!asked(*folder) || waiting.empty()) continue;
+    const auto first = waiting.end() - static_cast<std::ptrdiff_t>(std::min(BATCH, waiting.size()));
+    std::vector<std::string> names(std::make_move_iterator(first), std::make_move_iterator(waiting.end()));
+    waiting.erase(first, waiting.end());
+    askForBatch(*folder, std::move(names));
+    return true;
+  }
+  if (failedAgain_.isRunning()) return false;
+  for (const auto& [path, folder] : folders_.all()) {
+    if (!asked(*folder) || folder->again.empty()) continue;
+    auto names = std::move(folder->again.front());
+    folder->again.pop_front();
+    askForBatch(*folder, std::move(names));
     return true;
   }
   return false;
 }
 
-void Badges::askForBatch(Folder& folder) {
-  auto batch = std::make_shared<Batch>();
-  batch->folder = folder.path;
-  batch->extension = extension_;
+void Badges::askForBatch(Folder& folder, std::vector<std::string> names) {
+  auto batch = std::make_shared<Batch>(Batch{folder.path, folder.id, generation_, {}});
   const std::string base = folder.path == "/" ? "/" : folder.path + "/";
   GVariantBuilder urls;
   g_variant_builder_init(&urls, G_VARIANT_TYPE_STRING_ARRAY);
-  while (!folder.waiting.empty() && batch->names.size() < BATCH) {
-    auto name = std::move(folder.waiting.back());
-    folder.waiting.pop_back();
+  for (auto& name : names) {
     const auto found = folder.entries.find(name);
     if (found == folder.entries.end()) continue;
     found->second.waiting = false;
@@ -151,97 +241,76 @@ void Badges::askForBatch(Folder& folder) {
   }
   folder.unanswered += batch->names.size();
   ++batchesUnderWay_;
-  link_.call("RequestBadges", g_variant_new("(as)", &urls),
-             [this, batch](GVariant* values, const std::string& error) { answered(batch, values, error); });
+  link_.call("RequestBadges", g_variant_new("(as)", &urls), "(as)",
+             [this, batch](GVariant* values, const std::string& error) { answered(*batch, values, error); });
 }
 
-void Badges::answered(std::shared_ptr<Batch> batch, GVariant* values, const std::string& error) {
-  if (batch->extension != extension_) return;
+void Badges::answered(Batch& batch, GVariant* values, const std::string& error) {
+  if (batch.generation != generation_) return;
   --batchesUnderWay_;
-  if (values && g_variant_is_of_type(values, G_VARIANT_TYPE("(as)"))) {
-    const std::shared_ptr<GVariant> identifiers(g_variant_get_child_value(values, 0), g_variant_unref);
-    work_.add([this, batch, identifiers, next = std::size_t(0)]() mutable {
-      const std::size_t all = std::min(batch->names.size(), g_variant_n_children(identifiers.get()));
-      const std::size_t end = std::min(next + STEP, all);
-      for (; next < end && batch->extension == extension_; ++next) {
-        const gchar* identifier = nullptr;
-        g_variant_get_child(identifiers.get(), next, "&s", &identifier);
-        hear(batch->folder, batch->names[next], identifier);
-      }
-      if (next < all && batch->extension == extension_) return true;
-      traceAnswered(*batch);
-      return false;
-    });
-  } else if (Folder* folder = error == "Busy" ? folders_.find(batch->folder) : nullptr) {
-    for (const auto& name : batch->names) {
-      const auto found = folder->entries.find(name);
-      if (found == folder->entries.end() || std::exchange(found->second.waiting, true)) continue;
-      folder->waiting.push_back(name);
-    }
-    return beginAgainLater();
+  Folder* folder = folders_.find(batch.folder, batch.folderId);
+  auto emblems = values ? emblemsOf(values, batch.names.size()) : std::vector<std::string_view>();
+  if (!emblems.empty()) {
+    busyRetries_.reset();
+    failureRetries_.reset();
+  }
+  if (folder && emblems.empty()) {
+    failed(*folder, std::move(batch.names), error);
+  } else if (folder) {
+    const auto items = batch.names.size();
+    const auto applied = [this, path = batch.folder, id = batch.folderId, items] {
+      if (Folder* current = folders_.find(path, id)) traceAnswered(*current, items);
+    };
+    updates_.takeAnswer({batch.folder, batch.folderId, std::move(batch.names), std::move(emblems)}, applied);
   }
   ask();
 }
 
-void Badges::traceAnswered(const Batch& batch) {
-  Folder* folder = batch.extension == extension_ ? folders_.find(batch.folder) : nullptr;
-  if (!folder) return;
-  folder->unanswered -= std::min(folder->unanswered, batch.names.size());
-  if (folder->unanswered > 0 || !folder->waiting.empty() || !isTracing()) return;
-  const auto milliseconds = static_cast<double>(g_get_monotonic_time() - folder->lastNew) / 1000;
-  trace("the badges of %zu items are known, %.1f ms after the last of them came", folder->entries.size(), milliseconds);
-}
-
-// --- Hearing --------------------------------------------------------------------------------------------------------
-
-void Badges::badgesChanged(GVariant* changes) {
-  const std::shared_ptr<GVariant> kept(g_variant_ref(changes), g_variant_unref);
-  work_.add([this, kept, extension = extension_, next = std::size_t(0)]() mutable {
-    const std::size_t all = g_variant_n_children(kept.get());
-    const std::size_t end = std::min(next + STEP, all);
-    for (; next < end && extension == extension_; ++next) {
-      const gchar* url = nullptr;
-      const gchar* identifier = nullptr;
-      g_variant_get_child(kept.get(), next, "(&s&s)", &url, &identifier);
-      if (const auto path = pathOfURL(url)) hear(std::string(folderOf(*path)), std::string(nameOf(*path)), identifier);
-    }
-    return next < all && extension == extension_;
+/// The batch is asked for again: by halves, so that an item that makes the extension refuse all of them ends up alone.
+void Badges::failed(Folder& folder, std::vector<std::string> names, const std::string& error) {
+  folder.unanswered -= std::min(folder.unanswered, names.size());
+  std::erase_if(names, [&folder](const std::string& name) {
+    const auto found = folder.entries.find(name);
+    return found == folder.entries.end() || std::exchange(found->second.waiting, true);
   });
+  if (names.empty()) return;
+  if (isOverload(error)) {
+    std::move(names.begin(), names.end(), std::back_inserter(folder.waiting));
+    return pause();
+  }
+  if (error == "InvalidURL" && names.size() == 1) {
+    folder.entries[names.front()].waiting = false;
+    return;
+  }
+  const auto middle = names.begin() + static_cast<std::ptrdiff_t>((names.size() + 1) / 2);
+  std::vector<std::string> half(std::make_move_iterator(middle), std::make_move_iterator(names.end()));
+  names.erase(middle, names.end());
+  folder.again.push_back(std::move(names));
+  if (!half.empty()) folder.again.push_back(std::move(half));
+  if (error == "InvalidURL" || failedAgain_.isRunning()) return;
+  failedAgain_.start(failureRetries_.next(), [this] { ask(); });
 }
 
-void Badges::hear(const std::string& path, const std::string& name, const char* identifier) {
-  Folder* folder = folders_.find(path);
-  if (!folder) return;
-  const auto found = folder->entries.find(name);
-  if (found == folder->entries.end() || found->second.identifier == identifier) return;
-  found->second.identifier = identifier;
-  const auto item = found->second.item;  // the file manager may ask within the call, and bring another
-  item->redraw(path == "/" ? path + name : path + "/" + name);
+void Badges::traceAnswered(Folder& folder, std::size_t items) {
+  folder.unanswered -= std::min(folder.unanswered, items);
+  if (folder.unanswered > 0 || !folder.waiting.empty() || !isTracing()) return;
+  const auto milliseconds = static_cast<double>(g_get_monotonic_time() - folder.lastNew) / 1000;
+  trace("the badges of %zu items are known, %.1f ms after the last of them came", folder.entries.size(), milliseconds);
 }
 
-void Badges::redrawAll(const Folder& folder) {
-  auto items = std::make_shared<std::vector<std::pair<std::string, std::shared_ptr<ShownItem>>>>();
-  items->reserve(folder.entries.size());
-  const std::string base = folder.path == "/" ? "/" : folder.path + "/";
-  for (const auto& [name, entry] : folder.entries) items->emplace_back(base + name, entry.item);
-  work_.add([items] {
-    for (std::size_t i = 0; i < STEP && !items->empty(); ++i) {
-      items->back().second->redraw(items->back().first);
-      items->pop_back();
-    }
-    return !items->empty();
-  });
-}
-
-/// The folder lies outside the synced folder now.
+/// The folder lies outside the synced folder now. Of one that a window shows the items are kept: they get badges when
+/// it comes to lie within again, and the file manager does not ask for them then.
 void Badges::clear(Folder& folder) {
+  if (folder.shown > 0 || link_.observedFolders().empty()) {
+    for (const auto& [name, entry] : folder.entries) updates_.apply(folder, name, {});
+    return;
+  }
   const bool hadBadges = std::any_of(folder.entries.begin(), folder.entries.end(),
-                                     [](const auto& entry) { return !entry.second.identifier.empty(); });
-  for (auto& [name, entry] : folder.entries) entry.identifier.clear();
+                                     [](const auto& entry) { return !entry.second.emblem.empty(); });
   if (hadBadges) redrawAll(folder);
-  if (link_.observedFolders().empty()) return;  // the sync application may be configured yet
   folder.entries.clear();
   folder.waiting.clear();
+  folder.again.clear();
 }
 
 // --- The extension --------------------------------------------------------------------------------------------------
@@ -252,19 +321,26 @@ void Badges::extensionReady() {
 }
 
 void Badges::extensionGone() {
-  ++extension_;
+  ++generation_;
   batchesUnderWay_ = 0;
+  updates_.dropUnread();
+  for (auto* timer : {&pause_, &failedAgain_, &missed_, &unobserved_}) timer->stop();
+  busyRetries_.reset();
+  failureRetries_.reset();
   for (const auto& [path, folder] : folders_.all()) {
     folder->begun = 0;
-    folder->observed = folder->refused = false;
+    folder->observed = folder->refused = folder->tooMany = false;
     folder->unanswered = 0;
+    for (auto& names : std::exchange(folder->again, {})) {
+      std::move(names.begin(), names.end(), std::back_inserter(folder->waiting));
+    }
   }
 }
 
 void Badges::observedFoldersChanged() {
   for (const auto& path : folders_.paths()) {
     Folder& folder = *folders_.find(path);
-    folder.refused = false;
+    folder.refused = folder.tooMany = false;
     if (link_.isObserved(path)) {
       askForAll(folder);
     } else {

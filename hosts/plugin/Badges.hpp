@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "Backoff.hpp"
+#include "BadgeUpdates.hpp"
 #include "ExtensionLink.hpp"
 #include "FileManager.hpp"
 #include "FoldersOnScreen.hpp"
@@ -15,15 +17,24 @@
 namespace vornet::plugin {
 
 /// Keeps the badges of what is on screen right: observes the folders, asks for their items' badges in batches, takes in
-/// answers and changes in the order in which they come. Not thread-safe: the context's thread only.
+/// answers and changes in the order in which they come. What the extension refuses is asked for again, ever later. Not
+/// thread-safe: the context's thread only.
 class Badges {
  public:
-  Badges(GMainContext* context, ExtensionLink& link, FoldersOnScreen& folders);
+  struct Pace {
+    Backoff retries;                       ///< between attempts at what fails
+    std::chrono::milliseconds unobserved;  ///< between questions for folders that the extension has no room to observe
+  };
+
+  Badges(GMainContext* context, ExtensionLink& link, FoldersOnScreen& folders, const Pace& pace);
   Badges(const Badges&) = delete;
   Badges& operator=(const Badges&) = delete;
 
-  /// The identifier of the badge of an item of `folder`, as far as known; from now on `item` is told of changes.
-  const std::string& badge(Folder& folder, std::string_view name, std::unique_ptr<ShownItem> item);
+  /// The emblem of an item of `folder`, as far as known; from now on `item` is told of changes.
+  std::string_view emblem(Folder& folder, std::string_view name, std::unique_ptr<ShownItem> item);
+
+  /// Whether items of the folder at `path` may carry badges, or it is not known yet that they do not.
+  bool mayCarryBadges(std::string_view path) const;
 
   /// Begins and ends observations until there are as many as `folder` is shown.
   void adjust(Folder& folder);
@@ -32,35 +43,47 @@ class Badges {
   void drop(Folder& folder);
 
   /// Has the file manager ask again for every item of `folder` that it still shows.
-  void redrawAll(const Folder& folder);
+  void redrawAll(const Folder& folder) { updates_.redrawAll(folder); }
 
   void extensionReady();
   void extensionGone();
   void observedFoldersChanged();
-  void badgesChanged(GVariant* changes);
+  void badgesChanged(GVariant* changes) { updates_.takeChanges(changes); }
 
  private:
   struct Batch;
 
   void begin(Folder& folder);
-  void beginAgainLater();
+  void began(Folder& folder);
+  void notBegun(Folder& folder, const std::string& error);
+  void pause();
+  void refreshUnobservedLater();
+  void refreshUnobserved();
   void askForAll(Folder& folder);
+  void askForEverythingLater();
   void askSoon();
   void ask();
   bool askForNextBatch();
-  void askForBatch(Folder& folder);
-  void answered(std::shared_ptr<Batch> batch, GVariant* values, const std::string& error);
-  void traceAnswered(const Batch& batch);
-  void hear(const std::string& folder, const std::string& name, const char* identifier);
+  void askForBatch(Folder& folder, std::vector<std::string> names);
+  void answered(Batch& batch, GVariant* values, const std::string& error);
+  void failed(Folder& folder, std::vector<std::string> names, const std::string& error);
+  void traceAnswered(Folder& folder, std::size_t items);
   void clear(Folder& folder);
 
   ExtensionLink& link_;
   FoldersOnScreen& folders_;
+  BadgeUpdates updates_;
   SlicedWork questions_;
-  SlicedWork work_;
   Timer gathering_;
-  Timer retry_;
-  unsigned extension_ = 0;  ///< counts the extension's processes: answers of former ones are void
+  Timer pause_;        ///< the extension is too busy: nothing is asked meanwhile
+  Timer failedAgain_;  ///< batches that failed wait meanwhile
+  Timer missed_;
+  Timer unobserved_;
+  Backoff busyRetries_;
+  Backoff failureRetries_;
+  const std::chrono::milliseconds missedPause_;
+  const std::chrono::milliseconds unobservedPace_;
+  unsigned generation_ = 0;  ///< counts the extension's processes: answers of former ones are void
   unsigned batchesUnderWay_ = 0;
   bool isAsking_ = false;
 };

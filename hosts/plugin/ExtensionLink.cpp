@@ -18,6 +18,16 @@ constexpr const char* PROPERTIES = "org.freedesktop.DBus.Properties";
 constexpr const char* BUS = "org.freedesktop.DBus";
 constexpr const char* BUS_PATH = "/org/freedesktop/DBus";
 constexpr const char* NOT_INSTALLED = "org.freedesktop.DBus.Error.ServiceUnknown";
+constexpr const char* INVALID_REPLY = "InvalidReply";
+
+// As many observed folders as are looked at; the extension has one.
+constexpr std::size_t MOST_FOLDERS = 1000;
+
+// As many changed properties as are looked at; it has four.
+constexpr gsize MOST_PROPERTIES = 100;
+
+// Values with more entries are freed on a thread of their own.
+constexpr gsize LARGE = 2000;
 
 gint64 microseconds(std::chrono::milliseconds time) {
   return std::chrono::microseconds(time).count();
@@ -40,6 +50,16 @@ void findBus(GTask* task, gpointer, gpointer, GCancellable*) {
   }
 }
 
+/// Whether it takes long to free `values`, which are of the type expected.
+bool isLarge(GVariant* values) {
+  if (g_variant_n_children(values) == 0) return false;
+  GVariant* first = g_variant_get_child_value(values, 0);
+  const bool large = g_variant_is_of_type(first, G_VARIANT_TYPE_VARIANT) ||
+                     (g_variant_is_container(first) && g_variant_n_children(first) > LARGE);
+  g_variant_unref(first);
+  return large;
+}
+
 using WeakLink = std::weak_ptr<ExtensionLink*>;
 
 std::unique_ptr<WeakLink> takeLink(gpointer data) {
@@ -50,15 +70,20 @@ std::unique_ptr<WeakLink> takeLink(gpointer data) {
 
 struct ExtensionLink::Call {
   std::weak_ptr<ExtensionLink*> link;
+  const char* type;
   Done done;
 };
 
-ExtensionLink::ExtensionLink(GMainContext* context, Retries retries, Listener& listener)
+ExtensionLink::ExtensionLink(GMainContext* context, const Backoff& retries, Listener& listener)
     : context_(context),
-      retries_(retries),
       listener_(listener),
       self_(std::make_shared<ExtensionLink*>(this)),
-      retry_(context) {}
+      work_(context),
+      disposal_(context),
+      readAgain_(context),
+      readRetries_(retries),
+      retry_(context),
+      retries_(retries) {}
 
 ExtensionLink::~ExtensionLink() {
   self_.reset();
@@ -70,17 +95,11 @@ bool ExtensionLink::isObserved(std::string_view path) const {
                      [path](const std::string& folder) { return isWithin(folder, path); });
 }
 
-bool ExtensionLink::isBelowObserved(std::string_view path) const {
-  return std::any_of(observedFolders_.begin(), observedFolders_.end(), [path](const std::string& folder) {
-    return isWithin(folder, path) && path.size() > folder.size();
-  });
-}
-
 // --- Connection and life of the extension ---------------------------------------------------------------------------
 
 void ExtensionLink::want() {
   if (ready_ || connecting_ || starting_ || retry_.isRunning()) return;
-  const bool failedJustNow = lastFailure_ != 0 && g_get_monotonic_time() - lastFailure_ < microseconds(retries_.last);
+  const bool failedJustNow = lastFailure_ != 0 && g_get_monotonic_time() - lastFailure_ < microseconds(retries_.last());
   if (failedJustNow) return;
   start();
 }
@@ -95,11 +114,8 @@ void ExtensionLink::wantAgain() {
 }
 
 std::chrono::milliseconds ExtensionLink::nextDelay() {
-  const int attempt = attempts_++;
-  if (attempt == 0) return std::chrono::milliseconds(0);
-  auto delay = retries_.first;
-  for (int i = 1; i < attempt && delay < retries_.last; ++i) delay *= 2;
-  return std::min(delay, retries_.last);
+  if (!std::exchange(triedAtOnce_, true)) return std::chrono::milliseconds(0);
+  return retries_.next();
 }
 
 void ExtensionLink::connect() {
@@ -172,10 +188,7 @@ void ExtensionLink::disconnect() {
   if (!connection_) return;
   ready_ = starting_ = false;
   owner_.clear();
-  for (auto* subscription : {&badgesSubscription_, &propertiesSubscription_}) {
-    if (*subscription) g_dbus_connection_signal_unsubscribe(connection_, *subscription);
-    *subscription = 0;
-  }
+  unsubscribe();
   g_bus_unwatch_name(watch_);
   watch_ = 0;
   g_signal_handler_disconnect(connection_, closedHandler_);
@@ -186,7 +199,7 @@ void ExtensionLink::disconnect() {
 void ExtensionLink::start() {
   if (!connection_) return connect();
   starting_ = true;
-  callOnBus(BUS, BUS_PATH, BUS, "StartServiceByName", g_variant_new("(su)", NAME, 0),
+  callOnBus(BUS, BUS_PATH, BUS, "StartServiceByName", g_variant_new("(su)", NAME, 0), "(u)",
             [this](GVariant* started, const std::string& error) {
               starting_ = false;
               if (!started) startFailed(error, error.c_str());
@@ -201,8 +214,8 @@ void ExtensionLink::startFailed(const std::string& error, const char* message) {
   if (error == NOT_INSTALLED) return;
   if (!warned_) g_warning("the extension cannot be started: %s", message);
   warned_ = true;
-  attempts_ = std::max(attempts_, 1);
-  if (const auto delay = nextDelay(); delay < retries_.last) retry_.start(delay, [this] { start(); });
+  triedAtOnce_ = true;
+  if (const auto delay = nextDelay(); delay < retries_.last()) retry_.start(delay, [this] { start(); });
 }
 
 void ExtensionLink::appeared(const std::string& owner) {
@@ -216,9 +229,11 @@ void ExtensionLink::appeared(const std::string& owner) {
   const ContextScope scope(context_);
   const auto badges =
       +[](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* values, gpointer self) {
-        if (!g_variant_is_of_type(values, G_VARIANT_TYPE("(a(ss))"))) return;
+        auto& link = *static_cast<ExtensionLink*>(self);
+        if (!g_variant_is_of_type(values, G_VARIANT_TYPE("(a(ss))"))) return link.disposal_.add(values);
         GVariant* changes = g_variant_get_child_value(values, 0);
-        static_cast<ExtensionLink*>(self)->listener_.badgesChanged(changes);
+        if (g_variant_n_children(changes) > LARGE) link.disposal_.add(values);
+        link.listener_.badgesChanged(changes);
         g_variant_unref(changes);
       };
   badgesSubscription_ =
@@ -226,15 +241,7 @@ void ExtensionLink::appeared(const std::string& owner) {
                                          G_DBUS_SIGNAL_FLAGS_NONE, badges, this, nullptr);
   const auto properties =
       +[](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* values, gpointer self) {
-        if (!g_variant_is_of_type(values, G_VARIANT_TYPE("(sa{sv}as)"))) return;
-        GVariant* changed = g_variant_get_child_value(values, 1);
-        auto& link = *static_cast<ExtensionLink*>(self);
-        if (GVariant* folders = g_variant_lookup_value(changed, "ObservedFolders", G_VARIANT_TYPE_STRING_ARRAY)) {
-          link.takeObservedFolders(folders);
-          g_variant_unref(folders);
-          if (link.ready_) link.listener_.observedFoldersChanged();
-        }
-        g_variant_unref(changed);
+        guarded([&] { static_cast<ExtensionLink*>(self)->propertiesChanged(values); });
       };
   propertiesSubscription_ =
       g_dbus_connection_signal_subscribe(connection_, owner_.c_str(), PROPERTIES, "PropertiesChanged", OBJECT_PATH,
@@ -242,28 +249,63 @@ void ExtensionLink::appeared(const std::string& owner) {
   readProperties();
 }
 
+void ExtensionLink::unsubscribe() {
+  for (auto* subscription : {&badgesSubscription_, &propertiesSubscription_}) {
+    if (*subscription) g_dbus_connection_signal_unsubscribe(connection_, *subscription);
+    *subscription = 0;
+  }
+  readAgain_.stop();
+  newFolders_.reset();
+}
+
 void ExtensionLink::readProperties() {
   const auto taken = [this, owner = owner_](GVariant* values, const std::string&) {
-    if (!values || owner != owner_) return;
+    if (owner != owner_) return;
     GVariant* boxed = nullptr;
-    g_variant_get(values, "(v)", &boxed);
-    takeObservedFolders(boxed);
-    g_variant_unref(boxed);
+    if (values) g_variant_get(values, "(v)", &boxed);
+    const bool known = boxed && g_variant_is_of_type(boxed, G_VARIANT_TYPE_STRING_ARRAY);
+    if (known) takeObservedFolders(boxed);
+    if (boxed) g_variant_unref(boxed);
+    if (!known) return readAgain_.start(readRetries_.next(), [this] { readProperties(); });
+    readRetries_.reset();
     ready_ = true;
     readySince_ = g_get_monotonic_time();
     listener_.extensionReady();
   };
-  callOnBus(owner_.c_str(), OBJECT_PATH, PROPERTIES, "Get", g_variant_new("(ss)", INTERFACE, "ObservedFolders"), taken);
+  callOnBus(owner_.c_str(), OBJECT_PATH, PROPERTIES, "Get", g_variant_new("(ss)", INTERFACE, "ObservedFolders"), "(v)",
+            taken);
+}
+
+/// Of several changes that come in a row the last one counts.
+void ExtensionLink::propertiesChanged(GVariant* values) {
+  disposal_.add(values);
+  if (!g_variant_is_of_type(values, G_VARIANT_TYPE("(sa{sv}as)"))) return;
+  GVariant* changed = g_variant_get_child_value(values, 1);
+  GVariant* folders = g_variant_n_children(changed) > MOST_PROPERTIES
+                          ? nullptr
+                          : g_variant_lookup_value(changed, "ObservedFolders", G_VARIANT_TYPE_STRING_ARRAY);
+  g_variant_unref(changed);
+  if (!folders) return;
+  const bool waits = newFolders_ != nullptr;
+  newFolders_.reset(folders, g_variant_unref);
+  if (waits) return;
+  work_.add([this] {
+    const auto told = std::exchange(newFolders_, nullptr);
+    if (!told) return false;
+    takeObservedFolders(told.get());
+    disposal_.add(told.get());
+    if (ready_) listener_.observedFoldersChanged();
+    return false;
+  });
 }
 
 void ExtensionLink::takeObservedFolders(GVariant* urls) {
-  if (!g_variant_is_of_type(urls, G_VARIANT_TYPE_STRING_ARRAY)) return;
   observedFolders_.clear();
   foldersKnown_ = true;
-  GVariantIter iterator;
-  g_variant_iter_init(&iterator, urls);
-  const gchar* url = nullptr;
-  while (g_variant_iter_next(&iterator, "&s", &url)) {
+  const gsize count = std::min<gsize>(g_variant_n_children(urls), MOST_FOLDERS);
+  for (gsize i = 0; i < count; ++i) {
+    const gchar* url = nullptr;
+    g_variant_get_child(urls, i, "&s", &url);
     if (auto path = pathOfURL(url)) observedFolders_.push_back(*std::move(path));
   }
 }
@@ -271,19 +313,19 @@ void ExtensionLink::takeObservedFolders(GVariant* urls) {
 void ExtensionLink::vanished() {
   if (owner_.empty()) return;
   owner_.clear();
-  for (auto* subscription : {&badgesSubscription_, &propertiesSubscription_}) {
-    if (*subscription) g_dbus_connection_signal_unsubscribe(connection_, *subscription);
-    *subscription = 0;
-  }
+  unsubscribe();
   const bool wasReady = std::exchange(ready_, false);
-  if (wasReady && g_get_monotonic_time() - readySince_ >= microseconds(retries_.last)) attempts_ = 0;
+  if (wasReady && g_get_monotonic_time() - readySince_ >= microseconds(retries_.last())) {
+    triedAtOnce_ = false;
+    retries_.reset();
+  }
   listener_.extensionGone();
 }
 
 // --- Calls ----------------------------------------------------------------------------------------------------------
 
-void ExtensionLink::call(const char* method, GVariant* arguments, Done done) {
-  if (connection_) return callOnBus(NAME, OBJECT_PATH, INTERFACE, method, arguments, std::move(done));
+void ExtensionLink::call(const char* method, GVariant* arguments, const char* type, Done done) {
+  if (connection_) return callOnBus(NAME, OBJECT_PATH, INTERFACE, method, arguments, type, std::move(done));
   g_variant_unref(g_variant_ref_sink(arguments));
   done(nullptr, "Disconnected");
 }
@@ -298,21 +340,25 @@ void ExtensionLink::send(const char* method, GVariant* arguments) {
 }
 
 void ExtensionLink::callOnBus(const char* name, const char* path, const char* interface, const char* method,
-                              GVariant* arguments, Done done) {
+                              GVariant* arguments, const char* type, Done done) {
   const ContextScope scope(context_);
   const auto finished = +[](GObject* connection, GAsyncResult* result, gpointer data) {
     const std::unique_ptr<Call> call(static_cast<Call*>(data));
     GError* error = nullptr;
     GVariant* values = g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &error);
-    if (!call->link.expired()) {
+    if (const auto link = call->link.lock()) {
       const Turn turn("answer");
-      guarded([&] { call->done(values, values ? "" : nameOfError(error)); });
+      guarded([&] {
+        const bool valid = values && g_variant_is_of_type(values, G_VARIANT_TYPE(call->type));
+        if (values && (!valid || isLarge(values))) (*link)->disposal_.add(values);
+        call->done(valid ? values : nullptr, valid ? "" : values ? INVALID_REPLY : nameOfError(error));
+      });
     }
     if (values) g_variant_unref(values);
     g_clear_error(&error);
   };
   g_dbus_connection_call(connection_, name, path, interface, method, arguments, nullptr, G_DBUS_CALL_FLAGS_NONE,
-                         G_MAXINT, nullptr, finished, new Call{self_, std::move(done)});
+                         G_MAXINT, nullptr, finished, new Call{self_, type, std::move(done)});
 }
 
 }  // namespace vornet::plugin

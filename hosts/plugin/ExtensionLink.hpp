@@ -8,13 +8,15 @@
 #include <string>
 #include <vector>
 
+#include "Backoff.hpp"
 #include "MainLoop.hpp"
 
 namespace vornet::plugin {
 
 /// The extension on the session bus: finds and starts it, notices its end, makes calls, hands on its signals. The
 /// connection is the plug-in's own, because the shared one ends the file manager's process when the bus goes. Nothing
-/// waits: what has no answer yet has none. Not thread-safe: the context's thread only.
+/// waits: what has no answer yet has none. What the extension says is not trusted: answers of another type count as
+/// failures, and no more is kept of them than a file manager needs. Not thread-safe: the context's thread only.
 class ExtensionLink {
  public:
   class Listener {
@@ -29,12 +31,7 @@ class ExtensionLink {
     virtual void badgesChanged(GVariant* changes) = 0;
   };
 
-  struct Retries {
-    std::chrono::milliseconds first;
-    std::chrono::milliseconds last;
-  };
-
-  ExtensionLink(GMainContext* context, Retries retries, Listener& listener);
+  ExtensionLink(GMainContext* context, const Backoff& retries, Listener& listener);
   ~ExtensionLink();
   ExtensionLink(const ExtensionLink&) = delete;
   ExtensionLink& operator=(const ExtensionLink&) = delete;
@@ -52,16 +49,16 @@ class ExtensionLink {
   bool foldersKnown() const { return foldersKnown_; }
   const std::vector<std::string>& observedFolders() const { return observedFolders_; }
 
-  /// Whether `path` is one of those folders or lies below one; below one alone.
+  /// Whether `path` is one of those folders or lies below one.
   bool isObserved(std::string_view path) const;
-  bool isBelowObserved(std::string_view path) const;
 
-  /// Calls `method`; starts the extension where it does not run. `done` gets the values, or null and the error's name
-  /// ("Busy" for those of the extension itself, the whole name otherwise); it is not called any more after the end of
-  /// this object. There is no time-out: an extension that hangs answers when it goes on, and an error comes when it
-  /// ends. The caller bounds how many calls are under way.
+  /// Calls `method`; starts the extension where it does not run. `done` gets the values, which are of `type`, or null
+  /// and the error's name ("Busy" for those of the extension itself, "InvalidReply" for values of another type, the
+  /// whole name otherwise); it is not called any more after the end of this object. There is no time-out: an extension
+  /// that hangs answers when it goes on, and an error comes when it ends. The caller bounds how many calls are under
+  /// way.
   using Done = std::function<void(GVariant* values, const std::string& error)>;
-  void call(const char* method, GVariant* arguments, Done done);
+  void call(const char* method, GVariant* arguments, const char* type, Done done);
 
   /// The same where the answer does not matter: none comes.
   void send(const char* method, GVariant* arguments);
@@ -78,13 +75,14 @@ class ExtensionLink {
   void appeared(const std::string& owner);
   void vanished();
   void readProperties();
+  void propertiesChanged(GVariant* values);
   void takeObservedFolders(GVariant* urls);
+  void unsubscribe();
   void callOnBus(const char* name, const char* path, const char* interface, const char* method, GVariant* arguments,
-                 Done done);
+                 const char* type, Done done);
   std::chrono::milliseconds nextDelay();
 
   GMainContext* context_;
-  const Retries retries_;
   Listener& listener_;
   std::shared_ptr<ExtensionLink*> self_;  ///< what callbacks hold weakly
 
@@ -99,10 +97,16 @@ class ExtensionLink {
   std::string owner_;
   std::vector<std::string> observedFolders_;
   bool foldersKnown_ = false;
+  std::shared_ptr<GVariant> newFolders_;  ///< told, and not yet taken in
+  SlicedWork work_;
+  Disposal disposal_;
 
+  Timer readAgain_;
+  Backoff readRetries_;
   Timer retry_;
-  int attempts_ = 0;        ///< in a row, without the extension having stayed
-  gint64 lastFailure_ = 0;  ///< monotonic, in microseconds; 0 for none
+  Backoff retries_;
+  bool triedAtOnce_ = false;  ///< and the extension has not stayed since
+  gint64 lastFailure_ = 0;    ///< monotonic, in microseconds; 0 for none
   gint64 readySince_ = 0;
   bool warned_ = false;
 };

@@ -11,6 +11,7 @@ Folder& FoldersOnScreen::at(std::string_view path) {
   if (!folder) {
     folder = std::make_unique<Folder>();
     folder->path = path;
+    folder->id = ++lastId_;
   }
   return *folder;
 }
@@ -18,6 +19,11 @@ Folder& FoldersOnScreen::at(std::string_view path) {
 Folder* FoldersOnScreen::find(std::string_view path) const {
   const auto found = folders_.find(std::string(path));
   return found == folders_.end() ? nullptr : found->second.get();
+}
+
+Folder* FoldersOnScreen::find(std::string_view path, unsigned id) const {
+  Folder* folder = find(path);
+  return folder && folder->id == id ? folder : nullptr;
 }
 
 bool FoldersOnScreen::showsWithin(std::string_view path) const {

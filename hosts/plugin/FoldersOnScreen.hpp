@@ -2,6 +2,7 @@
 
 #include <glib.h>
 
+#include <deque>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -15,13 +16,15 @@ namespace vornet::plugin {
 /// One item of a folder on screen.
 struct Entry {
   std::shared_ptr<ShownItem> item;
-  std::string identifier;  ///< of its badge, as last heard; "" for none, and before anything was heard
-  bool waiting = false;    ///< in the folder's list of those to be asked for
+  std::string_view emblem;  ///< its icon, a literal, as last heard; "" for none, and before anything was heard
+  bool waiting = false;     ///< in one of the folder's lists of those to be asked for
+  bool changed = false;     ///< in the folder's list of those to be redrawn
 };
 
 /// A folder that windows show, or that is taken to be on screen because its items are asked for.
 struct Folder {
   std::string path;
+  unsigned id = 0;        ///< no other folder has it, not even the same one when it comes on screen again
   int shown = 0;          ///< windows, tabs and panes that said so
   bool inferred = false;  ///< nobody said so; observed all the same
   bool wasInferred = false;
@@ -29,9 +32,12 @@ struct Folder {
   int begun = 0;          ///< observations begun and not ended, with the extension that runs now
   bool observed = false;  ///< and it has said yes to one
   bool refused = false;   ///< or no
+  bool tooMany = false;   ///< or that it observes too many: its badges are asked for now and then
 
   std::unordered_map<std::string, Entry> entries;  ///< by name
   std::vector<std::string> waiting;                ///< names to be asked for
+  std::deque<std::vector<std::string>> again;      ///< batches that failed, to be asked for again
+  std::vector<std::string> changed;                ///< names to be redrawn
   std::size_t unanswered = 0;                      ///< items that were asked for and not yet heard of
   gint64 lastNew = 0;                              ///< when the last item came; monotonic, in microseconds
 
@@ -50,6 +56,9 @@ class FoldersOnScreen {
   /// The folder at `path`; null for none.
   Folder* find(std::string_view path) const;
 
+  /// The same, but null when it left the screen and came back since it had `id`.
+  Folder* find(std::string_view path, unsigned id) const;
+
   void erase(const std::string& path) { folders_.erase(path); }
 
   /// Whether some window shows the folder at `path`, or one below it.
@@ -62,6 +71,7 @@ class FoldersOnScreen {
 
  private:
   Map folders_;
+  unsigned lastId_ = 0;
 };
 
 }  // namespace vornet::plugin

@@ -39,7 +39,7 @@ void Inference::decide() {
 void Inference::inferOrDrop(Folder& folder) {
   const std::string base = folder.path == "/" ? "/" : folder.path + "/";
   std::erase_if(folder.entries, [&](const auto& entry) { return folders_.showsWithin(base + entry.first); });
-  if (folder.entries.empty()) return badges_.drop(folder);
+  if (folder.entries.empty() || !badges_.mayCarryBadges(folder.path)) return badges_.drop(folder);
   makeRoom();
   folder.inferred = folder.wasInferred = true;
   badges_.adjust(folder);

@@ -1,5 +1,7 @@
 #include "MainLoop.hpp"
 
+#include <utility>
+
 #include "Guarded.hpp"
 #include "Trace.hpp"
 
@@ -17,6 +19,10 @@ void end(GSource*& source) {
   g_source_destroy(source);
   g_source_unref(source);
   source = nullptr;
+}
+
+void unrefAll(const std::vector<GVariant*>& values) {
+  for (GVariant* value : values) g_variant_unref(value);
 }
 
 }  // namespace
@@ -64,6 +70,38 @@ bool SlicedWork::runSlice() {
   }
   end(source_);
   return G_SOURCE_REMOVE;
+}
+
+Disposal::~Disposal() {
+  end(source_);
+  unrefAll(values_);
+}
+
+void Disposal::add(GVariant* value) {
+  values_.push_back(g_variant_ref(value));
+  if (source_) return;
+  source_ = g_idle_source_new();
+  g_source_set_priority(source_, G_PRIORITY_HIGH);
+  const auto run = +[](gpointer self) -> gboolean {
+    guarded([self] { static_cast<Disposal*>(self)->free(); });
+    return G_SOURCE_REMOVE;
+  };
+  g_source_set_callback(source_, run, this, nullptr);
+  g_source_attach(source_, context_);
+}
+
+void Disposal::free() {
+  end(source_);
+  auto* values = new std::vector<GVariant*>(std::exchange(values_, {}));
+  GTask* task = g_task_new(nullptr, nullptr, nullptr, nullptr);
+  g_task_set_task_data(task, values, nullptr);
+  g_task_run_in_thread(
+      task, +[](GTask*, gpointer, gpointer data, GCancellable*) {
+        auto* taken = static_cast<std::vector<GVariant*>*>(data);
+        unrefAll(*taken);
+        delete taken;
+      });
+  g_object_unref(task);
 }
 
 }  // namespace vornet::plugin

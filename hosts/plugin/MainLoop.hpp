@@ -5,6 +5,7 @@
 #include <chrono>
 #include <deque>
 #include <functional>
+#include <vector>
 
 namespace vornet::plugin {
 
@@ -60,6 +61,25 @@ class SlicedWork {
   GMainContext* context_;
   GSource* source_ = nullptr;
   std::deque<std::function<bool()>> steps_;
+};
+
+/// Frees large values on a thread of their own: a message with a million entries takes a second to free.
+class Disposal {
+ public:
+  explicit Disposal(GMainContext* context) : context_(context) {}
+  ~Disposal();
+  Disposal(const Disposal&) = delete;
+  Disposal& operator=(const Disposal&) = delete;
+
+  /// Keeps `value` until the caller, and those who called it, have let go of it, and frees it then.
+  void add(GVariant* value);
+
+ private:
+  void free();
+
+  GMainContext* context_;
+  GSource* source_ = nullptr;
+  std::vector<GVariant*> values_;
 };
 
 }  // namespace vornet::plugin

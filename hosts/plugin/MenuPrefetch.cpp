@@ -1,6 +1,7 @@
 #include "MenuPrefetch.hpp"
 
 #include <algorithm>
+#include <cstring>
 
 #include "Paths.hpp"
 #include "Plugin.hpp"
@@ -15,6 +16,18 @@ constexpr unsigned QUESTIONS_UNDER_WAY = 4;
 constexpr gint64 FRESH_MICROSECONDS = 1'000'000;
 
 constexpr const char* ICON = "vornet-vi";
+
+// More entries are not shown, nor more characters of a title. An entry with a longer action is left out.
+constexpr gsize MOST_ENTRIES = 100;
+constexpr int LONGEST_TITLE = 200;
+constexpr std::size_t LONGEST_ACTION = 200;
+
+/// The first characters of `text`, which is valid UTF-8.
+std::string cut(const gchar* text) {
+  const gchar* end = text;
+  for (int i = 0; i < LONGEST_TITLE && *end; ++i) end = g_utf8_next_char(end);
+  return {text, end};
+}
 
 }  // namespace
 
@@ -69,22 +82,24 @@ void MenuPrefetch::ask() {
     answered(question, values);
     if (waiting_) ask();
   };
-  link_.call("GetMenu", g_variant_new("(as)", &urls), done);
+  link_.call("GetMenu", g_variant_new("(as)", &urls), "(a(ssbs))", done);
 }
 
 void MenuPrefetch::answered(unsigned question, GVariant* values) {
   if (question != question_) return;
   asked_ = false;
-  if (!values || !g_variant_is_of_type(values, G_VARIANT_TYPE("(a(ssbs))"))) return;
+  if (!values) return;
   Menu entries;
-  GVariantIter* iterator = nullptr;
-  g_variant_get(values, "(a(ssbs))", &iterator);
-  const gchar *title = nullptr, *action = nullptr, *image = nullptr;
-  gboolean enabled = FALSE;
-  while (g_variant_iter_next(iterator, "(&s&sb&s)", &title, &action, &enabled, &image)) {
-    entries.push_back({title, action, enabled != FALSE, *image ? ICON : ""});
+  GVariant* list = g_variant_get_child_value(values, 0);
+  const gsize count = std::min(g_variant_n_children(list), MOST_ENTRIES);
+  for (gsize i = 0; i < count; ++i) {
+    const gchar *title = nullptr, *action = nullptr, *image = nullptr;
+    gboolean enabled = FALSE;
+    g_variant_get_child(list, i, "(&s&sb&s)", &title, &action, &enabled, &image);
+    if (strnlen(action, LONGEST_ACTION + 1) > LONGEST_ACTION) continue;
+    entries.push_back({cut(title), action, enabled != FALSE, *image ? ICON : ""});
   }
-  g_variant_iter_free(iterator);
+  g_variant_unref(list);
   const bool isNew = entries != (answeredAt_ == 0 ? greyed() : entries_);
   entries_ = std::move(entries);
   answeredAt_ = g_get_monotonic_time();

@@ -1,7 +1,6 @@
 #include "Plugin.hpp"
 
 #include <algorithm>
-#include <cctype>
 
 #include "Badges.hpp"
 #include "ExtensionLink.hpp"
@@ -13,25 +12,11 @@
 #include "Trace.hpp"
 
 namespace vornet::plugin {
-namespace {
-
-/// "SYNCED" -> "emblem-vornet-synced"; "" for an identifier that is none of ours.
-std::string emblemOf(const std::string& identifier) {
-  for (const auto& [known, emblem] : {std::pair{"SYNCED", "emblem-vornet-synced"},
-                                      {"PENDING", "emblem-vornet-pending"},
-                                      {"SKIPPED", "emblem-vornet-skipped"}}) {
-    if (identifier == known) return emblem;
-  }
-  return {};
-}
-
-}  // namespace
-
 class Plugin::Parts : public ExtensionLink::Listener {
  public:
   Parts(FileManager& fileManager, const Options& options)
       : link(options.context, {options.firstRetry, options.lastRetry}, *this),
-        badges(options.context, link, folders),
+        badges(options.context, link, folders, {{options.firstRetry, options.lastRetry}, options.unobservedRefresh}),
         inference(options.context, folders, badges, options.beforeInferring, options.inferredFor),
         menus(link, [&fileManager] { fileManager.menuChanged(); }) {}
 
@@ -46,8 +31,10 @@ class Plugin::Parts : public ExtensionLink::Listener {
     guarded([this] {
       badges.extensionGone();
       menus.extensionGone();
-      const bool needed = std::any_of(folders.all().begin(), folders.all().end(),
-                                      [this](const auto& folder) { return link.isObserved(folder.first); });
+      // Also for a folder outside the former synced folder: it may lie within the next one.
+      const bool needed = std::any_of(folders.all().begin(), folders.all().end(), [](const auto& folder) {
+        return folder.second->shown > 0 || folder.second->inferred;
+      });
       if (needed) link.wantAgain();
     });
   }
@@ -61,11 +48,6 @@ class Plugin::Parts : public ExtensionLink::Listener {
 
   void badgesChanged(GVariant* changes) override {
     guarded([this, changes] { badges.badgesChanged(changes); });
-  }
-
-  /// Where items may carry badges, or it is not known yet that they do not.
-  bool mayCarryBadges(std::string_view folder) const {
-    return !link.foldersKnown() || link.observedFolders().empty() || link.isObserved(folder);
   }
 
   FoldersOnScreen folders;
@@ -110,14 +92,14 @@ std::string Plugin::emblem(const std::string& path, std::unique_ptr<ShownItem> i
   return guarded(std::string(), [&]() -> std::string {
     const auto parent = folderOf(path);
     const auto name = nameOf(path);
-    if (name.empty() || !parts_->mayCarryBadges(parent)) return {};
-    if (!g_utf8_validate(path.c_str(), static_cast<gssize>(path.size()), nullptr)) return {};
+    if (name.empty() || !g_utf8_validate(path.c_str(), static_cast<gssize>(path.size()), nullptr)) return {};
+    // An item outside the synced folder is kept as well while a window shows it: that may become another folder.
     Folder& folder = parts_->folders.at(parent);
     if (folder.shown == 0) {
-      parts_->link.want();
+      if (parts_->badges.mayCarryBadges(parent)) parts_->link.want();
       parts_->inference.asked(folder);
     }
-    return emblemOf(parts_->badges.badge(folder, name, std::move(item)));
+    return std::string(parts_->badges.emblem(folder, name, std::move(item)));
   });
 }
 
@@ -134,7 +116,7 @@ void Plugin::perform(const std::string& action, const Selection& selection) {
     const auto performed = [action](GVariant* done, const std::string& error) {
       if (!done) g_warning("%s was not performed: %s", action.c_str(), error.c_str());
     };
-    parts_->link.call("PerformAction", g_variant_new("(sas)", action.c_str(), &urls), performed);
+    parts_->link.call("PerformAction", g_variant_new("(sas)", action.c_str(), &urls), "()", performed);
   });
 }
 

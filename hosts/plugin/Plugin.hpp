@@ -31,9 +31,13 @@ class Plugin {
     /// After this time without a question, a folder that was inferred is tested by ShownItem::redraw(); after as long
     /// again without one it counts as gone.
     std::chrono::milliseconds inferredFor{20'000};
-    /// Between attempts to start an extension that keeps ending: the first wait, doubled each time, and the longest.
+    /// Between attempts to start an extension that keeps ending, or to ask it what it keeps refusing: the first wait,
+    /// doubled each time, and the longest.
     std::chrono::milliseconds firstRetry{1'000};
     std::chrono::milliseconds lastRetry{30'000};
+    /// How often badges are asked for, and observing is tried again, in a folder that the extension does not observe
+    /// because it observes too many.
+    std::chrono::milliseconds unobservedRefresh{5'000};
   };
 
   /// Does not touch the bus before the first call that needs it. `fileManager` outlives it.

@@ -1,0 +1,163 @@
+#include "BadgeUpdates.hpp"
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+#include <utility>
+
+#include "Guarded.hpp"
+#include "Paths.hpp"
+
+namespace vornet::plugin {
+namespace {
+
+// Items dealt with between two looks at the clock.
+constexpr std::size_t STEP = 16;
+
+// Changes of one message that are read. The extension sends 2,000 at a time.
+constexpr std::size_t MOST_READ = 20'000;
+
+// Changes that wait to be read, all messages together: a folder of 50,000 items may change at once.
+constexpr std::size_t MOST_UNREAD = 50'000;
+constexpr std::size_t MOST_UNREAD_BYTES = 8 << 20;
+
+// No item with a longer URL is on screen: every byte of its path takes three at most.
+constexpr std::size_t LONGEST_URL = 3 * PATH_MAX + 32;
+
+}  // namespace
+
+std::string_view emblemOf(std::string_view identifier) {
+  for (const auto& [known, emblem] : {std::pair{"SYNCED", "emblem-vornet-synced"},
+                                      {"PENDING", "emblem-vornet-pending"},
+                                      {"SKIPPED", "emblem-vornet-skipped"}}) {
+    if (identifier == known) return emblem;
+  }
+  return {};
+}
+
+struct BadgeUpdates::Message {
+  std::shared_ptr<GVariant> changes;
+  std::size_t items = 0;  ///< those that are read
+  std::size_t bytes = 0;
+  std::size_t next = 0;
+  unsigned generation = 0;
+};
+
+BadgeUpdates::BadgeUpdates(GMainContext* context, FoldersOnScreen& folders, std::function<void()> missed)
+    : folders_(folders), missed_(std::move(missed)), work_(context), disposal_(context) {}
+
+// --- Taking in ------------------------------------------------------------------------------------------------------
+
+void BadgeUpdates::takeAnswer(Answer answer, std::function<void()> applied) {
+  auto kept = std::make_shared<Answer>(std::move(answer));
+  work_.add([this, kept, applied = std::move(applied), generation = generation_, next = std::size_t(0)]() mutable {
+    Folder* folder = generation == generation_ ? folders_.find(kept->folder, kept->folderId) : nullptr;
+    if (!folder) return false;
+    const std::size_t end = std::min(next + STEP, kept->names.size());
+    for (; next < end; ++next) apply(*folder, kept->names[next], kept->emblems[next]);
+    if (next < kept->names.size()) return true;
+    work_.add([applied] {  // behind the redrawing
+      applied();
+      return false;
+    });
+    return false;
+  });
+}
+
+void BadgeUpdates::takeChanges(GVariant* changes) {
+  const std::size_t items = g_variant_n_children(changes);
+  const bool isLarge = items > MOST_READ;
+  if (isLarge) {
+    disposal_.add(changes);
+    missed_();
+  }
+  const bool isFirst = unread_.messages == 0;
+  if (!isFirst && (isLarge || unread_.items + items > MOST_UNREAD)) return missed_();
+  const std::size_t bytes = isLarge ? 0 : g_variant_get_size(changes);
+  if (!isFirst && unread_.bytes + bytes > MOST_UNREAD_BYTES) return missed_();
+
+  auto message = std::make_shared<Message>(
+      Message{{g_variant_ref(changes), g_variant_unref}, std::min(items, MOST_READ), bytes, 0, generation_});
+  ++unread_.messages;
+  unread_.items += message->items;
+  unread_.bytes += message->bytes;
+  work_.add([this, message = std::move(message)] {
+    if (message->generation == generation_) {
+      if (read(*message)) return true;
+      --unread_.messages;
+      unread_.items -= message->items;
+      unread_.bytes -= message->bytes;
+    }
+    if (message->items == MOST_READ) disposal_.add(message->changes.get());
+    return false;
+  });
+}
+
+/// False when it is read to its end.
+bool BadgeUpdates::read(Message& message) {
+  const std::size_t end = std::min(message.next + STEP, message.items);
+  for (; message.next < end; ++message.next) {
+    const gchar* url = nullptr;
+    const gchar* identifier = nullptr;
+    g_variant_get_child(message.changes.get(), message.next, "(&s&s)", &url, &identifier);
+    if (strnlen(url, LONGEST_URL + 1) > LONGEST_URL) continue;
+    const auto path = pathOfURL(url);
+    Folder* folder = path ? folders_.find(folderOf(*path)) : nullptr;
+    if (folder) apply(*folder, std::string(nameOf(*path)), emblemOf(identifier));
+  }
+  return message.next < message.items;
+}
+
+void BadgeUpdates::dropUnread() {
+  ++generation_;
+  unread_ = {};
+}
+
+// --- Redrawing ------------------------------------------------------------------------------------------------------
+
+void BadgeUpdates::apply(Folder& folder, const std::string& name, std::string_view emblem) {
+  const auto found = folder.entries.find(name);
+  if (found == folder.entries.end() || found->second.emblem == emblem) return;
+  found->second.emblem = emblem;
+  if (std::exchange(found->second.changed, true)) return;
+  folder.changed.push_back(name);
+  if (std::exchange(isRedrawing_, true)) return;
+  work_.add([this] {
+    for (std::size_t i = 0; i < STEP; ++i) {
+      if (!redrawNext()) return isRedrawing_ = false;
+    }
+    return true;
+  });
+}
+
+bool BadgeUpdates::redrawNext() {
+  for (const auto& [path, folder] : folders_.all()) {
+    if (folder->changed.empty()) continue;
+    const auto name = std::move(folder->changed.back());
+    folder->changed.pop_back();
+    const auto found = folder->entries.find(name);
+    if (found == folder->entries.end()) return true;
+    found->second.changed = false;
+    const auto item = found->second.item;  // the file manager may ask within the call, and bring another
+    const auto itemPath = path == "/" ? path + name : path + "/" + name;
+    guarded([&] { item->redraw(itemPath); });
+    return true;
+  }
+  return false;
+}
+
+void BadgeUpdates::redrawAll(const Folder& folder) {
+  auto items = std::make_shared<std::vector<std::pair<std::string, std::shared_ptr<ShownItem>>>>();
+  items->reserve(folder.entries.size());
+  const std::string base = folder.path == "/" ? "/" : folder.path + "/";
+  for (const auto& [name, entry] : folder.entries) items->emplace_back(base + name, entry.item);
+  work_.add([items] {
+    for (std::size_t i = 0; i < STEP && !items->empty(); ++i) {
+      items->back().second->redraw(items->back().first);
+      items->pop_back();
+    }
+    return !items->empty();
+  });
+}
+
+}  // namespace vornet::plugin
