@@ -346,7 +346,11 @@ void Badges::observedFoldersChanged() {
     } else {
       clear(folder);
     }
-    adjust(folder);
+    if (folder.shown == 0 && !mayCarryBadges(path)) {
+      drop(folder);
+    } else {
+      adjust(folder);
+    }
   }
   askSoon();
 }

@@ -174,6 +174,21 @@ TEST_F(PluginBadges, ManyItemsAreAskedForInBatchesAndEachOnce) {
   for (const auto& request : extension->badgeRequests) EXPECT_LE(request.size(), 500u);
 }
 
+TEST_F(PluginBadges, ManyChangesOfAnItemRedrawItOnce) {
+  open({{"a", "SYNCED"}, {"b", "SYNCED"}});
+  ASSERT_TRUE(waitForEmblem("a", SYNCED) && waitForEmblem("b", SYNCED));
+  std::vector<std::pair<std::string, std::string>> changes;
+  for (int i = 0; i < 1000; ++i) {
+    changes.emplace_back(url("a"), "SYNCED");
+    changes.emplace_back(url("a"), "PENDING");
+  }
+  extension->sendChanges(changes);
+  ASSERT_TRUE(waitForEmblem("a", PENDING));
+  extension->sendChanges({{url("b"), "PENDING"}});
+  ASSERT_TRUE(waitForEmblem("b", PENDING));
+  EXPECT_EQ(manager.redraws(path("a")), 2u);
+}
+
 TEST_F(PluginBadges, AnExtensionThatHangsIsSentFewRequestsAndTheRestWhenItGoesOn) {
   const std::size_t count = 5'000;
   for (std::size_t i = 0; i < count; ++i) extension->badges[url(std::to_string(i))] = "SYNCED";
@@ -212,27 +227,6 @@ TEST_F(PluginBadges, AnAnswerForAFolderThatHasLeftTheScreenIsDropped) {
   settle();
   EXPECT_EQ(manager.redraws(path("a")), 0u);
   EXPECT_EQ(FakeFileManager::keptItems(), 0u);
-}
-
-TEST_F(PluginBadges, WhatTheExtensionIsTooBusyForIsAskedAgain) {
-  extension->refusals["RequestBadges"] = "Busy";
-  extension->badges[url("a")] = "SYNCED";
-  manager.plugin->folderShown(root);
-  manager.show(path("a"));
-  ASSERT_TRUE(runUntil([&] { return asked() == 1; }));
-  extension->refusals.clear();
-  EXPECT_TRUE(waitForEmblem("a", SYNCED));
-}
-
-TEST_F(PluginBadges, ARequestThatFailsIsGivenUpQuietly) {
-  extension->refusals["RequestBadges"] = "Failed";
-  open({{"a", "SYNCED"}});
-  extension->refusals.clear();
-  extension->badges[url("b")] = "SYNCED";
-  manager.show(path("b"));
-  ASSERT_TRUE(waitForEmblem("b", SYNCED));
-  EXPECT_EQ(asked(), 2u);
-  EXPECT_EQ(logLines, 0);
 }
 
 // --- Folders on screen ----------------------------------------------------------------------------------------------

@@ -1,8 +1,7 @@
 // The extension comes, goes, hangs, fails to start; the file manager goes on.
-#include <signal.h>
-
+#include <chrono>
 #include <filesystem>
-#include <fstream>
+#include <sstream>
 
 #include "PluginTest.hpp"
 
@@ -28,6 +27,20 @@ class PluginAndExtension : public PluginTest {
     const auto text = readFile(environment.folder() / file);
     return static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
   }
+
+  /// Waits until the extension has answered a question and the plug-in has taken it in, and with it what was sent
+  /// before.
+  void roundTrip() {
+    const auto before = manager.menuChanges;
+    const std::string name = "question" + std::to_string(++roundTrips_);
+    extension->menus[url(name)] = {true, true};
+    manager.plugin->menu({path(name)});
+    ASSERT_TRUE(runUntil([&] { return manager.menuChanges > before; }));
+    settle();
+  }
+
+ private:
+  int roundTrips_ = 0;
 };
 
 TEST_F(PluginAndExtension, BadgesAppearWhenTheExtensionComesAfterTheWindow) {
@@ -133,12 +146,11 @@ TEST_F(PluginAndExtension, OneThatCannotBeStartedIsTriedAFewTimesWithOneLineInTh
   EXPECT_EQ(logLines, 1);
 }
 
-TEST_F(PluginAndExtension, NothingIsStartedAnewWhenNoFolderOfItsIsOnScreen) {
+TEST_F(PluginAndExtension, NothingIsStartedAgainWhenNoFolderIsOnScreen) {
   startExtension();
   manager.plugin->folderShown(root);
   ASSERT_TRUE(waitForObserved(1));
   manager.plugin->folderHidden(root);
-  manager.plugin->folderShown("/etc");
   ASSERT_TRUE(waitForObserved(0));
   installScript("echo started >>'" + environment.folder() / "starts" + "'; exec sleep 60");
   extension.reset();
@@ -146,6 +158,57 @@ TEST_F(PluginAndExtension, NothingIsStartedAnewWhenNoFolderOfItsIsOnScreen) {
   EXPECT_EQ(linesOf("starts"), 0u);
   manager.plugin->folderShown(root);
   EXPECT_TRUE(runUntil([&] { return linesOf("starts") == 1; }));
+}
+
+TEST_F(PluginAndExtension, ItIsStartedAgainForAFolderOutsideTheFormerSyncedFolder) {
+  startExtension();
+  manager.plugin->folderShown(root);
+  ASSERT_TRUE(waitForObserved(1)) << "the synced folder is known";
+  manager.plugin->folderShown("/home/ann/Elsewhere");
+  manager.plugin->folderHidden(root);
+  ASSERT_TRUE(waitForObserved(0));
+  installScript("echo started >>'" + environment.folder() / "starts" + "'; exec sleep 60");
+  extension.reset();
+  EXPECT_TRUE(runUntil([&] { return linesOf("starts") == 1; }));
+}
+
+TEST_F(PluginAndExtension, BadgesOfTheNextSyncedFolderAppearByThemselves) {
+  startExtension();
+  manager.plugin->folderShown("/home/ann/Elsewhere");
+  manager.show("/home/ann/Elsewhere/a");
+  extension->badges[url("a")] = "SYNCED";
+  manager.plugin->folderShown(root);
+  manager.show(path("a"));
+  ASSERT_TRUE(waitForEmblem("a", SYNCED));
+  extension.reset();
+  settle();
+  extension = std::make_unique<FakeExtension>(bus.address(), std::vector<std::string>{"file:///home/ann/Elsewhere"});
+  extension->badges["file:///home/ann/Elsewhere/a"] = "PENDING";
+  EXPECT_TRUE(runUntil([&] { return manager.emblem("/home/ann/Elsewhere/a") == PENDING; }));
+  EXPECT_TRUE(waitForEmblem("a", ""));
+}
+
+TEST_F(PluginAndExtension, AFolderThatComesToLieWithinTheSyncedFolderGetsItsBadgesByItself) {
+  startExtension();
+  extension->badges[url("a")] = "SYNCED";
+  extension->badges["file:///home/ann/Elsewhere/a"] = "PENDING";
+  manager.show("/home/ann/Elsewhere/a");  // before its window tells of the folder, as file managers do
+  manager.plugin->folderShown("/home/ann/Elsewhere");
+  manager.plugin->folderShown(root);
+  manager.show(path("a"));
+  ASSERT_TRUE(waitForEmblem("a", SYNCED));
+  extension->setFolders({"file:///home/ann/Elsewhere/"});
+  EXPECT_TRUE(runUntil([&] { return manager.emblem("/home/ann/Elsewhere/a") == PENDING; }));
+  EXPECT_THAT(extension->observed, ElementsAre("file:///home/ann/Elsewhere"));
+}
+
+TEST_F(PluginAndExtension, ItemsOutsideTheSyncedFolderThatNoWindowShowsAreForgotten) {
+  makePlugin({.beforeInferring = milliseconds(20)});
+  startExtension();
+  manager.plugin->folderShown(root);
+  ASSERT_TRUE(waitForObserved(1));
+  manager.show("/usr/bin/a");
+  EXPECT_TRUE(runUntil([] { return FakeFileManager::keptItems() == 0; }));
 }
 
 TEST_F(PluginAndExtension, TheEndOfTheBusChangesNothingOnScreen) {
@@ -205,7 +268,165 @@ TEST_F(PluginAndExtension, BadgesGoWhenTheSyncedFolderIsAnotherNow) {
   extension->setFolders({"file:///home/ann/Elsewhere"});
   EXPECT_TRUE(waitForEmblem("a", ""));
   EXPECT_TRUE(waitForObserved(0));
+  extension->setFolders({url("")});
+  EXPECT_TRUE(waitForEmblem("a", SYNCED)) << "it is still on screen";
+}
+
+TEST_F(PluginAndExtension, ItemsOfABranchThatLiesOutsideTheSyncedFolderNowAreForgotten) {
+  makePlugin({.beforeInferring = milliseconds(20)});
+  startExtension();
+  extension->badges[url("branch/a")] = "SYNCED";
+  manager.show(path("branch/a"));
+  ASSERT_TRUE(waitForEmblem("branch/a", SYNCED));
+  extension->setFolders({"file:///home/ann/Elsewhere"});
+  EXPECT_TRUE(waitForEmblem("branch/a", ""));
   EXPECT_TRUE(runUntil([] { return FakeFileManager::keptItems() == 0; }));
+}
+
+// --- The pace of starting it ----------------------------------------------------------------------------------------
+
+/// The moments, in nanoseconds, at which the bus started a script that writes them down.
+class PluginRestarts : public PluginAndExtension {
+ protected:
+  /// Has the bus start a script that notes the moment and ends as `end` says.
+  void installClock(const std::string& end) {
+    installScript("date +%s%N >>'" + environment.folder() / "starts" + "'; " + end);
+  }
+
+  std::vector<std::int64_t> starts() {
+    std::istringstream lines(readFile(environment.folder() / "starts"));
+    std::vector<std::int64_t> moments;
+    for (std::int64_t moment = 0; lines >> moment;) moments.push_back(moment);
+    return moments;
+  }
+
+  static std::int64_t now() {
+    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+  }
+
+  static std::int64_t nanoseconds(milliseconds time) { return std::chrono::nanoseconds(time).count(); }
+};
+
+TEST_F(PluginRestarts, TheWaitsDouble) {
+  installClock("exit 1");
+  makePlugin({.firstRetry = milliseconds(100), .lastRetry = milliseconds(1000)});
+  manager.plugin->folderShown(root);
+  ASSERT_TRUE(runUntil([&] { return starts().size() == 5; }));
+  const auto moments = starts();
+  for (int i = 0; i < 4; ++i) {
+    EXPECT_GE(moments[i + 1] - moments[i], nanoseconds(milliseconds(100 << i))) << "wait " << i;
+  }
+}
+
+TEST_F(PluginRestarts, AfterAFailureNoFolderHasItStartedBeforeTheLongestWaitIsOver) {
+  installClock("exit 1");
+  const milliseconds wait(500);
+  makePlugin({.firstRetry = wait, .lastRetry = wait});
+  manager.plugin->folderShown(root);
+  ASSERT_TRUE(runUntil([&] { return logLines == 1; })) << "it has failed";
+  ASSERT_TRUE(runUntil([&] {
+    manager.plugin->folderShown(path("other"));
+    return starts().size() == 2;
+  }));
+  EXPECT_GE(starts()[1] - starts()[0], nanoseconds(wait));
+}
+
+TEST_F(PluginRestarts, OneThatRanForAWhileIsStartedAtOnceAndOneThatDidNotIsNot) {
+  const milliseconds wait(2000);
+  makePlugin({.firstRetry = wait, .lastRetry = wait});
+  manager.plugin->folderShown(root);
+  startExtension();
+  ASSERT_TRUE(waitForObserved(1));
+  installClock("exec sleep 60");
+
+  extension.reset();  // the first end
+  ASSERT_TRUE(runUntil([&] { return starts().size() == 1; }));
+
+  startExtension();
+  ASSERT_TRUE(waitForObserved(1));
+  const auto end = std::chrono::steady_clock::now() + wait;
+  ASSERT_TRUE(runUntil([&] { return std::chrono::steady_clock::now() > end; })) << "it runs for a while";
+  const auto goodEnd = now();
+  extension.reset();
+  ASSERT_TRUE(runUntil([&] { return starts().size() == 2; }));
+  const auto afterGoodEnd = starts()[1] - goodEnd;
+
+  startExtension();
+  ASSERT_TRUE(waitForObserved(1));
+  const auto earlyEnd = now();
+  extension.reset();
+  ASSERT_TRUE(runUntil([&] { return starts().size() == 3; }));
+  const auto afterEarlyEnd = starts()[2] - earlyEnd;
+  EXPECT_GE(afterEarlyEnd, nanoseconds(wait));
+  EXPECT_LT(afterGoodEnd, afterEarlyEnd / 2);
+}
+
+// --- Answers of processes that have gone ----------------------------------------------------------------------------
+
+TEST_F(PluginAndExtension, ALateRefusalOfTheProcessBeforeDoesNotCountAgainstTheNewOne) {
+  startExtension();
+  extension->hold("BeginObserving");
+  manager.plugin->folderShown(root);
+  manager.show(path("a"));
+  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("BeginObserving") == 1; }));
+  const auto before = std::move(extension);
+  before->giveUpName();
+  startExtension();
+  extension->badges[url("a")] = "SYNCED";
+  extension->hold("BeginObserving");
+  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("BeginObserving") == 1; }));
+
+  before->refusals["BeginObserving"] = "NotAFolder";
+  before->release("BeginObserving");
+  roundTrip();
+  extension->release("BeginObserving");
+  EXPECT_TRUE(waitForEmblem("a", SYNCED));
+}
+
+TEST_F(PluginAndExtension, ALateYesOfTheProcessBeforeHasNothingAskedOfTheNewOne) {
+  startExtension();
+  extension->hold("BeginObserving");
+  manager.plugin->folderShown(root);
+  manager.show(path("a"));
+  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("BeginObserving") == 1; }));
+  const auto before = std::move(extension);
+  before->giveUpName();
+  startExtension();
+  extension->hold("BeginObserving");
+  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("BeginObserving") == 1; }));
+
+  before->release("BeginObserving");
+  roundTrip();
+  roundTrip();  // items are asked for some milliseconds after a folder is observed
+  EXPECT_TRUE(extension->badgeRequests.empty()) << "it has not said yet that it observes the folder";
+  extension->release("BeginObserving");
+  EXPECT_TRUE(runUntil([&] { return extension->badgeRequests.size() == 1; }));
+}
+
+TEST_F(PluginAndExtension, ALateAnswerOfTheProcessBeforeIsDropped) {
+  startExtension();
+  extension->badges[url("a")] = "SYNCED";
+  extension->hold("RequestBadges");
+  manager.plugin->folderShown(root);
+  manager.show(path("a"));
+  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("RequestBadges") == 1; }));
+  const auto before = std::move(extension);
+  before->giveUpName();
+  startExtension();
+  extension->badges[url("a")] = "PENDING";
+  extension->badges[url("b")] = "PENDING";
+  extension->hold("RequestBadges");
+  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("RequestBadges") == 1; }));
+
+  before->release("RequestBadges");
+  roundTrip();
+  EXPECT_EQ(manager.emblem(path("a")), "");
+  extension->release("RequestBadges");
+  EXPECT_TRUE(waitForEmblem("a", PENDING));
+  EXPECT_EQ(manager.redraws(path("a")), 1u);
+  manager.show(path("b"));
+  EXPECT_TRUE(waitForEmblem("b", PENDING)) << "the calls under way are still counted right";
 }
 
 }  // namespace

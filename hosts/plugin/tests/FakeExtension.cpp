@@ -10,6 +10,7 @@ namespace {
 constexpr const char* NAME = "com.vornet.KelvaneSync.FinderBadgeExtension";
 constexpr const char* OBJECT = "/com/vornet/FinderSync1";
 constexpr const char* INTERFACE = "com.vornet.FinderSync1";
+constexpr const char* ERROR_PREFIX = "com.vornet.FinderSync1.Error.";
 
 std::vector<std::string> texts(GVariant* arguments, gsize index) {
   GVariant* list = g_variant_get_child_value(arguments, index);
@@ -83,20 +84,34 @@ void FakeExtension::note(const std::string& method, GVariant* arguments) {
 }
 
 void FakeExtension::answer(const std::string& method, GVariant* arguments, GDBusMethodInvocation* invocation) {
-  if (const auto refusal = refusals.find(method); refusal != refusals.end()) {
-    const std::string name = "com.vornet.FinderSync1.Error." + refusal->second;
+  const auto refuse = [invocation](const std::string& error) {
+    const std::string name = error.find('.') == std::string::npos ? ERROR_PREFIX + error : error;
     g_dbus_method_invocation_return_dbus_error(invocation, name.c_str(), "refused by a test");
+  };
+  if (const auto refusal = refusals.find(method); refusal != refusals.end()) return refuse(refusal->second);
+  if (method == "RequestBadges") answering = texts(arguments, 0);
+  if (const auto found = nonsense.find(method); found != nonsense.end()) {
+    // As a message: GDBus would not let an answer of another type pass.
+    GDBusMessage* reply = g_dbus_message_new_method_reply(g_dbus_method_invocation_get_message(invocation));
+    g_dbus_message_set_body(reply, found->second());
+    g_dbus_connection_send_message(connection_, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
+    g_object_unref(reply);
+    g_object_unref(invocation);
     return;
   }
   GVariant* values = nullptr;
   if (method == "BeginObserving") {
+    if (observed.size() >= places) return refuse("TooManyFolders");
     observed.insert(text(arguments));
   } else if (method == "EndObserving") {
     if (const auto found = observed.find(text(arguments)); found != observed.end()) observed.erase(found);
   } else if (method == "RequestBadges") {
+    for (const auto& item : answering) {
+      if (invalidItems.contains(item)) return refuse("InvalidURL");
+    }
     GVariantBuilder identifiers;
     g_variant_builder_init(&identifiers, G_VARIANT_TYPE_STRING_ARRAY);
-    for (const auto& item : texts(arguments, 0)) {
+    for (const auto& item : answering) {
       const auto found = badges.find(item);
       g_variant_builder_add(&identifiers, "s", found == badges.end() ? "" : found->second.c_str());
     }
@@ -134,15 +149,27 @@ std::size_t FakeExtension::heldCalls(const std::string& method) const {
 }
 
 void FakeExtension::sendChanges(const std::vector<std::pair<std::string, std::string>>& changes) {
-  for (const auto& caller : callers_) {
-    GVariantBuilder list;
-    g_variant_builder_init(&list, G_VARIANT_TYPE("a(ss)"));
-    for (const auto& [item, identifier] : changes) {
-      g_variant_builder_add(&list, "(ss)", item.c_str(), identifier.c_str());
-    }
-    g_dbus_connection_emit_signal(connection_, caller.c_str(), OBJECT, INTERFACE, "BadgesChanged",
-                                  g_variant_new("(a(ss))", &list), nullptr);
+  GVariantBuilder list;
+  g_variant_builder_init(&list, G_VARIANT_TYPE("a(ss)"));
+  for (const auto& [item, identifier] : changes) {
+    g_variant_builder_add(&list, "(ss)", item.c_str(), identifier.c_str());
   }
+  send(INTERFACE, "BadgesChanged", g_variant_new("(a(ss))", &list));
+}
+
+void FakeExtension::send(const char* interface, const char* signal, GVariant* values) {
+  g_variant_ref_sink(values);
+  for (const auto& caller : callers_) {
+    g_dbus_connection_emit_signal(connection_, caller.c_str(), OBJECT, interface, signal, values, nullptr);
+  }
+  g_variant_unref(values);
+}
+
+void FakeExtension::giveUpName() {
+  GVariant* released = g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                   "org.freedesktop.DBus", "ReleaseName", g_variant_new("(s)", NAME),
+                                                   nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+  if (released) g_variant_unref(released);
 }
 
 GVariant* FakeExtension::foldersValue() const {
@@ -154,7 +181,10 @@ GVariant* FakeExtension::foldersValue() const {
 
 GVariant* FakeExtension::property(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* name,
                                   GError** error, gpointer self) {
-  if (g_str_equal(name, "ObservedFolders")) return static_cast<FakeExtension*>(self)->foldersValue();
+  auto& extension = *static_cast<FakeExtension*>(self);
+  const auto found = extension.nonsense.find(name);
+  if (found != extension.nonsense.end()) return g_variant_ref_sink(found->second());
+  if (g_str_equal(name, "ObservedFolders")) return extension.foldersValue();
   g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_PROPERTY, "no property %s", name);
   return nullptr;
 }

@@ -2,6 +2,7 @@
 
 #include <gio/gio.h>
 
+#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -24,7 +25,12 @@ class FakeExtension {
   // What it answers.
   std::map<std::string, std::string> badges;       ///< URL -> identifier; "" for others
   std::map<std::string, std::vector<bool>> menus;  ///< first URL of the selection -> which of two entries are enabled
-  std::map<std::string, std::string> refusals;     ///< method -> error it is refused with
+  std::map<std::string, std::string> refusals;     ///< method -> error it is refused with; after the prefix, or whole
+  std::set<std::string> invalidItems;              ///< URLs because of which a RequestBadges is refused
+  std::size_t places = 1000;                       ///< observations that it takes; others are refused
+  /// Method, or "ObservedFolders" -> what it answers in place of what it should; of any type.
+  std::map<std::string, std::function<GVariant*()>> nonsense;
+  std::vector<std::string> answering;  ///< the items of the RequestBadges that is being answered
 
   // What it was asked.
   std::multiset<std::string> observed;                  ///< folders begun and not ended
@@ -42,6 +48,12 @@ class FakeExtension {
   void sendChanges(const std::vector<std::pair<std::string, std::string>>& changes);
 
   void setFolders(const std::vector<std::string>& folders);
+
+  /// Sends a signal, of any type, to every caller so far.
+  void send(const char* interface, const char* signal, GVariant* values);
+
+  /// Gives the bus name up, and stays on the bus: calls that it holds can still be answered.
+  void giveUpName();
 
  private:
   struct Held {

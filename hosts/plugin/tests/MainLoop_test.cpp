@@ -2,6 +2,9 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
+#include <thread>
+
 namespace vornet::plugin {
 namespace {
 
@@ -78,6 +81,76 @@ TEST(SlicedWork, IsDoneNoMoreAfterItsEnd) {
   }
   settle();
   EXPECT_FALSE(done);
+}
+
+/// A main context of a test's own, in which the numbers of sources begin with 1.
+class OwnContext : public testing::Test {
+ protected:
+  ~OwnContext() override { g_main_context_unref(context_); }
+  bool hasSource() const { return g_main_context_find_source_by_id(context_, 1) != nullptr; }
+  GMainContext* const context_ = g_main_context_new();
+};
+
+using SlicedWorkInAContext = OwnContext;
+using TimerInAContext = OwnContext;
+using DisposalInAContext = OwnContext;
+
+TEST_F(SlicedWorkInAContext, LeavesNoSourceBehind) {
+  {
+    SlicedWork work(context_);
+    work.add([] { return true; });
+    ASSERT_TRUE(hasSource());
+  }
+  EXPECT_FALSE(hasSource());
+}
+
+TEST_F(TimerInAContext, LeavesNoSourceBehind) {
+  {
+    Timer timer(context_);
+    timer.start(std::chrono::milliseconds(0), [] {});
+    ASSERT_TRUE(hasSource());
+  }
+  EXPECT_FALSE(hasSource());
+}
+
+/// A value whose bytes tell when they are freed, and on which thread.
+struct Freed {
+  std::atomic<bool> done{false};
+  std::thread::id thread;
+  GVariant* value() {
+    static const char text[] = "x";
+    const auto freed = +[](gpointer self) {
+      auto& it = *static_cast<Freed*>(self);
+      it.thread = std::this_thread::get_id();
+      it.done = true;
+    };
+    return g_variant_ref_sink(g_variant_new_from_data(G_VARIANT_TYPE_BYTESTRING, text, sizeof text, TRUE, freed, this));
+  }
+};
+
+TEST_F(DisposalInAContext, FreesAValueOnAnotherThreadWhenTheCallerHasLetGoOfIt) {
+  Freed freed;
+  Disposal disposal(context_);
+  GVariant* value = freed.value();
+  disposal.add(value);
+  g_variant_unref(value);
+  EXPECT_FALSE(freed.done);
+  while (g_main_context_iteration(context_, FALSE)) continue;
+  while (!freed.done) std::this_thread::yield();
+  EXPECT_NE(freed.thread, std::this_thread::get_id());
+}
+
+TEST_F(DisposalInAContext, LeavesNeitherASourceNorAValueBehind) {
+  Freed freed;
+  {
+    Disposal disposal(context_);
+    GVariant* value = freed.value();
+    disposal.add(value);
+    g_variant_unref(value);
+    ASSERT_TRUE(hasSource());
+  }
+  EXPECT_FALSE(hasSource());
+  EXPECT_TRUE(freed.done);
 }
 
 TEST(Timer, CallsOnceAndMayBeStartedFromTheCall) {

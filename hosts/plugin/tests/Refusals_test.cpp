@@ -1,0 +1,272 @@
+// What the extension refuses, fails at, or has no room for, is asked for again.
+#include "PluginTest.hpp"
+
+namespace vornet::test {
+namespace {
+
+using std::chrono::milliseconds;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::Not;
+using testing::SizeIs;
+
+class PluginRefusals : public PluginTest {
+ protected:
+  PluginRefusals() {
+    makePlugin({.firstRetry = milliseconds(20), .lastRetry = milliseconds(160)});
+    startExtension();
+  }
+
+  /// Shows the folder `root` with so many items, whose badges are all known to the extension.
+  void show(int count) {
+    for (int i = 0; i < count; ++i) extension->badges[url(std::to_string(i))] = "SYNCED";
+    manager.plugin->folderShown(root);
+    for (int i = 0; i < count; ++i) manager.show(path(std::to_string(i)));
+  }
+
+  bool waitForAll(std::size_t count) {
+    return runUntil([&] { return manager.withEmblem(SYNCED) == count; });
+  }
+};
+
+class PluginRefusedBatches : public PluginRefusals, public testing::WithParamInterface<const char*> {};
+
+TEST_P(PluginRefusedBatches, AreAskedForAgainUntilTheyAreAnswered) {
+  extension->refusals["RequestBadges"] = GetParam();
+  show(1200);
+  ASSERT_TRUE(runUntil([&] { return extension->badgeRequests.size() >= 5; })) << "more than what was under way";
+  EXPECT_EQ(manager.withEmblem(SYNCED), 0u);
+  extension->refusals.clear();
+  EXPECT_TRUE(waitForAll(1200));
+  EXPECT_EQ(logLines, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(Errors, PluginRefusedBatches,
+                         testing::Values("Busy", "Failed", "org.freedesktop.DBus.Error.LimitsExceeded",
+                                         "org.freedesktop.DBus.Error.NoMemory", "org.example.Unheard"));
+
+TEST_F(PluginRefusals, AnswersOfAnotherTypeOrLengthAreAskedForAgain) {
+  for (const char* nonsense : {"('text',)", "([1, 2],)", "(@as [],)", "(['SYNCED'],)", "@(as) (['', '', ''],)", "()",
+                               "(['SYNCED', 'SYNCED'], 7)"}) {
+    const auto before = extension->badgeRequests.size();
+    extension->nonsense["RequestBadges"] = [nonsense] { return g_variant_new_parsed(nonsense); };
+    const std::string first = std::string("first of ") + nonsense[1] + std::to_string(before);
+    const std::string second = std::string("second of ") + nonsense[1] + std::to_string(before);
+    extension->badges[url(first)] = extension->badges[url(second)] = "SYNCED";
+    manager.plugin->folderShown(root);
+    manager.show(path(first));
+    manager.show(path(second));
+    ASSERT_TRUE(runUntil([&] { return extension->badgeRequests.size() >= before + 2; })) << nonsense;
+    EXPECT_EQ(manager.emblem(path(first)), "") << nonsense;
+    extension->nonsense.clear();
+    EXPECT_TRUE(waitForEmblem(first, SYNCED) && waitForEmblem(second, SYNCED)) << nonsense;
+  }
+  EXPECT_EQ(logLines, 0);
+}
+
+TEST_F(PluginRefusals, AnExtensionThatKeepsFailingIsAskedEverMoreSeldom) {
+  // The waits: 20, 40, 80, 160, 160, … ms; after each, one batch for each of the four that may be under way at most.
+  extension->refusals["RequestBadges"] = "Failed";
+  show(1);
+  const auto moment = [] { return std::chrono::steady_clock::now(); };
+  std::vector<std::chrono::steady_clock::time_point> moments;
+  ASSERT_TRUE(runUntil([&] {
+    if (extension->badgeRequests.size() > moments.size()) moments.push_back(moment());
+    return moments.size() == 5;
+  }));
+  // From the first to the fifth 20 + 40 + 80 + 160 ms; without doubling it were 80 ms.
+  EXPECT_GE(moments[4] - moments[0], milliseconds(250));
+  EXPECT_EQ(extension->badgeRequests.size(), 5u);
+}
+
+TEST_F(PluginRefusals, AnExtensionThatFailsWithManyItemsIsNotPressed) {
+  makePlugin({.firstRetry = std::chrono::seconds(60), .lastRetry = std::chrono::seconds(60)});
+  extension->refusals["RequestBadges"] = "Failed";
+  show(5000);
+  ASSERT_TRUE(runUntil([&] { return extension->badgeRequests.size() == 10; })) << "each batch once";
+  manager.plugin->menu({path("0")});  // its answer comes after whatever else was going to be asked
+  ASSERT_TRUE(runUntil([&] { return manager.menuChanges > 0; }));
+  settle();
+  EXPECT_EQ(extension->badgeRequests.size(), 10u);
+}
+
+TEST_F(PluginRefusals, AfterASuccessTheFirstWaitIsTheShortestAgain) {
+  makePlugin({.firstRetry = milliseconds(20), .lastRetry = std::chrono::seconds(60)});
+  const auto failTimes = [&](const std::string& name, std::size_t times) {
+    const auto before = extension->badgeRequests.size();
+    extension->refusals["RequestBadges"] = "Failed";
+    extension->badges[url(name)] = "SYNCED";
+    manager.show(path(name));
+    ASSERT_TRUE(runUntil([&] { return extension->badgeRequests.size() >= before + times; }));
+    extension->refusals.clear();
+    ASSERT_TRUE(waitForEmblem(name, SYNCED));
+  };
+  manager.plugin->folderShown(root);
+  // Eight failures without a reset in between would already wait for five seconds; sixteen for twenty minutes.
+  for (int i = 0; i < 8; ++i) failTimes(std::to_string(i), 2);
+}
+
+TEST_F(PluginRefusals, AnItemThatMakesTheExtensionRefuseItsBatchCostsNoOtherItsBadge) {
+  extension->invalidItems = {url("17"), url("701")};
+  show(1200);
+  EXPECT_TRUE(waitForAll(1198));
+  EXPECT_EQ(manager.emblem(path("17")), "");
+  const auto requests = extension->badgeRequests.size();
+  EXPECT_LE(requests, 60u) << "by halves";
+  // Alone, it is not asked for again.
+  manager.plugin->menu({path("0")});
+  ASSERT_TRUE(runUntil([&] { return manager.menuChanges > 0; }));
+  settle();
+  EXPECT_LE(extension->badgeRequests.size(), 60u);
+}
+
+TEST_F(PluginRefusals, AnItemThatTheExtensionFailsAtCostsNoOtherItsBadge) {
+  makePlugin({.firstRetry = milliseconds(5), .lastRetry = milliseconds(40)});
+  show(600);
+  extension->hold("RequestBadges");
+  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("RequestBadges") == 2; }));
+  // Whatever holds item 17 fails in another way than by calling it invalid.
+  extension->nonsense["RequestBadges"] = [this]() -> GVariant* {
+    const auto& items = extension->answering;
+    if (std::find(items.begin(), items.end(), url("17")) != items.end()) return g_variant_new("(s)", "nonsense");
+    GVariantBuilder identifiers;
+    g_variant_builder_init(&identifiers, G_VARIANT_TYPE_STRING_ARRAY);
+    for (std::size_t i = 0; i < items.size(); ++i) g_variant_builder_add(&identifiers, "s", "SYNCED");
+    return g_variant_new("(as)", &identifiers);
+  };
+  extension->release("RequestBadges");
+  EXPECT_TRUE(waitForAll(599));
+  EXPECT_EQ(manager.emblem(path("17")), "");
+}
+
+TEST_F(PluginRefusals, WhatFailedIsForgottenWithItsFolder) {
+  extension->refusals["RequestBadges"] = "Failed";
+  show(10);
+  ASSERT_TRUE(runUntil([&] { return extension->badgeRequests.size() >= 2; }));
+  manager.plugin->folderHidden(root);
+  ASSERT_TRUE(waitForObserved(0)) << "whatever was asked before has come";
+  extension->refusals.clear();
+  extension->badgeRequests.clear();
+  extension->badges[url("other/a")] = "SYNCED";
+  manager.plugin->folderShown(path("other"));
+  manager.show(path("other/a"));
+  ASSERT_TRUE(waitForEmblem("other/a", SYNCED));
+  EXPECT_THAT(extension->badgeRequests, ElementsAre(ElementsAre(url("other/a"))));
+}
+
+TEST_F(PluginRefusals, AFolderThatTheExtensionIsTooBusyToObserveIsObservedLater) {
+  for (const char* error : {"Busy", "org.freedesktop.DBus.Error.LimitsExceeded", "Failed"}) {
+    const auto begun = [&] { return std::count(extension->calls.begin(), extension->calls.end(), "BeginObserving"); };
+    extension->calls.clear();
+    extension->refusals["BeginObserving"] = error;
+    const std::string folder = std::string("folder ") + error;
+    extension->badges[url(folder + "/a")] = "SYNCED";
+    manager.plugin->folderShown(path(folder));
+    manager.show(path(folder + "/a"));
+    ASSERT_TRUE(runUntil([&] { return begun() >= 2; })) << error;
+    extension->refusals.clear();
+    EXPECT_TRUE(waitForEmblem(folder + "/a", SYNCED)) << error;
+    manager.plugin->folderHidden(path(folder));
+    EXPECT_TRUE(waitForObserved(0)) << error;
+  }
+}
+
+TEST_F(PluginRefusals, ALateRefusalOfAFolderThatHasLeftTheScreenDoesNotCountWhenItComesBack) {
+  extension->badges[url("a")] = "SYNCED";
+  extension->refusals["BeginObserving"] = "NotAFolder";
+  extension->hold("BeginObserving");
+  manager.plugin->folderShown(root);
+  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("BeginObserving") == 1; }));
+  manager.plugin->folderHidden(root);
+  manager.plugin->folderShown(root);
+  manager.show(path("a"));
+  extension->release("BeginObserving");  // the first; the second has not come yet
+  extension->refusals.clear();
+  EXPECT_TRUE(waitForEmblem("a", SYNCED));
+}
+
+// --- Folders that the extension has no room for ---------------------------------------------------------------------
+
+class PluginUnobserved : public PluginTest {
+ protected:
+  PluginUnobserved() {
+    makePlugin({.unobservedRefresh = milliseconds(50)});
+    startExtension();
+    extension->places = 1;
+    manager.plugin->folderShown(path("first"));
+    EXPECT_TRUE(waitForObserved(1));
+    extension->badges[url("second/a")] = "SYNCED";
+    manager.plugin->folderShown(path("second"));
+    manager.show(path("second/a"));
+  }
+
+  std::size_t begun() const {
+    return static_cast<std::size_t>(std::count(extension->calls.begin(), extension->calls.end(), "BeginObserving"));
+  }
+};
+
+TEST_F(PluginUnobserved, TheirBadgesAppearAndAreKeptRightByAsking) {
+  EXPECT_TRUE(waitForEmblem("second/a", SYNCED));
+  extension->badges[url("second/a")] = "PENDING";  // no signal
+  EXPECT_TRUE(waitForEmblem("second/a", PENDING));
+  extension->badges[url("second/new")] = "SKIPPED";
+  manager.show(path("second/new"));
+  EXPECT_TRUE(waitForEmblem("second/new", SKIPPED));
+  EXPECT_THAT(extension->observed, ElementsAre(url("first")));
+  EXPECT_EQ(manager.redraws(path("second/a")), 2u);
+}
+
+TEST_F(PluginUnobserved, TheyAreObservedWhenAPlaceBecomesFreeAndAskedForNoMore) {
+  manager.plugin->folderShown(path("second"));  // two windows
+  ASSERT_TRUE(waitForEmblem("second/a", SYNCED));
+  extension->places = 3;
+  ASSERT_TRUE(runUntil([&] { return extension->observed.count(url("second")) == 2; }));
+  extension->badges[url("second/a")] = "PENDING";
+  extension->sendChanges({{url("second/a"), "PENDING"}});
+  ASSERT_TRUE(waitForEmblem("second/a", PENDING));
+  extension->calls.clear();
+  const auto later = std::chrono::steady_clock::now() + milliseconds(200);
+  ASSERT_TRUE(runUntil([&] { return std::chrono::steady_clock::now() > later; })) << "four times the pace";
+  EXPECT_LE(extension->calls.size(), 2u) << "those that were under way";
+  manager.plugin->folderHidden(path("second"));
+  manager.plugin->folderHidden(path("second"));
+  EXPECT_TRUE(waitForObserved(1)) << "ended as often as begun";
+}
+
+TEST_F(PluginUnobserved, WhatChangedBeforeTheyWereObservedIsAskedForThen) {
+  ASSERT_TRUE(waitForEmblem("second/a", SYNCED));
+  extension->hold("BeginObserving");
+  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("BeginObserving") == 1; }));
+  const auto asked = extension->badgeRequests.size();
+  ASSERT_TRUE(runUntil([&] { return extension->badgeRequests.size() >= asked + 2; })) << "it is asked meanwhile";
+  EXPECT_EQ(extension->heldCalls("BeginObserving"), 1u) << "and not told again and again to observe";
+  extension->hold("RequestBadges");
+  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("RequestBadges") > 0; }));
+  extension->places = 2;
+  extension->release("BeginObserving");
+  ASSERT_TRUE(waitForObserved(2));
+  extension->badges[url("second/a")] = "PENDING";
+  extension->release("RequestBadges");
+  EXPECT_TRUE(waitForEmblem("second/a", PENDING));
+}
+
+TEST_F(PluginUnobserved, TheyAreLeftAloneWhenTheyLeaveTheScreen) {
+  ASSERT_TRUE(waitForEmblem("second/a", SYNCED));
+  manager.plugin->folderHidden(path("second"));
+  EXPECT_EQ(FakeFileManager::keptItems(), 0u);
+  settle();
+  extension->calls.clear();
+  const auto later = std::chrono::steady_clock::now() + milliseconds(200);
+  ASSERT_TRUE(runUntil([&] { return std::chrono::steady_clock::now() > later; })) << "four times the pace";
+  EXPECT_THAT(extension->calls, SizeIs(0));
+}
+
+TEST_F(PluginUnobserved, AnotherExtensionIsToldToObserveThemAtOnce) {
+  ASSERT_TRUE(waitForEmblem("second/a", SYNCED));
+  extension.reset();
+  startExtension();
+  ASSERT_TRUE(waitForObserved(2));
+}
+
+}  // namespace
+}  // namespace vornet::test
