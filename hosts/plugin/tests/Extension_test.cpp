@@ -429,5 +429,95 @@ TEST_F(PluginAndExtension, ALateAnswerOfTheProcessBeforeIsDropped) {
   EXPECT_TRUE(waitForEmblem("b", PENDING)) << "the calls under way are still counted right";
 }
 
+// --- The end of the plug-in -----------------------------------------------------------------------------------------
+
+/// A plug-in in a main context of its own.
+class PluginEnd : public PluginAndExtension {
+ protected:
+  PluginEnd() {
+    makePlugin({.context = context_});
+    startExtension();
+  }
+  ~PluginEnd() override {
+    manager.plugin.reset();
+    turn();
+    g_main_context_unref(context_);
+  }
+
+  void turn() const {
+    while (g_main_context_iteration(context_, FALSE)) continue;
+  }
+
+  /// Runs both contexts.
+  bool runBothUntil(const std::function<bool()>& condition) const {
+    return runUntil([&] {
+      g_main_context_iteration(context_, FALSE);
+      return condition();
+    });
+  }
+
+  /// The numbers of the sources that wait for a time, or come after painting: the library's, and none of GDBus's.
+  std::vector<guint> sources(bool timed) const {
+    std::vector<guint> ids;
+    for (guint id = 1; id < 2000; ++id) {
+      GSource* source = g_main_context_find_source_by_id(context_, id);
+      if (!source) continue;
+      const bool isTimed = g_source_get_ready_time(source) > 0;
+      const bool isLate = g_source_get_priority(source) == G_PRIORITY_HIGH_IDLE + 50;
+      if (timed ? isTimed : isLate) ids.push_back(id);
+    }
+    return ids;
+  }
+
+  GMainContext* const context_ = g_main_context_new();
+};
+
+TEST_F(PluginEnd, LeavesNeitherWorkNorATimerBehind) {
+  extension->badges[url("a")] = "SYNCED";
+  manager.plugin->folderShown(root);
+  manager.show(path("a"));
+  ASSERT_TRUE(runBothUntil([&] { return manager.emblem(path("a")) == SYNCED; }));
+  manager.show(path("branch/b"));  // a timer runs until it is taken to be on screen
+  GSource* painting = g_idle_source_new();
+  g_source_set_priority(painting, G_PRIORITY_HIGH_IDLE + 20);
+  g_source_set_callback(
+      painting, +[](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
+  g_source_attach(painting, context_);
+  extension->sendChanges({{url("a"), "PENDING"}});
+  ASSERT_TRUE(runBothUntil([&] { return !sources(false).empty(); })) << "a change waits to be read";
+  const auto work = sources(false);
+  const auto timers = sources(true);
+  EXPECT_THAT(timers, testing::Not(testing::IsEmpty()));
+
+  manager.plugin.reset();
+  for (const auto id : work) EXPECT_EQ(g_main_context_find_source_by_id(context_, id), nullptr);
+  for (const auto id : timers) EXPECT_EQ(g_main_context_find_source_by_id(context_, id), nullptr);
+  g_source_destroy(painting);
+  g_source_unref(painting);
+  turn();
+  EXPECT_EQ(manager.redraws(path("a")), 1u);
+}
+
+TEST_F(PluginEnd, LeavesNothingThatWaitsForTheEndOfTheConnection) {
+  manager.plugin->folderShown(root);
+  ASSERT_TRUE(runBothUntil([&] { return extension->observed.size() == 1; }));
+  struct End {
+    guint signal = g_signal_lookup("closed", G_TYPE_DBUS_CONNECTION);
+    bool seen = false;
+    bool heard = false;  ///< by anybody
+  } end;
+  const auto see = +[](GSignalInvocationHint*, guint, const GValue* values, gpointer data) -> gboolean {
+    auto& it = *static_cast<End*>(data);
+    it.seen = true;
+    it.heard = g_signal_has_handler_pending(g_value_get_object(values), it.signal, 0, FALSE) != FALSE;
+    return TRUE;
+  };
+  const gulong hook = g_signal_add_emission_hook(end.signal, 0, see, &end, nullptr);
+  manager.plugin.reset();
+  EXPECT_TRUE(runBothUntil([&] { return end.seen; }));
+  EXPECT_FALSE(end.heard) << "the watch of the bus name, or the library's own handler";
+  g_signal_remove_emission_hook(end.signal, hook);
+}
+
 }  // namespace
 }  // namespace vornet::test

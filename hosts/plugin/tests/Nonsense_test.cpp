@@ -1,0 +1,288 @@
+// What an extension says that makes no sense, or too much of it, costs the file manager little.
+#include <time.h>
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+
+#include "PluginTest.hpp"
+#include "support/StartedProgram.hpp"
+
+namespace vornet::test {
+namespace {
+
+using std::chrono::milliseconds;
+using testing::Each;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+// --- Of another type or shape ---------------------------------------------------------------------------------------
+
+class PluginNonsense : public PluginTest {
+ protected:
+  PluginNonsense() {
+    g_log_set_handler("GLib", G_LOG_LEVEL_CRITICAL, countLine, nullptr);
+    g_log_set_handler("GLib-GIO", G_LOG_LEVEL_CRITICAL, countLine, nullptr);
+    makePlugin({.firstRetry = milliseconds(20), .lastRetry = milliseconds(160)});
+    startExtension();
+  }
+
+  static void countLine(const gchar*, GLogLevelFlags, const gchar*, gpointer) { ++logLines; }
+
+  void showA() {
+    extension->badges[url("a")] = "SYNCED";
+    manager.plugin->folderShown(root);
+    manager.show(path("a"));
+    ASSERT_TRUE(waitForEmblem("a", SYNCED));
+  }
+
+  plugin::Menu menuOf(const std::string& name, const std::function<GVariant*()>& answer) {
+    extension->nonsense["GetMenu"] = answer;
+    const auto before = manager.menuChanges;
+    manager.plugin->menu({path(name)});
+    EXPECT_TRUE(runUntil([&] { return manager.menuChanges > before; }));
+    return manager.plugin->menu({path(name)});
+  }
+};
+
+TEST_F(PluginNonsense, SignalsOfAnotherTypeAreIgnored) {
+  showA();
+  for (const char* values : {"('text',)", "([1],)", "()", "(@a(sss) [('a', 'b', 'c')],)", "([('a', 'b')], 1)"}) {
+    extension->send("com.vornet.FinderSync1", "BadgesChanged", g_variant_new_parsed(values));
+  }
+  for (const char* values : {"('text',)", "()", "('x', @a{ss} {}, @as [])",
+                             "('com.vornet.FinderSync1', {'ObservedFolders': <7>}, @as [])"}) {
+    extension->send("org.freedesktop.DBus.Properties", "PropertiesChanged", g_variant_new_parsed(values));
+  }
+  extension->sendChanges({{url("a"), "PENDING"}});
+  EXPECT_TRUE(waitForEmblem("a", PENDING));
+  EXPECT_EQ(logLines, 0);
+}
+
+TEST_F(PluginNonsense, ObservedFoldersOfAnotherTypeAreAskedForAgain) {
+  makePlugin({.firstRetry = milliseconds(20), .lastRetry = milliseconds(160)});
+  int asked = 0;
+  extension->nonsense["ObservedFolders"] = [&asked] {
+    ++asked;
+    return g_variant_new("s", "nonsense");
+  };
+  extension->badges[url("a")] = "SYNCED";
+  manager.plugin->folderShown(root);
+  manager.show(path("a"));
+  ASSERT_TRUE(runUntil([&] { return asked >= 3; }));
+  EXPECT_EQ(manager.emblem(path("a")), "");
+  extension->nonsense.clear();
+  EXPECT_TRUE(waitForEmblem("a", SYNCED));
+  EXPECT_EQ(logLines, 0);
+}
+
+TEST_F(PluginNonsense, AMenuOfAnotherTypeStaysGreyed) {
+  showA();
+  int answers = 0;
+  extension->nonsense["GetMenu"] = [&answers] {
+    ++answers;
+    return g_variant_new_parsed("(@a(sss) [('a', 'b', 'c')],)");
+  };
+  manager.plugin->menu({path("a")});
+  ASSERT_TRUE(runUntil([&] { return answers == 1; }));
+  settle();
+  EXPECT_THAT(manager.plugin->menu({path("a")}), SizeIs(5));
+  EXPECT_EQ(logLines, 0);
+}
+
+TEST_F(PluginNonsense, OfAMenuTheFirstHundredEntriesAreShown) {
+  showA();
+  const auto menu = menuOf("a", [] {
+    GVariantBuilder entries;
+    g_variant_builder_init(&entries, G_VARIANT_TYPE("a(ssbs)"));
+    for (int i = 0; i < 5000; ++i) {
+      g_variant_builder_add(&entries, "(ssbs)", std::to_string(i).c_str(), "share:", TRUE, "");
+    }
+    return g_variant_new("(a(ssbs))", &entries);
+  });
+  ASSERT_THAT(menu, SizeIs(100));
+  EXPECT_EQ(menu.front().title, "0");
+  EXPECT_EQ(menu.back().title, "99");
+}
+
+TEST_F(PluginNonsense, OfATitleTheFirstTwoHundredCharactersAreShown) {
+  showA();
+  for (const std::string character : {"x", "\xc3\xa9", "\xe2\x98\x80", "\xf0\x9f\x98\x80"}) {
+    std::string cut;
+    for (int i = 0; i < 200; ++i) cut += character;
+    const auto menu = menuOf(character, [&] {
+      GVariantBuilder entries;
+      g_variant_builder_init(&entries, G_VARIANT_TYPE("a(ssbs)"));
+      for (const auto& title : {cut, cut + character, cut + cut + cut, std::string(), character}) {
+        g_variant_builder_add(&entries, "(ssbs)", title.c_str(), "share:", TRUE, "");
+      }
+      g_variant_builder_add(&entries, "(ssbs)", "action", std::string(100'000, 'a').c_str(), TRUE, "");
+      g_variant_builder_add(&entries, "(ssbs)", "image", "notes:", TRUE, std::string(100'000, 'i').c_str());
+      return g_variant_new("(a(ssbs))", &entries);
+    });
+    std::vector<std::string> titles;
+    for (const auto& entry : menu) titles.push_back(entry.title);
+    EXPECT_THAT(titles, ElementsAre(cut, cut, cut, "", character, "image"));
+    EXPECT_EQ(menu.back().icon, "vornet-vi");
+  }
+}
+
+TEST_F(PluginNonsense, AnEndlessNameOfAnItemOrABadgeHidesNoOther) {
+  showA();
+  extension->sendChanges(
+      {{"file:///" + std::string(1'000'000, 'x'), "PENDING"}, {url("a"), std::string(1'000'000, 'x')}});
+  EXPECT_TRUE(waitForEmblem("a", ""));
+  extension->sendChanges({{"file:///" + std::string(1'000'000, 'x'), "PENDING"}, {url("a"), "PENDING"}});
+  EXPECT_TRUE(waitForEmblem("a", PENDING));
+}
+
+TEST_F(PluginNonsense, ChangesBeyondThoseThatAreReadOfAMessageAreAskedFor) {
+  showA();
+  std::vector<std::pair<std::string, std::string>> changes(20'000, {url("stranger"), "PENDING"});
+  changes.emplace_back(url("a"), "PENDING");
+  extension->badges[url("a")] = "PENDING";
+  extension->sendChanges(changes);
+  EXPECT_TRUE(waitForEmblem("a", PENDING));
+  EXPECT_THAT(extension->badgeRequests, SizeIs(2));
+}
+
+// --- Floods ---------------------------------------------------------------------------------------------------------
+
+/// An extension in a process of its own, which floods the plug-in when a test says so.
+class PluginFlood : public PluginTest {
+ protected:
+  static constexpr int ITEMS = 100;
+
+  PluginFlood()
+      : flooding_({VORNET_FLOODING_EXTENSION, bus.address(), url("")}, {}, environment.folder() / "flood.output") {
+    makePlugin({.firstRetry = milliseconds(50), .lastRetry = milliseconds(400)});
+    manager.plugin->folderShown(root);
+    for (int i = 0; i < ITEMS; ++i) manager.show(path(std::to_string(i)));
+    EXPECT_TRUE(runUntil([&] { return manager.withEmblem(SYNCED) == ITEMS; }));
+  }
+
+  /// Has the extension send what `order` says; all of it has come when this returns.
+  void flood(const std::string& order) {
+    const int before = logLines;
+    manager.plugin->perform(order, {path("0")});
+    ASSERT_TRUE(runUntil([&] { return logLines > before; }));
+  }
+
+  /// Peak and present size of this process, in kibibytes.
+  static long memory(const std::string& field) {
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+      if (line.starts_with(field + ":")) return std::stol(line.substr(field.size() + 1));
+    }
+    return -1;
+  }
+
+  static void forgetPeak() { std::ofstream("/proc/self/clear_refs") << "5"; }
+
+  static double cpuMilliseconds() {
+    timespec time{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
+    return static_cast<double>(time.tv_sec) * 1e3 + static_cast<double>(time.tv_nsec) / 1e6;
+  }
+
+  /// The longest turn of the main loop until `condition` holds, in milliseconds of this thread's own time: other
+  /// programs do not count.
+  double longestTurn(const std::function<bool()>& condition) {
+    double longest = 0;
+    const auto turned = [&] {
+      const double begun = cpuMilliseconds();
+      g_main_context_iteration(nullptr, FALSE);
+      longest = std::max(longest, cpuMilliseconds() - begun);
+      return condition();
+    };
+    EXPECT_TRUE(runUntil(turned));
+    return longest;
+  }
+
+ private:
+  StartedProgram flooding_;
+};
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool MEMORY_IS_MEASURED = false;
+#else
+constexpr bool MEMORY_IS_MEASURED = true;
+#endif
+
+TEST_F(PluginFlood, OfChangesCostsNoMoreMemoryThanAFewMessagesAndEndsWithTheRightBadges) {
+  // A window that paints without a pause: whatever the library leaves for later waits.
+  struct Painting {
+    Painting() : source(g_idle_source_new()) {
+      g_source_set_priority(source, G_PRIORITY_HIGH_IDLE + 20);
+      g_source_set_callback(
+          source, +[](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
+      g_source_attach(source, nullptr);
+    }
+    ~Painting() {
+      g_source_destroy(source);
+      g_source_unref(source);
+    }
+    GSource* source;
+  };
+  const auto peak = [&](int messages) {
+    forgetPeak();
+    {
+      const Painting painting;
+      flood("changes " + std::to_string(messages) + " 10000");
+    }
+    EXPECT_TRUE(runUntil([&] { return manager.withEmblem(PENDING) == ITEMS; }));
+    return memory("VmHWM");
+  };
+  const long before = memory("VmRSS");
+  // Ten thousand changes are thirty thousand values of 80 bytes and more; some of that may have been free before.
+  const long one = std::max(peak(1) - before, 2500L);
+  const long many = peak(60) - before;
+  std::printf("one message: %ld KiB, sixty: %ld KiB\n", one, many);
+  if (!MEMORY_IS_MEASURED) GTEST_SKIP() << "the sanitizer keeps what is freed";
+  EXPECT_LT(many, 25 * one);
+}
+
+TEST_F(PluginFlood, OfChangesRedrawsAnItemNoMoreOftenThanItIsRead) {
+  const auto before = manager.redraws(path("0"));
+  flood("changes 100 2000");
+  ASSERT_TRUE(runUntil([&] { return manager.withEmblem(PENDING) == ITEMS; }));
+  // It has changed a thousand times.
+  EXPECT_LE(manager.redraws(path("0")) - before, 101u);
+}
+
+TEST_F(PluginFlood, OfAnyKindTakesTheFileManagerNoLongTurn) {
+  constexpr int MANY = 200'000;
+  // What the bus library makes of one such message, and what it costs to look at it and to free it.
+  GVariantBuilder list;
+  g_variant_builder_init(&list, G_VARIANT_TYPE("a(ssbs)"));
+  for (int i = 0; i < MANY; ++i) g_variant_builder_add(&list, "(ssbs)", "title", "share:", TRUE, "QMT");
+  GVariant* values = g_variant_ref_sink(g_variant_builder_end(&list));
+  const double begun = cpuMilliseconds();
+  std::vector<std::string> titles;
+  for (int i = 0; i < MANY; ++i) {
+    const gchar* title = nullptr;
+    g_variant_get_child(values, static_cast<gsize>(i), "(&s&sb&s)", &title, nullptr, nullptr, nullptr);
+    titles.emplace_back(title);
+  }
+  g_variant_unref(values);
+  const double control = cpuMilliseconds() - begun;
+
+  for (const std::string order : {"changes 3 200000", "strangers 3 200000", "folders 3 200000", "wrong 3 200000"}) {
+    const int before = logLines;
+    manager.plugin->perform(order, {path("0")});
+    const double longest = longestTurn([&] { return logLines > before; });
+    std::printf("%s: longest turn %.1f ms, control %.1f ms\n", order.c_str(), longest, control);
+    EXPECT_LT(longest, control / 2) << order;
+  }
+  flood("menu 200000");
+  manager.plugin->menu({path("0")});
+  const auto changes = manager.menuChanges;
+  const double longest = longestTurn([&] { return manager.menuChanges > changes; });
+  std::printf("menu: longest turn %.1f ms, control %.1f ms\n", longest, control);
+  EXPECT_LT(longest, control / 2) << "menu";
+  EXPECT_THAT(manager.plugin->menu({path("0")}), SizeIs(100));
+}
+
+}  // namespace
+}  // namespace vornet::test
