@@ -30,6 +30,14 @@ void BadgeLoader::ask(const std::vector<std::string>& names) {
   pump(state_);
 }
 
+void BadgeLoader::retry() {
+  if (!state_->failure) {
+    return;
+  }
+  state_->failure.reset();
+  pump(state_);
+}
+
 void BadgeLoader::forget() {
   ++state_->generation;
   state_->queue.clear();
@@ -68,6 +76,7 @@ void BadgeLoader::pump(const std::shared_ptr<State>& state) {
             if (!state->failure) {
               state->failure.emplace(*failure);
             }
+            state->queue.insert(state->queue.end(), names.begin(), names.end());
             return;
           }
           for (std::size_t i = 0; i < names.size(); ++i) {

@@ -29,13 +29,16 @@ class BadgeLoader {
   /// Asks for `names` after what was asked before.
   void ask(const std::vector<std::string>& names);
 
+  /// Asks again for what a failure has left unanswered; does nothing without one.
+  void retry();
+
   /// Drops what was asked and not answered, and a failure with it.
   void forget();
 
   /// True while answers are awaited; false also after a failure.
   bool isBusy() const;
 
-  /// Why asking ended early, if it did: nothing more is asked until forget().
+  /// Why asking ended early, if it did: nothing more is asked until retry() or forget().
   const std::optional<Failure>& failure() const;
 
  private:

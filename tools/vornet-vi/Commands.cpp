@@ -83,7 +83,16 @@ void beginObserving(Client& client, const std::string& folder) {
 }
 
 void listFolder(Client& client, Printer& printer, const std::string& folder) {
-  beginObserving(client, folder);
+  // Badges are answered also where the extension has no room to observe the folder.
+  bool observed = true;
+  try {
+    beginObserving(client, folder);
+  } catch (const Failure& failure) {
+    if (failure.kind() != FailureKind::noRoom) {
+      throw;
+    }
+    observed = false;
+  }
   printer.useBadges(client.info().badges);
 
   std::map<std::string, Item> items;
@@ -115,7 +124,9 @@ void listFolder(Client& client, Printer& printer, const std::string& folder) {
     throw Failure{*loader.failure()};
   }
   printer.list(folder, sortedItems(items), false);
-  client.endObserving(folder);
+  if (observed) {
+    client.endObserving(folder);
+  }
 }
 
 void showMenu(Client& client, Printer& printer, const std::vector<std::string>& selection) {

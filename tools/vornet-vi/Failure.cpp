@@ -36,8 +36,11 @@ Failure refusalOf(std::string_view name, const std::string& subject, const std::
   if (name == "UnknownAction") {
     return {FailureKind::refused, about(subject, "the extension knows no such action")};
   }
+  if (name == "TooManyFolders") {
+    return {FailureKind::noRoom, about(subject, "the extension observes as many folders as it takes")};
+  }
   if (name == "Busy") {
-    return {FailureKind::refused, "the extension is too busy; try again later"};
+    return {FailureKind::busy, "the extension is too busy; try again later"};
   }
   return {FailureKind::refused, about(subject, "the extension refused: " + detail)};
 }
@@ -82,6 +85,9 @@ Failure failureOf(const GError& error, const std::string& subject, double timeou
   if (g_error_matches(&error, G_IO_ERROR, G_IO_ERROR_CLOSED) ||
       g_error_matches(&error, G_DBUS_ERROR, G_DBUS_ERROR_DISCONNECTED)) {
     return {FailureKind::noBus, "the session bus went away"};
+  }
+  if (g_error_matches(&error, G_DBUS_ERROR, G_DBUS_ERROR_LIMITS_EXCEEDED)) {
+    return {FailureKind::busy, "the session bus does not take so many calls at once; try again later"};
   }
   if (g_error_matches(&error, G_DBUS_ERROR, G_DBUS_ERROR_ACCESS_DENIED)) {
     return {FailureKind::refused, "the session bus does not allow it: " + detail};

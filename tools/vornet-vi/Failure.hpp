@@ -16,6 +16,8 @@ enum class FailureKind {
   timedOut,      ///< no answer in time
   interrupted,   ///< Client::interrupt was called
   outside,       ///< the folder lies outside the observed ones
+  busy,          ///< the extension, or the bus, has too much to do; later it may not
+  noRoom,        ///< the extension observes as many folders as it takes; the badges can be asked for all the same
   refused,       ///< the extension refused the call for another reason, or answered wrongly
   local,         ///< the disk, the output, the arguments
 };

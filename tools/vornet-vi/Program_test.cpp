@@ -105,6 +105,15 @@ TEST_F(ProgramTest, listEscapesNamesAndAsksForTheirExactBytes) {
   EXPECT_EQ(output, "+ Synced  file  0  a\\n\\e[2J\\xff \\u{e9}\n");
 }
 
+TEST_F(ProgramTest, listShowsAFolderThatTheExtensionHasNoRoomToObserve) {
+  TestExtension extension{bus, root.path()};
+  extension.badges = {{root.file("a"), "SYNCED"}};
+  extension.refusal = "TooManyFolders";
+  ASSERT_EQ(run({"list", root.path()}), 0) << errors;
+  EXPECT_EQ(output, "✓ Synced  file  0  a\n");
+  EXPECT_EQ(extension.count("EndObserving " + urlOfPath(root.path())), 0U);
+}
+
 TEST_F(ProgramTest, listTakesPathsRelativeToTheCurrentFolder) {
   TestExtension extension{bus, root.path()};
   root.folder("[a,b]");
@@ -390,6 +399,44 @@ TEST_F(WatchTest, asksAnewWhenTheExtensionComesBack) {
   EXPECT_EQ(program.wait(), 0);
   EXPECT_EQ(events(program, "badge").size(), 2U);
   EXPECT_EQ(second.count("EndObserving " + urlOfPath(root.path())), 1U);
+}
+
+TEST_F(WatchTest, asksNowAndThenWhereTheExtensionHasNoRoomToObserve) {
+  TestExtension extension{bus, root.path()};
+  const std::string file = root.file("a");
+  const std::string begin = "BeginObserving " + urlOfPath(root.path());
+  extension.badges = {{file, "PENDING"}};
+  extension.refusal = "TooManyFolders";
+  ProgramRun program{settings(), {"watch", "--json", root.path()}};
+  ASSERT_TRUE(waitForEvents(program, "watching"));
+  extension.badges[file] = "SYNCED";  // nobody tells
+  ASSERT_TRUE(waitForEvents(program, "badge"));
+  EXPECT_EQ(events(program, "badge")[0].at("badge"), "SYNCED");
+  EXPECT_EQ(extension.count(begin), 2U);
+
+  extension.refusal.clear();
+  ASSERT_TRUE(waitUntil([&] { return extension.count(begin) == 3; }));
+  extension.tell({{file, "SKIPPED"}});
+  ASSERT_TRUE(waitForEvents(program, "badge", 2));
+  program.sendSignal(SIGINT);
+  EXPECT_EQ(program.wait(), 0);
+  EXPECT_EQ(events(program, "extension").size(), 0U);
+  EXPECT_EQ(extension.count("EndObserving " + urlOfPath(root.path())), 1U);
+}
+
+TEST_F(WatchTest, asksAgainWhatTheExtensionWasTooBusyFor) {
+  TestExtension extension{bus, root.path()};
+  const std::string file = root.file("a");
+  extension.badges = {{file, "SYNCED"}, {root.path() + "/b", "PENDING"}};
+  extension.busyRequests = 1;
+  ProgramRun program{settings(), {"watch", "--json", root.path()}};
+  ASSERT_TRUE(waitForEvents(program, "watching"));
+  extension.busyRequests = 1;
+  root.file("b");
+  ASSERT_TRUE(waitForEvents(program, "new"));
+  EXPECT_EQ(events(program, "new")[0].at("badge"), "PENDING");
+  program.sendSignal(SIGINT);
+  EXPECT_EQ(program.wait(), 0) << program.errors;
 }
 
 TEST_F(WatchTest, endsWhenTheFolderVanishes) {

@@ -222,6 +222,11 @@ gboolean TestExtension::request(VornetFinderSync1* skeleton, GDBusMethodInvocati
     self.die();
     return TRUE;
   }
+  if (self.busyRequests > 0) {
+    --self.busyRequests;
+    g_dbus_method_invocation_return_dbus_error(invocation, "com.vornet.FinderSync1.Error.Busy", "refused");
+    return TRUE;
+  }
   if (!self.changesBeforeAnswer.empty()) {
     self.tell(std::exchange(self.changesBeforeAnswer, {}));
   }

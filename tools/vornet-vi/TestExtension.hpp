@@ -81,9 +81,10 @@ class TestExtension {
   /// Badges that change, told by signal, just before the answer to the first request.
   std::vector<std::pair<std::string, std::string>> changesBeforeAnswer;
   std::vector<std::pair<std::string, bool>> menu;  ///< selector, enabled; titles are the usual ones
-  std::string refusal;         ///< the error (its name after the prefix) that BeginObserving answers; empty: none
-  bool frozen = false;         ///< takes calls and never answers
-  bool diesInRequest = false;  ///< leaves the bus when badges are asked
+  std::string refusal;           ///< the error (its name after the prefix) that BeginObserving answers; empty: none
+  std::size_t busyRequests = 0;  ///< so many RequestBadges are refused with Busy
+  bool frozen = false;           ///< takes calls and never answers
+  bool diesInRequest = false;    ///< leaves the bus when badges are asked
 
   std::vector<std::string> calls;         ///< "BeginObserving file:///…", "PerformAction copyLink: file:///…", …
   std::vector<std::size_t> requestSizes;  ///< items of each RequestBadges

@@ -21,6 +21,12 @@ namespace {
 
 constexpr std::chrono::milliseconds FAREWELL{2000};
 
+// How often badges are asked for, and observing is tried again, where the extension has no room to observe the folder.
+constexpr std::chrono::milliseconds UNOBSERVED_REFRESH{5000};
+
+// After the extension was too busy.
+constexpr std::chrono::milliseconds BUSY_PAUSE{1000};
+
 /// A source of the default main context, removed with its owner.
 class Source {
  public:
@@ -71,7 +77,13 @@ struct Watch::Impl {
   std::deque<Change> changes;        // to print, in order
   BadgeLoader loader;
   GObjectPtr<GFileMonitor> monitor;
-  std::string observedBy;  // unique name of the process that observes the folder for us; empty: none
+  std::string observedBy;   // unique name of the process that answers for the folder; empty: none
+  bool unobserved = false;  // it has no room to observe it
+  bool refreshDue = false;
+  bool retryDue = false;
+  bool waitsToRetry = false;
+  Source refresh;
+  Source retryBusy;
   bool listed = false;
   bool stopped = false;
   bool timeUp = false;
@@ -202,9 +214,20 @@ struct Watch::Impl {
     }
   }
 
-  /// Observes the folder and asks for the badges of all its entries.
+  /// Observes the folder, if the extension has room for it, and asks for the badges of all its entries.
   void observe() {
-    beginObserving(client, folder);
+    refreshDue = false;
+    try {
+      beginObserving(client, folder);
+      unobserved = false;
+      refresh = Source{};
+    } catch (const Failure& failure) {
+      if (failure.kind() != FailureKind::noRoom) {
+        throw;
+      }
+      unobserved = true;
+      refresh = Source{timer(UNOBSERVED_REFRESH, &refreshDue)};
+    }
     observedBy = client.owner();
     std::vector<std::string> names;
     for (const auto& [name, item] : items) {
@@ -224,6 +247,7 @@ struct Watch::Impl {
         case FailureKind::notInstalled:
         case FailureKind::notStarted:
         case FailureKind::gone:
+        case FailureKind::busy:
           return false;
         case FailureKind::interrupted:
           if (stopped) {
@@ -256,8 +280,22 @@ struct Watch::Impl {
     if (folderGone) {
       throw Failure{FailureKind::local, folder + ": the folder vanished"};
     }
-    if (loader.failure() && loader.failure()->kind() != FailureKind::gone) {
+    if (loader.failure() && loader.failure()->kind() != FailureKind::gone &&
+        loader.failure()->kind() != FailureKind::busy) {
       throw Failure{*loader.failure()};
+    }
+  }
+
+  /// Asks again, a little later, for what the extension was too busy for.
+  void retryLater() {
+    if (retryDue) {
+      retryDue = false;
+      retryBusy = Source{};
+      waitsToRetry = false;
+      loader.retry();
+    } else if (!waitsToRetry && loader.failure() && loader.failure()->kind() == FailureKind::busy) {
+      waitsToRetry = true;
+      retryBusy = Source{timer(BUSY_PAUSE, &retryDue)};
     }
   }
 
@@ -273,12 +311,16 @@ struct Watch::Impl {
       names.push_back(name);
     }
     loader.ask(names);
-    while (!stopped && loader.isBusy() && !busGone) {
+    for (;;) {
+      check();
+      if (loader.failure() && loader.failure()->kind() == FailureKind::gone) {
+        throw Failure{*loader.failure()};
+      }
+      retryLater();
+      if (stopped || (!loader.isBusy() && !loader.failure())) {
+        break;
+      }
       g_main_context_iteration(nullptr, TRUE);
-    }
-    check();
-    if (loader.failure()) {
-      throw Failure{*loader.failure()};
     }
     if (!stopped) {
       printer.list(folder, sortedItems(items), true);
@@ -296,6 +338,8 @@ struct Watch::Impl {
       check();
       if (extensionLeft()) {
         observedBy.clear();
+        refresh = Source{};
+        refreshDue = false;
         loader.forget();
         print();
         printer.extensionLeft();
@@ -314,6 +358,13 @@ struct Watch::Impl {
         } else if (!stopped) {
           refusedBy = client.owner();
           retry = Source{timer(pace.delay(RestartPace::Clock::now()), &due)};
+        }
+        continue;
+      }
+      retryLater();
+      if (refreshDue && !observedBy.empty() && !loader.isBusy()) {
+        if (!observeAgain() && !stopped) {
+          refresh = Source{timer(UNOBSERVED_REFRESH, &refreshDue)};
         }
         continue;
       }
@@ -368,7 +419,7 @@ void Watch::run(std::optional<std::chrono::milliseconds> duration) {
   if (self.timeUp && !self.listed) {
     throw Failure{FailureKind::timedOut, "the time was up before the extension had answered"};
   }
-  if (!self.observedBy.empty() && self.client.owner() == self.observedBy) {
+  if (!self.unobserved && !self.observedBy.empty() && self.client.owner() == self.observedBy) {
     try {
       self.client.endObserving(self.folder, FAREWELL);
     } catch (const Failure&) {

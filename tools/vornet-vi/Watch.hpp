@@ -11,8 +11,9 @@
 namespace vornet::vi {
 
 /// Shows a folder, then every change of its badges and entries, until it is ended. When the extension leaves the bus
-/// the folder is observed anew, which starts it again, and all badges are asked anew. One thread, the client's. Takes
-/// the client's handlers, and SIGINT and SIGTERM while it runs.
+/// the folder is observed anew, which starts it again, and all badges are asked anew. Where the extension observes as
+/// many folders as it takes, badges are asked for now and then instead; where it is too busy, again a second later. One
+/// thread, the client's. Takes the client's handlers, and SIGINT and SIGTERM while it runs.
 class Watch {
  public:
   /// `folder`: absolute. `outputDescriptor`: watching ends when nobody reads it any more.

@@ -101,7 +101,7 @@ TEST_F(PluginNonsense, OfAMenuTheFirstHundredEntriesAreShown) {
     }
     return g_variant_new("(a(ssbs))", &entries);
   });
-  ASSERT_THAT(menu, SizeIs(100));
+  ASSERT_EQ(menu.size(), 100u);
   EXPECT_EQ(menu.front().title, "0");
   EXPECT_EQ(menu.back().title, "99");
 }
@@ -123,7 +123,7 @@ TEST_F(PluginNonsense, OfATitleTheFirstTwoHundredCharactersAreShown) {
     });
     std::vector<std::string> titles;
     for (const auto& entry : menu) titles.push_back(entry.title);
-    EXPECT_THAT(titles, ElementsAre(cut, cut, cut, "", character, "image"));
+    EXPECT_TRUE((titles == std::vector<std::string>{cut, cut, cut, "", character, "image"})) << titles.size();
     EXPECT_EQ(menu.back().icon, "vornet-vi");
   }
 }
@@ -252,7 +252,7 @@ TEST_F(PluginFlood, OfChangesRedrawsAnItemNoMoreOftenThanItIsRead) {
 }
 
 TEST_F(PluginFlood, OfAnyKindTakesTheFileManagerNoLongTurn) {
-  constexpr int MANY = 200'000;
+  constexpr int MANY = 100'000;
   // What the bus library makes of one such message, and what it costs to look at it and to free it.
   GVariantBuilder list;
   g_variant_builder_init(&list, G_VARIANT_TYPE("a(ssbs)"));
@@ -268,20 +268,20 @@ TEST_F(PluginFlood, OfAnyKindTakesTheFileManagerNoLongTurn) {
   g_variant_unref(values);
   const double control = cpuMilliseconds() - begun;
 
-  for (const std::string order : {"changes 3 200000", "strangers 3 200000", "folders 3 200000", "wrong 3 200000"}) {
+  for (const std::string order : {"changes 2 100000", "strangers 2 100000", "folders 2 100000", "wrong 2 100000"}) {
     const int before = logLines;
     manager.plugin->perform(order, {path("0")});
     const double longest = longestTurn([&] { return logLines > before; });
     std::printf("%s: longest turn %.1f ms, control %.1f ms\n", order.c_str(), longest, control);
-    EXPECT_LT(longest, control / 2) << order;
+    EXPECT_LT(longest, control / 8) << order;
   }
-  flood("menu 200000");
+  flood("menu 100000");
   manager.plugin->menu({path("0")});
   const auto changes = manager.menuChanges;
   const double longest = longestTurn([&] { return manager.menuChanges > changes; });
   std::printf("menu: longest turn %.1f ms, control %.1f ms\n", longest, control);
-  EXPECT_LT(longest, control / 2) << "menu";
-  EXPECT_THAT(manager.plugin->menu({path("0")}), SizeIs(100));
+  EXPECT_LT(longest, control / 8) << "menu";
+  EXPECT_EQ(manager.plugin->menu({path("0")}).size(), 100u);
 }
 
 }  // namespace
