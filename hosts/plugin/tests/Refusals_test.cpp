@@ -45,6 +45,19 @@ INSTANTIATE_TEST_SUITE_P(Errors, PluginRefusedBatches,
                          testing::Values("Busy", "Failed", "org.freedesktop.DBus.Error.LimitsExceeded",
                                          "org.freedesktop.DBus.Error.NoMemory", "org.example.Unheard"));
 
+class PluginOverload : public PluginRefusals, public testing::WithParamInterface<const char*> {};
+
+TEST_P(PluginOverload, IsMetWithAPauseAndTheSameBatches) {
+  extension->refusals["RequestBadges"] = GetParam();
+  show(1000);
+  ASSERT_TRUE(runUntil([&] { return extension->badgeRequests.size() >= 4; }));
+  extension->refusals.clear();
+  EXPECT_TRUE(waitForAll(1000));
+  for (const auto& request : extension->badgeRequests) EXPECT_EQ(request.size(), 500u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Errors, PluginOverload, testing::Values("Busy", "org.freedesktop.DBus.Error.LimitsExceeded"));
+
 TEST_F(PluginRefusals, AnswersOfAnotherTypeOrLengthAreAskedForAgain) {
   for (const char* nonsense : {"('text',)", "([1, 2],)", "(@as [],)", "(['SYNCED'],)", "@(as) (['', '', ''],)", "()",
                                "(['SYNCED', 'SYNCED'], 7)"}) {
