@@ -7,6 +7,7 @@
 
 #include "Guarded.hpp"
 #include "Paths.hpp"
+#include "Values.hpp"
 
 namespace vornet::plugin {
 namespace {
@@ -17,9 +18,10 @@ constexpr std::size_t STEP = 16;
 // Changes of one message that are read. The extension sends 2,000 at a time.
 constexpr std::size_t MOST_READ = 20'000;
 
-// Changes that wait to be read, all messages together: a folder of 50,000 items may change at once.
-constexpr std::size_t MOST_UNREAD = 50'000;
-constexpr std::size_t MOST_UNREAD_BYTES = 8 << 20;
+// Memory of the changes that wait to be read, all messages together, in bytes: those of 50,000 items. Beside its text,
+// a change is three values.
+constexpr std::size_t MOST_UNREAD = 16 << 20;
+constexpr std::size_t BYTES_OF_A_CHANGE = 256;
 
 // No item with a longer URL is on screen: every byte of its path takes three at most.
 constexpr std::size_t LONGEST_URL = 3 * PATH_MAX + 32;
@@ -38,9 +40,7 @@ std::string_view emblemOf(std::string_view identifier) {
 struct BadgeUpdates::Message {
   std::shared_ptr<GVariant> changes;
   std::size_t items = 0;  ///< those that are read
-  std::size_t bytes = 0;
   std::size_t next = 0;
-  unsigned generation = 0;
 };
 
 BadgeUpdates::BadgeUpdates(GMainContext* context, FoldersOnScreen& folders, std::function<void()> missed)
@@ -71,24 +71,22 @@ void BadgeUpdates::takeChanges(GVariant* changes) {
     disposal_.add(changes);
     missed_();
   }
-  const bool isFirst = unread_.messages == 0;
-  if (!isFirst && (isLarge || unread_.items + items > MOST_UNREAD)) return missed_();
-  const std::size_t bytes = isLarge ? 0 : g_variant_get_size(changes);
-  if (!isFirst && unread_.bytes + bytes > MOST_UNREAD_BYTES) return missed_();
+  // One message that is larger than all is read as well, when it is the only one.
+  const auto fits = [this](std::size_t bytes) { return unread_ == 0 || unread_ + bytes <= MOST_UNREAD; };
+  std::size_t bytes = items * BYTES_OF_A_CHANGE;
+  if (!fits(bytes)) return missed_();
+  if (!isLarge) bytes += g_variant_get_size(changes);
+  if (!fits(bytes)) return missed_();
 
-  auto message = std::make_shared<Message>(
-      Message{{g_variant_ref(changes), g_variant_unref}, std::min(items, MOST_READ), bytes, 0, generation_});
-  ++unread_.messages;
-  unread_.items += message->items;
-  unread_.bytes += message->bytes;
-  work_.add([this, message = std::move(message)] {
-    if (message->generation == generation_) {
+  const std::shared_ptr<GVariant> kept(g_variant_ref(changes), g_variant_unref);
+  auto message = std::make_shared<Message>(Message{kept, std::min(items, MOST_READ), 0});
+  unread_ += bytes;
+  work_.add([this, message = std::move(message), isLarge, bytes, generation = generation_] {
+    if (generation == generation_) {
       if (read(*message)) return true;
-      --unread_.messages;
-      unread_.items -= message->items;
-      unread_.bytes -= message->bytes;
+      unread_ -= bytes;
     }
-    if (message->items == MOST_READ) disposal_.add(message->changes.get());
+    if (isLarge) disposal_.add(message->changes.get());
     return false;
   });
 }
@@ -97,20 +95,19 @@ void BadgeUpdates::takeChanges(GVariant* changes) {
 bool BadgeUpdates::read(Message& message) {
   const std::size_t end = std::min(message.next + STEP, message.items);
   for (; message.next < end; ++message.next) {
-    const gchar* url = nullptr;
-    const gchar* identifier = nullptr;
-    g_variant_get_child(message.changes.get(), message.next, "(&s&s)", &url, &identifier);
-    if (strnlen(url, LONGEST_URL + 1) > LONGEST_URL) continue;
-    const auto path = pathOfURL(url);
+    const Value change = childOf(message.changes.get(), message.next);
+    const Value url = childOf(change.get(), 0);
+    if (strnlen(textOf(url), LONGEST_URL + 1) > LONGEST_URL) continue;
+    const auto path = pathOfURL(textOf(url));
     Folder* folder = path ? folders_.find(folderOf(*path)) : nullptr;
-    if (folder) apply(*folder, std::string(nameOf(*path)), emblemOf(identifier));
+    if (folder) apply(*folder, std::string(nameOf(*path)), emblemOf(textOf(childOf(change.get(), 1))));
   }
   return message.next < message.items;
 }
 
 void BadgeUpdates::dropUnread() {
   ++generation_;
-  unread_ = {};
+  unread_ = 0;
 }
 
 // --- Redrawing ------------------------------------------------------------------------------------------------------

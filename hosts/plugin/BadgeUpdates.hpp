@@ -53,11 +53,6 @@ class BadgeUpdates {
 
  private:
   struct Message;
-  struct Unread {
-    std::size_t messages = 0;
-    std::size_t items = 0;
-    std::size_t bytes = 0;
-  };
 
   bool read(Message& message);
   bool redrawNext();
@@ -66,7 +61,7 @@ class BadgeUpdates {
   std::function<void()> missed_;
   SlicedWork work_;
   Disposal disposal_;
-  Unread unread_;
+  std::size_t unread_ = 0;   ///< memory of what waits to be read, in bytes
   unsigned generation_ = 0;  ///< counts the extension's processes
   bool isRedrawing_ = false;
 };

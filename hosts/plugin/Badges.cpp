@@ -6,6 +6,7 @@
 
 #include "Paths.hpp"
 #include "Trace.hpp"
+#include "Values.hpp"
 
 namespace vornet::plugin {
 namespace {
@@ -34,16 +35,10 @@ bool isFinal(const std::string& error) {
 /// The emblems that an answer to `count` questions means; none when it has another number of them.
 std::vector<std::string_view> emblemsOf(GVariant* values, std::size_t count) {
   std::vector<std::string_view> emblems;
-  GVariant* identifiers = g_variant_get_child_value(values, 0);
-  if (g_variant_n_children(identifiers) == count) {
-    emblems.reserve(count);
-    for (std::size_t i = 0; i < count; ++i) {
-      const gchar* identifier = nullptr;
-      g_variant_get_child(identifiers, i, "&s", &identifier);
-      emblems.push_back(emblemOf(identifier));
-    }
-  }
-  g_variant_unref(identifiers);
+  const Value identifiers = childOf(values, 0);
+  if (g_variant_n_children(identifiers.get()) != count) return emblems;
+  emblems.reserve(count);
+  for (std::size_t i = 0; i < count; ++i) emblems.push_back(emblemOf(textOf(childOf(identifiers.get(), i))));
   return emblems;
 }
 

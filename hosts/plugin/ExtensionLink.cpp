@@ -6,6 +6,7 @@
 #include "Guarded.hpp"
 #include "Paths.hpp"
 #include "Trace.hpp"
+#include "Values.hpp"
 
 namespace vornet::plugin {
 namespace {
@@ -53,11 +54,9 @@ void findBus(GTask* task, gpointer, gpointer, GCancellable*) {
 /// Whether it takes long to free `values`, which are of the type expected.
 bool isLarge(GVariant* values) {
   if (g_variant_n_children(values) == 0) return false;
-  GVariant* first = g_variant_get_child_value(values, 0);
-  const bool large = g_variant_is_of_type(first, G_VARIANT_TYPE_VARIANT) ||
-                     (g_variant_is_container(first) && g_variant_n_children(first) > LARGE);
-  g_variant_unref(first);
-  return large;
+  const Value first = childOf(values, 0);
+  return g_variant_is_of_type(first.get(), G_VARIANT_TYPE_VARIANT) ||
+         (g_variant_is_container(first.get()) && g_variant_n_children(first.get()) > LARGE);
 }
 
 using WeakLink = std::weak_ptr<ExtensionLink*>;
@@ -231,10 +230,9 @@ void ExtensionLink::appeared(const std::string& owner) {
       +[](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* values, gpointer self) {
         auto& link = *static_cast<ExtensionLink*>(self);
         if (!g_variant_is_of_type(values, G_VARIANT_TYPE("(a(ss))"))) return link.disposal_.add(values);
-        GVariant* changes = g_variant_get_child_value(values, 0);
-        if (g_variant_n_children(changes) > LARGE) link.disposal_.add(values);
-        link.listener_.badgesChanged(changes);
-        g_variant_unref(changes);
+        const Value changes = childOf(values, 0);
+        if (g_variant_n_children(changes.get()) > LARGE) link.disposal_.add(values);
+        link.listener_.badgesChanged(changes.get());
       };
   badgesSubscription_ =
       g_dbus_connection_signal_subscribe(connection_, owner_.c_str(), INTERFACE, "BadgesChanged", OBJECT_PATH, nullptr,
@@ -280,11 +278,9 @@ void ExtensionLink::readProperties() {
 void ExtensionLink::propertiesChanged(GVariant* values) {
   disposal_.add(values);
   if (!g_variant_is_of_type(values, G_VARIANT_TYPE("(sa{sv}as)"))) return;
-  GVariant* changed = g_variant_get_child_value(values, 1);
-  GVariant* folders = g_variant_n_children(changed) > MOST_PROPERTIES
-                          ? nullptr
-                          : g_variant_lookup_value(changed, "ObservedFolders", G_VARIANT_TYPE_STRING_ARRAY);
-  g_variant_unref(changed);
+  const Value changed = childOf(values, 1);
+  if (g_variant_n_children(changed.get()) > MOST_PROPERTIES) return;
+  GVariant* folders = g_variant_lookup_value(changed.get(), "ObservedFolders", G_VARIANT_TYPE_STRING_ARRAY);
   if (!folders) return;
   const bool waits = newFolders_ != nullptr;
   newFolders_.reset(folders, g_variant_unref);
@@ -304,9 +300,7 @@ void ExtensionLink::takeObservedFolders(GVariant* urls) {
   foldersKnown_ = true;
   const gsize count = std::min<gsize>(g_variant_n_children(urls), MOST_FOLDERS);
   for (gsize i = 0; i < count; ++i) {
-    const gchar* url = nullptr;
-    g_variant_get_child(urls, i, "&s", &url);
-    if (auto path = pathOfURL(url)) observedFolders_.push_back(*std::move(path));
+    if (auto path = pathOfURL(textOf(childOf(urls, i)))) observedFolders_.push_back(*std::move(path));
   }
 }
 

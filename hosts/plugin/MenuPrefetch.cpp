@@ -5,6 +5,7 @@
 
 #include "Paths.hpp"
 #include "Plugin.hpp"
+#include "Values.hpp"
 
 namespace vornet::plugin {
 namespace {
@@ -90,16 +91,16 @@ void MenuPrefetch::answered(unsigned question, GVariant* values) {
   asked_ = false;
   if (!values) return;
   Menu entries;
-  GVariant* list = g_variant_get_child_value(values, 0);
-  const gsize count = std::min(g_variant_n_children(list), MOST_ENTRIES);
+  const Value list = childOf(values, 0);
+  const gsize count = std::min(g_variant_n_children(list.get()), MOST_ENTRIES);
   for (gsize i = 0; i < count; ++i) {
-    const gchar *title = nullptr, *action = nullptr, *image = nullptr;
-    gboolean enabled = FALSE;
-    g_variant_get_child(list, i, "(&s&sb&s)", &title, &action, &enabled, &image);
-    if (strnlen(action, LONGEST_ACTION + 1) > LONGEST_ACTION) continue;
-    entries.push_back({cut(title), action, enabled != FALSE, *image ? ICON : ""});
+    const Value entry = childOf(list.get(), i);
+    const Value action = childOf(entry.get(), 1);
+    if (strnlen(textOf(action), LONGEST_ACTION + 1) > LONGEST_ACTION) continue;
+    const bool enabled = g_variant_get_boolean(childOf(entry.get(), 2).get()) != FALSE;
+    const bool hasImage = *textOf(childOf(entry.get(), 3)) != '\0';
+    entries.push_back({cut(textOf(childOf(entry.get(), 0))), textOf(action), enabled, hasImage ? ICON : ""});
   }
-  g_variant_unref(list);
   const bool isNew = entries != (answeredAt_ == 0 ? greyed() : entries_);
   entries_ = std::move(entries);
   answeredAt_ = g_get_monotonic_time();

@@ -154,7 +154,8 @@ TEST_F(PluginAndExtension, NothingIsStartedAgainWhenNoFolderIsOnScreen) {
   ASSERT_TRUE(waitForObserved(0));
   installScript("echo started >>'" + environment.folder() / "starts" + "'; exec sleep 60");
   extension.reset();
-  settle();
+  const auto later = std::chrono::steady_clock::now() + milliseconds(300);
+  ASSERT_TRUE(runUntil([&] { return std::chrono::steady_clock::now() > later; }));
   EXPECT_EQ(linesOf("starts"), 0u);
   manager.plugin->folderShown(root);
   EXPECT_TRUE(runUntil([&] { return linesOf("starts") == 1; }));

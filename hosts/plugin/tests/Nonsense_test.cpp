@@ -190,13 +190,13 @@ class PluginFlood : public PluginTest {
   /// programs do not count.
   double longestTurn(const std::function<bool()>& condition) {
     double longest = 0;
-    const auto turned = [&] {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+    while (!condition() && std::chrono::steady_clock::now() < end) {
       const double begun = cpuMilliseconds();
-      g_main_context_iteration(nullptr, FALSE);
+      g_main_context_iteration(nullptr, TRUE);
       longest = std::max(longest, cpuMilliseconds() - begun);
-      return condition();
-    };
-    EXPECT_TRUE(runUntil(turned));
+    }
+    EXPECT_TRUE(condition());
     return longest;
   }
 
@@ -205,9 +205,9 @@ class PluginFlood : public PluginTest {
 };
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool MEMORY_IS_MEASURED = false;
+constexpr bool COST_IS_MEASURED = false;  // the sanitizers keep what is freed, and free it on whatever thread
 #else
-constexpr bool MEMORY_IS_MEASURED = true;
+constexpr bool COST_IS_MEASURED = true;
 #endif
 
 TEST_F(PluginFlood, OfChangesCostsNoMoreMemoryThanAFewMessagesAndEndsWithTheRightBadges) {
@@ -231,7 +231,8 @@ TEST_F(PluginFlood, OfChangesCostsNoMoreMemoryThanAFewMessagesAndEndsWithTheRigh
       const Painting painting;
       flood("changes " + std::to_string(messages) + " 10000");
     }
-    EXPECT_TRUE(runUntil([&] { return manager.withEmblem(PENDING) == ITEMS; }));
+    settle();  // the changes that were kept are read
+    EXPECT_TRUE(runUntil([&] { return manager.withEmblem(PENDING) == ITEMS; })) << "the others are asked for";
     return memory("VmHWM");
   };
   const long before = memory("VmRSS");
@@ -239,7 +240,7 @@ TEST_F(PluginFlood, OfChangesCostsNoMoreMemoryThanAFewMessagesAndEndsWithTheRigh
   const long one = std::max(peak(1) - before, 2500L);
   const long many = peak(60) - before;
   std::printf("one message: %ld KiB, sixty: %ld KiB\n", one, many);
-  if (!MEMORY_IS_MEASURED) GTEST_SKIP() << "the sanitizer keeps what is freed";
+  if (!COST_IS_MEASURED) GTEST_SKIP() << "the sanitizer keeps what is freed";
   EXPECT_LT(many, 25 * one);
 }
 
@@ -273,14 +274,14 @@ TEST_F(PluginFlood, OfAnyKindTakesTheFileManagerNoLongTurn) {
     manager.plugin->perform(order, {path("0")});
     const double longest = longestTurn([&] { return logLines > before; });
     std::printf("%s: longest turn %.1f ms, control %.1f ms\n", order.c_str(), longest, control);
-    EXPECT_LT(longest, control / 8) << order;
+    EXPECT_TRUE(!COST_IS_MEASURED || longest < control / 8) << order;
   }
   flood("menu 100000");
   manager.plugin->menu({path("0")});
   const auto changes = manager.menuChanges;
   const double longest = longestTurn([&] { return manager.menuChanges > changes; });
   std::printf("menu: longest turn %.1f ms, control %.1f ms\n", longest, control);
-  EXPECT_LT(longest, control / 8) << "menu";
+  EXPECT_TRUE(!COST_IS_MEASURED || longest < control / 8) << "menu";
   EXPECT_EQ(manager.plugin->menu({path("0")}).size(), 100u);
 }
 

@@ -1,0 +1,25 @@
+#pragma once
+
+#include <glib.h>
+
+#include <memory>
+
+namespace vornet::plugin {
+
+struct UnrefValue {
+  void operator()(GVariant* value) const { g_variant_unref(value); }
+};
+using Value = std::unique_ptr<GVariant, UnrefValue>;
+
+/// The child `index` of a container. Unlike g_variant_get_child() with "&s", which first serialises the whole
+/// container, its cost does not depend on how many others there are.
+inline Value childOf(GVariant* container, gsize index) {
+  return Value(g_variant_get_child_value(container, index));
+}
+
+/// The text of a string value; it lives as long as the value.
+inline const gchar* textOf(const Value& string) {
+  return g_variant_get_string(string.get(), nullptr);
+}
+
+}  // namespace vornet::plugin
