@@ -279,7 +279,9 @@ TEST_F(PluginFlood, OfAnyKindTakesTheFileManagerNoLongTurn) {
   flood("menu 100000");
   manager.plugin->menu({path("0")});
   const auto changes = manager.menuChanges;
-  const double longest = longestTurn([&] { return manager.menuChanges > changes; });
+  const int before = logLines;
+  manager.plugin->perform("nothing", {path("0")});  // until its answer comes, that of the menu has been let go of
+  const double longest = longestTurn([&] { return manager.menuChanges > changes && logLines > before; });
   std::printf("menu: longest turn %.1f ms, control %.1f ms\n", longest, control);
   EXPECT_TRUE(!COST_IS_MEASURED || longest < control / 8) << "menu";
   EXPECT_EQ(manager.plugin->menu({path("0")}).size(), 100u);

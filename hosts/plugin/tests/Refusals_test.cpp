@@ -259,8 +259,10 @@ TEST_F(PluginUnobserved, TheyAreAskedForWhileObservingIsNotAnswered) {
 }
 
 TEST_F(PluginUnobserved, WhatChangedBeforeTheyWereObservedIsAskedForThen) {
-  makePlugin({.unobservedRefresh = std::chrono::seconds(1)});
+  manager.plugin->folderHidden(path("first"));
+  manager.plugin->folderHidden(path("second"));
   ASSERT_TRUE(waitForObserved(0));
+  makePlugin({.unobservedRefresh = std::chrono::seconds(1)});
   manager.plugin->folderShown(path("first"));
   ASSERT_TRUE(waitForObserved(1));
   manager.plugin->folderShown(path("second"));
