@@ -18,6 +18,9 @@ constexpr std::size_t STEP = 16;
 // Changes of one message that are read. The extension sends 2,000 at a time.
 constexpr std::size_t MOST_READ = 20'000;
 
+// Messages with more changes are freed on a thread of their own.
+constexpr std::size_t LARGE = 5000;
+
 // Memory of the changes that wait to be read, all messages together, in bytes: those of 50,000 items. Beside its text,
 // a change is three values.
 constexpr std::size_t MOST_UNREAD = 16 << 20;
@@ -66,16 +69,15 @@ void BadgeUpdates::takeAnswer(Answer answer, std::function<void()> applied) {
 
 void BadgeUpdates::takeChanges(GVariant* changes) {
   const std::size_t items = g_variant_n_children(changes);
-  const bool isLarge = items > MOST_READ;
-  if (isLarge) {
-    disposal_.add(changes);
-    missed_();
-  }
+  const bool isLarge = items > LARGE;
+  const bool isTooLarge = items > MOST_READ;
+  if (isLarge) disposal_.add(changes);
+  if (isTooLarge) missed_();
   // One message that is larger than all is read as well, when it is the only one.
   const auto fits = [this](std::size_t bytes) { return unread_ == 0 || unread_ + bytes <= MOST_UNREAD; };
   std::size_t bytes = items * BYTES_OF_A_CHANGE;
   if (!fits(bytes)) return missed_();
-  if (!isLarge) bytes += g_variant_get_size(changes);
+  if (!isTooLarge) bytes += g_variant_get_size(changes);
   if (!fits(bytes)) return missed_();
 
   const std::shared_ptr<GVariant> kept(g_variant_ref(changes), g_variant_unref);

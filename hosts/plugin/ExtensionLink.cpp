@@ -28,7 +28,7 @@ constexpr std::size_t MOST_FOLDERS = 1000;
 constexpr gsize MOST_PROPERTIES = 100;
 
 // Values with more entries are freed on a thread of their own.
-constexpr gsize LARGE = 2000;
+constexpr gsize LARGE = 5000;
 
 gint64 microseconds(std::chrono::milliseconds time) {
   return std::chrono::microseconds(time).count();
@@ -231,7 +231,6 @@ void ExtensionLink::appeared(const std::string& owner) {
         auto& link = *static_cast<ExtensionLink*>(self);
         if (!g_variant_is_of_type(values, G_VARIANT_TYPE("(a(ss))"))) return link.disposal_.add(values);
         const Value changes = childOf(values, 0);
-        if (g_variant_n_children(changes.get()) > LARGE) link.disposal_.add(values);
         link.listener_.badgesChanged(changes.get());
       };
   badgesSubscription_ =

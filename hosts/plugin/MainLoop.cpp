@@ -21,10 +21,6 @@ void end(GSource*& source) {
   source = nullptr;
 }
 
-void unrefAll(const std::vector<GVariant*>& values) {
-  for (GVariant* value : values) g_variant_unref(value);
-}
-
 }  // namespace
 
 void Timer::start(std::chrono::milliseconds delay, std::function<void()> function) {
@@ -74,7 +70,7 @@ bool SlicedWork::runSlice() {
 
 Disposal::~Disposal() {
   end(source_);
-  unrefAll(values_);
+  for (GVariant* value : values_) g_variant_unref(value);
 }
 
 void Disposal::add(GVariant* value) {
@@ -92,16 +88,14 @@ void Disposal::add(GVariant* value) {
 
 void Disposal::free() {
   end(source_);
-  auto* values = new std::vector<GVariant*>(std::exchange(values_, {}));
-  GTask* task = g_task_new(nullptr, nullptr, nullptr, nullptr);
-  g_task_set_task_data(task, values, nullptr);
-  g_task_run_in_thread(
-      task, +[](GTask*, gpointer, gpointer data, GCancellable*) {
-        auto* taken = static_cast<std::vector<GVariant*>*>(data);
-        unrefAll(*taken);
-        delete taken;
-      });
-  g_object_unref(task);
+  const auto unref =
+      +[](GTask*, gpointer, gpointer value, GCancellable*) { g_variant_unref(static_cast<GVariant*>(value)); };
+  for (GVariant* value : std::exchange(values_, {})) {
+    GTask* task = g_task_new(nullptr, nullptr, nullptr, nullptr);
+    g_task_set_task_data(task, value, nullptr);
+    g_task_run_in_thread(task, unref);
+    g_object_unref(task);
+  }
 }
 
 }  // namespace vornet::plugin

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <thread>
+#include <utility>
 
 namespace vornet::plugin {
 namespace {
@@ -113,44 +114,49 @@ TEST_F(TimerInAContext, LeavesNoSourceBehind) {
   EXPECT_FALSE(hasSource());
 }
 
-/// A value whose bytes tell when they are freed, and on which thread.
-struct Freed {
-  std::atomic<bool> done{false};
-  std::thread::id thread;
-  GVariant* value() {
-    static const char text[] = "x";
-    const auto freed = +[](gpointer self) {
-      auto& it = *static_cast<Freed*>(self);
-      it.thread = std::this_thread::get_id();
-      it.done = true;
-    };
-    return g_variant_ref_sink(g_variant_new_from_data(G_VARIANT_TYPE_BYTESTRING, text, sizeof text, TRUE, freed, this));
+/// A value whose bytes tell when they are freed, and whether on another thread. One at a time.
+class Freed {
+ public:
+  Freed() : value_(g_variant_ref_sink(g_variant_new_from_data(G_VARIANT_TYPE_BYTESTRING, "x", 2, TRUE, free, this))) {
+    done_ = false;
   }
+  void letGo() { g_variant_unref(std::exchange(value_, nullptr)); }
+  GVariant* value() const { return value_; }
+  static bool done() { return done_; }
+  static bool elsewhere() { return elsewhere_; }
+
+ private:
+  static void free(gpointer) {
+    elsewhere_ = pthread_self() != main_;
+    done_ = true;
+  }
+  static inline const pthread_t main_ = pthread_self();
+  static inline std::atomic<bool> done_ = false;
+  static inline std::atomic<bool> elsewhere_ = false;
+  GVariant* value_;
 };
 
 TEST_F(DisposalInAContext, FreesAValueOnAnotherThreadWhenTheCallerHasLetGoOfIt) {
   Freed freed;
   Disposal disposal(context_);
-  GVariant* value = freed.value();
-  disposal.add(value);
-  g_variant_unref(value);
-  EXPECT_FALSE(freed.done);
+  disposal.add(freed.value());
+  freed.letGo();
+  EXPECT_FALSE(Freed::done());
   while (g_main_context_iteration(context_, FALSE)) continue;
-  while (!freed.done) std::this_thread::yield();
-  EXPECT_NE(freed.thread, std::this_thread::get_id());
+  while (!Freed::done()) std::this_thread::yield();
+  EXPECT_TRUE(Freed::elsewhere());
 }
 
 TEST_F(DisposalInAContext, LeavesNeitherASourceNorAValueBehind) {
   Freed freed;
   {
     Disposal disposal(context_);
-    GVariant* value = freed.value();
-    disposal.add(value);
-    g_variant_unref(value);
+    disposal.add(freed.value());
+    freed.letGo();
     ASSERT_TRUE(hasSource());
   }
   EXPECT_FALSE(hasSource());
-  EXPECT_TRUE(freed.done);
+  EXPECT_TRUE(Freed::done());
 }
 
 TEST(Timer, CallsOnceAndMayBeStartedFromTheCall) {
