@@ -145,6 +145,8 @@ TEST_F(DisposalInAContext, FreesAValueOnAnotherThreadWhenTheCallerHasLetGoOfIt) 
   while (g_main_context_iteration(context_, FALSE)) continue;
   while (!Freed::done()) std::this_thread::yield();
   EXPECT_TRUE(Freed::elsewhere());
+  while (!g_main_context_iteration(context_, TRUE)) continue;  // the end of the task is reported here
+  EXPECT_FALSE(g_main_context_pending(nullptr)) << "the default context may be nobody's";
 }
 
 TEST_F(DisposalInAContext, LeavesNeitherASourceNorAValueBehind) {
