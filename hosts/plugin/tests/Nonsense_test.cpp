@@ -241,7 +241,7 @@ TEST_F(PluginFlood, OfChangesCostsNoMoreMemoryThanAFewMessagesAndEndsWithTheRigh
   const long many = peak(60) - before;
   std::printf("one message: %ld KiB, sixty: %ld KiB\n", one, many);
   if (!COST_IS_MEASURED) GTEST_SKIP() << "the sanitizer keeps what is freed";
-  EXPECT_LT(many, 25 * one);
+  EXPECT_LT(many, 30 * one);
 }
 
 TEST_F(PluginFlood, OfChangesRedrawsAnItemNoMoreOftenThanItIsRead) {
