@@ -88,6 +88,7 @@ void Disposal::add(GVariant* value) {
 
 void Disposal::free() {
   end(source_);
+  const ContextScope scope(context_);  // where the tasks report their end; the default context may never run
   const auto unref =
       +[](GTask*, gpointer, gpointer value, GCancellable*) { g_variant_unref(static_cast<GVariant*>(value)); };
   for (GVariant* value : std::exchange(values_, {})) {

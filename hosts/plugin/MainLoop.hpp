@@ -63,7 +63,7 @@ class SlicedWork {
   std::deque<std::function<bool()>> steps_;
 };
 
-/// Frees large values on a thread of their own: a message with a million entries takes a second to free.
+/// Frees large values on another thread: one of 200,000 entries held the window for 175 ms.
 class Disposal {
  public:
   explicit Disposal(GMainContext* context) : context_(context) {}
