@@ -100,24 +100,19 @@ std::size_t collect(char* data, std::size_t size, std::size_t count, void* into)
   return size * count;
 }
 
-#if LIBCURL_VERSION_NUM >= 0x075000  // 7.80
-/// Called once the connection is made, before the request goes out.
+/// Called once the connection is made, before the request goes out; 0 lets it go.
 int checkPeer(void*, char*, char*, int port, int localPort) {
-  return platform::isOwnLoopbackPeer(static_cast<std::uint16_t>(port), static_cast<std::uint16_t>(localPort))
-             ? CURL_PREREQFUNC_OK
-             : CURL_PREREQFUNC_ABORT;
+  const bool own = platform::isOwnLoopbackPeer(static_cast<std::uint16_t>(port), static_cast<std::uint16_t>(localPort));
+  return own ? 0 : 1;
 }
-#endif
 
 /// Sees to it that only a server of the user's own hears of the request.
 void checkServer(CURL* handle, std::uint16_t port) {
   if (!platform::isOwnLoopbackListener(port)) throw HTTPError::ResourceUnavailable();
-#if LIBCURL_VERSION_NUM >= 0x075000
-  // A library older than its headers does not know this option; the check above must do there.
-  curl_easy_setopt(handle, CURLOPT_PREREQFUNCTION, &checkPeer);
-#else
-  (void)handle;
-#endif
+  // Asked for by name: libcurl has it since 7.80, and with an older one the check above must do.
+  if (const auto* option = curl_easy_option_by_name("PREREQFUNCTION")) {
+    curl_easy_setopt(handle, option->id, &checkPeer);
+  }
 }
 
 CurlList headerLines(const std::optional<RESTClient::Headers>& headers) {

@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -23,30 +24,54 @@ namespace {
 
 constexpr std::uint32_t LOOPBACK_INTERFACE = 1;  // in every network namespace
 
-class NetlinkSocket {
- public:
-  NetlinkSocket() : descriptor_(::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG)) {}
-  ~NetlinkSocket() {
-    if (descriptor_ >= 0) ::close(descriptor_);
+/// A question to the kernel about TCP's sockets. Those of IPv6 that take IPv4 are among what is found.
+struct Question {
+  explicit Question(std::uint16_t flags) {
+    header.nlmsg_len = sizeof *this;
+    header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
+    header.nlmsg_flags = flags;
+    request.sdiag_family = AF_INET;
+    request.sdiag_protocol = IPPROTO_TCP;
+    request.idiag_states = ~0U;
   }
-  NetlinkSocket(const NetlinkSocket&) = delete;
-  NetlinkSocket& operator=(const NetlinkSocket&) = delete;
+  nlmsghdr header{};
+  inet_diag_req_v2 request{};
+};
 
-  template <class Question>
-  bool send(const Question& question) const {
+/// The first message of the kernel's answer.
+class Answer {
+ public:
+  explicit Answer(const Question& question) {
+    const int socket = ::socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_SOCK_DIAG);
+    if (socket < 0) return;
     sockaddr_nl kernel{};
     kernel.nl_family = AF_NETLINK;
-    return ::sendto(descriptor_, &question, sizeof question, 0, reinterpret_cast<const sockaddr*>(&kernel),
-                    sizeof kernel) == static_cast<ssize_t>(sizeof question);
+    const auto sent =
+        ::sendto(socket, &question, sizeof question, 0, reinterpret_cast<const sockaddr*>(&kernel), sizeof kernel);
+    if (sent == static_cast<ssize_t>(sizeof question)) {  // the kernel answers within the call
+      size_ = std::max<ssize_t>(::recv(socket, bytes_, sizeof bytes_, MSG_DONTWAIT), 0);
+    }
+    ::close(socket);
   }
-  /// The kernel has answered before send() returns.
-  std::size_t receive(void* buffer, std::size_t size) const {
-    const auto count = ::recv(descriptor_, buffer, size, MSG_DONTWAIT);
-    return count < 0 ? 0 : static_cast<std::size_t>(count);
+
+  /// The message's type; NLMSG_NOOP without an answer.
+  std::uint16_t type() const {
+    nlmsghdr header{};
+    header.nlmsg_type = NLMSG_NOOP;
+    if (size_ >= NLMSG_HDRLEN) std::memcpy(&header, bytes_, sizeof header);
+    return header.nlmsg_type;
+  }
+  template <class Content>
+  std::optional<Content> content() const {
+    Content content{};
+    if (size_ < static_cast<ssize_t>(NLMSG_HDRLEN + sizeof content)) return std::nullopt;
+    std::memcpy(&content, bytes_ + NLMSG_HDRLEN, sizeof content);
+    return content;
   }
 
  private:
-  int descriptor_;
+  char bytes_[4096];
+  ssize_t size_ = 0;
 };
 
 /// How a table's line for a socket ranks among those that could take a connection to 127.0.0.1: the kernel prefers an
@@ -91,38 +116,34 @@ void search(const char* table, std::uint16_t port, std::uint16_t otherPort, Tabl
 
 }  // namespace
 
-std::optional<uid_t> ownerByDiagnosis(std::uint16_t port, std::uint16_t otherPort) {
-  struct {
-    nlmsghdr header;
-    inet_diag_req_v2 question;
-  } request{};
-  request.header.nlmsg_len = sizeof request;
-  request.header.nlmsg_type = SOCK_DIAG_BY_FAMILY;
-  request.header.nlmsg_flags = NLM_F_REQUEST;
-  auto& question = request.question;
-  question.sdiag_family = AF_INET;  // finds sockets of IPv6 that take IPv4, too
-  question.sdiag_protocol = IPPROTO_TCP;
-  question.idiag_states = ~0U;
-  question.id.idiag_sport = htons(port);
-  question.id.idiag_dport = htons(otherPort);
-  question.id.idiag_src[0] = htonl(INADDR_LOOPBACK);
-  question.id.idiag_dst[0] = htonl(INADDR_LOOPBACK);
-  question.id.idiag_if = LOOPBACK_INTERFACE;
-  question.id.idiag_cookie[0] = question.id.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
+bool hasDiagnosis() {
+  static const bool has = [] {
+    Question question(NLM_F_REQUEST | NLM_F_DUMP);
+    question.request.idiag_states = 1U << TCP_LISTEN;
+    const Answer answer(question);
+    if (answer.type() == SOCK_DIAG_BY_FAMILY) return true;
+    // An error may stand at the end of an empty list.
+    const auto error = answer.type() == NLMSG_DONE ? answer.content<std::int32_t>() : std::nullopt;
+    return error && *error >= 0;
+  }();
+  return has;
+}
 
-  const NetlinkSocket socket;
-  alignas(nlmsghdr) char answer[1024];
-  if (!socket.send(request)) return std::nullopt;
-  const auto size = socket.receive(answer, sizeof answer);
-  nlmsghdr header;
-  inet_diag_msg found;
-  if (size < NLMSG_HDRLEN + sizeof found) return std::nullopt;
-  std::memcpy(&header, answer, sizeof header);
-  if (header.nlmsg_type != SOCK_DIAG_BY_FAMILY) return std::nullopt;  // an error: most often there is no such socket
-  std::memcpy(&found, answer + NLMSG_HDRLEN, sizeof found);
+std::optional<uid_t> ownerByDiagnosis(std::uint16_t port, std::uint16_t otherPort) {
+  Question question(NLM_F_REQUEST);
+  auto& id = question.request.id;
+  id.idiag_sport = htons(port);
+  id.idiag_dport = htons(otherPort);
+  id.idiag_src[0] = htonl(INADDR_LOOPBACK);
+  id.idiag_dst[0] = htonl(INADDR_LOOPBACK);
+  id.idiag_if = LOOPBACK_INTERFACE;
+  id.idiag_cookie[0] = id.idiag_cookie[1] = INET_DIAG_NOCOOKIE;
+  const Answer answer(question);
+  if (answer.type() != SOCK_DIAG_BY_FAMILY) return std::nullopt;
+  const auto found = answer.content<inet_diag_msg>();
   // Asked for a connection that is gone, the kernel names the listener.
-  if ((otherPort == 0) != (found.idiag_state == TCP_LISTEN)) return std::nullopt;
-  return found.idiag_uid;
+  if (!found || (otherPort == 0) != (found->idiag_state == TCP_LISTEN)) return std::nullopt;
+  return found->idiag_uid;
 }
 
 std::optional<uid_t> ownerByTables(std::uint16_t port, std::uint16_t otherPort) {
@@ -136,10 +157,9 @@ std::optional<uid_t> ownerByTables(std::uint16_t port, std::uint16_t otherPort) 
 
 namespace {
 
-/// The kernel gives the same answer for "no such socket" and "no socket diagnosis"; the tables tell these apart.
 std::optional<uid_t> ownerOf(std::uint16_t port, std::uint16_t otherPort) {
-  const auto owner = linux_sockets::ownerByDiagnosis(port, otherPort);
-  return owner ? owner : linux_sockets::ownerByTables(port, otherPort);
+  return linux_sockets::hasDiagnosis() ? linux_sockets::ownerByDiagnosis(port, otherPort)
+                                       : linux_sockets::ownerByTables(port, otherPort);
 }
 
 bool isTrusted(uid_t owner) {

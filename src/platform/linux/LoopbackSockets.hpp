@@ -10,10 +10,14 @@
 /// system does not tell. A connection that no process has accepted yet counts as root's.
 namespace vornet::platform::linux_sockets {
 
+/// Whether the system has socket diagnosis, found out once. Where it has not, or forbids it, ownerByDiagnosis()
+/// finds nothing.
+bool hasDiagnosis();
+
 /// By socket diagnosis: the socket that the kernel itself would hand a packet to. A few microseconds.
 std::optional<uid_t> ownerByDiagnosis(std::uint16_t port, std::uint16_t otherPort);
 
-/// By the tables in /proc/net, which takes the longer the more sockets there are; for systems without the former.
+/// By the tables in /proc/net, which takes milliseconds; for systems without the former.
 std::optional<uid_t> ownerByTables(std::uint16_t port, std::uint16_t otherPort);
 
 }  // namespace vornet::platform::linux_sockets

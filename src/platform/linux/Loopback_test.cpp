@@ -98,6 +98,10 @@ TEST(Loopback, AnOwnListenerOnEveryAddressThatTakesTheConnectionIsOwn) {
   }
 }
 
+TEST(Loopback, TheSystemHasSocketDiagnosis) {
+  EXPECT_TRUE(linux_sockets::hasDiagnosis()) << "the tables serve as well, but take a thousand times as long";
+}
+
 TEST(Loopback, WithoutAListenerThereIsNoOwner) {
   const Socket bound("127.0.0.1");  // but it does not listen
   for (const auto port : {freePort(), bound.port()}) {
