@@ -1,6 +1,5 @@
 """The extension process, which the message bus starts on demand."""
 
-import collections
 import os
 import re
 import signal
@@ -59,17 +58,15 @@ class Extension:
         return self._ask_bus("ListNames")[0]
 
     def observed(self):
-        """The folders on screen, as its log has it: path -> how often it was entered more than left."""
-        counts = collections.Counter()
-        for event, path in re.findall(r"Directory (enter|exit): (.*)", self.log()):
-            counts[path.rstrip("/")] += 1 if event == "enter" else -1
-        return {path: count for path, count in counts.items() if count}
+        """The folders on screen, as its log has it: each window that shows a folder enters it, the last one leaves it."""
+        events = {path.rstrip("/"): event for event, path in re.findall(r"Directory (enter|exit): (.*)", self.log())}
+        return {path for path, event in events.items() if event == "enter"}
 
     def entered(self):
         return [path.rstrip("/") for path in re.findall(r"Directory enter: (.*)", self.log())]
 
     def wait_for_observed(self, *folders):
-        until_equal("the folders observed", {str(folder): 1 for folder in folders}, self.observed)
+        until_equal("the folders observed", {str(folder) for folder in folders}, self.observed)
 
     def resident_kib(self):
         return processes.resident_kib(self.process())
