@@ -1,9 +1,9 @@
 // The extension process: makes the principal class and serves its callbacks on the session bus.
 #include <fcntl.h>
 #include <gio/gio.h>
-#include <glib-unix.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
@@ -73,7 +73,31 @@ void nameLost(GDBusConnection* connection, const gchar* name, gpointer run) {
 
 gboolean asked(gpointer run) {
   static_cast<Run*>(run)->end(0);
-  return G_SOURCE_CONTINUE;
+  return G_SOURCE_REMOVE;
+}
+
+int signalPipe[2] = {-1, -1};
+
+void noteSignal(int) {
+  const int error = errno;
+  [[maybe_unused]] const auto written = ::write(signalPipe[1], "", 1);
+  errno = error;
+}
+
+/// Ends `run` on SIGTERM and SIGINT. A thread waits for them, so that the process ends in time even while the main
+/// context hangs in a call to the bus.
+void endOnSignals(Run& run) {
+  if (::pipe2(signalPipe, O_CLOEXEC) != 0) return;  // the signals end the process as they do by default
+  std::thread([&run] {
+    char byte = 0;
+    while (::read(signalPipe[0], &byte, 1) < 0 && errno == EINTR) continue;
+    g_idle_add_full(G_PRIORITY_DEFAULT, &asked, &run, nullptr);
+    endInAnyCase();
+  }).detach();
+  struct sigaction action{};
+  action.sa_handler = &noteSignal;
+  action.sa_flags = SA_RESTART;
+  for (const int number : {SIGTERM, SIGINT}) ::sigaction(number, &action, nullptr);
 }
 
 /// Serves `extension` until asked to end, or until the bus goes away. The exit status.
@@ -89,8 +113,7 @@ int serve(vornet::FinderSync& extension, vornet::host::PreferencesWatch& prefere
   Run run{.preferences = preferences};
   const auto closed = +[](GDBusConnection*, gboolean, GError*, gpointer data) { static_cast<Run*>(data)->end(0); };
   g_signal_connect(connection, "closed", G_CALLBACK(closed), &run);
-  g_unix_signal_add(SIGTERM, &asked, &run);
-  g_unix_signal_add(SIGINT, &asked, &run);
+  endOnSignals(run);
 
   vornet::host::FinderSyncService service(extension, connection);
   std::string reason;

@@ -106,7 +106,7 @@ def frozen_bus(room):
     room.bus.send_signal(signal.SIGSTOP)
 
 
-@attack("SIGTERM in eight states", "ends within 3.5 s in every state, with exit status 0")
+@attack("SIGTERM in eight states", "ends within 3.5 s in every state, with exit status 0; 1 where the bus hangs")
 def asked_to_end(torture, row):
     states = (("idle", None), ("unconfigured", None), ("in a request", in_a_request), ("in a flood", in_a_flood),
               ("output blocked", None), ("bus gone, in a request", bus_gone), ("bus frozen", frozen_bus),
@@ -131,7 +131,7 @@ def asked_to_end(torture, row):
         milliseconds.append(1000 * seconds)
         row.notes.append(f"{name}: {seconds:.2f} s" if status is not None else f"{name}: never")
         row.require(status is not None, f"{name}: goes on")
-        row.require(status in (0, None), f"{name}: status {status}")
+        row.require(status in ((0, 1, None) if prepare is frozen_bus else (0, None)), f"{name}: status {status}")
         row.require(status is None or seconds < ENDING, f"{name}: {seconds:.1f} s")
     row.times(Times(milliseconds))
 
