@@ -481,8 +481,7 @@ TEST_F(PluginEnd, LeavesNeitherWorkNorATimerBehind) {
   manager.show(path("branch/b"));  // a timer runs until it is taken to be on screen
   GSource* painting = g_idle_source_new();
   g_source_set_priority(painting, G_PRIORITY_HIGH_IDLE + 20);
-  g_source_set_callback(
-      painting, +[](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
+  g_source_set_callback(painting, +[](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
   g_source_attach(painting, context_);
   extension->sendChanges({{url("a"), "PENDING"}});
   ASSERT_TRUE(runBothUntil([&] { return !sources(false).empty(); })) << "a change waits to be read";

@@ -215,8 +215,7 @@ TEST_F(PluginFlood, OfChangesCostsNoMoreMemoryThanAFewMessagesAndEndsWithTheRigh
   struct Painting {
     Painting() : source(g_idle_source_new()) {
       g_source_set_priority(source, G_PRIORITY_HIGH_IDLE + 20);
-      g_source_set_callback(
-          source, +[](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
+      g_source_set_callback(source, +[](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
       g_source_attach(source, nullptr);
     }
     ~Painting() {
