@@ -3,7 +3,7 @@ find_package(PkgConfig REQUIRED)
 pkg_check_modules(GIO REQUIRED IMPORTED_TARGET gio-unix-2.0)
 find_program(GDBUS_CODEGEN gdbus-codegen REQUIRED)
 
-set(vornet_dbus_xml "${CMAKE_SOURCE_DIR}/hosts/linux/com.vornet.FinderSync1.xml")
+set(vornet_dbus_xml "${CMAKE_SOURCE_DIR}/service/com.vornet.FinderSync1.xml")
 set(vornet_dbus_dir "${CMAKE_BINARY_DIR}/generated/dbus")
 file(MAKE_DIRECTORY "${vornet_dbus_dir}")
 add_custom_command(

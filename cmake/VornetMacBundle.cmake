@@ -1,4 +1,4 @@
-# Kelvane.app with the extension in Contents/PlugIns/VornetVIExt.appex, both signed. Included by hosts/macos.
+# Kelvane.app with the extension in Contents/PlugIns/VornetVIExt.appex, both signed. Included by macos.
 add_executable(Kelvane MACOSX_BUNDLE Application.mm)
 target_link_libraries(Kelvane PRIVATE vornet_apple_frameworks vornet_options)
 set_target_properties(Kelvane PROPERTIES

@@ -18,8 +18,8 @@
 #include <utility>
 #include <vector>
 
-#include "plugin/Paths.hpp"
-#include "plugin/Plugin.hpp"
+#include "client/Paths.hpp"
+#include "client/Plugin.hpp"
 #include "support/PeerBus.hpp"
 #include "support/Require.hpp"
 

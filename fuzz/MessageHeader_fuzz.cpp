@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "linux/MessageHeader.hpp"
+#include "service/MessageHeader.hpp"
 #include "support/Require.hpp"
 
 namespace vornet::fuzz {

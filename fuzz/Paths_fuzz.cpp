@@ -11,7 +11,7 @@
 
 #include "cache/LRUCache.hpp"
 #include "platform/Foundation.hpp"
-#include "plugin/Paths.hpp"
+#include "client/Paths.hpp"
 #include "support/Require.hpp"
 
 namespace vornet::fuzz {

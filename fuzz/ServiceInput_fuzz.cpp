@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "linux/Selections.hpp"
+#include "service/Selections.hpp"
 #include "support/Require.hpp"
 
 namespace vornet::fuzz {

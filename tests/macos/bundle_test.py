@@ -14,7 +14,7 @@ SOURCE = pathlib.Path(sys.argv.pop(1))
 BUILD = pathlib.Path(sys.argv.pop(1))
 APPLICATION = BUILD / "Kelvane.app"
 EXTENSION = APPLICATION / "Contents/PlugIns/VornetVIExt.appex"
-MAC_SOURCES = sorted([*(SOURCE / "src/platform/macos").glob("*.mm"), *(SOURCE / "hosts/macos").glob("*.mm")])
+MAC_SOURCES = sorted([*(SOURCE / "src/platform/macos").glob("*.mm"), *(SOURCE / "macos").glob("*.mm")])
 
 
 def property_list(path):
@@ -134,13 +134,13 @@ class PropertyLists(unittest.TestCase):
 
     def test_the_sources_define_the_principal_class_as_a_finder_sync(self):
         name = property_list(EXTENSION / "Contents/Info.plist")["NSExtension"]["NSExtensionPrincipalClass"]
-        sources = "".join(path.read_text() for path in (SOURCE / "hosts/macos").iterdir() if path.suffix in (".h", ".mm"))
+        sources = "".join(path.read_text() for path in (SOURCE / "macos").iterdir() if path.suffix in (".h", ".mm"))
         self.assertIn(name, re.findall(r"^@interface (\w+) : FIFinderSync\b", sources, re.MULTILINE))
         self.assertIn(name, re.findall(r"^@implementation (\w+)$", sources, re.MULTILINE))
 
     def test_every_entitlement(self):
         self.assertEqual(
-            property_list(BUILD / "hosts/macos/bundle/VornetVIExt.entitlements"),
+            property_list(BUILD / "macos/bundle/VornetVIExt.entitlements"),
             {
                 "com.apple.security.app-sandbox": True,
                 "com.apple.security.application-groups": [constant("APP_GROUP")],
@@ -160,7 +160,7 @@ class Sources(unittest.TestCase):
             self.assertNotRegex(path.read_text(), r"@try\b|@catch\b|\bcatch\s*\(", path)
 
     def test_only_the_seam_asks_which_system_it_is_built_for(self):
-        for path in [*(SOURCE / "src").rglob("*.[ch]pp"), *(SOURCE / "hosts/macos").glob("*.*")]:
+        for path in [*(SOURCE / "src").rglob("*.[ch]pp"), *(SOURCE / "macos").glob("*.*")]:
             if SOURCE / "src/platform" not in path.parents:
                 self.assertNotRegex(path.read_text(), r"(?m)^\s*#\s*(if|ifdef|ifndef|elif)\b(?! LIBCURL_VERSION_NUM\b)", path)
 

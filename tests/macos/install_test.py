@@ -24,7 +24,7 @@ class Install(unittest.TestCase):
         self.build = self.folder / "my build"
         self.build.mkdir()
         shutil.copytree(BUILD / "Kelvane.app", self.build / "Kelvane.app")
-        shutil.copytree(BUILD / "hosts/macos/bundle", self.build / "hosts/macos/bundle")
+        shutil.copytree(BUILD / "macos/bundle", self.build / "macos/bundle")
         self.installed = self.folder / "Applications/Kelvane.app"
 
     def install(self, *arguments):
@@ -42,7 +42,7 @@ class Install(unittest.TestCase):
         result = self.install("--identity", "Me", str(self.build))
         self.assertEqual(result.returncode, 0, result.stderr)
         application = self.build / "Kelvane.app"
-        entitlements = self.build / "hosts/macos/bundle/VornetVIExt.entitlements"
+        entitlements = self.build / "macos/bundle/VornetVIExt.entitlements"
         self.assertEqual(
             self.calls(),
             [

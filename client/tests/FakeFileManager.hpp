@@ -1,0 +1,50 @@
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+
+#include "client/Plugin.hpp"
+
+namespace vornet::test {
+
+/// A file manager that shows items and asks for their emblems as the real ones do. One thread.
+class FakeFileManager : public plugin::FileManager {
+ public:
+  /// Shows the item at `path`, as a manager does when it lists a folder: asks for its emblem.
+  void show(const std::string& path);
+
+  /// Ceases to show it, without a word to anybody.
+  void hide(const std::string& path) { emblems_.erase(path); }
+
+  /// What it shows at `path`; "" for none, "not shown" for what it does not show.
+  std::string emblem(const std::string& path) const;
+
+  std::size_t redraws(const std::string& path) const;
+  std::size_t shown() const { return emblems_.size(); }
+  std::size_t withEmblem(const std::string& emblem) const;
+
+  /// Items that the plug-in keeps.
+  static std::size_t keptItems() { return kept_; }
+
+  int menuChanges = 0;
+  std::unique_ptr<plugin::Plugin> plugin;
+
+  void menuChanged() override { ++menuChanges; }
+
+ private:
+  class Item;
+  static inline std::size_t kept_ = 0;
+  std::map<std::string, std::string> emblems_;
+  std::map<std::string, std::size_t> redraws_;
+};
+
+/// Lets the default main context run until `condition` holds; false after half a minute without.
+bool runUntil(const std::function<bool()>& condition);
+
+/// Lets it run until nothing is left to be done at once.
+void settle();
+
+}  // namespace vornet::test

@@ -1,0 +1,193 @@
+#include "client/MainLoop.hpp"
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+#include <utility>
+
+namespace vornet::plugin {
+namespace {
+
+using testing::ElementsAre;
+
+void settle() {
+  while (g_main_context_iteration(nullptr, FALSE)) continue;
+}
+
+TEST(SlicedWork, DoesWhatWasAddedInItsOrder) {
+  SlicedWork work(nullptr);
+  std::vector<int> done;
+  for (int piece = 1; piece <= 3; ++piece) {
+    work.add([&done, piece, left = 2]() mutable {
+      done.push_back(piece);
+      return --left > 0;
+    });
+  }
+  EXPECT_TRUE(done.empty());
+  settle();
+  EXPECT_THAT(done, ElementsAre(1, 1, 2, 2, 3, 3));
+}
+
+TEST(SlicedWork, WhatIsAddedMeanwhileComesLast) {
+  SlicedWork work(nullptr);
+  std::vector<int> done;
+  work.add([&] {
+    done.push_back(1);
+    if (done.size() == 1) {
+      work.add([&] {
+        done.push_back(2);
+        return false;
+      });
+    }
+    return done.size() < 3;
+  });
+  settle();
+  EXPECT_THAT(done, ElementsAre(1, 1, 1, 2));
+}
+
+TEST(SlicedWork, LetsOthersTakeTheirTurn) {
+  SlicedWork work(nullptr);
+  int turns = 0;
+  const auto count = +[](gpointer turn) -> gboolean { return ++*static_cast<int*>(turn) > 0; };
+  const guint other = g_timeout_add(1, count, &turns);
+  const gint64 begun = g_get_monotonic_time();
+  bool finished = false;
+  work.add([&] {
+    finished = g_get_monotonic_time() - begun > 50'000;
+    return !finished;
+  });
+  while (!finished) g_main_context_iteration(nullptr, TRUE);
+  g_source_remove(other);
+  EXPECT_GE(turns, 3);
+}
+
+TEST(SlicedWork, AnExceptionEndsItsPieceAlone) {
+  SlicedWork work(nullptr);
+  bool next = false;
+  work.add([]() -> bool { throw std::runtime_error("thrown by a test"); });
+  work.add([&] {
+    next = true;
+    return false;
+  });
+  settle();
+  EXPECT_TRUE(next);
+}
+
+TEST(SlicedWork, IsDoneNoMoreAfterItsEnd) {
+  bool done = false;
+  {
+    SlicedWork work(nullptr);
+    work.add([&] { return done = true; });
+  }
+  settle();
+  EXPECT_FALSE(done);
+}
+
+/// A main context of a test's own, in which the numbers of sources begin with 1.
+class OwnContext : public testing::Test {
+ protected:
+  ~OwnContext() override { g_main_context_unref(context_); }
+  bool hasSource() const { return g_main_context_find_source_by_id(context_, 1) != nullptr; }
+  GMainContext* const context_ = g_main_context_new();
+};
+
+using SlicedWorkInAContext = OwnContext;
+using TimerInAContext = OwnContext;
+using DisposalInAContext = OwnContext;
+
+TEST_F(SlicedWorkInAContext, LeavesNoSourceBehind) {
+  {
+    SlicedWork work(context_);
+    work.add([] { return true; });
+    ASSERT_TRUE(hasSource());
+  }
+  EXPECT_FALSE(hasSource());
+}
+
+TEST_F(TimerInAContext, LeavesNoSourceBehind) {
+  {
+    Timer timer(context_);
+    timer.start(std::chrono::milliseconds(0), [] {});
+    ASSERT_TRUE(hasSource());
+  }
+  EXPECT_FALSE(hasSource());
+}
+
+/// A value whose bytes tell when they are freed, and whether on another thread. One at a time.
+class Freed {
+ public:
+  Freed() : value_(g_variant_ref_sink(g_variant_new_from_data(G_VARIANT_TYPE_BYTESTRING, "x", 2, TRUE, free, this))) {
+    done_ = false;
+  }
+  void letGo() { g_variant_unref(std::exchange(value_, nullptr)); }
+  GVariant* value() const { return value_; }
+  static bool done() { return done_; }
+  static bool elsewhere() { return elsewhere_; }
+
+ private:
+  static void free(gpointer) {
+    elsewhere_ = pthread_self() != main_;
+    done_ = true;
+  }
+  static inline const pthread_t main_ = pthread_self();
+  static inline std::atomic<bool> done_ = false;
+  static inline std::atomic<bool> elsewhere_ = false;
+  GVariant* value_;
+};
+
+TEST_F(DisposalInAContext, FreesAValueOnAnotherThreadWhenTheCallerHasLetGoOfIt) {
+  Freed freed;
+  Disposal disposal(context_);
+  disposal.add(freed.value());
+  freed.letGo();
+  EXPECT_FALSE(Freed::done());
+  // A turn that starts the task, and one in which its end is reported: here, for the default context may never run.
+  int turns = 0;
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (turns < 2 && !g_main_context_pending(nullptr) && std::chrono::steady_clock::now() < end) {
+    if (g_main_context_iteration(context_, FALSE)) ++turns;
+  }
+  EXPECT_EQ(turns, 2);
+  EXPECT_TRUE(Freed::done());
+  EXPECT_TRUE(Freed::elsewhere());
+}
+
+TEST_F(DisposalInAContext, LeavesNeitherASourceNorAValueBehind) {
+  Freed freed;
+  {
+    Disposal disposal(context_);
+    disposal.add(freed.value());
+    freed.letGo();
+    ASSERT_TRUE(hasSource());
+  }
+  EXPECT_FALSE(hasSource());
+  EXPECT_TRUE(Freed::done());
+}
+
+TEST(Timer, CallsOnceAndMayBeStartedFromTheCall) {
+  Timer timer(nullptr);
+  int calls = 0;
+  timer.start(std::chrono::milliseconds(1), [&] {
+    if (++calls < 3) timer.start(std::chrono::milliseconds(1), [&] { ++calls; });
+  });
+  while (timer.isRunning()) g_main_context_iteration(nullptr, TRUE);
+  EXPECT_EQ(calls, 2);
+}
+
+TEST(Timer, IsReplacedAndStopped) {
+  Timer timer(nullptr);
+  int which = 0;
+  timer.start(std::chrono::milliseconds(0), [&] { which = 1; });
+  timer.start(std::chrono::milliseconds(0), [&] { which = 2; });
+  while (timer.isRunning()) g_main_context_iteration(nullptr, TRUE);
+  EXPECT_EQ(which, 2);
+  timer.start(std::chrono::milliseconds(0), [&] { which = 3; });
+  timer.stop();
+  settle();
+  EXPECT_EQ(which, 2);
+}
+
+}  // namespace
+}  // namespace vornet::plugin

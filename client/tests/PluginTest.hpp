@@ -1,0 +1,63 @@
+#pragma once
+
+#include <gmock/gmock.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "FakeExtension.hpp"
+#include "FakeFileManager.hpp"
+#include "client/Paths.hpp"
+#include "support/Environment.hpp"
+#include "support/PrivateBus.hpp"
+
+namespace vornet::test {
+
+/// A plug-in on a bus of its own, with a file manager and an extension that do what a test says.
+class PluginTest : public testing::Test {
+ protected:
+  PluginTest();
+  ~PluginTest() override;
+
+  /// An extension that observes `root`.
+  void startExtension() { extension = std::make_unique<FakeExtension>(bus.address(), std::vector{url("")}); }
+
+  /// Makes the plug-in anew, with other times.
+  void makePlugin(const plugin::Plugin::Options& options = {}) {
+    manager.plugin = std::make_unique<plugin::Plugin>(manager, options);
+  }
+
+  std::string path(const std::string& name) const { return name.empty() ? root : root + "/" + name; }
+  std::string url(const std::string& name) const { return plugin::urlOfPath(path(name)); }
+
+  bool waitForEmblem(const std::string& name, const std::string& emblem) {
+    return runUntil([&] { return manager.emblem(path(name)) == emblem; });
+  }
+  bool waitForObserved(std::size_t count) {
+    return runUntil([&] { return extension->observed.size() == count; });
+  }
+
+  /// Calls a method of the bus itself, which has done it when this returns. Its values.
+  std::shared_ptr<GVariant> callBus(const char* method) const;
+
+  /// How many names there are on the bus.
+  std::size_t busNames() const;
+
+  /// Lines that the plug-in wrote to the file manager's log.
+  static int logLines;
+
+  static constexpr const char* SYNCED = "emblem-vornet-synced";
+  static constexpr const char* PENDING = "emblem-vornet-pending";
+  static constexpr const char* SKIPPED = "emblem-vornet-skipped";
+
+  const std::string root = "/home/ann/Kelvane";
+  Environment environment;
+  const std::string services = environment.folder() / "services";
+  PrivateBus bus;
+  ScopedVariable address;
+  FakeFileManager manager;
+  std::unique_ptr<FakeExtension> extension;
+};
+
+}  // namespace vornet::test

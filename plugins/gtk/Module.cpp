@@ -1,0 +1,79 @@
+#include "Module.hpp"
+
+#include <gmodule.h>
+
+#include <utility>
+
+#include "FolderWatch.hpp"
+#include "Manager.hpp"
+#include "OpenMenu.hpp"
+#include "Provider.hpp"
+#include "client/Guarded.hpp"
+
+namespace vornet::gtk {
+namespace {
+
+Module* currentModule = nullptr;
+GType providerType = 0;
+
+}  // namespace
+
+Module* Module::current() {
+  return currentModule;
+}
+
+void Module::load(GTypeModule* types) {
+  unload();
+  providerType = registerProvider(types);
+  currentModule = new Module();
+}
+
+void Module::unload() {
+  delete std::exchange(currentModule, nullptr);
+}
+
+Module::Module() : items_(*this), menus_(*this), folders_(FolderWatch::make()) {
+  g_weak_ref_init(&provider_, nullptr);
+}
+
+Module::~Module() {
+  g_weak_ref_clear(&provider_);
+}
+
+plugin::Plugin& Module::plugin() {
+  if (!plugin_) plugin_.emplace(*this);
+  return *plugin_;
+}
+
+void Module::setProvider(GObject* provider) {
+  g_weak_ref_set(&provider_, provider);
+}
+
+void Module::menuChanged() {
+  plugin::guarded([this] {
+    refreshOpenMenu(menus_.changed());
+    auto* provider = static_cast<manager::MenuProvider*>(g_weak_ref_get(&provider_));
+    if (!provider) return;
+    VORNET_CALL(menu_provider_emit_items_updated_signal)(provider);
+    g_object_unref(provider);
+  });
+}
+
+}  // namespace vornet::gtk
+
+// What the file manager calls in a plug-in.
+extern "C" {
+
+G_MODULE_EXPORT void VORNET_CALL(module_initialize)(GTypeModule* types) {
+  vornet::plugin::guarded([types] { vornet::gtk::Module::load(types); });
+}
+
+G_MODULE_EXPORT void VORNET_CALL(module_shutdown)() {
+  vornet::plugin::guarded([] { vornet::gtk::Module::unload(); });
+}
+
+G_MODULE_EXPORT void VORNET_CALL(module_list_types)(const GType** types, int* count) {
+  *types = &vornet::gtk::providerType;
+  *count = vornet::gtk::providerType ? 1 : 0;
+}
+}
