@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <chrono>
 
-namespace vornet::plugin {
+namespace vornet::client {
 
 /// The waits between attempts at something that keeps failing: `first`, doubled each time, `last` at most.
 class Backoff {
@@ -28,4 +28,4 @@ class Backoff {
   std::chrono::milliseconds next_;
 };
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

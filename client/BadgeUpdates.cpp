@@ -9,7 +9,7 @@
 #include "Paths.hpp"
 #include "Values.hpp"
 
-namespace vornet::plugin {
+namespace vornet::client {
 namespace {
 
 // Items dealt with between two looks at the clock.
@@ -159,4 +159,4 @@ void BadgeUpdates::redrawAll(const Folder& folder) {
   });
 }
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

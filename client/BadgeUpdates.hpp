@@ -11,7 +11,7 @@
 #include "FoldersOnScreen.hpp"
 #include "MainLoop.hpp"
 
-namespace vornet::plugin {
+namespace vornet::client {
 
 /// The icon of the badge `identifier`, a literal: "SYNCED" -> "emblem-vornet-synced"; "" for an identifier that is none
 /// of ours.
@@ -66,4 +66,4 @@ class BadgeUpdates {
   bool isRedrawing_ = false;
 };
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

@@ -8,7 +8,7 @@
 #include "Trace.hpp"
 #include "Values.hpp"
 
-namespace vornet::plugin {
+namespace vornet::client {
 namespace {
 
 using namespace std::chrono_literals;
@@ -350,4 +350,4 @@ void Badges::observedFoldersChanged() {
   askSoon();
 }
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

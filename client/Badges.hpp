@@ -14,7 +14,7 @@
 #include "FoldersOnScreen.hpp"
 #include "MainLoop.hpp"
 
-namespace vornet::plugin {
+namespace vornet::client {
 
 /// Keeps the badges of what is on screen right: observes the folders, asks for their items' badges in batches, takes in
 /// answers and changes in the order in which they come. What the extension refuses is asked for again, ever later. Not
@@ -88,4 +88,4 @@ class Badges {
   bool isAsking_ = false;
 };
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

@@ -8,7 +8,7 @@
 #include "Trace.hpp"
 #include "Values.hpp"
 
-namespace vornet::plugin {
+namespace vornet::client {
 namespace {
 
 constexpr const char* NAME = "com.vornet.KelvaneSync.FinderBadgeExtension";
@@ -355,4 +355,4 @@ void ExtensionLink::callOnBus(const char* name, const char* path, const char* in
                          G_MAXINT, nullptr, finished, new Call{self_, type, std::move(done)});
 }
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

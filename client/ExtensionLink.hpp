@@ -11,7 +11,7 @@
 #include "Backoff.hpp"
 #include "MainLoop.hpp"
 
-namespace vornet::plugin {
+namespace vornet::client {
 
 /// The extension on the session bus: finds and starts it, notices its end, makes calls, hands on its signals. The
 /// connection is the plug-in's own, because the shared one ends the file manager's process when the bus goes. Nothing
@@ -111,4 +111,4 @@ class ExtensionLink {
   bool warned_ = false;
 };
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

@@ -2,7 +2,7 @@
 
 #include <string>
 
-namespace vornet::plugin {
+namespace vornet::client {
 
 /// One item as the file manager holds it, so that it can be drawn anew. The library keeps it while the item's folder is
 /// on screen and no longer; it must not keep the file manager's own object alive.
@@ -26,4 +26,4 @@ class FileManager {
   virtual void menuChanged() = 0;
 };
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

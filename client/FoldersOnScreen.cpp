@@ -4,7 +4,7 @@
 
 #include "Paths.hpp"
 
-namespace vornet::plugin {
+namespace vornet::client {
 
 Folder& FoldersOnScreen::at(std::string_view path) {
   auto& folder = folders_[std::string(path)];
@@ -39,4 +39,4 @@ std::vector<std::string> FoldersOnScreen::paths() const {
   return result;
 }
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

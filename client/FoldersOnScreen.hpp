@@ -11,7 +11,7 @@
 
 #include "FileManager.hpp"
 
-namespace vornet::plugin {
+namespace vornet::client {
 
 /// One item of a folder on screen.
 struct Entry {
@@ -74,4 +74,4 @@ class FoldersOnScreen {
   unsigned lastId_ = 0;
 };
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

@@ -5,7 +5,7 @@
 
 #include <glib.h>
 
-namespace vornet::plugin {
+namespace vornet::client {
 
 /// Calls `function`. An exception ends here, where C code of the file manager is the caller: it becomes a line in the
 /// file manager's log, and `otherwise` the result.
@@ -30,4 +30,4 @@ void guarded(Function&& function) noexcept {
   });
 }
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

@@ -2,7 +2,7 @@
 
 #include "Paths.hpp"
 
-namespace vornet::plugin {
+namespace vornet::client {
 namespace {
 
 // More folders than this are not kept fresh at a time: a search can find items in thousands.
@@ -78,4 +78,4 @@ void Inference::lookAt(Folder& folder, gint64 now) {
   }
 }
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

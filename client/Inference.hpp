@@ -9,7 +9,7 @@
 #include "FoldersOnScreen.hpp"
 #include "MainLoop.hpp"
 
-namespace vornet::plugin {
+namespace vornet::client {
 
 /// Folders on screen that no window tells of: the branches of a tree, the results of a search, or all of them where a
 /// file manager has no signal. Somebody asks for their items: from that it is inferred that they are on screen, and
@@ -42,4 +42,4 @@ class Inference {
   Timer looking_;
 };
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

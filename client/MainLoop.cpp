@@ -5,7 +5,7 @@
 #include "Guarded.hpp"
 #include "Trace.hpp"
 
-namespace vornet::plugin {
+namespace vornet::client {
 namespace {
 
 // A frame of the window takes 16 ms; this leaves most of it to the file manager.
@@ -99,4 +99,4 @@ void Disposal::free() {
   }
 }
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

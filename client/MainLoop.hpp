@@ -7,7 +7,7 @@
 #include <functional>
 #include <vector>
 
-namespace vornet::plugin {
+namespace vornet::client {
 
 // What the library does on its main context by itself. Not thread-safe: the context's thread only. Functions that are
 // called must not throw.
@@ -82,4 +82,4 @@ class Disposal {
   std::vector<GVariant*> values_;
 };
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-namespace vornet::plugin {
+namespace vornet::client {
 
 /// Local paths, as the disk has them.
 using Selection = std::vector<std::string>;
@@ -20,4 +20,4 @@ struct MenuEntry {
 /// The entries to show, in their order; empty where no entry belongs.
 using Menu = std::vector<MenuEntry>;
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

@@ -7,7 +7,7 @@
 #include "Plugin.hpp"
 #include "Values.hpp"
 
-namespace vornet::plugin {
+namespace vornet::client {
 namespace {
 
 // The extension works at so many menus at a time; more would only queue up behind a sync application that hangs.
@@ -127,4 +127,4 @@ void MenuPrefetch::observedFoldersChanged() {
   changed_();
 }
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

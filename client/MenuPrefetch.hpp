@@ -5,7 +5,7 @@
 #include "ExtensionLink.hpp"
 #include "Menu.hpp"
 
-namespace vornet::plugin {
+namespace vornet::client {
 
 /// The menu of what is selected, asked for when it is selected, so that opening it waits for nothing. Not thread-safe:
 /// the context's thread only.
@@ -42,4 +42,4 @@ class MenuPrefetch {
   unsigned extension_ = 0;  ///< counts the extension's processes
 };
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

@@ -4,7 +4,7 @@
 
 #include <memory>
 
-namespace vornet::plugin {
+namespace vornet::client {
 
 std::optional<std::string> pathOfURL(const char* url) {
   if (!url) return std::nullopt;
@@ -41,4 +41,4 @@ bool isWithin(std::string_view folder, std::string_view path) {
   return path.starts_with(folder) && (path.size() == folder.size() || path[folder.size()] == '/');
 }
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-namespace vornet::plugin {
+namespace vornet::client {
 
 // Local paths as the disk has them, and the URLs of them. Any thread. Nothing throws but for want of memory.
 
@@ -25,4 +25,4 @@ std::string_view nameOf(std::string_view path);
 /// Whether `path` is `folder` itself or lies somewhere below it; both without a "/" at the end.
 bool isWithin(std::string_view folder, std::string_view path);
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

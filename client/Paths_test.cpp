@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace vornet::plugin {
+namespace vornet::client {
 namespace {
 
 TEST(PluginPaths, URLsOfLocalFilesHaveAPath) {
@@ -48,4 +48,4 @@ TEST(PluginPaths, WithinIsTheFolderItselfAndWhatLiesBelow) {
 }
 
 }  // namespace
-}  // namespace vornet::plugin
+}  // namespace vornet::client

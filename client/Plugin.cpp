@@ -11,7 +11,7 @@
 #include "Paths.hpp"
 #include "Trace.hpp"
 
-namespace vornet::plugin {
+namespace vornet::client {
 class Plugin::Parts : public ExtensionLink::Listener {
  public:
   Parts(FileManager& fileManager, const Options& options)
@@ -120,4 +120,4 @@ void Plugin::perform(const std::string& action, const Selection& selection) {
   });
 }
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

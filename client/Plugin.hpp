@@ -9,7 +9,7 @@
 #include "FileManager.hpp"
 #include "Menu.hpp"
 
-namespace vornet::plugin {
+namespace vornet::client {
 
 /// The extension as a file manager's plug-in sees it: the emblems of what is on screen, and the menu of a selection. It
 /// answers from what it knows, at once, and asks the extension meanwhile; what comes of that is told through
@@ -73,4 +73,4 @@ class Plugin {
   std::unique_ptr<Parts> parts_;
 };
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

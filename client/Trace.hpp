@@ -2,7 +2,7 @@
 
 #include <glib.h>
 
-namespace vornet::plugin {
+namespace vornet::client {
 
 /// Whether the user wants to see what the plug-in does: G_MESSAGES_DEBUG=vornet-vi in the file manager's environment.
 inline bool isTracing() {
@@ -34,4 +34,4 @@ class Turn {
   gint64 begun_;
 };
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

@@ -4,7 +4,7 @@
 
 #include <memory>
 
-namespace vornet::plugin {
+namespace vornet::client {
 
 struct UnrefValue {
   void operator()(GVariant* value) const { g_variant_unref(value); }
@@ -22,4 +22,4 @@ inline const gchar* textOf(const Value& string) {
   return g_variant_get_string(string.get(), nullptr);
 }
 
-}  // namespace vornet::plugin
+}  // namespace vornet::client

@@ -32,7 +32,7 @@ endfunction()
 function(vornet_add_plugin target folder)
   add_library(${target} MODULE ${ARGN})
   set_target_properties(${target} PROPERTIES LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/${folder}")
-  target_link_libraries(${target} PRIVATE vornet_plugin vornet_options)
+  target_link_libraries(${target} PRIVATE vornet_client vornet_options)
   # Its code stays when the file manager lets go of it: GLib may still hold callbacks into it.
   target_link_options(${target} PRIVATE LINKER:-z,nodelete)
   # Clang leaves the sanitizers' functions to the program.

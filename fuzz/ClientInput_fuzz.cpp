@@ -26,8 +26,8 @@
 namespace vornet::fuzz {
 namespace {
 
-using plugin::Menu;
-using plugin::Plugin;
+using client::Menu;
+using client::Plugin;
 
 constexpr const char* INTERFACE = "com.vornet.FinderSync1";
 constexpr const char* PROPERTIES = "org.freedesktop.DBus.Properties";
@@ -52,7 +52,7 @@ PeerBus& bus() {
 std::atomic<std::size_t> warnings = 0;
 
 /// Makes redraw() a function.
-class Item : public plugin::ShownItem {
+class Item : public client::ShownItem {
  public:
   explicit Item(std::function<void()> redrawn) : redrawn_(std::move(redrawn)) {}
   void redraw(const std::string&) override { redrawn_(); }
@@ -61,7 +61,7 @@ class Item : public plugin::ShownItem {
   std::function<void()> redrawn_;
 };
 
-class SilentManager : public plugin::FileManager {
+class SilentManager : public client::FileManager {
  public:
   void menuChanged() override {}
 };
@@ -91,7 +91,7 @@ class Input {
 
   std::string url() {
     const auto choice = static_cast<std::size_t>(upTo(static_cast<int>(ITEMS.size()) + 2));
-    if (choice < ITEMS.size()) return plugin::urlOfPath(ITEMS[choice]);
+    if (choice < ITEMS.size()) return client::urlOfPath(ITEMS[choice]);
     return choice == ITEMS.size() ? "file://" + FOLDER + "/" + text() : text();
   }
 
@@ -192,7 +192,7 @@ class Session {
     if (input_.rarely()) nonsenseMenu_ = input_.nonsense();
     const int repetitions = input_.rarely() ? 40 : 1;
     for (int count = input_.upTo(4); count > 0; --count) {
-      const plugin::MenuEntry entry{input_.text(), input_.text(), input_.yes(), input_.yes() ? "vornet-vi" : ""};
+      const client::MenuEntry entry{input_.text(), input_.text(), input_.yes(), input_.yes() ? "vornet-vi" : ""};
       menu_.insert(menu_.end(), static_cast<std::size_t>(repetitions), entry);
     }
     bus().on("GetMenu",
@@ -240,7 +240,7 @@ class Session {
     const gchar* url = nullptr;
     GVariantIter* urls = nullptr;
     g_variant_get(arguments, "(as)", &urls);
-    while (g_variant_iter_next(urls, "&s", &url)) paths.push_back(plugin::pathOfURL(url).value_or(""));
+    while (g_variant_iter_next(urls, "&s", &url)) paths.push_back(client::pathOfURL(url).value_or(""));
     g_variant_iter_free(urls);
     asked_.insert(paths.begin(), paths.end());
     if (nonsenseBadges_) return g_variant_ref(nonsenseBadges_.get());
@@ -285,7 +285,7 @@ class Session {
     bus().send(INTERFACE, "BadgesChanged", valuesOf(changes), [&] {
       const std::lock_guard guard(mutex_);
       for (const auto& [url, identifier] : changes) {
-        if (const auto path = plugin::pathOfURL(url.c_str())) told_[*path] = identifier;
+        if (const auto path = client::pathOfURL(url.c_str())) told_[*path] = identifier;
       }
     });
   }
@@ -294,7 +294,7 @@ class Session {
   void awaitLastChange() {
     bool redrawn = false;
     show(LAST_ITEM, [&redrawn] { redrawn = true; });
-    send({{plugin::urlOfPath(LAST_ITEM), "SYNCED"}});
+    send({{client::urlOfPath(LAST_ITEM), "SYNCED"}});
     waitFor([&redrawn] { return redrawn; }, "a change is shown");
     show(LAST_ITEM, [] {});
   }

@@ -63,8 +63,8 @@ Texts textsIn(GVariant* values, std::string_view body, bool bigEndian) {
 }
 
 /// What GLib reads of `bytes`, if it takes them, is what the service reads.
-void checkAgainstGLib(std::string_view bytes, const std::optional<host::MessageLength>& length,
-                      const std::optional<host::MessageHeader>& header) {
+void checkAgainstGLib(std::string_view bytes, const std::optional<service::MessageLength>& length,
+                      const std::optional<service::MessageHeader>& header) {
   std::string copy(bytes);
   auto* blob = reinterpret_cast<guchar*>(copy.data());
   if (g_dbus_message_bytes_needed(blob, copy.size(), nullptr) != static_cast<gssize>(copy.size())) return;
@@ -88,22 +88,22 @@ void checkAgainstGLib(std::string_view bytes, const std::optional<host::MessageL
   GVariant* values = g_dbus_message_get_body(message.get());
   if (!values || (header->signature != "as" && header->signature != "sas")) return;
   const auto body = bytes.substr(length->header);
-  const auto count = host::countListedTexts(body, *header, MOST);
+  const auto count = service::countListedTexts(body, *header, MOST);
   const auto texts = textsIn(values, body, header->bigEndian);
   require(count == std::min(texts.count, MOST + 1) || (!count && texts.cut), "so is the number of its texts");
 }
 
 void check(std::string_view bytes) {
-  const auto length = host::messageLength(bytes);
+  const auto length = service::messageLength(bytes);
   if (length)
-    require(length->header >= host::MESSAGE_START && length->header <= length->total, "a body follows its header");
-  const auto header = host::readMessageHeader(bytes);
+    require(length->header >= service::MESSAGE_START && length->header <= length->total, "a body follows its header");
+  const auto header = service::readMessageHeader(bytes);
   require(!header || (length && length->header <= bytes.size()), "only a whole header is read");
   if (header) {
     for (const auto text : {header->member, header->sender, header->signature}) {
       require(isWithin(text, bytes), "a text is a part of the message");
     }
-    const auto count = host::countListedTexts(bytes.substr(length->header), *header, MOST);
+    const auto count = service::countListedTexts(bytes.substr(length->header), *header, MOST);
     require(!count || *count <= MOST + 1, "no more are counted than asked for");
   }
   checkAgainstGLib(bytes, length, header);

@@ -44,11 +44,11 @@ void checkUTF8(const std::string& text) {
 /// Any bytes as a URL's text.
 void checkURLText(const std::string& text) {
   const auto url = FileURL::fileURLWithText(text);
-  const auto path = text.find('\0') == std::string::npos ? plugin::pathOfURL(text.c_str()) : std::nullopt;
+  const auto path = text.find('\0') == std::string::npos ? client::pathOfURL(text.c_str()) : std::nullopt;
   if (path) {
     require(isPath(*path) && *path == withoutSlashes(*path),
             "a plug-in's path is absolute, without a slash at its end");
-    require(plugin::pathOfURL(plugin::urlOfPath(*path).c_str()) == path, "a plug-in's path survives the way to a URL");
+    require(client::pathOfURL(client::urlOfPath(*path).c_str()) == path, "a plug-in's path survives the way to a URL");
   }
   if (!url) return;
   if (!url->path()) {
@@ -75,22 +75,22 @@ void checkPath(const std::string& path) {
     require(url.path() == expected && url.hasDirectoryPath() == isDirectory, "a URL has the path it was made of");
     const std::string text = url.description();
     require(text.starts_with("file:///") && consistsOf(text, "-._~!$&'()*+,=:@/"), "a URL's text is percent-encoded");
-    require(plugin::pathOfURL(text.c_str()) == expected, "the plug-ins read what the extension wrote");
+    require(client::pathOfURL(text.c_str()) == expected, "the plug-ins read what the extension wrote");
   }
-  const auto url = FileURL::fileURLWithText(plugin::urlOfPath(path));
+  const auto url = FileURL::fileURLWithText(client::urlOfPath(path));
   require(url.has_value(), "the extension takes every URL of the plug-ins");
   require(url->path() == (platform::isValidUTF8(path) ? std::optional(expected) : std::nullopt),
           "the extension reads what the plug-ins wrote");
 
   if (expected.find("//") != std::string::npos) return;  // file managers know none
-  const std::string_view folder = plugin::folderOf(expected);
-  const std::string_view name = plugin::nameOf(expected);
+  const std::string_view folder = client::folderOf(expected);
+  const std::string_view name = client::nameOf(expected);
   require(name.find('/') == std::string_view::npos, "a name has no slash");
   require((folder == "/" ? "/" : std::string(folder) + "/") + std::string(name) == expected,
           "folder and name make up the path");
-  require(plugin::isWithin(folder, expected) && plugin::isWithin(expected, expected + "/x"),
+  require(client::isWithin(folder, expected) && client::isWithin(expected, expected + "/x"),
           "an item is in its folder");
-  require(expected == "/" || !plugin::isWithin(expected, expected + "x"), "what only begins alike is elsewhere");
+  require(expected == "/" || !client::isWithin(expected, expected + "x"), "what only begins alike is elsewhere");
 }
 
 void checkFolderKey(const std::string& path) {

@@ -32,7 +32,7 @@ bool beginsWith(const std::vector<std::string>& names, const std::vector<std::st
 
 /// The path that `text` is taken for; none where it is refused.
 std::optional<std::string> checkedPath(const std::string& text) {
-  const auto url = host::readURL(text);
+  const auto url = service::readURL(text);
   const auto plain = FileURL::fileURLWithText(text);
   require(!url || plain, "what is no file URL is refused");
   if (!url || !url->path()) {
@@ -47,7 +47,7 @@ std::optional<std::string> checkedPath(const std::string& text) {
     require(name.find('\0') == std::string::npos, "no path ends early");
   }
   require(url->path()->find("//") == std::string::npos, "a path has one spelling");
-  const auto again = host::readURL(url->description());
+  const auto again = service::readURL(url->description());
   require(again && *again == *url, "a URL that was taken is taken again");
   return url->path();
 }
@@ -70,8 +70,8 @@ void check(const std::vector<std::string>& lines) {
   }
   roots.insert(FileURL());  // a root without a path holds nothing
   if (!item) return;
-  require(host::isWithin(roots, *item) == within, "an item is within the folders that its path leads through");
-  require(host::isBelow(roots, *item) == below, "an item is below the folders that its path leads through");
+  require(service::isWithin(roots, *item) == within, "an item is within the folders that its path leads through");
+  require(service::isBelow(roots, *item) == below, "an item is below the folders that its path leads through");
 }
 
 }  // namespace

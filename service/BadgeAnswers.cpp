@@ -10,7 +10,7 @@
 #include "platform/linux/FinderSyncHost.hpp"
 #include "rest/RESTPollingManager.hpp"
 
-namespace vornet::host {
+namespace vornet::service {
 namespace {
 
 using platform::FIFinderSyncController;
@@ -157,4 +157,4 @@ void BadgeAnswers::lookUpAgain() {
   lookUps_.postOwn([this] { lookUpAgain(); });
 }
 
-}  // namespace vornet::host
+}  // namespace vornet::service

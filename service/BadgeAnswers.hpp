@@ -13,7 +13,7 @@
 #include "WorkPool.hpp"
 #include "extension/FinderSync.hpp"
 
-namespace vornet::host {
+namespace vornet::service {
 
 /// Asks the extension for badges, once for each question of a client, and again when an answer has become doubtful:
 /// when its folder was filled, or when the sync database was locked. Any thread.
@@ -59,4 +59,4 @@ class BadgeAnswers {
   boost::asio::steady_timer timer_;
 };
 
-}  // namespace vornet::host
+}  // namespace vornet::service

@@ -6,7 +6,7 @@
 #include "Selections.hpp"
 #include "platform/FinderSync.hpp"
 
-namespace vornet::host {
+namespace vornet::service {
 namespace {
 
 constexpr const char* OBJECT_PATH = "/com/vornet/FinderSync1";
@@ -76,4 +76,4 @@ void BadgeChanges::send() {
   for (const auto& [client, list] : byClient) sendNow(client, list);
 }
 
-}  // namespace vornet::host
+}  // namespace vornet::service

@@ -13,7 +13,7 @@
 #include "WorkPool.hpp"
 #include "platform/Foundation.hpp"
 
-namespace vornet::host {
+namespace vornet::service {
 
 /// Gathers badge changes for a few milliseconds and sends them, each to the clients that observe the item's folder, as
 /// the signal BadgesChanged. Of items that carry no badges (isBelow in Selections) nothing is sent. Any thread.
@@ -51,4 +51,4 @@ class BadgeChanges {
   std::unordered_map<std::string, std::pair<platform::FileURL, std::string>> pending_;  // by path
 };
 
-}  // namespace vornet::host
+}  // namespace vornet::service

@@ -7,7 +7,7 @@
 #include "support/PrivateBus.hpp"
 #include "support/TemporaryFolder.hpp"
 
-namespace vornet::host {
+namespace vornet::service {
 namespace {
 
 using platform::FileURL;
@@ -80,4 +80,4 @@ TEST_F(BadgeChangesTest, SendToOneClientAtOnce) {
 }
 
 }  // namespace
-}  // namespace vornet::host
+}  // namespace vornet::service

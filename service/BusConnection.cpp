@@ -11,7 +11,7 @@
 
 #include "CallGate.hpp"
 
-namespace vornet::host {
+namespace vornet::service {
 namespace {
 
 constexpr const char* BUSY = "com.vornet.FinderSync1.Error.Busy";
@@ -453,4 +453,4 @@ GDBusConnection* connectToSessionBus(GError** error) {
   return connection;
 }
 
-}  // namespace vornet::host
+}  // namespace vornet::service

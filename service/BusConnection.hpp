@@ -2,11 +2,11 @@
 
 #include <gio/gio.h>
 
-namespace vornet::host {
+namespace vornet::service {
 
 /// Connects to the session bus. What comes in passes a CallGate, so calls are bounded and ordered before GDBus copies
 /// them; the gate answers those that it refuses. The caller owns the connection. Null, with `error` set, when there is
 /// no bus. Blocks until the bus has answered.
 GDBusConnection* connectToSessionBus(GError** error);
 
-}  // namespace vornet::host
+}  // namespace vornet::service

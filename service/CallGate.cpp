@@ -5,7 +5,7 @@
 
 #include "Selections.hpp"
 
-namespace vornet::host {
+namespace vornet::service {
 namespace {
 
 constexpr std::string_view BUS = "org.freedesktop.DBus";
@@ -312,4 +312,4 @@ bool CallGate::hasRefusals() const {
   return refusals_.size() > 0;
 }
 
-}  // namespace vornet::host
+}  // namespace vornet::service

@@ -14,7 +14,7 @@
 #include "FairQueue.hpp"
 #include "MessageHeader.hpp"
 
-namespace vornet::host {
+namespace vornet::service {
 
 /// Stands between the bus and the program: takes the bytes that the bus sends, and gives them on message by message, so
 /// that no client keeps the others waiting or fills the memory. Calls wait here, as the bytes they came in, until the
@@ -153,4 +153,4 @@ class CallGate {
   FairQueue<Refusal> refusals_;
 };
 
-}  // namespace vornet::host
+}  // namespace vornet::service

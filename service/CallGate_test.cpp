@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-namespace vornet::host {
+namespace vornet::service {
 namespace {
 
 using testing::ElementsAre;
@@ -324,4 +324,4 @@ TEST_F(CallGateTest, OtherMessagesOfClientsAreBoundedAndTakeNoPlace) {
 }
 
 }  // namespace
-}  // namespace vornet::host
+}  // namespace vornet::service

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-namespace vornet::host {
+namespace vornet::service {
 
 void DoubtfulAnswers::setKnown(const std::string& path, const std::string& identifier) {
   const std::lock_guard guard(lock_);
@@ -81,4 +81,4 @@ void DoubtfulAnswers::remove(const std::string& client) {
   if (--count->second == 0) counts_.erase(count);
 }
 
-}  // namespace vornet::host
+}  // namespace vornet::service

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-namespace vornet::host {
+namespace vornet::service {
 
 /// Remembers which answers were given while the sync database was locked, and so must be looked up again, and what to
 /// answer meanwhile about items that no folder on screen remembers. Items are named by path. Any thread.
@@ -56,4 +56,4 @@ class DoubtfulAnswers {
   std::unordered_map<std::string, std::string> knownBefore_;  // what known_ held before it was full
 };
 
-}  // namespace vornet::host
+}  // namespace vornet::service

@@ -2,7 +2,7 @@
 
 #include <gmock/gmock.h>
 
-namespace vornet::host {
+namespace vornet::service {
 namespace {
 
 using testing::ElementsAre;
@@ -82,4 +82,4 @@ TEST(DoubtfulAnswers, KnowTheLastItemsThatWereLookedUp) {
 }
 
 }  // namespace
-}  // namespace vornet::host
+}  // namespace vornet::service

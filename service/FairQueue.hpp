@@ -11,7 +11,7 @@
 #include <tuple>
 #include <utility>
 
-namespace vornet::host {
+namespace vornet::service {
 
 /// What waits for several clients, who take turns: each gets the same share of the cost served, so a client that asked
 /// for little is served next however much others have queued. What one client queued keeps its order. Not thread-safe.
@@ -99,4 +99,4 @@ class FairQueue {
   std::size_t size_ = 0;
 };
 
-}  // namespace vornet::host
+}  // namespace vornet::service

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace vornet::host {
+namespace vornet::service {
 namespace {
 
 using testing::ElementsAre;
@@ -73,4 +73,4 @@ TEST(FairQueue, ServesClientsWithoutEnd) {
 }
 
 }  // namespace
-}  // namespace vornet::host
+}  // namespace vornet::service

@@ -9,7 +9,7 @@
 #include "platform/linux/Host.hpp"
 #include "rest/RESTPollingManager.hpp"
 
-namespace vornet::host {
+namespace vornet::service {
 namespace {
 
 using platform::FIFinderSyncController;
@@ -378,4 +378,4 @@ void FinderSyncService::performAction(GDBusMethodInvocation* invocation, const s
   vornet_finder_sync1_complete_perform_action(skeleton_, invocation);
 }
 
-}  // namespace vornet::host
+}  // namespace vornet::service

@@ -16,7 +16,7 @@
 #include "extension/FinderSync.hpp"
 #include "platform/linux/FinderSyncHost.hpp"
 
-namespace vornet::host {
+namespace vornet::service {
 
 /// Serves the extension's callbacks on a bus as com.vornet.FinderSync1. The thread of the main context only takes calls
 /// in: they are carried out on threads of the service's own, badges apart from menus, so that neither waits for the
@@ -80,4 +80,4 @@ class FinderSyncService : private platform::host::Listener {
   BadgeAnswers answers_;
 };
 
-}  // namespace vornet::host
+}  // namespace vornet::service

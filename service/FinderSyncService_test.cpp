@@ -17,7 +17,7 @@
 #include "support/PrivateBus.hpp"
 #include "support/Threads.hpp"
 
-namespace vornet::host {
+namespace vornet::service {
 namespace {
 
 using platform::FIFinderSyncController;
@@ -217,4 +217,4 @@ TEST_F(FinderSyncServiceTest, AFilledFolderIsCorrectedHoweverManyCallsWait) {
 }
 
 }  // namespace
-}  // namespace vornet::host
+}  // namespace vornet::service

@@ -1,6 +1,6 @@
 #include "MessageHeader.hpp"
 
-namespace vornet::host {
+namespace vornet::service {
 namespace {
 
 constexpr std::size_t FIELDS = 16;  // where the header's fields begin
@@ -165,4 +165,4 @@ std::optional<std::size_t> countListedTexts(std::string_view body, const Message
   return count;
 }
 
-}  // namespace vornet::host
+}  // namespace vornet::service

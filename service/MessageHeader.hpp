@@ -7,7 +7,7 @@
 
 /// The framing of D-Bus messages: how long a message is, who sent it and what it asks for, read from its first bytes
 /// before anything is copied. Pure functions over bytes of any content; any thread.
-namespace vornet::host {
+namespace vornet::service {
 
 /// The bytes that every message begins with. They give its length.
 inline constexpr std::size_t MESSAGE_START = 16;
@@ -42,4 +42,4 @@ std::optional<MessageHeader> readMessageHeader(std::string_view header);
 /// list, "sas". None for other signatures, and when `body` is malformed. Counts no further than `most` + 1.
 std::optional<std::size_t> countListedTexts(std::string_view body, const MessageHeader& header, std::size_t most);
 
-}  // namespace vornet::host
+}  // namespace vornet::service

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace vornet::host {
+namespace vornet::service {
 namespace {
 
 std::string messageOf(GVariant* body, GDBusMessageByteOrder order = G_DBUS_MESSAGE_BYTE_ORDER_LITTLE_ENDIAN) {
@@ -120,4 +120,4 @@ TEST(MessageHeader, CountsListsNoFurtherThanToldAndOnlyThose) {
 }
 
 }  // namespace
-}  // namespace vornet::host
+}  // namespace vornet::service

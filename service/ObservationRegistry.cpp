@@ -1,6 +1,6 @@
 #include "ObservationRegistry.hpp"
 
-namespace vornet::host {
+namespace vornet::service {
 
 ObservationRegistry::Begun ObservationRegistry::begin(const std::string& client, const std::string& folder) {
   const std::lock_guard guard(lock_);
@@ -64,4 +64,4 @@ std::vector<std::string> ObservationRegistry::observers(const std::string& folde
   return clients;
 }
 
-}  // namespace vornet::host
+}  // namespace vornet::service

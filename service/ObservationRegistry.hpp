@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-namespace vornet::host {
+namespace vornet::service {
 
 /// Which client of the bus shows which folders, and how often. Any thread.
 class ObservationRegistry {
@@ -48,4 +48,4 @@ class ObservationRegistry {
   std::map<std::string, std::size_t> observations_;                // client -> its windows on all folders
 };
 
-}  // namespace vornet::host
+}  // namespace vornet::service

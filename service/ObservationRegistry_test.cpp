@@ -2,7 +2,7 @@
 
 #include <gmock/gmock.h>
 
-namespace vornet::host {
+namespace vornet::service {
 namespace {
 
 using testing::ElementsAre;
@@ -79,4 +79,4 @@ TEST(ObservationRegistry, AClientsObservationsAreBounded) {
 }
 
 }  // namespace
-}  // namespace vornet::host
+}  // namespace vornet::service

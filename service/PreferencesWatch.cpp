@@ -12,7 +12,7 @@
 #include "logging/Logging.hpp"
 #include "rest/RESTPollingManager.hpp"
 
-namespace vornet::host {
+namespace vornet::service {
 namespace {
 
 constexpr std::chrono::seconds BETWEEN_LOOKS{3};
@@ -146,4 +146,4 @@ void PreferencesWatch::reportOutdated() {
   g_idle_add(report, this);
 }
 
-}  // namespace vornet::host
+}  // namespace vornet::service

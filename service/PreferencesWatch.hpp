@@ -10,7 +10,7 @@
 
 #include "platform/Foundation.hpp"
 
-namespace vornet::host {
+namespace vornet::service {
 
 /// Watches the group container and the sync application's preferences in it.
 ///
@@ -64,4 +64,4 @@ class PreferencesWatch {
   bool stopping_ = false;
 };
 
-}  // namespace vornet::host
+}  // namespace vornet::service

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace vornet::host {
+namespace vornet::service {
 namespace {
 
 bool hasDotComponent(const std::string& path) {
@@ -41,4 +41,4 @@ bool isWithin(const std::set<platform::FileURL>& roots, const std::string& path)
          std::any_of(roots.begin(), roots.end(), [&](const platform::FileURL& root) { return root.path() == path; });
 }
 
-}  // namespace vornet::host
+}  // namespace vornet::service

@@ -8,7 +8,7 @@
 #include "platform/Foundation.hpp"
 
 /// What clients send as items and folders, read and judged. Pure functions; any thread.
-namespace vornet::host {
+namespace vornet::service {
 
 /// The most URLs that one call may carry.
 inline constexpr std::size_t MAX_URLS = 10'000;
@@ -24,4 +24,4 @@ bool isWithin(const std::set<platform::FileURL>& roots, const std::string& path)
 /// As isWithin, but `roots` themselves are not below one.
 bool isBelow(const std::set<platform::FileURL>& roots, const std::string& path);
 
-}  // namespace vornet::host
+}  // namespace vornet::service

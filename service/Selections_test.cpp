@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-namespace vornet::host {
+namespace vornet::service {
 namespace {
 
 using platform::FileURL;
@@ -76,4 +76,4 @@ TEST(Within, TheRootOfTheFileSystemHoldsEverything) {
 }
 
 }  // namespace
-}  // namespace vornet::host
+}  // namespace vornet::service

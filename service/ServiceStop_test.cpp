@@ -12,7 +12,7 @@
 #include "support/Environment.hpp"
 #include "support/PrivateBus.hpp"
 
-namespace vornet::host {
+namespace vornet::service {
 namespace {
 
 using platform::FIFinderSyncController;
@@ -52,4 +52,4 @@ TEST(ServiceStop, NothingOfItIsLeftInTheMainContext) {
 }
 
 }  // namespace
-}  // namespace vornet::host
+}  // namespace vornet::service

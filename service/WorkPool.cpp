@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <boost/asio/post.hpp>
 
-namespace vornet::host {
+namespace vornet::service {
 namespace {
 
 // Whether this thread runs long work, and no other within it.
@@ -69,4 +69,4 @@ void WorkPool::stop() {
   threads_.join();
 }
 
-}  // namespace vornet::host
+}  // namespace vornet::service

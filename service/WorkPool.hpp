@@ -8,7 +8,7 @@
 
 #include "FairQueue.hpp"
 
-namespace vornet::host {
+namespace vornet::service {
 
 /// A few threads for work that may block. Clients take turns by what their work costs, and long work never takes the
 /// last thread. Nothing is refused: CallGate bounds what clients give. Any thread may give work.
@@ -56,4 +56,4 @@ class WorkPool {
   boost::asio::thread_pool threads_;  // last: ends before what its threads use
 };
 
-}  // namespace vornet::host
+}  // namespace vornet::service

@@ -10,7 +10,7 @@
 
 #include "support/Threads.hpp"
 
-namespace vornet::host {
+namespace vornet::service {
 namespace {
 
 using test::Gate;
@@ -113,4 +113,4 @@ TEST(WorkPool, OneThreadRunsLongWorkToo) {
 }
 
 }  // namespace
-}  // namespace vornet::host
+}  // namespace vornet::service

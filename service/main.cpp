@@ -49,7 +49,7 @@ void openStandardDescriptors() {
 
 struct Run {
   GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
-  vornet::host::PreferencesWatch& preferences;
+  vornet::service::PreferencesWatch& preferences;
   int status = 0;
 
   void end(int withStatus) {
@@ -101,9 +101,9 @@ void endOnSignals(Run& run) {
 }
 
 /// Serves `extension` until asked to end, or until the bus goes away. The exit status.
-int serve(vornet::FinderSync& extension, vornet::host::PreferencesWatch& preferences) {
+int serve(vornet::FinderSync& extension, vornet::service::PreferencesWatch& preferences) {
   GError* error = nullptr;
-  GDBusConnection* connection = vornet::host::connectToSessionBus(&error);
+  GDBusConnection* connection = vornet::service::connectToSessionBus(&error);
   if (!connection) {
     systemLog(std::string("no session bus: ") + error->message);
     g_error_free(error);
@@ -115,7 +115,7 @@ int serve(vornet::FinderSync& extension, vornet::host::PreferencesWatch& prefere
   g_signal_connect(connection, "closed", G_CALLBACK(closed), &run);
   endOnSignals(run);
 
-  vornet::host::FinderSyncService service(extension, connection);
+  vornet::service::FinderSyncService service(extension, connection);
   std::string reason;
   if (service.start(reason)) {
     const guint name =
@@ -155,7 +155,7 @@ int main(int argc, char** argv) {
                                          .version = VORNET_VERSION,
                                          .build = VORNET_BUILD_NUMBER,
                                          .imageFolders = vornet::platform::host::imageFoldersOfProgram()});
-  vornet::host::PreferencesWatch preferences;
+  vornet::service::PreferencesWatch preferences;
   vornet::FinderSync extension;
   if (!extension.init()) return 1;
   const int status = serve(extension, preferences);

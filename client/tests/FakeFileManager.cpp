@@ -4,7 +4,7 @@
 
 namespace vornet::test {
 
-class FakeFileManager::Item : public plugin::ShownItem {
+class FakeFileManager::Item : public client::ShownItem {
  public:
   explicit Item(FakeFileManager& manager) : manager_(manager) { ++kept_; }
   ~Item() override { --kept_; }

@@ -11,7 +11,7 @@
 namespace vornet::test {
 
 /// A file manager that shows items and asks for their emblems as the real ones do. One thread.
-class FakeFileManager : public plugin::FileManager {
+class FakeFileManager : public client::FileManager {
  public:
   /// Shows the item at `path`, as a manager does when it lists a folder: asks for its emblem.
   void show(const std::string& path);
@@ -30,7 +30,7 @@ class FakeFileManager : public plugin::FileManager {
   static std::size_t keptItems() { return kept_; }
 
   int menuChanges = 0;
-  std::unique_ptr<plugin::Plugin> plugin;
+  std::unique_ptr<client::Plugin> plugin;
 
   void menuChanged() override { ++menuChanges; }
 

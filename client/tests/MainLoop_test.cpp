@@ -7,7 +7,7 @@
 #include <thread>
 #include <utility>
 
-namespace vornet::plugin {
+namespace vornet::client {
 namespace {
 
 using testing::ElementsAre;
@@ -190,4 +190,4 @@ TEST(Timer, IsReplacedAndStopped) {
 }
 
 }  // namespace
-}  // namespace vornet::plugin
+}  // namespace vornet::client

@@ -4,8 +4,8 @@
 namespace vornet::test {
 namespace {
 
-using plugin::Menu;
-using plugin::MenuEntry;
+using client::Menu;
+using client::MenuEntry;
 using testing::ElementsAre;
 using testing::Field;
 using testing::IsEmpty;
@@ -107,8 +107,8 @@ TEST_F(PluginMenu, NoEntriesWhereTheExtensionHasNone) {
 }
 
 TEST_F(PluginMenu, AVeryLargeSelectionIsGreyedWithoutAQuestion) {
-  plugin::Selection many;
-  for (std::size_t i = 0; i <= plugin::Plugin::LARGEST_SELECTION; ++i) many.push_back(path(std::to_string(i)));
+  client::Selection many;
+  for (std::size_t i = 0; i <= client::Plugin::LARGEST_SELECTION; ++i) many.push_back(path(std::to_string(i)));
   EXPECT_EQ(enabled(manager.plugin->menu(many)), "00000");
   extension->menus[url("a")] = {true, true};
   select("a");

@@ -37,7 +37,7 @@ class PluginNonsense : public PluginTest {
     ASSERT_TRUE(waitForEmblem("a", SYNCED));
   }
 
-  plugin::Menu menuOf(const std::string& name, const std::function<GVariant*()>& answer) {
+  client::Menu menuOf(const std::string& name, const std::function<GVariant*()>& answer) {
     extension->nonsense["GetMenu"] = answer;
     const auto before = manager.menuChanges;
     manager.plugin->menu({path(name)});

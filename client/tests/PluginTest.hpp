@@ -24,12 +24,12 @@ class PluginTest : public testing::Test {
   void startExtension() { extension = std::make_unique<FakeExtension>(bus.address(), std::vector{url("")}); }
 
   /// Makes the plug-in anew, with other times.
-  void makePlugin(const plugin::Plugin::Options& options = {}) {
-    manager.plugin = std::make_unique<plugin::Plugin>(manager, options);
+  void makePlugin(const client::Plugin::Options& options = {}) {
+    manager.plugin = std::make_unique<client::Plugin>(manager, options);
   }
 
   std::string path(const std::string& name) const { return name.empty() ? root : root + "/" + name; }
-  std::string url(const std::string& name) const { return plugin::urlOfPath(path(name)); }
+  std::string url(const std::string& name) const { return client::urlOfPath(path(name)); }
 
   bool waitForEmblem(const std::string& name, const std::string& emblem) {
     return runUntil([&] { return manager.emblem(path(name)) == emblem; });

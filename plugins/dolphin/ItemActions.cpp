@@ -10,7 +10,7 @@ namespace vornet::dolphin {
 ItemActions::ItemActions(QObject* parent, const QVariantList&) : KAbstractFileItemActionPlugin(parent) {}
 
 QList<QAction*> ItemActions::actions(const KFileItemListProperties& items, QWidget* parentWidget) {
-  return plugin::guarded(QList<QAction*>(), [&] {
+  return client::guarded(QList<QAction*>(), [&] {
     menu_.reset();
     Session* const session = Session::instance();
     if (!session) return QList<QAction*>();

@@ -10,12 +10,12 @@
 
 namespace vornet::dolphin {
 
-ItemMenu::ItemMenu(Session& session, plugin::Selection selection)
+ItemMenu::ItemMenu(Session& session, client::Selection selection)
     : session_(&session), selection_(std::move(selection)), end_(new QAction(this)) {
   end_->setVisible(false);
   session.menu(selection_);
   update();
-  connect(&session, &Session::entriesChanged, this, [this] { plugin::guarded([this] { update(); }); });
+  connect(&session, &Session::entriesChanged, this, [this] { client::guarded([this] { update(); }); });
 }
 
 QList<QAction*> ItemMenu::actions() const {
@@ -41,7 +41,7 @@ void ItemMenu::update() {
 QAction* ItemMenu::add() {
   auto* action = new QAction(this);
   connect(action, &QAction::triggered, this, [this, action] {
-    plugin::guarded([&] {
+    client::guarded([&] {
       if (session_) session_->perform(action->data().toString().toStdString(), selection_);
     });
   });

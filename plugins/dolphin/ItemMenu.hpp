@@ -16,7 +16,7 @@ class ItemMenu : public QObject {
   Q_OBJECT
  public:
   /// `selection` is not empty.
-  ItemMenu(Session& session, plugin::Selection selection);
+  ItemMenu(Session& session, client::Selection selection);
 
   /// Owned by this object. The last one is hidden and marks the place of entries that come later.
   QList<QAction*> actions() const;
@@ -26,7 +26,7 @@ class ItemMenu : public QObject {
   QAction* add();
 
   QPointer<Session> session_;
-  const plugin::Selection selection_;
+  const client::Selection selection_;
   QList<QAction*> entries_;
   QAction* end_;
 };

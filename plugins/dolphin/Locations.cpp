@@ -10,9 +10,9 @@ namespace vornet::dolphin {
 namespace {
 
 template <typename Items, typename Location>
-plugin::Selection selectionOf(const Items& items, const Location& location) {
-  const auto read = std::min(static_cast<std::size_t>(items.size()), plugin::Plugin::LARGEST_SELECTION + 1);
-  plugin::Selection selection;
+client::Selection selectionOf(const Items& items, const Location& location) {
+  const auto read = std::min(static_cast<std::size_t>(items.size()), client::Plugin::LARGEST_SELECTION + 1);
+  client::Selection selection;
   selection.reserve(read);
   for (auto item = items.begin(); selection.size() < read; ++item) {
     auto path = pathOf(location(*item));
@@ -31,11 +31,11 @@ std::string pathOf(const QUrl& url) {
   return path;
 }
 
-plugin::Selection selectionOf(const QList<QUrl>& urls) {
+client::Selection selectionOf(const QList<QUrl>& urls) {
   return selectionOf(urls, [](const QUrl& url) { return url; });
 }
 
-plugin::Selection selectionOf(const KFileItemList& items) {
+client::Selection selectionOf(const KFileItemList& items) {
   return selectionOf(items, [](const KFileItem& item) { return item.url(); });
 }
 

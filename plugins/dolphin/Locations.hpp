@@ -14,7 +14,7 @@ namespace vornet::dolphin {
 std::string pathOf(const QUrl& url);
 
 /// The paths of selected items, at most one more than the plug-in's library reads; empty when one of them has no path.
-plugin::Selection selectionOf(const QList<QUrl>& urls);
-plugin::Selection selectionOf(const KFileItemList& items);
+client::Selection selectionOf(const QList<QUrl>& urls);
+client::Selection selectionOf(const KFileItemList& items);
 
 }  // namespace vornet::dolphin

@@ -5,11 +5,11 @@
 namespace vornet::dolphin {
 
 Overlay::Overlay(QObject* parent) : KOverlayIconPlugin(parent) {
-  plugin::guarded([this] { session(); });  // from now on views are found as they are shown
+  client::guarded([this] { session(); });  // from now on views are found as they are shown
 }
 
 QStringList Overlay::getOverlays(const QUrl& url) {
-  return plugin::guarded(QStringList(), [&] {
+  return client::guarded(QStringList(), [&] {
     Session* const current = session();
     return current ? current->overlays(url) : QStringList();
   });

@@ -24,10 +24,10 @@ QUrl taken(std::deque<QUrl>& urls) {
 
 Reappearance::Reappearance(std::function<bool(const QUrl&)> ask, std::function<void(const QUrl&)> tell)
     : ask_(std::move(ask)), tell_(std::move(tell)) {
-  connect(&portion_, &QTimer::timeout, this, [this] { plugin::guarded([this] { goOn(); }); });
+  connect(&portion_, &QTimer::timeout, this, [this] { client::guarded([this] { goOn(); }); });
   patience_.setSingleShot(true);
   connect(&patience_, &QTimer::timeout, this, [this] {
-    plugin::guarded([this] {
+    client::guarded([this] {
       toTell_.insert(toTell_.end(), unknown_.begin(), unknown_.end());
       unknown_.clear();
       portion_.start(0);

@@ -15,13 +15,13 @@
 namespace vornet::dolphin {
 
 /// Keeps the URL as Dolphin has it, by which alone it finds the item again.
-class Session::Shown : public plugin::ShownItem {
+class Session::Shown : public client::ShownItem {
  public:
   Shown(Session& session, const QUrl& url) : session_(session), url_(url) {}
 
   void redraw(const std::string&) override {
     const QUrl url = url_;  // this object gives way to another while the emblem is asked for
-    plugin::guarded([&session = session_, &url] { session.redraw(url); });
+    client::guarded([&session = session_, &url] { session.redraw(url); });
   }
 
  private:
@@ -42,12 +42,12 @@ Session* Session::instance() {
 }
 
 Session::Session() {
-  plugin::Plugin::Options options;
+  client::Plugin::Options options;
   if (GLibEvents::needed()) {
     events_ = std::make_unique<GLibEvents>();
     options.context = events_->context();
   }
-  plugin_ = std::make_unique<plugin::Plugin>(static_cast<plugin::FileManager&>(*this), options);
+  plugin_ = std::make_unique<client::Plugin>(static_cast<client::FileManager&>(*this), options);
   views_ = std::make_unique<Views>(*plugin_);
   reappearance_ = std::make_unique<Reappearance>([this](const QUrl& url) { return !overlays(url).isEmpty(); },
                                                  [this](const QUrl& url) { redraw(url); });
@@ -68,17 +68,17 @@ void Session::redraw(const QUrl& url) {
   if (views_->show(url)) Q_EMIT overlaysChanged(url, overlays(url));
 }
 
-plugin::Selection Session::selection(const QList<QUrl>& urls, const QWidget* parent) const {
+client::Selection Session::selection(const QList<QUrl>& urls, const QWidget* parent) const {
   if (urls.size() == 1 && views_->isBackground(urls.front(), parent)) return {};
   return selectionOf(urls);
 }
 
-plugin::Menu Session::menu(const plugin::Selection& selection) {
+client::Menu Session::menu(const client::Selection& selection) {
   selection_ = selection;
   return plugin_->menu(selection);
 }
 
-void Session::perform(const std::string& action, const plugin::Selection& selection) {
+void Session::perform(const std::string& action, const client::Selection& selection) {
   plugin_->perform(action, selection);
 }
 

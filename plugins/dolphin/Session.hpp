@@ -18,7 +18,7 @@
 
 class QWidget;
 
-namespace vornet::plugin {
+namespace vornet::client {
 class Plugin;
 }
 
@@ -30,7 +30,7 @@ class Views;
 
 /// The program's one session with the extension, which both plug-ins use: what is selected in a window is known to it
 /// before the action plug-in is asked for the first time. Main thread. Nothing here waits.
-class VORNET_DOLPHIN_API Session : public QObject, private plugin::FileManager {
+class VORNET_DOLPHIN_API Session : public QObject, private client::FileManager {
   Q_OBJECT
  public:
   /// Made when it is first asked for; it ends with the application object. Null without one.
@@ -41,15 +41,15 @@ class VORNET_DOLPHIN_API Session : public QObject, private plugin::FileManager {
 
   /// What a menu in the window of `parent` (null: unknown) is opened for, as menu() and perform() take it; empty where
   /// no entries belong: on a view's background, and for items that are not on this machine's disk.
-  plugin::Selection selection(const QList<QUrl>& urls, const QWidget* parent) const;
+  client::Selection selection(const QList<QUrl>& urls, const QWidget* parent) const;
 
   /// The entries for `selection`, which from now on is what the user has selected.
-  plugin::Menu menu(const plugin::Selection& selection);
+  client::Menu menu(const client::Selection& selection);
 
   /// Whether `selection` is that still. What is selected in a view takes its place.
-  bool isSelected(const plugin::Selection& selection) const { return selection == selection_; }
+  bool isSelected(const client::Selection& selection) const { return selection == selection_; }
 
-  void perform(const std::string& action, const plugin::Selection& selection);
+  void perform(const std::string& action, const client::Selection& selection);
 
  Q_SIGNALS:
   void overlaysChanged(const QUrl& url, const QStringList& icons);
@@ -69,10 +69,10 @@ class VORNET_DOLPHIN_API Session : public QObject, private plugin::FileManager {
   static Session* session_;
 
   std::unique_ptr<GLibEvents> events_;
-  std::unique_ptr<plugin::Plugin> plugin_;
+  std::unique_ptr<client::Plugin> plugin_;
   std::unique_ptr<Views> views_;
   std::unique_ptr<Reappearance> reappearance_;
-  plugin::Selection selection_;
+  client::Selection selection_;
 };
 
 }  // namespace vornet::dolphin

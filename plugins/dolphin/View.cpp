@@ -23,7 +23,7 @@ bool hasSignal(const QObject& object, const char* signature) {
 
 }  // namespace
 
-View::View(QWidget& widget, plugin::Plugin& plugin)
+View::View(QWidget& widget, client::Plugin& plugin)
     : widget_(widget), plugin_(plugin), url_(widget.property("url").toUrl()), wasHidden_(!widget.isVisible()) {
   if (hasSignal(widget, "urlChanged(QUrl)")) {
     connect(&widget, SIGNAL(urlChanged(QUrl)), this, SLOT(onURLChanged(QUrl)));
@@ -35,7 +35,7 @@ View::View(QWidget& widget, plugin::Plugin& plugin)
 }
 
 View::~View() {
-  plugin::guarded([this] { show({}); });
+  client::guarded([this] { show({}); });
 }
 
 void View::visibilityChanged() {
@@ -77,14 +77,14 @@ void View::askedForResult(const QUrl& url) {
 }
 
 void View::onURLChanged(const QUrl& url) {
-  plugin::guarded([&] {
+  client::guarded([&] {
     url_ = url;
     compareSoon();
   });
 }
 
 void View::onSelectionChanged(const KFileItemList& items) {
-  plugin::guarded([&] {
+  client::guarded([&] {
     if (widget_.isVisible()) Q_EMIT selected(items);
   });
 }
@@ -123,7 +123,7 @@ void View::follow(KCoreDirLister& lister) {
 
 void View::compareSoon() {
   if (std::exchange(comparing_, true)) return;
-  QMetaObject::invokeMethod(this, [this] { plugin::guarded([this] { compare(); }); }, Qt::QueuedConnection);
+  QMetaObject::invokeMethod(this, [this] { client::guarded([this] { compare(); }); }, Qt::QueuedConnection);
 }
 
 void View::compare() {

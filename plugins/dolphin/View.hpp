@@ -23,7 +23,7 @@ class View : public QObject {
   Q_OBJECT
  public:
   /// Both outlive it.
-  View(QWidget& widget, plugin::Plugin& plugin);
+  View(QWidget& widget, client::Plugin& plugin);
   /// Hides what it shows.
   ~View() override;
 
@@ -67,7 +67,7 @@ class View : public QObject {
   void forgetItemsIn(const QUrl& folder);
 
   QWidget& widget_;
-  plugin::Plugin& plugin_;
+  client::Plugin& plugin_;
   std::vector<QPointer<KCoreDirLister>> listers_;
   QUrl url_;                            ///< as told by the widget itself
   std::multiset<std::string> folders_;  ///< on screen, as the library has been told

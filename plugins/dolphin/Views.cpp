@@ -19,7 +19,7 @@ bool isView(const QObject& object) {
 
 }  // namespace
 
-Views::Views(plugin::Plugin& plugin) : plugin_(plugin) {
+Views::Views(client::Plugin& plugin) : plugin_(plugin) {
   for (auto* widget : QApplication::allWidgets()) {
     if (isView(*widget)) findSoon(*widget);
   }
@@ -63,7 +63,7 @@ bool Views::isBackground(const QUrl& url, const QWidget* parent) const {
 bool Views::eventFilter(QObject* object, QEvent* event) {
   const auto type = event->type();
   if ((type == QEvent::Show || type == QEvent::Hide || type == QEvent::ChildAdded) && object->isWidgetType()) {
-    plugin::guarded([&] {
+    client::guarded([&] {
       const auto known = views_.find(object);
       if (known == views_.end()) {
         if (isView(*object)) findSoon(static_cast<QWidget&>(*object));
@@ -78,7 +78,7 @@ bool Views::eventFilter(QObject* object, QEvent* event) {
 /// Its constructor may be at work still.
 void Views::findSoon(QWidget& widget) {
   const auto find = [this, found = QPointer<QWidget>(&widget)] {
-    plugin::guarded([&] {
+    client::guarded([&] {
       if (found && views_.count(found) == 0) add(*found);
     });
   };

@@ -16,7 +16,7 @@ class Views : public QObject {
   Q_OBJECT
  public:
   /// `plugin` outlives it.
-  explicit Views(plugin::Plugin& plugin);
+  explicit Views(client::Plugin& plugin);
   /// Hides what they show.
   ~Views() override;
 
@@ -44,7 +44,7 @@ class Views : public QObject {
   void findSoon(QWidget& widget);
   void add(QWidget& widget);
 
-  plugin::Plugin& plugin_;
+  client::Plugin& plugin_;
   std::map<const QObject*, std::unique_ptr<View>> views_;
 };
 

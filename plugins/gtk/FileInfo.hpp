@@ -13,11 +13,11 @@ namespace vornet::gtk {
 /// The path of `file`; none when it is no local file (trash, network, recent files).
 inline std::optional<std::string> pathOf(manager::FileInfo* file) {
   const std::unique_ptr<char, decltype(&g_free)> url(VORNET_CALL(file_info_get_uri)(file), g_free);
-  return plugin::pathOfURL(url.get());
+  return client::pathOfURL(url.get());
 }
 
 /// A file that the file manager shows, for as long as the file manager itself keeps it.
-class ShownFile : public plugin::ShownItem {
+class ShownFile : public client::ShownItem {
  public:
   explicit ShownFile(manager::FileInfo* file) { g_weak_ref_init(&file_, file); }
   ShownFile(const ShownFile& other) {

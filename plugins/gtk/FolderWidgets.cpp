@@ -66,19 +66,19 @@ class FolderWidgets : public FolderWatch {
   }
 
   static void mapped(GtkWidget*, gpointer data) {
-    plugin::guarded([data] {
+    client::guarded([data] {
       auto* place = static_cast<Place*>(data);
       place->tab.update(place->folder, true);
     });
   }
   static void unmapped(GtkWidget*, gpointer data) {
-    plugin::guarded([data] {
+    client::guarded([data] {
       auto* place = static_cast<Place*>(data);
       place->tab.update(place->folder, false);
     });
   }
   static void destroyed(GtkWidget* widget, gpointer data) {
-    plugin::guarded([widget, data] {
+    client::guarded([widget, data] {
       g_signal_handlers_disconnect_by_data(widget, data);
       static_cast<Place*>(data)->all.places_.erase(widget);
     });
@@ -88,9 +88,9 @@ class FolderWidgets : public FolderWatch {
 };
 
 GtkWidget* getWidget(manager::LocationWidgetProvider*, const char* url, GtkWidget*) {
-  return plugin::guarded<GtkWidget*>(nullptr, [url]() -> GtkWidget* {
+  return client::guarded<GtkWidget*>(nullptr, [url]() -> GtkWidget* {
     Module* module = Module::current();
-    auto path = plugin::pathOfURL(url);
+    auto path = client::pathOfURL(url);
     if (!module || !path) return nullptr;
     return static_cast<FolderWidgets&>(module->folders()).make(std::move(*path));
   });

@@ -27,7 +27,7 @@ std::string pathIn(const std::string& folder, const std::string& name) {
 
 /// Calls `deal` for each element of `elements`, a few milliseconds at a time, until it returns false.
 template <typename Element, typename Deal>
-void dealWith(plugin::SlicedWork& work, std::vector<Element> elements, Deal deal) {
+void dealWith(client::SlicedWork& work, std::vector<Element> elements, Deal deal) {
   work.add([elements = std::move(elements), deal = std::move(deal)]() mutable {
     for (std::size_t i = 0; i < STEP && !elements.empty(); ++i) {
       const Element element = std::move(elements.back());
@@ -106,10 +106,10 @@ void KnownItems::leave() {
 // --- Emblems --------------------------------------------------------------------------------------------------------
 
 std::string KnownItems::emblem(const std::string& path, manager::FileInfo* file) {
-  Folder* folder = find(plugin::folderOf(path));
+  Folder* folder = find(client::folderOf(path));
   if (!folder) return module_.plugin().emblem(path, std::make_unique<ShownFile>(file));
   if (folder->items.size() >= folder->crowded) dropGone(*folder);
-  Item& item = folder->items[std::string(plugin::nameOf(path))];
+  Item& item = folder->items[std::string(client::nameOf(path))];
   item.file = std::make_shared<ShownFile>(file);
   if (folder->shown == 0) return item.emblem;
   auto emblem = module_.plugin().emblem(path, std::make_unique<ShownFile>(file));

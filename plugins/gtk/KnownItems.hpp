@@ -57,9 +57,9 @@ class KnownItems {
   Module& module_;
   std::unordered_map<std::string, Folder> folders_;
   std::vector<std::string> returned_;  ///< folders that came back to the front, until their emblems are settled
-  plugin::SlicedWork work_;
-  plugin::Timer leaving_;
-  plugin::Timer settling_;
+  client::SlicedWork work_;
+  client::Timer leaving_;
+  client::Timer settling_;
 };
 
 }  // namespace vornet::gtk

@@ -16,11 +16,11 @@ namespace {
 /// What an item does when it is chosen. All items of a menu share the selection.
 struct Choice {
   std::string action;
-  std::shared_ptr<const plugin::Selection> selection;
+  std::shared_ptr<const client::Selection> selection;
 };
 
 void perform(manager::MenuItem*, gpointer data) {
-  plugin::guarded([data] {
+  client::guarded([data] {
     const auto* choice = static_cast<const Choice*>(data);
     if (Module* module = Module::current()) module->plugin().perform(choice->action, *choice->selection);
   });
@@ -31,9 +31,9 @@ void drop(gpointer data, GClosure*) {
 }
 
 /// Empty when one of the files is no local one. Reads no more files than are worth it.
-plugin::Selection read(const GList* files) {
-  plugin::Selection selection;
-  for (; files && selection.size() <= plugin::Plugin::LARGEST_SELECTION; files = files->next) {
+client::Selection read(const GList* files) {
+  client::Selection selection;
+  for (; files && selection.size() <= client::Plugin::LARGEST_SELECTION; files = files->next) {
     auto path = pathOf(static_cast<manager::FileInfo*>(files->data));
     if (!path) return {};
     selection.push_back(std::move(*path));
@@ -41,7 +41,7 @@ plugin::Selection read(const GList* files) {
   return selection;
 }
 
-manager::MenuItem* makeItem(const plugin::MenuEntry& entry, std::shared_ptr<const plugin::Selection> selection) {
+manager::MenuItem* makeItem(const client::MenuEntry& entry, std::shared_ptr<const client::Selection> selection) {
   auto choice = std::make_unique<Choice>(Choice{entry.action, std::move(selection)});
   const std::string name = ENTRY_NAME + entry.action;
   auto* item = VORNET_CALL(menu_item_new)(name.c_str(), entry.title.c_str(), entry.title.c_str(),
@@ -54,7 +54,7 @@ manager::MenuItem* makeItem(const plugin::MenuEntry& entry, std::shared_ptr<cons
 }  // namespace
 
 GList* menuItems(Menus& menus, const GList* files) {
-  const auto selection = std::make_shared<const plugin::Selection>(read(files));
+  const auto selection = std::make_shared<const client::Selection>(read(files));
   GList* items = nullptr;
   // Asked for nothing as well: the selection before is none any more.
   for (const auto& entry : menus.menu(*selection)) items = g_list_prepend(items, makeItem(entry, selection));

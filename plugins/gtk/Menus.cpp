@@ -18,7 +18,7 @@ constexpr std::size_t MOST_REMEMBERED = 8;
 
 }  // namespace
 
-plugin::Menu Menus::menu(const plugin::Selection& selection) {
+client::Menu Menus::menu(const client::Selection& selection) {
   const bool isEcho = changedAt_ != 0 && g_get_monotonic_time() - changedAt_ < std::chrono::microseconds(ECHO).count();
   if (isEcho && selection != last_) {
     const auto found = std::ranges::find(remembered_, selection, &decltype(remembered_)::value_type::first);
@@ -34,9 +34,9 @@ plugin::Menu Menus::menu(const plugin::Selection& selection) {
   return menu;
 }
 
-plugin::Menu Menus::changed() {
+client::Menu Menus::changed() {
   auto menu = module_.plugin().menu(last_);
-  if (std::ranges::any_of(menu, &plugin::MenuEntry::enabled)) {
+  if (std::ranges::any_of(menu, &client::MenuEntry::enabled)) {
     remember(last_, menu);
   } else {
     remembered_.clear();  // something else than an answer: what was true of the others may be so no longer
@@ -45,7 +45,7 @@ plugin::Menu Menus::changed() {
   return menu;
 }
 
-void Menus::remember(const plugin::Selection& selection, const plugin::Menu& menu) {
+void Menus::remember(const client::Selection& selection, const client::Menu& menu) {
   std::erase_if(remembered_, [&](const auto& one) { return one.first == selection; });
   remembered_.emplace_front(selection, menu);
   if (remembered_.size() > MOST_REMEMBERED) remembered_.pop_back();

@@ -19,18 +19,18 @@ class Menus {
  public:
   explicit Menus(Module& module) : module_(module) {}
 
-  /// As plugin::Plugin::menu().
-  plugin::Menu menu(const plugin::Selection& selection);
+  /// As client::Plugin::menu().
+  client::Menu menu(const client::Selection& selection);
 
   /// The library has an answer. The menu that it is, of the last selection.
-  plugin::Menu changed();
+  client::Menu changed();
 
  private:
-  void remember(const plugin::Selection& selection, const plugin::Menu& menu);
+  void remember(const client::Selection& selection, const client::Menu& menu);
 
   Module& module_;
-  plugin::Selection last_;
-  std::list<std::pair<plugin::Selection, plugin::Menu>> remembered_;  ///< the latest first
+  client::Selection last_;
+  std::list<std::pair<client::Selection, client::Menu>> remembered_;  ///< the latest first
   gint64 changedAt_ = 0;                                              ///< monotonic, in microseconds
 };
 

@@ -40,7 +40,7 @@ Module::~Module() {
   g_weak_ref_clear(&provider_);
 }
 
-plugin::Plugin& Module::plugin() {
+client::Plugin& Module::plugin() {
   if (!plugin_) plugin_.emplace(*this);
   return *plugin_;
 }
@@ -50,7 +50,7 @@ void Module::setProvider(GObject* provider) {
 }
 
 void Module::menuChanged() {
-  plugin::guarded([this] {
+  client::guarded([this] {
     refreshOpenMenu(menus_.changed());
     auto* provider = static_cast<manager::MenuProvider*>(g_weak_ref_get(&provider_));
     if (!provider) return;
@@ -65,11 +65,11 @@ void Module::menuChanged() {
 extern "C" {
 
 G_MODULE_EXPORT void VORNET_CALL(module_initialize)(GTypeModule* types) {
-  vornet::plugin::guarded([types] { vornet::gtk::Module::load(types); });
+  vornet::client::guarded([types] { vornet::gtk::Module::load(types); });
 }
 
 G_MODULE_EXPORT void VORNET_CALL(module_shutdown)() {
-  vornet::plugin::guarded([] { vornet::gtk::Module::unload(); });
+  vornet::client::guarded([] { vornet::gtk::Module::unload(); });
 }
 
 G_MODULE_EXPORT void VORNET_CALL(module_list_types)(const GType** types, int* count) {

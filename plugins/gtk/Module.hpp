@@ -14,7 +14,7 @@ namespace vornet::gtk {
 class FolderWatch;
 
 /// What lives from the file manager's loading of the plug-in to its unloading. One at a time; the main thread's.
-class Module : public plugin::FileManager {
+class Module : public client::FileManager {
  public:
   /// The one that there is; null before loading and after unloading.
   static Module* current();
@@ -27,7 +27,7 @@ class Module : public plugin::FileManager {
   ~Module() override;
 
   /// Made when it is first needed.
-  plugin::Plugin& plugin();
+  client::Plugin& plugin();
 
   KnownItems& items() { return items_; }
   Menus& menus() { return menus_; }
@@ -41,7 +41,7 @@ class Module : public plugin::FileManager {
  private:
   Module();
 
-  std::optional<plugin::Plugin> plugin_;
+  std::optional<client::Plugin> plugin_;
   KnownItems items_;
   Menus menus_;
   std::unique_ptr<FolderWatch> folders_;

@@ -60,7 +60,7 @@ class Listening {
 /// Calls `function` of the listener that a handler was connected with.
 template <typename Listener, typename Function>
 void tell(gpointer listener, Function function) {
-  plugin::guarded([&] { function(*static_cast<Listener*>(listener)); });
+  client::guarded([&] { function(*static_cast<Listener*>(listener)); });
 }
 
 /// One tab of a window.
@@ -95,7 +95,7 @@ class Slot {
     g_object_get(slot_.object(), "active", &active, "location", &location, nullptr);
     const std::unique_ptr<char, decltype(&g_free)> url(location ? g_file_get_uri(location) : nullptr, g_free);
     g_clear_object(&location);
-    tab_.update(plugin::pathOfURL(url.get()), active);
+    tab_.update(client::pathOfURL(url.get()), active);
   }
 
   Listening slot_;

@@ -10,7 +10,7 @@
 namespace vornet::gtk {
 namespace {
 
-void refreshItem(GtkWidget* item, const plugin::Menu& menu) {
+void refreshItem(GtkWidget* item, const client::Menu& menu) {
   if (!gtk_widget_get_mapped(item) || !g_object_class_find_property(G_OBJECT_GET_CLASS(item), "related-action")) return;
   GObject* action = nullptr;
   g_object_get(item, "related-action", &action, nullptr);
@@ -27,17 +27,17 @@ void refreshItem(GtkWidget* item, const plugin::Menu& menu) {
 }
 
 void refresh(GtkWidget* widget, gpointer data) {
-  if (GTK_IS_MENU_ITEM(widget)) refreshItem(widget, *static_cast<const plugin::Menu*>(data));
+  if (GTK_IS_MENU_ITEM(widget)) refreshItem(widget, *static_cast<const client::Menu*>(data));
   if (GTK_IS_CONTAINER(widget)) gtk_container_forall(GTK_CONTAINER(widget), refresh, data);
 }
 
 }  // namespace
 
-void refreshOpenMenu(const plugin::Menu& menu) {
+void refreshOpenMenu(const client::Menu& menu) {
   const std::unique_ptr<GList, decltype(&g_list_free)> windows(gtk_window_list_toplevels(), g_list_free);
   for (const GList* window = windows.get(); window; window = window->next) {
     auto* content = gtk_bin_get_child(GTK_BIN(window->data));
-    if (GTK_IS_MENU(content)) refresh(content, const_cast<plugin::Menu*>(&menu));
+    if (GTK_IS_MENU(content)) refresh(content, const_cast<client::Menu*>(&menu));
   }
 }
 

@@ -16,7 +16,7 @@ using namespace manager;
 
 /// Always complete: a file that is left unfinished holds back all others of its folder.
 OperationResult updateFileInfo(InfoProvider*, FileInfo* file, GClosure*, OperationHandle**) {
-  return plugin::guarded(COMPLETE, [file] {
+  return client::guarded(COMPLETE, [file] {
     Module* module = Module::current();
     const auto path = pathOf(file);
     if (!module || !path) return COMPLETE;
@@ -29,7 +29,7 @@ OperationResult updateFileInfo(InfoProvider*, FileInfo* file, GClosure*, Operati
 void cancelUpdate(InfoProvider*, OperationHandle*) {}
 
 GList* fileItems(const GList* files) {
-  return plugin::guarded<GList*>(nullptr, [files]() -> GList* {
+  return client::guarded<GList*>(nullptr, [files]() -> GList* {
     Module* module = Module::current();
     return module ? menuItems(module->menus(), files) : nullptr;
   });

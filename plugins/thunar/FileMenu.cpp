@@ -9,12 +9,12 @@ namespace {
 
 /// What choosing an entry does.
 struct Choice {
-  std::weak_ptr<plugin::Plugin> plugin;
+  std::weak_ptr<client::Plugin> plugin;
   std::string action;
-  std::shared_ptr<const plugin::Selection> selection;
+  std::shared_ptr<const client::Selection> selection;
 
   static void made(ThunarxMenuItem*, gpointer self) {
-    plugin::guarded([self] {
+    client::guarded([self] {
       const auto& choice = *static_cast<Choice*>(self);
       if (const auto plugin = choice.plugin.lock()) plugin->perform(choice.action, *choice.selection);
     });
@@ -22,32 +22,32 @@ struct Choice {
   static void dispose(gpointer self, GClosure*) { delete static_cast<Choice*>(self); }
 };
 
-bool isEnabled(const plugin::MenuEntry& entry) {
+bool isEnabled(const client::MenuEntry& entry) {
   return entry.enabled;
 }
 
 }  // namespace
 
-FileMenu::FileMenu() : plugin_(std::make_shared<plugin::Plugin>(*this)) {}
+FileMenu::FileMenu() : plugin_(std::make_shared<client::Plugin>(*this)) {}
 
 void FileMenu::prepare() {
   // Any selection has the extension started and asked for the synced folder; this one is never asked about.
   if (selection_->empty()) plugin_->menu({"/"});
 }
 
-void FileMenu::selected(const plugin::Selection& selection) {
+void FileMenu::selected(const client::Selection& selection) {
   if (selection != *selection_) {
-    selection_ = std::make_shared<plugin::Selection>(selection);
+    selection_ = std::make_shared<client::Selection>(selection);
     shown_.clear();
   }
   plugin_->menu(selection);
 }
 
-GList* FileMenu::entriesFor(const plugin::Selection& selection) {
-  selection_ = std::make_shared<plugin::Selection>(selection);
+GList* FileMenu::entriesFor(const client::Selection& selection) {
+  selection_ = std::make_shared<client::Selection>(selection);
   shown_.clear();
   const auto menu = plugin_->menu(selection);
-  if (selection.size() > plugin::Plugin::LARGEST_SELECTION) return nullptr;  // none would ever apply
+  if (selection.size() > client::Plugin::LARGEST_SELECTION) return nullptr;  // none would ever apply
   const bool anyEnabled = std::any_of(menu.begin(), menu.end(), isEnabled);
   GList* items = nullptr;
   for (const auto& entry : menu) {
@@ -56,7 +56,7 @@ GList* FileMenu::entriesFor(const plugin::Selection& selection) {
   return items;
 }
 
-ThunarxMenuItem* FileMenu::itemFor(const plugin::MenuEntry& entry) {
+ThunarxMenuItem* FileMenu::itemFor(const client::MenuEntry& entry) {
   ThunarxMenuItem* item = thunarx_menu_item_new(("VornetVI::" + entry.action).c_str(), entry.title.c_str(), nullptr,
                                                 entry.icon.empty() ? nullptr : entry.icon.c_str());
   thunarx_menu_item_set_sensitive(item, entry.enabled);
@@ -67,7 +67,7 @@ ThunarxMenuItem* FileMenu::itemFor(const plugin::MenuEntry& entry) {
 }
 
 void FileMenu::menuChanged() {
-  plugin::guarded([this] {
+  client::guarded([this] {
     if (!shown_.any()) return;
     const auto menu = plugin_->menu(*selection_);
     shown_.setEnabled([&menu](const std::string& action) {

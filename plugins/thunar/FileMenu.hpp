@@ -12,7 +12,7 @@ namespace vornet::thunar {
 /// The entries for what is selected. Thunar asks for them when a menu opens, which is too late to ask the extension;
 /// so selected() asks ahead. Entries that were shown before the answer came are greyed, and follow it.
 /// The main thread's only.
-class FileMenu : public plugin::FileManager {
+class FileMenu : public client::FileManager {
  public:
   FileMenu();
 
@@ -20,19 +20,19 @@ class FileMenu : public plugin::FileManager {
   void prepare();
 
   /// The user has selected that.
-  void selected(const plugin::Selection& selection);
+  void selected(const client::Selection& selection);
 
   /// New entries for a menu that opens; the caller's to free, with their list. Those that do not apply are left out,
   /// for Thunar would show them like the others; unless none applies, or none is known yet to apply.
-  GList* entriesFor(const plugin::Selection& selection);
+  GList* entriesFor(const client::Selection& selection);
 
   void menuChanged() override;
 
  private:
-  ThunarxMenuItem* itemFor(const plugin::MenuEntry& entry);
+  ThunarxMenuItem* itemFor(const client::MenuEntry& entry);
 
-  std::shared_ptr<plugin::Plugin> plugin_;  ///< entries that outlive this object hold weak pointers
-  std::shared_ptr<const plugin::Selection> selection_ = std::make_shared<plugin::Selection>();
+  std::shared_ptr<client::Plugin> plugin_;  ///< entries that outlive this object hold weak pointers
+  std::shared_ptr<const client::Selection> selection_ = std::make_shared<client::Selection>();
   ShownEntries shown_;
 };
 

@@ -24,7 +24,7 @@ class Session {
  private:
   FileMenu menu_;
   SelectionWatch watch_{{.viewShown = [this] { menu_.prepare(); },
-                         .selected = [this](const plugin::Selection& selection) { menu_.selected(selection); }}};
+                         .selected = [this](const client::Selection& selection) { menu_.selected(selection); }}};
 };
 
 Session* session = nullptr;  // not destroyed by the process's end, when other libraries may be gone already
@@ -36,7 +36,7 @@ GType types[1] = {};
 extern "C" {
 
 G_MODULE_EXPORT void thunar_extension_initialize(ThunarxProviderPlugin* plugin) {
-  vornet::plugin::guarded([plugin] {
+  vornet::client::guarded([plugin] {
     // The code stays: GLib may still hold callbacks into it.
     thunarx_provider_plugin_set_resident(plugin, TRUE);
     vornet::thunar::types[0] = vornet::thunar::registerProvider(plugin);
@@ -45,7 +45,7 @@ G_MODULE_EXPORT void thunar_extension_initialize(ThunarxProviderPlugin* plugin) 
 }
 
 G_MODULE_EXPORT void thunar_extension_shutdown() {
-  vornet::plugin::guarded([] { delete std::exchange(vornet::thunar::session, nullptr); });
+  vornet::client::guarded([] { delete std::exchange(vornet::thunar::session, nullptr); });
 }
 
 G_MODULE_EXPORT void thunar_extension_list_types(const GType** types, gint* count) {

@@ -19,7 +19,7 @@ struct ProviderClass {
 };
 
 GList* fileMenuItems(ThunarxMenuProvider*, GtkWidget*, GList* files) {
-  return plugin::guarded<GList*>(nullptr, [files] { return entries() ? entries()(files) : nullptr; });
+  return client::guarded<GList*>(nullptr, [files] { return entries() ? entries()(files) : nullptr; });
 }
 
 /// Without an operation for a folder's background, which has no entries.

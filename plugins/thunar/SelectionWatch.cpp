@@ -46,7 +46,7 @@ void SelectionWatch::forget() {
 }
 
 gboolean SelectionWatch::mapped(GSignalInvocationHint*, guint count, const GValue* values, gpointer self) {
-  plugin::guarded([=] {
+  client::guarded([=] {
     GObject* widget = count > 0 && G_VALUE_HOLDS_OBJECT(values) ? G_OBJECT(g_value_get_object(values)) : nullptr;
     if (!widget || !isView(widget)) return;
     auto& watch = *static_cast<SelectionWatch*>(self);
@@ -60,7 +60,7 @@ gboolean SelectionWatch::mapped(GSignalInvocationHint*, guint count, const GValu
 }
 
 void SelectionWatch::changed(GObject* view, GParamSpec*, gpointer self) {
-  plugin::guarded([=] {
+  client::guarded([=] {
     auto& watch = *static_cast<SelectionWatch*>(self);
     g_weak_ref_set(&watch.view_, view);
     // Once for all the changes that one movement of the user makes.
@@ -69,7 +69,7 @@ void SelectionWatch::changed(GObject* view, GParamSpec*, gpointer self) {
 }
 
 gboolean SelectionWatch::tell(gpointer self) {
-  plugin::guarded([self] {
+  client::guarded([self] {
     auto& watch = *static_cast<SelectionWatch*>(self);
     watch.telling_ = 0;
     const std::unique_ptr<void, decltype(&g_object_unref)> view(g_weak_ref_get(&watch.view_), g_object_unref);

@@ -14,7 +14,7 @@ class SelectionWatch {
  public:
   struct Listener {
     std::function<void()> viewShown;
-    std::function<void(const plugin::Selection&)> selected;
+    std::function<void(const client::Selection&)> selected;
   };
 
   explicit SelectionWatch(Listener listener);

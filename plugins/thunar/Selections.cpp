@@ -7,12 +7,12 @@
 
 namespace vornet::thunar {
 
-plugin::Selection selectionOf(const GList* files) {
-  plugin::Selection selection;
-  for (; files && selection.size() <= plugin::Plugin::LARGEST_SELECTION; files = files->next) {
+client::Selection selectionOf(const GList* files) {
+  client::Selection selection;
+  for (; files && selection.size() <= client::Plugin::LARGEST_SELECTION; files = files->next) {
     const std::unique_ptr<gchar, decltype(&g_free)> url(thunarx_file_info_get_uri(THUNARX_FILE_INFO(files->data)),
                                                         g_free);
-    auto path = plugin::pathOfURL(url.get());
+    auto path = client::pathOfURL(url.get());
     if (!path) return {};
     selection.push_back(*std::move(path));
   }

@@ -7,6 +7,6 @@ namespace vornet::thunar {
 
 /// The paths of `files`, a list of ThunarxFileInfo; empty when any has none on this machine (the trash, a share). Of
 /// more than Plugin::LARGEST_SELECTION only one more is read.
-plugin::Selection selectionOf(const GList* files);
+client::Selection selectionOf(const GList* files);
 
 }  // namespace vornet::thunar

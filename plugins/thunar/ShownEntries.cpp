@@ -49,7 +49,7 @@ void ShownEntries::setEnabled(const std::function<bool(const std::string& action
 }
 
 gboolean ShownEntries::bind(gpointer self) {
-  plugin::guarded([self] {
+  client::guarded([self] {
     auto& shown = *static_cast<ShownEntries*>(self);
     shown.binding_ = 0;
     std::vector<Item> items;
