@@ -20,6 +20,7 @@
 
 #include "client/Paths.hpp"
 #include "client/Plugin.hpp"
+#include "dbus/Interface.hpp"
 #include "support/PeerBus.hpp"
 #include "support/Require.hpp"
 
@@ -29,7 +30,6 @@ namespace {
 using client::Menu;
 using client::Plugin;
 
-constexpr const char* INTERFACE = "com.vornet.FinderSync1";
 constexpr const char* PROPERTIES = "org.freedesktop.DBus.Properties";
 const std::string ROOT = "/k";
 const std::string FOLDER = ROOT + "/f";
@@ -268,13 +268,14 @@ class Session {
     GVariant* folders =
         input_.yes() ? listOf({input_.url(), "file://" + ROOT + "/"}) : g_variant_new_string(input_.text().c_str());
     g_variant_builder_add(&properties, "{sv}", "ObservedFolders", folders);
-    bus().send(PROPERTIES, "PropertiesChanged", g_variant_new("(sa{sv}as)", INTERFACE, &properties, nullptr), [] {});
+    bus().send(PROPERTIES, "PropertiesChanged", g_variant_new("(sa{sv}as)", dbus::INTERFACE, &properties, nullptr),
+               [] {});
   }
 
   void sendChanges() {
     if (input_.rarely()) {
       const auto values = input_.nonsense();
-      return bus().send(INTERFACE, "BadgesChanged", g_variant_ref(values.get()), [] {});
+      return bus().send(dbus::INTERFACE, "BadgesChanged", g_variant_ref(values.get()), [] {});
     }
     Changes changes;
     for (int count = input_.upTo(6); count > 0; --count) changes.emplace_back(input_.url(), input_.identifier());
@@ -282,7 +283,7 @@ class Session {
   }
 
   void send(const Changes& changes) {
-    bus().send(INTERFACE, "BadgesChanged", valuesOf(changes), [&] {
+    bus().send(dbus::INTERFACE, "BadgesChanged", valuesOf(changes), [&] {
       const std::lock_guard guard(mutex_);
       for (const auto& [url, identifier] : changes) {
         if (const auto path = client::pathOfURL(url.c_str())) told_[*path] = identifier;

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "dbus/Interface.hpp"
 #include "support/Require.hpp"
 
 namespace vornet::fuzz {
@@ -10,7 +11,6 @@ namespace {
 
 constexpr const char* BUS = "org.freedesktop.DBus";
 constexpr const char* EXTENSION = ":1.1";  // its unique name
-constexpr const char* OBJECT_PATH = "/com/vornet/FinderSync1";
 
 }  // namespace
 
@@ -65,7 +65,7 @@ std::size_t PeerBus::calls(const std::string& method) {
 }
 
 void PeerBus::send(const char* interface, const char* signal, GVariant* values, const std::function<void()>& sending) {
-  GDBusMessage* message = g_dbus_message_new_signal(OBJECT_PATH, interface, signal);
+  GDBusMessage* message = g_dbus_message_new_signal(dbus::OBJECT_PATH, interface, signal);
   g_dbus_message_set_sender(message, EXTENSION);
   g_dbus_message_set_body(message, values);
   {
@@ -96,7 +96,8 @@ void PeerBus::take(GDBusConnection* connection, GDBusMessage* call) {
     reply = g_dbus_message_new_method_reply(call);
     g_dbus_message_set_body(reply, values);
   } else {
-    reply = g_dbus_message_new_method_error_literal(call, "com.vornet.FinderSync1.Error.Failed", "refused");
+    reply = g_dbus_message_new_method_error_literal(
+        call, (std::string(dbus::ERROR_PREFIX) + dbus::error::FAILED).c_str(), "refused");
   }
   const char* destination = g_dbus_message_get_destination(call);
   g_dbus_message_set_sender(reply, g_strcmp0(destination, BUS) == 0 ? BUS : EXTENSION);
