@@ -210,7 +210,7 @@ TEST_F(FinderSyncServiceTest, AFilledFolderIsCorrectedHoweverManyCallsWait) {
   }
   pressing.property("Version");  // all of them have arrived
   filled = true;
-  extension.folderFilled(FileURL::fileURLWithPath(root));
+  extension.folderFilled(FileURL::fileURLWithPath(root), true);
   gate.open();
   EXPECT_TRUE(client->waitForChange(url("x"), "SYNCED"));
   EXPECT_TRUE(pressing.waitUntil([&] { return answered == CALLS; }));

@@ -56,8 +56,8 @@ void FinderSync::setFileSyncStatus(const FileURL& url, std::int64_t status) {
   finder().setBadgeIdentifier(found == statusMap().end() ? statusNone : found->second, url);
 }
 
-void FinderSync::folderFilled(const FileURL& folder) {
-  finder().invalidateBadges(folder);
+void FinderSync::folderFilled(const FileURL& folder, bool first) {
+  if (first) finder().invalidateBadges(folder);  // else each change was reported by itself
 }
 
 void FinderSync::enableVI(const std::set<FileURL>& dirs) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -45,8 +46,14 @@ class FinderSync : public platform::FIFinderSync, public StatusSink {
   /// Shows the badge of `status` on `url`; a status without one removes it.
   void setFileSyncStatus(const platform::FileURL& url, std::int64_t status) override;
 
-  /// Has the file manager ask again, where it can, for the badges of the items in `folder`.
-  void folderFilled(const platform::FileURL& folder) override;
+  /// After the first fill, has the file manager ask again, where it can, for the badges of the items in `folder`.
+  void folderFilled(const platform::FileURL& folder, bool first) override;
+
+  void syncApplicationAnswered(bool answered) override { syncApplicationAnswers_ = answered; }
+
+  /// Whether the sync application answered the last request for statuses; false before the first. Any thread.
+  /// Kept ready; nothing calls it yet.
+  bool syncApplicationAnswers() const noexcept { return syncApplicationAnswers_; }
 
   /// Makes `dirs`, or nothing, the folders that the file manager observes for this extension.
   void enableVI(const std::set<platform::FileURL>& dirs) override;
@@ -89,6 +96,7 @@ class FinderSync : public platform::FIFinderSync, public StatusSink {
   std::vector<std::string> selectedCloudPaths() const;
 
   RESTClient client_;
+  std::atomic<bool> syncApplicationAnswers_{false};
 };
 
 }  // namespace vornet
