@@ -4,6 +4,7 @@
 
 #include "extension/AppConst.hpp"
 #include "logging/Logging.hpp"
+#include "paths/Paths.hpp"
 #include "rest/RESTPollingManager.hpp"
 
 namespace vornet {
@@ -89,6 +90,19 @@ void FinderSync::requestBadgeIdentifierForURL(const FileURL& url) {
   const auto found = statusMap().find(*status);
   if (found == statusMap().end()) return;
   finder().setBadgeIdentifier(found->second, url);
+}
+
+bool FinderSync::isCached(const FileURL& url) const {
+  return requiredStatusManager().isCached(url);
+}
+
+std::size_t FinderSync::maxFolders() noexcept {
+  return RESTPollingManager::MAX_CACHE_DIRS;
+}
+
+void FinderSync::keepCached(const std::string& folder) {
+  RESTPollingManager& manager = requiredStatusManager();
+  if (const auto* root = manager.rootDir()) manager.dirCache().enterNewDir(getCloudPath(*root, folder) + "/");
 }
 
 }  // namespace vornet

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -65,6 +66,16 @@ class FinderSync : public platform::FIFinderSync, public StatusSink {
 
   /// Sets the badge of `url` before returning when its status is known and has one; else leaves it as it is.
   void requestBadgeIdentifierForURL(const platform::FileURL& url) override;
+
+  /// Whether requestBadgeIdentifierForURL answers for `url` from memory now. False while the synced folder is unknown,
+  /// and for a URL without a path. Never waits.
+  bool isCached(const platform::FileURL& url) const;
+
+  /// How many folders can be kept up to date at the same time.
+  static std::size_t maxFolders() noexcept;
+
+  /// Makes `folder` (a local path), which is being observed, the last of these folders to be given up for another.
+  void keepCached(const std::string& folder);
 
   std::string toolbarItemName() const override;
   std::string toolbarItemToolTip() const override;
