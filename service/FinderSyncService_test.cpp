@@ -8,7 +8,8 @@
 #include <optional>
 #include <thread>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
+#include "extension/SharedObjects.hpp"
 #include "rest/RESTPollingManager.hpp"
 #include "support/BusClient.hpp"
 #include "support/Databases.hpp"

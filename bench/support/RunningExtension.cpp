@@ -4,7 +4,7 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
 #include "platform/Foundation.hpp"
 #include "support/Databases.hpp"
 #include "support/Items.hpp"

@@ -2,7 +2,8 @@
 
 #include <mutex>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
+#include "extension/SharedObjects.hpp"
 #include "logging/Logging.hpp"
 #include "paths/Paths.hpp"
 #include "rest/RESTPollingManager.hpp"

@@ -2,8 +2,9 @@
 #include <algorithm>
 #include <array>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
 #include "extension/FinderSync.hpp"
+#include "extension/SharedObjects.hpp"
 #include "logging/Logging.hpp"
 #include "logging/PrintedForm.hpp"
 #include "paths/Paths.hpp"

@@ -6,7 +6,8 @@
 
 #include <fstream>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
+#include "extension/SharedObjects.hpp"
 #include "logging/Logging.hpp"
 #include "platform/linux/FinderSyncHost.hpp"
 #include "platform/linux/Host.hpp"

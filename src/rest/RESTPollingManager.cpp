@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
 #include "logging/Logging.hpp"
 #include "logging/PrintedForm.hpp"
 #include "paths/JSON.hpp"

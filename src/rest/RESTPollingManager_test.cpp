@@ -10,7 +10,7 @@
 #include <map>
 #include <mutex>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
 #include "paths/JSON.hpp"
 #include "support/Databases.hpp"
 #include "support/Environment.hpp"
