@@ -488,6 +488,18 @@ TEST_F(FinderSyncActionTest, ViewInCloudRefusesOnlyAnEmptySelectionAndSilently) 
   EXPECT_THAT(log.messages(), IsEmpty());
 }
 
+TEST_F(FinderSyncActionTest, LogLinesNameTheSourceFileFinderSyncAndTheOperation) {
+  enabledTitles(sync, {item("x")});
+  perform(&FinderSync::viewInCloud, {item("x")});
+  perform(&FinderSync::notes, {});
+  perform(&FinderSync::viewVersions, {});
+  std::vector<std::string> functions;
+  for (const auto& record : log.records()) {
+    if (std::filesystem::path(record.fileName).stem() == "FinderSync") functions.push_back(record.functionName);
+  }
+  EXPECT_THAT(functions, ElementsAre("menuForMenuKind", "menuForMenuKind", "viewInCloud", "notes", "viewVersions"));
+}
+
 // --- Selectors ------------------------------------------------------------------------------------------------------
 
 TEST_F(FinderSyncActionTest, EveryMenuActionIsPerformedByItsSelector) {
