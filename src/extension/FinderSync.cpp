@@ -1,10 +1,10 @@
 #include "extension/FinderSync.hpp"
 
 #include <algorithm>
-#include <array>
 #include <mutex>
 
 #include "base/AppConst.hpp"
+#include "base/MenuEntries.hpp"
 #include "extension/SharedObjects.hpp"
 #include "logging/Logging.hpp"
 #include "logging/PrintedForm.hpp"
@@ -32,20 +32,6 @@ void makeStatusManager(FinderSync& controller) {
   statusManager()->setFinderSync(&controller);
   statusManager()->start_listener();
 }
-
-struct Entry {
-  std::string_view title;
-  std::string_view action;
-  std::string_view key;  // in the sync application's answer
-};
-
-constexpr std::array<Entry, 5> ENTRIES = {{
-    {"Share", "share:", MENU_SHARE_AS_LINK},
-    {"Copy Link", "copyLink:", MENU_COPY_LINK},
-    {"Comments", "notes:", MENU_VIEW_NOTES},
-    {"View versions", "viewVersions:", MENU_VIEW_VERSIONS},
-    {"View in Cloud", "viewInCloud:", MENU_CFS},
-}};
 
 bool isTrue(const std::map<std::string, bool>& map, std::string_view key) {
   const auto found = map.find(std::string(key));
@@ -159,23 +145,24 @@ std::optional<platform::ContextMenu> FinderSync::menuForMenuKind(platform::FIMen
   const auto answer = manager.menu().menuEnabledDict(selectedCloudPaths());
   VI_DEBUG("File menu activation status: " + printedForm(answer));
   platform::ContextMenu menu;
-  for (const auto& entry : ENTRIES) {
+  for (const auto& entry : MENU_ENTRIES) {
     menu.items.push_back({.title = std::string(entry.title),
-                          .action = std::string(entry.action),
+                          .action = std::string(entry.selector),
                           .image = vornetImg(),
-                          .enabled = isTrue(answer, entry.key)});
+                          .enabled = isTrue(answer, entry.identifier)});
   }
   return menu;
 }
 
 bool FinderSync::isMenuAction(std::string_view selector) {
-  return std::any_of(ENTRIES.begin(), ENTRIES.end(), [&](const Entry& entry) { return entry.action == selector; });
+  return std::any_of(MENU_ENTRIES.begin(), MENU_ENTRIES.end(),
+                     [&](const MenuEntry& entry) { return entry.selector == selector; });
 }
 
 void FinderSync::viewInCloud() {
   const platform::AutoreleasePool pool;
   const auto paths = selectedCloudPaths();
-  if (paths.empty()) return;
+  if (!menuEntry(MENU_CFS).takes(paths.size())) return;
   VI_DEBUG("View in cloud triggered for: " + printedForm(paths));
   requiredStatusManager().menu().viewInCloud(paths);
 }
@@ -183,7 +170,7 @@ void FinderSync::viewInCloud() {
 void FinderSync::notes() {
   const platform::AutoreleasePool pool;
   const auto paths = selectedCloudPaths();
-  if (paths.size() != 1) {
+  if (!menuEntry(MENU_VIEW_NOTES).takes(paths.size())) {
     VI_DEBUG("Unable to view notes, " + std::to_string(paths.size()) + " files selected");
     return;
   }
@@ -193,7 +180,7 @@ void FinderSync::notes() {
 void FinderSync::viewVersions() {
   const platform::AutoreleasePool pool;
   const auto paths = selectedCloudPaths();
-  if (paths.size() != 1) {
+  if (!menuEntry(MENU_VIEW_VERSIONS).takes(paths.size())) {
     VI_DEBUG("Unable to view versions, " + std::to_string(paths.size()) + " files selected");
     return;
   }
