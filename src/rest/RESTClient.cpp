@@ -7,7 +7,7 @@
 #include <mutex>
 #include <new>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
 #include "platform/Foundation.hpp"
 #include "platform/Loopback.hpp"
 
