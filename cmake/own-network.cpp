@@ -1,6 +1,6 @@
-// own-network PROGRAM [ARGUMENT…]: runs a program with a network of its own, which has only a loopback interface, so that every
-// port is free. Without a program it only tries. Exit status 1 where the system does not allow it; needs no root where ordinary
-// users may make namespaces.
+// own-network PROGRAM [ARGUMENT…]: runs a program with a network of its own, which has only a loopback interface, so
+// that every port is free. Without a program it only tries. Exit status 1 where the system does not allow it; needs no
+// root where ordinary users may make namespaces.
 #include <fcntl.h>
 #include <net/if.h>
 #include <sched.h>
