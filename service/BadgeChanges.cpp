@@ -3,12 +3,14 @@
 #include <chrono>
 #include <map>
 
-#include "FinderSync1Names.hpp"
 #include "Selections.hpp"
 #include "platform/FinderSync.hpp"
 
 namespace vornet::service {
 namespace {
+
+constexpr const char* OBJECT_PATH = "/com/vornet/FinderSync1";
+constexpr const char* INTERFACE = "com.vornet.FinderSync1";
 
 // Long enough for the changes of one pass over a folder to become one signal, too short for an eye.
 constexpr std::chrono::milliseconds GATHERING{10};
@@ -29,7 +31,7 @@ void BadgeChanges::sendNow(const std::string& client, const Changes& changes) {
       g_variant_builder_add(&builder, "(ss)", changes[i].first.c_str(), changes[i].second.c_str());
     }
     // A client that has just left the bus is no error.
-    g_dbus_connection_emit_signal(connection_, client.c_str(), dbus::OBJECT_PATH, dbus::INTERFACE, "BadgesChanged",
+    g_dbus_connection_emit_signal(connection_, client.c_str(), OBJECT_PATH, INTERFACE, "BadgesChanged",
                                   g_variant_new("(a(ss))", &builder), nullptr);
   }
 }

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstring>
 
+#include "Selections.hpp"
+
 namespace vornet::service {
 namespace {
 
@@ -160,9 +162,9 @@ void CallGate::readBody() {
   const std::string_view bytes = message_.bytes;
   const auto header = readMessageHeader(bytes);
   const auto items = countListedTexts(bytes.substr(static_cast<std::size_t>(length_.header)),
-                                      header.value_or(MessageHeader()), dbus::MAX_URLS);
+                                      header.value_or(MessageHeader()), MAX_URLS);
   message_.items = items.value_or(0);
-  const bool tooMany = message_.items > dbus::MAX_URLS;
+  const bool tooMany = message_.items > MAX_URLS;
   const bool malformed = !items && bytes.size() > LARGEST_OTHER;  // the bus lets none through
   if (tooMany || malformed) {
     Client& client = clients_[message_.client];

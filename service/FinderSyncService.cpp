@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <exception>
 
-#include "FinderSync1Names.hpp"
 #include "Selections.hpp"
 #include "extension/AppConst.hpp"
 #include "paths/Paths.hpp"
@@ -16,14 +15,14 @@ namespace {
 using platform::FIFinderSyncController;
 using platform::FileURL;
 
+constexpr const char* OBJECT_PATH = "/com/vornet/FinderSync1";
+
 // As many as CallGate lets be under way, so that none waits here for a thread.
 constexpr std::size_t MENU_THREADS = 9;
 constexpr std::size_t BADGE_THREADS = 3;  // one of them for short calls
 
-static_assert(dbus::MAX_FOLDERS == RESTPollingManager::MAX_CACHE_DIRS, "as many as can be kept up to date");
-
 void refuse(GDBusMethodInvocation* invocation, const char* name, const std::string& message) {
-  const std::string error = std::string(dbus::ERROR_PREFIX) + name;
+  const std::string error = std::string("com.vornet.FinderSync1.Error.") + name;
   g_dbus_method_invocation_return_dbus_error(invocation, error.c_str(), message.c_str());
 }
 
@@ -44,10 +43,9 @@ std::vector<const gchar*> pointers(const std::vector<std::string>& texts) {
 
 /// Reads every URL; refuses the call, and gives none, when there are too many or one is malformed.
 std::optional<std::vector<FileURL>> readURLs(GDBusMethodInvocation* invocation, const std::vector<std::string>& texts) {
-  if (texts.size() > dbus::MAX_URLS) {
-    refuse(
-        invocation, dbus::error::TOO_MANY_URLS,
-        std::to_string(texts.size()) + " URLs in one call; at most " + std::to_string(dbus::MAX_URLS) + " are taken");
+  if (texts.size() > MAX_URLS) {
+    refuse(invocation, "TooManyURLs",
+           std::to_string(texts.size()) + " URLs in one call; at most " + std::to_string(MAX_URLS) + " are taken");
     return std::nullopt;
   }
   std::vector<FileURL> urls;
@@ -55,7 +53,7 @@ std::optional<std::vector<FileURL>> readURLs(GDBusMethodInvocation* invocation, 
   for (const auto& text : texts) {
     auto url = readURL(text);
     if (!url) {
-      refuse(invocation, dbus::error::INVALID_URL, "not a file URL: " + text);
+      refuse(invocation, "InvalidURL", "not a file URL: " + text);
       return std::nullopt;
     }
     urls.push_back(*std::move(url));
@@ -70,7 +68,7 @@ std::optional<std::vector<FileURL>> readSelection(GDBusMethodInvocation* invocat
   if (!urls) return std::nullopt;
   for (std::size_t i = 0; i < urls->size(); ++i) {
     if ((*urls)[i].path()) continue;
-    refuse(invocation, dbus::error::INVALID_URL, "a name that is not UTF-8: " + texts[i]);
+    refuse(invocation, "InvalidURL", "a name that is not UTF-8: " + texts[i]);
     return std::nullopt;
   }
   return urls;
@@ -118,7 +116,7 @@ bool FinderSyncService::start(std::string& error) {
   publishProperties();
   GError* failure = nullptr;
   exported_ =
-      g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(skeleton_), connection_, dbus::OBJECT_PATH, &failure);
+      g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(skeleton_), connection_, OBJECT_PATH, &failure);
   if (!exported_) {
     error = failure->message;
     g_error_free(failure);
@@ -234,28 +232,27 @@ void FinderSyncService::carryOut(WorkPool& pool, GDBusMethodInvocation* invocati
     try {
       work();
     } catch (const std::exception& error) {
-      refuse(invocation, dbus::error::FAILED, error.what());
+      refuse(invocation, "Failed", error.what());
     }
   });
 }
 
 void FinderSyncService::beginObserving(GDBusMethodInvocation* invocation, const std::string& folder) {
   const auto url = readURL(folder);
-  if (!url || !url->path()) return refuse(invocation, dbus::error::INVALID_URL, "not a file URL: " + folder);
+  if (!url || !url->path()) return refuse(invocation, "InvalidURL", "not a file URL: " + folder);
   const std::string& path = *url->path();
   if (!isWithin(observedRoots(), path)) {
-    return refuse(invocation, dbus::error::OUTSIDE_OBSERVED_FOLDERS, "not within an observed folder: " + path);
+    return refuse(invocation, "OutsideObservedFolders", "not within an observed folder: " + path);
   }
   if (platform::fileKindAtPath(path) != platform::FileKind::directory) {
-    return refuse(invocation, dbus::error::NOT_A_FOLDER, "not a folder: " + path);
+    return refuse(invocation, "NotAFolder", "not a folder: " + path);
   }
   const std::string client = g_dbus_method_invocation_get_sender(invocation);
   switch (observations_.begin(client, path)) {
     case ObservationRegistry::Begun::tooManyFolders:
-      return refuse(invocation, dbus::error::TOO_MANY_FOLDERS,
-                    "as many folders are observed as can be kept up to date");
+      return refuse(invocation, "TooManyFolders", "as many folders are observed as can be kept up to date");
     case ObservationRegistry::Begun::tooManyObservations:
-      return refuse(invocation, dbus::error::TOO_MANY_FOLDERS, "the caller has begun too many observations");
+      return refuse(invocation, "TooManyFolders", "the caller has begun too many observations");
     case ObservationRegistry::Begun::byTheFirst:
       keepOthersCached(path);
       platform::host::folderShown(path);
@@ -271,10 +268,10 @@ void FinderSyncService::beginObserving(GDBusMethodInvocation* invocation, const 
 
 void FinderSyncService::endObserving(GDBusMethodInvocation* invocation, const std::string& folder) {
   const auto url = readURL(folder);
-  if (!url || !url->path()) return refuse(invocation, dbus::error::INVALID_URL, "not a file URL: " + folder);
+  if (!url || !url->path()) return refuse(invocation, "InvalidURL", "not a file URL: " + folder);
   switch (observations_.end(g_dbus_method_invocation_get_sender(invocation), *url->path())) {
     case ObservationRegistry::Ended::notObserving:
-      return refuse(invocation, dbus::error::NOT_OBSERVING, "the caller does not observe " + *url->path());
+      return refuse(invocation, "NotObserving", "the caller does not observe " + *url->path());
     case ObservationRegistry::Ended::byNobody:
       endObservationOf(*url->path());
       break;
@@ -342,7 +339,7 @@ void FinderSyncService::answerBadges(GDBusMethodInvocation* invocation, const UR
   });
   switch (outcome) {
     case BadgeAnswers::Outcome::tooMuch:
-      return refuse(invocation, dbus::error::BUSY, "too much is to be looked up in a locked database");
+      return refuse(invocation, "Busy", "too much is to be looked up in a locked database");
     case BadgeAnswers::Outcome::inDoubt:
       return watchClient(client);
     case BadgeAnswers::Outcome::answered:
@@ -369,13 +366,12 @@ void FinderSyncService::getMenu(GDBusMethodInvocation* invocation, const Strings
 
 void FinderSyncService::performAction(GDBusMethodInvocation* invocation, const std::string& action,
                                       const Strings& selection) {
-  if (!FinderSync::isMenuAction(action))
-    return refuse(invocation, dbus::error::UNKNOWN_ACTION, "no such action: " + action);
+  if (!FinderSync::isMenuAction(action)) return refuse(invocation, "UnknownAction", "no such action: " + action);
   const auto urls = readSelection(invocation, selection);
   if (!urls) return;
   const auto roots = observedRoots();
   if (roots.empty() || !areWithin(roots, *urls)) {
-    return refuse(invocation, dbus::error::OUTSIDE_OBSERVED_FOLDERS, "the selection is not within an observed folder");
+    return refuse(invocation, "OutsideObservedFolders", "the selection is not within an observed folder");
   }
   const platform::host::Selection selected(*urls);
   extension_.performSelector(action);
