@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "Client.hpp"
+#include "Extension.hpp"
 #include "Folder.hpp"
 #include "Output.hpp"
 #include "SyncApplication.hpp"
@@ -24,9 +24,9 @@ struct Change {
 /// What `status` found out.
 struct Status {
   bool canBeStarted = false;
-  std::optional<ExtensionProcess> process;  ///< none: the extension does not run
-  std::optional<ExtensionInfo> info;        ///< none: it does not run, or does not answer
-  std::optional<std::string> stopReason;    ///< why it stopped itself, when it does not run; none: it did not
+  std::optional<std::uint32_t> process;   ///< its pid; none: the extension does not run
+  std::optional<ExtensionInfo> info;      ///< none: it does not run, or does not answer
+  std::optional<std::string> stopReason;  ///< why it stopped itself, when it does not run; none: it did not
   SyncApplicationState syncApplication;
 };
 

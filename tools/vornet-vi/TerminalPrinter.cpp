@@ -3,8 +3,8 @@
 #include <map>
 
 #include "DisplayText.hpp"
-#include "GLibPtr.hpp"
 #include "TextPrinter.hpp"
+#include "client/GLibPtr.hpp"
 
 namespace vornet::vi {
 namespace {
@@ -15,7 +15,7 @@ std::string sizeText(const Entry& entry) {
   if (entry.kind != EntryKind::file) {
     return "";
   }
-  const GCharPtr formatted{g_format_size(entry.size)};
+  const client::GCharPtr formatted{g_format_size(entry.size)};
   std::string text = formatted.get();
   // GLib separates the unit by a no-break space, which not every locale can show.
   if (const auto space = text.find("\u00A0"); space != std::string::npos) {

@@ -74,7 +74,7 @@ Cell TextPrinter::syncApplicationCell(const SyncApplicationState& state) const {
 
 Cell TextPrinter::extensionCell(const Status& status) const {
   if (status.process) {
-    const std::string pid = "pid " + std::to_string(status.process->pid);
+    const std::string pid = "pid " + std::to_string(*status.process);
     return status.info ? Cell{"running (" + pid + ")", Tint::good}
                        : Cell{"running (" + pid + "), but does not answer", Tint::bad};
   }
