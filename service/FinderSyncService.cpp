@@ -4,11 +4,9 @@
 #include <exception>
 
 #include "Selections.hpp"
+#include "base/AppConst.hpp"
 #include "dbus/Interface.hpp"
-#include "extension/AppConst.hpp"
-#include "paths/Paths.hpp"
 #include "platform/linux/Host.hpp"
-#include "rest/RESTPollingManager.hpp"
 
 namespace vornet::service {
 namespace {
@@ -99,7 +97,7 @@ FinderSyncService::FinderSyncService(FinderSync& extension, GDBusConnection* con
     : extension_(extension),
       connection_(connection),
       skeleton_(vornet_finder_sync1_skeleton_new()),
-      observations_(dbus::MAX_OBSERVED_FOLDERS),
+      observations_(std::min(dbus::MAX_OBSERVED_FOLDERS, FinderSync::maxFolders())),
       observing_(1),
       badges_(BADGE_THREADS),
       lookUps_(1),
@@ -291,11 +289,8 @@ void FinderSyncService::endObservationOf(const std::string& folder) {
 
 /// Before `folder` is entered: the cache drops the one that was entered longest ago, which must be none on screen.
 void FinderSyncService::keepOthersCached(const std::string& folder) {
-  auto& manager = requiredStatusManager();
-  const auto* root = manager.rootDir();
-  if (!root) return;
   for (const auto& shown : observations_.folders()) {
-    if (shown != folder) manager.dirCache().enterNewDir(getCloudPath(*root, shown) + "/");
+    if (shown != folder) extension_.keepCached(shown);
   }
 }
 

@@ -4,8 +4,8 @@
 #include <filesystem>
 #include <stdexcept>
 
+#include "base/AppConst.hpp"
 #include "dbus/Interface.hpp"
-#include "extension/AppConst.hpp"
 #include "platform/Foundation.hpp"
 #include "support/Databases.hpp"
 #include "support/Items.hpp"
