@@ -55,16 +55,20 @@ class Printer {
   explicit Printer(Output& output) : output_(output) {}
 
   /// What a badge is called: its label as registered, the identifier itself when it is not.
-  std::string labelOf(const std::string& identifier) const;
+  std::string labelOf(const std::string& identifier) const {
+    for (const Badge& badge : badges_) {
+      if (badge.identifier == identifier) return badge.label;
+    }
+    return identifier;
+  }
 
   Output& output_;
   std::vector<Badge> badges_;
 };
 
-/// For people at a terminal: tables that fit `look.width`, colours, summaries.
-std::unique_ptr<Printer> makeTerminalPrinter(Output& output, const Look& look);
-/// For pipes and files: the same tables without headings, summaries and eliding; sizes in bytes.
-std::unique_ptr<Printer> makePlainPrinter(Output& output, const Look& look);
+/// For people at a terminal when `look` has a width: a table that fits it, with headings and a summary; else for pipes
+/// and files: the same table alone, sizes in bytes.
+std::unique_ptr<Printer> makeTextPrinter(Output& output, const Look& look);
 /// For programs: one JSON object a line.
 std::unique_ptr<Printer> makeJSONPrinter(Output& output);
 

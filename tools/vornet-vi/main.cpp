@@ -45,16 +45,13 @@ std::unique_ptr<vornet::vi::Printer> makePrinter(const Options& options, vornet:
     return vornet::vi::makeJSONPrinter(output);
   }
   const bool isTerminal = isatty(output.descriptor()) != 0;
-  Look look;
-  look.colour = wantsColour(options.colour, isTerminal);
-  look.unicode = vornet::vi::localeIsUTF8();
-  if (!isTerminal) {
-    return vornet::vi::makePlainPrinter(output, look);
+  Look look{wantsColour(options.colour, isTerminal), vornet::vi::localeIsUTF8(), std::nullopt};
+  if (isTerminal) {
+    winsize size{};
+    const bool isKnown = ioctl(output.descriptor(), TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    look.width = isKnown ? size.ws_col : 80;
   }
-  winsize size{};
-  const bool isKnown = ioctl(output.descriptor(), TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-  look.width = isKnown ? size.ws_col : 80;
-  return vornet::vi::makeTerminalPrinter(output, look);
+  return vornet::vi::makeTextPrinter(output, look);
 }
 
 std::string absolute(const std::string& given) {
