@@ -115,7 +115,6 @@ FinderSyncService::~FinderSyncService() {
 bool FinderSyncService::start(std::string& error) {
   connectHandlers();
   platform::host::setListener(this);
-  publishProperties();
   GError* failure = nullptr;
   exported_ =
       g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(skeleton_), connection_, dbus::OBJECT_PATH, &failure);
