@@ -11,14 +11,9 @@
 namespace vornet::client {
 namespace {
 
-using namespace std::chrono_literals;
-
 // The bus carries a million paths a second in batches of this size; four under way keep the extension's threads busy.
 constexpr std::size_t BATCH = 500;
 constexpr unsigned BATCHES_UNDER_WAY = 4;
-
-// So long the first item waits for others of its batch.
-constexpr auto GATHERING = 5ms;
 
 // The bus's own word for Busy.
 constexpr const char* TOO_MANY_CALLS = "org.freedesktop.DBus.Error.LimitsExceeded";
@@ -63,6 +58,7 @@ Badges::Badges(GMainContext* context, ExtensionLink& link, FoldersOnScreen& fold
       unobserved_(context),
       busyRetries_(pace.retries),
       failureRetries_(pace.retries),
+      gatheringTime_(pace.gathering),
       missedPause_(Backoff(pace.retries).next()),
       unobservedPace_(pace.unobserved) {}
 
@@ -183,7 +179,8 @@ void Badges::askForEverythingLater() {
 }
 
 void Badges::askSoon() {
-  if (!gathering_.isRunning() && batchesUnderWay_ < BATCHES_UNDER_WAY) gathering_.start(GATHERING, [this] { ask(); });
+  if (gathering_.isRunning() || batchesUnderWay_ >= BATCHES_UNDER_WAY) return;
+  gathering_.start(gatheringTime_, [this] { ask(); });
 }
 
 /// One batch in a turn: its URLs take a while to write.

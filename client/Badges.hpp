@@ -22,6 +22,7 @@ namespace vornet::client {
 class Badges {
  public:
   struct Pace {
+    std::chrono::milliseconds gathering;   ///< the first item's wait for others of its batch
     Backoff retries;                       ///< between attempts at what fails
     std::chrono::milliseconds unobserved;  ///< between questions for folders that the extension has no room to observe
   };
@@ -81,6 +82,7 @@ class Badges {
   Timer unobserved_;
   Backoff busyRetries_;
   Backoff failureRetries_;
+  const std::chrono::milliseconds gatheringTime_;
   const std::chrono::milliseconds missedPause_;
   const std::chrono::milliseconds unobservedPace_;
   unsigned generation_ = 0;  ///< counts the extension's processes: answers of former ones are void

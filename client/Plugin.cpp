@@ -16,7 +16,8 @@ class Plugin::Parts : public ExtensionLink::Listener {
  public:
   Parts(FileManager& fileManager, const Options& options)
       : link(options.context, {options.firstRetry, options.lastRetry}, *this),
-        badges(options.context, link, folders, {{options.firstRetry, options.lastRetry}, options.unobservedRefresh}),
+        badges(options.context, link, folders,
+               {options.gathering, {options.firstRetry, options.lastRetry}, options.unobservedRefresh}),
         inference(options.context, folders, badges, options.beforeInferring, options.inferredFor),
         menus(link, [&fileManager] { fileManager.menuChanged(); }) {}
 

@@ -25,6 +25,8 @@ class Plugin {
   struct Options {
     /// Where callbacks come from; null for the thread's default.
     GMainContext* context = nullptr;
+    /// How long the first item to be asked for waits for others of its batch.
+    std::chrono::milliseconds gathering{5};
     /// How long items of a folder that nobody has shown wait for folderShown() before the folder is taken to be on
     /// screen (a tree's branch, a search's results).
     std::chrono::milliseconds beforeInferring{200};

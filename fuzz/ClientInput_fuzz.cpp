@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -20,6 +21,7 @@
 
 #include "client/Paths.hpp"
 #include "client/Plugin.hpp"
+#include "dbus/Interface.hpp"
 #include "support/PeerBus.hpp"
 #include "support/Require.hpp"
 
@@ -29,7 +31,6 @@ namespace {
 using client::Menu;
 using client::Plugin;
 
-constexpr const char* INTERFACE = "com.vornet.FinderSync1";
 constexpr const char* PROPERTIES = "org.freedesktop.DBus.Properties";
 const std::string ROOT = "/k";
 const std::string FOLDER = ROOT + "/f";
@@ -167,11 +168,23 @@ void waitFor(Condition condition, const char* what) {
   g_source_unref(deadline);
 }
 
-/// One plug-in that shows a folder, and an extension that does what the input says.
+/// The plug-in, which lives on from one input to the next as in a file manager whose extension keeps being replaced:
+/// making one costs more than an input does.
+std::optional<Plugin>& plugin() {
+  static SilentManager manager;
+  static std::optional<Plugin>& made = *new std::optional<Plugin>;
+  if (made) return made;
+  Plugin::Options options;
+  options.context = context();
+  options.gathering = std::chrono::milliseconds(0);
+  made.emplace(manager, options);
+  return made;
+}
+
+/// A folder that the plug-in shows, and a process of the extension that does what the input says.
 class Session {
  public:
   Session(const std::uint8_t* data, std::size_t size) : input_(data, size) {
-    bus().reset();
     if (input_.rarely()) nonsenseProperty_ = input_.nonsense();
     std::vector<std::string> folders;
     for (int others = input_.upTo(3); others > 0; --others) folders.push_back(input_.url());
@@ -199,24 +212,34 @@ class Session {
              [this](GVariant*) { return nonsenseMenu_ ? g_variant_ref(nonsenseMenu_.get()) : valuesOf(menu_); });
   }
 
-  ~Session() {
-    plugin_.reset();
-    bus().reset();
-  }
+  ~Session() { bus().restart(); }
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
 
   void run() {
-    Plugin::Options options;
-    options.context = context();
-    plugin_.emplace(manager_, options);
-    plugin_->folderShown(FOLDER);
+    showFolder();
+    play();
+    leave();
+  }
+
+ private:
+  void showFolder() {
+    const bool connected = isConnected_;
+    isConnected_ = true;
+    bus().start();
+    if (!connected) plugin_.folderShown(FOLDER);
     waitFor([] { return bus().calls("Get") > 0; }, "the plug-in asks for the folders");
+    if (connected) plugin_.folderShown(FOLDER);
+  }
+
+  void play() {
     if (nonsenseProperty_) return checkThatNothingIsShown();
     waitFor([] { return bus().calls("BeginObserving") > 0; }, "the plug-in observes the folder");
     if (input_.yes()) changeProperties();
     for (const auto& item : ITEMS) show(item, [] {});
     const bool asks = input_.yes() && !refusesToObserve_;
     const bool wantsMenu = input_.yes();
-    if (wantsMenu) plugin_->menu({ITEMS[0]});
+    if (wantsMenu) plugin_.menu({ITEMS[0]});
     for (int signals = input_.upTo(4); signals > 0; --signals) sendChanges();
     if (asks) waitFor([this] { return allAreAskedFor(); }, "the plug-in asks for every item");
     if (wantsMenu) waitFor([] { return bus().calls("GetMenu") > 0; }, "the plug-in asks for the menu");
@@ -224,12 +247,21 @@ class Session {
     awaitLastChange();
     for (const auto& item : ITEMS) checkEmblem(item);
     if (wantsMenu) checkMenu();
-    plugin_->folderHidden(FOLDER);
   }
 
- private:
+  /// Now and then the plug-in ends in the midst of it; else it forgets folder and selection.
+  void leave() {
+    if (input_.rarely()) {
+      plugin().reset();
+      isConnected_ = false;
+      return;
+    }
+    plugin_.folderHidden(FOLDER);
+    plugin_.menu({});
+  }
+
   void show(const std::string& path, std::function<void()> redrawn) {
-    plugin_->emblem(path, std::make_unique<Item>(std::move(redrawn)));
+    plugin_.emblem(path, std::make_unique<Item>(std::move(redrawn)));
   }
 
   /// What the extension says of the items asked for: it repeats badges_. An answer with another number of them, or of
@@ -268,13 +300,14 @@ class Session {
     GVariant* folders =
         input_.yes() ? listOf({input_.url(), "file://" + ROOT + "/"}) : g_variant_new_string(input_.text().c_str());
     g_variant_builder_add(&properties, "{sv}", "ObservedFolders", folders);
-    bus().send(PROPERTIES, "PropertiesChanged", g_variant_new("(sa{sv}as)", INTERFACE, &properties, nullptr), [] {});
+    bus().send(PROPERTIES, "PropertiesChanged", g_variant_new("(sa{sv}as)", dbus::INTERFACE, &properties, nullptr),
+               [] {});
   }
 
   void sendChanges() {
     if (input_.rarely()) {
       const auto values = input_.nonsense();
-      return bus().send(INTERFACE, "BadgesChanged", g_variant_ref(values.get()), [] {});
+      return bus().send(dbus::INTERFACE, "BadgesChanged", g_variant_ref(values.get()), [] {});
     }
     Changes changes;
     for (int count = input_.upTo(6); count > 0; --count) changes.emplace_back(input_.url(), input_.identifier());
@@ -282,7 +315,7 @@ class Session {
   }
 
   void send(const Changes& changes) {
-    bus().send(INTERFACE, "BadgesChanged", valuesOf(changes), [&] {
+    bus().send(dbus::INTERFACE, "BadgesChanged", valuesOf(changes), [&] {
       const std::lock_guard guard(mutex_);
       for (const auto& [url, identifier] : changes) {
         if (const auto path = client::pathOfURL(url.c_str())) told_[*path] = identifier;
@@ -301,7 +334,7 @@ class Session {
 
   void checkEmblem(const std::string& path) {
     const auto isShown = [this, &path] {
-      const std::string emblem = plugin_->emblem(path, std::make_unique<Item>([] {}));
+      const std::string emblem = plugin_.emblem(path, std::make_unique<Item>([] {}));
       const std::lock_guard guard(mutex_);
       const auto told = told_.find(path);
       const auto known = told == told_.end() ? EMBLEMS.end() : EMBLEMS.find(told->second);
@@ -311,9 +344,9 @@ class Session {
   }
 
   void checkMenu() {
-    if (nonsenseMenu_) return require(isGreyed(plugin_->menu({ITEMS[0]})), "without an answer the menu is greyed");
+    if (nonsenseMenu_) return require(isGreyed(plugin_.menu({ITEMS[0]})), "without an answer the menu is greyed");
     const auto isShown = [this] {
-      const Menu shown = plugin_->menu({ITEMS[0]});
+      const Menu shown = plugin_.menu({ITEMS[0]});
       return shown.size() <= menu_.size() && shown.size() >= std::min<std::size_t>(menu_.size(), 100) &&
              std::equal(shown.begin(), shown.end(), menu_.begin());
     };
@@ -324,15 +357,15 @@ class Session {
   /// plug-in writes to the log.
   void checkThatNothingIsShown() {
     const auto before = warnings.load();
-    plugin_->perform("share:", {ITEMS[0]});
+    plugin_.perform("share:", {ITEMS[0]});
     waitFor([before] { return warnings.load() > before; }, "a failed action is logged");
-    require(plugin_->emblem(ITEMS[0], std::make_unique<Item>([] {})).empty(), "without folders there are no emblems");
-    require(isGreyed(plugin_->menu({ITEMS[0]})), "without folders no entry can be chosen");
+    require(plugin_.emblem(ITEMS[0], std::make_unique<Item>([] {})).empty(), "without folders there are no emblems");
+    require(isGreyed(plugin_.menu({ITEMS[0]})), "without folders no entry can be chosen");
   }
 
   Input input_;
-  SilentManager manager_;
-  std::optional<Plugin> plugin_;
+  Plugin& plugin_ = *plugin();
+  static inline bool isConnected_ = false;
 
   // What the extension answers; nonsense where it is set.
   bool refusesToObserve_ = false;

@@ -3,8 +3,8 @@
 #include <chrono>
 #include <map>
 
-#include "FinderSync1Names.hpp"
 #include "Selections.hpp"
+#include "dbus/Interface.hpp"
 #include "platform/FinderSync.hpp"
 
 namespace vornet::service {
@@ -12,7 +12,6 @@ namespace {
 
 // Long enough for the changes of one pass over a folder to become one signal, too short for an eye.
 constexpr std::chrono::milliseconds GATHERING{10};
-constexpr std::size_t MAX_CHANGES_A_SIGNAL = 2000;
 
 std::string folderOf(const std::string& path) {
   const auto separator = path.find_last_of('/');
@@ -22,10 +21,10 @@ std::string folderOf(const std::string& path) {
 }  // namespace
 
 void BadgeChanges::sendNow(const std::string& client, const Changes& changes) {
-  for (std::size_t from = 0; from < changes.size(); from += MAX_CHANGES_A_SIGNAL) {
+  for (std::size_t from = 0; from < changes.size(); from += dbus::MAX_CHANGES_A_SIGNAL) {
     GVariantBuilder builder;
     g_variant_builder_init(&builder, G_VARIANT_TYPE("a(ss)"));
-    for (std::size_t i = from; i < std::min(changes.size(), from + MAX_CHANGES_A_SIGNAL); ++i) {
+    for (std::size_t i = from; i < std::min(changes.size(), from + dbus::MAX_CHANGES_A_SIGNAL); ++i) {
       g_variant_builder_add(&builder, "(ss)", changes[i].first.c_str(), changes[i].second.c_str());
     }
     // A client that has just left the bus is no error.

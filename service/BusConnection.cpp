@@ -10,7 +10,7 @@
 #include <string_view>
 
 #include "CallGate.hpp"
-#include "FinderSync1Names.hpp"
+#include "dbus/Interface.hpp"
 
 namespace vornet::service {
 namespace {

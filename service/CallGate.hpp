@@ -12,7 +12,6 @@
 #include <tuple>
 
 #include "FairQueue.hpp"
-#include "FinderSync1Names.hpp"
 #include "MessageHeader.hpp"
 
 namespace vornet::service {
@@ -24,16 +23,6 @@ namespace vornet::service {
 /// The bus's own messages pass at once. Any thread.
 class CallGate {
  public:
-  /// What a client may have waiting or under way, by what it asks for.
-  static constexpr std::size_t MAX_OBSERVING = dbus::MAX_UNANSWERED_OBSERVING;
-  static constexpr std::size_t MAX_BADGES = dbus::MAX_UNANSWERED_BADGES;
-  static constexpr std::size_t MAX_MENUS = dbus::MAX_UNANSWERED_MENUS;
-  static constexpr std::size_t MAX_OTHERS = dbus::MAX_UNANSWERED_OTHERS;
-
-  /// The largest call with a list of URLs, and any other, in bytes.
-  static constexpr std::size_t LARGEST_LIST = dbus::MAX_CALL_BYTES;
-  static constexpr std::size_t LARGEST_OTHER = 64 * 1024;
-
   /// Bytes of all calls that wait. A client may have as many as are free; beyond that, RESERVED bytes for each, of a
   /// store of their own, so that who asks for little is heard while others fill the rest.
   static constexpr std::size_t MAX_BYTES = 12 * 1024 * 1024;

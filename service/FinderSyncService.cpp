@@ -3,12 +3,10 @@
 #include <algorithm>
 #include <exception>
 
-#include "FinderSync1Names.hpp"
 #include "Selections.hpp"
-#include "extension/AppConst.hpp"
-#include "paths/Paths.hpp"
+#include "base/AppConst.hpp"
+#include "dbus/Interface.hpp"
 #include "platform/linux/Host.hpp"
-#include "rest/RESTPollingManager.hpp"
 
 namespace vornet::service {
 namespace {
@@ -16,11 +14,11 @@ namespace {
 using platform::FIFinderSyncController;
 using platform::FileURL;
 
+static_assert(dbus::MAX_OBSERVED_FOLDERS == RESTPollingManager::MAX_CACHE_DIRS, "only cached folders report changes");
+
 // As many as CallGate lets be under way, so that none waits here for a thread.
 constexpr std::size_t MENU_THREADS = 9;
 constexpr std::size_t BADGE_THREADS = 3;  // one of them for short calls
-
-static_assert(dbus::MAX_FOLDERS == RESTPollingManager::MAX_CACHE_DIRS, "as many as can be kept up to date");
 
 void refuse(GDBusMethodInvocation* invocation, const char* name, const std::string& message) {
   const std::string error = std::string(dbus::ERROR_PREFIX) + name;
@@ -99,7 +97,7 @@ FinderSyncService::FinderSyncService(FinderSync& extension, GDBusConnection* con
     : extension_(extension),
       connection_(connection),
       skeleton_(vornet_finder_sync1_skeleton_new()),
-      observations_(RESTPollingManager::MAX_CACHE_DIRS),
+      observations_(std::min(dbus::MAX_OBSERVED_FOLDERS, FinderSync::maxFolders())),
       observing_(1),
       badges_(BADGE_THREADS),
       lookUps_(1),
@@ -290,11 +288,8 @@ void FinderSyncService::endObservationOf(const std::string& folder) {
 
 /// Before `folder` is entered: the cache drops the one that was entered longest ago, which must be none on screen.
 void FinderSyncService::keepOthersCached(const std::string& folder) {
-  auto& manager = requiredStatusManager();
-  const auto* root = manager.rootDir();
-  if (!root) return;
   for (const auto& shown : observations_.folders()) {
-    if (shown != folder) manager.dirCache().enterNewDir(getCloudPath(*root, shown) + "/");
+    if (shown != folder) extension_.keepCached(shown);
   }
 }
 

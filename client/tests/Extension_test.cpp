@@ -90,7 +90,7 @@ TEST_F(PluginAndExtension, WhatFormerProcessesHadObservedIsNotEndedWithTheNewOne
   manager.plugin->folderHidden(root);
   manager.plugin->folderHidden(path("other"));
   EXPECT_TRUE(waitForObserved(0));
-  EXPECT_EQ(std::count(extension->calls.begin(), extension->calls.end(), "EndObserving"), 2);
+  EXPECT_EQ(extension->count("EndObserving"), 2u);
 }
 
 TEST_F(PluginAndExtension, AnAnswerOfTheProcessBeforeIsNotTakenForTheNewOnes) {

@@ -6,10 +6,10 @@
 #include <optional>
 #include <string>
 
-#include "FakeExtension.hpp"
 #include "FakeFileManager.hpp"
 #include "client/Paths.hpp"
 #include "support/Environment.hpp"
+#include "support/FakeExtension.hpp"
 #include "support/PrivateBus.hpp"
 
 namespace vornet::test {

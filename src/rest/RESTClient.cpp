@@ -10,7 +10,7 @@
 #include <new>
 #include <set>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
 #include "platform/Foundation.hpp"
 #include "platform/Loopback.hpp"
 

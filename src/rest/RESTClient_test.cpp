@@ -8,7 +8,7 @@
 #include <optional>
 #include <thread>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
 #include "support/Environment.hpp"
 #include "support/LogRecorder.hpp"
 #include "support/LoopbackServer.hpp"

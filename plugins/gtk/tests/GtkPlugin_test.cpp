@@ -8,12 +8,12 @@
 #include <filesystem>
 #include <optional>
 
-#include "FakeExtension.hpp"
 #include "TestHost.hpp"
 #include "kelvane-sim/KelvaneSim.hpp"
 #include "support/BusClient.hpp"
 #include "support/CapturedOutput.hpp"
 #include "support/Environment.hpp"
+#include "support/FakeExtension.hpp"
 #include "support/PrivateBus.hpp"
 
 namespace {
@@ -37,6 +37,7 @@ using vornet::test::PrivateBus;
 using vornet::test::readFile;
 using vornet::test::ScopedVariable;
 using vornet::test::TestHost;
+using vornet::test::urlOf;
 using vornet::test::writeFile;
 
 namespace fs = std::filesystem;
@@ -89,7 +90,14 @@ class VORNET_PLUGIN_SUITE : public testing::Test {
   }
   void startFake() {
     startBus(false);
-    fake.emplace(bus->address(), root);
+    startFakeOnly();
+  }
+  void startFakeOnly() {
+    fake.emplace(bus->address(), std::vector{urlOf(root)});
+    fake->menu = FakeExtension::ALL;
+  }
+  void setBadge(const std::string& name, const std::string& identifier) {
+    fake->setBadge(urlOf(root + "/" + name), identifier);
   }
 
   std::unique_ptr<FakeFile> shown(const std::string& name) { return host->watchedFile(root + "/" + name); }
@@ -143,10 +151,10 @@ TEST_F(VORNET_PLUGIN_SUITE, ShowsAChangeByItself) {
 
 TEST_F(VORNET_PLUGIN_SUITE, RemovesTheEmblemOfAnEmptiedIdentifier) {
   startFake();
-  fake->setBadge(root + "/file", "SYNCED");
+  setBadge("file", "SYNCED");
   const auto file = shown("file");
   ASSERT_TRUE(becomes(*file, SYNCED));
-  fake->setBadge(root + "/file", "");
+  setBadge("file", "");
   EXPECT_TRUE(becomes(*file, ""));
   EXPECT_EQ(file->questions(), 3) << "at first, with the badge, and without";
 }
@@ -190,27 +198,27 @@ TEST_F(VORNET_PLUGIN_SUITE, ShowsTheEmblemsOfOddNames) {
                                           deep};
   std::vector<std::unique_ptr<FakeFile>> files;
   for (std::size_t i = 0; i < names.size(); ++i) {
-    fake->setBadge(root + "/" + names[i], i % 2 ? "PENDING" : "SYNCED");
+    setBadge(names[i], i % 2 ? "PENDING" : "SYNCED");
     files.push_back(shown(names[i]));
   }
   const auto bytes = shown("caf\xE9");
   for (std::size_t i = 0; i < names.size(); ++i) EXPECT_TRUE(becomes(*files[i], i % 2 ? PENDING : SYNCED)) << names[i];
   EXPECT_TRUE(becomes(*bytes, ""));
-  EXPECT_THAT(fake->asked(), Not(testing::Contains(root + "/caf\xE9"))) << "it never has a badge";
+  EXPECT_THAT(fake->badgeRequests, Each(Not(testing::Contains(urlOf(root + "/caf\xE9"))))) << "it never has a badge";
 }
 
 TEST_F(VORNET_PLUGIN_SUITE, AsksForAFileThroughALinkByTheLinksPath) {
   startFake();
   fs::create_directory_symlink("folder", root + "/link");
-  fake->setBadge(root + "/link/inside", "SYNCED");
+  setBadge("link/inside", "SYNCED");
   const auto file = shown("link/inside");
   EXPECT_TRUE(becomes(*file, SYNCED));
 }
 
 TEST_F(VORNET_PLUGIN_SUITE, KeepsNoFileAliveAndForgetsThoseThatAreGone) {
   startFake();
-  fake->setBadge(root + "/file", "SYNCED");
-  fake->setBadge(root + "/other", "SYNCED");
+  setBadge("file", "SYNCED");
+  setBadge("other", "SYNCED");
   const auto file = shown("file");
   auto other = shown("other");
   ASSERT_TRUE(becomes(*file, SYNCED));
@@ -218,8 +226,8 @@ TEST_F(VORNET_PLUGIN_SUITE, KeepsNoFileAliveAndForgetsThoseThatAreGone) {
   EXPECT_EQ(file->otherReferences(), 0u);
   EXPECT_EQ(other->otherReferences(), 0u);
   other.reset();
-  fake->setBadge(root + "/other", "PENDING");
-  fake->setBadge(root + "/file", "PENDING");
+  setBadge("other", "PENDING");
+  setBadge("file", "PENDING");
   EXPECT_TRUE(becomes(*file, PENDING)) << "told after the one that is gone";
 }
 
@@ -227,13 +235,13 @@ TEST_F(VORNET_PLUGIN_SUITE, KeepsNoFileAliveAndForgetsThoseThatAreGone) {
 
 TEST_F(VORNET_PLUGIN_SUITE, GreysTheEntriesUntilTheExtensionHasAnsweredAndSaysWhenItHas) {
   startFake();
-  fake->holdMenus();
+  fake->hold("GetMenu");
   const auto file = shown("file");
   ASSERT_TRUE(host->waitUntil([&] { return host->menu({file.get()}).size() == 5; })) << "the synced folder is known";
-  ASSERT_TRUE(host->waitUntil([&] { return !fake->menus().empty(); }));
+  ASSERT_TRUE(host->waitUntil([&] { return !fake->menuRequests.empty(); }));
   EXPECT_THAT(host->menu({file.get()}), Each(Field(&TestHost::Entry::sensitive, false)));
   const int updates = host->itemsUpdated();
-  fake->answerMenus();
+  fake->release("GetMenu");
   ASSERT_TRUE(host->waitUntil([&] { return host->itemsUpdated() > updates; }));
   const auto entries = host->menu({file.get()});
   ASSERT_THAT(entries, SizeIs(5));
@@ -262,16 +270,16 @@ TEST_F(VORNET_PLUGIN_SUITE, PerformsAChoiceOnExactlyTheSelectionThatItWasShownFo
 
 TEST_F(VORNET_PLUGIN_SUITE, PerformsAChoiceOfAMenuWhoseFilesAreGone) {
   startFake();
-  auto file = shown("with space#");
-  const auto entries = answeredMenu({file.get()});
+  auto shownFile = shown("with space#");
+  const auto entries = answeredMenu({shownFile.get()});
   ASSERT_THAT(entries, SizeIs(5));
-  file.reset();
+  shownFile.reset();
   entries[0].activate();
   entries[4].activate();
-  ASSERT_TRUE(host->waitUntil([&] { return fake->performed().size() == 2; }));
-  EXPECT_THAT(fake->performed(),
-              testing::UnorderedElementsAre(FakeExtension::Performed{"share:", {root + "/with space#"}},
-                                            FakeExtension::Performed{"viewInCloud:", {root + "/with space#"}}));
+  ASSERT_TRUE(host->waitUntil([&] { return fake->actions.size() == 2; }));
+  const auto file = urlOf(root + "/with space#");
+  EXPECT_THAT(fake->actions,
+              testing::UnorderedElementsAre(ElementsAre("share:", file), ElementsAre("viewInCloud:", file)));
 }
 
 TEST_F(VORNET_PLUGIN_SUITE, HasNoEntriesForNothingForABackgroundAndOutsideTheSyncedFolder) {
@@ -298,15 +306,15 @@ TEST_F(VORNET_PLUGIN_SUITE, DoesNotAskForTheMenuOfAnEnormousSelection) {
     files.push_back(host->file(root + "/" + std::to_string(i)));
     selection.push_back(files.back().get());
   }
-  const auto asked = fake->menus().size();
+  const auto asked = fake->menuRequests.size();
   const auto entries = host->menu(selection);
   ASSERT_THAT(entries, SizeIs(5));
   EXPECT_THAT(entries, Each(Field(&TestHost::Entry::sensitive, false)));
   // Another one's question is the next to arrive.
   const auto other = shown("other");
   host->menu({other.get()});
-  ASSERT_TRUE(host->waitUntil([&] { return fake->menus().size() > asked; }));
-  EXPECT_THAT(fake->menus()[asked], ElementsAre(root + "/other"));
+  ASSERT_TRUE(host->waitUntil([&] { return fake->menuRequests.size() > asked; }));
+  EXPECT_THAT(fake->menuRequests[asked], ElementsAre(urlOf(root + "/other")));
 }
 
 TEST_F(VORNET_PLUGIN_SUITE, ComesToRestWithSeveralWindowsThatEachAskForTheirOwnSelection) {
@@ -326,19 +334,19 @@ TEST_F(VORNET_PLUGIN_SUITE, ComesToRestWithSeveralWindowsThatEachAskForTheirOwnS
   ASSERT_TRUE(host->waitUntil([&] {
     askAgain();
     return isAnswered(0) && isAnswered(1) && isAnswered(3);
-  })) << fake->menus().size();
+  })) << fake->menuRequests.size();
   EXPECT_THAT(menus[2], IsEmpty());
   EXPECT_THAT(menus[4], IsEmpty());
   // The questions of one more window arrive, and no others.
-  const auto asked = fake->menus().size();
+  const auto asked = fake->menuRequests.size();
   const auto last = shown("last");
   host->menu({last.get()});
   ASSERT_TRUE(host->waitUntil([&] {
     askAgain();
-    return std::ranges::count(fake->menus(), std::vector{root + "/last"}) > 0;
+    return std::ranges::count(fake->menuRequests, std::vector{urlOf(root + "/last")}) > 0;
   }));
   EXPECT_LE(asked, 4u + 4u) << "each selection once, or once more when another came between";
-  EXPECT_LE(fake->menus().size(), asked + 2);
+  EXPECT_LE(fake->menuRequests.size(), asked + 2);
 }
 
 // --- Coming and going -----------------------------------------------------------------------------------------------
@@ -376,8 +384,8 @@ TEST_F(VORNET_PLUGIN_SUITE, IsSilentWhereTheExtensionIsNotInstalled) {
     EXPECT_THAT(host->menu({files[0].get()}), IsEmpty());
   }
   // Installed at last, it is found without another question: by then the bus has answered all earlier ones.
-  fake.emplace(bus->address(), root);
-  fake->setBadge(root + "/0", "SYNCED");
+  startFakeOnly();
+  setBadge("0", "SYNCED");
   EXPECT_TRUE(becomes(*files[0], SYNCED));
   const auto lines = said.finish();
   EXPECT_LE(std::ranges::count(lines, '\n'), 1) << lines;
@@ -411,7 +419,7 @@ TEST_F(VORNET_PLUGIN_SUITE, AnswersTenThousandQuestionsWithoutWaitingForAFrozenE
 
 TEST_F(VORNET_PLUGIN_SUITE, LeavesTheBusWhenItIsUnloaded) {
   startFake();
-  fake->setBadge(root + "/file", "SYNCED");
+  setBadge("file", "SYNCED");
   const auto file = shown("file");
   ASSERT_TRUE(becomes(*file, SYNCED));
   const auto entries = answeredMenu({file.get()});

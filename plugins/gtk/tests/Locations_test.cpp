@@ -7,10 +7,10 @@
 #include <memory>
 #include <optional>
 
-#include "FakeExtension.hpp"
 #include "FakeTab.hpp"
 #include "TestHost.hpp"
 #include "support/Environment.hpp"
+#include "support/FakeExtension.hpp"
 #include "support/PrivateBus.hpp"
 
 namespace {
@@ -22,6 +22,7 @@ using vornet::test::FakeWindows;
 using vornet::test::PrivateBus;
 using vornet::test::ScopedVariable;
 using vornet::test::TestHost;
+using vornet::test::urlOf;
 
 // VORNET_LOCATIONS_SUITE: the suite's name, with the file manager's in it.
 class VORNET_LOCATIONS_SUITE : public testing::Test {
@@ -79,13 +80,14 @@ G_GNUC_BEGIN_IGNORE_DEPRECATIONS  // Nemo's menus are made of these
 
 TEST_F(VORNET_LOCATIONS_SUITE, AnOpenMenuTakesTheAnswerThatCameLater) {
   const std::string root = environment.folder() / "root";
-  FakeExtension fake(bus->address(), root);
-  fake.holdMenus();
+  FakeExtension fake(bus->address(), {urlOf(root)});
+  fake.menu = FakeExtension::ALL;
+  fake.hold("GetMenu");
   const auto file = host->watchedFile(root + "/file");
   std::vector<TestHost::Entry> entries;
   ASSERT_TRUE(host->waitUntil([&] {
     entries = host->menu({file.get()});
-    return !entries.empty() && !fake.menus().empty();
+    return !entries.empty() && !fake.menuRequests.empty();
   }));
 
   GtkWidget* menu = gtk_menu_new();
@@ -103,7 +105,7 @@ TEST_F(VORNET_LOCATIONS_SUITE, AnOpenMenuTakesTheAnswerThatCameLater) {
   gtk_menu_popup(GTK_MENU(menu), nullptr, nullptr, nullptr, nullptr, 0, GDK_CURRENT_TIME);
   ASSERT_TRUE(host->waitUntil([&] { return gtk_widget_get_mapped(menu) != FALSE; }));
 
-  fake.answerMenus();
+  fake.release("GetMenu");
   const auto isSensitive = [](const auto& action) { return gtk_action_get_sensitive(action.get()) != FALSE; };
   ASSERT_TRUE(host->waitUntil([&] { return std::ranges::any_of(actions, isSensitive); }));
   std::vector<bool> sensitive;

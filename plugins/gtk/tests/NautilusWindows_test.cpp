@@ -4,11 +4,11 @@
 #include <filesystem>
 #include <vector>
 
-#include "FakeExtension.hpp"
 #include "FakeSlots.hpp"
 #include "FakeTab.hpp"
 #include "TestHost.hpp"
 #include "support/Environment.hpp"
+#include "support/FakeExtension.hpp"
 #include "support/PrivateBus.hpp"
 
 namespace {
@@ -21,6 +21,7 @@ using vornet::test::FakeWindows;
 using vornet::test::PrivateBus;
 using vornet::test::ScopedVariable;
 using vornet::test::TestHost;
+using vornet::test::urlOf;
 
 struct MissingPart {
   const char* name;
@@ -40,14 +41,14 @@ TEST_P(OtherNautilus, IsServedByTheItemsThatItAsksFor) {
   const ScopedVariable address("DBUS_SESSION_BUS_ADDRESS", bus.address());
   FakeWindows windows;
   TestHost host;
-  FakeExtension fake(bus.address(), root);
-  fake.setBadge(root + "/file", "SYNCED");
+  FakeExtension fake(bus.address(), {urlOf(root)});
+  fake.setBadge(urlOf(root + "/file"), "SYNCED");
   {
     FakeWindow window(windows, host);
     const auto tab = window.open("file://" + root + "/folder");
     const auto file = host.watchedFile(root + "/file");
     EXPECT_TRUE(host.waitUntil([&] { return file->emblems() == std::vector<std::string>{"emblem-vornet-synced"}; }));
-    EXPECT_EQ(fake.observed(), (std::map<std::string, int>{{root, 1}})) << "inferred, and nothing else";
+    EXPECT_EQ(fake.observed, (std::multiset{urlOf(root)})) << "inferred, and nothing else";
     window.sendToBack(tab);
     window.bringToFront(tab);
     window.close(tab);

@@ -6,10 +6,10 @@
 #include <filesystem>
 #include <optional>
 
-#include "FakeExtension.hpp"
 #include "FakeTab.hpp"
 #include "TestHost.hpp"
 #include "support/Environment.hpp"
+#include "support/FakeExtension.hpp"
 #include "support/PrivateBus.hpp"
 
 namespace {
@@ -23,6 +23,7 @@ using vornet::test::FakeWindows;
 using vornet::test::PrivateBus;
 using vornet::test::ScopedVariable;
 using vornet::test::TestHost;
+using vornet::test::urlOf;
 
 namespace fs = std::filesystem;
 
@@ -38,7 +39,7 @@ class VORNET_TABS_SUITE : public testing::Test {
     address.emplace("DBUS_SESSION_BUS_ADDRESS", bus->address());
     windows.emplace();
     host.emplace();
-    fake.emplace(bus->address(), root);
+    fake.emplace(bus->address(), std::vector{urlOf(root)});
     window.emplace(*windows, *host);
   }
 
@@ -46,17 +47,35 @@ class VORNET_TABS_SUITE : public testing::Test {
 
   /// Whether these are the folders that get observed, with the times.
   bool observes(const std::map<std::string, int>& folders) {
-    return host->waitUntil([&] { return fake->observed() == folders; });
+    std::multiset<std::string> urls;
+    for (const auto& [folder, times] : folders) {
+      for (int i = 0; i < times; ++i) urls.insert(urlOf(folder));
+    }
+    return host->waitUntil([&] { return fake->observed == urls; });
   }
   /// How often a folder's observation began, or ended.
-  std::ptrdiff_t count(const std::string& call) const { return std::ranges::count(fake->observations(), call); }
+  std::ptrdiff_t begun(const std::string& folder) const { return count("BeginObserving", folder); }
+  std::ptrdiff_t ended(const std::string& folder) const { return count("EndObserving", folder); }
+  std::ptrdiff_t count(const std::string& method, const std::string& folder) const {
+    return std::ranges::count(fake->calls, method + " " + urlOf(folder));
+  }
+  /// The items whose badges were asked for, from the one numbered `first` on.
+  std::vector<std::string> asked(std::size_t first = 0) const {
+    std::vector<std::string> items;
+    for (const auto& request : fake->badgeRequests) items.insert(items.end(), request.begin(), request.end());
+    items.erase(items.begin(), items.begin() + static_cast<std::ptrdiff_t>(std::min(first, items.size())));
+    return items;
+  }
+  void setBadge(const std::string& name, const std::string& identifier) {
+    fake->setBadge(urlOf(root + "/" + name), identifier);
+  }
 
   bool becomes(const FakeFile& file, const std::vector<std::string>& emblems) {
     return host->waitUntil([&] { return file.questions() > 0 && file.emblems() == emblems; });
   }
   /// The file named so in a folder that is on screen, with the emblem SYNCED.
   std::unique_ptr<FakeFile> syncedFile(const std::string& name) {
-    fake->setBadge(root + "/" + name, "SYNCED");
+    setBadge(name, "SYNCED");
     auto file = host->watchedFile(root + "/" + name);
     EXPECT_TRUE(becomes(*file, {SYNCED}));
     return file;
@@ -83,10 +102,10 @@ TEST_F(VORNET_TABS_SUITE, ObservesTheFolderThatATabShowsAndNoOther) {
   EXPECT_TRUE(observes({{root, 1}}));
   window->close(tab);
   EXPECT_TRUE(observes({}));
-  EXPECT_EQ(count("begin " + root), 2);
-  EXPECT_EQ(count("end " + root), 2);
-  EXPECT_EQ(count("begin " + root + "/folder"), 1);
-  EXPECT_EQ(count("end " + root + "/folder"), 1);
+  EXPECT_EQ(begun(root), 2);
+  EXPECT_EQ(ended(root), 2);
+  EXPECT_EQ(begun(root + "/folder"), 1);
+  EXPECT_EQ(ended(root + "/folder"), 1);
 }
 
 TEST_F(VORNET_TABS_SUITE, ObservesOnlyTheTabInFront) {
@@ -101,14 +120,14 @@ TEST_F(VORNET_TABS_SUITE, ObservesOnlyTheTabInFront) {
   window->close(front);
   window->go(back, url("third"));
   EXPECT_TRUE(observes({{root + "/third", 1}}));
-  EXPECT_EQ(count("end " + root + "/front"), 1);
+  EXPECT_EQ(ended(root + "/front"), 1);
 }
 
 TEST_F(VORNET_TABS_SUITE, NeverObservesATabOpenedInTheBackground) {
   window->open(url("back"), false);
   window->open(url("front"));
   EXPECT_TRUE(observes({{root + "/front", 1}}));
-  EXPECT_EQ(count("begin " + root + "/back"), 0);
+  EXPECT_EQ(begun(root + "/back"), 0);
 }
 
 TEST_F(VORNET_TABS_SUITE, CountsTwoWindowsOnOneFolderTwice) {
@@ -121,7 +140,7 @@ TEST_F(VORNET_TABS_SUITE, CountsTwoWindowsOnOneFolderTwice) {
   EXPECT_TRUE(observes({{root, 1}}));
   window.reset();
   EXPECT_TRUE(observes({}));
-  EXPECT_EQ(count("end " + root), 2);
+  EXPECT_EQ(ended(root), 2);
 }
 
 TEST_F(VORNET_TABS_SUITE, AClosedWindowTakesAllItsTabsAndPanesAlong) {
@@ -133,7 +152,7 @@ TEST_F(VORNET_TABS_SUITE, AClosedWindowTakesAllItsTabsAndPanesAlong) {
   window.reset();
   EXPECT_TRUE(observes({}));
   for (const char* name : {"/left", "/right", "/back"}) {
-    EXPECT_EQ(count("begin " + root + name), count("end " + root + name)) << name;
+    EXPECT_EQ(begun(root + name), ended(root + name)) << name;
   }
 }
 
@@ -161,7 +180,8 @@ TEST_F(VORNET_TABS_SUITE, LeavesTheWindowsAloneOnceItIsUnloaded) {
   window->bringToFront(tab);
   window->close(tab);
   window.reset();
-  EXPECT_EQ(fake->observations().size(), 1u);
+  EXPECT_EQ(begun(root), 1);
+  EXPECT_EQ(ended(root), 0);
 }
 
 // --- Coming back ----------------------------------------------------------------------------------------------------
@@ -172,7 +192,7 @@ TEST_F(VORNET_TABS_SUITE, AFolderThatTheUserComesBackToLaterIsAskedForAnew) {
   window->go(tab, url("folder"));
   file->unwatch();
   ASSERT_TRUE(observes({{root + "/folder", 1}}));
-  fake->setBadge(root + "/file", "PENDING");
+  setBadge("file", "PENDING");
   ASSERT_TRUE(host->waitUntil([&] { return !file->isValid(); })) << "the file manager is to ask when it comes back";
   window->go(tab, url());
   file->watch();
@@ -184,10 +204,10 @@ TEST_F(VORNET_TABS_SUITE, AFolderThatTheUserComesBackToAtOnceIsShownAsItIsNow) {
   const auto file = syncedFile("file");
   window->go(tab, url("folder"));
   ASSERT_TRUE(observes({{root + "/folder", 1}}));
-  fake->setBadge(root + "/file", "PENDING");
+  setBadge("file", "PENDING");
   window->go(tab, url());
   EXPECT_TRUE(becomes(*file, {PENDING}));
-  fake->setBadge(root + "/file", "SYNCED");
+  setBadge("file", "SYNCED");
   EXPECT_TRUE(becomes(*file, {SYNCED})) << "and changes arrive again";
 }
 
@@ -197,17 +217,16 @@ TEST_F(VORNET_TABS_SUITE, ATabInTheBackgroundKeepsItsEmblemsAndTakesNoQuestionTo
   window->sendToBack(tab);
   const auto front = window->open(url("folder"));
   ASSERT_TRUE(observes({{root + "/folder", 1}}));
-  fake->setBadge(root + "/file", "PENDING");
-  const auto asked = fake->asked().size();
+  setBadge("file", "PENDING");
+  const auto before = asked().size();
   file->ask();  // it changed on the disk
   EXPECT_THAT(file->emblems(), ElementsAre(SYNCED));
   const auto other = syncedFile("folder/other");
-  ASSERT_TRUE(host->waitUntil([&] { return fake->asked().size() > asked; })) << "a question would have come before";
+  ASSERT_TRUE(host->waitUntil([&] { return asked().size() > before; })) << "a question would have come before";
   window->go(front, url("third"));
   ASSERT_TRUE(observes({{root + "/third", 1}}));
-  EXPECT_THAT(std::vector(fake->asked().begin() + static_cast<std::ptrdiff_t>(asked), fake->asked().end()),
-              ElementsAre(root + "/folder/other"));
-  EXPECT_EQ(count("begin " + root), 1);
+  EXPECT_THAT(asked(before), ElementsAre(urlOf(root + "/folder/other")));
+  EXPECT_EQ(begun(root), 1);
 }
 
 TEST_F(VORNET_TABS_SUITE, ATabThatComesToTheFrontShowsWhatHasChangedAndNeverLosesAnEmblemMeanwhile) {
@@ -215,7 +234,7 @@ TEST_F(VORNET_TABS_SUITE, ATabThatComesToTheFrontShowsWhatHasChangedAndNeverLose
   const auto changed = syncedFile("changed"), same = syncedFile("same");
   window->sendToBack(tab);
   ASSERT_TRUE(observes({}));
-  fake->setBadge(root + "/changed", "PENDING");
+  setBadge("changed", "PENDING");
   bool lost = false;
   window->bringToFront(tab);
   ASSERT_TRUE(host->waitUntil([&] {
@@ -231,7 +250,7 @@ TEST_F(VORNET_TABS_SUITE, ATabThatComesToTheFrontLosesTheEmblemsThatAreNoMore) {
   const auto file = syncedFile("file");
   window->sendToBack(tab);
   ASSERT_TRUE(observes({}));
-  fake->setBadge(root + "/file", "");
+  setBadge("file", "");
   window->bringToFront(tab);
   EXPECT_TRUE(becomes(*file, {}));
 }
@@ -244,12 +263,11 @@ TEST_F(VORNET_TABS_SUITE, FilesThatAreGoneWhenTheUserComesBackAreForgotten) {
   window->sendToBack(tab);
   ASSERT_TRUE(observes({}));
   gone.reset();
-  fake->setBadge(root + "/file", "PENDING");
-  const auto asked = fake->asked().size();
+  setBadge("file", "PENDING");
+  const auto before = asked().size();
   window->bringToFront(tab);
   EXPECT_TRUE(becomes(*file, {PENDING}));
-  EXPECT_THAT(std::vector(fake->asked().begin() + static_cast<std::ptrdiff_t>(asked), fake->asked().end()),
-              ElementsAre(root + "/file"));
+  EXPECT_THAT(asked(before), ElementsAre(urlOf(root + "/file")));
 }
 
 }  // namespace

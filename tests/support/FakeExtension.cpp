@@ -4,13 +4,10 @@
 #include <stdexcept>
 #include <utility>
 
+#include "dbus/Interface.hpp"
+
 namespace vornet::test {
 namespace {
-
-constexpr const char* NAME = "com.vornet.KelvaneSync.FinderBadgeExtension";
-constexpr const char* OBJECT = "/com/vornet/FinderSync1";
-constexpr const char* INTERFACE = "com.vornet.FinderSync1";
-constexpr const char* ERROR_PREFIX = "com.vornet.FinderSync1.Error.";
 
 std::vector<std::string> texts(GVariant* arguments, gsize index) {
   GVariant* list = g_variant_get_child_value(arguments, index);
@@ -30,7 +27,27 @@ std::string text(GVariant* arguments) {
   return result;
 }
 
+const std::map<std::string, std::string> TITLES = {{"share:", "Share"},
+                                                   {"copyLink:", "Copy Link"},
+                                                   {"notes:", "Comments"},
+                                                   {"viewVersions:", "View versions"},
+                                                   {"viewInCloud:", "View in Cloud"}};
+
+bool isWithin(const std::string& folder, const std::string& url) {
+  return url == folder || url.starts_with(folder.ends_with("/") ? folder : folder + "/");
+}
+
 }  // namespace
+
+std::string urlOf(const std::string& path) {
+  gchar* url = g_filename_to_uri(path.c_str(), nullptr, nullptr);
+  const std::string result = url ? url : "";
+  g_free(url);
+  return result;
+}
+
+const std::vector<std::pair<std::string, bool>> FakeExtension::ALL = {
+    {"share:", true}, {"copyLink:", true}, {"notes:", true}, {"viewVersions:", false}, {"viewInCloud:", true}};
 
 FakeExtension::FakeExtension(const std::string& address, std::vector<std::string> folders)
     : folders_(std::move(folders)) {
@@ -42,54 +59,76 @@ FakeExtension::FakeExtension(const std::string& address, std::vector<std::string
       nullptr, nullptr, &failure);
   if (!connection_) throw std::runtime_error(failure->message);
   static const GDBusInterfaceVTable table = {&take, &property, nullptr, {}};
-  registration_ = g_dbus_connection_register_object(connection_, OBJECT, vornet_finder_sync1_interface_info(), &table,
-                                                    this, nullptr, nullptr);
-  GVariant* owned = g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                                "org.freedesktop.DBus", "RequestName", g_variant_new("(su)", NAME, 4),
-                                                G_VARIANT_TYPE("(u)"), G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &failure);
-  if (!owned) throw std::runtime_error(failure->message);
-  g_variant_unref(owned);
+  registration_ = g_dbus_connection_register_object(
+      connection_, dbus::OBJECT_PATH, vornet_finder_sync1_interface_info(), &table, this, nullptr, nullptr);
+  if (!callBus("RequestName", g_variant_new("(su)", dbus::BUS_NAME, 4)))
+    throw std::runtime_error("the name is not given");
 }
 
 FakeExtension::~FakeExtension() {
+  die();
+}
+
+void FakeExtension::die() {
+  if (!connection_) return;
   g_dbus_connection_unregister_object(connection_, registration_);
-  for (const auto& held : waiting_) {
+  for (const auto& held : std::exchange(waiting_, {})) {
     g_variant_unref(held.arguments);
     g_object_unref(held.invocation);
   }
   g_dbus_connection_close_sync(connection_, nullptr, nullptr);
-  g_object_unref(connection_);
+  g_clear_object(&connection_);
 }
 
 void FakeExtension::take(GDBusConnection*, const gchar* sender, const gchar*, const gchar*, const gchar* method,
                          GVariant* arguments, GDBusMethodInvocation* invocation, gpointer data) {
   auto& self = *static_cast<FakeExtension*>(data);
   self.callers_.insert(sender);
+  self.lastCaller_ = sender;
   self.note(method, arguments);
-  if (self.held_.contains(method)) {
+  const bool dies = self.diesIn == method;
+  if (dies || self.held_.contains(method)) {
     self.waiting_.push_back({method, invocation, g_variant_ref(arguments)});
   } else {
     self.answer(method, arguments, invocation);
   }
+  if (dies) self.die();
 }
 
 void FakeExtension::note(const std::string& method, GVariant* arguments) {
-  calls.push_back(method);
-  if (method == "RequestBadges") badgeRequests.push_back(texts(arguments, 0));
-  if (method == "GetMenu") menuRequests.push_back(texts(arguments, 0));
-  if (method == "PerformAction") {
+  std::string call = method;
+  const auto add = [&call](const std::vector<std::string>& words) {
+    for (const auto& word : words) call += " " + word;
+  };
+  if (method == "RequestBadges") {
+    badgeRequests.push_back(texts(arguments, 0));
+  } else if (method == "GetMenu") {
+    menuRequests.push_back(texts(arguments, 0));
+    add(menuRequests.back());
+  } else if (method == "PerformAction") {
     actions.push_back(texts(arguments, 1));
     actions.back().insert(actions.back().begin(), text(arguments));
+    add(actions.back());
+  } else {
+    add({text(arguments)});
   }
+  calls.push_back(call);
 }
 
 void FakeExtension::answer(const std::string& method, GVariant* arguments, GDBusMethodInvocation* invocation) {
   const auto refuse = [invocation](const std::string& error) {
-    const std::string name = error.find('.') == std::string::npos ? ERROR_PREFIX + error : error;
+    const std::string name = error.find('.') == std::string::npos ? dbus::ERROR_PREFIX + error : error;
     g_dbus_method_invocation_return_dbus_error(invocation, name.c_str(), "refused by a test");
   };
   if (const auto refusal = refusals.find(method); refusal != refusals.end()) return refuse(refusal->second);
-  if (method == "RequestBadges") answering = texts(arguments, 0);
+  if (method == "RequestBadges") {
+    answering = texts(arguments, 0);
+    if (busyRequests > 0) {
+      --busyRequests;
+      return refuse("Busy");
+    }
+    if (!changesBeforeAnswer.empty()) sendChanges(std::exchange(changesBeforeAnswer, {}));
+  }
   if (const auto found = nonsense.find(method); found != nonsense.end()) {
     // As a message: GDBus would not let an answer of another type pass.
     GDBusMessage* reply = g_dbus_message_new_method_reply(g_dbus_method_invocation_get_message(invocation));
@@ -117,17 +156,28 @@ void FakeExtension::answer(const std::string& method, GVariant* arguments, GDBus
     }
     values = g_variant_new("(as)", &identifiers);
   } else if (method == "GetMenu") {
-    GVariantBuilder entries;
-    g_variant_builder_init(&entries, G_VARIANT_TYPE("a(ssbs)"));
-    const auto selection = texts(arguments, 0);
-    const auto found = menus.find(selection.empty() ? "" : selection[0]);
-    if (found != menus.end()) {
-      g_variant_builder_add(&entries, "(ssbs)", "Share", "share:", static_cast<gboolean>(found->second[0]), "QMT");
-      g_variant_builder_add(&entries, "(ssbs)", "Copy Link", "copyLink:", static_cast<gboolean>(found->second[1]), "");
-    }
-    values = g_variant_new("(a(ssbs))", &entries);
+    values = menuOf(texts(arguments, 0));
   }
   g_dbus_method_invocation_return_value(invocation, values);
+}
+
+GVariant* FakeExtension::menuOf(const std::vector<std::string>& selection) const {
+  GVariantBuilder entries;
+  g_variant_builder_init(&entries, G_VARIANT_TYPE("a(ssbs)"));
+  const auto add = [&entries](const std::string& action, bool enabled, const char* image) {
+    g_variant_builder_add(&entries, "(ssbs)", TITLES.at(action).c_str(), action.c_str(), static_cast<gboolean>(enabled),
+                          image);
+  };
+  const bool isOurs = std::all_of(selection.begin(), selection.end(), [this](const std::string& item) {
+    return std::any_of(folders_.begin(), folders_.end(), [&](const auto& folder) { return isWithin(folder, item); });
+  });
+  if (const auto found = menus.find(selection.empty() ? "" : selection[0]); found != menus.end()) {
+    add("share:", found->second[0], "QMT");
+    add("copyLink:", found->second[1], "");
+  } else if (isOurs) {
+    for (const auto& [action, enabled] : menu) add(action, enabled, "QMT");
+  }
+  return g_variant_new("(a(ssbs))", &entries);
 }
 
 void FakeExtension::release(const std::string& method) {
@@ -148,28 +198,54 @@ std::size_t FakeExtension::heldCalls(const std::string& method) const {
       std::count_if(waiting_.begin(), waiting_.end(), [&](const Held& held) { return held.method == method; }));
 }
 
+void FakeExtension::freeze() {
+  held_ = {"BeginObserving", "EndObserving", "RequestBadges", "GetMenu", "PerformAction"};
+}
+
+std::size_t FakeExtension::count(const std::string& text) const {
+  return static_cast<std::size_t>(
+      std::count_if(calls.begin(), calls.end(), [&](const std::string& call) { return call.starts_with(text); }));
+}
+
+void FakeExtension::setBadge(const std::string& item, const std::string& identifier) {
+  badges[item] = identifier;
+  if (observed.contains(item.substr(0, item.rfind('/')))) sendChanges({{item, identifier}});
+}
+
 void FakeExtension::sendChanges(const std::vector<std::pair<std::string, std::string>>& changes) {
   GVariantBuilder list;
   g_variant_builder_init(&list, G_VARIANT_TYPE("a(ss)"));
   for (const auto& [item, identifier] : changes) {
     g_variant_builder_add(&list, "(ss)", item.c_str(), identifier.c_str());
   }
-  send(INTERFACE, "BadgesChanged", g_variant_new("(a(ss))", &list));
+  send(dbus::INTERFACE, "BadgesChanged", g_variant_new("(a(ss))", &list));
 }
 
 void FakeExtension::send(const char* interface, const char* signal, GVariant* values) {
   g_variant_ref_sink(values);
   for (const auto& caller : callers_) {
-    g_dbus_connection_emit_signal(connection_, caller.c_str(), OBJECT, interface, signal, values, nullptr);
+    g_dbus_connection_emit_signal(connection_, caller.c_str(), dbus::OBJECT_PATH, interface, signal, values, nullptr);
   }
   g_variant_unref(values);
 }
 
 void FakeExtension::giveUpName() {
-  GVariant* released = g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                                   "org.freedesktop.DBus", "ReleaseName", g_variant_new("(s)", NAME),
-                                                   nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-  if (released) g_variant_unref(released);
+  callBus("ReleaseName", g_variant_new("(s)", dbus::BUS_NAME));
+}
+
+bool FakeExtension::clientIsConnected() const {
+  gboolean connected = FALSE;
+  if (const auto answer = callBus("NameHasOwner", g_variant_new("(s)", lastCaller_.c_str()))) {
+    g_variant_get(answer.get(), "(b)", &connected);
+  }
+  return connected != FALSE;
+}
+
+std::shared_ptr<GVariant> FakeExtension::callBus(const char* method, GVariant* arguments) const {
+  GVariant* values =
+      g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
+                                  method, arguments, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+  return values ? std::shared_ptr<GVariant>(values, g_variant_unref) : nullptr;
 }
 
 GVariant* FakeExtension::foldersValue() const {
@@ -194,8 +270,9 @@ void FakeExtension::setFolders(const std::vector<std::string>& folders) {
   GVariantBuilder changed;
   g_variant_builder_init(&changed, G_VARIANT_TYPE_VARDICT);
   g_variant_builder_add(&changed, "{sv}", "ObservedFolders", foldersValue());
-  g_dbus_connection_emit_signal(connection_, nullptr, OBJECT, "org.freedesktop.DBus.Properties", "PropertiesChanged",
-                                g_variant_new("(sa{sv}as)", INTERFACE, &changed, nullptr), nullptr);
+  g_dbus_connection_emit_signal(connection_, nullptr, dbus::OBJECT_PATH, "org.freedesktop.DBus.Properties",
+                                "PropertiesChanged", g_variant_new("(sa{sv}as)", dbus::INTERFACE, &changed, nullptr),
+                                nullptr);
 }
 
 }  // namespace vornet::test
