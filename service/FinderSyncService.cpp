@@ -7,6 +7,7 @@
 #include "base/AppConst.hpp"
 #include "dbus/Interface.hpp"
 #include "platform/linux/Host.hpp"
+#include "rest/RESTPollingManager.hpp"
 
 namespace vornet::service {
 namespace {
