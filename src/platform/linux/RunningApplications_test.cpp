@@ -14,6 +14,7 @@
 #include "support/ChildProcess.hpp"
 #include "support/Environment.hpp"
 #include "support/TemporaryFolder.hpp"
+#include "support/Threads.hpp"
 
 namespace vornet::platform {
 namespace {
@@ -38,7 +39,7 @@ void become(const std::string& application) {
 
 class RunningApplications : public testing::Test {
  protected:
-  /// Starts a process of the application, which runs until the gate `end` is opened for it.
+  /// Starts a process of the application, which runs until the gate `end` is opened.
   std::unique_ptr<ChildProcess> start() {
     auto child = std::make_unique<ChildProcess>([this] {
       become(APPLICATION);
@@ -47,7 +48,7 @@ class RunningApplications : public testing::Test {
       end.pass();
       return 0;
     });
-    started.pass();
+    started.pass(++processes);
     return child;
   }
   fs::path lockFile(std::int64_t process) const {
@@ -58,6 +59,7 @@ class RunningApplications : public testing::Test {
   ScopedVariable runtime{"XDG_RUNTIME_DIR", folder / "runtime"};
   Gate started;
   Gate end;
+  std::uint64_t processes = 0;  // started
 };
 
 TEST_F(RunningApplications, AreNoneWhenNoneRuns) {
@@ -173,9 +175,9 @@ TEST_F(RunningApplications, CountExactlyOneAloneOfThoseThatStartAtOnce) {
       }));
     }
     ready.pass(PROCESSES);
-    start.open(PROCESSES);
+    start.open();
     counted.pass(PROCESSES);
-    leave.open(PROCESSES);
+    leave.open();
     std::vector<int> counts;
     for (const auto& child : children) counts.push_back(child->wait());
     std::sort(counts.begin(), counts.end());
@@ -219,7 +221,7 @@ TEST_F(RunningApplications, MeetInAPrivateFolderWhereTheSystemNamesNone) {
       end.pass();
       return 0;
     });
-    started.pass();
+    started.pass(++processes);
     EXPECT_THAT(runningApplicationsWithBundleIdentifier(application), ElementsAre(child.identifier()));
   }
   struct stat found;
