@@ -341,7 +341,7 @@ void ExtensionLink::callOnBus(const char* name, const char* path, const char* in
     GError* error = nullptr;
     GVariant* values = g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &error);
     if (const auto link = call->link.lock()) {
-      const Turn turn("answer");
+      const TracedCall traced("answer");
       guarded([&] {
         const bool valid = values && g_variant_is_of_type(values, G_VARIANT_TYPE(call->type));
         if (values && (!valid || isLarge(values))) (*link)->disposal_.add(values);
