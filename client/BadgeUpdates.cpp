@@ -57,7 +57,7 @@ void BadgeUpdates::takeAnswer(Answer answer, std::function<void()> applied) {
     Folder* folder = generation == generation_ ? folders_.find(kept->folder, kept->folderId) : nullptr;
     if (!folder) return false;
     const std::size_t end = std::min(next + STEP, kept->names.size());
-    for (; next < end; ++next) apply(*folder, kept->names[next], kept->emblems[next]);
+    for (; next < end; ++next) applyBadge(*folder, kept->names[next], kept->emblems[next]);
     if (next < kept->names.size()) return true;
     work_.add([applied] {  // behind the redrawing
       applied();
@@ -102,7 +102,7 @@ bool BadgeUpdates::read(Message& message) {
     if (strnlen(textOf(url), LONGEST_URL + 1) > LONGEST_URL) continue;
     const auto path = pathOfURL(textOf(url));
     Folder* folder = path ? folders_.find(folderOf(*path)) : nullptr;
-    if (folder) apply(*folder, std::string(nameOf(*path)), emblemOf(textOf(childOf(change.get(), 1))));
+    if (folder) applyBadge(*folder, std::string(nameOf(*path)), emblemOf(textOf(childOf(change.get(), 1))));
   }
   return message.next < message.items;
 }
@@ -114,7 +114,7 @@ void BadgeUpdates::dropUnread() {
 
 // --- Redrawing ------------------------------------------------------------------------------------------------------
 
-void BadgeUpdates::apply(Folder& folder, const std::string& name, std::string_view emblem) {
+void BadgeUpdates::applyBadge(Folder& folder, const std::string& name, std::string_view emblem) {
   const auto found = folder.entries.find(name);
   if (found == folder.entries.end() || found->second.emblem == emblem) return;
   found->second.emblem = emblem;
@@ -139,21 +139,35 @@ bool BadgeUpdates::redrawNext() {
     found->second.changed = false;
     const auto item = found->second.item;  // the file manager may ask within the call, and bring another
     const auto itemPath = path == "/" ? path + name : path + "/" + name;
-    guarded([&] { item->redraw(itemPath); });
+    const std::string emblem(found->second.emblem);
+    guarded([&] { item->redraw(itemPath, emblem); });
     return true;
   }
   return false;
 }
 
 void BadgeUpdates::redrawAll(const Folder& folder) {
-  auto items = std::make_shared<std::vector<std::pair<std::string, std::shared_ptr<ShownItem>>>>();
+  struct Item {
+    std::string name;
+    std::shared_ptr<ShownItem> item;
+    std::string_view emblem;
+  };
+  auto items = std::make_shared<std::vector<Item>>();
   items->reserve(folder.entries.size());
-  const std::string base = folder.path == "/" ? "/" : folder.path + "/";
-  for (const auto& [name, entry] : folder.entries) items->emplace_back(base + name, entry.item);
-  work_.add([items] {
+  for (const auto& [name, entry] : folder.entries) items->push_back({name, entry.item, entry.emblem});
+  work_.add([this, items, path = folder.path, id = folder.id] {
+    const std::string base = path == "/" ? "/" : path + "/";
     for (std::size_t i = 0; i < STEP && !items->empty(); ++i) {
-      items->back().second->redraw(items->back().first);
+      const Item one = std::move(items->back());
       items->pop_back();
+      const Folder* current = folders_.find(path, id);
+      auto emblem = one.emblem;
+      if (current) {
+        if (const auto found = current->entries.find(one.name); found != current->entries.end()) {
+          emblem = found->second.emblem;  // it may have changed since
+        }
+      }
+      one.item->redraw(base + one.name, std::string(emblem));
     }
     return !items->empty();
   });

@@ -46,9 +46,9 @@ class BadgeUpdates {
   void dropUnread();
 
   /// The emblem of an item is `emblem` now.
-  void apply(Folder& folder, const std::string& name, std::string_view emblem);
+  void applyBadge(Folder& folder, const std::string& name, std::string_view emblem);
 
-  /// Has the file manager ask again for every item of `folder`, which may be forgotten meanwhile.
+  /// Has the file manager draw every item of `folder` again, which may be forgotten meanwhile.
   void redrawAll(const Folder& folder);
 
  private:

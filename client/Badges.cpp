@@ -11,9 +11,9 @@
 namespace vornet::client {
 namespace {
 
-// The bus carries a million paths a second in batches of this size; four under way keep the extension's threads busy.
+// The bus carries a million paths a second in batches of this size; four in flight keep the extension's threads busy.
 constexpr std::size_t BATCH = 500;
-constexpr unsigned BATCHES_UNDER_WAY = 4;
+constexpr unsigned BATCHES_IN_FLIGHT = 4;
 
 // The bus's own word for Busy.
 constexpr const char* TOO_MANY_CALLS = "org.freedesktop.DBus.Error.LimitsExceeded";
@@ -56,21 +56,26 @@ Badges::Badges(GMainContext* context, ExtensionLink& link, FoldersOnScreen& fold
       failedAgain_(context),
       missed_(context),
       unobserved_(context),
+      leaving_(context),
       busyRetries_(pace.retries),
       failureRetries_(pace.retries),
       gatheringTime_(pace.gathering),
       missedPause_(Backoff(pace.retries).next()),
-      unobservedPace_(pace.unobserved) {}
+      unobservedPace_(pace.unobserved),
+      leavingTime_(pace.leaving) {}
 
 bool Badges::mayCarryBadges(std::string_view path) const {
   return !link_.foldersKnown() || link_.observedFolders().empty() || link_.isObserved(path);
 }
 
 std::string_view Badges::emblem(Folder& folder, std::string_view name, std::unique_ptr<ShownItem> item) {
+  if (folder.entries.empty()) folder.remembered.merge(left_.take(folder.path));
+  if (folder.entries.size() >= folder.crowded) forgetGone(folder);
   const auto [found, isNew] = folder.entries.try_emplace(std::string(name));
   Entry& entry = found->second;
   entry.item = std::move(item);
   if (isNew) {
+    if (const auto known = folder.remembered.extract(found->first)) entry.emblem = known.mapped();
     entry.waiting = true;
     folder.waiting.push_back(found->first);
     folder.lastNew = g_get_monotonic_time();
@@ -79,9 +84,15 @@ std::string_view Badges::emblem(Folder& folder, std::string_view name, std::uniq
   return entry.emblem;
 }
 
+/// Items that were deleted or renamed while their folder was held.
+void Badges::forgetGone(Folder& folder) {
+  std::erase_if(folder.entries, [](const auto& entry) { return entry.second.item->isGone(); });
+  folder.crowded = std::max(folder.crowded, 2 * folder.entries.size());
+}
+
 // --- Observing ------------------------------------------------------------------------------------------------------
 
-void Badges::adjust(Folder& folder) {
+void Badges::syncObservations(Folder& folder) {
   const bool possible = link_.isReady() && !folder.refused && link_.isObserved(folder.path);
   const int wanted = !possible ? 0 : folder.shown > 0 ? folder.shown : folder.inferred ? 1 : 0;
   while (folder.begun < wanted && !folder.refused && !folder.tooMany) begin(folder);
@@ -89,6 +100,7 @@ void Badges::adjust(Folder& folder) {
     if (link_.isReady()) link_.send("EndObserving", g_variant_new("(s)", urlOfPath(folder.path).c_str()));
   }
   if (folder.begun == 0) folder.observed = false;
+  if (wanted == 0) folder.tooMany = false;
 }
 
 void Badges::begin(Folder& folder) {
@@ -107,7 +119,7 @@ void Badges::began(Folder& folder) {
   folder.observed = true;
   if (std::exchange(folder.tooMany, false)) {
     askForAll(folder);  // of what was answered before, a change might not be told
-    adjust(folder);
+    syncObservations(folder);
   }
   askSoon();
 }
@@ -130,7 +142,7 @@ void Badges::notBegun(Folder& folder, const std::string& error) {
 void Badges::pause() {
   if (pause_.isRunning()) return;
   pause_.start(busyRetries_.next(), [this] {
-    for (const auto& path : folders_.paths()) adjust(*folders_.find(path));
+    for (const auto& path : folders_.paths()) syncObservations(*folders_.find(path));
     ask();
   });
 }
@@ -153,10 +165,45 @@ void Badges::refreshUnobserved() {
   refreshUnobservedLater();
 }
 
-void Badges::drop(Folder& folder) {
-  folder.shown = 0;
+// --- Coming and going -----------------------------------------------------------------------------------------------
+
+void Badges::show(Folder& folder) {
+  folder.leftAt = 0;
+  if (folder.begun == 0) askForAll(folder);
+  syncObservations(folder);
+}
+
+void Badges::leave(Folder& folder) {
+  folder.leftAt = g_get_monotonic_time();
+  if (!leaving_.isRunning()) leaving_.start(leavingTime_, [this] { forgetLeft(); });
+}
+
+void Badges::forgetLeft() {
+  const gint64 now = g_get_monotonic_time();
+  bool later = false;
+  for (const auto& path : folders_.paths()) {
+    Folder& folder = *folders_.find(path);
+    if (folder.leftAt == 0) continue;
+    if (now - folder.leftAt < std::chrono::microseconds(leavingTime_).count()) {
+      later = true;
+      continue;
+    }
+    folder.leftAt = 0;
+    redrawAll(folder);
+    forget(folder);
+  }
+  if (later) leaving_.start(leavingTime_, [this] { forgetLeft(); });
+}
+
+void Badges::forget(Folder& folder) {
   folder.inferred = false;
-  adjust(folder);
+  syncObservations(folder);
+  if (folder.isHeld()) return;
+  Emblems emblems = std::move(folder.remembered);
+  for (const auto& [name, entry] : folder.entries) {
+    if (!entry.emblem.empty()) emblems.insert_or_assign(name, entry.emblem);
+  }
+  left_.add(folder.path, std::move(emblems));
   folders_.erase(std::string(folder.path));
 }
 
@@ -179,7 +226,7 @@ void Badges::askForEverythingLater() {
 }
 
 void Badges::askSoon() {
-  if (gathering_.isRunning() || batchesUnderWay_ >= BATCHES_UNDER_WAY) return;
+  if (gathering_.isRunning() || batchesInFlight_ >= BATCHES_IN_FLIGHT) return;
   gathering_.start(gatheringTime_, [this] { ask(); });
 }
 
@@ -187,7 +234,7 @@ void Badges::askSoon() {
 void Badges::ask() {
   if (std::exchange(isAsking_, true)) return;
   questions_.add([this] {
-    const bool may = link_.isReady() && !pause_.isRunning() && batchesUnderWay_ < BATCHES_UNDER_WAY;
+    const bool may = link_.isReady() && !pause_.isRunning() && batchesInFlight_ < BATCHES_IN_FLIGHT;
     return isAsking_ = may && askForNextBatch();
   });
 }
@@ -223,6 +270,10 @@ void Badges::askForBatch(Folder& folder, std::vector<std::string> names) {
   for (auto& name : names) {
     const auto found = folder.entries.find(name);
     if (found == folder.entries.end()) continue;
+    if (found->second.item->isGone()) {
+      folder.entries.erase(found);
+      continue;
+    }
     found->second.waiting = false;
     g_variant_builder_add(&urls, "s", urlOfPath(base + name).c_str());
     batch->names.push_back(std::move(name));
@@ -232,14 +283,14 @@ void Badges::askForBatch(Folder& folder, std::vector<std::string> names) {
     return;
   }
   folder.unanswered += batch->names.size();
-  ++batchesUnderWay_;
+  ++batchesInFlight_;
   link_.call("RequestBadges", g_variant_new("(as)", &urls), "(as)",
              [this, batch](GVariant* values, const std::string& error) { answered(*batch, values, error); });
 }
 
 void Badges::answered(Batch& batch, GVariant* values, const std::string& error) {
   if (batch.generation != generation_) return;
-  --batchesUnderWay_;
+  --batchesInFlight_;
   Folder* folder = folders_.find(batch.folder, batch.folderId);
   auto emblems = values ? emblemsOf(values, batch.names.size()) : std::vector<std::string_view>();
   if (!emblems.empty()) {
@@ -290,15 +341,16 @@ void Badges::traceAnswered(Folder& folder, std::size_t items) {
   trace("the badges of %zu items are known, %.1f ms after the last of them came", folder.entries.size(), milliseconds);
 }
 
-/// The folder lies outside the synced folder now. Of one that a window shows the items are kept: they get badges when
+/// The folder lies outside the synced folder now. Of one that a window holds the items are kept: they get badges when
 /// it comes to lie within again, and the file manager does not ask for them then.
 void Badges::clear(Folder& folder) {
-  if (folder.shown > 0 || link_.observedFolders().empty()) {
-    for (const auto& [name, entry] : folder.entries) updates_.apply(folder, name, {});
+  folder.remembered.clear();
+  if (folder.shown > 0 || folder.isHeld() || link_.observedFolders().empty()) {
+    for (const auto& [name, entry] : folder.entries) updates_.applyBadge(folder, name, {});
     return;
   }
-  const bool hadBadges = std::any_of(folder.entries.begin(), folder.entries.end(),
-                                     [](const auto& entry) { return !entry.second.emblem.empty(); });
+  bool hadBadges = false;
+  for (auto& [name, entry] : folder.entries) hadBadges |= !std::exchange(entry.emblem, {}).empty();
   if (hadBadges) redrawAll(folder);
   folder.entries.clear();
   folder.waiting.clear();
@@ -314,7 +366,7 @@ void Badges::extensionReady() {
 
 void Badges::extensionGone() {
   ++generation_;
-  batchesUnderWay_ = 0;
+  batchesInFlight_ = 0;
   updates_.dropUnread();
   for (auto* timer : {&pause_, &failedAgain_, &missed_, &unobserved_}) timer->stop();
   busyRetries_.reset();
@@ -330,6 +382,7 @@ void Badges::extensionGone() {
 }
 
 void Badges::observedFoldersChanged() {
+  left_.keepOnly([this](const std::string& path) { return link_.isObserved(path); });
   for (const auto& path : folders_.paths()) {
     Folder& folder = *folders_.find(path);
     folder.refused = folder.tooMany = false;
@@ -338,10 +391,10 @@ void Badges::observedFoldersChanged() {
     } else {
       clear(folder);
     }
-    if (folder.shown == 0 && !mayCarryBadges(path)) {
-      drop(folder);
+    if (folder.shown == 0 && !folder.isHeld() && !mayCarryBadges(path)) {
+      forget(folder);
     } else {
-      adjust(folder);
+      syncObservations(folder);
     }
   }
   askSoon();

@@ -12,6 +12,7 @@
 #include "ExtensionLink.hpp"
 #include "FileManager.hpp"
 #include "FoldersOnScreen.hpp"
+#include "LeftFolders.hpp"
 #include "MainLoop.hpp"
 
 namespace vornet::client {
@@ -25,6 +26,7 @@ class Badges {
     std::chrono::milliseconds gathering;   ///< the first item's wait for others of its batch
     Backoff retries;                       ///< between attempts at what fails
     std::chrono::milliseconds unobserved;  ///< between questions for folders that the extension has no room to observe
+    std::chrono::milliseconds leaving;     ///< how long the items of a folder are kept that the last tab has left
   };
 
   Badges(GMainContext* context, ExtensionLink& link, FoldersOnScreen& folders, const Pace& pace);
@@ -38,12 +40,19 @@ class Badges {
   bool mayCarryBadges(std::string_view path) const;
 
   /// Begins and ends observations until there are as many as `folder` is shown.
-  void adjust(Folder& folder);
+  void syncObservations(Folder& folder);
 
-  /// Ends its observations and forgets it.
-  void drop(Folder& folder);
+  /// `folder` comes on screen, or to its front again: asks for what may have changed since it was observed.
+  void show(Folder& folder);
 
-  /// Has the file manager ask again for every item of `folder` that it still shows.
+  /// The last tab has left `folder`: forgets it soon, and has its items redrawn then, so that the file manager asks for
+  /// them when it shows them again.
+  void leave(Folder& folder);
+
+  /// Ends the observations of `folder`, which no window shows. Unless some tab holds it, only its emblems are kept.
+  void forget(Folder& folder);
+
+  /// Has the file manager draw every item of `folder` again that it still shows.
   void redrawAll(const Folder& folder) { updates_.redrawAll(folder); }
 
   void extensionReady();
@@ -70,9 +79,12 @@ class Badges {
   void failed(Folder& folder, std::vector<std::string> names, const std::string& error);
   void traceAnswered(Folder& folder, std::size_t items);
   void clear(Folder& folder);
+  void forgetGone(Folder& folder);
+  void forgetLeft();
 
   ExtensionLink& link_;
   FoldersOnScreen& folders_;
+  LeftFolders left_;
   BadgeUpdates updates_;
   SlicedWork questions_;
   Timer gathering_;
@@ -80,13 +92,15 @@ class Badges {
   Timer failedAgain_;  ///< batches that failed wait meanwhile
   Timer missed_;
   Timer unobserved_;
+  Timer leaving_;
   Backoff busyRetries_;
   Backoff failureRetries_;
   const std::chrono::milliseconds gatheringTime_;
   const std::chrono::milliseconds missedPause_;
   const std::chrono::milliseconds unobservedPace_;
+  const std::chrono::milliseconds leavingTime_;
   unsigned generation_ = 0;  ///< counts the extension's processes: answers of former ones are void
-  unsigned batchesUnderWay_ = 0;
+  unsigned batchesInFlight_ = 0;
   bool isAsking_ = false;
 };
 

@@ -358,7 +358,7 @@ void ExtensionLink::callObject(const char* name, const char* path, const char* i
     const Value values(g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, ErrorTo(error)));
     const auto link = call->link.lock();
     if (!link) return;
-    const Turn turn("answer");
+    const TracedCall traced("answer");
     guarded([&] {
       if (!values) return call->done(nullptr, callErrorOf(error.get()));
       const bool valid = g_variant_is_of_type(values.get(), G_VARIANT_TYPE(call->type));

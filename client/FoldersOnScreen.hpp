@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "FileManager.hpp"
+#include "LeftFolders.hpp"
 
 namespace vornet::client {
 
@@ -21,11 +22,13 @@ struct Entry {
   bool changed = false;     ///< in the folder's list of those to be redrawn
 };
 
-/// A folder that windows show, or that is taken to be on screen because its items are asked for.
+/// A folder that windows show or hold, or that is taken to be on screen because its items are asked for.
 struct Folder {
   std::string path;
   unsigned id = 0;        ///< no other folder has it, not even the same one when it comes on screen again
   int shown = 0;          ///< windows, tabs and panes that said so
+  int opened = 0;         ///< tabs and views that hold it, in front or not
+  gint64 leftAt = 0;      ///< when the last of these left it; monotonic, in microseconds; 0 for not just now
   bool inferred = false;  ///< nobody said so; observed all the same
   bool wasInferred = false;
 
@@ -35,6 +38,8 @@ struct Folder {
   bool tooMany = false;   ///< or that it observes too many: its badges are asked for now and then
 
   std::unordered_map<std::string, Entry> entries;  ///< by name
+  std::size_t crowded = 1024;                      ///< so many entries are searched for items that are gone
+  Emblems remembered;                              ///< from its last time on screen, of items that are not shown yet
   std::vector<std::string> waiting;                ///< names to be asked for
   std::deque<std::vector<std::string>> again;      ///< batches that failed, to be asked for again
   std::vector<std::string> changed;                ///< names to be redrawn
@@ -43,9 +48,12 @@ struct Folder {
 
   gint64 lastAsked = 0;  ///< when the file manager asked for an item; monotonic, in microseconds
   gint64 testedAt = 0;   ///< when it was tested whether it still does; 0 while no test is on
+
+  /// Whether the file manager keeps its items and their emblems, and asks for none of them again by itself.
+  bool isHeld() const { return opened > 0 || leftAt != 0; }
 };
 
-/// The folders on screen and what is known of their items. Memory is bounded by them. Not thread-safe.
+/// The folders on screen and in background tabs, and what is known of their items. Not thread-safe.
 class FoldersOnScreen {
  public:
   using Map = std::unordered_map<std::string, std::unique_ptr<Folder>>;

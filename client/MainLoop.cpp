@@ -31,7 +31,7 @@ void Timer::start(std::chrono::milliseconds delay, std::function<void()> functio
     auto& timer = *static_cast<Timer*>(self);
     end(timer.source_);
     const auto due = std::move(timer.function_);  // it may start the timer again
-    const Turn turn("timer");
+    const TracedCall traced("timer");
     guarded(due);
     return G_SOURCE_REMOVE;
   };
@@ -58,7 +58,7 @@ void SlicedWork::add(std::function<bool()> step) {
 }
 
 bool SlicedWork::runSlice() {
-  const Turn turn("work");
+  const TracedCall traced("work");
   const gint64 end_of_slice = g_get_monotonic_time() + SLICE_MICROSECONDS;
   while (!steps_.empty()) {
     if (!guarded(false, steps_.front())) steps_.pop_front();

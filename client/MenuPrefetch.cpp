@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "Paths.hpp"
 #include "Plugin.hpp"
@@ -11,9 +12,12 @@ namespace vornet::client {
 namespace {
 
 // The extension works at so many menus at a time; more would only queue up behind a sync application that hangs.
-constexpr unsigned QUESTIONS_UNDER_WAY = 4;
+constexpr unsigned MOST_IN_FLIGHT = 4;
 
-// An answer that is older is shown, and asked for anew: the sync application may have changed its mind.
+// As many windows as may each ask for the menu of their own selection without replacing one another's.
+constexpr std::size_t MOST_REMEMBERED = 8;
+
+// An answer that is older is shown, and asked for again: the sync application may have changed its mind.
 constexpr gint64 FRESH_MICROSECONDS = 1'000'000;
 
 constexpr const char* ICON = "vornet-vi";
@@ -32,8 +36,7 @@ std::string cut(const gchar* text) {
 
 }  // namespace
 
-MenuPrefetch::MenuPrefetch(ExtensionLink& link, std::function<void()> changed)
-    : link_(link), changed_(std::move(changed)) {}
+MenuPrefetch::MenuPrefetch(ExtensionLink& link, Changed changed) : link_(link), changed_(std::move(changed)) {}
 
 Menu MenuPrefetch::greyed() const {
   Menu result;
@@ -53,42 +56,63 @@ bool MenuPrefetch::belongs(const Selection& selection) const {
   });
 }
 
-Menu MenuPrefetch::menu(const Selection& selection) {
-  if (!selection.empty()) link_.want();
-  if (selection != selection_) {
-    selection_ = selection;
-    entries_.clear();
-    answeredAt_ = 0;
-    asked_ = waiting_ = false;
-    ++question_;
-  }
-  if (!belongs(selection_)) return {};
-  if (selection_.size() > Plugin::LARGEST_SELECTION) return greyed();
-  const bool stale = answeredAt_ == 0 || g_get_monotonic_time() - answeredAt_ > FRESH_MICROSECONDS;
-  if (stale && !asked_) ask();
-  return answeredAt_ == 0 ? greyed() : entries_;
+MenuPrefetch::Menus::iterator MenuPrefetch::find(const Selection& selection) {
+  return std::find_if(remembered_.begin(), remembered_.end(),
+                      [&selection](const auto& menu) { return menu.selection == selection; });
 }
 
-void MenuPrefetch::ask() {
-  asked_ = true;
-  waiting_ = !link_.isReady() || underWay_ >= QUESTIONS_UNDER_WAY;
-  if (waiting_) return;
-  ++underWay_;
+MenuPrefetch::Remembered& MenuPrefetch::remember(const Selection& selection) {
+  if (const auto known = find(selection); known != remembered_.end()) {
+    remembered_.splice(remembered_.begin(), remembered_, known);
+  } else {
+    remembered_.push_front({selection, {}, 0, 0});
+    if (remembered_.size() > MOST_REMEMBERED) remembered_.pop_back();
+  }
+  return remembered_.front();
+}
+
+Menu MenuPrefetch::menu(const Selection& selection) {
+  if (selection.empty()) return {};
+  link_.want();
+  Remembered& known = remember(selection);
+  if (!belongs(selection)) return {};
+  if (selection.size() > Plugin::LARGEST_SELECTION) return greyed();
+  const bool isStale = known.answeredAt == 0 || g_get_monotonic_time() - known.answeredAt > FRESH_MICROSECONDS;
+  if (isStale && known.requestId == 0) ask(known);
+  return known.answeredAt == 0 ? greyed() : known.entries;
+}
+
+/// Of several selections that find no room, the last one is asked for when there is some. The others are when the file
+/// manager asks again.
+void MenuPrefetch::ask(Remembered& menu) {
+  if (!link_.isReady() || inFlight_ >= MOST_IN_FLIGHT) {
+    waiting_ = menu.selection;
+    return;
+  }
+  menu.requestId = ++lastRequestId_;
+  ++inFlight_;
   GVariantBuilder urls;
   g_variant_builder_init(&urls, G_VARIANT_TYPE_STRING_ARRAY);
-  for (const auto& path : selection_) g_variant_builder_add(&urls, "s", urlOfPath(path).c_str());
-  const auto done = [this, question = question_, extension = extension_](GVariant* values, const std::string&) {
-    if (extension != extension_) return;
-    --underWay_;
-    answered(question, values);
-    if (waiting_) ask();
+  for (const auto& path : menu.selection) g_variant_builder_add(&urls, "s", urlOfPath(path).c_str());
+  const auto done = [this, id = menu.requestId, generation = generation_](GVariant* values, const std::string&) {
+    if (generation != generation_) return;
+    --inFlight_;
+    answered(id, values);
+    askNext();
   };
   link_.call("GetMenu", g_variant_new("(as)", &urls), "(a(ssbs))", done);
 }
 
-void MenuPrefetch::answered(unsigned question, GVariant* values) {
-  if (question != question_) return;
-  asked_ = false;
+void MenuPrefetch::askNext() {
+  const auto menu = find(std::exchange(waiting_, {}));
+  if (menu != remembered_.end() && menu->requestId == 0) ask(*menu);
+}
+
+void MenuPrefetch::answered(unsigned requestId, GVariant* values) {
+  const auto menu =
+      std::find_if(remembered_.begin(), remembered_.end(), [=](const auto& one) { return one.requestId == requestId; });
+  if (menu == remembered_.end()) return;
+  menu->requestId = 0;
   if (!values) return;
   Menu entries;
   const Value list = childOf(values, 0);
@@ -101,30 +125,34 @@ void MenuPrefetch::answered(unsigned question, GVariant* values) {
     const bool hasImage = *textOf(childOf(entry.get(), 3)) != '\0';
     entries.push_back({cut(textOf(childOf(entry.get(), 0))), textOf(action), enabled, hasImage ? ICON : ""});
   }
-  const bool isNew = entries != (answeredAt_ == 0 ? greyed() : entries_);
-  entries_ = std::move(entries);
-  answeredAt_ = g_get_monotonic_time();
-  if (isNew) changed_();
+  const bool isNew = entries != (menu->answeredAt == 0 ? greyed() : menu->entries);
+  menu->entries = std::move(entries);
+  menu->answeredAt = g_get_monotonic_time();
+  if (isNew) changed_(Selection(menu->selection));
 }
 
 void MenuPrefetch::extensionReady() {
   observedFoldersChanged();
 }
 
-/// What was answered stays; what was asked will not be.
+/// Keeps received answers; drops pending requests.
 void MenuPrefetch::extensionGone() {
-  ++extension_;
-  underWay_ = 0;
-  asked_ = waiting_ = false;
+  ++generation_;
+  inFlight_ = 0;
+  waiting_.clear();
+  for (auto& menu : remembered_) menu.requestId = 0;
 }
 
 /// A selection may belong now for which there were no entries, or the other way round.
 void MenuPrefetch::observedFoldersChanged() {
-  if (selection_.empty()) return;
-  ++question_;
-  answeredAt_ = 0;
-  asked_ = waiting_ = false;
-  changed_();
+  waiting_.clear();
+  std::vector<Selection> selections;
+  for (auto& menu : remembered_) {
+    menu.answeredAt = 0;
+    menu.requestId = 0;
+    selections.push_back(menu.selection);
+  }
+  for (const auto& selection : selections) changed_(selection);
 }
 
 }  // namespace vornet::client

@@ -2,17 +2,23 @@
 
 #include <gio/gio.h>
 
+#include <functional>
+#include <list>
+
 #include "ExtensionLink.hpp"
 #include "Menu.hpp"
 
 namespace vornet::client {
 
-/// The menu of what is selected, asked for when it is selected, so that opening it waits for nothing. Not thread-safe:
-/// the context's thread only.
+/// The menus of what is selected, fetched when it is selected, so that opening one waits for nothing. Those of the last
+/// few selections are remembered: when one changes, each window asks for the menu of its own selection again. Not
+/// thread-safe: the context's thread only.
 class MenuPrefetch {
  public:
-  /// `changed` is called when the entries of the last selection have become others.
-  MenuPrefetch(ExtensionLink& link, std::function<void()> changed);
+  using Changed = std::function<void(const Selection& selection)>;
+
+  /// `changed` is called when the entries of a selection that is remembered have changed.
+  MenuPrefetch(ExtensionLink& link, Changed changed);
   MenuPrefetch(const MenuPrefetch&) = delete;
   MenuPrefetch& operator=(const MenuPrefetch&) = delete;
 
@@ -24,22 +30,31 @@ class MenuPrefetch {
   void observedFoldersChanged();
 
  private:
+  struct Remembered {
+    Selection selection;
+    Menu entries;
+    gint64 answeredAt = 0;   ///< monotonic, in microseconds; 0 while there is no answer
+    unsigned requestId = 0;  ///< of the request in flight; 0 for none
+  };
+
+  using Menus = std::list<Remembered>;
+
   bool belongs(const Selection& selection) const;
   Menu greyed() const;
-  void ask();
-  void answered(unsigned question, GVariant* values);
+  Menus::iterator find(const Selection& selection);
+  Remembered& remember(const Selection& selection);
+  void ask(Remembered& menu);
+  void askNext();
+  void answered(unsigned requestId, GVariant* values);
 
   ExtensionLink& link_;
-  std::function<void()> changed_;
+  const Changed changed_;
 
-  Selection selection_;
-  Menu entries_;
-  gint64 answeredAt_ = 0;   ///< monotonic, in microseconds; 0 while there is no answer
-  bool asked_ = false;      ///< a question about this selection is under way, or waits for its turn
-  bool waiting_ = false;    ///< it waits
-  unsigned question_ = 0;   ///< the last one's number; answers to former ones are dropped
-  unsigned underWay_ = 0;   ///< calls, whatever their selection
-  unsigned extension_ = 0;  ///< counts the extension's processes
+  Menus remembered_;   ///< the one that was asked for last comes first
+  Selection waiting_;  ///< to be requested when one in flight is answered; empty for none
+  unsigned lastRequestId_ = 0;
+  unsigned inFlight_ = 0;
+  unsigned generation_ = 0;  ///< counts the extension's processes
 };
 
 }  // namespace vornet::client

@@ -6,20 +6,20 @@
 #include "ExtensionLink.hpp"
 #include "FoldersOnScreen.hpp"
 #include "Guarded.hpp"
-#include "Inference.hpp"
+#include "InferredFolders.hpp"
 #include "MenuPrefetch.hpp"
 #include "Paths.hpp"
 #include "Trace.hpp"
 
 namespace vornet::client {
-class Plugin::Parts : public ExtensionLink::Listener {
+class Plugin::Impl : public ExtensionLink::Listener {
  public:
-  Parts(FileManager& fileManager, const Options& options)
+  Impl(FileManager& fileManager, const Options& options)
       : link(options.context, {options.firstRetry, options.lastRetry}, *this),
         badges(options.context, link, folders,
-               {options.gathering, {options.firstRetry, options.lastRetry}, options.unobservedRefresh}),
-        inference(options.context, folders, badges, options.beforeInferring, options.inferredFor),
-        menus(link, [&fileManager] { fileManager.menuChanged(); }) {}
+               {options.gathering, {options.firstRetry, options.lastRetry}, options.unobservedRefresh, options.leaving}),
+        inferred(options.context, folders, badges, options.beforeInferring, options.inferredFor),
+        menus(link, [&fileManager](const Selection& selection) { fileManager.menuChanged(selection); }) {}
 
   void extensionReady() override {
     guarded([this] {
@@ -54,59 +54,79 @@ class Plugin::Parts : public ExtensionLink::Listener {
   FoldersOnScreen folders;
   ExtensionLink link;
   Badges badges;
-  Inference inference;
+  InferredFolders inferred;
   MenuPrefetch menus;
 };
 
 Plugin::Plugin(FileManager& fileManager) : Plugin(fileManager, Options()) {}
 
 Plugin::Plugin(FileManager& fileManager, const Options& options)
-    : parts_(std::make_unique<Parts>(fileManager, options)) {}
+    : impl_(std::make_unique<Impl>(fileManager, options)) {}
 
 Plugin::~Plugin() = default;
 
 void Plugin::folderShown(const std::string& path) {
-  const Turn turn("folder shown");
+  const TracedCall traced("folder shown");
   guarded([&] {
-    Folder& folder = parts_->folders.at(withoutSlash(path));
+    Folder& folder = impl_->folders.at(withoutSlash(path));
     ++folder.shown;
     folder.inferred = false;
-    parts_->link.want();
-    parts_->badges.adjust(folder);
+    impl_->link.want();
+    impl_->badges.show(folder);
   });
 }
 
 void Plugin::folderHidden(const std::string& path) {
-  const Turn turn("folder hidden");
+  const TracedCall traced("folder hidden");
   guarded([&] {
-    Folder* folder = parts_->folders.find(withoutSlash(path));
+    Folder* folder = impl_->folders.find(withoutSlash(path));
     if (!folder || folder->shown == 0) return;
-    if (--folder->shown > 0) return parts_->badges.adjust(*folder);
+    if (--folder->shown > 0) return impl_->badges.syncObservations(*folder);
     // It may be a tree's branch elsewhere; then it is asked for again, and inferred again.
-    if (folder->wasInferred) parts_->badges.redrawAll(*folder);
-    parts_->badges.drop(*folder);
+    if (folder->wasInferred && !folder->isHeld()) impl_->badges.redrawAll(*folder);
+    impl_->badges.forget(*folder);
+  });
+}
+
+void Plugin::folderOpened(const std::string& path) {
+  guarded([&] {
+    Folder& folder = impl_->folders.at(withoutSlash(path));
+    ++folder.opened;
+    folder.leftAt = 0;
+  });
+}
+
+void Plugin::folderClosed(const std::string& path) {
+  guarded([&] {
+    Folder* folder = impl_->folders.find(withoutSlash(path));
+    if (!folder || folder->opened == 0 || --folder->opened > 0) return;
+    if (folder->shown == 0 && !folder->inferred) impl_->badges.leave(*folder);
   });
 }
 
 std::string Plugin::emblem(const std::string& path, std::unique_ptr<ShownItem> item) {
-  const Turn turn("emblem");
+  const TracedCall traced("emblem");
   return guarded(std::string(), [&]() -> std::string {
     const auto parent = folderOf(path);
     const auto name = nameOf(path);
     if (name.empty() || !g_utf8_validate(path.c_str(), static_cast<gssize>(path.size()), nullptr)) return {};
     // An item outside the synced folder is kept as well while a window shows it: that may become another folder.
-    Folder& folder = parts_->folders.at(parent);
-    if (folder.shown == 0) {
-      if (parts_->badges.mayCarryBadges(parent)) parts_->link.want();
-      parts_->inference.asked(folder);
+    Folder& folder = impl_->folders.at(parent);
+    if (folder.shown == 0 && (folder.inferred || !folder.isHeld())) {
+      if (impl_->badges.mayCarryBadges(parent)) impl_->link.want();
+      impl_->inferred.asked(folder);
     }
-    return std::string(parts_->badges.emblem(folder, name, std::move(item)));
+    return std::string(impl_->badges.emblem(folder, name, std::move(item)));
   });
 }
 
 Menu Plugin::menu(const Selection& selection) {
-  const Turn turn("menu");
-  return guarded(Menu(), [&] { return parts_->menus.menu(selection); });
+  const TracedCall traced("menu");
+  return guarded(Menu(), [&] { return impl_->menus.menu(selection); });
+}
+
+void Plugin::ensureStarted() {
+  guarded([this] { impl_->link.want(); });
 }
 
 void Plugin::perform(const std::string& action, const Selection& selection) {
@@ -117,7 +137,7 @@ void Plugin::perform(const std::string& action, const Selection& selection) {
     const auto performed = [action](GVariant* done, const std::string& error) {
       if (!done) g_warning("%s was not performed: %s", action.c_str(), error.c_str());
     };
-    parts_->link.call("PerformAction", g_variant_new("(sas)", action.c_str(), &urls), "()", performed);
+    impl_->link.call("PerformAction", g_variant_new("(sas)", action.c_str(), &urls), "()", performed);
   });
 }
 

@@ -12,9 +12,9 @@
 namespace vornet::client {
 
 /// The extension as a file manager's plug-in sees it: the emblems of what is on screen, and the menu of a selection. It
-/// answers from what it knows, at once, and asks the extension meanwhile; what comes of that is told through
-/// ShownItem::redraw and FileManager::menuChanged. Nothing here waits, throws, or stops the process, whatever happens
-/// to the extension or to the bus.
+/// answers from what it knows, at once, and asks the extension meanwhile; ShownItem::redraw and
+/// FileManager::menuChanged report what comes of that. Nothing here waits, throws, or stops the process, whatever
+/// happens to the extension or to the bus.
 ///
 /// Not thread-safe: constructed, called and destroyed on one thread, that of its main context. Callbacks come in
 /// portions of a few milliseconds, so that the window stays quick.
@@ -40,6 +40,9 @@ class Plugin {
     /// How often badges are asked for, and observing is tried again, in a folder that the extension does not observe
     /// because it observes too many.
     std::chrono::milliseconds unobservedRefresh{5'000};
+    /// How long the items of a folder are kept after the last tab has left it: by then the file manager has ceased to
+    /// watch it, so that it does not ask for them when they are redrawn.
+    std::chrono::milliseconds leaving{1'000};
   };
 
   /// Does not touch the bus before the first call that needs it. `fileManager` outlives it.
@@ -56,23 +59,35 @@ class Plugin {
   void folderShown(const std::string& folder);
   void folderHidden(const std::string& folder);
 
-  /// The icon name of the emblem of the item at `path`; "" for none, or while it is not known yet. `item` takes the
-  /// place of the one given for the same path before; it may be dropped at once.
+  /// A tab, pane or view begins, or ceases, to hold `folder`, whether it is in front or not. Counted. While one holds
+  /// it, the library keeps its items, for which the file manager asks only once: their emblems stay as they are in the
+  /// background, and are right again soon after folderShown(). Shortly after the last one has left, the items are
+  /// redrawn, so that the file manager asks for them again when the user comes back.
+  void folderOpened(const std::string& folder);
+  void folderClosed(const std::string& folder);
+
+  /// The icon name of the emblem of the item at `path`; "" for none, or while it is not known yet. It is the last one
+  /// known where the item's folder has just come back to the screen. `item` takes the place of the one given for the
+  /// same path before.
   std::string emblem(const std::string& path, std::unique_ptr<ShownItem> item);
 
   /// As many selected items as are worth reading: beyond this every entry is greyed, and the extension is not asked.
   static constexpr std::size_t LARGEST_SELECTION = 1000;
 
-  /// The menu of `selection`, which from now on is what the user has selected. Empty when nothing is selected, or when
-  /// any item lies outside the synced folder. Greyed until the extension has answered.
+  /// The menu of `selection`. Empty when nothing is selected, or when any item lies outside the synced folder. Greyed
+  /// until the extension has answered; an answer older than a second is returned, and asked for again. The answers to
+  /// the last few selections are remembered, so that several windows may each ask for their own.
   Menu menu(const Selection& selection);
+
+  /// The user looks at something that a menu may be opened for: starts the extension where it does not run.
+  void ensureStarted();
 
   /// Performs `action` on `selection`. A failure is a line in the file manager's log.
   void perform(const std::string& action, const Selection& selection);
 
  private:
-  class Parts;
-  std::unique_ptr<Parts> parts_;
+  class Impl;
+  std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace vornet::client

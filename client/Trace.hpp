@@ -17,16 +17,16 @@ void trace(const char* format, Values... values) {
 }
 
 /// A piece of work on the file manager's thread; traced when it took long enough to be felt together with others.
-class Turn {
+class TracedCall {
  public:
-  explicit Turn(const char* what) : what_(what), begun_(isTracing() ? g_get_monotonic_time() : 0) {}
-  ~Turn() {
+  explicit TracedCall(const char* what) : what_(what), begun_(isTracing() ? g_get_monotonic_time() : 0) {}
+  ~TracedCall() {
     if (begun_ == 0) return;
     const auto milliseconds = static_cast<double>(g_get_monotonic_time() - begun_) / 1000;
     if (milliseconds > NOTICEABLE) trace("%s: a turn of %.1f ms", what_, milliseconds);
   }
-  Turn(const Turn&) = delete;
-  Turn& operator=(const Turn&) = delete;
+  TracedCall(const TracedCall&) = delete;
+  TracedCall& operator=(const TracedCall&) = delete;
 
  private:
   static constexpr double NOTICEABLE = 1;

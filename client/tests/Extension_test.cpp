@@ -113,6 +113,12 @@ TEST_F(PluginAndExtension, TheBusIsAskedToStartItWhenAFolderComesOnScreenAndNotB
   EXPECT_TRUE(runUntil([&] { return linesOf("starts") == 1; }));
 }
 
+TEST_F(PluginAndExtension, ItIsStartedAheadOfTheFirstMenuWhereAFileManagerSaysSo) {
+  installScript("echo started >>'" + environment.folder() / "starts" + "'; exec sleep 60");
+  manager.plugin->ensureStarted();
+  EXPECT_TRUE(runUntil([&] { return linesOf("starts") == 1; }));
+}
+
 TEST_F(PluginAndExtension, WhereItIsNotInstalledThePluginIsSilentAndFindsItWhenItComes) {
   const auto before = busNames();
   manager.plugin->folderShown(root);

@@ -1,25 +1,30 @@
 #include "FakeFileManager.hpp"
 
 #include <chrono>
+#include <utility>
 
 namespace vornet::test {
 
 class FakeFileManager::Item : public client::ShownItem {
  public:
-  explicit Item(FakeFileManager& manager) : manager_(manager) { ++kept_; }
+  Item(FakeFileManager& manager, std::string path) : manager_(manager), path_(std::move(path)) { ++kept_; }
   ~Item() override { --kept_; }
-  void redraw(const std::string& path) override {
+  void redraw(const std::string& path, const std::string& emblem) override {
     ++manager_.redraws_[path];
-    if (manager_.emblems_.contains(path)) manager_.show(path);
+    if (!manager_.emblems_.contains(path)) return;
+    manager_.show(path);
+    if (manager_.emblems_[path] != emblem || path != path_) ++manager_.contradictions;
   }
+  bool isGone() const override { return manager_.goneFor.contains(path_); }
 
  private:
   FakeFileManager& manager_;
+  const std::string path_;
 };
 
 void FakeFileManager::show(const std::string& path) {
   emblems_[path];
-  emblems_[path] = plugin->emblem(path, std::make_unique<Item>(*this));
+  emblems_[path] = plugin->emblem(path, std::make_unique<Item>(*this, path));
 }
 
 std::string FakeFileManager::emblem(const std::string& path) const {

@@ -5,6 +5,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "client/Plugin.hpp"
 
@@ -30,9 +31,15 @@ class FakeFileManager : public client::FileManager {
   static std::size_t keptItems() { return kept_; }
 
   int menuChanges = 0;
+  std::vector<client::Selection> changedMenus;
+  int contradictions = 0;         ///< redraws with another emblem than a question within the call is answered
+  std::set<std::string> goneFor;  ///< items that it has let go of
   std::unique_ptr<client::Plugin> plugin;
 
-  void menuChanged() override { ++menuChanges; }
+  void menuChanged(const client::Selection& selection) override {
+    ++menuChanges;
+    changedMenus.push_back(selection);
+  }
 
  private:
   class Item;

@@ -52,24 +52,72 @@ TEST_F(PluginMenu, TheEntriesAreGreyedUntilTheAnswerComesAndAreAsItSaysThen) {
   EXPECT_THAT(extension->menuRequests, ElementsAre(ElementsAre(url("a"))));
 }
 
-TEST_F(PluginMenu, AnAnswerToAnOlderSelectionIsDropped) {
+TEST_F(PluginMenu, AnAnswerBelongsToItsOwnSelectionAlone) {
   extension->menus[url("old")] = {true, true};
   extension->menus[url("new")] = {false, true};
   extension->hold("GetMenu");
   manager.plugin->menu({path("old")});
   manager.plugin->menu({path("new")});
   ASSERT_TRUE(runUntil([&] { return extension->heldCalls("GetMenu") == 2; }));
+  manager.changedMenus.clear();
   extension->release("GetMenu");
   ASSERT_TRUE(runUntil([&] { return manager.menuChanges > 0; }));
-  settle();
-  EXPECT_EQ(manager.menuChanges, 1);
+  EXPECT_THAT(manager.changedMenus, ElementsAre(ElementsAre(path("old"))));
+  EXPECT_EQ(enabled(manager.plugin->menu({path("new")})), "00000") << "its answer has not come yet";
+  ASSERT_TRUE(runUntil([&] { return manager.menuChanges == 2; }));
+  EXPECT_THAT(manager.changedMenus.back(), ElementsAre(path("new")));
   EXPECT_EQ(enabled(manager.plugin->menu({path("new")})), "01");
+  EXPECT_EQ(enabled(manager.plugin->menu({path("old")})), "11");
+  EXPECT_EQ(enabled(manager.plugin->menu({path("new"), path("old")})), "00000") << "another selection";
 }
 
-TEST_F(PluginMenu, WhoComesBackToASelectionIsNotShownTheAnswerToTheFormerQuestion) {
+TEST_F(PluginMenu, WhoComesBackToASelectionIsShownItsLastAnswerAtOnceAndTheNextWhenItComes) {
   extension->menus[url("a")] = {true, true};
   select("a");
-  manager.plugin->menu({path("b")});
+  select("b");
+  extension->menus[url("a")] = {false, true};
+  std::vector<std::string> seen;
+  ASSERT_TRUE(runUntil([&] {
+    seen.push_back(enabled(manager.plugin->menu({path("a")})));
+    return seen.back() == "01";
+  }));
+  EXPECT_THAT(seen, testing::Each(testing::AnyOf("11", "01")));
+  EXPECT_THAT(extension->menuRequests, SizeIs(3)) << "asked again once it is a second old";
+}
+
+TEST_F(PluginMenu, OnlyTheLastFewSelectionsAreRemembered) {
+  for (int i = 0; i < 9; ++i) {
+    extension->menus[url(std::to_string(i))] = {true, i % 2 == 0};
+    select(std::to_string(i));
+  }
+  for (int i = 8; i > 0; --i) {
+    EXPECT_EQ(enabled(manager.plugin->menu({path(std::to_string(i))})), i % 2 == 0 ? "11" : "10") << i;
+  }
+  EXPECT_EQ(enabled(manager.plugin->menu({path("0")})), "00000");
+}
+
+TEST_F(PluginMenu, ASelectionThatFoundNoRoomIsAskedForThoughNothingIsSelectedMeanwhile) {
+  extension->hold("GetMenu");
+  for (int i = 0; i < 5; ++i) manager.plugin->menu({path(std::to_string(i))});
+  manager.plugin->menu({});
+  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("GetMenu") == 4; }));
+  extension->menus[url("4")] = {true, true};
+  extension->release("GetMenu");
+  ASSERT_TRUE(runUntil([&] { return enabled(manager.plugin->menu({path("4")})) == "11"; }));
+}
+
+TEST_F(PluginMenu, NoAnswerIsRememberedWhenTheSyncedFolderIsAnotherNow) {
+  extension->menus[url("a")] = {true, true};
+  select("a");
+  select("b");
+  manager.changedMenus.clear();
+  extension->setFolders({"file:///home/ann/Elsewhere"});
+  ASSERT_TRUE(runUntil([&] { return manager.changedMenus.size() >= 2; }));
+  EXPECT_THAT(manager.changedMenus,
+              testing::IsSupersetOf({client::Selection{path("a")}, client::Selection{path("b")}}));
+  EXPECT_THAT(manager.plugin->menu({path("a")}), IsEmpty());
+  extension->setFolders({url("")});
+  ASSERT_TRUE(runUntil([&] { return !manager.plugin->menu({path("b")}).empty(); }));
   EXPECT_EQ(enabled(manager.plugin->menu({path("a")})), "00000");
 }
 

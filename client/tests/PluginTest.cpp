@@ -31,6 +31,7 @@ PluginTest::~PluginTest() {
   extension.reset();
   settle();
   EXPECT_EQ(FakeFileManager::keptItems(), 0u);
+  EXPECT_EQ(manager.contradictions, 0);
 }
 
 std::shared_ptr<GVariant> PluginTest::callBus(const char* method) const {

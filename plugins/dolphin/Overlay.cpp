@@ -1,27 +1,41 @@
-#include "Overlay.hpp"
+#include <KOverlayIconPlugin>
+#include <QPointer>
 
+#include "Session.hpp"
 #include "client/Guarded.hpp"
 
 namespace vornet::dolphin {
 
-Overlay::Overlay(QObject* parent) : KOverlayIconPlugin(parent) {
-  client::guarded([this] { session(); });  // from now on views are found as they are shown
-}
-
-QStringList Overlay::getOverlays(const QUrl& url) {
-  return client::guarded(QStringList(), [&] {
-    Session* const current = session();
-    return current ? current->overlays(url) : QStringList();
-  });
-}
-
-Session* Overlay::session() {
-  Session* const current = Session::instance();
-  if (current && current != session_) {
-    session_ = current;
-    connect(current, &Session::overlaysChanged, this, &KOverlayIconPlugin::overlaysChanged);
+/// The plug-in that Dolphin asks for the emblems of what it shows. One for the program.
+class Overlay : public KOverlayIconPlugin {
+  Q_OBJECT
+  Q_PLUGIN_METADATA(IID "com.vornet.dolphin.overlay" FILE "overlay.json")
+ public:
+  explicit Overlay(QObject* parent = nullptr) : KOverlayIconPlugin(parent) {
+    client::guarded([this] { session(); });  // from now on views are found as they are shown
   }
-  return current;
-}
+
+  QStringList getOverlays(const QUrl& url) override {
+    return client::guarded(QStringList(), [&] {
+      Session* const current = session();
+      return current ? current->overlays(url) : QStringList();
+    });
+  }
+
+ private:
+  /// Null when the program is ending.
+  Session* session() {
+    Session* const current = Session::instance();
+    if (current && current != session_) {
+      session_ = current;
+      connect(current, &Session::overlaysChanged, this, &KOverlayIconPlugin::overlaysChanged);
+    }
+    return current;
+  }
+
+  QPointer<Session> session_;
+};
 
 }  // namespace vornet::dolphin
+
+#include "Overlay.moc"

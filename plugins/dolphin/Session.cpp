@@ -6,27 +6,36 @@
 #include <utility>
 
 #include "GLibEvents.hpp"
-#include "Locations.hpp"
-#include "Reappearance.hpp"
 #include "Views.hpp"
 #include "client/Guarded.hpp"
+#include "client/MainLoop.hpp"
 #include "client/Plugin.hpp"
 
 namespace vornet::dolphin {
+
+namespace {
+
+// Items asked for between two looks at the clock.
+constexpr int STEP = 16;
+
+QStringList listOf(const std::string& icon) {
+  return icon.empty() ? QStringList() : QStringList(QString::fromStdString(icon));
+}
+
+}  // namespace
 
 /// Keeps the URL as Dolphin has it, by which alone it finds the item again.
 class Session::Shown : public client::ShownItem {
  public:
   Shown(Session& session, const QUrl& url) : session_(session), url_(url) {}
 
-  void redraw(const std::string&) override {
-    const QUrl url = url_;  // this object gives way to another while the emblem is asked for
-    client::guarded([&session = session_, &url] { session.redraw(url); });
+  void redraw(const std::string&, const std::string& emblem) override {
+    client::guarded([&] { session_.redraw(url_, listOf(emblem)); });
   }
 
  private:
   Session& session_;
-  QUrl url_;
+  const QUrl url_;
 };
 
 Session* Session::session_ = nullptr;
@@ -49,9 +58,8 @@ Session::Session() {
   }
   plugin_ = std::make_unique<client::Plugin>(static_cast<client::FileManager&>(*this), options);
   views_ = std::make_unique<Views>(*plugin_);
-  reappearance_ = std::make_unique<Reappearance>([this](const QUrl& url) { return !overlays(url).isEmpty(); },
-                                                 [this](const QUrl& url) { redraw(url); });
-  connect(views_.get(), &Views::reappeared, reappearance_.get(), &Reappearance::add);
+  work_ = std::make_unique<client::SlicedWork>(options.context);
+  connect(views_.get(), &Views::reappeared, this, [this](const QList<QUrl>& items) { askAgain(items); });
   connect(views_.get(), &Views::selected, this, [this](const KFileItemList& items) { menu(selectionOf(items)); });
 }
 
@@ -59,13 +67,21 @@ Session::~Session() = default;
 
 QStringList Session::overlays(const QUrl& url) {
   const auto path = pathOf(url);
-  if (path.empty() || !views_->asked(url)) return {};
-  const auto icon = plugin_->emblem(path, std::make_unique<Shown>(*this, url));
-  return icon.empty() ? QStringList() : QStringList(QString::fromStdString(icon));
+  if (path.empty()) return {};
+  views_->asked(url);
+  return listOf(plugin_->emblem(path, std::make_unique<Shown>(*this, url)));
 }
 
-void Session::redraw(const QUrl& url) {
-  if (views_->show(url)) Q_EMIT overlaysChanged(url, overlays(url));
+void Session::redraw(const QUrl& url, const QStringList& icons) {
+  if (views_->show(url)) Q_EMIT overlaysChanged(url, icons);
+}
+
+/// In Dolphin's place, which goes on showing the emblems that these items had.
+void Session::askAgain(const QList<QUrl>& items) {
+  work_->add([this, items, next = 0]() mutable {
+    for (int i = 0; i < STEP && next < items.size(); ++i, ++next) redraw(items[next], overlays(items[next]));
+    return next < items.size();
+  });
 }
 
 client::Selection Session::selection(const QList<QUrl>& urls, const QWidget* parent) const {
@@ -74,7 +90,6 @@ client::Selection Session::selection(const QList<QUrl>& urls, const QWidget* par
 }
 
 client::Menu Session::menu(const client::Selection& selection) {
-  selection_ = selection;
   return plugin_->menu(selection);
 }
 

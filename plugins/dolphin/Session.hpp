@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QList>
 #include <QObject>
 #include <QStringList>
 #include <QUrl>
@@ -20,12 +21,12 @@ class QWidget;
 
 namespace vornet::client {
 class Plugin;
-}
+class SlicedWork;
+}  // namespace vornet::client
 
 namespace vornet::dolphin {
 
 class GLibEvents;
-class Reappearance;
 class Views;
 
 /// The program's one session with the extension, which both plug-ins use: what is selected in a window is known to it
@@ -36,26 +37,21 @@ class VORNET_DOLPHIN_API Session : public QObject, private client::FileManager {
   /// Made when it is first asked for; it ends with the application object. Null without one.
   static Session* instance();
 
-  /// The icon names of the emblems of the item at `url`. When they are others later, overlaysChanged tells.
+  /// The icon names of the emblems of the item at `url`. When they change, overlaysChanged reports it.
   QStringList overlays(const QUrl& url);
 
   /// What a menu in the window of `parent` (null: unknown) is opened for, as menu() and perform() take it; empty where
   /// no entries belong: on a view's background, and for items that are not on this machine's disk.
   client::Selection selection(const QList<QUrl>& urls, const QWidget* parent) const;
 
-  /// The entries for `selection`, which from now on is what the user has selected.
+  /// As client::Plugin has them. When the menu of a selection changes, menuUpdated reports it.
   client::Menu menu(const client::Selection& selection);
-
-  /// Whether `selection` is that still. What is selected in a view takes its place.
-  bool isSelected(const client::Selection& selection) const { return selection == selection_; }
-
   void perform(const std::string& action, const client::Selection& selection);
 
  Q_SIGNALS:
   void overlaysChanged(const QUrl& url, const QStringList& icons);
 
-  /// The entries for what is selected are others now.
-  void entriesChanged();
+  void menuUpdated(const client::Selection& selection);
 
  private:
   class Shown;
@@ -63,16 +59,16 @@ class VORNET_DOLPHIN_API Session : public QObject, private client::FileManager {
   Session();
   ~Session() override;
 
-  void menuChanged() override { Q_EMIT entriesChanged(); }
-  void redraw(const QUrl& url);
+  void menuChanged(const client::Selection& selection) override { Q_EMIT menuUpdated(selection); }
+  void redraw(const QUrl& url, const QStringList& icons);
+  void askAgain(const QList<QUrl>& items);
 
   static Session* session_;
 
   std::unique_ptr<GLibEvents> events_;
   std::unique_ptr<client::Plugin> plugin_;
   std::unique_ptr<Views> views_;
-  std::unique_ptr<Reappearance> reappearance_;
-  client::Selection selection_;
+  std::unique_ptr<client::SlicedWork> work_;
 };
 
 }  // namespace vornet::dolphin

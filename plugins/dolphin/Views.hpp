@@ -1,17 +1,31 @@
 #pragma once
 
+#include <KFileItem>
+#include <QList>
 #include <QObject>
 #include <QUrl>
 #include <QWidget>
 
 #include <map>
 #include <memory>
+#include <string>
 
-#include "View.hpp"
+#include "client/Plugin.hpp"
 
 namespace vornet::dolphin {
 
-/// All views of the program. They are found by their class's name, among the events of the whole program. Main thread.
+class View;
+
+/// The path of a file URL of this machine, as the disk has it, without "/" at its end; "" for any other URL. Qt's texts
+/// cannot hold a file name that is not UTF-8: Dolphin has another name in its place, which no file bears.
+std::string pathOf(const QUrl& url);
+
+/// The paths of selected items, at most one more than the plug-ins' library reads; empty when one of them has no path.
+client::Selection selectionOf(const QList<QUrl>& urls);
+client::Selection selectionOf(const KFileItemList& items);
+
+/// All views of the program: reports to the plug-ins' library which folders they hold and show. They are found by their
+/// class's name, among the events of the whole program. Main thread.
 class Views : public QObject {
   Q_OBJECT
  public:
@@ -20,12 +34,12 @@ class Views : public QObject {
   /// Hides what they show.
   ~Views() override;
 
-  /// Whether the item at `url` is on screen. In a program that has no such view: whether it was until lately.
+  /// Whether some view shows the item at `url`, or a hidden one keeps it with its emblem. In a program that has no such
+  /// view: whether it was on screen until lately.
   bool show(const QUrl& url) const;
 
-  /// The emblem of the item at `url` was asked for. Whether it may be on screen: it is not known to be in hidden views
-  /// alone, which will ask when they are shown.
-  bool asked(const QUrl& url);
+  /// The emblem of the item at `url` was asked for.
+  void asked(const QUrl& url);
 
   /// Whether a menu in the window of `parent` for the folder at `url` alone is that of a view's background: the view in
   /// use shows that very folder, so that it cannot be an item in it.
@@ -34,7 +48,7 @@ class Views : public QObject {
  Q_SIGNALS:
   void selected(const KFileItemList& items);
 
-  /// Items that are on screen again, and for which nobody asks again.
+  /// Results of a search that are on screen again, for which nobody asks again.
   void reappeared(const QList<QUrl>& items);
 
  protected:

@@ -1,5 +1,5 @@
 // The file manager asks for a widget to stand above the items of each folder that it shows in a tab or pane. It maps
-// the widget while the folder is to be seen, and destroys it when the folder is left: an empty one tells all that
+// the widget while the folder is to be seen, and destroys it when the folder is left: an empty one reports all that
 // happens.
 #include <gtk/gtk.h>
 
@@ -10,7 +10,6 @@
 #include "FolderWatch.hpp"
 #include "Manager.hpp"
 #include "Module.hpp"
-#include "Tab.hpp"
 #include "client/Guarded.hpp"
 #include "client/Paths.hpp"
 

@@ -6,8 +6,6 @@
 
 #include "FolderWatch.hpp"
 #include "Manager.hpp"
-#include "OpenMenu.hpp"
-#include "Provider.hpp"
 #include "client/Guarded.hpp"
 
 namespace vornet::gtk {
@@ -32,7 +30,7 @@ void Module::unload() {
   delete std::exchange(currentModule, nullptr);
 }
 
-Module::Module() : items_(*this), menus_(*this), folders_(FolderWatch::make()) {
+Module::Module() : folders_(FolderWatch::make()) {
   g_weak_ref_init(&provider_, nullptr);
 }
 
@@ -49,9 +47,15 @@ void Module::setProvider(GObject* provider) {
   g_weak_ref_set(&provider_, provider);
 }
 
-void Module::menuChanged() {
-  client::guarded([this] {
-    refreshOpenMenu(menus_.changed());
+client::Menu Module::menu(const client::Selection& selection) {
+  menuSelection_ = selection;
+  return plugin().menu(selection);
+}
+
+/// Each window asks for the menu of its own selection then.
+void Module::menuChanged(const client::Selection& selection) {
+  client::guarded([&] {
+    if (selection == menuSelection_) refreshOpenMenu(plugin().menu(selection));
     auto* provider = static_cast<manager::MenuProvider*>(g_weak_ref_get(&provider_));
     if (!provider) return;
     VORNET_CALL(menu_provider_emit_items_updated_signal)(provider);

@@ -5,8 +5,6 @@
 #include <memory>
 #include <optional>
 
-#include "KnownItems.hpp"
-#include "Menus.hpp"
 #include "client/Plugin.hpp"
 
 namespace vornet::gtk {
@@ -29,23 +27,38 @@ class Module : public client::FileManager {
   /// Made when it is first needed.
   client::Plugin& plugin();
 
-  KnownItems& items() { return items_; }
-  Menus& menus() { return menus_; }
   FolderWatch& folders() { return *folders_; }
 
   /// `provider` is the object by which the file manager asks for menus.
   void setProvider(GObject* provider);
 
-  void menuChanged() override;
+  /// The entries of a menu that the file manager builds for `selection`.
+  client::Menu menu(const client::Selection& selection);
+
+  void menuChanged(const client::Selection& selection) override;
 
  private:
   Module();
 
   std::optional<client::Plugin> plugin_;
-  KnownItems items_;
-  Menus menus_;
   std::unique_ptr<FolderWatch> folders_;
   GWeakRef provider_;
+  client::Selection menuSelection_;  ///< that of the menu that was built last
 };
+
+/// Registers the type of the object that the file manager makes, and asks for emblems and menus. The type; 0 if it
+/// cannot be registered. In Provider.cpp.
+GType registerProvider(GTypeModule* types);
+
+/// The beginning of the names of our entries; their action follows.
+inline constexpr const char* ENTRY_NAME = "Vornet::";
+
+/// Enables and greys our entries in a menu that is open as `menu` says. Only where the file manager does not ask for
+/// them again by itself.
+#if defined(VORNET_FOR_NEMO)
+void refreshOpenMenu(const client::Menu& menu);
+#else
+inline void refreshOpenMenu(const client::Menu&) {}
+#endif
 
 }  // namespace vornet::gtk

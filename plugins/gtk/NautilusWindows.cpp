@@ -8,7 +8,6 @@
 #include "FolderWatch.hpp"
 #include "Manager.hpp"
 #include "Module.hpp"
-#include "Tab.hpp"
 #include "client/Guarded.hpp"
 #include "client/Paths.hpp"
 

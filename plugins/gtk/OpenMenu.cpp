@@ -1,11 +1,11 @@
 // Nemo asks for entries when it opens a menu, not when something is selected, and never again for a menu that is open.
 // The answer comes when the menu stands there already, so it is put into that: its items and their actions are GTK's.
-#include "OpenMenu.hpp"
-
 #include <gtk/gtk.h>
 
 #include <memory>
 #include <string>
+
+#include "Module.hpp"
 
 namespace vornet::gtk {
 namespace {

@@ -1,18 +1,50 @@
-#include "Provider.hpp"
-
+#include <memory>
+#include <optional>
+#include <string>
 #include <tuple>
+#include <utility>
 
-#include "FileInfo.hpp"
 #include "FolderWatch.hpp"
 #include "Manager.hpp"
-#include "MenuItems.hpp"
 #include "Module.hpp"
 #include "client/Guarded.hpp"
+#include "client/Paths.hpp"
 
 namespace vornet::gtk {
 namespace {
 
 using namespace manager;
+
+/// The path of `file`; none when it is no local file (trash, network, recent files).
+std::optional<std::string> pathOf(FileInfo* file) {
+  const std::unique_ptr<char, decltype(&g_free)> url(VORNET_CALL(file_info_get_uri)(file), g_free);
+  return client::pathOfURL(url.get());
+}
+
+// --- Emblems --------------------------------------------------------------------------------------------------------
+
+/// A file that the file manager shows, for as long as the file manager itself keeps it.
+class ShownFile : public client::ShownItem {
+ public:
+  explicit ShownFile(FileInfo* file) { g_weak_ref_init(&file_, file); }
+  ~ShownFile() override { g_weak_ref_clear(&file_); }
+  ShownFile(const ShownFile&) = delete;
+  ShownFile& operator=(const ShownFile&) = delete;
+
+  /// Emblems are only ever added to a file; the file manager drops all and asks again for a file that is invalidated.
+  void redraw(const std::string&, const std::string&) override {
+    if (const Reference file = get()) VORNET_CALL(file_info_invalidate_extension_info)(file.get());
+  }
+
+  bool isGone() const override { return !get(); }
+
+ private:
+  using Reference = std::unique_ptr<FileInfo, decltype(&g_object_unref)>;
+
+  Reference get() const { return {static_cast<FileInfo*>(g_weak_ref_get(&file_)), g_object_unref}; }
+
+  mutable GWeakRef file_;  // reading it takes a reference
+};
 
 /// Always complete: a file that is left unfinished holds back all others of its folder.
 OperationResult updateFileInfo(InfoProvider*, FileInfo* file, GClosure*, OperationHandle**) {
@@ -20,7 +52,7 @@ OperationResult updateFileInfo(InfoProvider*, FileInfo* file, GClosure*, Operati
     Module* module = Module::current();
     const auto path = pathOf(file);
     if (!module || !path) return COMPLETE;
-    const auto emblem = module->items().emblem(*path, file);
+    const auto emblem = module->plugin().emblem(*path, std::make_unique<ShownFile>(file));
     if (!emblem.empty()) VORNET_CALL(file_info_add_emblem)(file, emblem.c_str());
     return COMPLETE;
   });
@@ -28,12 +60,57 @@ OperationResult updateFileInfo(InfoProvider*, FileInfo* file, GClosure*, Operati
 
 void cancelUpdate(InfoProvider*, OperationHandle*) {}
 
+// --- Menus ----------------------------------------------------------------------------------------------------------
+
+/// What an item does when it is chosen. All items of a menu share the selection.
+struct Choice {
+  std::string action;
+  std::shared_ptr<const client::Selection> selection;
+
+  static void made(MenuItem*, gpointer self) {
+    client::guarded([self] {
+      const auto& choice = *static_cast<const Choice*>(self);
+      if (Module* module = Module::current()) module->plugin().perform(choice.action, *choice.selection);
+    });
+  }
+  static void dispose(gpointer self, GClosure*) { delete static_cast<Choice*>(self); }
+};
+
+/// Empty when one of the files is no local one. Reads no more files than are worth it.
+client::Selection selectionOf(const GList* files) {
+  client::Selection selection;
+  for (; files && selection.size() <= client::Plugin::LARGEST_SELECTION; files = files->next) {
+    auto path = pathOf(static_cast<FileInfo*>(files->data));
+    if (!path) return {};
+    selection.push_back(std::move(*path));
+  }
+  return selection;
+}
+
+MenuItem* makeItem(const client::MenuEntry& entry, std::shared_ptr<const client::Selection> selection) {
+  auto choice = std::make_unique<Choice>(Choice{entry.action, std::move(selection)});
+  const std::string name = ENTRY_NAME + entry.action;
+  auto* item = VORNET_CALL(menu_item_new)(name.c_str(), entry.title.c_str(), entry.title.c_str(),
+                                          entry.icon.empty() ? nullptr : entry.icon.c_str());
+  g_object_set(item, "sensitive", static_cast<gboolean>(entry.enabled), nullptr);
+  g_signal_connect_data(item, "activate", G_CALLBACK(Choice::made), choice.release(), Choice::dispose, GConnectFlags{});
+  return item;
+}
+
+/// New items of the file manager, which owns them and the list. A choice performs its action on these files, whatever
+/// is selected by then.
 GList* fileItems(const GList* files) {
   return client::guarded<GList*>(nullptr, [files]() -> GList* {
     Module* module = Module::current();
-    return module ? menuItems(module->menus(), files) : nullptr;
+    if (!module) return nullptr;
+    const auto selection = std::make_shared<const client::Selection>(selectionOf(files));
+    GList* items = nullptr;
+    for (const auto& entry : module->menu(*selection)) items = g_list_prepend(items, makeItem(entry, selection));
+    return g_list_reverse(items);
   });
 }
+
+// --- The type -------------------------------------------------------------------------------------------------------
 
 void initialiseInfoProvider(gpointer interface, gpointer) {
   auto* functions = static_cast<InfoProviderInterface*>(interface);

@@ -1,11 +1,19 @@
 #include "FileMenu.hpp"
 
 #include <algorithm>
+#include <utility>
 
 #include "client/Guarded.hpp"
 
 namespace vornet::thunar {
 namespace {
+
+using Item = std::unique_ptr<ThunarxMenuItem, decltype(&g_object_unref)>;
+using Widgets = std::unique_ptr<GList, decltype(&g_list_free)>;
+
+Item itemOf(GWeakRef& reference) {
+  return {static_cast<ThunarxMenuItem*>(g_weak_ref_get(&reference)), g_object_unref};
+}
 
 /// What choosing an entry does.
 struct Choice {
@@ -22,36 +30,57 @@ struct Choice {
   static void dispose(gpointer self, GClosure*) { delete static_cast<Choice*>(self); }
 };
 
-bool isEnabled(const client::MenuEntry& entry) {
-  return entry.enabled;
+/// Calls `visit` for each GtkMenuItem of the menus that are on screen. None without a display.
+template <typename Visit>
+void forEachMenuItemOnScreen(Visit visit) {
+  if (!gdk_display_get_default()) return;
+  const Widgets windows(gtk_window_list_toplevels(), g_list_free);
+  for (const GList* window = windows.get(); window; window = window->next) {
+    GtkWidget* menu = gtk_bin_get_child(GTK_BIN(window->data));
+    if (!menu || !GTK_IS_MENU(menu) || !gtk_widget_get_mapped(menu)) continue;
+    const Widgets children(gtk_container_get_children(GTK_CONTAINER(menu)), g_list_free);
+    for (const GList* child = children.get(); child; child = child->next) visit(GTK_WIDGET(child->data));
+  }
+}
+
+/// Whether choosing `widget` activates `item`.
+bool isMadeFor(GtkWidget* widget, ThunarxMenuItem* item) {
+  const guint activate = g_signal_lookup("activate", G_OBJECT_TYPE(widget));
+  const auto match = GSignalMatchType(G_SIGNAL_MATCH_ID | G_SIGNAL_MATCH_DATA);
+  return activate != 0 && g_signal_handler_find(widget, match, activate, 0, nullptr, nullptr, item) != 0;
 }
 
 }  // namespace
 
 FileMenu::FileMenu() : plugin_(std::make_shared<client::Plugin>(*this)) {}
 
-void FileMenu::prepare() {
-  // Any selection has the extension started and asked for the synced folder; this one is never asked about.
-  if (selection_->empty()) plugin_->menu({"/"});
+FileMenu::~FileMenu() {
+  forgetShown();
 }
 
-void FileMenu::selected(const client::Selection& selection) {
-  if (selection != *selection_) {
-    selection_ = std::make_shared<client::Selection>(selection);
-    shown_.clear();
-  }
-  plugin_->menu(selection);
+void FileMenu::forgetShown() {
+  shown_.clear();
+  if (const guint source = std::exchange(binding_, 0)) g_source_remove(source);
 }
 
 GList* FileMenu::entriesFor(const client::Selection& selection) {
   selection_ = std::make_shared<client::Selection>(selection);
-  shown_.clear();
+  forgetShown();
   const auto menu = plugin_->menu(selection);
   if (selection.size() > client::Plugin::LARGEST_SELECTION) return nullptr;  // none would ever apply
-  const bool anyEnabled = std::any_of(menu.begin(), menu.end(), isEnabled);
+  const bool anyEnabled = std::ranges::any_of(menu, &client::MenuEntry::enabled);
   GList* items = nullptr;
   for (const auto& entry : menu) {
     if (entry.enabled || !anyEnabled) items = g_list_append(items, itemFor(entry));
+  }
+  // Thunar makes the widgets as soon as it has the items, within the callback that it handles now. What is due with
+  // high priority comes right after that, before the menu is first drawn and before any further input.
+  if (items) {
+    const auto bind = +[](gpointer self) -> gboolean {
+      client::guarded([self] { static_cast<FileMenu*>(self)->bindWidgets(); });
+      return G_SOURCE_REMOVE;
+    };
+    binding_ = g_idle_add_full(G_PRIORITY_HIGH, bind, this, nullptr);
   }
   return items;
 }
@@ -62,18 +91,36 @@ ThunarxMenuItem* FileMenu::itemFor(const client::MenuEntry& entry) {
   thunarx_menu_item_set_sensitive(item, entry.enabled);
   g_signal_connect_data(item, "activate", G_CALLBACK(Choice::made), new Choice{plugin_, entry.action, selection_},
                         Choice::dispose, GConnectFlags(0));
-  shown_.add(item, entry.action);
+  shown_.emplace_back(item, entry.action);
   return item;
 }
 
-void FileMenu::menuChanged() {
-  client::guarded([this] {
-    if (!shown_.any()) return;
-    const auto menu = plugin_->menu(*selection_);
-    shown_.setEnabled([&menu](const std::string& action) {
-      return std::any_of(menu.begin(), menu.end(),
-                         [&action](const auto& entry) { return entry.enabled && entry.action == action; });
+/// What Thunar draws for an entry follows whether it is enabled, which Thunar itself does not see to.
+void FileMenu::bindWidgets() {
+  binding_ = 0;
+  for (auto& shown : shown_) {
+    const auto item = itemOf(shown.item);
+    if (!item) continue;
+    forEachMenuItemOnScreen([&item](GtkWidget* widget) {
+      if (!isMadeFor(widget, item.get())) return;
+      g_object_bind_property(item.get(), "sensitive", widget, "sensitive", G_BINDING_SYNC_CREATE);
     });
+  }
+}
+
+void FileMenu::menuChanged(const client::Selection& selection) {
+  client::guarded([&] {
+    const auto isOpen = [](Shown& shown) { return itemOf(shown.item) != nullptr; };
+    if (selection != *selection_ || std::ranges::none_of(shown_, isOpen)) return;
+    const auto menu = plugin_->menu(selection);
+    for (auto& shown : shown_) {
+      const bool isEnabled = std::ranges::any_of(
+          menu, [&shown](const auto& entry) { return entry.enabled && entry.action == shown.action; });
+      // Of the ways to set it, this is the one that notifies.
+      if (const auto item = itemOf(shown.item)) {
+        g_object_set(item.get(), "sensitive", static_cast<gboolean>(isEnabled), nullptr);
+      }
+    }
   });
 }
 

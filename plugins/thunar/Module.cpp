@@ -1,34 +1,58 @@
-// What Thunar calls when it loads the plug-in, and when it lets go of it.
-#include <memory>
+// What Thunar calls when it loads the plug-in, when it opens a menu, and when it lets go of the plug-in.
 #include <utility>
 
 #include "FileMenu.hpp"
-#include "Provider.hpp"
 #include "SelectionWatch.hpp"
-#include "Selections.hpp"
+#include "Thunarx.hpp"
 #include "client/Guarded.hpp"
 
 namespace vornet::thunar {
 namespace {
 
+/// From Thunar's loading of the plug-in to its unloading.
 class Session {
  public:
-  Session() {
-    setEntries([this](const GList* files) {
-      watch_.forget();
-      return menu_.entriesFor(selectionOf(files));
-    });
+  GList* entriesFor(const GList* files) {
+    watch_.forget();
+    return menu_.entriesFor(selectionOf(files));
   }
-  ~Session() { setEntries(nullptr); }
 
  private:
   FileMenu menu_;
-  SelectionWatch watch_{{.viewShown = [this] { menu_.prepare(); },
-                         .selected = [this](const client::Selection& selection) { menu_.selected(selection); }}};
+  SelectionWatch watch_{{.viewShown = [this] { menu_.plugin().ensureStarted(); },
+                         .selected = [this](const client::Selection& selection) { menu_.plugin().menu(selection); }}};
 };
 
 Session* session = nullptr;  // not destroyed by the process's end, when other libraries may be gone already
 GType types[1] = {};
+
+struct Provider {
+  GObject parent;
+};
+
+struct ProviderClass {
+  GObjectClass parent;
+};
+
+GList* fileMenuItems(ThunarxMenuProvider*, GtkWidget*, GList* files) {
+  return client::guarded<GList*>(nullptr, [files] { return session ? session->entriesFor(files) : nullptr; });
+}
+
+/// Without an operation for a folder's background, which has no entries.
+void implementMenuProvider(gpointer interface, gpointer) {
+  static_cast<ThunarxMenuProviderIface*>(interface)->get_file_menu_items = fileMenuItems;
+}
+
+/// Registers the type of the object that Thunar makes, and asks for menu entries.
+GType registerProvider(ThunarxProviderPlugin* plugin) {
+  static const GTypeInfo TYPE = {sizeof(ProviderClass), nullptr, nullptr, nullptr, nullptr, nullptr,
+                                 sizeof(Provider),      0,       nullptr, nullptr};
+  static const GInterfaceInfo MENU_PROVIDER = {implementMenuProvider, nullptr, nullptr};
+  const GType type =
+      thunarx_provider_plugin_register_type(plugin, G_TYPE_OBJECT, "VornetThunarProvider", &TYPE, GTypeFlags(0));
+  thunarx_provider_plugin_add_interface(plugin, type, THUNARX_TYPE_MENU_PROVIDER, &MENU_PROVIDER);
+  return type;
+}
 
 }  // namespace
 }  // namespace vornet::thunar

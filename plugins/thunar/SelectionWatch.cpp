@@ -3,8 +3,9 @@
 #include <memory>
 #include <string>
 
-#include "Selections.hpp"
 #include "client/Guarded.hpp"
+#include "client/Paths.hpp"
+#include "client/Plugin.hpp"
 
 namespace vornet::thunar {
 namespace {
@@ -21,6 +22,18 @@ bool isView(GObject* object) {
 }
 
 }  // namespace
+
+client::Selection selectionOf(const GList* files) {
+  client::Selection selection;
+  for (; files && selection.size() <= client::Plugin::LARGEST_SELECTION; files = files->next) {
+    const std::unique_ptr<gchar, decltype(&g_free)> url(thunarx_file_info_get_uri(THUNARX_FILE_INFO(files->data)),
+                                                        g_free);
+    auto path = client::pathOfURL(url.get());
+    if (!path) return {};
+    selection.push_back(*std::move(path));
+  }
+  return selection;
+}
 
 SelectionWatch::SelectionWatch(Listener listener)
     : listener_(std::move(listener)), changed_(g_cclosure_new(G_CALLBACK(changed), this, nullptr)) {
@@ -41,8 +54,8 @@ SelectionWatch::~SelectionWatch() {
 }
 
 void SelectionWatch::forget() {
-  if (telling_ != 0) g_source_remove(telling_);
-  telling_ = 0;
+  if (reporting_ != 0) g_source_remove(reporting_);
+  reporting_ = 0;
 }
 
 gboolean SelectionWatch::mapped(GSignalInvocationHint*, guint count, const GValue* values, gpointer self) {
@@ -64,14 +77,14 @@ void SelectionWatch::changed(GObject* view, GParamSpec*, gpointer self) {
     auto& watch = *static_cast<SelectionWatch*>(self);
     g_weak_ref_set(&watch.view_, view);
     // Once for all the changes that one movement of the user makes.
-    if (watch.telling_ == 0) watch.telling_ = g_idle_add(tell, self);
+    if (watch.reporting_ == 0) watch.reporting_ = g_idle_add(report, self);
   });
 }
 
-gboolean SelectionWatch::tell(gpointer self) {
+gboolean SelectionWatch::report(gpointer self) {
   client::guarded([self] {
     auto& watch = *static_cast<SelectionWatch*>(self);
-    watch.telling_ = 0;
+    watch.reporting_ = 0;
     const std::unique_ptr<void, decltype(&g_object_unref)> view(g_weak_ref_get(&watch.view_), g_object_unref);
     if (!view || !gtk_widget_get_mapped(GTK_WIDGET(view.get()))) return;
     GList* files = nullptr;

@@ -7,9 +7,13 @@
 
 namespace vornet::thunar {
 
-/// Tells what is selected in the view on screen, each time that it becomes another. Thunar has no interface for that:
+/// The paths of `files`, a list of ThunarxFileInfo; empty when any has none on this machine (the trash, a share). Of
+/// more than Plugin::LARGEST_SELECTION only one more is read.
+client::Selection selectionOf(const GList* files);
+
+/// Reports what is selected in the view on screen, each time that it changes. Thunar has no interface for that:
 /// its views are recognised by the name of their type and asked for a property, and if either is missing nothing is
-/// told. The main thread's only.
+/// reported. The main thread's only.
 class SelectionWatch {
  public:
   struct Listener {
@@ -22,20 +26,20 @@ class SelectionWatch {
   SelectionWatch(const SelectionWatch&) = delete;
   SelectionWatch& operator=(const SelectionWatch&) = delete;
 
-  /// What has been selected and not told yet is no longer worth telling.
+  /// Drops what has been selected and not reported yet.
   void forget();
 
  private:
   static gboolean mapped(GSignalInvocationHint*, guint count, const GValue* values, gpointer self);
   static void changed(GObject* view, GParamSpec*, gpointer self);
-  static gboolean tell(gpointer self);
+  static gboolean report(gpointer self);
 
   Listener listener_;
-  guint map_ = 0;      ///< the signal
-  gulong hook_ = 0;    ///< called whenever a widget comes on screen
-  GClosure* changed_;  ///< connected to every view; its end disconnects it from all
-  guint telling_ = 0;  ///< the source that calls tell()
-  GWeakRef view_;      ///< the one to tell of
+  guint map_ = 0;        ///< the signal
+  gulong hook_ = 0;      ///< called whenever a widget comes on screen
+  GClosure* changed_;    ///< connected to every view; its end disconnects it from all
+  guint reporting_ = 0;  ///< the source that calls report()
+  GWeakRef view_;        ///< the one to report
 };
 
 }  // namespace vornet::thunar

@@ -15,21 +15,21 @@ namespace vornet::client {
 /// file manager has no signal. Somebody asks for their items: from that it is inferred that they are on screen, and
 /// from silence, when the items are to be drawn anew, that they are no longer. Not thread-safe: the context's thread
 /// only.
-class Inference {
+class InferredFolders {
  public:
   /// `before`: how long items wait for a window to tell. `lasting`: how long a folder is taken to be on screen without
-  /// a question; it is dropped after twice as long at the latest.
-  Inference(GMainContext* context, FoldersOnScreen& folders, Badges& badges, std::chrono::milliseconds before,
-            std::chrono::milliseconds lasting);
-  Inference(const Inference&) = delete;
-  Inference& operator=(const Inference&) = delete;
+  /// a question; it is forgotten after twice as long at the latest.
+  InferredFolders(GMainContext* context, FoldersOnScreen& folders, Badges& badges, std::chrono::milliseconds before,
+                  std::chrono::milliseconds lasting);
+  InferredFolders(const InferredFolders&) = delete;
+  InferredFolders& operator=(const InferredFolders&) = delete;
 
   /// An item of `folder`, which no window shows, was asked for.
   void asked(Folder& folder);
 
  private:
   void decide();
-  void inferOrDrop(Folder& folder);
+  void inferOrForget(Folder& folder);
   void makeRoom();
   void look();
   void lookAt(Folder& folder, gint64 now);

@@ -15,12 +15,12 @@
 #include <filesystem>
 #include <optional>
 
+#include "DolphinView.hpp"
+#include "Host.hpp"
 #include "kelvane-sim/KelvaneSim.hpp"
 #include "support/BusClient.hpp"
 #include "support/Environment.hpp"
 #include "support/PrivateBus.hpp"
-#include "testing/DolphinView.hpp"
-#include "testing/Host.hpp"
 
 namespace vornet::dolphin {
 namespace {
@@ -492,7 +492,7 @@ TEST_F(Plugins, AnAnswerToAnOlderSelectionIsDropped) {
 
   // A menu that is still there does not make its own selection the user's again.
   application->clearRequests();
-  view->select({url("folder")});
+  view->select({url("other")});
   ASSERT_TRUE(Host::waitUntil([&] { return menuRequests() == 1; }));
   bool later = false;
   QTimer::singleShot(300, view.get(), [&] { later = true; });

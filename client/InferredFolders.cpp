@@ -1,4 +1,4 @@
-#include "Inference.hpp"
+#include "InferredFolders.hpp"
 
 #include "Paths.hpp"
 
@@ -17,35 +17,35 @@ bool isUnshown(const Folder& folder) {
 
 }  // namespace
 
-Inference::Inference(GMainContext* context, FoldersOnScreen& folders, Badges& badges, std::chrono::milliseconds before,
-                     std::chrono::milliseconds lasting)
+InferredFolders::InferredFolders(GMainContext* context, FoldersOnScreen& folders, Badges& badges,
+                                 std::chrono::milliseconds before, std::chrono::milliseconds lasting)
     : folders_(folders), badges_(badges), before_(before), lasting_(lasting), deciding_(context), looking_(context) {}
 
-void Inference::asked(Folder& folder) {
+void InferredFolders::asked(Folder& folder) {
   folder.lastAsked = g_get_monotonic_time();
   folder.testedAt = 0;
   if (!folder.inferred && !deciding_.isRunning()) deciding_.start(before_, [this] { decide(); });
 }
 
-void Inference::decide() {
+void InferredFolders::decide() {
   for (const auto& path : folders_.paths()) {
     Folder& folder = *folders_.find(path);
-    if (isUnshown(folder) && !folder.inferred) inferOrDrop(folder);
+    if (isUnshown(folder) && !folder.isHeld() && !folder.inferred) inferOrForget(folder);
   }
   if (!looking_.isRunning()) looking_.start(lasting_ / LOOKS, [this] { look(); });
 }
 
 /// File managers also ask for the folder that a window shows and for those above it, which are not in view themselves.
-void Inference::inferOrDrop(Folder& folder) {
+void InferredFolders::inferOrForget(Folder& folder) {
   const std::string base = folder.path == "/" ? "/" : folder.path + "/";
   std::erase_if(folder.entries, [&](const auto& entry) { return folders_.showsWithin(base + entry.first); });
-  if (folder.entries.empty() || !badges_.mayCarryBadges(folder.path)) return badges_.drop(folder);
+  if (folder.entries.empty() || !badges_.mayCarryBadges(folder.path)) return badges_.forget(folder);
   makeRoom();
   folder.inferred = folder.wasInferred = true;
-  badges_.adjust(folder);
+  badges_.syncObservations(folder);
 }
 
-void Inference::makeRoom() {
+void InferredFolders::makeRoom() {
   Folder* oldest = nullptr;
   std::size_t inferred = 0;
   for (const auto& [path, folder] : folders_.all()) {
@@ -53,25 +53,25 @@ void Inference::makeRoom() {
     ++inferred;
     if (!oldest || folder->lastAsked < oldest->lastAsked) oldest = folder.get();
   }
-  if (inferred >= MOST_INFERRED) badges_.drop(*oldest);
+  if (inferred >= MOST_INFERRED) badges_.forget(*oldest);
 }
 
-void Inference::look() {
+void InferredFolders::look() {
   const gint64 now = g_get_monotonic_time();
   bool some = false;
   for (const auto& path : folders_.paths()) {
     Folder& folder = *folders_.find(path);
-    if (!isUnshown(folder)) continue;
+    if (!isUnshown(folder) || !folder.inferred) continue;
     some = true;
-    if (folder.inferred) lookAt(folder, now);
+    lookAt(folder, now);
   }
   if (some) looking_.start(lasting_ / LOOKS, [this] { look(); });
 }
 
-void Inference::lookAt(Folder& folder, gint64 now) {
+void InferredFolders::lookAt(Folder& folder, gint64 now) {
   const gint64 lasting = std::chrono::microseconds(lasting_).count();
   if (folder.testedAt != 0) {
-    if (now - folder.testedAt >= lasting / 2) badges_.drop(folder);
+    if (now - folder.testedAt >= lasting / 2) badges_.forget(folder);
   } else if (now - folder.lastAsked >= lasting) {
     folder.testedAt = now;
     badges_.redrawAll(folder);

@@ -1,0 +1,262 @@
+// Folders that leave the screen and come back: what the library keeps of them, and for how long.
+#include "client/LeftFolders.hpp"
+#include "PluginTest.hpp"
+
+namespace vornet::test {
+namespace {
+
+using client::Emblems;
+using client::LeftFolders;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::SizeIs;
+
+class PluginLeftFolders : public PluginTest {
+ protected:
+  PluginLeftFolders() {
+    makePlugin({.beforeInferring = std::chrono::milliseconds(20), .leaving = std::chrono::milliseconds(50)});
+    startExtension();
+    extension->badges = {{url("a"), "SYNCED"}, {url("b"), "SYNCED"}, {url("none"), ""}};
+  }
+
+  /// A window, or a tab in front, shows the root with these items, each answered.
+  void open() {
+    manager.plugin->folderShown(root);
+    list();
+    ASSERT_TRUE(waitForEmblem("a", SYNCED) && waitForEmblem("b", SYNCED));
+  }
+  void list() {
+    for (const char* name : {"a", "b", "none"}) manager.show(path(name));
+  }
+  /// The user goes elsewhere: the file manager drops what it showed.
+  void goElsewhere() {
+    for (const char* name : {"a", "b", "none"}) manager.hide(path(name));
+    manager.plugin->folderHidden(root);
+    ASSERT_TRUE(waitForObserved(0));
+  }
+  std::size_t asked() const {
+    std::size_t sum = 0;
+    for (const auto& request : extension->badgeRequests) sum += request.size();
+    return sum;
+  }
+};
+
+TEST_F(PluginLeftFolders, AFolderThatComesBackShowsItsLastEmblemsAtOnceAndIsCorrectedThen) {
+  open();
+  goElsewhere();
+  extension->badges = {{url("a"), "PENDING"}, {url("b"), "SYNCED"}, {url("none"), "SKIPPED"}};
+  const auto redrawn = manager.redraws(path("b"));
+  manager.plugin->folderShown(root);
+  list();
+  EXPECT_EQ(manager.emblem(path("a")), SYNCED);
+  EXPECT_EQ(manager.emblem(path("b")), SYNCED);
+  EXPECT_EQ(manager.emblem(path("none")), "");
+  EXPECT_TRUE(waitForEmblem("a", PENDING));
+  EXPECT_TRUE(waitForEmblem("none", SKIPPED));
+  EXPECT_EQ(manager.redraws(path("b")), redrawn) << "it was right";
+}
+
+TEST_F(PluginLeftFolders, AnEmblemThatIsNoMoreGoesWhenTheAnswerComes) {
+  open();
+  goElsewhere();
+  extension->badges.clear();
+  manager.plugin->folderShown(root);
+  list();
+  EXPECT_EQ(manager.emblem(path("a")), SYNCED);
+  EXPECT_TRUE(waitForEmblem("a", ""));
+}
+
+TEST_F(PluginLeftFolders, NoEmblemIsRememberedOfAFolderOutsideTheSyncedFolder) {
+  open();
+  goElsewhere();
+  extension->setFolders({"file:///home/ann/Elsewhere"});
+  manager.plugin->folderShown("/home/ann/Elsewhere");
+  ASSERT_TRUE(waitForObserved(1)) << "it is known to be another one";
+  manager.plugin->folderShown(root);
+  list();
+  EXPECT_EQ(manager.emblem(path("a")), "");
+}
+
+TEST_F(PluginLeftFolders, EmblemsAreRememberedWhileTheExtensionIsAway) {
+  open();
+  goElsewhere();
+  extension.reset();
+  settle();
+  manager.plugin->folderShown(root);
+  list();
+  EXPECT_EQ(manager.emblem(path("a")), SYNCED);
+  startExtension();
+  extension->badges[url("a")] = "PENDING";
+  EXPECT_TRUE(waitForEmblem("a", PENDING));
+}
+
+TEST(LeftFolders, RemembersEachFolderOnce) {
+  LeftFolders left;
+  left.add("/a", {{"x", "one"}});
+  left.add("/a", {{"x", "two"}});
+  EXPECT_EQ(left.take("/a"), (Emblems{{"x", "two"}}));
+  EXPECT_THAT(left.take("/a"), IsEmpty());
+}
+
+TEST(LeftFolders, ForgetsTheFoldersThatWereLeftLongestAgo) {
+  LeftFolders left;
+  for (std::size_t i = 0; i <= LeftFolders::MOST_FOLDERS; ++i) left.add("/" + std::to_string(i), {{"x", "one"}});
+  EXPECT_THAT(left.take("/0"), IsEmpty());
+  EXPECT_THAT(left.take("/1"), SizeIs(1));
+}
+
+TEST(LeftFolders, KeepsNoMoreItemsThanThereIsRoomFor) {
+  const auto many = [](std::size_t count) {
+    Emblems emblems;
+    for (std::size_t i = 0; i < count; ++i) emblems.emplace(std::to_string(i), "one");
+    return emblems;
+  };
+  LeftFolders left;
+  left.add("/first", many(LeftFolders::MOST_ITEMS - 10));
+  left.add("/huge", many(LeftFolders::MOST_ITEMS + 1));
+  left.add("/second", many(10));
+  EXPECT_THAT(left.take("/huge"), IsEmpty());
+  EXPECT_THAT(left.take("/second"), SizeIs(10));
+  left.add("/third", many(11));
+  EXPECT_THAT(left.take("/first"), IsEmpty()) << "left longest ago";
+  EXPECT_THAT(left.take("/third"), SizeIs(11));
+  left.add("/all", many(LeftFolders::MOST_ITEMS));
+  EXPECT_THAT(left.take("/all"), SizeIs(LeftFolders::MOST_ITEMS)) << "what was taken leaves room";
+  left.add("/fourth", many(LeftFolders::MOST_ITEMS));
+  left.keepOnly([](const std::string&) { return false; });
+  left.add("/fifth", many(LeftFolders::MOST_ITEMS));
+  EXPECT_THAT(left.take("/fifth"), SizeIs(LeftFolders::MOST_ITEMS));
+}
+
+// --- Tabs -----------------------------------------------------------------------------------------------------------
+
+class PluginTabs : public PluginLeftFolders {
+ protected:
+  PluginTabs() {
+    manager.plugin->folderOpened(root);
+    open();
+  }
+  void sendToBack() {
+    manager.plugin->folderHidden(root);
+    ASSERT_TRUE(waitForObserved(0));
+  }
+};
+
+TEST_F(PluginTabs, ATabInTheBackgroundKeepsItsItemsAndTakesNoQuestionToTheExtension) {
+  sendToBack();
+  extension->badges[url("a")] = "PENDING";
+  manager.show(path("a"));  // it changed on the disk
+  manager.show(path("new"));
+  EXPECT_EQ(manager.emblem(path("a")), SYNCED);
+  manager.show(path("other/x"));  // of no tab: inferred after these
+  extension->badges[url("other/x")] = "SYNCED";
+  ASSERT_TRUE(waitForEmblem("other/x", SYNCED));
+  EXPECT_THAT(extension->observed, ElementsAre(url("other")));
+  EXPECT_EQ(FakeFileManager::keptItems(), 5u);
+}
+
+TEST_F(PluginTabs, ATabThatComesToTheFrontRedrawsWhatHasChangedAndNothingElse) {
+  sendToBack();
+  extension->badges = {{url("a"), "PENDING"}, {url("b"), "SYNCED"}};
+  const auto redrawn = manager.redraws(path("b"));
+  manager.plugin->folderShown(root);
+  EXPECT_TRUE(waitForEmblem("a", PENDING));
+  EXPECT_EQ(manager.redraws(path("b")), redrawn);
+  extension->sendChanges({{url("b"), "SKIPPED"}});
+  EXPECT_TRUE(waitForEmblem("b", SKIPPED));
+}
+
+TEST_F(PluginTabs, TheItemsOfAFolderThatTheLastTabHasLeftAreRedrawnAndForgotten) {
+  manager.plugin->folderOpened(root);
+  sendToBack();
+  manager.plugin->folderClosed(root);
+  const auto redrawn = manager.redraws(path("a"));
+  for (const char* name : {"a", "b", "none"}) manager.hide(path(name));
+  manager.plugin->folderClosed(root);
+  EXPECT_EQ(manager.redraws(path("a")), redrawn);
+  ASSERT_TRUE(runUntil([] { return FakeFileManager::keptItems() == 0; }));
+  EXPECT_EQ(manager.redraws(path("a")), redrawn + 1);
+  EXPECT_EQ(manager.redraws(path("none")), 1u);
+}
+
+TEST_F(PluginTabs, AFolderThatTheUserComesBackToAtOnceIsAskedForAgain) {
+  sendToBack();
+  manager.plugin->folderClosed(root);
+  extension->badges[url("a")] = "PENDING";
+  manager.plugin->folderOpened(root);
+  manager.plugin->folderShown(root);
+  EXPECT_TRUE(waitForEmblem("a", PENDING));
+  const auto later = std::chrono::steady_clock::now() + std::chrono::milliseconds(200);
+  ASSERT_TRUE(runUntil([&] { return std::chrono::steady_clock::now() > later; }));
+  EXPECT_EQ(FakeFileManager::keptItems(), 3u) << "it was not left";
+}
+
+TEST_F(PluginTabs, ABranchElsewhereIsInferredOnceTheLastTabHasLeftItsFolder) {
+  sendToBack();
+  manager.plugin->folderClosed(root);  // the file manager still shows its items
+  ASSERT_TRUE(waitForObserved(1));
+  extension->sendChanges({{url("a"), "PENDING"}});
+  EXPECT_TRUE(waitForEmblem("a", PENDING));
+}
+
+TEST_F(PluginTabs, ItemsThatAreGoneAreForgottenWhenTheTabComesToTheFront) {
+  sendToBack();
+  manager.goneFor = {path("a")};
+  extension->badgeRequests.clear();
+  extension->badges[url("b")] = "PENDING";
+  manager.plugin->folderShown(root);
+  EXPECT_TRUE(waitForEmblem("b", PENDING));
+  EXPECT_EQ(FakeFileManager::keptItems(), 2u);
+  EXPECT_EQ(asked(), 2u);
+}
+
+TEST_F(PluginTabs, ItemsThatComeAndGoDoNotPileUp) {
+  for (int i = 0; i < 5000; ++i) {
+    const auto file = path(std::to_string(i));
+    manager.show(file);
+    manager.hide(file);
+    manager.goneFor.insert(file);
+  }
+  EXPECT_LE(FakeFileManager::keptItems(), 1100u);
+}
+
+TEST_F(PluginTabs, AnAnswerThatComesToATabInTheBackgroundIsDrawn) {
+  extension->hold("RequestBadges");
+  extension->badges[url("new")] = "SKIPPED";
+  manager.show(path("new"));
+  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("RequestBadges") == 1; }));
+  manager.plugin->folderHidden(root);
+  extension->release("RequestBadges");
+  EXPECT_TRUE(waitForEmblem("new", SKIPPED));
+}
+
+TEST_F(PluginTabs, ATabInTheBackgroundLosesItsEmblemsWithTheSyncedFolder) {
+  sendToBack();
+  extension->setFolders({"file:///home/ann/Elsewhere"});
+  EXPECT_TRUE(waitForEmblem("a", ""));
+  extension->setFolders({url("")});
+  manager.plugin->folderShown(root);
+  EXPECT_TRUE(waitForEmblem("a", SYNCED));
+}
+
+TEST_F(PluginTabs, AFolderWithoutRoomIsNotAskedForInTheBackground) {
+  makePlugin({.unobservedRefresh = std::chrono::milliseconds(50)});
+  extension->observed.clear();
+  extension->places = 0;
+  manager.plugin->folderOpened(root);
+  manager.plugin->folderShown(root);
+  list();
+  ASSERT_TRUE(waitForEmblem("a", SYNCED));
+  manager.plugin->folderHidden(root);
+  settle();
+  extension->calls.clear();
+  const auto later = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
+  ASSERT_TRUE(runUntil([&] { return std::chrono::steady_clock::now() > later; })) << "six times the pace";
+  EXPECT_LE(extension->calls.size(), 2u) << "those that were under way";
+  manager.plugin->folderShown(root);
+  extension->badges[url("a")] = "PENDING";
+  EXPECT_TRUE(waitForEmblem("a", PENDING));
+}
+
+}  // namespace
+}  // namespace vornet::test
