@@ -143,8 +143,12 @@ void FinderSyncService::stop() {
 
 // --- What the extension does ----------------------------------------------------------------------------------------
 
-void FinderSyncService::badgeChanged(const FileURL& url, const std::string& identifier) {
-  changes_.add(url, identifier);
+bool FinderSyncService::badgeChanged(const FileURL& url, const std::string& identifier) {
+  return changes_.add(url, identifier);
+}
+
+void FinderSyncService::badgeAnswered(const FileURL& url, const std::string& identifier) {
+  changes_.amend(url, identifier);
 }
 
 void FinderSyncService::badgesInvalidated(const FileURL& folder) {

@@ -44,7 +44,8 @@ class FinderSyncService : private platform::host::Listener {
   using Strings = std::vector<std::string>;
   using URLs = std::vector<platform::FileURL>;
 
-  void badgeChanged(const platform::FileURL& url, const std::string& identifier) override;
+  bool badgeChanged(const platform::FileURL& url, const std::string& identifier) override;
+  void badgeAnswered(const platform::FileURL& url, const std::string& identifier) override;
   void badgesInvalidated(const platform::FileURL& folder) override;
   void directoriesChanged() override;
 

@@ -20,6 +20,11 @@ class DirNode {
   /// fill returns nothing, a vanished entry is logged and not returned.
   StatusTable update(StatusTable items);
 
+  /// The parts of update(): replaces the statuses and returns those before, none at a first fill; and what is new or
+  /// changed between two tables. The latter needs no node; among millions of entries it takes a second.
+  std::shared_ptr<const StatusTable> replace(std::shared_ptr<const StatusTable> items);
+  static StatusTable update(const StatusTable& old, const StatusTable& now);
+
   /// The code stored under exactly `path`; none when the folder has no such entry.
   std::optional<StatusCode> statusForPath(std::string_view path) const;
 
@@ -27,7 +32,7 @@ class DirNode {
   void clear();
 
   const std::string& dir() const noexcept { return dir_; }
-  const StatusTable& items() const noexcept { return items_; }
+  const StatusTable& items() const noexcept { return *items_; }
 
   /// Whether the node has been filled at least once since it was made or cleared.
   bool populated() const noexcept { return populated_; }
@@ -37,7 +42,7 @@ class DirNode {
 
  private:
   std::string dir_;
-  StatusTable items_;
+  std::shared_ptr<const StatusTable> items_;  // never null
   bool populated_ = false;
 };
 

@@ -73,6 +73,49 @@ TEST(FolderStatusTable, EqualsATableOfTheSameEntriesHoweverTheyAreKept) {
   EXPECT_FALSE(table == StatusTable(FOLDER));
 }
 
+TEST(FolderStatusTable, SelectionsShareTheirEntriesUntilOneIsChanged) {
+  std::optional<StatusTable> table("/a/");
+  constexpr int COUNT = 10'000;
+  for (int i = 0; i < COUNT; ++i) table->set("/a/" + std::to_string(i), i % 3);
+  table->set("/elsewhere", 2);
+  StatusTable some = table->selection();
+  EXPECT_TRUE(some.empty());
+  for (auto entry = table->begin(); entry != table->end(); ++entry) {
+    if (entry.code() == 2) some.add(entry);
+  }
+  EXPECT_EQ(some.size(), 3334u);
+  EXPECT_EQ(some.find("/a/2"), 2);
+  EXPECT_EQ(some.find("/elsewhere"), 2);
+  EXPECT_EQ(some.find("/a/1"), std::nullopt);
+
+  table->set("/a/2", 0);
+  table->set("/a/new", 2);
+  EXPECT_EQ(table->find("/a/2"), 0);
+  EXPECT_EQ(some.find("/a/2"), 2) << "changed after it was selected";
+  EXPECT_EQ(some.find("/a/new"), std::nullopt);
+  EXPECT_EQ(table->size(), COUNT + 2u);
+  some.set("/a/mine", 1);
+  EXPECT_EQ(table->find("/a/mine"), std::nullopt);
+  table.reset();
+  EXPECT_EQ(some.find("/a/5"), 2);
+  EXPECT_EQ(some.find("/a/mine"), 1);
+  EXPECT_EQ(some.size(), 3335u);
+}
+
+TEST(FolderStatusTable, ASelectionOfAllEntriesCostsNoNames) {
+  StatusTable table("/a/");
+  constexpr std::size_t COUNT = 1'000;
+  const std::string name(1'000, 'x');
+  for (std::size_t i = 0; i < COUNT; ++i) table.set("/a/" + name + std::to_string(i), 1);
+  StatusTable all = table.selection();
+  for (auto entry = table.begin(); entry != table.end(); ++entry) all.add(entry);
+  EXPECT_EQ(all, table);
+  EXPECT_GE(table.memory(), COUNT * name.size());
+  // Both hold the same bytes: what the selection counts beside them is its places.
+  EXPECT_EQ((*all.begin()).second, 1);
+  EXPECT_LE(all.memory(), table.memory());
+}
+
 TEST(FolderStatusTable, CanBeMovedAndReplaced) {
   StatusTable table(FOLDER);
   table.reserve(10, 100);

@@ -88,11 +88,26 @@ void LRUCache::removeLast() {
 }
 
 std::optional<StatusTable> LRUCache::update(std::string_view dir, StatusTable itemDict, bool* firstFill) {
+  const auto now = std::make_shared<const StatusTable>(std::move(itemDict));
+  std::shared_ptr<const StatusTable> old;
+  {
+    const std::lock_guard guard(lock_);
+    const auto found = dirs_.find(dir);
+    if (firstFill) *firstFill = found != dirs_.end() && !found->second->populated();
+    if (found == dirs_.end()) return std::nullopt;
+    old = found->second->replace(now);
+  }
+  // Without the lock: of millions of entries it takes a second, and badges are asked for meanwhile.
+  return old ? DirNode::update(*old, *now) : StatusTable();
+}
+
+std::size_t LRUCache::memoryBeside(std::string_view dir) const {
   const std::lock_guard guard(lock_);
-  const auto found = dirs_.find(dir);
-  if (firstFill) *firstFill = found != dirs_.end() && !found->second->populated();
-  if (found == dirs_.end()) return std::nullopt;
-  return found->second->update(std::move(itemDict));
+  std::size_t bytes = 0;
+  for (const auto& [key, node] : dirs_) {
+    if (key != dir) bytes += node->items().memory();
+  }
+  return bytes;
 }
 
 std::optional<StatusCode> LRUCache::statusForPath(std::string_view path) const {

@@ -36,6 +36,9 @@ class LRUCache {
   /// when there is none. Elsewhere: the database's answer, -1 when it has none. Changes no order.
   std::optional<StatusCode> statusForPath(std::string_view path) const;
 
+  /// About how many bytes the statuses of all folders but `dir` take.
+  std::size_t memoryBeside(std::string_view dir) const;
+
   /// Whether the folder `dir` is cached and has been filled.
   bool isPopulated(std::string_view dir) const;
 

@@ -442,6 +442,20 @@ TEST_F(LRUCacheDeathTest, purgingABrokenListStopsTheProcessBeforeItSaysPurged) {
                                          Not(HasSubstr("purged"))));
 }
 
+TEST(LRUCacheTest, tellsWhatTheOtherFoldersTake) {
+  LRUCache cache(2);
+  cache.enterNewDir("/a/");
+  cache.enterNewDir("/b/");
+  const auto none = cache.memoryBeside("/a/");
+  StatusTable large;
+  large.set("/b/" + std::string(100'000, 'x'), 1);
+  cache.update("/b/", std::move(large));
+  EXPECT_GE(cache.memoryBeside("/a/"), none + 100'000);
+  EXPECT_LT(cache.memoryBeside("/b/"), 1'000u);
+  cache.update("/b/", {});
+  EXPECT_LT(cache.memoryBeside("/a/"), 1'000u);
+}
+
 TEST(LRUCacheTest, theOnlyNodeNeedsNoPredecessor) {
   const LogRecorder log;
   LRUCache cache(2);

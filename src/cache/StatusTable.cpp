@@ -1,5 +1,6 @@
 #include "cache/StatusTable.hpp"
 
+#include <atomic>
 #include <limits>
 #include <stdexcept>
 
@@ -47,15 +48,39 @@ StatusTable::StatusTable(std::initializer_list<std::pair<std::string_view, Statu
 }
 
 void StatusTable::reserve(std::size_t entries, std::size_t pathBytes) {
-  makeEntries();
+  ownEntries();
   offsets_.reserve(entries);
   if (pathBytes > entries_->capacity()) entries_->reserve(pathBytes);
 }
 
-void StatusTable::makeEntries() {
-  if (entries_) return;
-  entries_ = std::make_unique<Entries>();
-  offsets_ = Offsets(0, Hash{entries_.get()}, Equal{entries_.get()});
+/// Makes the entries this table's alone, so that they may be changed.
+void StatusTable::ownEntries() {
+  if (entries_ && entries_.use_count() == 1) {
+    std::atomic_thread_fence(std::memory_order_acquire);  // after what the last selection read
+    return;
+  }
+  StatusTable own(folder_);
+  own.entries_ = std::make_shared<Entries>();
+  own.offsets_ = Offsets(size(), Hash{own.entries_.get()}, Equal{own.entries_.get()});
+  for (const auto& [path, code] : *this) own.set(path, code);
+  *this = std::move(own);
+}
+
+StatusTable StatusTable::selection() const {
+  StatusTable part(folder_);
+  part.entries_ = entries_;
+  // With room for all: entries come in the order of their hashes, which would crowd the beginning of a smaller set.
+  part.offsets_ = Offsets(size(), Hash{entries_.get()}, Equal{entries_.get()});
+  return part;
+}
+
+void StatusTable::add(const const_iterator& entry) {
+  offsets_.insert(*entry.at_);
+}
+
+std::size_t StatusTable::memory() const noexcept {
+  constexpr std::size_t BYTES_A_PLACE = sizeof(Offset) + 1;  // the set notes one byte of the hash beside it
+  return folder_.capacity() + (entries_ ? entries_->capacity() : 0) + offsets_.bucket_count() * BYTES_A_PLACE;
 }
 
 /// Whether the key of `path` is its rest after the folder. Always so where there is no folder.
@@ -64,7 +89,7 @@ bool StatusTable::isRelative(std::string_view path) const noexcept {
 }
 
 void StatusTable::set(std::string_view path, StatusCode code) {
-  makeEntries();
+  ownEntries();
   isRelative(path) ? setKey({}, path.substr(folder_.size()), code) : setKey(WHOLE, path, code);
 }
 
@@ -79,12 +104,16 @@ void StatusTable::setKey(std::string_view marker, std::string_view key, StatusCo
   if (!isNew) const_cast<Offset&>(*found) = offset;  // an equal key: the place in the set stays right
 }
 
+StatusTable::const_iterator StatusTable::locate(std::string_view path) const {
+  if (empty()) return end();
+  return {*this, isRelative(path) ? offsets_.find(path.substr(folder_.size()))
+                                  : offsets_.find(std::string(WHOLE).append(path))};
+}
+
 std::optional<StatusCode> StatusTable::find(std::string_view path) const {
-  if (empty()) return std::nullopt;
-  const auto found =
-      isRelative(path) ? offsets_.find(path.substr(folder_.size())) : offsets_.find(std::string(WHOLE).append(path));
-  if (found == offsets_.end()) return std::nullopt;
-  return entryAt(*entries_, *found).code;
+  const auto found = locate(path);
+  if (found == end()) return std::nullopt;
+  return found.code();
 }
 
 StatusTable::const_iterator StatusTable::begin() const {
@@ -93,6 +122,10 @@ StatusTable::const_iterator StatusTable::begin() const {
 
 StatusTable::const_iterator StatusTable::end() const {
   return {*this, offsets_.end()};
+}
+
+StatusCode StatusTable::const_iterator::code() const {
+  return entryAt(*table_->entries_, *at_).code;
 }
 
 StatusTable::const_iterator::reference StatusTable::const_iterator::operator*() const {

@@ -25,12 +25,14 @@ struct TextHash {
 
 /// A map from cloud path to status code. Its entries stand one after another in one block of bytes, which makes filling
 /// a table of ten thousand entries, and dropping it, cheap, and takes about 12 bytes an entry beside its path. A
-/// movable value. Not thread-safe.
+/// movable value. Not thread-safe, but a table and its selections may be read by different threads.
 class StatusTable {
  public:
   class const_iterator;
 
   StatusTable() = default;
+  StatusTable(StatusTable&&) = default;
+  StatusTable& operator=(StatusTable&&) = default;
   StatusTable(std::initializer_list<std::pair<std::string_view, StatusCode>> entries);
 
   /// An empty table meant for items of the folder `folder` (cloud path ending in "/"): their paths are kept without it,
@@ -43,6 +45,20 @@ class StatusTable {
 
   /// The code under exactly `path`; none when absent.
   std::optional<StatusCode> find(std::string_view path) const;
+
+  /// The entry of exactly `path`; end() when absent.
+  const_iterator locate(std::string_view path) const;
+
+  /// An empty table that add() fills with entries of this one. Both share them, so that a selection of all entries
+  /// takes about 7 bytes for each, whatever their paths are. The selection remains valid when this table goes or
+  /// changes.
+  StatusTable selection() const;
+
+  /// In a selection: adds `entry` of the table that it was made from.
+  void add(const const_iterator& entry);
+
+  /// About how many bytes the table takes. What it shares with others counts in full.
+  std::size_t memory() const noexcept;
 
   std::size_t size() const noexcept { return offsets_.size(); }
   bool empty() const noexcept { return offsets_.empty(); }
@@ -83,12 +99,13 @@ class StatusTable {
   using Offsets = boost::unordered_flat_set<Offset, Hash, Equal>;
 
   bool isRelative(std::string_view path) const noexcept;
-  void makeEntries();
+  void ownEntries();
   void setKey(std::string_view marker, std::string_view key, StatusCode code);
 
   std::string folder_;
-  std::unique_ptr<Entries> entries_;  // in a place of its own, which does not change when the table moves
-  Offsets offsets_;                   // where they begin
+  // In a place of its own, which does not change when the table moves. Never changed while it is shared.
+  std::shared_ptr<Entries> entries_;
+  Offsets offsets_;  // where they begin
 };
 
 class StatusTable::const_iterator {
@@ -104,6 +121,10 @@ class StatusTable::const_iterator {
 
   reference operator*() const;
   pointer operator->() const { return {**this}; }
+
+  /// The code alone: cheaper than the pair.
+  StatusCode code() const;
+
   const_iterator& operator++() {
     ++at_;
     return *this;

@@ -60,7 +60,8 @@ class FIFinderSyncController {
   /// Registers a badge: what is drawn, and said, for items whose badge identifier is `identifier`.
   void setBadgeImage(const Image& image, std::string_view label, std::string_view identifier);
 
-  /// Shows the badge `identifier` on `url`; "" removes it.
+  /// Shows the badge `identifier` on `url`; "" removes it. On Linux it may wait until earlier badges have gone out to
+  /// the file managers, except for the answer to a request.
   void setBadgeIdentifier(std::string_view identifier, const FileURL& url);
 
   /// The badges of the items directly in `folder` may have changed: where the file manager can, it asks again for those

@@ -16,6 +16,17 @@ namespace {
 // A folder of half a million items has a reply of this size.
 constexpr std::size_t STATUSES_LIMIT = std::size_t{64} << 20;
 
+// What the statuses of all folders may take together. A folder for which little of that is left may still have a reply
+// of the lowest limit: some thousand items.
+constexpr std::size_t ALL_STATUSES_LIMIT = std::size_t{96} << 20;
+constexpr std::size_t LOWEST_STATUSES_LIMIT = std::size_t{1} << 20;
+
+/// How large a reply may be while the statuses of the other folders take `others` bytes.
+std::size_t replyLimit(std::size_t others) {
+  const std::size_t left = ALL_STATUSES_LIMIT - std::min(others, ALL_STATUSES_LIMIT);
+  return std::clamp(left, LOWEST_STATUSES_LIMIT, STATUSES_LIMIT);
+}
+
 // How much of a reply is looked at to guess how many entries it has, and the fewest bytes that one is taken to have.
 constexpr std::size_t SAMPLE_BYTES = 4096;
 constexpr std::size_t MIN_ENTRY_BYTES = 8;
@@ -214,8 +225,8 @@ void RESTPollingManager::poll(const std::string& dir) {
 void RESTPollingManager::fetch(const std::string& dir) {
   const auto& root = requiredRootDir();
   const std::string key = getCloudPath(root, dir) + "/";
-  auto reply =
-      RESTClient::postAtPath("get_icons_for_folder", toJSON({{"dir_name", key}}), std::nullopt, STATUSES_LIMIT);
+  auto reply = RESTClient::postAtPath("get_icons_for_folder", toJSON({{"dir_name", key}}), std::nullopt,
+                                      replyLimit(dirCache_.memoryBeside(key)));
   if (finderSync()) finderSync()->syncApplicationAnswered(reply.has_value());
   if (!reply) return;
   auto statuses = statusesFromReply(key, *std::move(reply));  // which is gone before they are compared
@@ -225,6 +236,7 @@ void RESTPollingManager::fetch(const std::string& dir) {
   if (!changes) return;
   VI_DEBUG("Updated: " + printedForm(*changes));
   for (const auto& [path, code] : *changes) {
+    if (!running_) return;  // nobody will see the rest, and there may be millions
     if (!finderSync()) platform::fatalError("a status manager without a controller");
     finderSync()->setFileSyncStatus(getLocalPath(root, path), code);
   }

@@ -659,6 +659,32 @@ TEST_F(RESTPollingManagerTest, AReplyAbove64MebibytesIsNone) {
   EXPECT_LT(2 * refused, timeOfRequest());
 }
 
+TEST_F(RESTPollingManagerTest, AReplyCountsAsNoneWhileTheOtherFoldersLeaveNoRoomForIt) {
+  serve([](const WireRequest& request) {
+    const std::string folder = request.body.find("/large") != std::string::npos  ? "/large"
+                               : request.body.find("/also") != std::string::npos ? "/also"
+                                                                                 : "/few";
+    std::string body = "{";
+    const std::string name(60'000, 'x');
+    for (int i = 0; folder != "/few" && i < 1'000; ++i) {
+      body.append("\"").append(folder).append("/").append(name).append(std::to_string(i)).append("\":2,");
+    }
+    return WireReply{.body = body + "\"" + folder + "/x\":1}"};
+  });
+  makeConfigured(SHORT);
+  manager->start_listener();
+  manager->dirEnter("/R/large");
+  ASSERT_TRUE(log.waitFor(LogLevel::Debug, "Updated: [:]"));
+  EXPECT_EQ(log.count(LogLevel::Warning, "Skipping get_icons_for_fodler, ds not connected"), 0u);
+  manager->dirExit("/R/large");  // its statuses stay
+  manager->dirEnter("/R/also");
+  EXPECT_TRUE(log.waitFor(LogLevel::Warning, "Skipping get_icons_for_fodler, ds not connected"));
+  manager->dirEnter("/R/few");
+  while (manager->badgeFromCache(url("/R/few/x")) != 1) std::this_thread::yield();
+  EXPECT_EQ(manager->badgeFromCache(url("/R/large/x")), 1);
+  EXPECT_EQ(manager->badgeFromCache(url("/R/also/x")), -1) << "what the database knows";
+}
+
 TEST_F(RESTPollingManagerTest, AWorkerCanBeStartedAgain) {
   serve("{}");
   makeConfigured(NEVER);

@@ -151,8 +151,9 @@ def actions(torture, row):
         note_memory(row, memory)
 
 
-def huge(row, room, fault, most):
-    """Statuses of which the first reply is huge and the next ones are small."""
+def huge(row, room, fault, most, taken=None):
+    """Statuses of which the first reply is huge and the next ones are small. `taken`: an item that a huge reply names, whose
+    badge must be seen."""
     process = room.start_extension()
     room.observe("honest")
     room.force_pass()
@@ -165,6 +166,8 @@ def huge(row, room, fault, most):
     (room.root / "huge").mkdir()
     room.observe("huge")
     until("huge replies", lambda: memory.killed or room.sync.received()["requests"]["get_icons_for_folder"] >= before + 1)
+    if taken and not memory.killed:
+        room.wait_for_badge(taken, "SYNCED")
     time.sleep(3.2)  # the time of an exchange: it has come, or has been given up
     room.sync.fault("")
     answers = client.stop()
@@ -194,7 +197,7 @@ def huge_mismatch(torture, row):
 )
 def huge_statuses(torture, row):
     with torture.room() as room:
-        huge(row, room, "huge_statuses", 180 + 25)
+        huge(row, room, "huge_statuses", 180 + 25, taken="honest/e000000000")
 
 
 @attack("application: four menus of 250 MiB at once", "peak < 50 MiB, as menus have 1 MiB at most; memory back; greyed")

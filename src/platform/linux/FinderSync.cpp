@@ -1,6 +1,7 @@
 #include "platform/FinderSync.hpp"
 
 #include <algorithm>
+#include <condition_variable>
 #include <map>
 #include <mutex>
 #include <unordered_map>
@@ -33,10 +34,12 @@ struct FIFinderSyncController::Impl {
     std::uint64_t version;                  // another one after each setting of its badge; never used twice
     std::optional<std::string> identifier;  // none before the first setting
     bool answered = false;                  // somebody was told that it has no badge, or its badge
+    bool askedFor = false;
   };
   struct Folder {
     TextMap<Item> items;
-    std::size_t askedFor = 0;  // how many of its items were remembered because of a question
+    std::size_t askedFor = 0;  // how many of its items are remembered because of a question
+    std::size_t onlySet = 0;   // and how many because a badge was set on them
   };
 
   std::mutex lock;
@@ -44,8 +47,11 @@ struct FIFinderSyncController::Impl {
   std::set<FileURL> directories;
   TextMap<Folder> onScreen;  // by path
   std::size_t askedFor = 0;  // in all folders
+  std::size_t onlySet = 0;   // in all folders
   std::uint64_t versions = 0;
   host::Listener* listener = nullptr;
+  bool isListenerFull = false;
+  std::condition_variable room;  // the listener is full no more
 
   Folder* folderOfItem(std::string_view path) {
     const auto folder = onScreen.find(folderOf(path));
@@ -64,11 +70,29 @@ struct FIFinderSyncController::Impl {
   Item* askedItem(const std::string& path) {
     auto* folder = folderOfItem(path);
     if (!folder) return nullptr;
-    if (const auto item = folder->items.find(path); item != folder->items.end()) return &item->second;
-    if (askedFor >= host::MAX_ITEMS_ASKED_FOR) return nullptr;
+    auto found = folder->items.find(path);
+    const bool isNew = found == folder->items.end();
+    if (!isNew && found->second.askedFor) return &found->second;
+    if (askedFor >= host::MAX_ITEMS_ASKED_FOR) return isNew ? nullptr : &found->second;
     ++askedFor;
     ++folder->askedFor;
-    return &folder->items.emplace(path, Item{++versions, std::nullopt}).first->second;
+    if (isNew) {
+      found = folder->items.emplace(path, Item{++versions, std::nullopt}).first;
+    } else {
+      --onlySet;
+      --folder->onlySet;
+    }
+    found->second.askedFor = true;
+    return &found->second;
+  }
+
+  /// As item(), for one of `folder` on which a badge is being set: the like.
+  Item* itemToSet(Folder& folder, const std::string& path) {
+    if (const auto found = folder.items.find(path); found != folder.items.end()) return &found->second;
+    if (onlySet >= host::MAX_ITEMS_ONLY_SET) return nullptr;
+    ++onlySet;
+    ++folder.onlySet;
+    return &folder.items.emplace(path, Item{0, std::nullopt}).first->second;
   }
 
   /// Sets the badge of an item, and tells the listener when that is news to somebody.
@@ -76,7 +100,16 @@ struct FIFinderSyncController::Impl {
     item.version = ++versions;
     const bool isNews = item.identifier ? *item.identifier != identifier : !isAnswer || item.answered;
     item.identifier = identifier;
-    if (isNews && listener) listener->badgeChanged(url, *item.identifier);
+    if (isNews) tell(url, *item.identifier);
+  }
+
+  void tell(const FileURL& url, const std::string& identifier) {
+    if (listener && !listener->badgeChanged(url, identifier)) isListenerFull = true;
+  }
+
+  void forget(const Folder& folder) {
+    askedFor -= folder.askedFor;
+    onlySet -= folder.onlySet;
   }
 };
 
@@ -110,11 +143,15 @@ void FIFinderSyncController::setBadgeIdentifier(std::string_view identifier, con
     FinderSyncHostAccess::answer(*currentRequest, identifier);
     return;
   }
-  const std::lock_guard guard(impl_->lock);
+  std::unique_lock guard(impl_->lock);
+  impl_->room.wait(guard, [this] { return !impl_->isListenerFull; });
   auto* folder = impl_->folderOfItem(*url.path());
   if (!folder) return;
-  auto& item = folder->items.try_emplace(*url.path(), Impl::Item{0, std::nullopt}).first->second;
-  impl_->set(item, url, identifier, false);
+  if (auto* item = impl_->itemToSet(*folder, *url.path())) {
+    impl_->set(*item, url, identifier, false);
+  } else {
+    impl_->tell(url, std::string(identifier));
+  }
 }
 
 void FIFinderSyncController::invalidateBadges(const FileURL& folder) {
@@ -144,6 +181,15 @@ void setListener(Listener* listener) {
   auto& controller = FinderSyncHostAccess::impl();
   const std::lock_guard guard(controller.lock);
   controller.listener = listener;
+  controller.isListenerFull = false;
+  controller.room.notify_all();
+}
+
+void listenerHasRoom() {
+  auto& controller = FinderSyncHostAccess::impl();
+  const std::lock_guard guard(controller.lock);
+  controller.isListenerFull = false;
+  controller.room.notify_all();
 }
 
 std::vector<RegisteredBadge> registeredBadges() {
@@ -163,7 +209,7 @@ void folderHidden(const std::string& path) {
   const std::lock_guard guard(controller.lock);
   const auto folder = controller.onScreen.find(path);
   if (folder == controller.onScreen.end()) return;
-  controller.askedFor -= folder->second.askedFor;
+  controller.forget(folder->second);
   controller.onScreen.erase(folder);
 }
 
@@ -186,6 +232,13 @@ std::optional<std::string> badgeIdentifier(const FileURL& url) {
   return item ? item->identifier : std::nullopt;
 }
 
+bool isOverlooked(const FileURL& url) {
+  if (!url.path()) return false;
+  auto& controller = FinderSyncHostAccess::impl();
+  const std::lock_guard guard(controller.lock);
+  return controller.folderOfItem(*url.path()) && !controller.item(*url.path());
+}
+
 BadgeRequest::BadgeRequest(const FileURL& url) : url_(url), outer_(currentRequest) {
   if (url.path()) {
     auto& controller = FinderSyncHostAccess::impl();
@@ -203,8 +256,10 @@ bool BadgeRequest::apply() {
   auto& controller = FinderSyncHostAccess::impl();
   const std::lock_guard guard(controller.lock);
   auto* item = controller.item(*url_.path());
+  if (item && item->version != version_) return false;
+  const bool wasKnown = item && (item->identifier || item->answered);
+  if (!wasKnown && !withdrawn_ && controller.listener) controller.listener->badgeAnswered(url_, answer_.value_or(""));
   if (!item) return true;
-  if (item->version != version_) return false;
   if (answer_) controller.set(*item, url_, *answer_, true);
   item->answered = true;
   return true;

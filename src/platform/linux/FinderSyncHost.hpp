@@ -20,9 +20,14 @@ class Listener {
  public:
   virtual ~Listener() = default;
 
-  /// The badge of `url`, an item of a folder on screen, is now `identifier` ("" none), and another than was last said
-  /// of it.
-  virtual void badgeChanged(const FileURL& url, const std::string& identifier) = 0;
+  /// The badge of `url`, an item of a folder on screen, is now `identifier` ("" none), and as far as is remembered
+  /// another than was last said of it. False when so many changes wait that no further badge should be set before
+  /// listenerHasRoom() is called.
+  virtual bool badgeChanged(const FileURL& url, const std::string& identifier) = 0;
+
+  /// A question for the badge of `url`, of which nothing was remembered, is answered with `identifier`: a change of it
+  /// that still waits is older than that.
+  virtual void badgeAnswered(const FileURL& url, const std::string& identifier) = 0;
 
   /// The badges of the items directly in `folder` are to be asked for again.
   virtual void badgesInvalidated(const FileURL& folder) = 0;
@@ -33,6 +38,9 @@ class Listener {
 
 /// Makes `listener` the one that is told; null for none. After the call returns the former one is no longer called.
 void setListener(Listener* listener);
+
+/// The listener takes changes again: lets those go on that wait in setBadgeIdentifier.
+void listenerHasRoom();
 
 struct RegisteredBadge {
   std::string identifier;
@@ -50,12 +58,19 @@ void folderHidden(const std::string& path);
 /// The most items that are remembered only because they were asked for, in all folders together.
 inline constexpr std::size_t MAX_ITEMS_ASKED_FOR = 200'000;
 
-/// The items of the folder with this path that were asked for, or on which a badge was set, while it is on screen. Of
-/// those asked for at most MAX_ITEMS_ASKED_FOR in all folders are remembered.
+/// The most items that are remembered though nobody asked for them, only because a badge was set on them, in all
+/// folders together. Few: there may be millions of them, and who shows an item asks for it.
+inline constexpr std::size_t MAX_ITEMS_ONLY_SET = 1'000;
+
+/// The items of the folder with this path that are remembered: while it is on screen, those that were asked for or on
+/// which a badge was set, up to the numbers above.
 std::vector<FileURL> itemsOnScreen(const std::string& folder);
 
-/// The badge last set on `url`, while its folder is on screen; none when none was set.
+/// The badge last set on `url`, while it is remembered; none when none was set.
 std::optional<std::string> badgeIdentifier(const FileURL& url);
+
+/// Whether nothing is remembered of `url`, though its folder is on screen.
+bool isOverlooked(const FileURL& url);
 
 /// A question for the badge of `url`. While it lives, a badge that this thread sets on `url` is the answer, and nothing
 /// else comes of it before apply(). One thread.
@@ -72,7 +87,10 @@ class BadgeRequest {
   const std::optional<std::string>& answer() const { return answer_; }
 
   /// Drops the answer: it is not to be believed.
-  void withdraw() { answer_.reset(); }
+  void withdraw() {
+    answer_.reset();
+    withdrawn_ = true;
+  }
 
   /// Shows the answer on the item while its folder is on screen; an absent answer leaves its badge as it is. The
   /// listener is told when something else had been said of the item before. False, and nothing is done, when a badge
@@ -84,6 +102,7 @@ class BadgeRequest {
   const FileURL& url_;
   std::uint64_t version_ = 0;  // of the item's badge when the request began; 0 while its folder is not on screen
   std::optional<std::string> answer_;
+  bool withdrawn_ = false;
   BadgeRequest* outer_;
 };
 

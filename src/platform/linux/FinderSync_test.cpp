@@ -25,13 +25,19 @@ FileURL at(std::string_view path) {
 /// Notes what it is told.
 class NotingListener : public host::Listener {
  public:
-  void badgeChanged(const FileURL& url, const std::string& identifier) override {
+  bool badgeChanged(const FileURL& url, const std::string& identifier) override {
     badges.emplace_back(url.path().value_or("none"), identifier);
+    return hasRoom;
+  }
+  void badgeAnswered(const FileURL& url, const std::string& identifier) override {
+    answers.emplace_back(*url.path(), identifier);
   }
   void badgesInvalidated(const FileURL& folder) override { invalidated.push_back(*folder.path()); }
   void directoriesChanged() override { ++directories; }
 
   std::vector<std::pair<std::string, std::string>> badges;
+  std::vector<std::pair<std::string, std::string>> answers;
+  bool hasRoom = true;
   std::vector<std::string> invalidated;
   int directories = 0;
 };
@@ -248,6 +254,81 @@ TEST_F(FinderSyncController, RemembersABoundedNumberOfItemsThatWereAskedFor) {
   const auto other = at("/b/other");
   host::BadgeRequest(other).apply();
   EXPECT_EQ(host::itemsOnScreen("/b").size(), 2u);
+}
+
+TEST_F(FinderSyncController, RemembersABoundedNumberOfItemsThatNobodyAskedFor) {
+  host::folderShown("/a");
+  host::folderShown("/b");
+  constexpr std::size_t COUNT = 10 * host::MAX_ITEMS_ONLY_SET;
+  for (std::size_t i = 0; i < COUNT; ++i) controller.setBadgeIdentifier("SYNCED", at("/a/" + std::to_string(i)));
+  EXPECT_EQ(host::itemsOnScreen("/a").size(), host::MAX_ITEMS_ONLY_SET);
+  EXPECT_EQ(listener.badges.size(), COUNT) << "each was told";
+
+  const auto url = at("/b/file");
+  controller.setBadgeIdentifier("PENDING", url);
+  EXPECT_EQ(host::badgeIdentifier(url), std::nullopt);
+  EXPECT_TRUE(host::isOverlooked(url));
+  host::BadgeRequest(url).apply();
+  EXPECT_FALSE(host::isOverlooked(url)) << "somebody asked";
+  controller.setBadgeIdentifier("SYNCED", url);
+  EXPECT_EQ(host::badgeIdentifier(url), "SYNCED");
+
+  host::BadgeRequest(at("/a/0")).apply();
+  controller.setBadgeIdentifier("SYNCED", at("/b/other"));
+  EXPECT_EQ(host::badgeIdentifier(at("/b/other")), "SYNCED") << "one of the others was asked for, which leaves room";
+  host::folderHidden("/a");
+  controller.setBadgeIdentifier("SYNCED", at("/b/third"));
+  EXPECT_EQ(host::badgeIdentifier(at("/b/third")), "SYNCED");
+  EXPECT_FALSE(host::isOverlooked(at("/a/1"))) << "not on screen";
+}
+
+TEST_F(FinderSyncController, TellsAnAnswerThatAWaitingChangeMustNotFollow) {
+  host::folderShown("/a");
+  for (std::size_t i = 0; i < host::MAX_ITEMS_ONLY_SET; ++i)
+    controller.setBadgeIdentifier("", at("/a/" + std::to_string(i)));
+  const auto url = at("/a/file");
+  const auto gone = at("/a/gone");
+  const auto locked = at("/a/locked");
+  for (const auto* item : {&url, &gone, &locked}) controller.setBadgeIdentifier("PENDING", *item);
+  for (const char* badge : {"SYNCED", "SKIPPED"}) {
+    host::BadgeRequest request(url);
+    controller.setBadgeIdentifier(badge, url);
+    EXPECT_TRUE(request.apply());
+  }
+  EXPECT_TRUE(host::BadgeRequest(gone).apply());
+  host::BadgeRequest inDoubt(locked);
+  inDoubt.withdraw();
+  EXPECT_TRUE(inDoubt.apply());
+  EXPECT_THAT(listener.answers, ElementsAre(Pair("/a/file", "SYNCED"), Pair("/a/gone", "")));
+  EXPECT_EQ(listener.badges.back(), std::pair(std::string("/a/file"), std::string("SKIPPED"))) << "a change";
+}
+
+TEST_F(FinderSyncController, MakesWhoSetsBadgesWaitForRoom) {
+  host::folderShown("/a");
+  listener.hasRoom = false;
+  controller.setBadgeIdentifier("SYNCED", at("/a/1"));
+  std::atomic<int> set = 0;
+  std::thread setter([&] {
+    for (const char* path : {"/a/2", "/a/3", "/a/4"}) {
+      controller.setBadgeIdentifier("SYNCED", at(path));
+      ++set;
+    }
+  });
+  const auto url = at("/a/asked");
+  for (const char* badge : {"PENDING", "SYNCED"}) {
+    host::BadgeRequest request(url);
+    controller.setBadgeIdentifier(badge, url);
+    EXPECT_TRUE(request.apply()) << "an answer does not wait";
+  }
+  EXPECT_EQ(set, 0);
+  host::listenerHasRoom();
+  while (set < 1) std::this_thread::yield();
+  EXPECT_EQ(set, 1);
+  NotingListener second;
+  host::setListener(&second);
+  setter.join();
+  EXPECT_THAT(second.badges, ElementsAre(Pair("/a/3", "SYNCED"), Pair("/a/4", "SYNCED")));
+  host::setListener(nullptr);
 }
 
 TEST_F(FinderSyncController, TellsWhichFoldersBadgesAreInvalid) {
