@@ -7,7 +7,6 @@
 #include "base/AppConst.hpp"
 #include "dbus/Interface.hpp"
 #include "platform/linux/Host.hpp"
-#include "rest/RESTPollingManager.hpp"
 
 namespace vornet::service {
 namespace {
@@ -15,7 +14,7 @@ namespace {
 using platform::FIFinderSyncController;
 using platform::FileURL;
 
-static_assert(dbus::MAX_OBSERVED_FOLDERS == RESTPollingManager::MAX_CACHE_DIRS, "only cached folders report changes");
+static_assert(dbus::MAX_OBSERVED_FOLDERS == FinderSync::MAX_FOLDERS, "only these are kept up to date");
 
 // As many as CallGate lets be under way, so that none waits here for a thread.
 constexpr std::size_t MENU_THREADS = 9;
@@ -98,7 +97,7 @@ FinderSyncService::FinderSyncService(FinderSync& extension, GDBusConnection* con
     : extension_(extension),
       connection_(connection),
       skeleton_(vornet_finder_sync1_skeleton_new()),
-      observations_(std::min(dbus::MAX_OBSERVED_FOLDERS, FinderSync::maxFolders())),
+      observations_(dbus::MAX_OBSERVED_FOLDERS),
       observing_(1),
       badges_(BADGE_THREADS),
       lookUps_(1),

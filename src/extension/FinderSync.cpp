@@ -17,6 +17,8 @@ namespace {
 using platform::FIFinderSyncController;
 using platform::FileURL;
 
+static_assert(FinderSync::MAX_FOLDERS == RESTPollingManager::MAX_CACHE_DIRS, "only cached folders report changes");
+
 FIFinderSyncController& finder() {
   return FIFinderSyncController::defaultController();
 }
@@ -103,10 +105,6 @@ void FinderSync::requestBadgeIdentifierForURL(const FileURL& url) {
 
 bool FinderSync::isCached(const FileURL& url) const {
   return requiredStatusManager().isCached(url);
-}
-
-std::size_t FinderSync::maxFolders() noexcept {
-  return RESTPollingManager::MAX_CACHE_DIRS;
 }
 
 void FinderSync::keepCached(const std::string& folder) {

@@ -74,7 +74,7 @@ class FinderSync : public platform::FIFinderSync, public StatusSink {
   bool isCached(const platform::FileURL& url) const;
 
   /// How many folders can be kept up to date at the same time.
-  static std::size_t maxFolders() noexcept;
+  static constexpr std::size_t MAX_FOLDERS = 50;
 
   /// Makes `folder` (a local path), which is being observed, the last of these folders to be given up for another.
   void keepCached(const std::string& folder);
