@@ -168,8 +168,7 @@ void waitFor(Condition condition, const char* what) {
   g_source_unref(deadline);
 }
 
-/// The plug-in, which lives on from one input to the next as in a file manager whose extension keeps being replaced:
-/// making one costs more than an input does.
+/// The plug-in, which lives on from one input to the next: making one costs more than an input does.
 std::optional<Plugin>& plugin() {
   static SilentManager manager;
   static std::optional<Plugin>& made = *new std::optional<Plugin>;
@@ -186,6 +185,8 @@ class Session {
  public:
   Session(const std::uint8_t* data, std::size_t size) : input_(data, size) {
     if (input_.rarely()) nonsenseProperty_ = input_.nonsense();
+    isNewProcess_ = std::exchange(endsProcess_, false) || nonsenseProperty_;
+    if (isNewProcess_) bus().restart();
     std::vector<std::string> folders;
     for (int others = input_.upTo(3); others > 0; --others) folders.push_back(input_.url());
     folders.push_back("file://" + ROOT);
@@ -212,7 +213,7 @@ class Session {
              [this](GVariant*) { return nonsenseMenu_ ? g_variant_ref(nonsenseMenu_.get()) : valuesOf(menu_); });
   }
 
-  ~Session() { bus().restart(); }
+  ~Session() { bus().reset(); }
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
@@ -224,12 +225,11 @@ class Session {
 
  private:
   void showFolder() {
-    const bool connected = isConnected_;
-    isConnected_ = true;
-    bus().start();
-    if (!connected) plugin_.folderShown(FOLDER);
-    waitFor([] { return bus().calls("Get") > 0; }, "the plug-in asks for the folders");
-    if (connected) plugin_.folderShown(FOLDER);
+    const bool isConnected = std::exchange(isConnected_, true);
+    if (isConnected && isNewProcess_) bus().start();
+    if (!isConnected) plugin_.folderShown(FOLDER);
+    if (isNewProcess_) waitFor([] { return bus().calls("Get") > 0; }, "the plug-in asks for the folders");
+    if (isConnected) plugin_.folderShown(FOLDER);
   }
 
   void play() {
@@ -249,15 +249,25 @@ class Session {
     if (wantsMenu) checkMenu();
   }
 
-  /// Now and then the plug-in ends in the midst of it; else it forgets folder and selection.
+  /// Now and then the plug-in ends in the midst of it, or the extension. Else both live on, when all has been answered.
   void leave() {
+    endsProcess_ = input_.rarely() || nonsenseProperty_;
     if (input_.rarely()) {
       plugin().reset();
       isConnected_ = false;
+      endsProcess_ = true;
       return;
     }
     plugin_.folderHidden(FOLDER);
     plugin_.menu({});
+    if (!endsProcess_) awaitFailedAction();
+  }
+
+  /// A failed action is written to the log. Before it all earlier calls are answered.
+  void awaitFailedAction() {
+    const auto before = warnings.load();
+    plugin_.perform("share:", {ITEMS[0]});
+    waitFor([before] { return warnings.load() > before; }, "a failed action is logged");
   }
 
   void show(const std::string& path, std::function<void()> redrawn) {
@@ -353,19 +363,20 @@ class Session {
     waitFor(isShown, "the menu has the entries that were answered");
   }
 
-  /// After an answer that names no folders. That it has been read is known by the failure of a later call, which the
-  /// plug-in writes to the log.
+  /// After an answer that names no folders.
   void checkThatNothingIsShown() {
-    const auto before = warnings.load();
-    plugin_.perform("share:", {ITEMS[0]});
-    waitFor([before] { return warnings.load() > before; }, "a failed action is logged");
+    awaitFailedAction();
     require(plugin_.emblem(ITEMS[0], std::make_unique<Item>([] {})).empty(), "without folders there are no emblems");
     require(isGreyed(plugin_.menu({ITEMS[0]})), "without folders no entry can be chosen");
   }
 
   Input input_;
   Plugin& plugin_ = *plugin();
+  bool isNewProcess_ = false;
+
+  // From one input to the next.
   static inline bool isConnected_ = false;
+  static inline bool endsProcess_ = true;
 
   // What the extension answers; nonsense where it is set.
   bool refusesToObserve_ = false;

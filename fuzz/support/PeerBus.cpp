@@ -52,12 +52,17 @@ void PeerBus::on(const std::string& method, Answer answer) {
   answers_[method] = std::move(answer);
 }
 
+void PeerBus::reset() {
+  const std::lock_guard guard(mutex_);
+  calls_.clear();
+  answers_.clear();
+}
+
 void PeerBus::restart() {
+  reset();
   const std::lock_guard guard(mutex_);
   process_ = ":1." + std::to_string(++processes_);
   isKnown_ = false;
-  calls_.clear();
-  answers_.clear();
 }
 
 void PeerBus::start() {

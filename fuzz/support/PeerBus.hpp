@@ -24,8 +24,11 @@ class PeerBus {
 
   const std::string& address() const { return address_; }
 
-  /// The extension ends, and another process of it takes its place: with no answers and no calls. Who is connected is
-  /// told by start(); what it sent to the process before is refused.
+  /// Forgets answers and calls.
+  void reset();
+
+  /// The same, and another process of the extension takes the place of the one before. Who is connected is told by
+  /// start(); until it has spoken to the new process its calls are refused and not counted.
   void restart();
 
   /// From now on the extension answers calls of `method` by `answer`, which must not call this object. Calls of other
