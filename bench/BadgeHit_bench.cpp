@@ -4,8 +4,9 @@
 #include <random>
 #include <unordered_map>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
 #include "extension/FinderSync.hpp"
+#include "extension/SharedObjects.hpp"
 #include "platform/linux/FinderSyncHost.hpp"
 #include "rest/RESTPollingManager.hpp"
 #include "support/Databases.hpp"

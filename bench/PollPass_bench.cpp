@@ -7,8 +7,8 @@
 #include <boost/unordered/unordered_flat_map.hpp>
 #include <unordered_map>
 
+#include "base/AppConst.hpp"
 #include "cache/LRUCache.hpp"
-#include "extension/AppConst.hpp"
 #include "extension/FinderSync.hpp"
 #include "logging/Logging.hpp"
 #include "paths/JSON.hpp"

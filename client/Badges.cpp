@@ -11,14 +11,9 @@
 namespace vornet::client {
 namespace {
 
-using namespace std::chrono_literals;
-
 // The bus carries a million paths a second in batches of this size; four in flight keep the extension's threads busy.
 constexpr std::size_t BATCH = 500;
 constexpr unsigned BATCHES_IN_FLIGHT = 4;
-
-// So long the first item waits for others of its batch.
-constexpr auto GATHERING = 5ms;
 
 // The bus's own word for Busy.
 constexpr const char* TOO_MANY_CALLS = "org.freedesktop.DBus.Error.LimitsExceeded";
@@ -64,6 +59,7 @@ Badges::Badges(GMainContext* context, ExtensionLink& link, FoldersOnScreen& fold
       leaving_(context),
       busyRetries_(pace.retries),
       failureRetries_(pace.retries),
+      gatheringTime_(pace.gathering),
       missedPause_(Backoff(pace.retries).next()),
       unobservedPace_(pace.unobserved),
       leavingTime_(pace.leaving) {}
@@ -73,7 +69,7 @@ bool Badges::mayCarryBadges(std::string_view path) const {
 }
 
 std::string_view Badges::emblem(Folder& folder, std::string_view name, std::unique_ptr<ShownItem> item) {
-  if (folder.entries.empty()) folder.remembered.merge(left_.take(folder.path));
+  if (folder.entries.empty()) folder.remembered = left_.take(folder.path);
   if (folder.entries.size() >= folder.crowded) forgetGone(folder);
   const auto [found, isNew] = folder.entries.try_emplace(std::string(name));
   Entry& entry = found->second;
@@ -122,7 +118,7 @@ void Badges::began(Folder& folder) {
   busyRetries_.reset();
   folder.observed = true;
   if (std::exchange(folder.tooMany, false)) {
-    askForAll(folder);  // of what was answered before, a change might not be told
+    askForAll(folder);  // a change of what was answered before might not be sent
     syncObservations(folder);
   }
   askSoon();
@@ -203,10 +199,11 @@ void Badges::forget(Folder& folder) {
   folder.inferred = false;
   syncObservations(folder);
   if (folder.isHeld()) return;
-  Emblems emblems = std::move(folder.remembered);
+  Emblems emblems;
   for (const auto& [name, entry] : folder.entries) {
-    if (!entry.emblem.empty()) emblems.insert_or_assign(name, entry.emblem);
+    if (!entry.emblem.empty()) emblems.emplace(name, entry.emblem);
   }
+  if (folder.entries.empty()) emblems = std::move(folder.remembered);  // nobody asked; otherwise they are out of date
   left_.add(folder.path, std::move(emblems));
   folders_.erase(std::string(folder.path));
 }
@@ -230,7 +227,8 @@ void Badges::askForEverythingLater() {
 }
 
 void Badges::askSoon() {
-  if (!gathering_.isRunning() && batchesInFlight_ < BATCHES_IN_FLIGHT) gathering_.start(GATHERING, [this] { ask(); });
+  if (gathering_.isRunning() || batchesInFlight_ >= BATCHES_IN_FLIGHT) return;
+  gathering_.start(gatheringTime_, [this] { ask(); });
 }
 
 /// One batch in a turn: its URLs take a while to write.

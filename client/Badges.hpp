@@ -23,6 +23,7 @@ namespace vornet::client {
 class Badges {
  public:
   struct Pace {
+    std::chrono::milliseconds gathering;   ///< the first item's wait for others of its batch
     Backoff retries;                       ///< between attempts at what fails
     std::chrono::milliseconds unobserved;  ///< between questions for folders that the extension has no room to observe
     std::chrono::milliseconds leaving;     ///< how long the items of a folder are kept that the last tab has left
@@ -32,7 +33,7 @@ class Badges {
   Badges(const Badges&) = delete;
   Badges& operator=(const Badges&) = delete;
 
-  /// The emblem of an item of `folder`, as far as known; from now on `item` is told of changes.
+  /// The emblem of an item of `folder`, as far as known; from now on `item` is redrawn when it changes.
   std::string_view emblem(Folder& folder, std::string_view name, std::unique_ptr<ShownItem> item);
 
   /// Whether items of the folder at `path` may carry badges, or it is not known yet that they do not.
@@ -41,7 +42,7 @@ class Badges {
   /// Begins and ends observations until there are as many as `folder` is shown.
   void syncObservations(Folder& folder);
 
-  /// `folder` comes on screen, or to its front again: asks for what may have changed since it was observed.
+  /// A window shows `folder`: observes it, and asks for what may have changed while it was not observed.
   void show(Folder& folder);
 
   /// The last tab has left `folder`: forgets it soon, and has its items redrawn then, so that the file manager asks for
@@ -94,6 +95,7 @@ class Badges {
   Timer leaving_;
   Backoff busyRetries_;
   Backoff failureRetries_;
+  const std::chrono::milliseconds gatheringTime_;
   const std::chrono::milliseconds missedPause_;
   const std::chrono::milliseconds unobservedPace_;
   const std::chrono::milliseconds leavingTime_;

@@ -7,14 +7,11 @@
 #include "Paths.hpp"
 #include "Trace.hpp"
 #include "Values.hpp"
+#include "dbus/Interface.hpp"
 
 namespace vornet::client {
 namespace {
 
-constexpr const char* NAME = "com.vornet.KelvaneSync.FinderBadgeExtension";
-constexpr const char* OBJECT_PATH = "/com/vornet/FinderSync1";
-constexpr const char* INTERFACE = "com.vornet.FinderSync1";
-constexpr const char* ERROR_PREFIX = "com.vornet.FinderSync1.Error.";
 constexpr const char* PROPERTIES = "org.freedesktop.DBus.Properties";
 constexpr const char* BUS = "org.freedesktop.DBus";
 constexpr const char* BUS_PATH = "/org/freedesktop/DBus";
@@ -38,7 +35,7 @@ std::string nameOfError(const GError* error) {
   const std::unique_ptr<gchar, decltype(&g_free)> remote(g_dbus_error_get_remote_error(error), g_free);
   if (!remote) return "Disconnected";
   const std::string name = remote.get();
-  return name.starts_with(ERROR_PREFIX) ? name.substr(std::string_view(ERROR_PREFIX).size()) : name;
+  return name.starts_with(dbus::ERROR_PREFIX) ? name.substr(std::string_view(dbus::ERROR_PREFIX).size()) : name;
 }
 
 /// Finding the bus may read files or start a program, so it has a thread of its own.
@@ -178,8 +175,8 @@ void ExtensionLink::connected(GDBusConnection* connection) {
   };
   const auto vanishes =
       +[](GDBusConnection*, const gchar*, gpointer self) { static_cast<ExtensionLink*>(self)->vanished(); };
-  watch_ = g_bus_watch_name_on_connection(connection_, NAME, G_BUS_NAME_WATCHER_FLAGS_NONE, appears, vanishes, this,
-                                          nullptr);
+  watch_ = g_bus_watch_name_on_connection(connection_, dbus::BUS_NAME, G_BUS_NAME_WATCHER_FLAGS_NONE, appears, vanishes,
+                                          this, nullptr);
   start();
 }
 
@@ -199,7 +196,7 @@ void ExtensionLink::disconnect() {
 void ExtensionLink::start() {
   if (!connection_) return connect();
   starting_ = true;
-  callOnBus(BUS, BUS_PATH, BUS, "StartServiceByName", g_variant_new("(su)", NAME, 0), "(u)",
+  callOnBus(BUS, BUS_PATH, BUS, "StartServiceByName", g_variant_new("(su)", dbus::BUS_NAME, 0), "(u)",
             [this](GVariant* started, const std::string& error) {
               starting_ = false;
               if (!started) startFailed(error, error.c_str());
@@ -235,15 +232,15 @@ void ExtensionLink::appeared(const std::string& owner) {
         link.listener_.badgesChanged(changes.get());
       };
   badgesSubscription_ =
-      g_dbus_connection_signal_subscribe(connection_, owner_.c_str(), INTERFACE, "BadgesChanged", OBJECT_PATH, nullptr,
-                                         G_DBUS_SIGNAL_FLAGS_NONE, badges, this, nullptr);
+      g_dbus_connection_signal_subscribe(connection_, owner_.c_str(), dbus::INTERFACE, "BadgesChanged",
+                                         dbus::OBJECT_PATH, nullptr, G_DBUS_SIGNAL_FLAGS_NONE, badges, this, nullptr);
   const auto properties =
       +[](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* values, gpointer self) {
         guarded([&] { static_cast<ExtensionLink*>(self)->propertiesChanged(values); });
       };
-  propertiesSubscription_ =
-      g_dbus_connection_signal_subscribe(connection_, owner_.c_str(), PROPERTIES, "PropertiesChanged", OBJECT_PATH,
-                                         INTERFACE, G_DBUS_SIGNAL_FLAGS_NONE, properties, this, nullptr);
+  propertiesSubscription_ = g_dbus_connection_signal_subscribe(connection_, owner_.c_str(), PROPERTIES,
+                                                               "PropertiesChanged", dbus::OBJECT_PATH, dbus::INTERFACE,
+                                                               G_DBUS_SIGNAL_FLAGS_NONE, properties, this, nullptr);
   readProperties();
 }
 
@@ -270,8 +267,8 @@ void ExtensionLink::readProperties() {
     readySince_ = g_get_monotonic_time();
     listener_.extensionReady();
   };
-  callOnBus(owner_.c_str(), OBJECT_PATH, PROPERTIES, "Get", g_variant_new("(ss)", INTERFACE, "ObservedFolders"), "(v)",
-            taken);
+  callOnBus(owner_.c_str(), dbus::OBJECT_PATH, PROPERTIES, "Get",
+            g_variant_new("(ss)", dbus::INTERFACE, "ObservedFolders"), "(v)", taken);
 }
 
 /// Of several changes that come in a row the last one counts.
@@ -319,7 +316,8 @@ void ExtensionLink::vanished() {
 // --- Calls ----------------------------------------------------------------------------------------------------------
 
 void ExtensionLink::call(const char* method, GVariant* arguments, const char* type, Done done) {
-  if (connection_) return callOnBus(NAME, OBJECT_PATH, INTERFACE, method, arguments, type, std::move(done));
+  if (connection_)
+    return callOnBus(dbus::BUS_NAME, dbus::OBJECT_PATH, dbus::INTERFACE, method, arguments, type, std::move(done));
   g_variant_unref(g_variant_ref_sink(arguments));
   done(nullptr, "Disconnected");
 }
@@ -327,7 +325,7 @@ void ExtensionLink::call(const char* method, GVariant* arguments, const char* ty
 void ExtensionLink::send(const char* method, GVariant* arguments) {
   g_variant_ref_sink(arguments);
   if (connection_) {
-    g_dbus_connection_call(connection_, NAME, OBJECT_PATH, INTERFACE, method, arguments, nullptr,
+    g_dbus_connection_call(connection_, dbus::BUS_NAME, dbus::OBJECT_PATH, dbus::INTERFACE, method, arguments, nullptr,
                            G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, nullptr, nullptr);
   }
   g_variant_unref(arguments);

@@ -16,8 +16,9 @@ class Plugin::Impl : public ExtensionLink::Listener {
  public:
   Impl(FileManager& fileManager, const Options& options)
       : link(options.context, {options.firstRetry, options.lastRetry}, *this),
-        badges(options.context, link, folders,
-               {{options.firstRetry, options.lastRetry}, options.unobservedRefresh, options.leaving}),
+        badges(
+            options.context, link, folders,
+            {options.gathering, {options.firstRetry, options.lastRetry}, options.unobservedRefresh, options.leaving}),
         inferred(options.context, folders, badges, options.beforeInferring, options.inferredFor),
         menus(link, [&fileManager](const Selection& selection) { fileManager.menuChanged(selection); }) {}
 

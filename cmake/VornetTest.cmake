@@ -1,11 +1,30 @@
 # vornet_test(NAME SOURCES … LIBRARIES … [PORT] [ENVIRONMENT …] [TIMEOUT seconds])
 # One GoogleTest program; ctest runs each of its tests in a process of its own. PORT marks tests that need the fixed
-# loopback port of the sync application: ctest never runs two of them at the same time.
+# loopback port of the sync application: each has a network of its own, or ctest never runs two of them at the same time.
 if(VORNET_TESTS)
   enable_testing()
   find_package(GTest REQUIRED)
   include(GoogleTest)
+  set(VORNET_OWN_NETWORK "${CMAKE_BINARY_DIR}/tests/own-network")
+  try_run(vornet_own_network_status vornet_own_network_compiles
+    SOURCES "${CMAKE_CURRENT_LIST_DIR}/own-network.cpp" NO_CACHE COPY_FILE "${VORNET_OWN_NETWORK}")
+  if(NOT vornet_own_network_compiles OR NOT vornet_own_network_status EQUAL 0)
+    message(STATUS "Tests that need port 8806 run one after another: the system does not allow them networks of their own")
+    set(VORNET_OWN_NETWORK "")
+  endif()
 endif()
+
+# vornet_needs_port(TARGET PROPERTIES): has the tests of the program TARGET run in a network of their own, or adds to the list
+# PROPERTIES those that keep them apart.
+function(vornet_needs_port target properties)
+  if(NOT VORNET_OWN_NETWORK)
+    set(${properties} ${${properties}} RESOURCE_LOCK port-8806 PARENT_SCOPE)
+  elseif(CMAKE_VERSION VERSION_LESS 3.29)
+    set_property(TARGET ${target} PROPERTY CROSSCOMPILING_EMULATOR "${VORNET_OWN_NETWORK}")
+  else()
+    set_property(TARGET ${target} PROPERTY TEST_LAUNCHER "${VORNET_OWN_NETWORK}")
+  endif()
+endfunction()
 
 function(vornet_test name)
   if(NOT VORNET_TESTS)
@@ -20,7 +39,7 @@ function(vornet_test name)
   endif()
   set(properties TIMEOUT ${arg_TIMEOUT})
   if(arg_PORT)
-    list(APPEND properties RESOURCE_LOCK port-8806)
+    vornet_needs_port(${name} properties)
   endif()
   if(arg_ENVIRONMENT)
     list(APPEND properties ENVIRONMENT "${arg_ENVIRONMENT}")

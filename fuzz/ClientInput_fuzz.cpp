@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <functional>
@@ -20,6 +21,7 @@
 
 #include "client/Paths.hpp"
 #include "client/Plugin.hpp"
+#include "dbus/Interface.hpp"
 #include "support/PeerBus.hpp"
 #include "support/Require.hpp"
 
@@ -29,12 +31,20 @@ namespace {
 using client::Menu;
 using client::Plugin;
 
-constexpr const char* INTERFACE = "com.vornet.FinderSync1";
 constexpr const char* PROPERTIES = "org.freedesktop.DBus.Properties";
 const std::string ROOT = "/k";
-const std::string FOLDER = ROOT + "/f";
-const std::array<std::string, 4> ITEMS = {FOLDER + "/a", FOLDER + "/b c", FOLDER + "/\u00e9", FOLDER + "/d"};
-const std::string LAST_ITEM = FOLDER + "/last";  // a change of it says that all before has come
+
+// Each input has a folder of its own: the plug-in remembers what it showed in those before.
+std::string folder;
+std::array<std::string, 4> items;
+std::string lastItem;  // a change of it says that all before has come
+
+void takeNextFolder() {
+  static unsigned count = 0;
+  folder = ROOT + "/f" + std::to_string(count++);
+  items = {folder + "/a", folder + "/b c", folder + "/\u00e9", folder + "/d"};
+  lastItem = folder + "/last";
+}
 
 const std::map<std::string, std::string> EMBLEMS = {
     {"SYNCED", "emblem-vornet-synced"}, {"PENDING", "emblem-vornet-pending"}, {"SKIPPED", "emblem-vornet-skipped"}};
@@ -55,7 +65,7 @@ std::atomic<std::size_t> warnings = 0;
 class Item : public client::ShownItem {
  public:
   explicit Item(std::function<void()> redrawn) : redrawn_(std::move(redrawn)) {}
-  void redraw(const std::string&) override { redrawn_(); }
+  void redraw(const std::string&, const std::string&) override { redrawn_(); }
 
  private:
   std::function<void()> redrawn_;
@@ -63,7 +73,7 @@ class Item : public client::ShownItem {
 
 class SilentManager : public client::FileManager {
  public:
-  void menuChanged() override {}
+  void menuChanged(const client::Selection&) override {}
 };
 
 /// Decodes an input; every string may go over the bus.
@@ -90,9 +100,9 @@ class Input {
   }
 
   std::string url() {
-    const auto choice = static_cast<std::size_t>(upTo(static_cast<int>(ITEMS.size()) + 2));
-    if (choice < ITEMS.size()) return client::urlOfPath(ITEMS[choice]);
-    return choice == ITEMS.size() ? "file://" + FOLDER + "/" + text() : text();
+    const auto choice = static_cast<std::size_t>(upTo(static_cast<int>(items.size()) + 2));
+    if (choice < items.size()) return client::urlOfPath(items[choice]);
+    return choice == items.size() ? "file://" + folder + "/" + text() : text();
   }
 
   /// Values of a shape that nobody expects.
@@ -167,11 +177,24 @@ void waitFor(Condition condition, const char* what) {
   g_source_unref(deadline);
 }
 
-/// One plug-in that shows a folder, and an extension that does what the input says.
+/// The plug-in, which lives on from one input to the next as in a file manager whose extension keeps being replaced:
+/// making one costs more than an input does.
+std::optional<Plugin>& plugin() {
+  static SilentManager manager;
+  static std::optional<Plugin>& made = *new std::optional<Plugin>;
+  if (made) return made;
+  Plugin::Options options;
+  options.context = context();
+  options.gathering = std::chrono::milliseconds(0);
+  made.emplace(manager, options);
+  return made;
+}
+
+/// A folder that the plug-in shows, and a process of the extension that does what the input says.
 class Session {
  public:
   Session(const std::uint8_t* data, std::size_t size) : input_(data, size) {
-    bus().reset();
+    takeNextFolder();
     if (input_.rarely()) nonsenseProperty_ = input_.nonsense();
     std::vector<std::string> folders;
     for (int others = input_.upTo(3); others > 0; --others) folders.push_back(input_.url());
@@ -199,37 +222,55 @@ class Session {
              [this](GVariant*) { return nonsenseMenu_ ? g_variant_ref(nonsenseMenu_.get()) : valuesOf(menu_); });
   }
 
-  ~Session() {
-    plugin_.reset();
-    bus().reset();
-  }
+  ~Session() { bus().restart(); }
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
 
   void run() {
-    Plugin::Options options;
-    options.context = context();
-    plugin_.emplace(manager_, options);
-    plugin_->folderShown(FOLDER);
+    showFolder();
+    play();
+    leave();
+  }
+
+ private:
+  void showFolder() {
+    const bool connected = isConnected_;
+    isConnected_ = true;
+    bus().start();
+    if (!connected) plugin_.folderShown(folder);
     waitFor([] { return bus().calls("Get") > 0; }, "the plug-in asks for the folders");
+    if (connected) plugin_.folderShown(folder);
+  }
+
+  void play() {
     if (nonsenseProperty_) return checkThatNothingIsShown();
     waitFor([] { return bus().calls("BeginObserving") > 0; }, "the plug-in observes the folder");
     if (input_.yes()) changeProperties();
-    for (const auto& item : ITEMS) show(item, [] {});
+    for (const auto& item : items) show(item, [] {});
     const bool asks = input_.yes() && !refusesToObserve_;
     const bool wantsMenu = input_.yes();
-    if (wantsMenu) plugin_->menu({ITEMS[0]});
+    if (wantsMenu) plugin_.menu({items[0]});
     for (int signals = input_.upTo(4); signals > 0; --signals) sendChanges();
     if (asks) waitFor([this] { return allAreAskedFor(); }, "the plug-in asks for every item");
     if (wantsMenu) waitFor([] { return bus().calls("GetMenu") > 0; }, "the plug-in asks for the menu");
     for (int signals = input_.upTo(2); signals > 0; --signals) sendChanges();
     awaitLastChange();
-    for (const auto& item : ITEMS) checkEmblem(item);
+    for (const auto& item : items) checkEmblem(item);
     if (wantsMenu) checkMenu();
-    plugin_->folderHidden(FOLDER);
   }
 
- private:
+  /// Now and then the plug-in ends in the midst of it; else it leaves the folder.
+  void leave() {
+    if (input_.rarely()) {
+      plugin().reset();
+      isConnected_ = false;
+      return;
+    }
+    plugin_.folderHidden(folder);
+  }
+
   void show(const std::string& path, std::function<void()> redrawn) {
-    plugin_->emblem(path, std::make_unique<Item>(std::move(redrawn)));
+    plugin_.emblem(path, std::make_unique<Item>(std::move(redrawn)));
   }
 
   /// What the extension says of the items asked for: it repeats badges_. An answer with another number of them, or of
@@ -249,7 +290,7 @@ class Session {
     for (std::size_t i = 0; i < answer.size(); ++i) answer[i] = badges_[i % badges_.size()];
     if (answer.size() == paths.size()) {
       for (std::size_t i = 0; i < paths.size(); ++i) {
-        if (paths[i] == LAST_ITEM) answer[i] = "SYNCED";  // as awaitLastChange() sends it
+        if (paths[i] == lastItem) answer[i] = "SYNCED";  // as awaitLastChange() sends it
         told_[paths[i]] = answer[i];
       }
     }
@@ -258,7 +299,7 @@ class Session {
 
   bool allAreAskedFor() {
     const std::lock_guard guard(mutex_);
-    return std::all_of(ITEMS.begin(), ITEMS.end(), [this](const auto& item) { return asked_.contains(item); });
+    return std::all_of(items.begin(), items.end(), [this](const auto& item) { return asked_.contains(item); });
   }
 
   void changeProperties() {
@@ -268,13 +309,14 @@ class Session {
     GVariant* folders =
         input_.yes() ? listOf({input_.url(), "file://" + ROOT + "/"}) : g_variant_new_string(input_.text().c_str());
     g_variant_builder_add(&properties, "{sv}", "ObservedFolders", folders);
-    bus().send(PROPERTIES, "PropertiesChanged", g_variant_new("(sa{sv}as)", INTERFACE, &properties, nullptr), [] {});
+    bus().send(PROPERTIES, "PropertiesChanged", g_variant_new("(sa{sv}as)", dbus::INTERFACE, &properties, nullptr),
+               [] {});
   }
 
   void sendChanges() {
     if (input_.rarely()) {
       const auto values = input_.nonsense();
-      return bus().send(INTERFACE, "BadgesChanged", g_variant_ref(values.get()), [] {});
+      return bus().send(dbus::INTERFACE, "BadgesChanged", g_variant_ref(values.get()), [] {});
     }
     Changes changes;
     for (int count = input_.upTo(6); count > 0; --count) changes.emplace_back(input_.url(), input_.identifier());
@@ -282,7 +324,7 @@ class Session {
   }
 
   void send(const Changes& changes) {
-    bus().send(INTERFACE, "BadgesChanged", valuesOf(changes), [&] {
+    bus().send(dbus::INTERFACE, "BadgesChanged", valuesOf(changes), [&] {
       const std::lock_guard guard(mutex_);
       for (const auto& [url, identifier] : changes) {
         if (const auto path = client::pathOfURL(url.c_str())) told_[*path] = identifier;
@@ -293,15 +335,15 @@ class Session {
   /// All that was sent before the last change has arrived when that has.
   void awaitLastChange() {
     bool redrawn = false;
-    show(LAST_ITEM, [&redrawn] { redrawn = true; });
-    send({{client::urlOfPath(LAST_ITEM), "SYNCED"}});
+    show(lastItem, [&redrawn] { redrawn = true; });
+    send({{client::urlOfPath(lastItem), "SYNCED"}});
     waitFor([&redrawn] { return redrawn; }, "a change is shown");
-    show(LAST_ITEM, [] {});
+    show(lastItem, [] {});
   }
 
   void checkEmblem(const std::string& path) {
     const auto isShown = [this, &path] {
-      const std::string emblem = plugin_->emblem(path, std::make_unique<Item>([] {}));
+      const std::string emblem = plugin_.emblem(path, std::make_unique<Item>([] {}));
       const std::lock_guard guard(mutex_);
       const auto told = told_.find(path);
       const auto known = told == told_.end() ? EMBLEMS.end() : EMBLEMS.find(told->second);
@@ -311,9 +353,9 @@ class Session {
   }
 
   void checkMenu() {
-    if (nonsenseMenu_) return require(isGreyed(plugin_->menu({ITEMS[0]})), "without an answer the menu is greyed");
+    if (nonsenseMenu_) return require(isGreyed(plugin_.menu({items[0]})), "without an answer the menu is greyed");
     const auto isShown = [this] {
-      const Menu shown = plugin_->menu({ITEMS[0]});
+      const Menu shown = plugin_.menu({items[0]});
       return shown.size() <= menu_.size() && shown.size() >= std::min<std::size_t>(menu_.size(), 100) &&
              std::equal(shown.begin(), shown.end(), menu_.begin());
     };
@@ -324,15 +366,15 @@ class Session {
   /// plug-in writes to the log.
   void checkThatNothingIsShown() {
     const auto before = warnings.load();
-    plugin_->perform("share:", {ITEMS[0]});
+    plugin_.perform("share:", {items[0]});
     waitFor([before] { return warnings.load() > before; }, "a failed action is logged");
-    require(plugin_->emblem(ITEMS[0], std::make_unique<Item>([] {})).empty(), "without folders there are no emblems");
-    require(isGreyed(plugin_->menu({ITEMS[0]})), "without folders no entry can be chosen");
+    require(plugin_.emblem(items[0], std::make_unique<Item>([] {})).empty(), "without folders there are no emblems");
+    require(isGreyed(plugin_.menu({items[0]})), "without folders no entry can be chosen");
   }
 
   Input input_;
-  SilentManager manager_;
-  std::optional<Plugin> plugin_;
+  Plugin& plugin_ = *plugin();
+  static inline bool isConnected_ = false;
 
   // What the extension answers; nonsense where it is set.
   bool refusesToObserve_ = false;

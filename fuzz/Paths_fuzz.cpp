@@ -10,8 +10,8 @@
 #include <string>
 
 #include "cache/LRUCache.hpp"
-#include "platform/Foundation.hpp"
 #include "client/Paths.hpp"
+#include "platform/Foundation.hpp"
 #include "support/Require.hpp"
 
 namespace vornet::fuzz {

@@ -6,9 +6,7 @@
 
 #include "Selections.hpp"
 #include "db/SyncDB.hpp"
-#include "extension/AppConst.hpp"
 #include "platform/linux/FinderSyncHost.hpp"
-#include "rest/RESTPollingManager.hpp"
 
 namespace vornet::service {
 namespace {
@@ -45,7 +43,7 @@ bool BadgeAnswers::areCached(const std::vector<FileURL>& items) const {
     if (!carriesBadge(roots, item)) continue;
     const auto folder = folderOf(*item.path());
     if (folder == cached) continue;
-    if (!requiredStatusManager().isCached(item)) return false;
+    if (!extension_.isCached(item)) return false;
     cached = folder;
   }
   return true;

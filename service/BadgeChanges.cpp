@@ -4,17 +4,14 @@
 #include <map>
 
 #include "Selections.hpp"
+#include "dbus/Interface.hpp"
 #include "platform/FinderSync.hpp"
 
 namespace vornet::service {
 namespace {
 
-constexpr const char* OBJECT_PATH = "/com/vornet/FinderSync1";
-constexpr const char* INTERFACE = "com.vornet.FinderSync1";
-
 // Long enough for the changes of one pass over a folder to become one signal, too short for an eye.
 constexpr std::chrono::milliseconds GATHERING{10};
-constexpr std::size_t MAX_CHANGES_A_SIGNAL = 2000;
 
 std::string folderOf(const std::string& path) {
   const auto separator = path.find_last_of('/');
@@ -24,14 +21,14 @@ std::string folderOf(const std::string& path) {
 }  // namespace
 
 void BadgeChanges::sendNow(const std::string& client, const Changes& changes) {
-  for (std::size_t from = 0; from < changes.size(); from += MAX_CHANGES_A_SIGNAL) {
+  for (std::size_t from = 0; from < changes.size(); from += dbus::MAX_CHANGES_A_SIGNAL) {
     GVariantBuilder builder;
     g_variant_builder_init(&builder, G_VARIANT_TYPE("a(ss)"));
-    for (std::size_t i = from; i < std::min(changes.size(), from + MAX_CHANGES_A_SIGNAL); ++i) {
+    for (std::size_t i = from; i < std::min(changes.size(), from + dbus::MAX_CHANGES_A_SIGNAL); ++i) {
       g_variant_builder_add(&builder, "(ss)", changes[i].first.c_str(), changes[i].second.c_str());
     }
     // A client that has just left the bus is no error.
-    g_dbus_connection_emit_signal(connection_, client.c_str(), OBJECT_PATH, INTERFACE, "BadgesChanged",
+    g_dbus_connection_emit_signal(connection_, client.c_str(), dbus::OBJECT_PATH, dbus::INTERFACE, "BadgesChanged",
                                   g_variant_new("(a(ss))", &builder), nullptr);
   }
 }

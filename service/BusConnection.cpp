@@ -10,12 +10,11 @@
 #include <string_view>
 
 #include "CallGate.hpp"
+#include "dbus/Interface.hpp"
 
 namespace vornet::service {
 namespace {
 
-constexpr const char* BUSY = "com.vornet.FinderSync1.Error.Busy";
-constexpr const char* TOO_MANY_URLS = "com.vornet.FinderSync1.Error.TooManyURLs";
 constexpr const char* INVALID_ARGUMENTS = "org.freedesktop.DBus.Error.InvalidArgs";
 
 constexpr std::size_t PIECE = 64 * 1024;
@@ -322,10 +321,10 @@ void Link::refusalSent() {
 }
 
 GDBusMessage* Link::messageOf(const CallGate::Refusal& refusal) {
-  const char* name = BUSY;
+  std::string name = std::string(dbus::ERROR_PREFIX) + dbus::error::BUSY;
   const char* text = "too many calls of this client are waiting";
   if (refusal.reason == CallGate::Reason::tooManyURLs) {
-    name = TOO_MANY_URLS;
+    name = std::string(dbus::ERROR_PREFIX) + dbus::error::TOO_MANY_URLS;
     text = "more than 10,000 URLs, or more than 4 MiB, in one call";
   } else if (refusal.reason == CallGate::Reason::tooLarge) {
     name = INVALID_ARGUMENTS;
@@ -336,7 +335,7 @@ GDBusMessage* Link::messageOf(const CallGate::Refusal& refusal) {
   g_dbus_message_set_flags(message, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
   g_dbus_message_set_destination(message, refusal.client.c_str());
   g_dbus_message_set_reply_serial(message, refusal.serial);
-  g_dbus_message_set_error_name(message, name);
+  g_dbus_message_set_error_name(message, name.c_str());
   g_dbus_message_set_body(message, g_variant_new("(s)", text));
   const auto sent = +[](gpointer data) {
     passHandOver();

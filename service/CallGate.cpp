@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "Selections.hpp"
+#include "dbus/Interface.hpp"
 
 namespace vornet::service {
 namespace {
@@ -22,8 +22,7 @@ constexpr std::size_t OVERHEAD = 256;
 // More than this are not kept, so that refusing needs little memory; a bus lets a client await 50,000 answers.
 constexpr std::size_t MAX_REFUSALS = 200'000;
 
-// Calls with more items, or more bytes, are long: few of them are under way at a time.
-constexpr std::size_t MOST_SHORT_ITEMS = 500;
+// Calls with more bytes, or more items than a batch, are long: few of them are under way at a time.
 constexpr std::size_t MOST_SHORT_BYTES = 128 * 1024;
 
 /// How much may be under way at a time. Short calls: as many as keep the threads busy, and few enough that a new one
@@ -35,8 +34,8 @@ struct Window {
 };
 constexpr std::array<Window, 4> WINDOWS{{{64, 0, 0}, {8, 2, 24 * 1024 * 1024}, {8, 1, 0}, {16, 0, 0}}};
 
-constexpr std::array<std::size_t, 4> MOST_CALLS{CallGate::MAX_OBSERVING, CallGate::MAX_BADGES, CallGate::MAX_MENUS,
-                                                CallGate::MAX_OTHERS};
+constexpr std::array<std::size_t, 4> MOST_CALLS{dbus::MAX_OBSERVING_CALLS, dbus::MAX_BADGE_CALLS, dbus::MAX_MENU_CALLS,
+                                                dbus::MAX_OTHER_CALLS};
 
 /// Unpacked, a call is held as its bytes, values, texts, URLs and answers.
 std::size_t memoryOf(std::size_t bytes, std::size_t items) {
@@ -132,7 +131,7 @@ bool CallGate::isAdmitted(const MessageHeader& header) {
   if (!message_.isCall) message_.lane = OTHERS;
   const bool isList =
       (message_.lane == BADGES || message_.lane == MENUS) && (header.signature == "as" || header.signature == "sas");
-  if (length_.total > (isList ? LARGEST_LIST : LARGEST_OTHER)) {
+  if (length_.total > (isList ? dbus::MAX_BYTES_OF_LIST : dbus::MAX_BYTES_OF_OTHERS)) {
     refuse(isList ? Reason::tooManyURLs : Reason::tooLarge);
     return false;
   }
@@ -162,10 +161,10 @@ void CallGate::readBody() {
   const std::string_view bytes = message_.bytes;
   const auto header = readMessageHeader(bytes);
   const auto items = countListedTexts(bytes.substr(static_cast<std::size_t>(length_.header)),
-                                      header.value_or(MessageHeader()), MAX_URLS);
+                                      header.value_or(MessageHeader()), dbus::MAX_URLS);
   message_.items = items.value_or(0);
-  const bool tooMany = message_.items > MAX_URLS;
-  const bool malformed = !items && bytes.size() > LARGEST_OTHER;  // the bus lets none through
+  const bool tooMany = message_.items > dbus::MAX_URLS;
+  const bool malformed = !items && bytes.size() > dbus::MAX_BYTES_OF_OTHERS;  // the bus lets none through
   if (tooMany || malformed) {
     Client& client = clients_[message_.client];
     --client.calls[message_.lane];
@@ -175,7 +174,7 @@ void CallGate::readBody() {
     return forgetIfIdle(message_.client);
   }
   message_.isLong = (message_.lane == BADGES || message_.lane == MENUS) &&
-                    (message_.items > MOST_SHORT_ITEMS || bytes.size() > MOST_SHORT_BYTES);
+                    (message_.items > dbus::BATCH || bytes.size() > MOST_SHORT_BYTES);
   message_.memory = memoryOf(bytes.size(), message_.items);
   if (message_.isCall && !message_.isAwaited) giveSerial(message_);
   const std::string client = message_.client;

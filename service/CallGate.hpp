@@ -23,16 +23,6 @@ namespace vornet::service {
 /// The bus's own messages pass at once. Any thread.
 class CallGate {
  public:
-  /// What a client may have waiting or under way, by what it asks for.
-  static constexpr std::size_t MAX_OBSERVING = 2'000;
-  static constexpr std::size_t MAX_BADGES = 256;
-  static constexpr std::size_t MAX_MENUS = 64;
-  static constexpr std::size_t MAX_OTHERS = 256;
-
-  /// The largest call with a list of URLs, and any other, in bytes.
-  static constexpr std::size_t LARGEST_LIST = 4 * 1024 * 1024;
-  static constexpr std::size_t LARGEST_OTHER = 64 * 1024;
-
   /// Bytes of all calls that wait. A client may have as many as are free; beyond that, RESERVED bytes for each, of a
   /// store of their own, so that who asks for little is heard while others fill the rest.
   static constexpr std::size_t MAX_BYTES = 12 * 1024 * 1024;

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "dbus/Interface.hpp"
+
 namespace vornet::service {
 namespace {
 
@@ -130,10 +132,10 @@ TEST_F(CallGateTest, UntilItIsOpenOnlyTheBusItselfIsHeard) {
 
 TEST_F(CallGateTest, RefusesWhatCanNeverBeTakenWithoutStoringIt) {
   ASSERT_TRUE(gate.take(call(":1.1", "RequestBadges", urls(10'001))));
-  ASSERT_TRUE(gate.take(call(":1.1", "GetMenu", urls(2, CallGate::LARGEST_LIST))));
-  ASSERT_TRUE(gate.take(call(":1.1", "RequestBadges", urls(2, CallGate::LARGEST_LIST), UNAWAITED)));
+  ASSERT_TRUE(gate.take(call(":1.1", "GetMenu", urls(2, dbus::MAX_BYTES_OF_LIST))));
+  ASSERT_TRUE(gate.take(call(":1.1", "RequestBadges", urls(2, dbus::MAX_BYTES_OF_LIST), UNAWAITED)));
   ASSERT_TRUE(gate.take(
-      call(":1.1", "BeginObserving", g_variant_new("(s)", std::string(CallGate::LARGEST_OTHER, 'a').c_str()))));
+      call(":1.1", "BeginObserving", g_variant_new("(s)", std::string(dbus::MAX_BYTES_OF_OTHERS, 'a').c_str()))));
   ASSERT_TRUE(gate.take(call(":1.1", "RequestBadges", g_variant_new("(s)", std::string(100'000, 'a').c_str()))));
   EXPECT_THAT(passed(), ElementsAre());
   EXPECT_THAT(refusals(), ElementsAre(Reason::tooManyURLs, Reason::tooManyURLs, Reason::tooLarge, Reason::tooLarge));
@@ -149,29 +151,29 @@ TEST_F(CallGateTest, AMessageWithAnOverlongHeaderIsThrownAway) {
 }
 
 TEST_F(CallGateTest, LimitsTheCallsOfEachClientByItself) {
-  const std::vector<std::pair<const char*, std::size_t>> limits{{"BeginObserving", CallGate::MAX_OBSERVING},
-                                                                {"RequestBadges", CallGate::MAX_BADGES},
-                                                                {"GetMenu", CallGate::MAX_MENUS},
-                                                                {"Introspect", CallGate::MAX_OTHERS}};
+  const std::vector<std::pair<const char*, std::size_t>> limits{{"BeginObserving", dbus::MAX_OBSERVING_CALLS},
+                                                                {"RequestBadges", dbus::MAX_BADGE_CALLS},
+                                                                {"GetMenu", dbus::MAX_MENU_CALLS},
+                                                                {"Introspect", dbus::MAX_OTHER_CALLS}};
   for (const auto& [member, limit] : limits) {
     for (std::size_t i = 0; i < limit + 10; ++i) ASSERT_TRUE(gate.take(call(":1.1", member)));
     EXPECT_EQ(refusals(), std::vector<Reason>(10, Reason::busy)) << member;
     ASSERT_TRUE(gate.take(call(":1.2", member)));
     EXPECT_THAT(refusals(), ElementsAre()) << member << " of another client";
   }
-  EXPECT_EQ(serveAll().size(), CallGate::MAX_OBSERVING + CallGate::MAX_BADGES + CallGate::MAX_MENUS +
-                                   CallGate::MAX_OTHERS + limits.size());
+  EXPECT_EQ(serveAll().size(), dbus::MAX_OBSERVING_CALLS + dbus::MAX_BADGE_CALLS + dbus::MAX_MENU_CALLS +
+                                   dbus::MAX_OTHER_CALLS + limits.size());
   for (const auto& limit : limits) ASSERT_TRUE(gate.take(call(":1.1", limit.first)));
   EXPECT_THAT(refusals(), ElementsAre()) << "what was answered has made room";
   EXPECT_EQ(serveAll().size(), limits.size());
 }
 
 TEST_F(CallGateTest, CallsThatAwaitNoAnswerCountUntilTheyAreDoneWith) {
-  for (std::size_t i = 0; i < 2 * CallGate::MAX_BADGES; ++i) {
+  for (std::size_t i = 0; i < 2 * dbus::MAX_BADGE_CALLS; ++i) {
     ASSERT_TRUE(gate.take(call(":1.1", "RequestBadges", urls(1), UNAWAITED)));
   }
   EXPECT_THAT(refusals(), ElementsAre()) << "nobody waits for a refusal";
-  EXPECT_EQ(serveAll().size(), CallGate::MAX_BADGES);
+  EXPECT_EQ(serveAll().size(), dbus::MAX_BADGE_CALLS);
 }
 
 TEST_F(CallGateTest, AnAnswerMakesRoomForItsOwnCallOnly) {
@@ -313,11 +315,11 @@ TEST_F(CallGateTest, OtherMessagesOfClientsAreBoundedAndTakeNoPlace) {
     GDBusMessage* signal = g_dbus_message_new_signal("/a", "com.example.I", "RequestBadges");
     ASSERT_TRUE(gate.take(blob(signal, ":1.1")));
   }
-  EXPECT_EQ(passed().size(), CallGate::MAX_OTHERS);
+  EXPECT_EQ(passed().size(), dbus::MAX_OTHER_CALLS);
   ASSERT_TRUE(gate.take(call(":1.1", "Ping")));
   EXPECT_EQ(passed().size(), 1u);
   GDBusMessage* large = g_dbus_message_new_signal("/a", "com.example.I", "S");
-  g_dbus_message_set_body(large, g_variant_new("(s)", std::string(CallGate::LARGEST_OTHER, 'a').c_str()));
+  g_dbus_message_set_body(large, g_variant_new("(s)", std::string(dbus::MAX_BYTES_OF_OTHERS, 'a').c_str()));
   ASSERT_TRUE(gate.take(blob(large, ":1.1")));
   EXPECT_EQ(passed().size(), 0u);
   EXPECT_THAT(refusals(), ElementsAre());

@@ -4,10 +4,9 @@
 #include <exception>
 
 #include "Selections.hpp"
-#include "extension/AppConst.hpp"
-#include "paths/Paths.hpp"
+#include "base/AppConst.hpp"
+#include "dbus/Interface.hpp"
 #include "platform/linux/Host.hpp"
-#include "rest/RESTPollingManager.hpp"
 
 namespace vornet::service {
 namespace {
@@ -15,14 +14,14 @@ namespace {
 using platform::FIFinderSyncController;
 using platform::FileURL;
 
-constexpr const char* OBJECT_PATH = "/com/vornet/FinderSync1";
+static_assert(dbus::MAX_OBSERVED_FOLDERS == RESTPollingManager::MAX_CACHE_DIRS, "only cached folders report changes");
 
 // As many as CallGate lets be under way, so that none waits here for a thread.
 constexpr std::size_t MENU_THREADS = 9;
 constexpr std::size_t BADGE_THREADS = 3;  // one of them for short calls
 
 void refuse(GDBusMethodInvocation* invocation, const char* name, const std::string& message) {
-  const std::string error = std::string("com.vornet.FinderSync1.Error.") + name;
+  const std::string error = std::string(dbus::ERROR_PREFIX) + name;
   g_dbus_method_invocation_return_dbus_error(invocation, error.c_str(), message.c_str());
 }
 
@@ -43,9 +42,10 @@ std::vector<const gchar*> pointers(const std::vector<std::string>& texts) {
 
 /// Reads every URL; refuses the call, and gives none, when there are too many or one is malformed.
 std::optional<std::vector<FileURL>> readURLs(GDBusMethodInvocation* invocation, const std::vector<std::string>& texts) {
-  if (texts.size() > MAX_URLS) {
-    refuse(invocation, "TooManyURLs",
-           std::to_string(texts.size()) + " URLs in one call; at most " + std::to_string(MAX_URLS) + " are taken");
+  if (texts.size() > dbus::MAX_URLS) {
+    refuse(
+        invocation, dbus::error::TOO_MANY_URLS,
+        std::to_string(texts.size()) + " URLs in one call; at most " + std::to_string(dbus::MAX_URLS) + " are taken");
     return std::nullopt;
   }
   std::vector<FileURL> urls;
@@ -53,7 +53,7 @@ std::optional<std::vector<FileURL>> readURLs(GDBusMethodInvocation* invocation, 
   for (const auto& text : texts) {
     auto url = readURL(text);
     if (!url) {
-      refuse(invocation, "InvalidURL", "not a file URL: " + text);
+      refuse(invocation, dbus::error::INVALID_URL, "not a file URL: " + text);
       return std::nullopt;
     }
     urls.push_back(*std::move(url));
@@ -68,7 +68,7 @@ std::optional<std::vector<FileURL>> readSelection(GDBusMethodInvocation* invocat
   if (!urls) return std::nullopt;
   for (std::size_t i = 0; i < urls->size(); ++i) {
     if ((*urls)[i].path()) continue;
-    refuse(invocation, "InvalidURL", "a name that is not UTF-8: " + texts[i]);
+    refuse(invocation, dbus::error::INVALID_URL, "a name that is not UTF-8: " + texts[i]);
     return std::nullopt;
   }
   return urls;
@@ -97,7 +97,7 @@ FinderSyncService::FinderSyncService(FinderSync& extension, GDBusConnection* con
     : extension_(extension),
       connection_(connection),
       skeleton_(vornet_finder_sync1_skeleton_new()),
-      observations_(RESTPollingManager::MAX_CACHE_DIRS),
+      observations_(std::min(dbus::MAX_OBSERVED_FOLDERS, FinderSync::maxFolders())),
       observing_(1),
       badges_(BADGE_THREADS),
       lookUps_(1),
@@ -116,7 +116,7 @@ bool FinderSyncService::start(std::string& error) {
   publishProperties();
   GError* failure = nullptr;
   exported_ =
-      g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(skeleton_), connection_, OBJECT_PATH, &failure);
+      g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(skeleton_), connection_, dbus::OBJECT_PATH, &failure);
   if (!exported_) {
     error = failure->message;
     g_error_free(failure);
@@ -232,27 +232,28 @@ void FinderSyncService::carryOut(WorkPool& pool, GDBusMethodInvocation* invocati
     try {
       work();
     } catch (const std::exception& error) {
-      refuse(invocation, "Failed", error.what());
+      refuse(invocation, dbus::error::FAILED, error.what());
     }
   });
 }
 
 void FinderSyncService::beginObserving(GDBusMethodInvocation* invocation, const std::string& folder) {
   const auto url = readURL(folder);
-  if (!url || !url->path()) return refuse(invocation, "InvalidURL", "not a file URL: " + folder);
+  if (!url || !url->path()) return refuse(invocation, dbus::error::INVALID_URL, "not a file URL: " + folder);
   const std::string& path = *url->path();
   if (!isWithin(observedRoots(), path)) {
-    return refuse(invocation, "OutsideObservedFolders", "not within an observed folder: " + path);
+    return refuse(invocation, dbus::error::OUTSIDE_OBSERVED_FOLDERS, "not within an observed folder: " + path);
   }
   if (platform::fileKindAtPath(path) != platform::FileKind::directory) {
-    return refuse(invocation, "NotAFolder", "not a folder: " + path);
+    return refuse(invocation, dbus::error::NOT_A_FOLDER, "not a folder: " + path);
   }
   const std::string client = g_dbus_method_invocation_get_sender(invocation);
   switch (observations_.begin(client, path)) {
     case ObservationRegistry::Begun::tooManyFolders:
-      return refuse(invocation, "TooManyFolders", "as many folders are observed as can be kept up to date");
+      return refuse(invocation, dbus::error::TOO_MANY_FOLDERS,
+                    "as many folders are observed as can be kept up to date");
     case ObservationRegistry::Begun::tooManyObservations:
-      return refuse(invocation, "TooManyFolders", "the caller has begun too many observations");
+      return refuse(invocation, dbus::error::TOO_MANY_FOLDERS, "the caller has begun too many observations");
     case ObservationRegistry::Begun::byTheFirst:
       keepOthersCached(path);
       platform::host::folderShown(path);
@@ -268,10 +269,10 @@ void FinderSyncService::beginObserving(GDBusMethodInvocation* invocation, const 
 
 void FinderSyncService::endObserving(GDBusMethodInvocation* invocation, const std::string& folder) {
   const auto url = readURL(folder);
-  if (!url || !url->path()) return refuse(invocation, "InvalidURL", "not a file URL: " + folder);
+  if (!url || !url->path()) return refuse(invocation, dbus::error::INVALID_URL, "not a file URL: " + folder);
   switch (observations_.end(g_dbus_method_invocation_get_sender(invocation), *url->path())) {
     case ObservationRegistry::Ended::notObserving:
-      return refuse(invocation, "NotObserving", "the caller does not observe " + *url->path());
+      return refuse(invocation, dbus::error::NOT_OBSERVING, "the caller does not observe " + *url->path());
     case ObservationRegistry::Ended::byNobody:
       endObservationOf(*url->path());
       break;
@@ -288,11 +289,8 @@ void FinderSyncService::endObservationOf(const std::string& folder) {
 
 /// Before `folder` is entered: the cache drops the one that was entered longest ago, which must be none on screen.
 void FinderSyncService::keepOthersCached(const std::string& folder) {
-  auto& manager = requiredStatusManager();
-  const auto* root = manager.rootDir();
-  if (!root) return;
   for (const auto& shown : observations_.folders()) {
-    if (shown != folder) manager.dirCache().enterNewDir(getCloudPath(*root, shown) + "/");
+    if (shown != folder) extension_.keepCached(shown);
   }
 }
 
@@ -339,7 +337,7 @@ void FinderSyncService::answerBadges(GDBusMethodInvocation* invocation, const UR
   });
   switch (outcome) {
     case BadgeAnswers::Outcome::tooMuch:
-      return refuse(invocation, "Busy", "too much is to be looked up in a locked database");
+      return refuse(invocation, dbus::error::BUSY, "too much is to be looked up in a locked database");
     case BadgeAnswers::Outcome::inDoubt:
       return watchClient(client);
     case BadgeAnswers::Outcome::answered:
@@ -366,12 +364,13 @@ void FinderSyncService::getMenu(GDBusMethodInvocation* invocation, const Strings
 
 void FinderSyncService::performAction(GDBusMethodInvocation* invocation, const std::string& action,
                                       const Strings& selection) {
-  if (!FinderSync::isMenuAction(action)) return refuse(invocation, "UnknownAction", "no such action: " + action);
+  if (!FinderSync::isMenuAction(action))
+    return refuse(invocation, dbus::error::UNKNOWN_ACTION, "no such action: " + action);
   const auto urls = readSelection(invocation, selection);
   if (!urls) return;
   const auto roots = observedRoots();
   if (roots.empty() || !areWithin(roots, *urls)) {
-    return refuse(invocation, "OutsideObservedFolders", "the selection is not within an observed folder");
+    return refuse(invocation, dbus::error::OUTSIDE_OBSERVED_FOLDERS, "the selection is not within an observed folder");
   }
   const platform::host::Selection selected(*urls);
   extension_.performSelector(action);

@@ -8,7 +8,8 @@
 #include <optional>
 #include <thread>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
+#include "extension/SharedObjects.hpp"
 #include "rest/RESTPollingManager.hpp"
 #include "support/BusClient.hpp"
 #include "support/Databases.hpp"
@@ -210,7 +211,7 @@ TEST_F(FinderSyncServiceTest, AFilledFolderIsCorrectedHoweverManyCallsWait) {
   }
   pressing.property("Version");  // all of them have arrived
   filled = true;
-  extension.folderFilled(FileURL::fileURLWithPath(root));
+  extension.folderFilled(FileURL::fileURLWithPath(root), true);
   gate.open();
   EXPECT_TRUE(client->waitForChange(url("x"), "SYNCED"));
   EXPECT_TRUE(pressing.waitUntil([&] { return answered == CALLS; }));

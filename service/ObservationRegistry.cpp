@@ -1,11 +1,13 @@
 #include "ObservationRegistry.hpp"
 
+#include "dbus/Interface.hpp"
+
 namespace vornet::service {
 
 ObservationRegistry::Begun ObservationRegistry::begin(const std::string& client, const std::string& folder) {
   const std::lock_guard guard(lock_);
   const auto observations = observations_.find(client);
-  if (observations != observations_.end() && observations->second >= MAX_OBSERVATIONS_OF_A_CLIENT) {
+  if (observations != observations_.end() && observations->second >= dbus::MAX_OBSERVATIONS_OF_A_CLIENT) {
     return Begun::tooManyObservations;
   }
   auto clients = counts_.find(folder);

@@ -11,9 +11,6 @@ namespace vornet::service {
 /// Which client of the bus shows which folders, and how often. Any thread.
 class ObservationRegistry {
  public:
-  /// How many observations one client may have, counting each window on a folder.
-  static constexpr std::size_t MAX_OBSERVATIONS_OF_A_CLIENT = 1'000;
-
   /// `maxFolders`: how many folders all clients together may observe.
   explicit ObservationRegistry(std::size_t maxFolders) : maxFolders_(maxFolders) {}
 

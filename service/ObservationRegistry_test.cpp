@@ -1,5 +1,7 @@
 #include "ObservationRegistry.hpp"
 
+#include "dbus/Interface.hpp"
+
 #include <gmock/gmock.h>
 
 namespace vornet::service {
@@ -66,7 +68,7 @@ TEST(ObservationRegistry, OneFolderTooManyIsNotObservedByAnybody) {
 
 TEST(ObservationRegistry, AClientsObservationsAreBounded) {
   ObservationRegistry registry(2);
-  for (std::size_t i = 0; i < ObservationRegistry::MAX_OBSERVATIONS_OF_A_CLIENT; ++i) {
+  for (std::size_t i = 0; i < dbus::MAX_OBSERVATIONS_OF_A_CLIENT; ++i) {
     ASSERT_NE(registry.begin(":1.1", i % 2 ? "/a" : "/b"), Begun::tooManyObservations);
   }
   EXPECT_EQ(registry.begin(":1.1", "/a"), Begun::tooManyObservations);

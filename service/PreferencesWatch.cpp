@@ -8,7 +8,8 @@
 #include <exception>
 #include <utility>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
+#include "extension/SharedObjects.hpp"
 #include "logging/Logging.hpp"
 #include "rest/RESTPollingManager.hpp"
 

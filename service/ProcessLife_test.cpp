@@ -30,6 +30,7 @@ using vornet::test::BusReply;
 using vornet::test::Environment;
 using vornet::test::Gate;
 using vornet::test::LoopbackServer;
+using vornet::test::MenuEntry;
 using vornet::test::PrivateBus;
 using vornet::test::readFile;
 using vornet::test::StartedProgram;
@@ -38,9 +39,30 @@ using vornet::test::WireRequest;
 using vornet::test::writeFile;
 
 namespace fs = std::filesystem;
+using Clock = std::chrono::steady_clock;
 
 // An end takes 3.5 s at most; the rest is for a busy machine. Two requests one after the other would take 6 s.
 constexpr std::chrono::milliseconds LONGEST_END{5000};
+
+GVariant* urls(const std::vector<std::string>& texts) {
+  GVariantBuilder builder;
+  g_variant_builder_init(&builder, G_VARIANT_TYPE_STRING_ARRAY);
+  for (const auto& text : texts) g_variant_builder_add(&builder, "s", text.c_str());
+  return g_variant_builder_end(&builder);
+}
+
+/// How many greyed entries the answer to GetMenu has; 0 when one is not greyed.
+std::size_t disabledEntries(const BusReply& menu) {
+  GVariant* entries = g_variant_get_child_value(menu.value.get(), 0);
+  std::size_t count = g_variant_n_children(entries);
+  for (gsize i = 0; i < g_variant_n_children(entries); ++i) {
+    gboolean enabled = FALSE;
+    g_variant_get_child(entries, i, "(ssbs)", nullptr, nullptr, &enabled, nullptr);
+    if (enabled) count = 0;
+  }
+  g_variant_unref(entries);
+  return count;
+}
 
 /// A pipe that is full and that nobody reads, for output.
 class BlockedOutput {
@@ -163,6 +185,36 @@ TEST_F(EndOfProcess, ComesInTimeInRequestsAndBeginsNoFurtherOne) {
   EXPECT_THAT(end(), AnyOf(0, 1));
   EXPECT_EQ(requests("get_icons_for_folder"), 1u);
   EXPECT_EQ(requests("mac_populate_menu"), 4u);
+}
+
+TEST_F(EndOfProcess, ComesLongBeforeTheTimeOutOfRequestsUnderWayWhoseCallsAreAnswered) {
+  start();
+  serveStalling();
+  std::vector<MenuEntry> entries;
+  const auto begun = Clock::now();
+  ASSERT_TRUE(client->menu({url("x")}, entries));
+  const auto wholeRequest = Clock::now() - begun;  // until its own time-out
+  ASSERT_TRUE(client->beginObserving(url("d")));
+  std::optional<BusReply> menu;
+  std::optional<BusReply> action;
+  client->call("GetMenu", BusClient::urlArguments({url("x")}), [&](const BusReply& reply) { menu = reply; });
+  client->call("PerformAction", g_variant_new("(s@as)", "copyLink:", urls({url("x")})),
+               [&](const BusReply& reply) { action = reply; });
+  ASSERT_TRUE(client->waitUntil([this] {
+    return requests("get_icons_for_folder") == 1 && requests("mac_populate_menu") == 2 &&
+           requests("select_context_menu") == 1;
+  }));
+
+  const auto asked = Clock::now();
+  EXPECT_EQ(endWhenAsked(), 0);
+  EXPECT_LT((Clock::now() - asked) * 3, wholeRequest * 2) << "it waited for its requests";
+  ASSERT_TRUE(client->waitUntil([&] { return menu && action; }));
+  EXPECT_EQ(menu->error, "");
+  ASSERT_TRUE(menu->value);
+  EXPECT_EQ(disabledEntries(*menu), 5u);
+  EXPECT_EQ(action->error, "");
+  EXPECT_EQ(requests("mac_populate_menu"), 2u);
+  EXPECT_EQ(requests("select_context_menu"), 1u);
 }
 
 TEST_F(EndOfProcess, ComesInTimeWhenNobodyReadsTheOutput) {

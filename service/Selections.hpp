@@ -10,9 +10,6 @@
 /// What clients send as items and folders, read and judged. Pure functions; any thread.
 namespace vornet::service {
 
-/// The most URLs that one call may carry.
-inline constexpr std::size_t MAX_URLS = 10'000;
-
 /// The file URL in `text`; none when it is malformed or holds "." or ".." components. Its path is absent when it is not
 /// UTF-8. Repeated slashes count as one, so that a path has one spelling.
 std::optional<platform::FileURL> readURL(const std::string& text);

@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "FinderSyncService.hpp"
-#include "extension/AppConst.hpp"
+#include "extension/SharedObjects.hpp"
 #include "platform/FinderSync.hpp"
 #include "rest/RESTPollingManager.hpp"
 #include "support/Databases.hpp"

@@ -276,8 +276,10 @@ TEST_F(VornetVIExtTest, StartedBeforeTheSyncApplicationIsConfiguredItFindsTheFol
 
 TEST_F(VornetVIExtTest, InstalledUnderAPrefixItIsStartedFromThereAndFindsItsImages) {
   const auto prefix = environment.folder().path() / "prefix";
-  StartedProgram install({VORNET_CMAKE, "--install", VORNET_BUILD, "--prefix", prefix.string()}, {},
-                         environment.folder() / "install");
+  // Installing writes into the build tree; the tests of script/install take the same lock.
+  StartedProgram install(
+      {"flock", VORNET_BUILD "/install.lock", VORNET_CMAKE, "--install", VORNET_BUILD, "--prefix", prefix.string()}, {},
+      environment.folder() / "install");
   ASSERT_EQ(install.wait(), 0) << readFile(environment.folder() / "install");
   for (const char* file :
        {"bin/vornet-vi", "bin/kelvane-sim", "share/icons/hicolor/16x16/emblems/emblem-vornet-synced.png",

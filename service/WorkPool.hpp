@@ -7,6 +7,7 @@
 #include <string>
 
 #include "FairQueue.hpp"
+#include "dbus/Interface.hpp"
 
 namespace vornet::service {
 
@@ -15,7 +16,7 @@ namespace vornet::service {
 class WorkPool {
  public:
   /// Work that costs more is long.
-  static constexpr std::size_t LARGEST_SHORT_COST = 500;
+  static constexpr std::size_t LARGEST_SHORT_COST = dbus::BATCH;
 
   /// `threads`: how many; one runs the work of each client in the order given.
   explicit WorkPool(std::size_t threads);

@@ -15,10 +15,12 @@
 #include "BusConnection.hpp"
 #include "FinderSyncService.hpp"
 #include "PreferencesWatch.hpp"
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
 #include "extension/FinderSync.hpp"
+#include "extension/SharedObjects.hpp"
 #include "logging/Logging.hpp"
 #include "platform/linux/Host.hpp"
+#include "rest/RESTClient.hpp"
 #include "rest/RESTPollingManager.hpp"
 
 namespace {
@@ -54,6 +56,8 @@ struct Run {
 
   void end(int withStatus) {
     endInAnyCase();
+    vornet::statusManager()->request_stop();
+    vornet::RESTClient::hurry();
     status = withStatus;
     g_main_loop_quit(loop);
   }
@@ -122,7 +126,6 @@ int serve(vornet::FinderSync& extension, vornet::service::PreferencesWatch& pref
         g_bus_own_name_on_connection(connection, vornet::App().APP_CODENAME.c_str(),
                                      G_BUS_NAME_OWNER_FLAGS_DO_NOT_QUEUE, &nameOwned, &nameLost, &run, nullptr);
     g_main_loop_run(run.loop);
-    vornet::statusManager()->request_stop();
     // In this order: whom the bus starts once the name is free must not find this process still counted as running.
     vornet::platform::host::retireFromRunningApplications();
     g_bus_unown_name(name);
@@ -132,6 +135,7 @@ int serve(vornet::FinderSync& extension, vornet::service::PreferencesWatch& pref
     systemLog("cannot serve on the session bus: " + reason);
   }
   service.stop();
+  g_dbus_connection_flush_sync(connection, nullptr, nullptr);  // the last answers
   g_signal_handlers_disconnect_by_data(connection, &run);
   g_main_loop_unref(run.loop);
   g_object_unref(connection);

@@ -9,6 +9,7 @@
 #include <optional>
 #include <thread>
 
+#include "dbus/Interface.hpp"
 #include "support/BusClient.hpp"
 #include "support/Databases.hpp"
 #include "support/Environment.hpp"
@@ -35,11 +36,10 @@ using vornet::test::WireReply;
 using vornet::test::WireRequest;
 using vornet::test::writeFile;
 
+namespace dbus = vornet::dbus;
 namespace fs = std::filesystem;
 
-constexpr const char* EXTENSION = "com.vornet.KelvaneSync.FinderBadgeExtension";
 constexpr const char* ECHO_SERVICE = "com.vornet.test.Echo";
-constexpr const char* OBJECT = "/com/vornet/FinderSync1";
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool SANITIZED = true;
@@ -84,7 +84,7 @@ class HonestClient {
     while (connection && error_.empty() && (!ending_ || times_.size() < wanted_)) {
       const auto begin = std::chrono::steady_clock::now();
       GVariant* answer = g_dbus_connection_call_sync(
-          connection, service, OBJECT, "com.vornet.FinderSync1", "RequestBadges", BusClient::urlArguments({url}),
+          connection, service, dbus::OBJECT_PATH, dbus::INTERFACE, "RequestBadges", BusClient::urlArguments({url}),
           G_VARIANT_TYPE("(as)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, 120'000, nullptr, &error);
       const auto end = std::chrono::steady_clock::now();
       if (answer) {
@@ -183,7 +183,7 @@ class FloodTest : public testing::Test {
   /// much later than the echo service answers, and the memory stays bounded.
   template <typename Attack>
   void withstands(Attack flood) {
-    HonestClient honest(bus->address(), EXTENSION, url("x"));
+    HonestClient honest(bus->address(), dbus::BUS_NAME, url("x"));
     HonestClient echoed(bus->address(), ECHO_SERVICE, url("x"));
     flood();
     constexpr std::size_t FEW = 20;
@@ -286,11 +286,12 @@ TEST_F(FloodTest, ManySmallCallsOfEveryKind) {
   Flood attacker(bus->address());
   const char* properties = "org.freedesktop.DBus.Properties";
   const std::vector<std::string> calls{
-      Flood::callTo(EXTENSION, OBJECT, properties, "GetAll", g_variant_new("(s)", "com.vornet.FinderSync1")),
-      Flood::callTo(EXTENSION, OBJECT, "org.freedesktop.DBus.Introspectable", "Introspect", nullptr),
-      Flood::callTo(EXTENSION, OBJECT, "org.freedesktop.DBus.Peer", "Ping", nullptr),
-      Flood::callTo(EXTENSION, "/no/such/object", "", "Nothing", nullptr),
-      Flood::callTo(EXTENSION, OBJECT, "com.vornet.FinderSync1", "RequestBadges", g_variant_new("(s)", "no list")),
+      Flood::callTo(dbus::BUS_NAME, dbus::OBJECT_PATH, properties, "GetAll", g_variant_new("(s)", dbus::INTERFACE)),
+      Flood::callTo(dbus::BUS_NAME, dbus::OBJECT_PATH, "org.freedesktop.DBus.Introspectable", "Introspect", nullptr),
+      Flood::callTo(dbus::BUS_NAME, dbus::OBJECT_PATH, "org.freedesktop.DBus.Peer", "Ping", nullptr),
+      Flood::callTo(dbus::BUS_NAME, "/no/such/object", "", "Nothing", nullptr),
+      Flood::callTo(dbus::BUS_NAME, dbus::OBJECT_PATH, dbus::INTERFACE, "RequestBadges",
+                    g_variant_new("(s)", "no list")),
   };
   withstands([&] {
     for (const auto& call : calls) ASSERT_TRUE(attacker.send(call, 4000));

@@ -5,7 +5,7 @@
 #include <string_view>
 #include <vector>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
 
 /// What the benchmarks look at: folders of the size and with the names that users have. Pure functions; any thread.
 namespace vornet::bench {

@@ -4,7 +4,8 @@
 #include <filesystem>
 #include <stdexcept>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
+#include "dbus/Interface.hpp"
 #include "platform/Foundation.hpp"
 #include "support/Databases.hpp"
 #include "support/Items.hpp"
@@ -72,11 +73,10 @@ std::vector<std::string> RunningExtension::urls(std::size_t number) const {
 }
 
 std::size_t RunningExtension::call(bool echo, const std::vector<std::string>& urls) {
-  GVariant* reply = g_dbus_connection_call_sync(connection_.get(), echo ? BARE_NAME : App().APP_CODENAME.c_str(),
-                                                echo ? "/com/vornet/Bench" : "/com/vornet/FinderSync1",
-                                                echo ? "com.vornet.Bench" : "com.vornet.FinderSync1",
-                                                echo ? "Echo" : "RequestBadges", test::BusClient::urlArguments(urls),
-                                                nullptr, G_DBUS_CALL_FLAGS_NONE, 30'000, nullptr, nullptr);
+  GVariant* reply = g_dbus_connection_call_sync(
+      connection_.get(), echo ? BARE_NAME : dbus::BUS_NAME, echo ? "/com/vornet/Bench" : dbus::OBJECT_PATH,
+      echo ? "com.vornet.Bench" : dbus::INTERFACE, echo ? "Echo" : "RequestBadges", test::BusClient::urlArguments(urls),
+      nullptr, G_DBUS_CALL_FLAGS_NONE, 30'000, nullptr, nullptr);
   if (!reply) return 0;
   std::size_t synced = 0;
   GVariantIter* iterator = nullptr;

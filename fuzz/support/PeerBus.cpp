@@ -3,14 +3,14 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "dbus/Interface.hpp"
 #include "support/Require.hpp"
 
 namespace vornet::fuzz {
 namespace {
 
 constexpr const char* BUS = "org.freedesktop.DBus";
-constexpr const char* EXTENSION = ":1.1";  // its unique name
-constexpr const char* OBJECT_PATH = "/com/vornet/FinderSync1";
+constexpr const char* CLIENT = ":1.0";  // its unique name
 
 }  // namespace
 
@@ -52,11 +52,20 @@ void PeerBus::on(const std::string& method, Answer answer) {
   answers_[method] = std::move(answer);
 }
 
-void PeerBus::reset() {
+void PeerBus::restart() {
   const std::lock_guard guard(mutex_);
-  g_clear_object(&connection_);
+  process_ = ":1." + std::to_string(++processes_);
+  isKnown_ = false;
   calls_.clear();
   answers_.clear();
+}
+
+void PeerBus::start() {
+  const std::lock_guard guard(mutex_);
+  if (!connection_) return;
+  const std::string former = ":1." + std::to_string(processes_ - 1);
+  sendSignal(BUS, "/org/freedesktop/DBus", BUS, "NameOwnerChanged",
+             g_variant_new("(sss)", dbus::BUS_NAME, former.c_str(), process_.c_str()));
 }
 
 std::size_t PeerBus::calls(const std::string& method) {
@@ -65,25 +74,27 @@ std::size_t PeerBus::calls(const std::string& method) {
 }
 
 void PeerBus::send(const char* interface, const char* signal, GVariant* values, const std::function<void()>& sending) {
-  GDBusMessage* message = g_dbus_message_new_signal(OBJECT_PATH, interface, signal);
-  g_dbus_message_set_sender(message, EXTENSION);
+  const std::lock_guard guard(mutex_);
+  require(connection_ != nullptr, "somebody is connected");
+  sending();
+  sendSignal(process_.c_str(), dbus::OBJECT_PATH, interface, signal, values);
+}
+
+void PeerBus::sendSignal(const char* sender, const char* path, const char* interface, const char* signal,
+                         GVariant* values) {
+  GDBusMessage* message = g_dbus_message_new_signal(path, interface, signal);
+  g_dbus_message_set_sender(message, sender);
   g_dbus_message_set_body(message, values);
-  {
-    const std::lock_guard guard(mutex_);
-    require(connection_ != nullptr, "somebody is connected");
-    sending();
-    g_dbus_connection_send_message(connection_, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
-  }
+  g_dbus_connection_send_message(connection_, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
   g_object_unref(message);
 }
 
 /// What the bus itself answers, or the extension; null for an error.
 GVariant* PeerBus::answer(const std::string& method, GVariant* arguments) {
-  if (method == "Hello") return g_variant_new("(s)", ":1.2");
-  if (method == "AddMatch" || method == "RemoveMatch") return g_variant_new("()");
-  if (method == "GetNameOwner") return g_variant_new("(s)", EXTENSION);
+  if (method == "Hello") return g_variant_new("(s)", CLIENT);
+  if (method == "GetNameOwner") return g_variant_new("(s)", process_.c_str());
   if (method == "StartServiceByName") return g_variant_new("(u)", 2U);  // it runs already
-  const auto found = answers_.find(method);
+  const auto found = isKnown_ ? answers_.find(method) : answers_.end();
   return found == answers_.end() ? nullptr : found->second(arguments);
 }
 
@@ -91,18 +102,23 @@ void PeerBus::take(GDBusConnection* connection, GDBusMessage* call) {
   const std::lock_guard guard(mutex_);
   if (connection != connection_) return;
   const std::string method = g_dbus_message_get_member(call);
+  const char* destination = g_dbus_message_get_destination(call);
+  isKnown_ = isKnown_ || g_strcmp0(destination, process_.c_str()) == 0;
+  if (isKnown_) ++calls_[method];
+  // GDBus asks for no answer to AddMatch in words, but ignores it.
+  if ((g_dbus_message_get_flags(call) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) != 0 || method.ends_with("Match"))
+    return;
   GDBusMessage* reply = nullptr;
   if (GVariant* values = answer(method, g_dbus_message_get_body(call))) {
     reply = g_dbus_message_new_method_reply(call);
     g_dbus_message_set_body(reply, values);
   } else {
-    reply = g_dbus_message_new_method_error_literal(call, "com.vornet.FinderSync1.Error.Failed", "refused");
+    reply = g_dbus_message_new_method_error_literal(
+        call, (std::string(dbus::ERROR_PREFIX) + dbus::error::FAILED).c_str(), "refused");
   }
-  const char* destination = g_dbus_message_get_destination(call);
-  g_dbus_message_set_sender(reply, g_strcmp0(destination, BUS) == 0 ? BUS : EXTENSION);
+  g_dbus_message_set_sender(reply, g_strcmp0(destination, BUS) == 0 ? BUS : process_.c_str());
   g_dbus_connection_send_message(connection, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
   g_object_unref(reply);
-  ++calls_[method];
   g_main_context_wakeup(context_);
 }
 

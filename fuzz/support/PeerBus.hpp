@@ -24,12 +24,16 @@ class PeerBus {
 
   const std::string& address() const { return address_; }
 
+  /// The extension ends, and another process of it takes its place: with no answers and no calls. Who is connected is
+  /// told by start(); what it sent to the process before is refused.
+  void restart();
+
   /// From now on the extension answers calls of `method` by `answer`, which must not call this object. Calls of other
   /// methods are refused.
   void on(const std::string& method, Answer answer);
 
-  /// From now on only what connects later is spoken to, nothing was called, and every method is refused.
-  void reset();
+  /// Tells whoever is connected that the extension is another process now; what connects later finds that one.
+  void start();
 
   /// How often `method` was called and answered.
   std::size_t calls(const std::string& method);
@@ -41,6 +45,7 @@ class PeerBus {
  private:
   void take(GDBusConnection* connection, GDBusMessage* call);
   GVariant* answer(const std::string& method, GVariant* arguments);
+  void sendSignal(const char* sender, const char* path, const char* interface, const char* signal, GVariant* values);
 
   GMainContext* const context_;
   std::mutex mutex_;
@@ -48,6 +53,9 @@ class PeerBus {
   std::map<std::string, Answer> answers_;
   std::map<std::string, std::size_t> calls_;
   GDBusConnection* connection_ = nullptr;
+  unsigned processes_ = 1;
+  std::string process_ = ":1.1";  ///< the unique name of the one that runs
+  bool isKnown_ = false;          ///< the other side has spoken to it; before, its calls are meant for the last one
 };
 
 }  // namespace vornet::fuzz

@@ -12,7 +12,7 @@
 #include <string_view>
 #include <utility>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
 
 namespace vornet {
 

@@ -22,4 +22,7 @@ class ConfigDB : public SyncDB {
   void releaseLockThenClose();
 };
 
+/// The reader that the whole process shares, made on first use. Any thread.
+ConfigDB& configDB();
+
 }  // namespace vornet

@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
 
 struct sqlite3;
 
@@ -67,5 +67,8 @@ class SyncDB {
   std::chrono::steady_clock::time_point waitsAgain_{};  // until then no query waits for a lock
   std::recursive_mutex lock_;
 };
+
+/// The reader that the whole process shares, made on first use. Any thread.
+SyncDB& syncDB();
 
 }  // namespace vornet

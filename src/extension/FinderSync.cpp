@@ -1,9 +1,14 @@
 #include "extension/FinderSync.hpp"
 
+#include <algorithm>
 #include <mutex>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
+#include "base/MenuEntries.hpp"
+#include "extension/SharedObjects.hpp"
 #include "logging/Logging.hpp"
+#include "logging/PrintedForm.hpp"
+#include "paths/Paths.hpp"
 #include "rest/RESTPollingManager.hpp"
 
 namespace vornet {
@@ -26,6 +31,11 @@ void makeStatusManager(FinderSync& controller) {
   statusManager() = std::make_shared<RESTPollingManager>();
   statusManager()->setFinderSync(&controller);
   statusManager()->start_listener();
+}
+
+bool isTrue(const std::map<std::string, bool>& map, std::string_view key) {
+  const auto found = map.find(std::string(key));
+  return found != map.end() && found->second;
 }
 
 }  // namespace
@@ -56,8 +66,8 @@ void FinderSync::setFileSyncStatus(const FileURL& url, std::int64_t status) {
   finder().setBadgeIdentifier(found == statusMap().end() ? statusNone : found->second, url);
 }
 
-void FinderSync::folderFilled(const FileURL& folder) {
-  finder().invalidateBadges(folder);
+void FinderSync::folderFilled(const FileURL& folder, bool first) {
+  if (first) finder().invalidateBadges(folder);  // else each change was reported by itself
 }
 
 void FinderSync::enableVI(const std::set<FileURL>& dirs) {
@@ -89,6 +99,102 @@ void FinderSync::requestBadgeIdentifierForURL(const FileURL& url) {
   const auto found = statusMap().find(*status);
   if (found == statusMap().end()) return;
   finder().setBadgeIdentifier(found->second, url);
+}
+
+bool FinderSync::isCached(const FileURL& url) const {
+  return requiredStatusManager().isCached(url);
+}
+
+std::size_t FinderSync::maxFolders() noexcept {
+  return RESTPollingManager::MAX_CACHE_DIRS;
+}
+
+void FinderSync::keepCached(const std::string& folder) {
+  RESTPollingManager& manager = requiredStatusManager();
+  if (const auto* root = manager.rootDir()) manager.dirCache().enterNewDir(getCloudPath(*root, folder) + "/");
+}
+
+// --- The menu -------------------------------------------------------------------------------------------------------
+
+std::string FinderSync::toolbarItemName() const {
+  return "";
+}
+
+std::string FinderSync::toolbarItemToolTip() const {
+  return "";
+}
+
+platform::Image FinderSync::toolbarItemImage() const {
+  return platform::Image();
+}
+
+std::vector<std::string> FinderSync::selectedCloudPaths() const {
+  const auto* root = requiredStatusManager().rootDir();
+  if (!root) platform::fatalError("a selection without a synced folder");
+  const auto selection = finder().selectedItemURLs();
+  if (!selection) platform::fatalError("no selection");
+  return urlsToCloudPaths(*root, selection);
+}
+
+std::optional<platform::ContextMenu> FinderSync::menuForMenuKind(platform::FIMenuKind kind) {
+  VI_DEBUG("Menu kind: FIMenuKind(rawValue: " + std::to_string(static_cast<std::uint64_t>(kind)) + ")");
+  RESTPollingManager& manager = requiredStatusManager();
+  const bool enabled = manager.menuEnabled();
+  if (kind != platform::FIMenuKind::contextualMenuForItems || !enabled) return std::nullopt;
+
+  const auto answer = manager.menu().menuEnabledDict(selectedCloudPaths());
+  VI_DEBUG("File menu activation status: " + printedForm(answer));
+  platform::ContextMenu menu;
+  for (const auto& entry : MENU_ENTRIES) {
+    menu.items.push_back({.title = std::string(entry.title),
+                          .action = std::string(entry.selector),
+                          .image = vornetImg(),
+                          .enabled = isTrue(answer, entry.identifier)});
+  }
+  return menu;
+}
+
+bool FinderSync::isMenuAction(std::string_view selector) {
+  return std::any_of(MENU_ENTRIES.begin(), MENU_ENTRIES.end(),
+                     [&](const MenuEntry& entry) { return entry.selector == selector; });
+}
+
+void FinderSync::viewInCloud() {
+  const platform::AutoreleasePool pool;
+  const auto paths = selectedCloudPaths();
+  if (!menuEntry(MENU_CFS).takes(paths.size())) return;
+  VI_DEBUG("View in cloud triggered for: " + printedForm(paths));
+  requiredStatusManager().menu().viewInCloud(paths);
+}
+
+void FinderSync::notes() {
+  const platform::AutoreleasePool pool;
+  const auto paths = selectedCloudPaths();
+  if (!menuEntry(MENU_VIEW_NOTES).takes(paths.size())) {
+    VI_DEBUG("Unable to view notes, " + std::to_string(paths.size()) + " files selected");
+    return;
+  }
+  requiredStatusManager().menu().viewNotes(paths);
+}
+
+void FinderSync::viewVersions() {
+  const platform::AutoreleasePool pool;
+  const auto paths = selectedCloudPaths();
+  if (!menuEntry(MENU_VIEW_VERSIONS).takes(paths.size())) {
+    VI_DEBUG("Unable to view versions, " + std::to_string(paths.size()) + " files selected");
+    return;
+  }
+  requiredStatusManager().menu().viewVersions(paths);
+}
+
+void FinderSync::share() {
+  const platform::AutoreleasePool pool;
+  requiredStatusManager().menu().shareAsLink(selectedCloudPaths());
+}
+
+void FinderSync::copyLink() {
+  const platform::AutoreleasePool pool;
+  requiredStatusManager().menu().copyLink(selectedCloudPaths());
 }
 
 }  // namespace vornet

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -45,8 +47,14 @@ class FinderSync : public platform::FIFinderSync, public StatusSink {
   /// Shows the badge of `status` on `url`; a status without one removes it.
   void setFileSyncStatus(const platform::FileURL& url, std::int64_t status) override;
 
-  /// Has the file manager ask again, where it can, for the badges of the items in `folder`.
-  void folderFilled(const platform::FileURL& folder) override;
+  /// After the first fill, has the file manager ask again, where it can, for the badges of the items in `folder`.
+  void folderFilled(const platform::FileURL& folder, bool first) override;
+
+  void syncApplicationAnswered(bool answered) override { syncApplicationAnswers_ = answered; }
+
+  /// Whether the sync application answered the last request for statuses; false before the first. Any thread.
+  /// Kept ready; nothing calls it yet.
+  bool syncApplicationAnswers() const noexcept { return syncApplicationAnswers_; }
 
   /// Makes `dirs`, or nothing, the folders that the file manager observes for this extension.
   void enableVI(const std::set<platform::FileURL>& dirs) override;
@@ -58,6 +66,16 @@ class FinderSync : public platform::FIFinderSync, public StatusSink {
 
   /// Sets the badge of `url` before returning when its status is known and has one; else leaves it as it is.
   void requestBadgeIdentifierForURL(const platform::FileURL& url) override;
+
+  /// Whether requestBadgeIdentifierForURL answers for `url` from memory now. False while the synced folder is unknown,
+  /// and for a URL without a path. Never waits.
+  bool isCached(const platform::FileURL& url) const;
+
+  /// How many folders can be kept up to date at the same time.
+  static std::size_t maxFolders() noexcept;
+
+  /// Makes `folder` (a local path), which is being observed, the last of these folders to be given up for another.
+  void keepCached(const std::string& folder);
 
   std::string toolbarItemName() const override;
   std::string toolbarItemToolTip() const override;
@@ -89,6 +107,7 @@ class FinderSync : public platform::FIFinderSync, public StatusSink {
   std::vector<std::string> selectedCloudPaths() const;
 
   RESTClient client_;
+  std::atomic<bool> syncApplicationAnswers_{false};
 };
 
 }  // namespace vornet

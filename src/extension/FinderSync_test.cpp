@@ -6,7 +6,8 @@
 
 #include <fstream>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
+#include "extension/SharedObjects.hpp"
 #include "logging/Logging.hpp"
 #include "platform/linux/FinderSyncHost.hpp"
 #include "platform/linux/Host.hpp"
@@ -285,6 +286,34 @@ TEST_F(FinderSyncTest, APushedStatusSetsItsBadgeAndAnUnknownOneClearsIt) {
   }
 }
 
+TEST_F(FinderSyncTest, OnlyTheFirstFillOfAFolderHasItsBadgesAskedForAgain) {
+  struct Invalidations : host::Listener {
+    Invalidations() { host::setListener(this); }
+    ~Invalidations() override { host::setListener(nullptr); }
+    void badgeChanged(const FileURL&, const std::string&) override {}
+    void badgesInvalidated(const FileURL& folder) override { folders.push_back(folder); }
+    void directoriesChanged() override {}
+    std::vector<FileURL> folders;
+  } invalidated;
+  sync.folderFilled(item("d"), true);
+  EXPECT_THAT(invalidated.folders, ElementsAre(item("d")));
+  sync.folderFilled(item("d"), false);
+  EXPECT_THAT(invalidated.folders, ElementsAre(item("d")));
+}
+
+TEST_F(FinderSyncTest, KnowsWhetherTheSyncApplicationAnswers) {
+  EXPECT_FALSE(sync.syncApplicationAnswers());
+  serve("{}");
+  initConfigured();
+  sync.beginObservingDirectoryAtURL(url(root));
+  ASSERT_TRUE(log.waitFor(LogLevel::Debug, "Updated: [:]"));
+  EXPECT_TRUE(sync.syncApplicationAnswers());
+  server.reset();
+  sync.beginObservingDirectoryAtURL(item("d"));  // makes the manager ask at once
+  ASSERT_TRUE(log.waitFor(LogLevel::Warning, "Skipping get_icons_for_fodler, ds not connected"));
+  EXPECT_FALSE(sync.syncApplicationAnswers());
+}
+
 TEST_F(FinderSyncTest, ABadgeRequestForAURLWithoutPathIsIgnoredAfterTheLogLine) {
   const FileURL nothing;
   const host::BadgeRequest request(nothing);
@@ -457,6 +486,18 @@ TEST_F(FinderSyncActionTest, ViewInCloudRefusesOnlyAnEmptySelectionAndSilently) 
   perform(&FinderSync::viewInCloud, {});
   EXPECT_EQ(bodies().size(), 1u);
   EXPECT_THAT(log.messages(), IsEmpty());
+}
+
+TEST_F(FinderSyncActionTest, LogLinesNameTheSourceFileFinderSyncAndTheOperation) {
+  enabledTitles(sync, {item("x")});
+  perform(&FinderSync::viewInCloud, {item("x")});
+  perform(&FinderSync::notes, {});
+  perform(&FinderSync::viewVersions, {});
+  std::vector<std::string> functions;
+  for (const auto& record : log.records()) {
+    if (std::filesystem::path(record.fileName).stem() == "FinderSync") functions.push_back(record.functionName);
+  }
+  EXPECT_THAT(functions, ElementsAre("menuForMenuKind", "menuForMenuKind", "viewInCloud", "notes", "viewVersions"));
 }
 
 // --- Selectors ------------------------------------------------------------------------------------------------------

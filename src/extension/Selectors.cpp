@@ -1,6 +1,8 @@
 // The principal class's operations by their selector texts.
+#include <functional>
 #include <map>
 
+#include "base/MenuEntries.hpp"
 #include "extension/FinderSync.hpp"
 
 namespace vornet {
@@ -56,8 +58,22 @@ SelectorResult performWithURL(FinderSync& sync, const Arguments& arguments) {
   return {};
 }
 
-const std::map<std::string, Operation, std::less<>>& operations() {
-  static const std::map<std::string, Operation, std::less<>> table = {
+/// The operation that carries out the menu action `identifier`.
+Operation menuOperation(std::string_view identifier) {
+  static const std::map<std::string_view, Operation> table = {
+      {MENU_SHARE_AS_LINK, &perform<&FinderSync::share>},
+      {MENU_COPY_LINK, &perform<&FinderSync::copyLink>},
+      {MENU_CFS, &perform<&FinderSync::viewInCloud>},
+      {MENU_VIEW_NOTES, &perform<&FinderSync::notes>},
+      {MENU_VIEW_VERSIONS, &perform<&FinderSync::viewVersions>},
+  };
+  return table.at(identifier);
+}
+
+using Operations = std::map<std::string, Operation, std::less<>>;
+
+Operations makeOperations() {
+  Operations table = {
       {"setFileSyncStatus:status:",
        [](FinderSync& sync, const Arguments& arguments) -> SelectorResult {
          sync.setFileSyncStatus(url(object(arguments, 0)), integer(object(arguments, 1)));
@@ -81,12 +97,13 @@ const std::map<std::string, Operation, std::less<>>& operations() {
        [](FinderSync& sync, const Arguments& arguments) -> SelectorResult {
          return sync.menuForMenuKind(static_cast<platform::FIMenuKind>(integer(object(arguments, 0))));
        }},
-      {"viewInCloud:", &perform<&FinderSync::viewInCloud>},
-      {"notes:", &perform<&FinderSync::notes>},
-      {"viewVersions:", &perform<&FinderSync::viewVersions>},
-      {"share:", &perform<&FinderSync::share>},
-      {"copyLink:", &perform<&FinderSync::copyLink>},
   };
+  for (const auto& entry : MENU_ENTRIES) table.emplace(entry.selector, menuOperation(entry.identifier));
+  return table;
+}
+
+const Operations& operations() {
+  static const auto& table = *new Operations(makeOperations());  // never destroyed: see SharedObjects.cpp
   return table;
 }
 

@@ -1,6 +1,6 @@
 #include "logging/Logging.hpp"
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
 
 namespace vornet {
 

@@ -8,7 +8,7 @@
 #include <set>
 #include <thread>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
 #include "logging/LogDestinations.hpp"
 #include "support/CapturedOutput.hpp"
 #include "support/ChildProcess.hpp"

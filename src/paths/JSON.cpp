@@ -70,6 +70,7 @@ class Members {
 
   bool isContainer() const { return container_; }
   bool isObjectOfKind() const { return object_ && !tooManyOthers_ && others_.empty(); }
+  bool hasInfiniteNumber() const { return infinite_; }
   /// Whether it met a member of another kind.
   bool mismatched() const { return mismatched_; }
 
@@ -100,7 +101,10 @@ class Members {
     return scalar(Kind::integer, value);
   }
   bool on_uint64(std::uint64_t, json::string_view, boost::system::error_code&) { return mismatch(); }
-  bool on_double(double, json::string_view, boost::system::error_code&) { return mismatch(); }
+  bool on_double(double value, json::string_view, boost::system::error_code&) {
+    infinite_ = infinite_ || !std::isfinite(value);  // what the parser makes of 1e999
+    return mismatch();
+  }
   bool on_bool(bool value, boost::system::error_code&) { return scalar(Kind::boolean, value); }
   bool on_null(boost::system::error_code&) { return mismatch(); }
   bool on_comment_part(json::string_view, boost::system::error_code&) { return true; }
@@ -150,23 +154,21 @@ class Members {
   std::size_t depth_ = 0;
   bool container_ = false;
   bool object_ = false;
+  bool infinite_ = false;
   bool mismatched_ = false;
   bool tooManyOthers_ = false;
   std::set<std::string, std::less<>> others_;  // the top-level keys under which a value of another kind stood last
 };
 
-[[noreturn]] void throwTopLevelScalar() {
-  throw JSONError("the top level is neither an object nor an array");
-}
-
-/// Reads `data`; whether it is an object of members of `kind`, and whether one of another kind was met.
+/// Reads the whole of `data`; whether it is an object of members of `kind`, and whether one of another kind was met.
 std::pair<bool, bool> parseMembers(std::string_view data, Kind kind, const Member& member, bool pastMismatches) {
   json::basic_parser<Members> parser(parseOptions(), data, kind, member, pastMismatches);
   boost::system::error_code error;
   const std::size_t read = parser.write_some(false, data.data(), data.size(), error);
   if (!error && read < data.size()) error = json::error::extra_data;
   if (error) throw JSONError(error.message());
-  if (!parser.handler().isContainer()) throwTopLevelScalar();
+  if (!parser.handler().isContainer()) throw JSONError("the top level is neither an object nor an array");
+  if (parser.handler().hasInfiniteNumber()) throw JSONError("a number is too large");
   return {parser.handler().isObjectOfKind(), parser.handler().mismatched()};
 }
 
@@ -184,11 +186,8 @@ std::string toJSON(const JSONValue& object) {
 }
 
 JSONValue fromJSON(std::string_view data) {
-  boost::system::error_code error;
-  JSONValue value = json::parse(data, error, {}, parseOptions());
-  if (error) throw JSONError(error.message());
-  if (!value.is_structured()) throwTopLevelScalar();
-  return value;
+  parseMembers(data, Kind::integer, [](std::string_view, std::int64_t) {}, false);  // throws alike for both readers
+  return json::parse({data.data(), data.size()}, {}, parseOptions());
 }
 
 bool integersFromJSON(std::string_view data, const std::function<void(std::string_view, std::int64_t)>& member) {

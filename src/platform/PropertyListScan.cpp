@@ -152,14 +152,17 @@ class BinaryScan {
     return count;
   }
 
+  // No text may hold a NUL: a reader with texts of C takes what precedes it for the whole, a folder's path too.
+
   static bool isASCII(std::string_view text) {
-    return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
+    return std::all_of(text.begin(), text.end(), [](char c) { return c != 0 && static_cast<unsigned char>(c) < 0x80; });
   }
 
   /// Whether every surrogate among the `count` units at `at` has its other half.
   bool isUTF16(std::uint64_t at, std::uint64_t count) const {
     for (std::uint64_t i = 0; i < count; ++i) {
       const auto unit = integer(at + 2 * i, 2);
+      if (unit == 0) return false;
       if (unit < 0xD800 || unit > 0xDFFF) continue;
       if (unit > 0xDBFF || ++i == count) return false;
       const auto second = integer(at + 2 * i, 2);

@@ -173,6 +173,20 @@ TEST(BinaryListScan, RefusesBrokenText) {
   }
 }
 
+TEST(BinaryListScan, RefusesTextThatHoldsANUL) {
+  // A reader with texts of C would take what stands before it for the whole.
+  for (const std::string& bytes : {"\x51\0"s, "\x58/srv\0/it"s, "\x54/it\0"s, "\x61\0\0"s, "\x63\0/\0\0\0a"s}) {
+    EXPECT_FALSE(isBinary(holding(bytes))) << ::testing::PrintToString(bytes);
+  }
+  for (const std::string& key : {"\x52k\0"s, "\x62\0k\0\0"s}) {
+    BinaryList list;
+    list.dictionary({1}, {2});
+    list.add(key);
+    list.text("/home/ann");
+    EXPECT_FALSE(isBinary(list.bytes())) << ::testing::PrintToString(key);
+  }
+}
+
 TEST(BinaryListScan, RefusesWhatIsTooShortToBeOne) {
   EXPECT_FALSE(isBinary("bplist00"));
   EXPECT_FALSE(isBinary("bplist00" + std::string(31, '\0')));

@@ -3,7 +3,7 @@
 #include <boost/json/array.hpp>
 #include <boost/json/object.hpp>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
 #include "logging/Logging.hpp"
 #include "logging/PrintedForm.hpp"
 #include "paths/JSON.hpp"

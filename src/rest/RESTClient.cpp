@@ -2,17 +2,23 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
+#include <chrono>
 #include <exception>
 #include <memory>
 #include <mutex>
 #include <new>
+#include <set>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
 #include "platform/Foundation.hpp"
 #include "platform/Loopback.hpp"
 
 namespace vornet {
 namespace {
+
+using namespace std::chrono_literals;
+using Clock = std::chrono::steady_clock;
 
 constexpr long TIMEOUT_MS = 3000;
 // Far above any real reply's; interim replies and trailers count as well.
@@ -23,6 +29,9 @@ struct CurlDeleter {
   void operator()(curl_slist* list) const { curl_slist_free_all(list); }
   void operator()(CURLU* url) const { curl_url_cleanup(url); }
   void operator()(char* text) const { curl_free(text); }
+};
+struct DriverDeleter {  // CURLM and CURL are one type
+  void operator()(CURLM* driver) const { curl_multi_cleanup(driver); }
 };
 using CurlText = std::unique_ptr<char, CurlDeleter>;
 using CurlList = std::unique_ptr<curl_slist, CurlDeleter>;
@@ -38,6 +47,71 @@ CURL* handleOfThread() {
   thread_local const std::unique_ptr<CURL, CurlDeleter> handle(curl_easy_init());
   if (handle) curl_easy_reset(handle.get());
   return handle.get();
+}
+
+/// What the calling thread's requests are driven by: unlike a blocking transfer, another thread can wake it.
+CURLM* driverOfThread() {
+  thread_local const std::unique_ptr<CURLM, DriverDeleter> driver(curl_multi_init());
+  return driver.get();
+}
+
+/// The requests under way, and when they were all told to hurry.
+class UnderWay {
+ public:
+  void begin(CURLM* driver) {
+    const std::lock_guard guard(lock_);
+    drivers_.insert(driver);
+  }
+  void end(CURLM* driver) {
+    const std::lock_guard guard(lock_);
+    drivers_.erase(driver);
+  }
+  void hurry() {
+    const std::lock_guard guard(lock_);
+    if (!hurried_) hurried_ = Clock::now();
+    for (CURLM* driver : drivers_) curl_multi_wakeup(driver);
+  }
+  /// How long a request that began at `begun` may wait now; 0 when its time is over.
+  std::chrono::milliseconds wait(Clock::time_point begun) const {
+    const std::lock_guard guard(lock_);
+    if (!hurried_) return LONGEST_WAIT;
+    const auto left = std::max(begun, *hurried_) + RESTClient::HURRIED_TIMEOUT - Clock::now();
+    return std::clamp(std::chrono::ceil<std::chrono::milliseconds>(left), 0ms, LONGEST_WAIT);
+  }
+
+ private:
+  static constexpr std::chrono::milliseconds LONGEST_WAIT = 1s;  // limits of the library's own end it earlier
+
+  mutable std::mutex lock_;
+  std::set<CURLM*> drivers_;
+  std::optional<Clock::time_point> hurried_;
+};
+
+UnderWay& underWay() {
+  static auto& all = *new UnderWay;  // threads may outlive the end of main
+  return all;
+}
+
+/// Carries out the request that `handle` describes. Whether its answer came in time.
+bool perform(CURL* handle) {
+  CURLM* const driver = driverOfThread();
+  if (!driver || curl_multi_add_handle(driver, handle) != CURLM_OK) return false;
+  const auto begun = Clock::now();
+  underWay().begin(driver);
+  int running = 1;
+  bool works = curl_multi_perform(driver, &running) == CURLM_OK;
+  while (works && running > 0) {
+    const auto wait = underWay().wait(begun);
+    if (wait == 0ms) break;
+    works = curl_multi_poll(driver, nullptr, 0, static_cast<int>(wait.count()), nullptr) == CURLM_OK &&
+            curl_multi_perform(driver, &running) == CURLM_OK;
+  }
+  underWay().end(driver);
+  int left = 0;
+  const CURLMsg* message = curl_multi_info_read(driver, &left);
+  const bool answered = message && message->msg == CURLMSG_DONE && message->data.result == CURLE_OK;
+  curl_multi_remove_handle(driver, handle);
+  return answered;
 }
 
 void add(CurlList& list, const std::string& line) {
@@ -200,13 +274,17 @@ std::optional<std::string> RESTClient::postAtURL(const RequestURL& url, const st
   curl_easy_setopt(handle, CURLOPT_HEADERDATA, &reply);
   curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &collect);
   curl_easy_setopt(handle, CURLOPT_WRITEDATA, &reply);
-  if (curl_easy_perform(handle) != CURLE_OK) throw HTTPError::ResourceUnavailable();
+  if (!perform(handle)) throw HTTPError::ResourceUnavailable();
 
   const long status = statusOf(handle);
   if (status == 0) return std::nullopt;  // answered, but not by HTTP
   if (!reply.headersEnded) throw HTTPError::ResourceUnavailable();
   if (status != HTTPStatusCode.OK) throw HTTPError::Non200Error(status);
   return std::move(reply.body);
+}
+
+void RESTClient::hurry() {
+  underWay().hurry();
 }
 
 }  // namespace vornet

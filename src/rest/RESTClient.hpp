@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -21,7 +22,7 @@ class HTTPError {
  public:
   /// The server answered with a status other than 200.
   static HTTPError Non200Error(std::int64_t code) { return HTTPError(code); }
-  /// No answer could be had: refused, timed out, broken off, too long, or another user's.
+  /// No answer could be had: refused, timed out, broken off, given up, too long, or another user's.
   static HTTPError ResourceUnavailable() { return HTTPError(std::nullopt); }
 
   /// The status of a Non200Error; none for ResourceUnavailable.
@@ -58,14 +59,17 @@ class RequestURL {
 };
 
 /// The transport to the sync application: one synchronous POST an exchange, on a connection of its own. A request is
-/// never sent twice. Without state; any thread; blocks its caller for at most 3 seconds, whatever the server does.
-/// Proxies in the environment are ignored, redirects are not followed. Logs nothing.
+/// never sent twice. Without state, but for hurry(); any thread; blocks its caller for at most 3 seconds,
+/// whatever the server does. Proxies in the environment are ignored, redirects are not followed. Logs nothing.
 class RESTClient {
  public:
   using Headers = std::map<std::string, std::string>;
 
   /// The largest body of a reply, in bytes, unless a caller allows for more.
   static constexpr std::size_t REPLY_LIMIT = std::size_t{1} << 20;
+
+  /// Enough for an application that answers, and to send what it need not answer.
+  static constexpr std::chrono::milliseconds HURRIED_TIMEOUT{250};
 
   /// Posts to the sync application: base address + "/" + `path`, nothing escaped. See postAtURL.
   static std::optional<std::string> postAtPath(std::string_view path, const std::optional<std::string>& postData,
@@ -81,6 +85,11 @@ class RESTClient {
   static std::optional<std::string> postAtURL(const RequestURL& url, const std::optional<std::string>& postData,
                                               const std::optional<Headers>& headers = std::nullopt,
                                               std::size_t replyLimit = REPLY_LIMIT);
+
+  /// For a process that is to end: from now on a request, those under way included, is given up HURRIED_TIMEOUT from
+  /// now, or from its beginning, unless its answer has come: it throws ResourceUnavailable. Does not wait. Cannot be
+  /// taken back.
+  static void hurry();
 };
 
 }  // namespace vornet

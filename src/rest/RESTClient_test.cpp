@@ -8,7 +8,7 @@
 #include <optional>
 #include <thread>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
 #include "support/Environment.hpp"
 #include "support/LogRecorder.hpp"
 #include "support/LoopbackServer.hpp"
@@ -384,6 +384,29 @@ TEST(RequestURL, KnowsThePortOfAServerOnTheLoopbackInterface) {
   EXPECT_EQ(RequestURL::parse("http://127.0.0.2:8806")->loopbackPort(), std::nullopt);
   EXPECT_EQ(RequestURL::parse("file:///127.0.0.1")->loopbackPort(), std::nullopt);
   EXPECT_EQ(RequestURL::parse("file://127.0.0.1/x")->loopbackPort(), std::nullopt);
+}
+
+TEST(RESTClient, HurriedRequestsEndLongBeforeTheirTimeOutUnlessTheyAreAnswered) {
+  std::vector<std::future<std::optional<HTTPError>>> posts;
+  LoopbackServer server(always({.manner = Manner::stall}));
+  const auto begun = std::chrono::steady_clock::now();
+  EXPECT_EQ(errorOfPost(), HTTPError::ResourceUnavailable());
+  const auto wholeRequest = std::chrono::steady_clock::now() - begun;
+  for (int i = 0; i < 8; ++i) posts.push_back(std::async(std::launch::async, &errorOfPost));
+  ASSERT_TRUE(server.waitForRequests(9));
+
+  const auto hurried = std::chrono::steady_clock::now();
+  RESTClient::hurry();
+  for (auto& post : posts) EXPECT_EQ(post.get(), HTTPError::ResourceUnavailable());
+  EXPECT_LT((std::chrono::steady_clock::now() - hurried) * 3, wholeRequest * 2);
+
+  const auto late = std::chrono::steady_clock::now();
+  EXPECT_EQ(errorOfPost(), HTTPError::ResourceUnavailable());
+  EXPECT_LT((std::chrono::steady_clock::now() - late) * 3, wholeRequest * 2) << "one that began later";
+  server.setAnswer(always({.body = "{}"}));
+  int unanswered = 0;
+  while (unanswered < 100 && errorOfPost()) ++unanswered;  // on a busy machine an answer may come late
+  EXPECT_LT(unanswered, 100) << "there is time for an answer";
 }
 
 }  // namespace

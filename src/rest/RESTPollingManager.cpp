@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
 #include "logging/Logging.hpp"
 #include "logging/PrintedForm.hpp"
 #include "paths/JSON.hpp"
@@ -197,6 +197,7 @@ void RESTPollingManager::poll(const std::string& dir) {
   try {
     fetch(dir);
   } catch (const HTTPError& error) {
+    if (finderSync() && running_) finderSync()->syncApplicationAnswered(error.code().has_value());
     if (!error.code()) {
       VI_WARNING("Skipping get_icons_for_fodler, ds not connected");
     } else if (*error.code() == HTTPStatusCode.NOT_FOUND) {
@@ -215,6 +216,7 @@ void RESTPollingManager::fetch(const std::string& dir) {
   const std::string key = getCloudPath(root, dir) + "/";
   auto reply =
       RESTClient::postAtPath("get_icons_for_folder", toJSON({{"dir_name", key}}), std::nullopt, STATUSES_LIMIT);
+  if (finderSync()) finderSync()->syncApplicationAnswered(reply.has_value());
   if (!reply) return;
   auto statuses = statusesFromReply(key, *std::move(reply));  // which is gone before they are compared
   if (!statuses) return;
@@ -222,11 +224,11 @@ void RESTPollingManager::fetch(const std::string& dir) {
   const auto changes = dirCache_.update(key, *std::move(statuses), &firstFill);
   if (!changes) return;
   VI_DEBUG("Updated: " + printedForm(*changes));
-  if (firstFill && finderSync()) finderSync()->folderFilled(platform::FileURL::fileURLWithPath(dir));
   for (const auto& [path, code] : *changes) {
     if (!finderSync()) platform::fatalError("a status manager without a controller");
     finderSync()->setFileSyncStatus(getLocalPath(root, path), code);
   }
+  if (finderSync()) finderSync()->folderFilled(platform::FileURL::fileURLWithPath(dir), firstFill);
 }
 
 }  // namespace vornet

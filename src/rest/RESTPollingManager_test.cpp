@@ -10,7 +10,7 @@
 #include <map>
 #include <mutex>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
 #include "paths/JSON.hpp"
 #include "support/Databases.hpp"
 #include "support/Environment.hpp"
@@ -49,9 +49,15 @@ class Controller : public StatusSink {
     pushes_.emplace_back(*item.path(), status);
     changed_.notify_all();
   }
-  void folderFilled(const FileURL& folder) override {
+  void folderFilled(const FileURL& folder, bool first) override {
     const std::lock_guard guard(lock_);
-    filled_.push_back(*folder.path());
+    if (first) filled_.push_back(*folder.path());
+    if (!first) refreshed_.emplace_back(*folder.path(), pushes_.size());
+    changed_.notify_all();
+  }
+  void syncApplicationAnswered(bool answered) override {
+    const std::lock_guard guard(lock_);
+    answers_.push_back(answered);
     changed_.notify_all();
   }
   void enableVI(const std::set<FileURL>& dirs) override {
@@ -72,6 +78,24 @@ class Controller : public StatusSink {
     std::unique_lock guard(lock_);
     return changed_.wait_for(guard, PATIENCE, [&] { return filled_.size() >= count; });
   }
+  /// The refreshed folders, each with how many pushes had come before.
+  std::vector<std::pair<std::string, std::size_t>> refreshed() const {
+    const std::lock_guard guard(lock_);
+    return refreshed_;
+  }
+  bool waitForRefreshed(std::size_t count) const {
+    std::unique_lock guard(lock_);
+    return changed_.wait_for(guard, PATIENCE, [&] { return refreshed_.size() >= count; });
+  }
+  /// Waits until the last exchange is reported to have been answered, or not.
+  bool waitForAnswer(bool answered) const {
+    std::unique_lock guard(lock_);
+    return changed_.wait_for(guard, PATIENCE, [&] { return !answers_.empty() && answers_.back() == answered; });
+  }
+  std::vector<bool> answers() const {
+    const std::lock_guard guard(lock_);
+    return answers_;
+  }
   std::set<FileURL> observed() const {
     const std::lock_guard guard(lock_);
     return observed_;
@@ -86,6 +110,8 @@ class Controller : public StatusSink {
   mutable std::condition_variable changed_;
   Pushes pushes_;
   std::vector<std::string> filled_;
+  std::vector<std::pair<std::string, std::size_t>> refreshed_;
+  std::vector<bool> answers_;
   std::set<FileURL> observed_;
 };
 
@@ -301,6 +327,52 @@ TEST_F(RESTPollingManagerTest, AFolderThatWasEvictedAndEnteredAgainIsReportedAga
   manager->dirEnter("/R/a");
   ASSERT_TRUE(controller.waitForFilled(2));
   EXPECT_THAT(controller.filled(), ElementsAre("/R/a", "/R/a"));
+}
+
+TEST_F(RESTPollingManagerTest, ARefreshOfAFolderIsReportedAfterItsChanges) {
+  serve([this](const WireRequest&) {
+    return WireReply{.body = ++pass == 1 ? R"({"/a/x":1,"/a/y":2})" : R"({"/a/x":2,"/a/y":1})"};
+  });
+  makeConfigured(SHORT);
+  manager->start_listener();
+  manager->dirEnter("/R/a");
+  ASSERT_TRUE(controller.waitForRefreshed(2));
+  EXPECT_THAT(controller.filled(), ElementsAre("/R/a"));
+  EXPECT_THAT(controller.refreshed()[0], Pair("/R/a", 2u));
+  EXPECT_THAT(controller.refreshed()[1], Pair("/R/a", 2u)) << "also when nothing has changed";
+}
+
+TEST_F(RESTPollingManagerTest, ReportsWhetherTheSyncApplicationAnswers) {
+  makeConfigured(SHORT);
+  manager->start_listener();
+  manager->dirEnter("/R/a");
+  ASSERT_TRUE(controller.waitForAnswer(false)) << "nobody listens";
+  for (const char* body : {"{}", "no JSON", "[]"}) {
+    serve(body);
+    EXPECT_TRUE(controller.waitForAnswer(true)) << body;
+    server.reset();
+    EXPECT_TRUE(controller.waitForAnswer(false));
+  }
+  serve("", 500);
+  EXPECT_TRUE(controller.waitForAnswer(true));
+}
+
+TEST_F(RESTPollingManagerTest, AFolderThatTheSyncApplicationDoesNotKnowIsAnAnswer) {
+  serve("", 404);
+  makeConfigured(NEVER);
+  manager->start_listener();
+  manager->dirEnter("/R/a");
+  EXPECT_TRUE(controller.waitForAnswer(true));
+}
+
+TEST_F(RESTPollingManagerTest, ReportsNoAnswerOfARequestThatItsStopEnded) {
+  serve([](const WireRequest&) { return WireReply{.manner = WireReply::Manner::stall}; });
+  makeConfigured(NEVER);
+  manager->start_listener();
+  manager->dirEnter("/R/a");
+  ASSERT_TRUE(server->waitForRequests(1));
+  manager->stop_listener();
+  EXPECT_THAT(controller.answers(), IsEmpty());
 }
 
 TEST_F(RESTPollingManagerTest, PostsTheCloudPathWithOneSlashAndNoExtraHeaders) {

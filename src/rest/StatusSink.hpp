@@ -7,7 +7,7 @@
 
 namespace vornet {
 
-/// What the polling manager reports, and to whom. Called from any thread.
+/// Receives what the polling manager finds out. Called from any thread.
 class StatusSink {
  public:
   virtual ~StatusSink() = default;
@@ -15,9 +15,14 @@ class StatusSink {
   /// The status of `url` is now `status`.
   virtual void setFileSyncStatus(const platform::FileURL& url, std::int64_t status) = 0;
 
-  /// The statuses of `folder` were stored for the first time since it was entered. None of them was reported by
-  /// setFileSyncStatus: items that were answered before from the database may carry another status now.
-  virtual void folderFilled(const platform::FileURL& folder) = 0;
+  /// The statuses of `folder` were fetched and stored. `first`: for the first time since it was entered; then none of
+  /// them was reported by setFileSyncStatus, and items answered before from the database may have another status now.
+  /// Otherwise it was refreshed, and every status that changed was reported before this call.
+  virtual void folderFilled(const platform::FileURL& folder, bool first) = 0;
+
+  /// The sync application answered a request for statuses, with whatever content or HTTP status, or did not. Called
+  /// after each request, not only when this changes.
+  virtual void syncApplicationAnswered(bool answered) = 0;
 
   /// Makes `dirs` the folders that are observed.
   virtual void enableVI(const std::set<platform::FileURL>& dirs) = 0;

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "FinderSync1.h"
+#include "dbus/Interface.hpp"
 
 namespace {
 
@@ -28,7 +29,7 @@ gboolean answerBegin(VornetFinderSync1* skeleton, GDBusMethodInvocation* call, c
 }
 
 void serve(GDBusConnection* connection, const gchar*, gpointer skeleton) {
-  g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(skeleton), connection, "/com/vornet/FinderSync1", nullptr);
+  g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(skeleton), connection, vornet::dbus::OBJECT_PATH, nullptr);
 }
 
 void lost(GDBusConnection*, const gchar*, gpointer loop) {

@@ -11,7 +11,7 @@
 
 #include "Finder.hpp"
 #include "SyncApplication.hpp"
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
 #include "platform/Foundation.hpp"
 #include "support/Databases.hpp"
 #include "support/TemporaryFolder.hpp"

@@ -24,7 +24,7 @@ def property_list(path):
 
 def constant(name):
     """The text of an application constant of the core."""
-    text = (SOURCE / "src/extension/AppConst.hpp").read_text()
+    text = (SOURCE / "src/base/AppConst.hpp").read_text()
     return re.search(rf'std::string {name} = "([^"]*)"', text).group(1)
 
 

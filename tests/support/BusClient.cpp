@@ -3,12 +3,11 @@
 #include <chrono>
 #include <stdexcept>
 
+#include "dbus/Interface.hpp"
+
 namespace vornet::test {
 namespace {
 
-constexpr const char* NAME = "com.vornet.KelvaneSync.FinderBadgeExtension";
-constexpr const char* OBJECT = "/com/vornet/FinderSync1";
-constexpr const char* INTERFACE = "com.vornet.FinderSync1";
 constexpr std::chrono::seconds PATIENCE{30};
 constexpr int CALL_TIMEOUT_MS = 30'000;
 
@@ -70,7 +69,7 @@ BusClient::BusClient(const std::string& address) : context_(g_main_context_new()
     while (g_variant_iter_next(iterator, "(&s&s)", &item, &identifier)) client.changes_[item] = identifier;
     g_variant_iter_free(iterator);
   };
-  g_dbus_connection_signal_subscribe(connection_, nullptr, INTERFACE, "BadgesChanged", OBJECT, nullptr,
+  g_dbus_connection_signal_subscribe(connection_, nullptr, dbus::INTERFACE, "BadgesChanged", dbus::OBJECT_PATH, nullptr,
                                      G_DBUS_SIGNAL_FLAGS_NONE, changed, this, nullptr);
   g_main_context_pop_thread_default(context_);
 }
@@ -97,8 +96,9 @@ GVariant* BusClient::urlArguments(const std::vector<std::string>& urls) {
 
 void BusClient::call(const std::string& method, GVariant* arguments, Done done) {
   g_main_context_push_thread_default(context_);
-  g_dbus_connection_call(connection_, NAME, OBJECT, INTERFACE, method.c_str(), arguments, nullptr,
-                         G_DBUS_CALL_FLAGS_NONE, CALL_TIMEOUT_MS, nullptr, &finished, new Done(std::move(done)));
+  g_dbus_connection_call(connection_, dbus::BUS_NAME, dbus::OBJECT_PATH, dbus::INTERFACE, method.c_str(), arguments,
+                         nullptr, G_DBUS_CALL_FLAGS_NONE, CALL_TIMEOUT_MS, nullptr, &finished,
+                         new Done(std::move(done)));
   g_main_context_pop_thread_default(context_);
 }
 
@@ -146,9 +146,10 @@ BusReply BusClient::menu(const std::vector<std::string>& urls, std::vector<MenuE
 }
 
 std::string BusClient::property(const std::string& name) {
-  GVariant* value = g_dbus_connection_call_sync(connection_, NAME, OBJECT, "org.freedesktop.DBus.Properties", "Get",
-                                                g_variant_new("(ss)", INTERFACE, name.c_str()), nullptr,
-                                                G_DBUS_CALL_FLAGS_NONE, CALL_TIMEOUT_MS, nullptr, nullptr);
+  GVariant* value =
+      g_dbus_connection_call_sync(connection_, dbus::BUS_NAME, dbus::OBJECT_PATH, "org.freedesktop.DBus.Properties",
+                                  "Get", g_variant_new("(ss)", dbus::INTERFACE, name.c_str()), nullptr,
+                                  G_DBUS_CALL_FLAGS_NONE, CALL_TIMEOUT_MS, nullptr, nullptr);
   if (!value) return "";
   const auto holder = owned(value);
   GVariant* inner = nullptr;
@@ -163,7 +164,7 @@ std::string BusClient::property(const std::string& name) {
 int BusClient::extensionProcess() {
   GVariant* value =
       g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                                  "GetConnectionUnixProcessID", g_variant_new("(s)", NAME), nullptr,
+                                  "GetConnectionUnixProcessID", g_variant_new("(s)", dbus::BUS_NAME), nullptr,
                                   G_DBUS_CALL_FLAGS_NONE, CALL_TIMEOUT_MS, nullptr, nullptr);
   if (!value) return 0;
   guint32 process = 0;
@@ -175,8 +176,8 @@ int BusClient::extensionProcess() {
 std::optional<unsigned> BusClient::extensionsMatchRules() {
   const auto stats = owned(g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                                                        "org.freedesktop.DBus.Debug.Stats", "GetConnectionStats",
-                                                       g_variant_new("(s)", NAME), nullptr, G_DBUS_CALL_FLAGS_NONE,
-                                                       CALL_TIMEOUT_MS, nullptr, nullptr));
+                                                       g_variant_new("(s)", dbus::BUS_NAME), nullptr,
+                                                       G_DBUS_CALL_FLAGS_NONE, CALL_TIMEOUT_MS, nullptr, nullptr));
   if (!stats) return std::nullopt;
   const auto values = owned(g_variant_get_child_value(stats.get(), 0));
   guint32 count = 0;

@@ -4,7 +4,7 @@
 
 #include <cstdlib>
 
-#include "extension/AppConst.hpp"
+#include "base/AppConst.hpp"
 #include "platform/linux/Host.hpp"
 
 namespace vornet::test {

@@ -4,13 +4,10 @@
 #include <stdexcept>
 #include <utility>
 
+#include "dbus/Interface.hpp"
+
 namespace vornet::test {
 namespace {
-
-constexpr const char* NAME = "com.vornet.KelvaneSync.FinderBadgeExtension";
-constexpr const char* OBJECT = "/com/vornet/FinderSync1";
-constexpr const char* INTERFACE = "com.vornet.FinderSync1";
-constexpr const char* ERROR_PREFIX = "com.vornet.FinderSync1.Error.";
 
 std::vector<std::string> texts(GVariant* arguments, gsize index) {
   GVariant* list = g_variant_get_child_value(arguments, index);
@@ -62,9 +59,10 @@ FakeExtension::FakeExtension(const std::string& address, std::vector<std::string
       nullptr, nullptr, &failure);
   if (!connection_) throw std::runtime_error(failure->message);
   static const GDBusInterfaceVTable table = {&take, &property, nullptr, {}};
-  registration_ = g_dbus_connection_register_object(connection_, OBJECT, vornet_finder_sync1_interface_info(), &table,
-                                                    this, nullptr, nullptr);
-  if (!callBus("RequestName", g_variant_new("(su)", NAME, 4))) throw std::runtime_error("the name is not given");
+  registration_ = g_dbus_connection_register_object(
+      connection_, dbus::OBJECT_PATH, vornet_finder_sync1_interface_info(), &table, this, nullptr, nullptr);
+  if (!callBus("RequestName", g_variant_new("(su)", dbus::BUS_NAME, 4)))
+    throw std::runtime_error("the name is not given");
 }
 
 FakeExtension::~FakeExtension() {
@@ -119,7 +117,7 @@ void FakeExtension::note(const std::string& method, GVariant* arguments) {
 
 void FakeExtension::answer(const std::string& method, GVariant* arguments, GDBusMethodInvocation* invocation) {
   const auto refuse = [invocation](const std::string& error) {
-    const std::string name = error.find('.') == std::string::npos ? ERROR_PREFIX + error : error;
+    const std::string name = error.find('.') == std::string::npos ? dbus::ERROR_PREFIX + error : error;
     g_dbus_method_invocation_return_dbus_error(invocation, name.c_str(), "refused by a test");
   };
   if (const auto refusal = refusals.find(method); refusal != refusals.end()) return refuse(refusal->second);
@@ -220,19 +218,19 @@ void FakeExtension::sendChanges(const std::vector<std::pair<std::string, std::st
   for (const auto& [item, identifier] : changes) {
     g_variant_builder_add(&list, "(ss)", item.c_str(), identifier.c_str());
   }
-  send(INTERFACE, "BadgesChanged", g_variant_new("(a(ss))", &list));
+  send(dbus::INTERFACE, "BadgesChanged", g_variant_new("(a(ss))", &list));
 }
 
 void FakeExtension::send(const char* interface, const char* signal, GVariant* values) {
   g_variant_ref_sink(values);
   for (const auto& caller : callers_) {
-    g_dbus_connection_emit_signal(connection_, caller.c_str(), OBJECT, interface, signal, values, nullptr);
+    g_dbus_connection_emit_signal(connection_, caller.c_str(), dbus::OBJECT_PATH, interface, signal, values, nullptr);
   }
   g_variant_unref(values);
 }
 
 void FakeExtension::giveUpName() {
-  callBus("ReleaseName", g_variant_new("(s)", NAME));
+  callBus("ReleaseName", g_variant_new("(s)", dbus::BUS_NAME));
 }
 
 bool FakeExtension::clientIsConnected() const {
@@ -272,8 +270,9 @@ void FakeExtension::setFolders(const std::vector<std::string>& folders) {
   GVariantBuilder changed;
   g_variant_builder_init(&changed, G_VARIANT_TYPE_VARDICT);
   g_variant_builder_add(&changed, "{sv}", "ObservedFolders", foldersValue());
-  g_dbus_connection_emit_signal(connection_, nullptr, OBJECT, "org.freedesktop.DBus.Properties", "PropertiesChanged",
-                                g_variant_new("(sa{sv}as)", INTERFACE, &changed, nullptr), nullptr);
+  g_dbus_connection_emit_signal(connection_, nullptr, dbus::OBJECT_PATH, "org.freedesktop.DBus.Properties",
+                                "PropertiesChanged", g_variant_new("(sa{sv}as)", dbus::INTERFACE, &changed, nullptr),
+                                nullptr);
 }
 
 }  // namespace vornet::test

@@ -11,12 +11,11 @@
 #include <stdexcept>
 #include <string_view>
 
+#include "dbus/Interface.hpp"
+
 namespace vornet::test {
 namespace {
 
-constexpr const char* NAME = "com.vornet.KelvaneSync.FinderBadgeExtension";
-constexpr const char* OBJECT = "/com/vornet/FinderSync1";
-constexpr const char* INTERFACE = "com.vornet.FinderSync1";
 constexpr std::size_t SERIAL = 8;  // where a message has it
 constexpr std::chrono::seconds PATIENCE{30};
 
@@ -60,7 +59,7 @@ std::string Flood::callTo(const std::string& name, const std::string& path, cons
 }
 
 std::string Flood::call(const std::string& member, GVariant* arguments, bool replies) {
-  return callTo(NAME, OBJECT, INTERFACE, member, arguments, replies);
+  return callTo(dbus::BUS_NAME, dbus::OBJECT_PATH, dbus::INTERFACE, member, arguments, replies);
 }
 
 Flood::Flood(const std::string& address) : socket_(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {

@@ -6,13 +6,11 @@
 
 #include "GLibPtr.hpp"
 #include "PathURL.hpp"
+#include "dbus/Interface.hpp"
 
 namespace vornet::vi {
 namespace {
 
-constexpr const char* BUS_NAME = "com.vornet.KelvaneSync.FinderBadgeExtension";
-constexpr const char* OBJECT_PATH = "/com/vornet/FinderSync1";
-constexpr const char* INTERFACE = "com.vornet.FinderSync1";
 constexpr const char* DAEMON_NAME = "org.freedesktop.DBus";
 constexpr const char* DAEMON_PATH = "/org/freedesktop/DBus";
 
@@ -172,7 +170,7 @@ struct Client::Impl {
             connection.get(),
             static_cast<GDBusProxyFlags>(G_DBUS_PROXY_FLAGS_DO_NOT_LOAD_PROPERTIES |
                                          G_DBUS_PROXY_FLAGS_DO_NOT_AUTO_START_AT_CONSTRUCTION),
-            BUS_NAME, OBJECT_PATH, cancellable, done, data);
+            dbus::BUS_NAME, dbus::OBJECT_PATH, cancellable, done, data);
       });
       proxy.reset(vornet_finder_sync1_proxy_new_finish(result.get(), &error));
     }
@@ -208,8 +206,8 @@ struct Client::Impl {
   }
 
   ExtensionInfo info(GDBusCallFlags flags) {
-    return infoFrom(call(BUS_NAME, OBJECT_PATH, "org.freedesktop.DBus.Properties", "GetAll",
-                         g_variant_new("(s)", INTERFACE), "(a{sv})", flags)
+    return infoFrom(call(dbus::BUS_NAME, dbus::OBJECT_PATH, "org.freedesktop.DBus.Properties", "GetAll",
+                         g_variant_new("(s)", dbus::INTERFACE), "(a{sv})", flags)
                         .get());
   }
 
@@ -369,7 +367,7 @@ void Client::performAction(const std::string& action, const std::vector<std::str
 }
 
 void Client::start() {
-  impl_->callDaemon("StartServiceByName", g_variant_new("(su)", BUS_NAME, 0U), "(u)");
+  impl_->callDaemon("StartServiceByName", g_variant_new("(su)", dbus::BUS_NAME, 0U), "(u)");
 }
 
 std::optional<ExtensionProcess> Client::process() {
@@ -397,7 +395,7 @@ bool Client::canBeStarted() {
   for (gsize i = 0; i < g_variant_n_children(names.get()); ++i) {
     const gchar* name = nullptr;
     g_variant_get_child(names.get(), i, "&s", &name);
-    if (std::string_view{name} == BUS_NAME) {
+    if (std::string_view{name} == dbus::BUS_NAME) {
       return true;
     }
   }

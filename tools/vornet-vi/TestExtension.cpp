@@ -13,12 +13,10 @@
 #include <utility>
 
 #include "PathURL.hpp"
+#include "dbus/Interface.hpp"
 
 namespace vornet::vi::test {
 namespace {
-
-constexpr const char* BUS_NAME = "com.vornet.KelvaneSync.FinderBadgeExtension";
-constexpr const char* OBJECT_PATH = "/com/vornet/FinderSync1";
 
 const std::map<std::string, std::string> TITLES{{"share:", "Share"},
                                                 {"copyLink:", "Copy Link"},
@@ -74,7 +72,7 @@ TestBus::TestBus(const std::string& startCommand) {
   if (!startCommand.empty()) {
     const std::string script = folder_.file("start", "#!/bin/sh\n" + startCommand + "\n");
     std::filesystem::permissions(script, std::filesystem::perms::owner_all);
-    std::ofstream{services + "/extension.service"} << "[D-BUS Service]\nName=" << BUS_NAME << "\nExec=" << script
+    std::ofstream{services + "/extension.service"} << "[D-BUS Service]\nName=" << dbus::BUS_NAME << "\nExec=" << script
                                                    << "\n";
   }
   const std::string configuration =
@@ -140,11 +138,12 @@ TestExtension::TestExtension(const TestBus& bus, std::string observedFolder)
                                         G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
       nullptr, nullptr, &error));
   check(error);
-  g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(skeleton_.get()), connection_.get(), OBJECT_PATH, &error);
+  g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(skeleton_.get()), connection_.get(), dbus::OBJECT_PATH,
+                                   &error);
   check(error);
   const GVariantPtr reply{g_dbus_connection_call_sync(
       connection_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
-      g_variant_new("(su)", BUS_NAME, 4U), nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error)};
+      g_variant_new("(su)", dbus::BUS_NAME, 4U), nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error)};
   check(error);
 }
 
@@ -171,7 +170,7 @@ std::size_t TestExtension::count(const std::string& call) const {
 
 void TestExtension::tell(const std::vector<std::pair<std::string, std::string>>& changes) {
   for (const std::string& observer : observers_) {
-    g_dbus_connection_emit_signal(connection_.get(), observer.c_str(), OBJECT_PATH, "com.vornet.FinderSync1",
+    g_dbus_connection_emit_signal(connection_.get(), observer.c_str(), dbus::OBJECT_PATH, dbus::INTERFACE,
                                   "BadgesChanged", g_variant_new("(@a(ss))", pairs(changes)), nullptr);
   }
 }
@@ -192,8 +191,7 @@ gboolean TestExtension::begin(VornetFinderSync1* skeleton, GDBusMethodInvocation
     return TRUE;
   }
   if (!self.refusal.empty()) {
-    g_dbus_method_invocation_return_dbus_error(invocation, ("com.vornet.FinderSync1.Error." + self.refusal).c_str(),
-                                               "refused");
+    g_dbus_method_invocation_return_dbus_error(invocation, (dbus::ERROR_PREFIX + self.refusal).c_str(), "refused");
     return TRUE;
   }
   self.observers_.emplace_back(g_dbus_method_invocation_get_sender(invocation));

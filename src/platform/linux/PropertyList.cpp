@@ -75,13 +75,10 @@ std::optional<PropertyList> PropertyList::dictionaryAtPath(const std::string& pa
 std::optional<std::string> PropertyList::textForKey(const std::string& key) const {
   const plist_t item = plist_dict_get_item(impl_->root, key.c_str());
   if (!item || plist_get_node_type(item) != PLIST_STRING) return std::nullopt;
-  // Not the copying call, which stops the process at text that a damaged file gave a NUL.
   std::uint64_t length = 0;
   const char* value = plist_get_string_ptr(item, &length);
   if (!value) return std::nullopt;
-  std::string text(value, length);
-  if (text.find('\0') != std::string::npos) return std::nullopt;
-  return text;
+  return std::string(value, length);
 }
 
 }  // namespace vornet::platform

@@ -113,13 +113,12 @@ TEST_F(PropertyListTest, HasNoTextForOtherValues) {
   }
 }
 
-TEST_F(PropertyListTest, HasNoTextThatIsBrokenByANUL) {
-  // Text that is not ASCII stands in two-byte units.
-  auto bytes = binary("<dict><key>root_dir</key><string>/日/ann</string></dict>");
-  bytes.at(bytes.find("a\0n\0n"s)) = '\0';
-  const auto list = read(bytes);
-  ASSERT_TRUE(list);
-  EXPECT_EQ(list->textForKey("root_dir"), std::nullopt);
+TEST_F(PropertyListTest, IsAbsentWhenATextHoldsANUL) {
+  for (const char* text : {"/home/ann", "/\u65e5/ann"}) {  // the second one stands in two-byte units
+    auto bytes = binary("<dict><key>root_dir</key><string>"s + text + "</string></dict>");
+    bytes.at(bytes.find("ann") != std::string::npos ? bytes.find("ann") : bytes.find("a\0n\0n"s)) = '\0';
+    EXPECT_FALSE(read(bytes)) << text;
+  }
 }
 
 TEST_F(PropertyListTest, IsAbsentWhenItsTopIsNoDictionary) {

@@ -167,9 +167,11 @@ id noView(id self, SEL, NSRect) {
   return nil;
 }
 
-void replace(Class owner, SEL selector, IMP implementation) {
-  class_replaceMethod(owner, selector, implementation,
-                      method_getTypeEncoding(class_getInstanceMethod(owner, selector)));
+template <typename Function>
+void replace(Class owner, SEL selector, Function* implementation) {
+  // By way of the type that clang 19 takes for any function's.
+  const auto any = reinterpret_cast<IMP>(reinterpret_cast<void (*)()>(implementation));
+  class_replaceMethod(owner, selector, any, method_getTypeEncoding(class_getInstanceMethod(owner, selector)));
 }
 
 }  // namespace
@@ -181,11 +183,11 @@ void replace(Class owner, SEL selector, IMP implementation) {
 
 + (void)load {
   replace(object_getClass(objc_getClass("NSRunningApplication")), @selector(runningApplicationsWithBundleIdentifier:),
-          reinterpret_cast<IMP>(&runningApplications));
+          &runningApplications);
   Class panel = objc_getClass("NSMenuPanel");
-  replace(panel, @selector(init), reinterpret_cast<IMP>(&nothing));
-  replace(panel, @selector(initWithContentRect:styleMask:backing:defer:), reinterpret_cast<IMP>(&noPanel));
-  replace(objc_getClass("NSMenuView"), @selector(initWithFrame:), reinterpret_cast<IMP>(&noView));
+  replace(panel, @selector(init), &nothing);
+  replace(panel, @selector(initWithContentRect:styleMask:backing:defer:), &noPanel);
+  replace(objc_getClass("NSMenuView"), @selector(initWithFrame:), &noView);
 }
 
 @end

@@ -2,19 +2,11 @@
 
 #include <cstdint>
 #include <map>
-#include <memory>
 #include <string>
 #include <string_view>
 
-#include "platform/AppKit.hpp"
-
-/// The names that all others share, the status codes and their badges, and the process-wide objects. Everything is made
-/// once, on first use from any thread, and never changes afterwards, statusManager() excepted.
+/// The names, codes and identifiers that all folders share. They never change. Any thread.
 namespace vornet {
-
-class ConfigDB;
-class SyncDB;
-class RESTPollingManager;
 
 /// Names of files, bundles and the link to the sync application. Names only: each user forms its own paths.
 struct AppConst {
@@ -31,10 +23,6 @@ struct AppConst {
 };
 
 const AppConst& App();
-
-/// The readers of the two databases, shared by the whole process.
-ConfigDB& configDB();
-SyncDB& syncDB();
 
 inline constexpr std::int64_t DIR_CACHE_SIZE = 2;
 inline constexpr std::int64_t HTTP_TIMEOUT = 3;  ///< seconds
@@ -57,19 +45,5 @@ inline constexpr std::string_view statusSynced = "SYNCED";
 
 /// Status code -> badge identifier; exactly the codes -1 to 2. What a missing entry means is the caller's decision.
 const std::map<StatusCode, std::string_view>& statusMap();
-
-/// The badge images "checkmark", "sync" and "error", and the product image "QMT" of the menu entries. An image that the
-/// extension's resources lack stops the process.
-const platform::Image& syncedImg();
-const platform::Image& inProgressImg();
-const platform::Image& failureImg();
-const platform::Image& vornetImg();
-
-/// The slot of the one status manager: empty until the first controller fills it, before any callback runs; read only
-/// from then on.
-std::shared_ptr<RESTPollingManager>& statusManager();
-
-/// The status manager; a missing one stops the process.
-RESTPollingManager& requiredStatusManager();
 
 }  // namespace vornet

@@ -1,4 +1,8 @@
-#include "extension/AppConst.hpp"
+#include "extension/SharedObjects.hpp"
+
+#include <string>
+#include <string_view>
+#include <utility>
 
 #include "platform/Foundation.hpp"
 
@@ -15,17 +19,6 @@ platform::Image requiredImage(std::string_view name) {
 
 // None of these objects is ever destroyed: the file manager's threads and the worker may still use them when the
 // process ends.
-
-const AppConst& App() {
-  static const auto& app = *new AppConst;
-  return app;
-}
-
-const std::map<StatusCode, std::string_view>& statusMap() {
-  static const auto& map = *new std::map<StatusCode, std::string_view>{
-      {-1, statusNone}, {0, statusFailure}, {1, statusInProgress}, {2, statusSynced}};
-  return map;
-}
 
 const platform::Image& syncedImg() {
   static const auto& image = *new platform::Image(requiredImage("checkmark"));

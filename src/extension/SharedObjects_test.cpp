@@ -1,0 +1,143 @@
+#include "extension/SharedObjects.hpp"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstdlib>
+#include <filesystem>
+#include <thread>
+#include <vector>
+
+#include "base/AppConst.hpp"
+#include "db/ConfigDB.hpp"
+#include "db/SyncDB.hpp"
+#include "platform/linux/Host.hpp"
+#include "rest/RESTPollingManager.hpp"
+#include "support/Environment.hpp"
+#include "support/ProcessStops.hpp"
+#include "support/TemporaryFolder.hpp"
+#include "support/Threads.hpp"
+
+namespace vornet::test {
+namespace {
+
+constexpr std::array IMAGES = {"checkmark", "sync", "error", "QMT"};
+
+/// Makes the main bundle one with the images `names`, in `folder`.
+template <typename Names>
+void useImages(const TemporaryFolder& folder, const Names& names) {
+  for (const char* name : names) writeFile(folder.path() / "16" / (std::string(name) + ".png"), "image");
+  platform::host::Bundle bundle;
+  bundle.imageFolders = {folder.path().string()};
+  platform::host::setMainBundle(bundle);
+}
+
+TEST(SharedObjectsTest, imagesAreTheResourcesWithTheirNames) {
+  const TemporaryFolder folder;
+  useImages(folder, IMAGES);
+  EXPECT_EQ(syncedImg().name(), "checkmark");
+  EXPECT_EQ(inProgressImg().name(), "sync");
+  EXPECT_EQ(failureImg().name(), "error");
+  EXPECT_EQ(vornetImg().name(), "QMT");
+}
+
+TEST(SharedObjectsTest, eachImageIsLoadedByItselfWhenFirstNeeded) {
+  const TemporaryFolder folder;
+  useImages(folder, std::array{"sync"});
+  EXPECT_EQ(inProgressImg().name(), "sync");
+  useImages(folder, std::array{"checkmark"});
+  EXPECT_EQ(syncedImg().name(), "checkmark");
+}
+
+TEST(SharedObjectsTest, anImageOnceLoadedStays) {
+  const TemporaryFolder folder;
+  useImages(folder, IMAGES);
+  const auto* first = &failureImg();
+  platform::host::setMainBundle({});
+  EXPECT_EQ(&failureImg(), first);
+  EXPECT_EQ(failureImg().name(), "error");
+}
+
+using SharedObjectsDeathTest = ProcessStops;
+
+TEST_F(SharedObjectsDeathTest, aMissingSyncedImageStopsTheProcess) {
+  const TemporaryFolder folder;
+  useImages(folder, std::array{"sync", "error", "QMT"});
+  EXPECT_DEATH(syncedImg(), "missing image resource: checkmark");
+}
+
+TEST_F(SharedObjectsDeathTest, aMissingInProgressImageStopsTheProcess) {
+  const TemporaryFolder folder;
+  useImages(folder, std::array{"checkmark", "error", "QMT"});
+  EXPECT_DEATH(inProgressImg(), "missing image resource: sync");
+}
+
+TEST_F(SharedObjectsDeathTest, aMissingFailureImageStopsTheProcess) {
+  const TemporaryFolder folder;
+  useImages(folder, std::array{"checkmark", "sync", "QMT"});
+  EXPECT_DEATH(failureImg(), "missing image resource: error");
+}
+
+TEST_F(SharedObjectsDeathTest, aMissingProductImageStopsTheProcess) {
+  const TemporaryFolder folder;
+  useImages(folder, std::array{"checkmark", "sync", "error"});
+  EXPECT_DEATH(vornetImg(), "missing image resource: QMT");
+}
+
+TEST_F(SharedObjectsDeathTest, anAbsentStatusManagerStopsWhoeverNeedsIt) {
+  EXPECT_DEATH(requiredStatusManager(), "no status manager");
+}
+
+TEST_F(SharedObjectsDeathTest, theSharedObjectsCanBeUsedWhileTheProcessEnds) {
+  const TemporaryFolder folder;
+  useImages(folder, IMAGES);
+  const auto exitAmidUse = [] {
+    Gate used;
+    std::thread([&used] {
+      const auto use = [] {
+        return App().APP_CODENAME.find('\0') + statusMap().at(2).size() + syncedImg().name().size() +
+               (statusManager() ? 1U : 0U);
+      };
+      const auto expected = use();
+      used.open();
+      while (use() == expected) {
+      }
+      std::abort();
+    }).detach();
+    used.pass();
+    std::exit(0);  // NOLINT: that threads go on meanwhile is the question
+  };
+  EXPECT_EXIT(exitAmidUse(), ::testing::ExitedWithCode(0), "");
+}
+
+TEST(SharedObjectsTest, statusManagerIsAbsentAtFirstAndThenWhatWasAssigned) {
+  const Environment environment;
+  EXPECT_EQ(statusManager(), nullptr);
+  const auto manager = std::make_shared<RESTPollingManager>();
+  statusManager() = manager;
+  EXPECT_EQ(statusManager(), manager);
+  EXPECT_EQ(&requiredStatusManager(), manager.get());
+  statusManager() = nullptr;
+}
+
+TEST(SharedObjectsTest, theTwoDatabaseReadersAreSharedAndDistinct) {
+  EXPECT_EQ(&syncDB(), &syncDB());
+  EXPECT_EQ(&configDB(), &configDB());
+  EXPECT_NE(static_cast<SyncDB*>(&configDB()), &syncDB());
+}
+
+TEST(SharedObjectsTest, eachSharedObjectIsMadeOnceEvenWhenManyThreadsUseItFirst) {
+  const TemporaryFolder folder;
+  useImages(folder, IMAGES);
+  constexpr std::size_t THREADS = 8;
+  std::vector<std::vector<const void*>> seen(THREADS);
+  inParallel(THREADS, [&](std::size_t number) {
+    seen[number] = {&App(),       &statusMap(),     &syncDB(),     &configDB(), &statusManager(),
+                    &syncedImg(), &inProgressImg(), &failureImg(), &vornetImg()};
+  });
+  for (const auto& objects : seen) EXPECT_EQ(objects, seen.front());
+}
+
+}  // namespace
+}  // namespace vornet::test
