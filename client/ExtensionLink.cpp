@@ -17,6 +17,7 @@ constexpr const char* BUS = "org.freedesktop.DBus";
 constexpr const char* BUS_PATH = "/org/freedesktop/DBus";
 constexpr const char* NOT_INSTALLED = "org.freedesktop.DBus.Error.ServiceUnknown";
 constexpr const char* INVALID_REPLY = "InvalidReply";
+constexpr const char* DISCONNECTED = "Disconnected";
 
 // As many observed folders as are looked at; the extension has one.
 constexpr std::size_t MOST_FOLDERS = 1000;
@@ -31,16 +32,18 @@ gint64 microseconds(std::chrono::milliseconds time) {
   return std::chrono::microseconds(time).count();
 }
 
-std::string nameOfError(const GError* error) {
-  const std::unique_ptr<gchar, decltype(&g_free)> remote(g_dbus_error_get_remote_error(error), g_free);
-  if (!remote) return "Disconnected";
-  const std::string name = remote.get();
-  return name.starts_with(dbus::ERROR_PREFIX) ? name.substr(std::string_view(dbus::ERROR_PREFIX).size()) : name;
+/// Takes the remote error's name off `error`'s message.
+CallError callErrorOf(GError* error) {
+  const GCharPtr remote(g_dbus_error_get_remote_error(error));
+  std::string name = remote ? remote.get() : DISCONNECTED;
+  if (name.starts_with(dbus::ERROR_PREFIX)) name.erase(0, std::string_view(dbus::ERROR_PREFIX).size());
+  g_dbus_error_strip_remote_error(error);
+  return {name, error->message};
 }
 
 /// Finding the bus may read files or start a program, so it has a thread of its own.
 void findBus(GTask* task, gpointer, gpointer, GCancellable*) {
-  GError* error = nullptr;
+  GError* error = nullptr;  // given on to the task, as the address is
   if (gchar* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, &error)) {
     g_task_return_pointer(task, address, g_free);
   } else {
@@ -94,7 +97,7 @@ bool ExtensionLink::isObserved(std::string_view path) const {
 // --- Connection and life of the extension ---------------------------------------------------------------------------
 
 void ExtensionLink::want() {
-  if (ready_ || connecting_ || starting_ || retry_.isRunning()) return;
+  if (ready_ || starting_ || retry_.isRunning()) return;
   const bool failedJustNow = lastFailure_ != 0 && g_get_monotonic_time() - lastFailure_ < microseconds(retries_.last());
   if (failedJustNow) return;
   start();
@@ -114,43 +117,33 @@ std::chrono::milliseconds ExtensionLink::nextDelay() {
   return retries_.next();
 }
 
+void ExtensionLink::open() {
+  if (!connection_ && !connecting_) connect();
+}
+
 void ExtensionLink::connect() {
   connecting_ = true;
   const ContextScope scope(context_);
   const auto found = +[](GObject*, GAsyncResult* result, gpointer data) {
     const auto weak = takeLink(data);
-    GError* error = nullptr;
-    auto* address = static_cast<gchar*>(g_task_propagate_pointer(G_TASK(result), &error));
-    if (const auto link = weak->lock()) (*link)->busFound(address, error);
-    g_free(address);
-    g_clear_error(&error);
+    GErrorPtr error;
+    const GCharPtr address(static_cast<gchar*>(g_task_propagate_pointer(G_TASK(result), ErrorTo(error))));
+    if (const auto link = weak->lock()) (*link)->busFound(address.get(), error.get());
   };
-  GTask* task = g_task_new(nullptr, nullptr, found, new WeakLink(self_));
-  g_task_run_in_thread(task, findBus);
-  g_object_unref(task);
+  const GObjectPtr<GTask> task(g_task_new(nullptr, nullptr, found, new WeakLink(self_)));
+  g_task_run_in_thread(task.get(), findBus);
 }
 
 void ExtensionLink::busFound(const char* address, const GError* error) {
-  if (!address) {
-    connecting_ = false;
-    return startFailed("", error->message);
-  }
+  if (!address) return busFailed(error);
   const ContextScope scope(context_);
   const auto opened = +[](GObject*, GAsyncResult* result, gpointer data) {
     const auto weak = takeLink(data);
-    GError* failure = nullptr;
-    GDBusConnection* connection = g_dbus_connection_new_for_address_finish(result, &failure);
-    if (const auto link = weak->lock()) {
-      (*link)->connecting_ = false;
-      if (connection) {
-        (*link)->connected(connection);
-      } else {
-        (*link)->startFailed("", failure->message);
-      }
-    } else {
-      g_clear_object(&connection);
-    }
-    g_clear_error(&failure);
+    GErrorPtr failure;
+    GObjectPtr<GDBusConnection> connection(g_dbus_connection_new_for_address_finish(result, ErrorTo(failure)));
+    const auto link = weak->lock();
+    if (!link) return;
+    connection ? (*link)->connected(std::move(connection)) : (*link)->busFailed(failure.get());
   };
   g_dbus_connection_new_for_address(address,
                                     static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
@@ -158,16 +151,24 @@ void ExtensionLink::busFound(const char* address, const GError* error) {
                                     nullptr, nullptr, opened, new WeakLink(self_));
 }
 
-void ExtensionLink::connected(GDBusConnection* connection) {
-  connection_ = connection;
+void ExtensionLink::busFailed(const GError* error) {
+  connecting_ = false;
+  listener_.busLost(error->message);
+  if (std::exchange(startsWhenConnected_, false)) startFailed({"", error->message});
+}
+
+void ExtensionLink::connected(GObjectPtr<GDBusConnection> connection) {
+  connecting_ = false;
+  connection_ = std::move(connection);
   const auto closed = +[](GDBusConnection*, gboolean, GError*, gpointer self) {
     auto& link = *static_cast<ExtensionLink*>(self);
     const bool known = !link.owner_.empty();
     link.lastFailure_ = g_get_monotonic_time();
     link.disconnect();
+    link.listener_.busLost("it went away");
     if (known) link.listener_.extensionGone();
   };
-  closedHandler_ = g_signal_connect(connection_, "closed", G_CALLBACK(closed), this);
+  closedHandler_ = g_signal_connect(connection_.get(), "closed", G_CALLBACK(closed), this);
 
   const ContextScope scope(context_);
   const auto appears = +[](GDBusConnection*, const gchar*, const gchar* owner, gpointer self) {
@@ -175,9 +176,10 @@ void ExtensionLink::connected(GDBusConnection* connection) {
   };
   const auto vanishes =
       +[](GDBusConnection*, const gchar*, gpointer self) { static_cast<ExtensionLink*>(self)->vanished(); };
-  watch_ = g_bus_watch_name_on_connection(connection_, dbus::BUS_NAME, G_BUS_NAME_WATCHER_FLAGS_NONE, appears, vanishes,
-                                          this, nullptr);
-  start();
+  watch_ = g_bus_watch_name_on_connection(connection_.get(), dbus::BUS_NAME, G_BUS_NAME_WATCHER_FLAGS_NONE, appears,
+                                          vanishes, this, nullptr);
+  listener_.busOpened();
+  if (std::exchange(startsWhenConnected_, false)) start();
 }
 
 void ExtensionLink::disconnect() {
@@ -188,31 +190,42 @@ void ExtensionLink::disconnect() {
   unsubscribe();
   g_bus_unwatch_name(watch_);
   watch_ = 0;
-  g_signal_handler_disconnect(connection_, closedHandler_);
-  if (!g_dbus_connection_is_closed(connection_)) g_dbus_connection_close(connection_, nullptr, nullptr, nullptr);
-  g_clear_object(&connection_);
+  g_signal_handler_disconnect(connection_.get(), closedHandler_);
+  if (!g_dbus_connection_is_closed(connection_.get())) {
+    g_dbus_connection_close(connection_.get(), nullptr, nullptr, nullptr);
+  }
+  connection_.reset();
 }
 
 void ExtensionLink::start() {
-  if (!connection_) return connect();
+  if (!connection_) {
+    startsWhenConnected_ = true;
+    return open();
+  }
   starting_ = true;
-  callOnBus(BUS, BUS_PATH, BUS, "StartServiceByName", g_variant_new("(su)", dbus::BUS_NAME, 0), "(u)",
-            [this](GVariant* started, const std::string& error) {
-              starting_ = false;
-              if (!started) startFailed(error, error.c_str());
-            });
+  callBus("StartServiceByName", g_variant_new("(su)", dbus::BUS_NAME, 0), "(u)",
+          [this](GVariant* started, const CallError& error) {
+            starting_ = false;
+            if (!started) startFailed(error);
+          });
+}
+
+void ExtensionLink::Listener::startFailed(const CallError& error, bool isFirst, bool) {
+  if (isFirst) g_warning("the extension cannot be started: %s", error.message.c_str());
 }
 
 /// What is not installed is not asked for again until somebody comes to a folder later; what fails otherwise is tried a
 /// few times, ever later.
-void ExtensionLink::startFailed(const std::string& error, const char* message) {
+void ExtensionLink::startFailed(const CallError& error) {
   if (!owner_.empty()) return;  // it runs, though the bus could not start it
   lastFailure_ = g_get_monotonic_time();
-  if (error == NOT_INSTALLED) return;
-  if (!warned_) g_warning("the extension cannot be started: %s", message);
-  warned_ = true;
-  triedAtOnce_ = true;
-  if (const auto delay = nextDelay(); delay < retries_.last()) retry_.start(delay, [this] { start(); });
+  const bool isInstalled = error.name != NOT_INSTALLED;
+  if (isInstalled) {
+    triedAtOnce_ = true;
+    if (const auto delay = nextDelay(); delay < retries_.last()) retry_.start(delay, [this] { start(); });
+  }
+  const bool isFirst = isInstalled && !std::exchange(warned_, true);
+  listener_.startFailed(error, isFirst, retry_.isRunning());
 }
 
 void ExtensionLink::appeared(const std::string& owner) {
@@ -232,13 +245,13 @@ void ExtensionLink::appeared(const std::string& owner) {
         link.listener_.badgesChanged(changes.get());
       };
   badgesSubscription_ =
-      g_dbus_connection_signal_subscribe(connection_, owner_.c_str(), dbus::INTERFACE, "BadgesChanged",
+      g_dbus_connection_signal_subscribe(connection_.get(), owner_.c_str(), dbus::INTERFACE, "BadgesChanged",
                                          dbus::OBJECT_PATH, nullptr, G_DBUS_SIGNAL_FLAGS_NONE, badges, this, nullptr);
   const auto properties =
       +[](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* values, gpointer self) {
         guarded([&] { static_cast<ExtensionLink*>(self)->propertiesChanged(values); });
       };
-  propertiesSubscription_ = g_dbus_connection_signal_subscribe(connection_, owner_.c_str(), PROPERTIES,
+  propertiesSubscription_ = g_dbus_connection_signal_subscribe(connection_.get(), owner_.c_str(), PROPERTIES,
                                                                "PropertiesChanged", dbus::OBJECT_PATH, dbus::INTERFACE,
                                                                G_DBUS_SIGNAL_FLAGS_NONE, properties, this, nullptr);
   readProperties();
@@ -246,7 +259,7 @@ void ExtensionLink::appeared(const std::string& owner) {
 
 void ExtensionLink::unsubscribe() {
   for (auto* subscription : {&badgesSubscription_, &propertiesSubscription_}) {
-    if (*subscription) g_dbus_connection_signal_unsubscribe(connection_, *subscription);
+    if (*subscription) g_dbus_connection_signal_unsubscribe(connection_.get(), *subscription);
     *subscription = 0;
   }
   readAgain_.stop();
@@ -254,21 +267,19 @@ void ExtensionLink::unsubscribe() {
 }
 
 void ExtensionLink::readProperties() {
-  const auto taken = [this, owner = owner_](GVariant* values, const std::string&) {
+  const auto taken = [this, owner = owner_](GVariant* values, const CallError&) {
     if (owner != owner_) return;
-    GVariant* boxed = nullptr;
-    if (values) g_variant_get(values, "(v)", &boxed);
-    const bool known = boxed && g_variant_is_of_type(boxed, G_VARIANT_TYPE_STRING_ARRAY);
-    if (known) takeObservedFolders(boxed);
-    if (boxed) g_variant_unref(boxed);
+    const Value boxed(values ? g_variant_get_variant(childOf(values, 0).get()) : nullptr);
+    const bool known = boxed && g_variant_is_of_type(boxed.get(), G_VARIANT_TYPE_STRING_ARRAY);
+    if (known) takeObservedFolders(boxed.get());
     if (!known) return readAgain_.start(readRetries_.next(), [this] { readProperties(); });
     readRetries_.reset();
     ready_ = true;
     readySince_ = g_get_monotonic_time();
     listener_.extensionReady();
   };
-  callOnBus(owner_.c_str(), dbus::OBJECT_PATH, PROPERTIES, "Get",
-            g_variant_new("(ss)", dbus::INTERFACE, "ObservedFolders"), "(v)", taken);
+  callObject(owner_.c_str(), dbus::OBJECT_PATH, PROPERTIES, "Get",
+             g_variant_new("(ss)", dbus::INTERFACE, "ObservedFolders"), "(v)", G_DBUS_CALL_FLAGS_NONE, taken);
 }
 
 /// Of several changes that come in a row the last one counts.
@@ -277,10 +288,10 @@ void ExtensionLink::propertiesChanged(GVariant* values) {
   if (!g_variant_is_of_type(values, G_VARIANT_TYPE("(sa{sv}as)"))) return;
   const Value changed = childOf(values, 1);
   if (g_variant_n_children(changed.get()) > MOST_PROPERTIES) return;
-  GVariant* folders = g_variant_lookup_value(changed.get(), "ObservedFolders", G_VARIANT_TYPE_STRING_ARRAY);
+  Value folders(g_variant_lookup_value(changed.get(), "ObservedFolders", G_VARIANT_TYPE_STRING_ARRAY));
   if (!folders) return;
   const bool waits = newFolders_ != nullptr;
-  newFolders_.reset(folders, g_variant_unref);
+  newFolders_ = std::move(folders);
   if (waits) return;
   work_.add([this] {
     const auto told = std::exchange(newFolders_, nullptr);
@@ -316,41 +327,48 @@ void ExtensionLink::vanished() {
 // --- Calls ----------------------------------------------------------------------------------------------------------
 
 void ExtensionLink::call(const char* method, GVariant* arguments, const char* type, Done done) {
-  if (connection_)
-    return callOnBus(dbus::BUS_NAME, dbus::OBJECT_PATH, dbus::INTERFACE, method, arguments, type, std::move(done));
-  g_variant_unref(g_variant_ref_sink(arguments));
-  done(nullptr, "Disconnected");
+  callObject(dbus::BUS_NAME, dbus::OBJECT_PATH, dbus::INTERFACE, method, arguments, type, G_DBUS_CALL_FLAGS_NONE,
+             std::move(done));
+}
+
+void ExtensionLink::readAllProperties(bool mayStart, Done done) {
+  callObject(dbus::BUS_NAME, dbus::OBJECT_PATH, PROPERTIES, "GetAll", g_variant_new("(s)", dbus::INTERFACE), "(a{sv})",
+             mayStart ? G_DBUS_CALL_FLAGS_NONE : G_DBUS_CALL_FLAGS_NO_AUTO_START, std::move(done));
+}
+
+void ExtensionLink::callBus(const char* method, GVariant* arguments, const char* type, Done done) {
+  callObject(BUS, BUS_PATH, BUS, method, arguments, type, G_DBUS_CALL_FLAGS_NONE, std::move(done));
 }
 
 void ExtensionLink::send(const char* method, GVariant* arguments) {
-  g_variant_ref_sink(arguments);
-  if (connection_) {
-    g_dbus_connection_call(connection_, dbus::BUS_NAME, dbus::OBJECT_PATH, dbus::INTERFACE, method, arguments, nullptr,
-                           G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, nullptr, nullptr);
-  }
-  g_variant_unref(arguments);
+  const Value owned(g_variant_ref_sink(arguments));
+  if (!connection_) return;
+  g_dbus_connection_call(connection_.get(), dbus::BUS_NAME, dbus::OBJECT_PATH, dbus::INTERFACE, method, arguments,
+                         nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, nullptr, nullptr);
 }
 
-void ExtensionLink::callOnBus(const char* name, const char* path, const char* interface, const char* method,
-                              GVariant* arguments, const char* type, Done done) {
+void ExtensionLink::callObject(const char* name, const char* path, const char* interface, const char* method,
+                               GVariant* arguments, const char* type, GDBusCallFlags flags, Done done) {
+  const Value owned(arguments ? g_variant_ref_sink(arguments) : nullptr);
+  if (!connection_) return done(nullptr, {DISCONNECTED, "no connection to the session bus"});
   const ContextScope scope(context_);
   const auto finished = +[](GObject* connection, GAsyncResult* result, gpointer data) {
     const std::unique_ptr<Call> call(static_cast<Call*>(data));
-    GError* error = nullptr;
-    GVariant* values = g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &error);
-    if (const auto link = call->link.lock()) {
-      const TracedCall traced("answer");
-      guarded([&] {
-        const bool valid = values && g_variant_is_of_type(values, G_VARIANT_TYPE(call->type));
-        if (values && (!valid || isLarge(values))) (*link)->disposal_.add(values);
-        call->done(valid ? values : nullptr, valid ? "" : values ? INVALID_REPLY : nameOfError(error));
-      });
-    }
-    if (values) g_variant_unref(values);
-    g_clear_error(&error);
+    GErrorPtr error;
+    const Value values(g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, ErrorTo(error)));
+    const auto link = call->link.lock();
+    if (!link) return;
+    const TracedCall traced("answer");
+    guarded([&] {
+      if (!values) return call->done(nullptr, callErrorOf(error.get()));
+      const bool valid = g_variant_is_of_type(values.get(), G_VARIANT_TYPE(call->type));
+      if (!valid || isLarge(values.get())) (*link)->disposal_.add(values.get());
+      if (valid) return call->done(values.get(), {});
+      call->done(nullptr, {INVALID_REPLY, "an answer of another type"});
+    });
   };
-  g_dbus_connection_call(connection_, name, path, interface, method, arguments, nullptr, G_DBUS_CALL_FLAGS_NONE,
-                         G_MAXINT, nullptr, finished, new Call{self_, type, std::move(done)});
+  g_dbus_connection_call(connection_.get(), name, path, interface, method, arguments, nullptr, flags, G_MAXINT, nullptr,
+                         finished, new Call{self_, type, std::move(done)});
 }
 
 }  // namespace vornet::client

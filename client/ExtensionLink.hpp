@@ -9,14 +9,25 @@
 #include <vector>
 
 #include "Backoff.hpp"
+#include "GLibPtr.hpp"
 #include "MainLoop.hpp"
 
 namespace vornet::client {
 
+/// Why a call has no values.
+struct CallError {
+  /// What follows the prefix of the extension's own errors ("Busy"), "InvalidReply" for values of another type,
+  /// "Disconnected" without a bus, the whole name of any other error.
+  std::string name;
+  std::string message;  ///< for people
+
+  operator const std::string&() const { return name; }
+};
+
 /// The extension on the session bus: finds and starts it, notices its end, makes calls, hands on its signals. The
-/// connection is the plug-in's own, because the shared one ends the file manager's process when the bus goes. Nothing
-/// waits: what has no answer yet has none. What the extension says is not trusted: answers of another type count as
-/// failures, and no more is kept of them than a file manager needs. Not thread-safe: the context's thread only.
+/// connection is private, because the shared one ends the process when the bus goes. Nothing waits: what has no answer
+/// yet has none. What the extension says is not trusted: answers of another type count as failures, and no more is kept
+/// of them than a file manager needs. Not thread-safe: the context's thread only.
 class ExtensionLink {
  public:
   class Listener {
@@ -29,12 +40,23 @@ class ExtensionLink {
     virtual void observedFoldersChanged() = 0;
     /// `changes`: a(ss), item's URL and identifier.
     virtual void badgesChanged(GVariant* changes) = 0;
+
+    /// The bus can be called.
+    virtual void busOpened() {}
+    /// There is no bus, or it went away; `message` says why.
+    virtual void busLost(const std::string& message) { static_cast<void>(message); }
+    /// The bus could not start the extension. `willRetry`: the link tries again by itself. Writes a line to the log, of
+    /// the first failure only.
+    virtual void startFailed(const CallError& error, bool isFirst, bool willRetry);
   };
 
   ExtensionLink(GMainContext* context, const Backoff& retries, Listener& listener);
   ~ExtensionLink();
   ExtensionLink(const ExtensionLink&) = delete;
   ExtensionLink& operator=(const ExtensionLink&) = delete;
+
+  /// Connects to the bus, and does not start the extension.
+  void open();
 
   /// The extension is needed: the bus is asked to start it, where it does not run. After a failed attempt nothing is
   /// done before the longest retry time is over.
@@ -45,6 +67,9 @@ class ExtensionLink {
 
   bool isReady() const { return ready_; }
 
+  /// The unique name of the process that owns the extension's bus name; empty for none.
+  const std::string& owner() const { return owner_; }
+
   /// Whether an extension has ever told its folders; and those that the last one told, as paths.
   bool foldersKnown() const { return foldersKnown_; }
   const std::vector<std::string>& observedFolders() const { return observedFolders_; }
@@ -53,12 +78,16 @@ class ExtensionLink {
   bool isObserved(std::string_view path) const;
 
   /// Calls `method`; starts the extension where it does not run. `done` gets the values, which are of `type`, or null
-  /// and the error's name ("Busy" for those of the extension itself, "InvalidReply" for values of another type, the
-  /// whole name otherwise); it is not called any more after the end of this object. There is no time-out: an extension
-  /// that hangs answers when it goes on, and an error comes when it ends. The caller bounds how many calls are under
-  /// way.
-  using Done = std::function<void(GVariant* values, const std::string& error)>;
+  /// and the error; it is not called any more after the end of this object. There is no time-out: an extension that
+  /// hangs answers when it goes on, and an error comes when it ends. The caller bounds how many calls are in flight.
+  using Done = std::function<void(GVariant* values, const CallError& error)>;
   void call(const char* method, GVariant* arguments, const char* type, Done done);
+
+  /// The same for all properties, (a{sv}); `mayStart`: starts the extension.
+  void readAllProperties(bool mayStart, Done done);
+
+  /// The same for a method of the bus itself.
+  void callBus(const char* method, GVariant* arguments, const char* type, Done done);
 
   /// The same where the answer does not matter: none comes.
   void send(const char* method, GVariant* arguments);
@@ -68,36 +97,38 @@ class ExtensionLink {
 
   void connect();
   void busFound(const char* address, const GError* error);
-  void connected(GDBusConnection* connection);
+  void busFailed(const GError* error);
+  void connected(GObjectPtr<GDBusConnection> connection);
   void disconnect();
   void start();
-  void startFailed(const std::string& error, const char* message);
+  void startFailed(const CallError& error);
   void appeared(const std::string& owner);
   void vanished();
   void readProperties();
   void propertiesChanged(GVariant* values);
   void takeObservedFolders(GVariant* urls);
   void unsubscribe();
-  void callOnBus(const char* name, const char* path, const char* interface, const char* method, GVariant* arguments,
-                 const char* type, Done done);
+  void callObject(const char* name, const char* path, const char* interface, const char* method, GVariant* arguments,
+                  const char* type, GDBusCallFlags flags, Done done);
   std::chrono::milliseconds nextDelay();
 
   GMainContext* context_;
   Listener& listener_;
   std::shared_ptr<ExtensionLink*> self_;  ///< what callbacks hold weakly
 
-  GDBusConnection* connection_ = nullptr;
+  GObjectPtr<GDBusConnection> connection_;
   gulong closedHandler_ = 0;
   guint watch_ = 0;
   guint badgesSubscription_ = 0;
   guint propertiesSubscription_ = 0;
   bool connecting_ = false;
+  bool startsWhenConnected_ = false;
   bool starting_ = false;
   bool ready_ = false;
   std::string owner_;
   std::vector<std::string> observedFolders_;
   bool foldersKnown_ = false;
-  std::shared_ptr<GVariant> newFolders_;  ///< told, and not yet taken in
+  GVariantPtr newFolders_;  ///< told, and not yet taken in
   SlicedWork work_;
   Disposal disposal_;
 

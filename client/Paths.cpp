@@ -1,23 +1,21 @@
 #include "Paths.hpp"
 
-#include <gio/gio.h>
-
-#include <memory>
+#include "GLibPtr.hpp"
 
 namespace vornet::client {
 
 std::optional<std::string> pathOfURL(const char* url) {
   if (!url) return std::nullopt;
   gchar* host = nullptr;
-  const std::unique_ptr<gchar, decltype(&g_free)> path(g_filename_from_uri(url, &host, nullptr), g_free);
-  const bool local = !host || g_str_equal(host, "localhost");
-  g_free(host);
+  const GCharPtr path(g_filename_from_uri(url, &host, nullptr));
+  const GCharPtr ownedHost(host);
+  const bool local = !host || !*host || g_str_equal(host, "localhost");
   if (!path || !local) return std::nullopt;
   return withoutSlash(path.get());
 }
 
 std::string urlOfPath(const std::string& path) {
-  const std::unique_ptr<gchar, decltype(&g_free)> url(g_filename_to_uri(path.c_str(), nullptr, nullptr), g_free);
+  const GCharPtr url(g_filename_to_uri(path.c_str(), nullptr, nullptr));
   return url ? url.get() : std::string();
 }
 
@@ -34,6 +32,12 @@ std::string_view folderOf(std::string_view path) {
 
 std::string_view nameOf(std::string_view path) {
   return path.substr(path.rfind('/') + 1);
+}
+
+std::string childPath(std::string_view folder, std::string_view name) {
+  std::string path(folder);
+  if (path != "/") path += '/';
+  return path.append(name);
 }
 
 bool isWithin(std::string_view folder, std::string_view path) {

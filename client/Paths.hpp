@@ -22,6 +22,9 @@ std::string withoutSlash(std::string_view path);
 std::string_view folderOf(std::string_view path);
 std::string_view nameOf(std::string_view path);
 
+/// The path of the entry `name` of `folder`, which has no "/" at its end unless it is the root folder.
+std::string childPath(std::string_view folder, std::string_view name);
+
 /// Whether `path` is `folder` itself or lies somewhere below it; both without a "/" at the end.
 bool isWithin(std::string_view folder, std::string_view path);
 

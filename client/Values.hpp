@@ -1,15 +1,10 @@
 #pragma once
 
-#include <glib.h>
-
-#include <memory>
+#include "GLibPtr.hpp"
 
 namespace vornet::client {
 
-struct UnrefValue {
-  void operator()(GVariant* value) const { g_variant_unref(value); }
-};
-using Value = std::unique_ptr<GVariant, UnrefValue>;
+using Value = GVariantPtr;
 
 /// The child `index` of a container. Unlike g_variant_get_child() with "&s", which first serialises the whole
 /// container, its cost does not depend on how many others there are.

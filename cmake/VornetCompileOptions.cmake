@@ -8,6 +8,9 @@ target_compile_options(vornet_options INTERFACE -Wall -Wextra -Wpedantic -Wconve
   "-fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=")
 # GCC 12 sees overlapping copies where texts are added to texts (its bug 105651).
 target_compile_options(vornet_options INTERFACE $<$<CXX_COMPILER_ID:GNU>:-Wno-restrict>)
+# GCC 16 takes what an empty std::optional would hold for something that is read.
+target_compile_options(vornet_options INTERFACE
+  $<$<AND:$<CXX_COMPILER_ID:GNU>,$<VERSION_GREATER_EQUAL:$<CXX_COMPILER_VERSION>,16>>:-Wno-maybe-uninitialized>)
 if(VORNET_WERROR)
   target_compile_options(vornet_options INTERFACE -Werror)
 endif()

@@ -90,22 +90,50 @@ double luminance(double red, double green, double blue) {
   return 0.2126 * linear(red) + 0.7152 * linear(green) + 0.0722 * linear(blue);
 }
 
+/// Luminance of a pixel laid over a grey with `opacity`, 0 to 1.
+double luminanceOver(const Picture::Pixel& pixel, double background, double opacity) {
+  const double alpha = pixel.alpha / 255.0 * opacity;
+  const auto over = [&](std::uint8_t channel) { return channel * alpha + background * (1 - alpha); };
+  return luminance(over(pixel.red), over(pixel.green), over(pixel.blue));
+}
+
+/// Contrast ratio of two luminances.
+double contrast(double one, double other) {
+  return (std::max(one, other) + 0.05) / (std::min(one, other) + 0.05);
+}
+
 /// Share of the silhouette whose contrast ratio with a background of that grey is at least 3, the least that the
 /// accessibility guidelines ask of a graphical object; https://www.w3.org/TR/WCAG21/#non-text-contrast
 /// `opacity`: 0 to 1, with which the picture is painted.
 double visibleShare(const Picture& picture, double background, double opacity = 1) {
+  const double behind = luminance(background, background, background);
   int solid = 0;
   int visible = 0;
   for (const auto& pixel : picture.pixels) {
     if (!pixel.solid()) continue;
     ++solid;
-    const double alpha = pixel.alpha / 255.0 * opacity;
-    const auto over = [&](std::uint8_t channel) { return channel * alpha + background * (1 - alpha); };
-    const double seen = luminance(over(pixel.red), over(pixel.green), over(pixel.blue));
-    const double behind = luminance(background, background, background);
-    if ((std::max(seen, behind) + 0.05) / (std::min(seen, behind) + 0.05) >= 3) ++visible;
+    if (contrast(luminanceOver(pixel, background, opacity), behind) >= 3) ++visible;
   }
   return solid == 0 ? 0 : static_cast<double>(visible) / solid;
+}
+
+/// Mean contrast ratio, soft edges included, of the shape that is seen on a background of that grey: the pixels whose
+/// luminance is at least half as far from the background's as that of any. tests/desktop/contrast.py measures the same
+/// on a screen.
+double shapeContrast(const Picture& picture, double background, double opacity) {
+  const double behind = luminance(background, background, background);
+  std::vector<double> drawn;
+  for (const auto& pixel : picture.pixels) drawn.push_back(luminanceOver(pixel, background, opacity));
+  double furthest = 0;
+  for (const double seen : drawn) furthest = std::max(furthest, std::abs(seen - behind));
+  double sum = 0;
+  int count = 0;
+  for (const double seen : drawn) {
+    if (std::abs(seen - behind) < furthest / 2) continue;
+    sum += contrast(seen, behind);
+    ++count;
+  }
+  return sum / count;
 }
 
 /// Share of the pixels covered by either silhouette that only one of them covers: 0 for equal shapes, 1 for disjoint.
@@ -215,6 +243,7 @@ TEST(Resources, EmblemsStandOutAtFiftyFivePercentOnLightAndDarkThemes) {
       ASSERT_TRUE(picture);
       for (const double ground : {255, 250, 36, 30}) {
         EXPECT_GE(visibleShare(*picture, ground, 0.55), 0.2) << name << " of " << size << " on " << ground;
+        EXPECT_GE(shapeContrast(*picture, ground, 0.55), 3) << name << " of " << size << " on " << ground;
       }
     }
   }

@@ -51,6 +51,7 @@ class Link : public std::enable_shared_from_this<Link> {
   /// Lets calls pass from now on, and answers those that the gate refuses, on `connection`.
   void open(GDBusConnection* connection);
   bool hasSomething() const { return gate_.hasSomething(); }
+  bool hasUnansweredCalls() const { return gate_.hasUnansweredCalls(); }
   void answered(const char* client, guint32 serial);
   void doneWith(const std::string& client, guint32 serial);
 
@@ -450,6 +451,11 @@ GDBusConnection* connectToSessionBus(GError** error) {
   g_object_unref(gated);
   if (connection) link->open(connection);
   return connection;
+}
+
+bool hasUnansweredCalls(GDBusConnection* connection) {
+  GInputStream* input = g_io_stream_get_input_stream(g_dbus_connection_get_stream(connection));
+  return !g_dbus_connection_is_closed(connection) && inputLink(input).hasUnansweredCalls();
 }
 
 }  // namespace vornet::service

@@ -9,4 +9,8 @@ namespace vornet::service {
 /// no bus. Blocks until the bus has answered.
 GDBusConnection* connectToSessionBus(GError** error);
 
+/// Whether clients await answers to calls that `connection`, made as above, has taken in. False once it is closed. Any
+/// thread.
+bool hasUnansweredCalls(GDBusConnection* connection);
+
 }  // namespace vornet::service

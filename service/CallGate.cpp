@@ -226,6 +226,11 @@ bool CallGate::hasSomething() const {
   return isOpen_ && std::any_of(waiting_.begin(), waiting_.end(), [&](const auto& lane) { return lane.has(may); });
 }
 
+bool CallGate::hasUnansweredCalls() const {
+  const std::lock_guard guard(lock_);
+  return !clients_.empty();
+}
+
 /// A client may have as many calls under way as are free: one alone gets half of all, and there is always room for who
 /// has none.
 bool CallGate::mayGo(const std::string& name, const Message& message) const {

@@ -60,6 +60,9 @@ class CallGate {
   /// the clients' own need not differ.
   void doneWith(const std::string& client, std::uint32_t serial) { finished({client, serial, false}); }
 
+  /// Whether calls wait or are under way.
+  bool hasUnansweredCalls() const;
+
   /// The next refusal to be sent; clients take turns here too.
   std::optional<Refusal> nextRefusal();
   bool hasRefusals() const;

@@ -7,6 +7,7 @@
 #include "base/AppConst.hpp"
 #include "dbus/Interface.hpp"
 #include "platform/linux/Host.hpp"
+#include "rest/RESTPollingManager.hpp"
 
 namespace vornet::service {
 namespace {
@@ -113,7 +114,6 @@ FinderSyncService::~FinderSyncService() {
 bool FinderSyncService::start(std::string& error) {
   connectHandlers();
   platform::host::setListener(this);
-  publishProperties();
   GError* failure = nullptr;
   exported_ =
       g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(skeleton_), connection_, dbus::OBJECT_PATH, &failure);

@@ -23,14 +23,19 @@ namespace vornet::service {
 /// other. Made, started and stopped on the thread of the main context.
 class FinderSyncService : private platform::host::Listener {
  public:
-  /// Serves `extension`, which has been brought to life, on `connection`. Both outlive the service.
+  /// Serves `extension` on `connection`. Both outlive the service.
   FinderSyncService(FinderSync& extension, GDBusConnection* connection);
   ~FinderSyncService() override;
   FinderSyncService(const FinderSyncService&) = delete;
   FinderSyncService& operator=(const FinderSyncService&) = delete;
 
-  /// Takes calls from now on. False, with `error` saying why, when the object cannot be exported.
+  /// Exports the object. Calls to it wait in the main context, which must not run before the extension has been brought
+  /// to life. False, with `error` saying why, when the object cannot be exported.
   bool start(std::string& error);
+
+  /// Makes the object's properties what the extension says now. The service does so by itself when the observed folders
+  /// change; to be called once the extension has been brought to life.
+  void publishProperties();
 
   /// Takes no more calls, finishes those being carried out (at most some seconds) and drops those that wait.
   void stop();
@@ -44,7 +49,6 @@ class FinderSyncService : private platform::host::Listener {
   void directoriesChanged() override;
 
   void connectHandlers();
-  void publishProperties();
   void unwatchClients();
 
   /// Runs `work` on `pool` when it is the caller's turn; answers `invocation` with an error when `work` throws. `cost`:

@@ -136,7 +136,8 @@ class ProcessLife : public testing::Test {
     ASSERT_TRUE(server->waitForRequests(1));
     ASSERT_TRUE(client->beginObserving(url("e")));
     for (int i = 0; i < 6; ++i) {
-      client->call("GetMenu", BusClient::urlArguments({url("x")}), [](const BusReply&) {});
+      client->call("GetMenu", BusClient::urlArguments({url("x")}),
+                   [this](const BusReply& reply) { menus += reply ? 1 : 0; });
     }
     ASSERT_TRUE(client->waitUntil([this] { return requests("mac_populate_menu") == 4; }));
     ASSERT_EQ(requests("get_icons_for_folder"), 1u);
@@ -160,6 +161,7 @@ class ProcessLife : public testing::Test {
   Environment environment;
   const std::string root = environment.folder() / "root";
   Gate statuses;
+  std::size_t menus = 0;  // answered
   std::optional<LoopbackServer> server;
   std::optional<PrivateBus> bus;
   std::optional<BusClient> client;
@@ -176,15 +178,15 @@ TEST_F(EndOfProcess, ComesInTimeWhenIdle) {
   EXPECT_EQ(endWhenAsked(), 0);
 }
 
-TEST_F(EndOfProcess, ComesInTimeInRequestsAndBeginsNoFurtherOne) {
+TEST_F(EndOfProcess, ComesInTimeInRequestsWithEveryMenuAnsweredAndNoFurtherFolderPolled) {
   start();
   keepBusy();
   extension->signal(SIGTERM);
   ASSERT_TRUE(client->waitUntil([this] { return client->extensionProcess() == 0; }));
   statuses.open();  // the worker could go on to the next folder now, while the menus still wait
-  EXPECT_THAT(end(), AnyOf(0, 1));
+  EXPECT_EQ(end(), 0);
   EXPECT_EQ(requests("get_icons_for_folder"), 1u);
-  EXPECT_EQ(requests("mac_populate_menu"), 4u);
+  EXPECT_TRUE(client->waitUntil([this] { return menus == 6; }));
 }
 
 TEST_F(EndOfProcess, ComesLongBeforeTheTimeOutOfRequestsUnderWayWhoseCallsAreAnswered) {
@@ -303,8 +305,12 @@ TEST_F(StartOfProcess, ItBeginsWithAPipeWithoutAReaderInPlaceOfItsLog) {
 TEST_F(StartOfProcess, ItsLogKeepsOutTheLastLinesOfTheOneBefore) {
   start();
   keepBusy();
+  for (int i = 0; i < 40; ++i) {
+    client->call("GetMenu", BusClient::urlArguments({url("x")}), [](const BusReply&) {});
+  }
+  EXPECT_EQ(client->property("Version"), "'1.0.0'");  // the calls above have arrived
   const auto first = std::move(extension);
-  first->signal(SIGTERM);  // it goes on for the rest of its requests
+  first->signal(SIGTERM);  // it gives up one menu after another
   ASSERT_TRUE(client->waitUntil([&] { return client->extensionProcess() != first->pid(); }));
   start();
   EXPECT_THAT(first->wait(), AnyOf(0, 1));

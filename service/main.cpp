@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "BusConnection.hpp"
+#include "BusName.hpp"
 #include "FinderSyncService.hpp"
 #include "PreferencesWatch.hpp"
 #include "base/AppConst.hpp"
@@ -27,8 +28,9 @@ namespace {
 
 using vornet::platform::systemLog;
 
-// Longer than the requests that may be under way and the last lines of the console take, shorter than anybody waits.
+// Longer than answering and the last lines of the console take, shorter than anybody waits.
 constexpr std::chrono::milliseconds LONGEST_END{3400};
+constexpr std::chrono::milliseconds LONGEST_ANSWERING{2000};
 
 /// Ends the process with status 1 should it not have ended by itself in time: what is being carried out may hang in a
 /// file system, or writing to standard error.
@@ -49,34 +51,37 @@ void openStandardDescriptors() {
   if (descriptor >= 0) ::close(descriptor);
 }
 
-struct Run {
-  GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
-  vornet::service::PreferencesWatch& preferences;
-  int status = 0;
+/// The main loop, from when the extension has been brought to life until it is asked to end.
+class Run {
+ public:
+  explicit Run(GDBusConnection* connection) : connection_(connection) {
+    const auto closed = +[](GDBusConnection*, gboolean, GError*, gpointer run) { static_cast<Run*>(run)->end(); };
+    g_signal_connect(connection_, "closed", G_CALLBACK(closed), this);
+  }
+  ~Run() {
+    g_signal_handlers_disconnect_by_data(connection_, this);
+    g_main_loop_unref(loop_);
+  }
+  Run(const Run&) = delete;
+  Run& operator=(const Run&) = delete;
 
-  void end(int withStatus) {
+  void untilAskedToEnd() { g_main_loop_run(loop_); }
+
+  /// On the thread of the main context, while it runs.
+  void end() {
     endInAnyCase();
     vornet::statusManager()->request_stop();
     vornet::RESTClient::hurry();
-    status = withStatus;
-    g_main_loop_quit(loop);
+    g_main_loop_quit(loop_);
   }
+
+ private:
+  GDBusConnection* const connection_;
+  GMainLoop* const loop_ = g_main_loop_new(nullptr, FALSE);
 };
 
-/// From now on this process is the extension: it may end itself without anybody waiting in vain for its start.
-void nameOwned(GDBusConnection*, const gchar*, gpointer data) {
-  auto* run = static_cast<Run*>(data);
-  run->preferences.start([run] { run->end(0); });
-}
-
-void nameLost(GDBusConnection* connection, const gchar* name, gpointer run) {
-  if (!connection || g_dbus_connection_is_closed(connection)) return;  // with the bus itself
-  static_cast<Run*>(run)->end(1);                                      // first, as what follows may block
-  systemLog(std::string("the bus name ") + name + " is not to be had");
-}
-
 gboolean asked(gpointer run) {
-  static_cast<Run*>(run)->end(0);
+  static_cast<Run*>(run)->end();
   return G_SOURCE_REMOVE;
 }
 
@@ -104,42 +109,65 @@ void endOnSignals(Run& run) {
   for (const int number : {SIGTERM, SIGINT}) ::sigaction(number, &action, nullptr);
 }
 
-/// Serves `extension` until asked to end, or until the bus goes away. The exit status.
-int serve(vornet::FinderSync& extension, vornet::service::PreferencesWatch& preferences) {
-  GError* error = nullptr;
-  GDBusConnection* connection = vornet::service::connectToSessionBus(&error);
-  if (!connection) {
-    systemLog(std::string("no session bus: ") + error->message);
-    g_error_free(error);
-    return 1;
+/// Has the calls that have come answered, as far as that does not take long.
+void answerWhatHasCome(GDBusConnection* connection) {
+  using Clock = std::chrono::steady_clock;
+  const auto until = Clock::now() + LONGEST_ANSWERING;
+  while (vornet::service::hasUnansweredCalls(connection) && Clock::now() < until) {
+    while (g_main_context_iteration(nullptr, FALSE)) continue;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
+}
 
-  Run run{.preferences = preferences};
-  const auto closed = +[](GDBusConnection*, gboolean, GError*, gpointer data) { static_cast<Run*>(data)->end(0); };
-  g_signal_connect(connection, "closed", G_CALLBACK(closed), &run);
+/// Claims the bus name, brings the extension to life and serves it until asked to end, or until the bus goes away. The
+/// exit status.
+int serve(GDBusConnection* connection) {
+  const std::string& name = vornet::App().APP_CODENAME;
+  Run run(connection);
   endOnSignals(run);
 
+  // First the object, then the name, then the extension: calls that come with the name find the object, and wait in the
+  // main context until the extension is there.
+  vornet::FinderSync extension;
   vornet::service::FinderSyncService service(extension, connection);
   std::string reason;
-  if (service.start(reason)) {
-    const guint name =
-        g_bus_own_name_on_connection(connection, vornet::App().APP_CODENAME.c_str(),
-                                     G_BUS_NAME_OWNER_FLAGS_DO_NOT_QUEUE, &nameOwned, &nameLost, &run, nullptr);
-    g_main_loop_run(run.loop);
-    // In this order: whom the bus starts once the name is free must not find this process still counted as running.
-    vornet::platform::host::retireFromRunningApplications();
-    g_bus_unown_name(name);
-    preferences.stop();
-  } else {
-    run.end(1);
+  if (!service.start(reason)) {
     systemLog("cannot serve on the session bus: " + reason);
+    return 1;
   }
+  const auto owner = vornet::service::claimBusName(connection, name, reason);
+  if (!owner) {
+    systemLog("cannot own the bus name " + name + ": " + reason);
+    return 1;
+  }
+  if (!owner->isThisProcess) {
+    vornet::platform::host::setOtherRunningApplications({owner->process});
+    extension.init();  // which ends the process
+    return 0;
+  }
+  vornet::service::PreferencesWatch preferences;  // before the log is made: it watches the container with this log
+  if (!extension.init()) return 1;
+  service.publishProperties();
+  preferences.start([&run] { run.end(); });
+
+  run.untilAskedToEnd();
+  vornet::service::releaseBusName(connection, name);  // from here on the bus gives calls to the next process
+  preferences.stop();
+  answerWhatHasCome(connection);
   service.stop();
-  g_dbus_connection_flush_sync(connection, nullptr, nullptr);  // the last answers
-  g_signal_handlers_disconnect_by_data(connection, &run);
-  g_main_loop_unref(run.loop);
-  g_object_unref(connection);
-  return run.status;
+  g_dbus_connection_flush_sync(connection, nullptr, nullptr);
+  vornet::statusManager()->stop_listener();
+  return 0;
+}
+
+/// Without a bus there is nobody to serve. The extension begins all the same: what is wrong with the preferences stops
+/// the process with its reason, as it does with a bus.
+int beginWithoutBus(const std::string& reason) {
+  vornet::FinderSync extension;
+  if (!extension.init()) return 1;
+  systemLog("no session bus: " + reason);
+  vornet::statusManager()->stop_listener();
+  return 1;
 }
 
 }  // namespace
@@ -159,10 +187,14 @@ int main(int argc, char** argv) {
                                          .version = VORNET_VERSION,
                                          .build = VORNET_BUILD_NUMBER,
                                          .imageFolders = vornet::platform::host::imageFoldersOfProgram()});
-  vornet::service::PreferencesWatch preferences;
-  vornet::FinderSync extension;
-  if (!extension.init()) return 1;
-  const int status = serve(extension, preferences);
-  vornet::statusManager()->stop_listener();
+  GError* error = nullptr;
+  GDBusConnection* connection = vornet::service::connectToSessionBus(&error);
+  if (!connection) {
+    const std::string reason = error->message;
+    g_error_free(error);
+    return beginWithoutBus(reason);
+  }
+  const int status = serve(connection);
+  g_object_unref(connection);
   return status;
 }

@@ -27,6 +27,7 @@
 #include "support/LoopbackServer.hpp"
 #include "support/PrivateBus.hpp"
 #include "support/StartedProgram.hpp"
+#include "support/Threads.hpp"
 
 namespace {
 

@@ -77,7 +77,7 @@ class BusyDatabaseTest : public ::testing::Test {
   SyncDBProbe database_;
 };
 
-TEST_F(BusyDatabaseTest, noLookUpFailsWhileAWriterCommitsHundredTimesASecond) {
+TEST_F(BusyDatabaseTest, NoLookUpFailsWhileAWriterCommitsHundredTimesASecond) {
   constexpr int COMMITS = 200;
   constexpr int ROUNDS = 20;
   // A round says nothing in which no lock was met, or in which the machine stopped the writer while it held the lock.
@@ -100,7 +100,7 @@ TEST_F(BusyDatabaseTest, noLookUpFailsWhileAWriterCommitsHundredTimesASecond) {
   FAIL() << "no round in which the writer ran as it should";
 }
 
-TEST_F(BusyDatabaseTest, aLockThatIsHeldForeverMakesALookUpFailWithAWarning) {
+TEST_F(BusyDatabaseTest, ALockThatIsHeldForeverMakesALookUpFailWithAWarning) {
   Database writer(file());
   writer.run("BEGIN EXCLUSIVE");
   const LogRecorder log;
@@ -142,7 +142,7 @@ TEST_F(BusyDatabaseTest, CountsTheLookUpsOfThisThreadThatALockMadeFailAndNoOther
   EXPECT_EQ(counted(), 3U) << "a database that cannot be read is not locked";
 }
 
-TEST_F(BusyDatabaseTest, aWritersReservedLockDoesNotDisturbALookUp) {
+TEST_F(BusyDatabaseTest, AWritersReservedLockDoesNotDisturbALookUp) {
   Database writer(file());
   writer.run("BEGIN IMMEDIATE; UPDATE ea SET status = 1");
   const LogRecorder log;
@@ -152,7 +152,7 @@ TEST_F(BusyDatabaseTest, aWritersReservedLockDoesNotDisturbALookUp) {
   EXPECT_THAT(log.messages(), IsEmpty());
 }
 
-TEST_F(BusyDatabaseTest, aQueryDoesNotKeepAWriterFromCommitting) {
+TEST_F(BusyDatabaseTest, AQueryDoesNotKeepAWriterFromCommitting) {
   Database writer(file());
   writer.run("BEGIN EXCLUSIVE; UPDATE ea SET status = 1");
   EXPECT_EQ(database_.pathSyncStatus("/a/x"), -1);
@@ -160,7 +160,7 @@ TEST_F(BusyDatabaseTest, aQueryDoesNotKeepAWriterFromCommitting) {
   EXPECT_EQ(database_.pathSyncStatus("/a/x"), 1);
 }
 
-TEST_F(BusyDatabaseTest, aLockedConfigurationDatabaseGivesNoValueWithAWarning) {
+TEST_F(BusyDatabaseTest, ALockedConfigurationDatabaseGivesNoValueWithAWarning) {
   Database writer(environment_.container() / "config.db");
   writer.run("CREATE TABLE configuration (local_root TEXT); INSERT INTO configuration VALUES ('/R'); BEGIN EXCLUSIVE");
   const LogRecorder log;

@@ -13,6 +13,7 @@ class ConfigDB : public SyncDB {
   /// The synced folder as stored, unchanged; none when the file cannot be opened or queried, has no row, or holds NULL
   /// or text that is not UTF-8. Any thread. After a failure to open the file the calling thread keeps the instance's
   /// lock: it may call again, other threads wait.
+  /// Kept ready; nothing calls it yet.
   std::optional<std::string> getLocalRoot();
 
  protected:
@@ -23,6 +24,7 @@ class ConfigDB : public SyncDB {
 };
 
 /// The reader that the whole process shares, made on first use. Any thread.
+/// Kept ready; nothing calls it yet.
 ConfigDB& configDB();
 
 }  // namespace vornet

@@ -41,11 +41,11 @@ class ConfigDBTest : public ::testing::Test {
   ConfigDBProbe database_;
 };
 
-TEST_F(ConfigDBTest, theFileLiesInTheGroupContainer) {
+TEST_F(ConfigDBTest, TheFileLiesInTheGroupContainer) {
   EXPECT_EQ(database_._getSyncDBPath(), file().string());
 }
 
-TEST_F(ConfigDBTest, readsTheLocalRootAsStored) {
+TEST_F(ConfigDBTest, ReadsTheLocalRootAsStored) {
   for (const std::string root : {"/home/ann/Kelvane", "/R/", " /\u00fc\U0001F600 ", "relative"}) {
     fs::remove(file());
     store("('" + root + "')");
@@ -55,23 +55,23 @@ TEST_F(ConfigDBTest, readsTheLocalRootAsStored) {
   }
 }
 
-TEST_F(ConfigDBTest, theSharedReaderReadsTheConfigurationDatabase) {
+TEST_F(ConfigDBTest, TheSharedReaderReadsTheConfigurationDatabase) {
   store("('/R')");
   makeSyncDatabase(environment_.container() / "sync.db", {});
   EXPECT_EQ(configDB().getLocalRoot(), "/R");
 }
 
-TEST_F(ConfigDBTest, ofSeveralRowsTheFirstIsRead) {
+TEST_F(ConfigDBTest, OfSeveralRowsTheFirstIsRead) {
   store("('/first'), ('/second'), ('/third')");
   EXPECT_EQ(database_.getLocalRoot(), "/first");
 }
 
-TEST_F(ConfigDBTest, anEmptyTextIsAValue) {
+TEST_F(ConfigDBTest, AnEmptyTextIsAValue) {
   store("('')");
   EXPECT_EQ(database_.getLocalRoot(), std::optional<std::string>(""));
 }
 
-TEST_F(ConfigDBTest, nullIsNoValueWithoutAMessage) {
+TEST_F(ConfigDBTest, NullIsNoValueWithoutAMessage) {
   store("(NULL), ('/second')");
   const LogRecorder log;
   EXPECT_EQ(database_.getLocalRoot(), std::nullopt);
@@ -79,19 +79,19 @@ TEST_F(ConfigDBTest, nullIsNoValueWithoutAMessage) {
   EXPECT_FALSE(database_.isLocked());
 }
 
-TEST_F(ConfigDBTest, textThatIsNotUTF8IsNoValueWithoutAMessage) {
+TEST_F(ConfigDBTest, TextThatIsNotUTF8IsNoValueWithoutAMessage) {
   store("(CAST(X'2F52FF' AS TEXT))");
   const LogRecorder log;
   EXPECT_EQ(database_.getLocalRoot(), std::nullopt);
   EXPECT_THAT(log.messages(), IsEmpty());
 }
 
-TEST_F(ConfigDBTest, textEndsAtANulCharacter) {
+TEST_F(ConfigDBTest, TextEndsAtANulCharacter) {
   store("(CAST(X'2F520041' AS TEXT))");
   EXPECT_EQ(database_.getLocalRoot(), "/R");
 }
 
-TEST_F(ConfigDBTest, anEmptyTableGivesNoValueWithoutAMessage) {
+TEST_F(ConfigDBTest, AnEmptyTableGivesNoValueWithoutAMessage) {
   store("");
   const LogRecorder log;
   EXPECT_EQ(database_.getLocalRoot(), std::nullopt);
@@ -100,7 +100,7 @@ TEST_F(ConfigDBTest, anEmptyTableGivesNoValueWithoutAMessage) {
   EXPECT_FALSE(database_.isLocked());
 }
 
-TEST_F(ConfigDBTest, aFailingStepGivesNoValueWithoutAMessage) {
+TEST_F(ConfigDBTest, AFailingStepGivesNoValueWithoutAMessage) {
   run("CREATE TABLE t (i INTEGER); INSERT INTO t VALUES (1);"
       "CREATE VIEW configuration AS SELECT abs(-9223372036854775807 - i) AS local_root FROM t");
   const LogRecorder log;
@@ -110,7 +110,7 @@ TEST_F(ConfigDBTest, aFailingStepGivesNoValueWithoutAMessage) {
   EXPECT_FALSE(database_.isLocked());
 }
 
-TEST_F(ConfigDBTest, aDatabaseWithoutTheTableGivesNoValueAndAWarning) {
+TEST_F(ConfigDBTest, ADatabaseWithoutTheTableGivesNoValueAndAWarning) {
   run("CREATE TABLE other (local_root TEXT)");
   const LogRecorder log;
   EXPECT_EQ(database_.getLocalRoot(), std::nullopt);
@@ -122,21 +122,21 @@ TEST_F(ConfigDBTest, aDatabaseWithoutTheTableGivesNoValueAndAWarning) {
   EXPECT_FALSE(database_.isLocked());
 }
 
-TEST_F(ConfigDBTest, aTableWithoutTheColumnGivesNoValueAndAWarning) {
+TEST_F(ConfigDBTest, ATableWithoutTheColumnGivesNoValueAndAWarning) {
   run("CREATE TABLE configuration (root TEXT)");
   const LogRecorder log;
   EXPECT_EQ(database_.getLocalRoot(), std::nullopt);
   EXPECT_THAT(log.messages(LogLevel::Warning), ElementsAre(CANNOT_PREPARE));
 }
 
-TEST_F(ConfigDBTest, aFileThatIsNoDatabaseGivesNoValueAndAWarning) {
+TEST_F(ConfigDBTest, AFileThatIsNoDatabaseGivesNoValueAndAWarning) {
   writeFile(file(), std::string(5'000, 'x'));
   const LogRecorder log;
   EXPECT_EQ(database_.getLocalRoot(), std::nullopt);
   EXPECT_THAT(log.messages(), ElementsAre(CANNOT_PREPARE));
 }
 
-TEST_F(ConfigDBTest, anAbsentFileGivesNoValueAndADebugMessageAndKeepsTheLock) {
+TEST_F(ConfigDBTest, AnAbsentFileGivesNoValueAndADebugMessageAndKeepsTheLock) {
   const LogRecorder log;
   EXPECT_EQ(database_.getLocalRoot(), std::nullopt);
   EXPECT_THAT(log.messages(), ElementsAre("Cannot open database"));
@@ -147,7 +147,7 @@ TEST_F(ConfigDBTest, anAbsentFileGivesNoValueAndADebugMessageAndKeepsTheLock) {
   EXPECT_FALSE(database_.isLocked()) << "it was taken once";
 }
 
-TEST_F(ConfigDBTest, afterAFailedOpenTheSameThreadMayAskAgain) {
+TEST_F(ConfigDBTest, AfterAFailedOpenTheSameThreadMayAskAgain) {
   const LogRecorder log;
   EXPECT_EQ(database_.getLocalRoot(), std::nullopt);
   store("('/R')");
@@ -160,7 +160,7 @@ TEST_F(ConfigDBTest, afterAFailedOpenTheSameThreadMayAskAgain) {
   EXPECT_FALSE(database_.isLocked());
 }
 
-TEST_F(ConfigDBTest, eachFailedOpenTakesTheLockOnceMore) {
+TEST_F(ConfigDBTest, EachFailedOpenTakesTheLockOnceMore) {
   for (int i = 0; i < 4; ++i) EXPECT_EQ(database_.getLocalRoot(), std::nullopt);  // every second one fails to open
   database_.lock().unlock();
   EXPECT_TRUE(database_.isLocked());
@@ -168,7 +168,7 @@ TEST_F(ConfigDBTest, eachFailedOpenTakesTheLockOnceMore) {
   EXPECT_FALSE(database_.isLocked());
 }
 
-TEST_F(ConfigDBTest, afterAFailedOpenAnotherThreadWaitsForTheThreadThatFailed) {
+TEST_F(ConfigDBTest, AfterAFailedOpenAnotherThreadWaitsForTheThreadThatFailed) {
   EXPECT_EQ(database_.getLocalRoot(), std::nullopt);
   store("('/R')");
   EXPECT_EQ(database_.getLocalRoot(), std::nullopt);
@@ -186,7 +186,7 @@ TEST_F(ConfigDBTest, afterAFailedOpenAnotherThreadWaitsForTheThreadThatFailed) {
   EXPECT_EQ(other.get(), "/R");
 }
 
-TEST_F(ConfigDBTest, afterAFailedOpenEveryQueryOfAnotherThreadWaits) {
+TEST_F(ConfigDBTest, AfterAFailedOpenEveryQueryOfAnotherThreadWaits) {
   EXPECT_EQ(database_.getLocalRoot(), std::nullopt);
   Gate asking;
   auto other = std::async(std::launch::async, [&] {
@@ -201,19 +201,19 @@ TEST_F(ConfigDBTest, afterAFailedOpenEveryQueryOfAnotherThreadWaits) {
   EXPECT_TRUE(isDoneInTime(other));
 }
 
-TEST_F(ConfigDBTest, theSharedReadersHaveDifferentLocks) {
+TEST_F(ConfigDBTest, TheSharedReadersHaveDifferentLocks) {
   makeSyncDatabase(environment_.container() / "sync.db", {{"/a", 2}});
   EXPECT_EQ(configDB().getLocalRoot(), std::nullopt);  // keeps its lock
   EXPECT_EQ(onAnotherThread([] { return syncDB().pathSyncStatus("/a"); }), 2);
 }
 
-TEST_F(ConfigDBTest, aThreadMayEndWithTheLockItKept) {
+TEST_F(ConfigDBTest, AThreadMayEndWithTheLockItKept) {
   static auto& kept = *new ConfigDBProbe;  // never destroyed, as the shared one
   onAnotherThread([] { return kept.getLocalRoot(); });
   EXPECT_TRUE(kept.isLocked());
 }
 
-TEST_F(ConfigDBTest, theFileIsNotHeldOpenBetweenQueries) {
+TEST_F(ConfigDBTest, TheFileIsNotHeldOpenBetweenQueries) {
   store("('/R')");
   for (int i = 0; i < 3; ++i) {
     EXPECT_EQ(database_.getLocalRoot(), "/R");
@@ -223,7 +223,7 @@ TEST_F(ConfigDBTest, theFileIsNotHeldOpenBetweenQueries) {
   }
 }
 
-TEST_F(ConfigDBTest, aChangeIsSeenByTheNextQuery) {
+TEST_F(ConfigDBTest, AChangeIsSeenByTheNextQuery) {
   store("('/R')");
   EXPECT_EQ(database_.getLocalRoot(), "/R");
   run("UPDATE configuration SET local_root = '/S'");
@@ -233,7 +233,7 @@ TEST_F(ConfigDBTest, aChangeIsSeenByTheNextQuery) {
   EXPECT_EQ(database_.getLocalRoot(), "/T");
 }
 
-TEST_F(ConfigDBTest, queriesDoNotChangeTheFile) {
+TEST_F(ConfigDBTest, QueriesDoNotChangeTheFile) {
   store("('/R')");
   const auto content = readFile(file());
   database_.getLocalRoot();
@@ -241,7 +241,7 @@ TEST_F(ConfigDBTest, queriesDoNotChangeTheFile) {
   EXPECT_EQ(std::distance(fs::directory_iterator(environment_.container()), fs::directory_iterator()), 1);
 }
 
-TEST_F(ConfigDBTest, thePathIsKeptFromTheFirstQueryOn) {
+TEST_F(ConfigDBTest, ThePathIsKeptFromTheFirstQueryOn) {
   store("('/R')");
   EXPECT_EQ(database_.getLocalRoot(), "/R");
   const TemporaryFolder other;
@@ -249,7 +249,7 @@ TEST_F(ConfigDBTest, thePathIsKeptFromTheFirstQueryOn) {
   EXPECT_EQ(database_.getLocalRoot(), "/R");
 }
 
-TEST_F(ConfigDBTest, anyThreadMayAsk) {
+TEST_F(ConfigDBTest, AnyThreadMayAsk) {
   store("('/R')");
   std::atomic<int> right = 0;
   inParallel(4, [&](std::size_t) {
@@ -261,7 +261,7 @@ TEST_F(ConfigDBTest, anyThreadMayAsk) {
 
 using ConfigDBDeathTest = ProcessStops;
 
-TEST_F(ConfigDBDeathTest, withoutAGroupContainerTheProcessStopsWithoutAMessage) {
+TEST_F(ConfigDBDeathTest, WithoutAGroupContainerTheProcessStopsWithoutAMessage) {
   const Environment environment;
   const TemporaryFolder folder;
   writeFile(folder.path() / App().APP_GROUP, "a file in the container's place");

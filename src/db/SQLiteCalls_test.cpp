@@ -133,22 +133,22 @@ class SQLiteCallsTest : public ::testing::Test {
   Environment environment_;
 };
 
-TEST_F(SQLiteCallsTest, aPathsQueryOpensPreparesStepsOnceFinalisesAndCloses) {
+TEST_F(SQLiteCallsTest, APathsQueryOpensPreparesStepsOnceFinalisesAndCloses) {
   SyncDB().pathSyncStatus("/a/x");
   EXPECT_THAT(calls.order, ElementsAre("open", "prepare", "step", "finalise", "close"));
 }
 
-TEST_F(SQLiteCallsTest, aFoldersQueryStepsUntilThereAreNoMoreRows) {
+TEST_F(SQLiteCallsTest, AFoldersQueryStepsUntilThereAreNoMoreRows) {
   SyncDB().directorySyncStatus("/a/");
   EXPECT_THAT(calls.order, ElementsAre("open", "prepare", "step", "step", "step", "finalise", "close"));
 }
 
-TEST_F(SQLiteCallsTest, theLocalRootsQueryOpensPreparesStepsOnceFinalisesAndCloses) {
+TEST_F(SQLiteCallsTest, TheLocalRootsQueryOpensPreparesStepsOnceFinalisesAndCloses) {
   ConfigDB().getLocalRoot();
   EXPECT_THAT(calls.order, ElementsAre("open", "prepare", "step", "finalise", "close"));
 }
 
-TEST_F(SQLiteCallsTest, afterAFailedStatementTheConnectionIsClosed) {
+TEST_F(SQLiteCallsTest, AfterAFailedStatementTheConnectionIsClosed) {
   emptyDatabases();
   SyncDB().pathSyncStatus("/a/x");
   SyncDB().directorySyncStatus("/a/");
@@ -157,7 +157,7 @@ TEST_F(SQLiteCallsTest, afterAFailedStatementTheConnectionIsClosed) {
               ElementsAre("open", "prepare", "close", "open", "prepare", "close", "open", "prepare", "close"));
 }
 
-TEST_F(SQLiteCallsTest, theFileIsOpenedForReadingOnlyWithTheUsualFileSystem) {
+TEST_F(SQLiteCallsTest, TheFileIsOpenedForReadingOnlyWithTheUsualFileSystem) {
   SyncDB().pathSyncStatus("/a/x");
   ConfigDB().getLocalRoot();
   ASSERT_EQ(calls.opens.size(), 2U);
@@ -170,7 +170,7 @@ TEST_F(SQLiteCallsTest, theFileIsOpenedForReadingOnlyWithTheUsualFileSystem) {
   }
 }
 
-TEST_F(SQLiteCallsTest, eachConnectionWaitsForALock) {
+TEST_F(SQLiteCallsTest, EachConnectionWaitsForALock) {
   SyncDB().pathSyncStatus("/a/x");
   ConfigDB().getLocalRoot();
   EXPECT_THAT(calls.timeouts, ElementsAre(50, 50));
@@ -212,7 +212,7 @@ TEST_F(SQLiteCallsTest, ALookUpThatFindsTheFileUnlockedIsAnsweredAlsoAfterAVainW
   EXPECT_EQ(database.pathSyncStatus("/a/x"), 1);
 }
 
-TEST_F(SQLiteCallsTest, statementsAndTheirLengths) {
+TEST_F(SQLiteCallsTest, StatementsAndTheirLengths) {
   SyncDB().pathSyncStatus("/a/x");
   SyncDB().directorySyncStatus("/a/");
   ConfigDB().getLocalRoot();
@@ -226,20 +226,20 @@ TEST_F(SQLiteCallsTest, statementsAndTheirLengths) {
   EXPECT_EQ(calls.prepares[2].length, 44);
 }
 
-TEST_F(SQLiteCallsTest, aPathIsBoundAsFileAndAsFolder) {
+TEST_F(SQLiteCallsTest, APathIsBoundAsFileAndAsFolder) {
   SyncDB().pathSyncStatus("/\u00fc");
   EXPECT_THAT(calls.bindings,
               ElementsAre(Binding{1, "/\u00fc", 3, SQLITE_STATIC}, Binding{2, "/\u00fc/", 4, SQLITE_STATIC}));
 }
 
-TEST_F(SQLiteCallsTest, aFolderIsBoundAsARangeAndTwoPatternsWithItsWildcardsAsTheyAre) {
+TEST_F(SQLiteCallsTest, AFolderIsBoundAsARangeAndTwoPatternsWithItsWildcardsAsTheyAre) {
   SyncDB().directorySyncStatus("/\u00fc_%/");
   EXPECT_THAT(calls.bindings,
               ElementsAre(Binding{1, "/\u00fc_%/", 6, SQLITE_STATIC}, Binding{2, "/\u00fc_%0", 6, SQLITE_STATIC},
                           Binding{3, "/\u00fc_%/%/%", 9, SQLITE_STATIC}, Binding{4, "/\u00fc_%/%/", 8, SQLITE_STATIC}));
 }
 
-TEST_F(SQLiteCallsTest, anOpenConnectionIsNotOpenedAgain) {
+TEST_F(SQLiteCallsTest, AnOpenConnectionIsNotOpenedAgain) {
   SyncDBProbe database;
   database.connect();
   database.connect();
@@ -248,7 +248,7 @@ TEST_F(SQLiteCallsTest, anOpenConnectionIsNotOpenedAgain) {
   EXPECT_THAT(calls.order, ElementsAre("open", "close"));
 }
 
-TEST_F(SQLiteCallsTest, aHandleLeftByAFailedOpenIsClosedByTheNextQuery) {
+TEST_F(SQLiteCallsTest, AHandleLeftByAFailedOpenIsClosedByTheNextQuery) {
   std::filesystem::remove(environment_.container() / "sync.db");
   SyncDBProbe database;
   database.pathSyncStatus("/a/x");
@@ -257,7 +257,7 @@ TEST_F(SQLiteCallsTest, aHandleLeftByAFailedOpenIsClosedByTheNextQuery) {
   EXPECT_THAT(calls.order, ElementsAre("open", "prepare", "close"));
 }
 
-TEST_F(SQLiteCallsTest, aReaderThatEndsClosesTheHandleLeftByAFailedOpen) {
+TEST_F(SQLiteCallsTest, AReaderThatEndsClosesTheHandleLeftByAFailedOpen) {
   std::filesystem::remove(environment_.container() / "sync.db");
   {
     SyncDB().pathSyncStatus("/a/x");
@@ -265,7 +265,7 @@ TEST_F(SQLiteCallsTest, aReaderThatEndsClosesTheHandleLeftByAFailedOpen) {
   EXPECT_THAT(calls.order, ElementsAre("open", "close"));
 }
 
-TEST_F(SQLiteCallsTest, theSyncDatabasesLockCoversOpeningAndClosing) {
+TEST_F(SQLiteCallsTest, TheSyncDatabasesLockCoversOpeningAndClosing) {
   SyncDBProbe database;
   std::vector<bool> locked;
   calls.beforeOpening = calls.beforeClosing = [&] { locked.push_back(database.isLocked()); };
@@ -279,7 +279,7 @@ TEST_F(SQLiteCallsTest, theSyncDatabasesLockCoversOpeningAndClosing) {
   EXPECT_THAT(locked, ElementsAre(true, true, true, true));
 }
 
-TEST_F(SQLiteCallsTest, theConfigurationDatabasesLockIsGivenBackBeforeClosing) {
+TEST_F(SQLiteCallsTest, TheConfigurationDatabasesLockIsGivenBackBeforeClosing) {
   ConfigDBProbe database;
   std::vector<bool> locked;
   calls.beforeOpening = calls.beforeClosing = [&] { locked.push_back(database.isLocked()); };
@@ -291,7 +291,7 @@ TEST_F(SQLiteCallsTest, theConfigurationDatabasesLockIsGivenBackBeforeClosing) {
   EXPECT_THAT(locked, ElementsAre(true, false));
 }
 
-TEST_F(SQLiteCallsTest, whoTakesTheConfigurationDatabasesLockBeforeItIsClosedMeetsNoConnection) {
+TEST_F(SQLiteCallsTest, WhoTakesTheConfigurationDatabasesLockBeforeItIsClosedMeetsNoConnection) {
   ConfigDBProbe database;
   bool met = true;
   calls.beforeClosing = [&] { met = database.db() != nullptr; };

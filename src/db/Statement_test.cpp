@@ -17,26 +17,26 @@ class StatementTest : public ::testing::Test {
   sqlite3* db_ = nullptr;
 };
 
-TEST_F(StatementTest, isPreparedWhenItsTextIsRight) {
+TEST_F(StatementTest, IsPreparedWhenItsTextIsRight) {
   EXPECT_TRUE(Statement(db_, "SELECT 1").prepared());
 }
 
-TEST_F(StatementTest, isNotPreparedWhenItsTextIsWrong) {
+TEST_F(StatementTest, IsNotPreparedWhenItsTextIsWrong) {
   EXPECT_FALSE(Statement(db_, "SELECT FROM WHERE").prepared());
   EXPECT_FALSE(Statement(db_, "SELECT path FROM absent").prepared());
 }
 
-TEST_F(StatementTest, textBeyondTheGivenLengthIsNotRead) {
+TEST_F(StatementTest, TextBeyondTheGivenLengthIsNotRead) {
   EXPECT_TRUE(Statement(db_, std::string_view("SELECT 1 nonsense, nonsense").substr(0, 8)).prepared());
 }
 
-TEST_F(StatementTest, finalisingTwiceIsHarmless) {
+TEST_F(StatementTest, FinalisingTwiceIsHarmless) {
   Statement statement(db_, "SELECT 1");
   statement.finalise();
   statement.finalise();
 }
 
-TEST_F(StatementTest, stepsThroughItsRows) {
+TEST_F(StatementTest, StepsThroughItsRows) {
   Statement statement(db_, "SELECT 'a', 5 UNION ALL SELECT 'b', -6");
   ASSERT_TRUE(statement.stepToRow());
   EXPECT_EQ(statement.text(0), "a");
@@ -47,7 +47,7 @@ TEST_F(StatementTest, stepsThroughItsRows) {
   EXPECT_FALSE(statement.stepToRow());
 }
 
-TEST_F(StatementTest, bindsTextsByTheirLength) {
+TEST_F(StatementTest, BindsTextsByTheirLength) {
   const std::string text = "\u00fcber";
   Statement statement(db_, "SELECT ?1, length(CAST(?1 AS BLOB)), ?2");
   statement.bind(1, text);
@@ -58,13 +58,13 @@ TEST_F(StatementTest, bindsTextsByTheirLength) {
   EXPECT_EQ(statement.text(2), "\u00fc");
 }
 
-TEST_F(StatementTest, anEmptyTextIsAText) {
+TEST_F(StatementTest, AnEmptyTextIsAText) {
   Statement statement(db_, "SELECT ''");
   ASSERT_TRUE(statement.stepToRow());
   EXPECT_EQ(statement.text(0), "");
 }
 
-TEST_F(StatementTest, nullAndBytesThatAreNotUTF8AreNoText) {
+TEST_F(StatementTest, NullAndBytesThatAreNotUTF8AreNoText) {
   Statement statement(db_, "SELECT NULL, CAST(X'61FF' AS TEXT), CAST(X'EDA080' AS TEXT)");
   ASSERT_TRUE(statement.stepToRow());
   EXPECT_EQ(statement.text(0), std::nullopt);
@@ -72,7 +72,7 @@ TEST_F(StatementTest, nullAndBytesThatAreNotUTF8AreNoText) {
   EXPECT_EQ(statement.text(2), std::nullopt);
 }
 
-TEST_F(StatementTest, integersAreReadWith32Bits) {
+TEST_F(StatementTest, IntegersAreReadWith32Bits) {
   Statement statement(db_, "SELECT 4294967298, -1, NULL, '2', 'text', 1.9");
   ASSERT_TRUE(statement.stepToRow());
   EXPECT_EQ(statement.integer(0), 2);
@@ -85,13 +85,13 @@ TEST_F(StatementTest, integersAreReadWith32Bits) {
 
 using StatementDeathTest = ProcessStops;
 
-TEST_F(StatementDeathTest, aLengthThatDoesNotFitAnIntStopsTheProcess) {
+TEST_F(StatementDeathTest, ALengthThatDoesNotFitAnIntStopsTheProcess) {
   // Only the length is looked at: no such text is made.
   const std::string_view endless("SELECT 1", std::size_t{1} << 31);
   EXPECT_DEATH(Statement(nullptr, endless), "too long");
 }
 
-TEST_F(StatementDeathTest, aBoundTextWhoseLengthDoesNotFitAnIntStopsTheProcess) {
+TEST_F(StatementDeathTest, ABoundTextWhoseLengthDoesNotFitAnIntStopsTheProcess) {
   sqlite3* db = nullptr;
   sqlite3_open(":memory:", &db);
   {

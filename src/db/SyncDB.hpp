@@ -31,6 +31,7 @@ class SyncDB {
   /// The statuses of the folder `dir` (cloud path ending in "/"), of its files and of every folder below it. "%" and
   /// "_" in `dir` act as LIKE's wildcards. None on a failure and when there are no rows. An empty `dir`, and a stored
   /// path that is NULL or not UTF-8, stop the process.
+  /// Kept ready; nothing calls it yet.
   std::optional<Statuses> directorySyncStatus(const std::string& dir);
 
   /// The status of the item stored as `path` or as `path` + "/"; -1 when there is none and on a failure.

@@ -47,15 +47,15 @@ class SyncDBTest : public ::testing::Test {
 
 // --- The connection -------------------------------------------------------------------------------------------------
 
-TEST_F(SyncDBTest, aNewReaderHasNoConnection) {
+TEST_F(SyncDBTest, ANewReaderHasNoConnection) {
   EXPECT_EQ(database_.db(), nullptr);
 }
 
-TEST_F(SyncDBTest, theFileLiesInTheGroupContainer) {
+TEST_F(SyncDBTest, TheFileLiesInTheGroupContainer) {
   EXPECT_EQ(database_._getSyncDBPath(), file().string());
 }
 
-TEST_F(SyncDBTest, connectingOpensTheFileAndDisconnectingClosesIt) {
+TEST_F(SyncDBTest, ConnectingOpensTheFileAndDisconnectingClosesIt) {
   store({});
   ASSERT_TRUE(database_.connect());
   EXPECT_NE(database_.db(), nullptr);
@@ -66,7 +66,7 @@ TEST_F(SyncDBTest, connectingOpensTheFileAndDisconnectingClosesIt) {
   EXPECT_EQ(openDescriptors(file()), 0U);
 }
 
-TEST_F(SyncDBTest, theConnectionIsReadOnly) {
+TEST_F(SyncDBTest, TheConnectionIsReadOnly) {
   store({});
   ASSERT_TRUE(database_.connect());
   EXPECT_EQ(sqlite3_db_readonly(database_.db(), "main"), 1);
@@ -75,7 +75,7 @@ TEST_F(SyncDBTest, theConnectionIsReadOnly) {
   database_.disconnect();
 }
 
-TEST_F(SyncDBTest, connectingAgainKeepsTheOpenConnection) {
+TEST_F(SyncDBTest, ConnectingAgainKeepsTheOpenConnection) {
   store({});
   ASSERT_TRUE(database_.connect());
   auto* const handle = database_.db();
@@ -85,7 +85,7 @@ TEST_F(SyncDBTest, connectingAgainKeepsTheOpenConnection) {
   database_.disconnect();
 }
 
-TEST_F(SyncDBTest, disconnectingWithoutAConnectionDoesAndSaysNothing) {
+TEST_F(SyncDBTest, DisconnectingWithoutAConnectionDoesAndSaysNothing) {
   const LogRecorder log;
   database_.disconnect();
   database_.disconnect();
@@ -93,7 +93,7 @@ TEST_F(SyncDBTest, disconnectingWithoutAConnectionDoesAndSaysNothing) {
   EXPECT_THAT(log.messages(), IsEmpty());
 }
 
-TEST_F(SyncDBTest, connectingAndDisconnectingSaysNothing) {
+TEST_F(SyncDBTest, ConnectingAndDisconnectingSaysNothing) {
   store({});
   const LogRecorder log;
   database_.connect();
@@ -101,7 +101,7 @@ TEST_F(SyncDBTest, connectingAndDisconnectingSaysNothing) {
   EXPECT_THAT(log.messages(), IsEmpty());
 }
 
-TEST_F(SyncDBTest, anAbsentFileCannotBeOpenedAndIsNotMade) {
+TEST_F(SyncDBTest, AnAbsentFileCannotBeOpenedAndIsNotMade) {
   const LogRecorder log;
   EXPECT_FALSE(database_.connect());
   EXPECT_THAT(log.messages(), ElementsAre("Cannot open database"));
@@ -111,7 +111,7 @@ TEST_F(SyncDBTest, anAbsentFileCannotBeOpenedAndIsNotMade) {
   EXPECT_FALSE(fs::exists(file()));
 }
 
-TEST_F(SyncDBTest, aHandleThatAFailedOpenLeavesIsKept) {
+TEST_F(SyncDBTest, AHandleThatAFailedOpenLeavesIsKept) {
   EXPECT_FALSE(database_.connect());
   EXPECT_NE(database_.db(), nullptr);
   EXPECT_TRUE(database_.connect());
@@ -119,7 +119,7 @@ TEST_F(SyncDBTest, aHandleThatAFailedOpenLeavesIsKept) {
   EXPECT_EQ(database_.db(), nullptr);
 }
 
-TEST_F(SyncDBTest, thePathIsKeptFromTheFirstConnectOn) {
+TEST_F(SyncDBTest, ThePathIsKeptFromTheFirstConnectOn) {
   store({{"/a", 1}});
   EXPECT_EQ(database_.pathSyncStatus("/a"), 1);
   const TemporaryFolder other;
@@ -129,7 +129,7 @@ TEST_F(SyncDBTest, thePathIsKeptFromTheFirstConnectOn) {
   EXPECT_EQ(SyncDB().pathSyncStatus("/a"), -1);
 }
 
-TEST_F(SyncDBTest, thePathIsKeptFromAFailedConnectOnToo) {
+TEST_F(SyncDBTest, ThePathIsKeptFromAFailedConnectOnToo) {
   EXPECT_EQ(database_.pathSyncStatus("/a"), -1);
   store({{"/a", 1}});
   const TemporaryFolder other;
@@ -138,37 +138,37 @@ TEST_F(SyncDBTest, thePathIsKeptFromAFailedConnectOnToo) {
   EXPECT_EQ(database_.pathSyncStatus("/a"), 1);
 }
 
-TEST_F(SyncDBTest, theSharedReaderReadsTheSyncDatabase) {
+TEST_F(SyncDBTest, TheSharedReaderReadsTheSyncDatabase) {
   store({{"/a", 2}});
   EXPECT_EQ(syncDB().pathSyncStatus("/a"), 2);
 }
 
 // --- One path -------------------------------------------------------------------------------------------------------
 
-TEST_F(SyncDBTest, findsAFilesStatus) {
+TEST_F(SyncDBTest, FindsAFilesStatus) {
   store({{"/a/b", 2}, {"/a/c", 1}});
   const LogRecorder log;
   EXPECT_EQ(database_.pathSyncStatus("/a/b"), 2);
   EXPECT_THAT(log.messages(), IsEmpty());
 }
 
-TEST_F(SyncDBTest, findsAFolderStoredWithATrailingSlash) {
+TEST_F(SyncDBTest, FindsAFolderStoredWithATrailingSlash) {
   store({{"/a/b/c/", 1}});
   EXPECT_EQ(database_.pathSyncStatus("/a/b/c"), 1);
   EXPECT_EQ(database_.pathSyncStatus("/a/b/c/"), 1);
 }
 
-TEST_F(SyncDBTest, findsTheRootUnderTheEmptyPath) {
+TEST_F(SyncDBTest, FindsTheRootUnderTheEmptyPath) {
   store({{"/", 2}});
   EXPECT_EQ(database_.pathSyncStatus(""), 2);
 }
 
-TEST_F(SyncDBTest, whenBothFormsAreStoredOneOfThemIsTheAnswer) {
+TEST_F(SyncDBTest, WhenBothFormsAreStoredOneOfThemIsTheAnswer) {
   store({{"/a", 1}, {"/a/", 2}});
   EXPECT_THAT(database_.pathSyncStatus("/a"), ::testing::AnyOf(1, 2));
 }
 
-TEST_F(SyncDBTest, aPathWithoutARowIsMinusOneWithoutAMessage) {
+TEST_F(SyncDBTest, APathWithoutARowIsMinusOneWithoutAMessage) {
   store({{"/a/b", 2}});
   const LogRecorder log;
   for (const char* path : {"/a", "/a/b/", "/a/B", "/a/_", "/a/%", "a/b", ""}) {
@@ -177,7 +177,7 @@ TEST_F(SyncDBTest, aPathWithoutARowIsMinusOneWithoutAMessage) {
   EXPECT_THAT(log.messages(), IsEmpty());
 }
 
-TEST_F(SyncDBTest, codesArePassedOnUnchanged) {
+TEST_F(SyncDBTest, CodesArePassedOnUnchanged) {
   store({{"/minus", -1}, {"/zero", 0}, {"/other", 17}, {"/low", std::numeric_limits<int>::min()}});
   EXPECT_EQ(database_.pathSyncStatus("/minus"), -1);
   EXPECT_EQ(database_.pathSyncStatus("/zero"), 0);
@@ -185,7 +185,7 @@ TEST_F(SyncDBTest, codesArePassedOnUnchanged) {
   EXPECT_EQ(database_.pathSyncStatus("/low"), std::numeric_limits<int>::min());
 }
 
-TEST_F(SyncDBTest, codesAreReadAs32BitIntegers) {
+TEST_F(SyncDBTest, CodesAreReadAs32BitIntegers) {
   store({});
   run("INSERT INTO ea VALUES ('/big', 4294967298), ('/null', NULL), ('/text', 'x')");
   EXPECT_EQ(database_.pathSyncStatus("/big"), 2);
@@ -193,14 +193,14 @@ TEST_F(SyncDBTest, codesAreReadAs32BitIntegers) {
   EXPECT_EQ(database_.pathSyncStatus("/text"), 0);
 }
 
-TEST_F(SyncDBTest, pathsAreTextsAndNeverSQL) {
+TEST_F(SyncDBTest, PathsAreTextsAndNeverSQL) {
   store({{"/it's", 2}, {"/x' OR '1'='1", 1}});
   EXPECT_EQ(database_.pathSyncStatus("/it's"), 2);
   EXPECT_EQ(database_.pathSyncStatus("/x' OR '1'='1"), 1);
   EXPECT_EQ(database_.pathSyncStatus("' OR '1'='1"), -1);
 }
 
-TEST_F(SyncDBTest, pathsMayHoldAnyCharacterAndBeLong) {
+TEST_F(SyncDBTest, PathsMayHoldAnyCharacterAndBeLong) {
   const std::string longPath = "/" + std::string(100'000, 'x');
   store({{"/\u00fc \U0001F600/\n", 2}, {longPath, 1}});
   EXPECT_EQ(database_.pathSyncStatus("/\u00fc \U0001F600/\n"), 2);
@@ -209,23 +209,23 @@ TEST_F(SyncDBTest, pathsMayHoldAnyCharacterAndBeLong) {
 
 // --- One folder -----------------------------------------------------------------------------------------------------
 
-TEST_F(SyncDBTest, aFoldersStatusesAreItsOwnItsFilesAndTheFoldersBelow) {
+TEST_F(SyncDBTest, AFoldersStatusesAreItsOwnItsFilesAndTheFoldersBelow) {
   store({{"/a/b/", 0}, {"/a/b/x", 1}, {"/a/b/c/", 2}, {"/a/b/c/d/", -1}, {"/a/b/c/y", 2}, {"/a/bc", 2}});
   EXPECT_EQ(database_.directorySyncStatus("/a/b/"),
             (Statuses{{"/a/b/", 0}, {"/a/b/x", 1}, {"/a/b/c/", 2}, {"/a/b/c/d/", -1}}));
 }
 
-TEST_F(SyncDBTest, aFoldersStatusesLeaveOutWhatStandsBesideIt) {
+TEST_F(SyncDBTest, AFoldersStatusesLeaveOutWhatStandsBesideIt) {
   store({{"/a/", 1}, {"/a", 1}, {"/a/b", 1}, {"/a/b!", 1}, {"/a/b0", 1}, {"/a/B/x", 1}, {"/a/b/x", 2}, {"x/a/b/x", 1}});
   EXPECT_EQ(database_.directorySyncStatus("/a/b/"), (Statuses{{"/a/b/x", 2}}));
 }
 
-TEST_F(SyncDBTest, theStatusesOfTheRootAreThoseOfTheTopLevelAndOfEveryFolder) {
+TEST_F(SyncDBTest, TheStatusesOfTheRootAreThoseOfTheTopLevelAndOfEveryFolder) {
   store({{"/", 2}, {"/x", 1}, {"/d/", 0}, {"/d/y", 1}, {"/d/e/", 2}, {"/d/e/z", 1}});
   EXPECT_EQ(database_.directorySyncStatus("/"), (Statuses{{"/", 2}, {"/x", 1}, {"/d/", 0}, {"/d/e/", 2}}));
 }
 
-TEST_F(SyncDBTest, theLastCharacterOfTheFolderIsTakenForTheSlashItShouldBe) {
+TEST_F(SyncDBTest, TheLastCharacterOfTheFolderIsTakenForTheSlashItShouldBe) {
   store({{"/a", 1}, {"/a-b", 2}, {"/z", 0}});
   // From "/a" up to "/0".
   EXPECT_EQ(database_.directorySyncStatus("/a"), std::nullopt);
@@ -233,7 +233,7 @@ TEST_F(SyncDBTest, theLastCharacterOfTheFolderIsTakenForTheSlashItShouldBe) {
   EXPECT_EQ(database_.directorySyncStatus("/"), (Statuses{{"/a", 1}, {"/a-b", 2}, {"/z", 0}}));
 }
 
-TEST_F(SyncDBTest, aFolderQueryLogsTheFolderAndTheNumberOfEntries) {
+TEST_F(SyncDBTest, AFolderQueryLogsTheFolderAndTheNumberOfEntries) {
   store({{"/a/", 0}, {"/a/x", 1}, {"/a/y", 1}});
   const LogRecorder log;
   database_.directorySyncStatus("/a/");
@@ -242,21 +242,21 @@ TEST_F(SyncDBTest, aFolderQueryLogsTheFolderAndTheNumberOfEntries) {
   EXPECT_EQ(log.records().front().functionName, "directorySyncStatus");
 }
 
-TEST_F(SyncDBTest, aFolderWithoutRowsHasNoValueAndLogsZeroEntries) {
+TEST_F(SyncDBTest, AFolderWithoutRowsHasNoValueAndLogsZeroEntries) {
   store({{"/b/x", 1}});
   const LogRecorder log;
   EXPECT_EQ(database_.directorySyncStatus("/a/"), std::nullopt);
   EXPECT_THAT(log.messages(), ElementsAre("Fetch status for dir: /a/", "Num of lemenets returned: 0"));
 }
 
-TEST_F(SyncDBTest, ofRowsWithTheSamePathTheLaterHoldsAndCountsOnce) {
+TEST_F(SyncDBTest, OfRowsWithTheSamePathTheLaterHoldsAndCountsOnce) {
   store({{"/a/x", 1}, {"/a/y", 0}, {"/a/x", 2}});
   const LogRecorder log;
   EXPECT_EQ(database_.directorySyncStatus("/a/"), (Statuses{{"/a/x", 2}, {"/a/y", 0}}));
   EXPECT_EQ(log.count(LogLevel::Debug, "Num of lemenets returned: 2"), 1U);
 }
 
-TEST_F(SyncDBTest, wildcardsInAFoldersNameFindItsOwnRows) {
+TEST_F(SyncDBTest, WildcardsInAFoldersNameFindItsOwnRows) {
   for (const std::string dir : {"/100%/", "/a_b/", "/%/", "/_/"}) {
     fs::remove(file());
     store({{dir, 1}, {dir + "x", 2}, {dir + "c/", 0}, {dir + "c/y", 2}, {dir + "%", 1}, {"/other/x", 2}});
@@ -265,20 +265,20 @@ TEST_F(SyncDBTest, wildcardsInAFoldersNameFindItsOwnRows) {
   }
 }
 
-TEST_F(SyncDBTest, deeperFilesAreLeftOutWithoutRegardToCase) {
+TEST_F(SyncDBTest, DeeperFilesAreLeftOutWithoutRegardToCase) {
   // Where the column compares without regard to case, the range lets such rows through, and LIKE must stop them.
   run("CREATE TABLE ea (path TEXT COLLATE NOCASE, status INTEGER);"
       "INSERT INTO ea VALUES ('/A/X', 1), ('/A/C/', 2), ('/A/C/Y', 0)");
   EXPECT_EQ(database_.directorySyncStatus("/a/"), (Statuses{{"/A/X", 1}, {"/A/C/", 2}}));
 }
 
-TEST_F(SyncDBTest, aFoldersCodesArePassedOnAs32BitIntegers) {
+TEST_F(SyncDBTest, AFoldersCodesArePassedOnAs32BitIntegers) {
   store({});
   run("INSERT INTO ea VALUES ('/a/x', 4294967298), ('/a/y', NULL), ('/a/z', -7)");
   EXPECT_EQ(database_.directorySyncStatus("/a/"), (Statuses{{"/a/x", 2}, {"/a/y", 0}, {"/a/z", -7}}));
 }
 
-TEST_F(SyncDBTest, aFolderMayHoldManyEntries) {
+TEST_F(SyncDBTest, AFolderMayHoldManyEntries) {
   std::vector<std::pair<std::string, int>> rows;
   Statuses expected;
   for (int i = 0; i < 10'000; ++i) {
@@ -293,7 +293,7 @@ TEST_F(SyncDBTest, aFolderMayHoldManyEntries) {
 
 // --- What goes wrong ------------------------------------------------------------------------------------------------
 
-TEST_F(SyncDBTest, anAbsentFileGivesNoValueAndADebugMessage) {
+TEST_F(SyncDBTest, AnAbsentFileGivesNoValueAndADebugMessage) {
   const LogRecorder log;
   EXPECT_EQ(SyncDB().directorySyncStatus("/a/"), std::nullopt);
   EXPECT_EQ(SyncDB().pathSyncStatus("/a"), -1);
@@ -301,7 +301,7 @@ TEST_F(SyncDBTest, anAbsentFileGivesNoValueAndADebugMessage) {
   EXPECT_THAT(log.messages(), ::testing::SizeIs(2));
 }
 
-TEST_F(SyncDBTest, aFileThatCannotBeReadGivesNoValueAndADebugMessage) {
+TEST_F(SyncDBTest, AFileThatCannotBeReadGivesNoValueAndADebugMessage) {
   fs::create_symlink(file(), file());
   const LogRecorder log;
   EXPECT_EQ(SyncDB().directorySyncStatus("/a/"), std::nullopt);
@@ -309,7 +309,7 @@ TEST_F(SyncDBTest, aFileThatCannotBeReadGivesNoValueAndADebugMessage) {
   EXPECT_THAT(log.messages(), ElementsAre("Cannot open database", "Cannot open database"));
 }
 
-TEST_F(SyncDBTest, afterAFailedOpenTheNextQueryFailsOnTheHandleAndTheOneAfterThatWorks) {
+TEST_F(SyncDBTest, AfterAFailedOpenTheNextQueryFailsOnTheHandleAndTheOneAfterThatWorks) {
   const LogRecorder log;
   EXPECT_EQ(database_.pathSyncStatus("/a"), -1);
   EXPECT_NE(database_.db(), nullptr);
@@ -322,7 +322,7 @@ TEST_F(SyncDBTest, afterAFailedOpenTheNextQueryFailsOnTheHandleAndTheOneAfterTha
   EXPECT_EQ(log.records()[1].logLevel, LogLevel::Warning);
 }
 
-TEST_F(SyncDBTest, theSequenceAfterAFailedOpenIsTheSameForFolders) {
+TEST_F(SyncDBTest, TheSequenceAfterAFailedOpenIsTheSameForFolders) {
   const LogRecorder log;
   EXPECT_EQ(database_.directorySyncStatus("/a/"), std::nullopt);
   EXPECT_NE(database_.db(), nullptr);
@@ -335,14 +335,14 @@ TEST_F(SyncDBTest, theSequenceAfterAFailedOpenIsTheSameForFolders) {
                           "Fetch status for dir: /a/", "Num of lemenets returned: 1"));
 }
 
-TEST_F(SyncDBTest, whileTheFileStaysAbsentTheTwoFailuresAlternate) {
+TEST_F(SyncDBTest, WhileTheFileStaysAbsentTheTwoFailuresAlternate) {
   const LogRecorder log;
   for (int i = 0; i < 4; ++i) EXPECT_EQ(database_.pathSyncStatus("/a"), -1);
   EXPECT_THAT(log.messages(), ElementsAre("Cannot open database", "Cannot prepare SQL statement",
                                           "Cannot open database", "Cannot prepare SQL statement"));
 }
 
-TEST_F(SyncDBTest, aDatabaseWithoutTheTableGivesNoValueAndAWarning) {
+TEST_F(SyncDBTest, ADatabaseWithoutTheTableGivesNoValueAndAWarning) {
   run("CREATE TABLE other (path TEXT, status INTEGER)");
   const LogRecorder log;
   EXPECT_EQ(database_.pathSyncStatus("/a"), -1);
@@ -354,7 +354,7 @@ TEST_F(SyncDBTest, aDatabaseWithoutTheTableGivesNoValueAndAWarning) {
   EXPECT_EQ(log.records()[2].functionName, "directorySyncStatus");
 }
 
-TEST_F(SyncDBTest, aTableWithoutTheColumnsGivesNoValueAndAWarning) {
+TEST_F(SyncDBTest, ATableWithoutTheColumnsGivesNoValueAndAWarning) {
   run("CREATE TABLE ea (name TEXT)");
   const LogRecorder log;
   EXPECT_EQ(database_.pathSyncStatus("/a"), -1);
@@ -362,7 +362,7 @@ TEST_F(SyncDBTest, aTableWithoutTheColumnsGivesNoValueAndAWarning) {
   EXPECT_EQ(log.count(LogLevel::Warning, "Cannot prepare SQL statement"), 2U);
 }
 
-TEST_F(SyncDBTest, aFileThatIsNoDatabaseGivesNoValueAndAWarning) {
+TEST_F(SyncDBTest, AFileThatIsNoDatabaseGivesNoValueAndAWarning) {
   writeFile(file(), std::string(5'000, 'x'));
   const LogRecorder log;
   EXPECT_EQ(database_.pathSyncStatus("/a"), -1);
@@ -371,14 +371,14 @@ TEST_F(SyncDBTest, aFileThatIsNoDatabaseGivesNoValueAndAWarning) {
   EXPECT_EQ(readFile(file()), std::string(5'000, 'x'));
 }
 
-TEST_F(SyncDBTest, anEmptyFileGivesNoValueAndAWarning) {
+TEST_F(SyncDBTest, AnEmptyFileGivesNoValueAndAWarning) {
   writeFile(file(), "");
   const LogRecorder log;
   EXPECT_EQ(database_.pathSyncStatus("/a"), -1);
   EXPECT_THAT(log.messages(), ElementsAre("Cannot prepare SQL statement"));
 }
 
-TEST_F(SyncDBTest, aDatabaseThatIsCutShortGivesMinusOne) {
+TEST_F(SyncDBTest, ADatabaseThatIsCutShortGivesMinusOne) {
   std::vector<std::pair<std::string, int>> rows;
   for (int i = 0; i < 2'000; ++i) rows.emplace_back("/a/item " + std::to_string(i), 2);
   store(rows);
@@ -387,7 +387,7 @@ TEST_F(SyncDBTest, aDatabaseThatIsCutShortGivesMinusOne) {
   EXPECT_EQ(openDescriptors(file()), 0U);
 }
 
-TEST_F(SyncDBTest, theConnectionIsClosedAfterEachKindOfFailureThatFollowsTheOpening) {
+TEST_F(SyncDBTest, TheConnectionIsClosedAfterEachKindOfFailureThatFollowsTheOpening) {
   run("CREATE TABLE other (path TEXT)");
   database_.pathSyncStatus("/a");
   EXPECT_EQ(database_.db(), nullptr);
@@ -397,11 +397,11 @@ TEST_F(SyncDBTest, theConnectionIsClosedAfterEachKindOfFailureThatFollowsTheOpen
   EXPECT_FALSE(database_.isLocked());
 }
 
-TEST_F(SyncDBTest, theEmptyFolderIsAFailureLikeAnyOtherWhenThereIsNoDatabase) {
+TEST_F(SyncDBTest, TheEmptyFolderIsAFailureLikeAnyOtherWhenThereIsNoDatabase) {
   EXPECT_EQ(database_.directorySyncStatus(""), std::nullopt);
 }
 
-TEST_F(SyncDBTest, aReaderIsMadeAndEndsWithoutAGroupContainer) {
+TEST_F(SyncDBTest, AReaderIsMadeAndEndsWithoutAGroupContainer) {
   const TemporaryFolder folder;
   writeFile(folder.path() / App().APP_GROUP, "a file in the container's place");
   const ScopedVariable containers("VORNET_GROUP_CONTAINERS", folder.path().string());
@@ -410,7 +410,7 @@ TEST_F(SyncDBTest, aReaderIsMadeAndEndsWithoutAGroupContainer) {
 
 using SyncDBDeathTest = ProcessStops;
 
-TEST_F(SyncDBDeathTest, withoutAGroupContainerAQueryStopsTheProcessWithoutAMessage) {
+TEST_F(SyncDBDeathTest, WithoutAGroupContainerAQueryStopsTheProcessWithoutAMessage) {
   const Environment environment;
   const TemporaryFolder folder;
   writeFile(folder.path() / App().APP_GROUP, "a file in the container's place");
@@ -421,13 +421,13 @@ TEST_F(SyncDBDeathTest, withoutAGroupContainerAQueryStopsTheProcessWithoutAMessa
   EXPECT_DEATH(SyncDB().directorySyncStatus("/a/"), onlyTheReason);
 }
 
-TEST_F(SyncDBDeathTest, theEmptyFolderStopsTheProcess) {
+TEST_F(SyncDBDeathTest, TheEmptyFolderStopsTheProcess) {
   const Environment environment;
   makeSyncDatabase(environment.container() / "sync.db", {{"/a", 1}});
   EXPECT_DEATH(SyncDB().directorySyncStatus(""), "folder without a path");
 }
 
-TEST_F(SyncDBDeathTest, aPathThatIsNotUTF8StopsTheProcess) {
+TEST_F(SyncDBDeathTest, APathThatIsNotUTF8StopsTheProcess) {
   const Environment environment;
   const auto file = environment.container() / "sync.db";
   makeSyncDatabase(file, {});
@@ -435,7 +435,7 @@ TEST_F(SyncDBDeathTest, aPathThatIsNotUTF8StopsTheProcess) {
   EXPECT_DEATH(SyncDB().directorySyncStatus("/a/"), "not text");
 }
 
-TEST_F(SyncDBDeathTest, aPathThatIsNullStopsTheProcess) {
+TEST_F(SyncDBDeathTest, APathThatIsNullStopsTheProcess) {
   const Environment environment;
   // NULL lies in no range. This view's path is computed anew at each use: of a thousand rows some lie in the range and
   // then are NULL.
@@ -446,7 +446,7 @@ TEST_F(SyncDBDeathTest, aPathThatIsNullStopsTheProcess) {
   EXPECT_DEATH(SyncDB().directorySyncStatus("/a/"), "not text");
 }
 
-TEST_F(SyncDBDeathTest, aQueryThatRunsWhileTheProcessEndsIsLeftAlone) {
+TEST_F(SyncDBDeathTest, AQueryThatRunsWhileTheProcessEndsIsLeftAlone) {
   const Environment environment;
   makeSyncDatabase(environment.container() / "sync.db", {{"/a", 1}});
   const auto exitAmidQueries = [] {
@@ -464,7 +464,7 @@ TEST_F(SyncDBDeathTest, aQueryThatRunsWhileTheProcessEndsIsLeftAlone) {
 
 // --- Other processes' writes ----------------------------------------------------------------------------------------
 
-TEST_F(SyncDBTest, aChangeIsSeenByTheNextQuery) {
+TEST_F(SyncDBTest, AChangeIsSeenByTheNextQuery) {
   store({{"/a/x", 1}});
   EXPECT_EQ(database_.pathSyncStatus("/a/x"), 1);
   run("UPDATE ea SET status = 2");
@@ -475,7 +475,7 @@ TEST_F(SyncDBTest, aChangeIsSeenByTheNextQuery) {
   EXPECT_EQ(database_.directorySyncStatus("/a/"), std::nullopt);
 }
 
-TEST_F(SyncDBTest, aFilePutInPlaceOfTheDatabaseIsSeenByTheNextQuery) {
+TEST_F(SyncDBTest, AFilePutInPlaceOfTheDatabaseIsSeenByTheNextQuery) {
   store({{"/a", 1}});
   EXPECT_EQ(database_.pathSyncStatus("/a"), 1);
   makeSyncDatabase(environment_.container() / "new.db", {{"/a", 2}});
@@ -483,7 +483,7 @@ TEST_F(SyncDBTest, aFilePutInPlaceOfTheDatabaseIsSeenByTheNextQuery) {
   EXPECT_EQ(database_.pathSyncStatus("/a"), 2);
 }
 
-TEST_F(SyncDBTest, aFileThatVanishesAndComesBackIsSeenAgain) {
+TEST_F(SyncDBTest, AFileThatVanishesAndComesBackIsSeenAgain) {
   store({{"/a", 1}});
   EXPECT_EQ(database_.pathSyncStatus("/a"), 1);
   fs::remove(file());
@@ -493,7 +493,7 @@ TEST_F(SyncDBTest, aFileThatVanishesAndComesBackIsSeenAgain) {
   EXPECT_EQ(database_.pathSyncStatus("/a"), 2);
 }
 
-TEST_F(SyncDBTest, theFileIsNotHeldOpenBetweenQueries) {
+TEST_F(SyncDBTest, TheFileIsNotHeldOpenBetweenQueries) {
   store({{"/a/x", 1}});
   for (int i = 0; i < 3; ++i) {
     database_.pathSyncStatus("/a/x");
@@ -504,7 +504,7 @@ TEST_F(SyncDBTest, theFileIsNotHeldOpenBetweenQueries) {
   }
 }
 
-TEST_F(SyncDBTest, queriesNeitherChangeTheFileNorMakeOthers) {
+TEST_F(SyncDBTest, QueriesNeitherChangeTheFileNorMakeOthers) {
   store({{"/a/x", 1}});
   const auto content = readFile(file());
   const auto changed = fs::last_write_time(file());
@@ -519,7 +519,7 @@ TEST_F(SyncDBTest, queriesNeitherChangeTheFileNorMakeOthers) {
   EXPECT_EQ(filesInContainer(), names);
 }
 
-TEST_F(SyncDBTest, aWriteAheadLogIsReadToo) {
+TEST_F(SyncDBTest, AWriteAheadLogIsReadToo) {
   Database writer(file());
   writer.run("PRAGMA journal_mode=WAL; CREATE TABLE ea (path TEXT, status INTEGER); INSERT INTO ea VALUES ('/a', 1)");
   EXPECT_EQ(database_.pathSyncStatus("/a"), 1);
@@ -533,7 +533,7 @@ TEST_F(SyncDBTest, aWriteAheadLogIsReadToo) {
 
 // --- Threads --------------------------------------------------------------------------------------------------------
 
-TEST_F(SyncDBTest, theLockIsGivenBackAfterEveryKindOfQuery) {
+TEST_F(SyncDBTest, TheLockIsGivenBackAfterEveryKindOfQuery) {
   database_.pathSyncStatus("/a");
   EXPECT_FALSE(database_.isLocked()) << "after a failed open";
   database_.pathSyncStatus("/a");
@@ -551,14 +551,14 @@ TEST_F(SyncDBTest, theLockIsGivenBackAfterEveryKindOfQuery) {
   EXPECT_FALSE(database_.isLocked());
 }
 
-TEST_F(SyncDBTest, theThreadThatHoldsTheLockMayQuery) {
+TEST_F(SyncDBTest, TheThreadThatHoldsTheLockMayQuery) {
   store({{"/a/x", 1}});
   const std::lock_guard guard(database_.lock());
   EXPECT_EQ(database_.pathSyncStatus("/a/x"), 1);
   EXPECT_EQ(database_.directorySyncStatus("/a/"), (Statuses{{"/a/x", 1}}));
 }
 
-TEST_F(SyncDBTest, aQueryWaitsForTheLock) {
+TEST_F(SyncDBTest, AQueryWaitsForTheLock) {
   store({{"/a/x", 1}});
   Gate asking;
   std::unique_lock guard(database_.lock());
@@ -575,7 +575,7 @@ TEST_F(SyncDBTest, aQueryWaitsForTheLock) {
   EXPECT_EQ(answer.get(), 1);
 }
 
-TEST_F(SyncDBTest, anyThreadMayAsk) {
+TEST_F(SyncDBTest, AnyThreadMayAsk) {
   store({{"/a/x", 1}, {"/b/", 2}});
   std::atomic<int> right = 0;
   inParallel(4, [&](std::size_t) {

@@ -40,8 +40,10 @@ class FinderSync : public platform::FIFinderSync, public StatusSink {
   /// folder. False when the platform gives no object. The first controller must outlive the status manager's worker.
   bool init();
 
-  /// A client of this controller's own. None of the operations uses it.
+  /// A client of this controller's own, which none of its operations uses.
+  /// Kept ready; nothing calls it yet.
   const RESTClient& client() const noexcept { return client_; }
+  /// Kept ready; nothing calls it yet.
   void setClient(const RESTClient& client) noexcept { client_ = client; }
 
   /// Shows the badge of `status` on `url`; a status without one removes it.
@@ -96,6 +98,7 @@ class FinderSync : public platform::FIFinderSync, public StatusSink {
   void copyLink();
 
   /// Whether `selector` ("share:", "setFileSyncStatus:status:", …) names an operation of this class.
+  /// Kept ready; nothing calls it yet.
   static bool respondsToSelector(std::string_view selector);
 
   /// Performs the operation that `selector` names. Missing arguments count as absent objects; an unknown selector, and

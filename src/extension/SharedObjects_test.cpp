@@ -33,7 +33,7 @@ void useImages(const TemporaryFolder& folder, const Names& names) {
   platform::host::setMainBundle(bundle);
 }
 
-TEST(SharedObjectsTest, imagesAreTheResourcesWithTheirNames) {
+TEST(SharedObjectsTest, ImagesAreTheResourcesWithTheirNames) {
   const TemporaryFolder folder;
   useImages(folder, IMAGES);
   EXPECT_EQ(syncedImg().name(), "checkmark");
@@ -42,7 +42,7 @@ TEST(SharedObjectsTest, imagesAreTheResourcesWithTheirNames) {
   EXPECT_EQ(vornetImg().name(), "QMT");
 }
 
-TEST(SharedObjectsTest, eachImageIsLoadedByItselfWhenFirstNeeded) {
+TEST(SharedObjectsTest, EachImageIsLoadedByItselfWhenFirstNeeded) {
   const TemporaryFolder folder;
   useImages(folder, std::array{"sync"});
   EXPECT_EQ(inProgressImg().name(), "sync");
@@ -50,7 +50,7 @@ TEST(SharedObjectsTest, eachImageIsLoadedByItselfWhenFirstNeeded) {
   EXPECT_EQ(syncedImg().name(), "checkmark");
 }
 
-TEST(SharedObjectsTest, anImageOnceLoadedStays) {
+TEST(SharedObjectsTest, AnImageOnceLoadedStays) {
   const TemporaryFolder folder;
   useImages(folder, IMAGES);
   const auto* first = &failureImg();
@@ -61,35 +61,35 @@ TEST(SharedObjectsTest, anImageOnceLoadedStays) {
 
 using SharedObjectsDeathTest = ProcessStops;
 
-TEST_F(SharedObjectsDeathTest, aMissingSyncedImageStopsTheProcess) {
+TEST_F(SharedObjectsDeathTest, AMissingSyncedImageStopsTheProcess) {
   const TemporaryFolder folder;
   useImages(folder, std::array{"sync", "error", "QMT"});
   EXPECT_DEATH(syncedImg(), "missing image resource: checkmark");
 }
 
-TEST_F(SharedObjectsDeathTest, aMissingInProgressImageStopsTheProcess) {
+TEST_F(SharedObjectsDeathTest, AMissingInProgressImageStopsTheProcess) {
   const TemporaryFolder folder;
   useImages(folder, std::array{"checkmark", "error", "QMT"});
   EXPECT_DEATH(inProgressImg(), "missing image resource: sync");
 }
 
-TEST_F(SharedObjectsDeathTest, aMissingFailureImageStopsTheProcess) {
+TEST_F(SharedObjectsDeathTest, AMissingFailureImageStopsTheProcess) {
   const TemporaryFolder folder;
   useImages(folder, std::array{"checkmark", "sync", "QMT"});
   EXPECT_DEATH(failureImg(), "missing image resource: error");
 }
 
-TEST_F(SharedObjectsDeathTest, aMissingProductImageStopsTheProcess) {
+TEST_F(SharedObjectsDeathTest, AMissingProductImageStopsTheProcess) {
   const TemporaryFolder folder;
   useImages(folder, std::array{"checkmark", "sync", "error"});
   EXPECT_DEATH(vornetImg(), "missing image resource: QMT");
 }
 
-TEST_F(SharedObjectsDeathTest, anAbsentStatusManagerStopsWhoeverNeedsIt) {
+TEST_F(SharedObjectsDeathTest, AnAbsentStatusManagerStopsWhoeverNeedsIt) {
   EXPECT_DEATH(requiredStatusManager(), "no status manager");
 }
 
-TEST_F(SharedObjectsDeathTest, theSharedObjectsCanBeUsedWhileTheProcessEnds) {
+TEST_F(SharedObjectsDeathTest, TheSharedObjectsCanBeUsedWhileTheProcessEnds) {
   const TemporaryFolder folder;
   useImages(folder, IMAGES);
   const auto exitAmidUse = [] {
@@ -111,7 +111,7 @@ TEST_F(SharedObjectsDeathTest, theSharedObjectsCanBeUsedWhileTheProcessEnds) {
   EXPECT_EXIT(exitAmidUse(), ::testing::ExitedWithCode(0), "");
 }
 
-TEST(SharedObjectsTest, statusManagerIsAbsentAtFirstAndThenWhatWasAssigned) {
+TEST(SharedObjectsTest, StatusManagerIsAbsentAtFirstAndThenWhatWasAssigned) {
   const Environment environment;
   EXPECT_EQ(statusManager(), nullptr);
   const auto manager = std::make_shared<RESTPollingManager>();
@@ -121,13 +121,13 @@ TEST(SharedObjectsTest, statusManagerIsAbsentAtFirstAndThenWhatWasAssigned) {
   statusManager() = nullptr;
 }
 
-TEST(SharedObjectsTest, theTwoDatabaseReadersAreSharedAndDistinct) {
+TEST(SharedObjectsTest, TheTwoDatabaseReadersAreSharedAndDistinct) {
   EXPECT_EQ(&syncDB(), &syncDB());
   EXPECT_EQ(&configDB(), &configDB());
   EXPECT_NE(static_cast<SyncDB*>(&configDB()), &syncDB());
 }
 
-TEST(SharedObjectsTest, eachSharedObjectIsMadeOnceEvenWhenManyThreadsUseItFirst) {
+TEST(SharedObjectsTest, EachSharedObjectIsMadeOnceEvenWhenManyThreadsUseItFirst) {
   const TemporaryFolder folder;
   useImages(folder, IMAGES);
   constexpr std::size_t THREADS = 8;

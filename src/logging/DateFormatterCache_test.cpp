@@ -5,8 +5,8 @@
 #include <thread>
 
 #include "logging/XCGLogger.hpp"
-#include "support/ChildProcess.hpp"
 #include "support/Environment.hpp"
+#include "support/Threads.hpp"
 
 namespace vornet {
 namespace {
@@ -49,7 +49,7 @@ TEST_F(DateFormatterCacheTest, GivesEachThreadItsOwn) {
     });
   }
   bothMade.pass(2);
-  end.open(2);
+  end.open();
   for (auto& thread : threads) thread.join();
   EXPECT_NE(others[0], mine);
   EXPECT_NE(others[1], mine);

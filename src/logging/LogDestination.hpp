@@ -28,10 +28,12 @@ class XCGLogDestinationProtocol {
 
   /// The logger this destination belongs to. It outlives the destination.
   virtual XCGLogger& owner() const = 0;
+  /// Kept ready; nothing calls it yet.
   virtual void setOwner(XCGLogger& owner) = 0;
 
   /// The key under which the logger finds, adds and removes the destination.
   virtual const std::string& identifier() const = 0;
+  /// Kept ready; nothing calls it yet.
   virtual void setIdentifier(std::string identifier) = 0;
 
   virtual LogLevel outputLogLevel() const = 0;
@@ -46,6 +48,8 @@ class XCGLogDestinationProtocol {
   /// Whether records of `level` are taken: `level` is at least outputLogLevel().
   virtual bool isEnabledForLogLevel(LogLevel level) const = 0;
 
+  /// The kind, identifier, level and flags as text.
+  /// Kept ready; nothing calls it yet.
   virtual std::string debugDescription() const = 0;
 };
 

@@ -45,12 +45,14 @@ class XCGFormattedLogDestination : public XCGLogDestinationProtocol {
   void setOutputLogLevel(LogLevel level) override { format_.setOutputLogLevel(level); }
   bool isEnabledForLogLevel(LogLevel level) const override { return level >= format_.outputLogLevel(); }
 
-  bool showFileName() const { return format_.showFileName; }
   void setShowFileName(bool show) { format_.showFileName = show; }
-  bool showLineNumber() const { return format_.showLineNumber; }
   void setShowLineNumber(bool show) { format_.showLineNumber = show; }
-  bool showLogLevel() const { return format_.showLogLevel; }
   void setShowLogLevel(bool show) { format_.showLogLevel = show; }
+
+  // What was set. Kept ready; nothing calls it yet.
+  bool showFileName() const { return format_.showFileName; }
+  bool showLineNumber() const { return format_.showLineNumber; }
+  bool showLogLevel() const { return format_.showLogLevel; }
 
   /// The calling thread's formatter; null when the platform offers none.
   virtual platform::DateFormatter* dateFormatter() const;
@@ -98,6 +100,7 @@ class XCGFileLogDestination : public XCGFormattedLogDestination {
   void processInternalLogDetails(const XCGLogDetails& details) override;
   std::string debugDescription() const override;
 
+  /// Kept ready; nothing calls it yet.
   const std::optional<platform::FileURL>& writeToFileURL() const { return writeToFileURL_; }
 
   /// Takes `url` as the target and (re)opens the file.

@@ -18,6 +18,7 @@
 #include "support/CapturedOutput.hpp"
 #include "support/ChildProcess.hpp"
 #include "support/Environment.hpp"
+#include "support/Threads.hpp"
 
 namespace vornet {
 namespace {

@@ -16,6 +16,7 @@ constexpr int rawValue(LogLevel level) noexcept {
 }
 
 /// The level with the raw value `raw`; none outside 0 to 6.
+/// Kept ready; nothing calls it yet.
 constexpr std::optional<LogLevel> logLevelWithRawValue(int raw) noexcept {
   if (raw < rawValue(LogLevel::Verbose) || raw > rawValue(LogLevel::None)) return std::nullopt;
   return static_cast<LogLevel>(raw);

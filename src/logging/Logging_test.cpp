@@ -14,6 +14,7 @@
 #include "support/ChildProcess.hpp"
 #include "support/Environment.hpp"
 #include "support/LogRecorder.hpp"
+#include "support/Threads.hpp"
 
 namespace vornet {
 namespace {
@@ -50,7 +51,7 @@ TEST(Logger, IsMadeOnceAsIsTheMapWhenManyThreadsAskAtOnce) {
       maps[i] = &logMap();
     });
   }
-  gate.open(COUNT);
+  gate.open();
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(std::set<const XCGLogger*>(loggers, loggers + COUNT).size(), 1u);
   EXPECT_EQ(std::set<const void*>(maps, maps + COUNT).size(), 1u);

@@ -45,7 +45,9 @@ class XCGLogger {
   XCGLogger(const XCGLogger&) = delete;
   XCGLogger& operator=(const XCGLogger&) = delete;
 
+  /// Kept ready; nothing calls it yet.
   const std::string& identifier() const noexcept { return identifier_; }
+  /// Kept ready; nothing calls it yet.
   void setIdentifier(std::string identifier) { identifier_ = std::move(identifier); }
 
   /// The logger's level. Setting it sets the level of every attached destination, in list order.
@@ -59,13 +61,16 @@ class XCGLogger {
   platform::DateFormatter* dateFormatter() const;
 
   /// The destinations in the order in which they receive each record.
+  /// Kept ready; nothing calls it yet.
   const std::vector<Destination>& logDestinations() const noexcept { return logDestinations_; }
+  /// Kept ready; nothing calls it yet.
   void setLogDestinations(std::vector<Destination> destinations) { logDestinations_ = std::move(destinations); }
 
   /// The default logger, made on first use.
   static XCGLogger& defaultInstance();
 
   /// Deprecated name of defaultInstance(); says so in the log.
+  /// Kept ready; nothing calls it yet.
   static XCGLogger& sharedInstance();
 
   /// Sets the level and the console's flags, writes the application details to every attached destination and, when
@@ -78,18 +83,23 @@ class XCGLogger {
                      std::int64_t lineNumber);
 
   /// Runs `closure` only when isEnabledForLogLevel(level).
+  /// Kept ready; nothing calls it yet.
   void exec(LogLevel level, const std::function<void()>& closure);
 
   /// Writes two lines at Info (process and version; logger version and level) to `selected`, or to every destination.
   virtual void logAppDetails(XCGLogDestinationProtocol* selected = nullptr);
 
+  /// Kept ready; nothing calls it yet.
   void verbose(std::string_view message, std::string_view functionName, std::string_view fileName, std::int64_t line);
   void debug(std::string_view message, std::string_view functionName, std::string_view fileName, std::int64_t line);
   void info(std::string_view message, std::string_view functionName, std::string_view fileName, std::int64_t line);
   void warning(std::string_view message, std::string_view functionName, std::string_view fileName, std::int64_t line);
+  /// Kept ready; nothing calls it yet.
   void error(std::string_view message, std::string_view functionName, std::string_view fileName, std::int64_t line);
+  /// Kept ready; nothing calls it yet.
   void severe(std::string_view message, std::string_view functionName, std::string_view fileName, std::int64_t line);
 
+  // exec at each level. Kept ready; nothing calls it yet.
   void verboseExec(const std::function<void()>& closure) { exec(LogLevel::Verbose, closure); }
   void debugExec(const std::function<void()>& closure) { exec(LogLevel::Debug, closure); }
   void infoExec(const std::function<void()>& closure) { exec(LogLevel::Info, closure); }
@@ -110,16 +120,20 @@ class XCGLogger {
   bool addLogDestination(Destination destination);
 
   /// Removes every attached destination with this identifier, or with that of `destination`.
+  /// Kept ready; nothing calls it yet.
   void removeLogDestination(const Destination& destination);
+  /// Kept ready; nothing calls it yet.
   void removeLogDestination(std::string_view identifier);
 
   /// The logger and its destinations, separated by carriage returns.
+  /// Kept ready; nothing calls it yet.
   std::string debugDescription() const;
 
   /// The logger's and its destinations' own reports: records without function, file and line.
   void _logln(std::string_view message, LogLevel level);
 
   /// The operations above on defaultInstance().
+  /// Kept ready; nothing calls it yet.
   struct Default {
     static void logln(std::string_view message, LogLevel level, std::string_view functionName,
                       std::string_view fileName, std::int64_t line);

@@ -13,6 +13,7 @@
 #include "support/CapturedOutput.hpp"
 #include "support/ChildProcess.hpp"
 #include "support/Environment.hpp"
+#include "support/Threads.hpp"
 
 namespace vornet {
 namespace {
@@ -147,7 +148,7 @@ TEST(XCGLoggerDefaultInstance, IsMadeOnceAsIsTheQueueWhenManyThreadsAskAtOnce) {
       queues[i] = &XCGLogger::logQueue();
     });
   }
-  gate.open(COUNT);
+  gate.open();
   for (auto& thread : threads) thread.join();
   EXPECT_EQ(std::set<XCGLogger*>(instances.begin(), instances.end()).size(), 1u);
   EXPECT_EQ(std::set<platform::SerialQueue*>(queues.begin(), queues.end()).size(), 1u);

@@ -26,6 +26,7 @@ std::string toJSON(const JSONValue& object);
 /// The value of a JSON document (RFC 8259) whose top level is an object or an array; of equal keys the last one holds.
 /// Throws JSONError for anything else: empty data, a scalar at the top, trailing bytes, bytes that are not UTF-8,
 /// nesting deeper than 512, a number too large for a double.
+/// Kept ready; nothing calls it yet.
 JSONValue fromJSON(std::string_view data);
 
 /// Reads a document as fromJSON does, when an object of integers is expected, without building it: calls `member` for

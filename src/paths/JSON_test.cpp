@@ -167,23 +167,23 @@ const std::vector<std::string> ACCEPTED = {"{}",
                                            nestedArrays(512),
                                            nestedObjects(512)};
 
-TEST(FromJSONTest, throwsForWhatIsNoDocument) {
+TEST(FromJSONTest, ThrowsForWhatIsNoDocument) {
   for (const auto& data : REFUSED) EXPECT_TRUE(isRefused(data)) << data.substr(0, 100);
 }
 
-TEST(FromJSONTest, acceptsDocumentsWithAnObjectOrArrayAtTheTop) {
+TEST(FromJSONTest, AcceptsDocumentsWithAnObjectOrArrayAtTheTop) {
   for (const auto& data : ACCEPTED) EXPECT_FALSE(isRefused(data)) << data.substr(0, 100);
 }
 
-TEST(FromJSONTest, ofTruncatedJSONThrows) {
+TEST(FromJSONTest, OfTruncatedJSONThrows) {
   EXPECT_THROW(fromJSON("[1"), JSONError);
 }
 
-TEST(FromJSONTest, ofNoBytesThrows) {
+TEST(FromJSONTest, OfNoBytesThrows) {
   EXPECT_THROW(fromJSON({}), JSONError);
 }
 
-TEST(FromJSONTest, ofAnEmptyObjectIsAnEmptyObjectThatCanBeChanged) {
+TEST(FromJSONTest, OfAnEmptyObjectIsAnEmptyObjectThatCanBeChanged) {
   JSONValue value = fromJSON("{}");
   ASSERT_TRUE(value.is_object());
   EXPECT_TRUE(value.get_object().empty());
@@ -191,14 +191,14 @@ TEST(FromJSONTest, ofAnEmptyObjectIsAnEmptyObjectThatCanBeChanged) {
   EXPECT_EQ(toJSON(value), "{\"a\":1}");
 }
 
-TEST(FromJSONTest, nestedContainersCanBeChanged) {
+TEST(FromJSONTest, NestedContainersCanBeChanged) {
   JSONValue value = fromJSON("{\"a\":[{}]}");
   value.at("a").at(0).as_object()["b"] = nullptr;
   value.at("a").as_array().push_back(true);
   EXPECT_EQ(toJSON(value), "{\"a\":[{\"b\":null},true]}");
 }
 
-TEST(FromJSONTest, decodesEveryKindOfValue) {
+TEST(FromJSONTest, DecodesEveryKindOfValue) {
   const JSONValue expected = {{"text", "\u00fc"}, {"integer", -7},      {"fraction", 0.25},
                               {"truth", true},    {"nothing", nullptr}, {"list", {1, "two", json::array{}}},
                               {"map", {{"k", 1}}}};
@@ -207,30 +207,30 @@ TEST(FromJSONTest, decodesEveryKindOfValue) {
             expected);
 }
 
-TEST(FromJSONTest, decodesEscapes) {
+TEST(FromJSONTest, DecodesEscapes) {
   EXPECT_EQ(fromJSON(R"(["\"\\\/\b\f\n\r\t\u0000\u20ac\ud83d\ude00"])").at(0).as_string(),
             std::string_view("\"\\/\b\f\n\r\t\0\u20ac\U0001F600", 16));
 }
 
-TEST(FromJSONTest, keepsIntegersExactly) {
+TEST(FromJSONTest, KeepsIntegersExactly) {
   const JSONValue value = fromJSON("[9223372036854775807,-9223372036854775808,9007199254740993]");
   EXPECT_EQ(value.at(0), std::numeric_limits<std::int64_t>::max());
   EXPECT_EQ(value.at(1), std::numeric_limits<std::int64_t>::min());
   EXPECT_EQ(value.at(2), 9007199254740993);
 }
 
-TEST(FromJSONTest, ofEqualKeysTheLastHolds) {
+TEST(FromJSONTest, OfEqualKeysTheLastHolds) {
   EXPECT_EQ(fromJSON("{\"a\":1,\"b\":2,\"a\":\"x\"}"), (JSONValue{{"a", "x"}, {"b", 2}}));
 }
 
-TEST(FromJSONTest, nestingOf512IsReadAndOneMoreIsNot) {
+TEST(FromJSONTest, NestingOf512IsReadAndOneMoreIsNot) {
   EXPECT_NO_THROW(fromJSON(nestedArrays(512)));
   EXPECT_THROW(fromJSON(nestedArrays(513)), JSONError);
   EXPECT_NO_THROW(fromJSON(nestedObjects(512)));
   EXPECT_THROW(fromJSON(nestedObjects(513)), JSONError);
 }
 
-TEST(IntegersFromJSONTest, throwsForWhatIsNoDocument) {
+TEST(IntegersFromJSONTest, ThrowsForWhatIsNoDocument) {
   for (const auto& data : REFUSED) {
     bool refused = false;
     integersIn(data, refused);
@@ -238,7 +238,7 @@ TEST(IntegersFromJSONTest, throwsForWhatIsNoDocument) {
   }
 }
 
-TEST(IntegersFromJSONTest, agreesWithFromJSONOnEveryDocumentOfTheTables) {
+TEST(IntegersFromJSONTest, AgreesWithFromJSONOnEveryDocumentOfTheTables) {
   for (const auto& data : REFUSED) EXPECT_TRUE(bothWaysAgree(data));
   for (const auto& data : ACCEPTED) EXPECT_TRUE(bothWaysAgree(data));
 }
@@ -247,13 +247,13 @@ const std::string SAMPLE =
     "{\"/a b/\\u00e9\\ud83d\\ude00\":-12, \"/a b/\xC3\xBC\":9223372036854775807 ,\"/x\":0,\"/x\":[1,{\"y\":2.5e3}],"
     "\"/x\":1}\n";
 
-TEST(IntegersFromJSONTest, agreesWithFromJSONOnEveryDocumentCutShort) {
+TEST(IntegersFromJSONTest, AgreesWithFromJSONOnEveryDocumentCutShort) {
   for (std::size_t length = 0; length <= SAMPLE.size(); ++length) {
     EXPECT_TRUE(bothWaysAgree(std::string_view(SAMPLE).substr(0, length)));
   }
 }
 
-TEST(IntegersFromJSONTest, agreesWithFromJSONOnEveryDocumentWithOneOtherByte) {
+TEST(IntegersFromJSONTest, AgreesWithFromJSONOnEveryDocumentWithOneOtherByte) {
   for (std::size_t at = 0; at < SAMPLE.size(); ++at) {
     for (int byte = 0; byte < 256; ++byte) {
       std::string changed = SAMPLE;
@@ -263,7 +263,7 @@ TEST(IntegersFromJSONTest, agreesWithFromJSONOnEveryDocumentWithOneOtherByte) {
   }
 }
 
-TEST(IntegersFromJSONTest, givesTheMembersInTheOrderOfTheDocument) {
+TEST(IntegersFromJSONTest, GivesTheMembersInTheOrderOfTheDocument) {
   std::vector<std::pair<std::string, std::int64_t>> seen;
   EXPECT_TRUE(integersFromJSON("{\"b\":2,\"a\":-1,\"\":0,\"b\":3}",
                                [&](std::string_view key, std::int64_t value) { seen.emplace_back(key, value); }));
@@ -271,12 +271,12 @@ TEST(IntegersFromJSONTest, givesTheMembersInTheOrderOfTheDocument) {
                                            ::testing::Pair("b", 3)));
 }
 
-TEST(IntegersFromJSONTest, anEmptyObjectIsAnObjectOfIntegers) {
+TEST(IntegersFromJSONTest, AnEmptyObjectIsAnObjectOfIntegers) {
   bool refused = true;
   EXPECT_EQ(integersIn("{}", refused), Integers());
 }
 
-TEST(IntegersFromJSONTest, keepsIntegersExactlyUpToTheirLimits) {
+TEST(IntegersFromJSONTest, KeepsIntegersExactlyUpToTheirLimits) {
   bool refused = true;
   EXPECT_EQ(integersIn("{\"a\":9223372036854775807,\"b\":-9223372036854775808,\"c\":9007199254740993}", refused),
             (Integers{{"a", std::numeric_limits<std::int64_t>::max()},
@@ -284,7 +284,7 @@ TEST(IntegersFromJSONTest, keepsIntegersExactlyUpToTheirLimits) {
                       {"c", 9007199254740993}}));
 }
 
-TEST(IntegersFromJSONTest, integersBeyondTheLimitsAreOfAnotherShape) {
+TEST(IntegersFromJSONTest, IntegersBeyondTheLimitsAreOfAnotherShape) {
   bool refused = true;
   EXPECT_EQ(integersIn("{\"a\":9223372036854775808}", refused), std::nullopt);
   EXPECT_FALSE(refused);
@@ -292,7 +292,7 @@ TEST(IntegersFromJSONTest, integersBeyondTheLimitsAreOfAnotherShape) {
   EXPECT_FALSE(refused);
 }
 
-TEST(IntegersFromJSONTest, anythingButAnObjectOfIntegersIsOfAnotherShape) {
+TEST(IntegersFromJSONTest, AnythingButAnObjectOfIntegersIsOfAnotherShape) {
   for (const char* data : {"[]", "[1]", "{\"a\":1.0}", "{\"a\":\"1\"}", "{\"a\":null}", "{\"a\":true}", "{\"a\":[1]}",
                            "{\"a\":{\"b\":1}}", "{\"a\":1,\"b\":null}", "{\"a\":1e0}"}) {
     bool refused = true;
@@ -301,19 +301,19 @@ TEST(IntegersFromJSONTest, anythingButAnObjectOfIntegersIsOfAnotherShape) {
   }
 }
 
-TEST(IntegersFromJSONTest, aLaterIntegerUnderTheSameKeyHoldsInPlaceOfAnotherValue) {
+TEST(IntegersFromJSONTest, ALaterIntegerUnderTheSameKeyHoldsInPlaceOfAnotherValue) {
   bool refused = true;
   EXPECT_EQ(integersIn("{\"a\":\"x\",\"b\":{\"c\":\"y\"},\"a\":1,\"b\":2}", refused), (Integers{{"a", 1}, {"b", 2}}));
 }
 
-TEST(IntegersFromJSONTest, theFirstMemberThatIsNoIntegerEndsTheCollecting) {
+TEST(IntegersFromJSONTest, TheFirstMemberThatIsNoIntegerEndsTheCollecting) {
   std::vector<std::string> seen;
   const auto collect = [&](std::string_view key, std::int64_t) { seen.emplace_back(key); };
   EXPECT_FALSE(integersFromJSON("{\"a\":1,\"b\":2,\"c\":\"x\",\"d\":3,\"e\":[4],\"f\":5}", collect));
   EXPECT_THAT(seen, ::testing::ElementsAre("a", "b"));
 }
 
-TEST(IntegersFromJSONTest, integersUnderTheSameKeysLaterBringEveryMember) {
+TEST(IntegersFromJSONTest, IntegersUnderTheSameKeysLaterBringEveryMember) {
   const auto document = [](int keys, std::size_t length) {
     std::string others;
     std::string integers;
@@ -332,7 +332,7 @@ TEST(IntegersFromJSONTest, integersUnderTheSameKeysLaterBringEveryMember) {
   EXPECT_FALSE(refused);
 }
 
-TEST(BooleansFromJSONTest, passesOnTheMembersOfAnObjectOfBooleans) {
+TEST(BooleansFromJSONTest, PassesOnTheMembersOfAnObjectOfBooleans) {
   std::map<std::string, bool> members;
   const auto store = [&](std::string_view key, bool value) { members[std::string(key)] = value; };
   EXPECT_TRUE(booleansFromJSON("{\"1\":true,\"2\":false,\"\\u0033\":true,\"2\":true}", store));
@@ -342,7 +342,7 @@ TEST(BooleansFromJSONTest, passesOnTheMembersOfAnObjectOfBooleans) {
   EXPECT_EQ(members.count("4"), 1U);
 }
 
-TEST(BooleansFromJSONTest, tellsAnotherShapeFromWhatIsNoJSON) {
+TEST(BooleansFromJSONTest, TellsAnotherShapeFromWhatIsNoJSON) {
   for (const char* data : {"[]", "[true]", "{\"1\":1}", "{\"1\":null}", "{\"1\":\"true\"}", "{\"1\":[true]}",
                            "{\"1\":{\"2\":true}}", "{\"1\":true,\"2\":0}", "{\"1\":true,\"1\":0}"}) {
     EXPECT_FALSE(booleansFromJSON(data, [](auto, auto) {})) << data;
@@ -352,12 +352,12 @@ TEST(BooleansFromJSONTest, tellsAnotherShapeFromWhatIsNoJSON) {
   }
 }
 
-TEST(IntegersFromJSONTest, anErrorAfterAnotherShapeIsStillAnError) {
+TEST(IntegersFromJSONTest, AnErrorAfterAnotherShapeIsStillAnError) {
   EXPECT_THROW(integersFromJSON("{\"a\":\"x\",\"b\":1", [](auto, auto) {}), JSONError);
   EXPECT_THROW(integersFromJSON("[1] x", [](auto, auto) {}), JSONError);
 }
 
-TEST(IntegersFromJSONTest, longKeysWithEscapesAreWhole) {
+TEST(IntegersFromJSONTest, LongKeysWithEscapesAreWhole) {
   std::string key;
   std::string written;
   for (int i = 0; i < 5'000; ++i) {
@@ -369,7 +369,7 @@ TEST(IntegersFromJSONTest, longKeysWithEscapesAreWhole) {
             (Integers{{key, 1}, {"short", 2}, {key + "x", 3}}));
 }
 
-TEST(IntegersFromJSONTest, manyMembersAreAllSeen) {
+TEST(IntegersFromJSONTest, ManyMembersAreAllSeen) {
   std::string data = "{";
   Integers expected;
   for (std::int64_t i = 0; i < 20'000; ++i) {
@@ -382,32 +382,32 @@ TEST(IntegersFromJSONTest, manyMembersAreAllSeen) {
   EXPECT_EQ(integersIn(data + "}", refused), expected);
 }
 
-TEST(ToJSONTest, isCompact) {
+TEST(ToJSONTest, IsCompact) {
   EXPECT_EQ(toJSON({{"dir_name", "/a/"}, {"list", {1, "x", nullptr, true}}, {"map", json::object{}}}),
             "{\"dir_name\":\"/a/\",\"list\":[1,\"x\",null,true],\"map\":{}}");
 }
 
-TEST(ToJSONTest, emptyContainers) {
+TEST(ToJSONTest, EmptyContainers) {
   EXPECT_EQ(toJSON(json::object{}), "{}");
   EXPECT_EQ(toJSON(json::array{}), "[]");
 }
 
-TEST(ToJSONTest, textsAndNumbersAreValuesToo) {
+TEST(ToJSONTest, TextsAndNumbersAreValuesToo) {
   EXPECT_EQ(toJSON("a"), "\"a\"");
   EXPECT_EQ(toJSON(-12), "-12");
   EXPECT_EQ(toJSON(std::numeric_limits<std::uint64_t>::max()), "18446744073709551615");
 }
 
-TEST(ToJSONTest, escapesWhatATextMustNotHold) {
+TEST(ToJSONTest, EscapesWhatATextMustNotHold) {
   EXPECT_EQ(toJSON(json::array{std::string_view("\"\\\b\f\n\r\t\x01\0", 9)}),
             "[\"\\\"\\\\\\b\\f\\n\\r\\t\\u0001\\u0000\"]");
 }
 
-TEST(ToJSONTest, keepsOtherCharactersOfATextAndKey) {
+TEST(ToJSONTest, KeepsOtherCharactersOfATextAndKey) {
   EXPECT_EQ(toJSON({{"\u00fc", "\U0001F600 \u2028"}}), "{\"\u00fc\":\"\U0001F600 \u2028\"}");
 }
 
-TEST(ToJSONTest, isReadBackAsTheSameValue) {
+TEST(ToJSONTest, IsReadBackAsTheSameValue) {
   const JSONValue value = {{"a\"b", {1, -2, 0.1, 1e300, "x\n\u00e9", nullptr, false}},
                            {"", {{"k", std::numeric_limits<std::int64_t>::min()}}}};
   EXPECT_EQ(fromJSON(toJSON(value)), value);
@@ -415,20 +415,20 @@ TEST(ToJSONTest, isReadBackAsTheSameValue) {
 
 using ToJSONDeathTest = ProcessStops;
 
-TEST_F(ToJSONDeathTest, aNumberThatIsNotFiniteStopsTheProcess) {
+TEST_F(ToJSONDeathTest, ANumberThatIsNotFiniteStopsTheProcess) {
   constexpr double INF = std::numeric_limits<double>::infinity();
   EXPECT_DEATH(toJSON(INF), "not finite");
   EXPECT_DEATH(toJSON(json::array{-INF}), "not finite");
   EXPECT_DEATH(toJSON({{"a", {{"b", {1, std::numeric_limits<double>::quiet_NaN()}}}}}), "not finite");
 }
 
-TEST_F(ToJSONDeathTest, aTextThatIsNotUTF8StopsTheProcess) {
+TEST_F(ToJSONDeathTest, ATextThatIsNotUTF8StopsTheProcess) {
   EXPECT_DEATH(toJSON("\xFF"), "not UTF-8");
   EXPECT_DEATH(toJSON(json::array{"\xC3"}), "not UTF-8");
   EXPECT_DEATH(toJSON({{"a", {{"b", {1, "\xED\xA0\x80"}}}}}), "not UTF-8");
 }
 
-TEST_F(ToJSONDeathTest, aKeyThatIsNotUTF8StopsTheProcess) {
+TEST_F(ToJSONDeathTest, AKeyThatIsNotUTF8StopsTheProcess) {
   EXPECT_DEATH(toJSON({{"\xFF", 1}}), "not UTF-8");
   EXPECT_DEATH(toJSON({{"a", json::array{json::object{{"\xC0\xAF", 1}}}}}), "not UTF-8");
 }

@@ -18,12 +18,14 @@ std::string getCloudPath(const platform::FileURL& root, const platform::FileURL&
 std::string getCloudPath(const platform::FileURL& root, std::string_view path);
 
 /// The same, followed by "/" when the item is a folder on disk; the root itself gives "/".
+/// Kept ready; nothing calls it yet.
 std::string getCloudPathWithTrailingSlash(const platform::FileURL& root, const platform::FileURL& pathURL);
 
 /// The local item of a cloud path: the root's path followed by `cfsPath`, nothing inserted.
 platform::FileURL getLocalPath(const platform::FileURL& root, std::string_view cfsPath);
 
 /// The same for a cloud path held as an optional text object; a missing one stops the process.
+/// Kept ready; nothing calls it yet.
 platform::FileURL getLocalPathOfObject(const platform::FileURL& root, const std::optional<std::string>& CFSPathURL);
 
 /// The cloud paths of the items that exist, in order, folders ending in "/". No list gives an empty one.
@@ -32,6 +34,7 @@ std::vector<std::string> urlsToCloudPaths(const platform::FileURL& root,
 
 /// `text` percent-encoded for a URL's query: ASCII letters, digits and -._~!$&'()*+,;=:@/? stay. Text that is not UTF-8
 /// stops the process.
+/// Kept ready; nothing calls it yet.
 std::string escape(std::string_view text);
 
 /// Whether a folder stands at `url`; false when nothing does.

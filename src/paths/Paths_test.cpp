@@ -25,63 +25,63 @@ FileURL url(std::string_view path) {
 
 const FileURL ROOT = url("/R");
 
-TEST(CloudPathTest, ofAnItemBeginsWithASlash) {
+TEST(CloudPathTest, OfAnItemBeginsWithASlash) {
   EXPECT_EQ(getCloudPath(ROOT, url("/R/a/b")), "/a/b");
 }
 
-TEST(CloudPathTest, ofTheRootIsEmpty) {
+TEST(CloudPathTest, OfTheRootIsEmpty) {
   EXPECT_EQ(getCloudPath(ROOT, ROOT), "");
   EXPECT_EQ(getCloudPath(ROOT, url("/R/")), "");
 }
 
-TEST(CloudPathTest, ofAnItemOutsideTheRootIsItsPathUnchanged) {
+TEST(CloudPathTest, OfAnItemOutsideTheRootIsItsPathUnchanged) {
   EXPECT_EQ(getCloudPath(ROOT, url("/other/a")), "/other/a");
 }
 
-TEST(CloudPathTest, everyOccurrenceOfTheRootIsRemoved) {
+TEST(CloudPathTest, EveryOccurrenceOfTheRootIsRemoved) {
   EXPECT_EQ(getCloudPath(ROOT, url("/R/x/R/y")), "/x/y");
 }
 
-TEST(CloudPathTest, theRootIsRemovedInsideAPathOutsideIt) {
+TEST(CloudPathTest, TheRootIsRemovedInsideAPathOutsideIt) {
   EXPECT_EQ(getCloudPath(ROOT, url("/other/R/a")), "/other/a");
 }
 
-TEST(CloudPathTest, theRootIsRemovedEvenWhereItEndsWithinAName) {
+TEST(CloudPathTest, TheRootIsRemovedEvenWhereItEndsWithinAName) {
   EXPECT_EQ(getCloudPath(ROOT, url("/Rest/a")), "est/a");
 }
 
-TEST(CloudPathTest, adjacentOccurrencesAreRemoved) {
+TEST(CloudPathTest, AdjacentOccurrencesAreRemoved) {
   EXPECT_EQ(getCloudPath(ROOT, url("/R/R/R/a")), "/a");
 }
 
-TEST(CloudPathTest, whatARemovalJoinsIsNotRemovedAgain) {
+TEST(CloudPathTest, WhatARemovalJoinsIsNotRemovedAgain) {
   EXPECT_EQ(getCloudPath(url("/R/R"), std::string_view("/R/R/R/R")), "");
   EXPECT_EQ(getCloudPath(url("/ab"), std::string_view("/a/abb")), "/ab");
 }
 
-TEST(CloudPathTest, caseMatters) {
+TEST(CloudPathTest, CaseMatters) {
   EXPECT_EQ(getCloudPath(ROOT, url("/r/a")), "/r/a");
 }
 
-TEST(CloudPathTest, theRootIsTakenLiterally) {
+TEST(CloudPathTest, TheRootIsTakenLiterally) {
   EXPECT_EQ(getCloudPath(url("/R.*"), url("/R.*/a")), "/a");
   EXPECT_EQ(getCloudPath(url("/R.*"), url("/Rxx/a")), "/Rxx/a");
 }
 
-TEST(CloudPathTest, differentlyComposedCharactersAreDifferent) {
+TEST(CloudPathTest, DifferentlyComposedCharactersAreDifferent) {
   EXPECT_EQ(getCloudPath(url("/\u00e9"), url("/e\u0301/a")), "/e\u0301/a");
   EXPECT_EQ(getCloudPath(url("/\u00e9"), url("/\u00e9/\u00fc")), "/\u00fc");
 }
 
-TEST(CloudPathTest, trailingSlashesOfRootAndItemDoNotCount) {
+TEST(CloudPathTest, TrailingSlashesOfRootAndItemDoNotCount) {
   EXPECT_EQ(getCloudPath(url("/R/"), url("/R/a/")), "/a");
 }
 
-TEST(CloudPathTest, theRootFolderOfTheSystemAsRootLosesEverySlash) {
+TEST(CloudPathTest, TheRootFolderOfTheSystemAsRootLosesEverySlash) {
   EXPECT_EQ(getCloudPath(url("/"), url("/a/b")), "ab");
 }
 
-TEST(CloudPathTest, ofAPathTextFollowsTheSameRule) {
+TEST(CloudPathTest, OfAPathTextFollowsTheSameRule) {
   EXPECT_EQ(getCloudPath(ROOT, std::string_view("/R/a/b")), "/a/b");
   EXPECT_EQ(getCloudPath(ROOT, std::string_view("/R")), "");
   EXPECT_EQ(getCloudPath(ROOT, std::string_view("/R/x/R/y")), "/x/y");
@@ -89,7 +89,7 @@ TEST(CloudPathTest, ofAPathTextFollowsTheSameRule) {
   EXPECT_EQ(getCloudPath(ROOT, std::string_view("")), "");
 }
 
-TEST(CloudPathTest, aPathTextIsTakenAsItIs) {
+TEST(CloudPathTest, APathTextIsTakenAsItIs) {
   EXPECT_EQ(getCloudPath(ROOT, std::string_view("/R/a/")), "/a/");
   EXPECT_EQ(getCloudPath(ROOT, std::string_view("a//R/b")), "a//b");
 }
@@ -110,26 +110,26 @@ class PathsOnDiskTest : public ::testing::Test {
   TemporaryFolder folder_;
 };
 
-TEST_F(PathsOnDiskTest, aSlashFollowsTheCloudPathOfAFolder) {
+TEST_F(PathsOnDiskTest, ASlashFollowsTheCloudPathOfAFolder) {
   EXPECT_EQ(getCloudPathWithTrailingSlash(root(), item("d")), "/d/");
   EXPECT_EQ(getCloudPathWithTrailingSlash(root(), item("to-d")), "/to-d/");
 }
 
-TEST_F(PathsOnDiskTest, nothingFollowsTheCloudPathOfAFile) {
+TEST_F(PathsOnDiskTest, NothingFollowsTheCloudPathOfAFile) {
   EXPECT_EQ(getCloudPathWithTrailingSlash(root(), item("f")), "/f");
   EXPECT_EQ(getCloudPathWithTrailingSlash(root(), item("to-f")), "/to-f");
 }
 
-TEST_F(PathsOnDiskTest, nothingFollowsTheCloudPathOfAnAbsentItem) {
+TEST_F(PathsOnDiskTest, NothingFollowsTheCloudPathOfAnAbsentItem) {
   EXPECT_EQ(getCloudPathWithTrailingSlash(root(), item("gone")), "/gone");
   EXPECT_EQ(getCloudPathWithTrailingSlash(root(), item("to-nothing")), "/to-nothing");
 }
 
-TEST_F(PathsOnDiskTest, theRootWithTrailingSlashIsALoneSlash) {
+TEST_F(PathsOnDiskTest, TheRootWithTrailingSlashIsALoneSlash) {
   EXPECT_EQ(getCloudPathWithTrailingSlash(root(), root()), "/");
 }
 
-TEST_F(PathsOnDiskTest, isDirectoryTellsFoldersFromFilesAndAbsentItems) {
+TEST_F(PathsOnDiskTest, IsDirectoryTellsFoldersFromFilesAndAbsentItems) {
   EXPECT_TRUE(isDirectory(item("d")));
   EXPECT_TRUE(isDirectory(item("to-d")));
   EXPECT_TRUE(isDirectory(url("/")));
@@ -140,89 +140,89 @@ TEST_F(PathsOnDiskTest, isDirectoryTellsFoldersFromFilesAndAbsentItems) {
   EXPECT_FALSE(isDirectory(item("f/below-a-file")));
 }
 
-TEST_F(PathsOnDiskTest, isDirectoryIsFalseForADevice) {
+TEST_F(PathsOnDiskTest, IsDirectoryIsFalseForADevice) {
   EXPECT_FALSE(isDirectory(url("/dev/null")));
 }
 
-TEST_F(PathsOnDiskTest, noListGivesNoCloudPaths) {
+TEST_F(PathsOnDiskTest, NoListGivesNoCloudPaths) {
   EXPECT_THAT(urlsToCloudPaths(root(), std::nullopt), IsEmpty());
 }
 
-TEST_F(PathsOnDiskTest, anEmptyListGivesNoCloudPaths) {
+TEST_F(PathsOnDiskTest, AnEmptyListGivesNoCloudPaths) {
   EXPECT_THAT(urlsToCloudPaths(root(), std::vector<FileURL>{}), IsEmpty());
 }
 
-TEST_F(PathsOnDiskTest, aVanishedItemIsLeftOutAndAFolderEndsInASlash) {
+TEST_F(PathsOnDiskTest, AVanishedItemIsLeftOutAndAFolderEndsInASlash) {
   EXPECT_THAT(urlsToCloudPaths(root(), std::vector{item("gone"), item("d")}), ElementsAre("/d/"));
 }
 
-TEST_F(PathsOnDiskTest, onlyVanishedItemsGiveNoCloudPaths) {
+TEST_F(PathsOnDiskTest, OnlyVanishedItemsGiveNoCloudPaths) {
   EXPECT_THAT(urlsToCloudPaths(root(), std::vector{item("gone"), item("to-nothing")}), IsEmpty());
 }
 
-TEST_F(PathsOnDiskTest, cloudPathsKeepTheOrderOfTheList) {
+TEST_F(PathsOnDiskTest, CloudPathsKeepTheOrderOfTheList) {
   EXPECT_THAT(urlsToCloudPaths(root(), std::vector{item("to-f"), item("f"), item("gone"), item("d")}),
               ElementsAre("/to-f", "/f", "/d/"));
 }
 
-TEST_F(PathsOnDiskTest, anItemListedTwiceIsGivenTwice) {
+TEST_F(PathsOnDiskTest, AnItemListedTwiceIsGivenTwice) {
   EXPECT_THAT(urlsToCloudPaths(root(), std::vector{item("f"), item("d"), item("f"), item("d")}),
               ElementsAre("/f", "/d/", "/f", "/d/"));
 }
 
-TEST_F(PathsOnDiskTest, aLinkToAFolderCountsAsAFolder) {
+TEST_F(PathsOnDiskTest, ALinkToAFolderCountsAsAFolder) {
   EXPECT_THAT(urlsToCloudPaths(root(), std::vector{item("to-d")}), ElementsAre("/to-d/"));
 }
 
-TEST_F(PathsOnDiskTest, theRootAmongTheListIsALoneSlash) {
+TEST_F(PathsOnDiskTest, TheRootAmongTheListIsALoneSlash) {
   EXPECT_THAT(urlsToCloudPaths(root(), std::vector{root()}), ElementsAre("/"));
 }
 
-TEST_F(PathsOnDiskTest, anItemOutsideTheRootKeepsItsPath) {
+TEST_F(PathsOnDiskTest, AnItemOutsideTheRootKeepsItsPath) {
   EXPECT_THAT(urlsToCloudPaths(item("d"), std::vector{item("f")}), ElementsAre(folder_ / "f"));
 }
 
-TEST_F(PathsOnDiskTest, cloudPathsOfAListRemoveEveryOccurrenceOfTheRoot) {
+TEST_F(PathsOnDiskTest, CloudPathsOfAListRemoveEveryOccurrenceOfTheRoot) {
   const fs::path copy = folder_.path() / fs::path(folder_.path()).relative_path();
   writeFile(copy / "y", "text");
   EXPECT_THAT(urlsToCloudPaths(root(), std::vector{url((copy / "y").string())}), ElementsAre("/y"));
 }
 
-TEST(LocalPathTest, isTheRootFollowedByTheCloudPath) {
+TEST(LocalPathTest, IsTheRootFollowedByTheCloudPath) {
   EXPECT_EQ(getLocalPath(ROOT, "/a b/c"), url("/R/a b/c"));
   EXPECT_EQ(getLocalPath(ROOT, "/a b/c").path(), "/R/a b/c");
 }
 
-TEST(LocalPathTest, noSeparatorIsInserted) {
+TEST(LocalPathTest, NoSeparatorIsInserted) {
   EXPECT_EQ(getLocalPath(ROOT, "a").path(), "/Ra");
 }
 
-TEST(LocalPathTest, ofTheEmptyCloudPathIsTheRoot) {
+TEST(LocalPathTest, OfTheEmptyCloudPathIsTheRoot) {
   EXPECT_EQ(getLocalPath(ROOT, ""), ROOT);
   EXPECT_EQ(getLocalPath(ROOT, "/"), ROOT);
 }
 
-TEST(LocalPathTest, ofAFolderHasNoTrailingSlash) {
+TEST(LocalPathTest, OfAFolderHasNoTrailingSlash) {
   EXPECT_EQ(getLocalPath(ROOT, "/d/").path(), "/R/d");
 }
 
-TEST(LocalPathTest, percentSignsAreNotDecoded) {
+TEST(LocalPathTest, PercentSignsAreNotDecoded) {
   EXPECT_EQ(getLocalPath(ROOT, "/a%20b").path(), "/R/a%20b");
 }
 
-TEST(LocalPathTest, ofATextObjectIsTheSame) {
+TEST(LocalPathTest, OfATextObjectIsTheSame) {
   EXPECT_EQ(getLocalPathOfObject(ROOT, "/a b/c"), getLocalPath(ROOT, "/a b/c"));
   EXPECT_EQ(getLocalPathOfObject(ROOT, "a").path(), "/Ra");
   EXPECT_EQ(getLocalPathOfObject(ROOT, "").path(), "/R");
 }
 
-TEST(LocalPathTest, andCloudPathAreInverse) {
+TEST(LocalPathTest, AndCloudPathAreInverse) {
   for (const char* path : {"/a", "/a b/c", "/\u00e9/\u65e5\u672c", "/%", ""}) {
     EXPECT_EQ(getCloudPath(ROOT, getLocalPath(ROOT, path)), path);
   }
 }
 
-TEST(EscapeTest, exactlyLettersDigitsAndQueryCharactersOfASCIIStay) {
+TEST(EscapeTest, ExactlyLettersDigitsAndQueryCharactersOfASCIIStay) {
   const std::string kept =
       "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789"
       "-._~!$&'()*+,;=:@/?";
@@ -244,7 +244,7 @@ std::string utf8(char32_t c) {
   return {byte(0xF0 | c >> 18), byte(0x80 | (c >> 12 & 0x3F)), byte(0x80 | (c >> 6 & 0x3F)), byte(0x80 | (c & 0x3F))};
 }
 
-TEST(EscapeTest, everyByteOfAnyOtherCharacterIsEncoded) {
+TEST(EscapeTest, EveryByteOfAnyOtherCharacterIsEncoded) {
   for (char32_t c = 0x80; c < 0x110000; c += c < 0x3000 ? 1 : 61) {
     if (c >= 0xD800 && c < 0xE000) continue;
     std::string expected;
@@ -257,7 +257,7 @@ TEST(EscapeTest, everyByteOfAnyOtherCharacterIsEncoded) {
   }
 }
 
-TEST(EscapeTest, wholeTexts) {
+TEST(EscapeTest, WholeTexts) {
   EXPECT_EQ(escape(""), "");
   EXPECT_EQ(escape("/a b/\u00fc?x=1&y=50%#top"), "/a%20b/%C3%BC?x=1&y=50%25%23top");
   EXPECT_EQ(escape(std::string_view("a\0b", 3)), "a%00b");
@@ -267,7 +267,7 @@ using PathsDeathTest = ProcessStops;
 
 const FileURL NO_PATH;
 
-TEST_F(PathsDeathTest, aRootWithoutAPathStopsEveryFunctionThatNeedsIt) {
+TEST_F(PathsDeathTest, ARootWithoutAPathStopsEveryFunctionThatNeedsIt) {
   EXPECT_DEATH(getCloudPath(NO_PATH, url("/a")), "without a path");
   EXPECT_DEATH(getCloudPath(NO_PATH, std::string_view("/a")), "without a path");
   EXPECT_DEATH(getCloudPathWithTrailingSlash(NO_PATH, url("/a")), "without a path");
@@ -276,31 +276,31 @@ TEST_F(PathsDeathTest, aRootWithoutAPathStopsEveryFunctionThatNeedsIt) {
   EXPECT_DEATH(urlsToCloudPaths(NO_PATH, std::vector{url("/")}), "without a path");
 }
 
-TEST_F(PathsDeathTest, anItemWithoutAPathStopsEveryFunctionThatNeedsIt) {
+TEST_F(PathsDeathTest, AnItemWithoutAPathStopsEveryFunctionThatNeedsIt) {
   EXPECT_DEATH(getCloudPath(ROOT, NO_PATH), "without a path");
   EXPECT_DEATH(getCloudPathWithTrailingSlash(ROOT, NO_PATH), "without a path");
   EXPECT_DEATH(urlsToCloudPaths(ROOT, std::vector{url("/"), NO_PATH}), "without a path");
   EXPECT_DEATH(isDirectory(NO_PATH), "without a path");
 }
 
-TEST_F(PathsDeathTest, anURLWhoseBytesAreNotUTF8HasNoPathAndStopsTheProcess) {
+TEST_F(PathsDeathTest, AnURLWhoseBytesAreNotUTF8HasNoPathAndStopsTheProcess) {
   const auto item = FileURL::fileURLWithText("file:///R/%FF");
   ASSERT_TRUE(item);
   EXPECT_DEATH(getCloudPath(ROOT, *item), "without a path");
 }
 
-TEST_F(PathsDeathTest, aMissingTextObjectStopsTheProcess) {
+TEST_F(PathsDeathTest, AMissingTextObjectStopsTheProcess) {
   EXPECT_DEATH(getLocalPathOfObject(ROOT, std::nullopt), "missing cloud path");
 }
 
-TEST_F(PathsDeathTest, encodingOfTextThatIsNotUTF8StopsTheProcess) {
+TEST_F(PathsDeathTest, EncodingOfTextThatIsNotUTF8StopsTheProcess) {
   EXPECT_DEATH(escape("a\xFF"), "not UTF-8");
   EXPECT_DEATH(escape("\xC3"), "not UTF-8");
   EXPECT_DEATH(escape("\xC0\xAF"), "not UTF-8");
   EXPECT_DEATH(escape("\xED\xA0\x80"), "not UTF-8");
 }
 
-TEST_F(PathsDeathTest, noByteAbove7FStandsAloneInText) {
+TEST_F(PathsDeathTest, NoByteAbove7FStandsAloneInText) {
   for (int byte = 0x80; byte < 0x100; byte += 0x1F) {
     EXPECT_DEATH(escape(std::string(1, static_cast<char>(byte))), "not UTF-8") << byte;
   }

@@ -13,6 +13,7 @@
 #include "rest/RESTClient.hpp"
 #include "support/ChildProcess.hpp"
 #include "support/LoopbackServer.hpp"
+#include "support/Threads.hpp"
 
 namespace {
 

@@ -17,6 +17,7 @@ namespace vornet {
 class Menu {
  public:
   /// The synced folder, once known.
+  /// Kept ready; nothing calls it yet.
   std::optional<platform::FileURL> rootDir() const;
   void setRootDir(const platform::FileURL& rootDir);
 

@@ -80,7 +80,7 @@ class UnderWay {
   }
 
  private:
-  static constexpr std::chrono::milliseconds LONGEST_WAIT = 1s;  // limits of the library's own end it earlier
+  static constexpr std::chrono::milliseconds LONGEST_WAIT{TIMEOUT_MS};
 
   mutable std::mutex lock_;
   std::set<CURLM*> drivers_;

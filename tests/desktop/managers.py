@@ -349,6 +349,7 @@ class Thunar(FileManager):
     pruned = ("menu bar", "tool bar", "status bar")
     has_badges = False
     shows_greyed = False  # but where no entry can be chosen
+    menu_offset = 20  # pixels from a file's left edge, where it is right-clicked
 
     def start(self, folder, environment=None):
         super().start(folder, environment)
@@ -378,7 +379,7 @@ class Thunar(FileManager):
         if item is None:
             x, y = max(boxes.values())[0] + 20, max(box[1] + box[3] for box in boxes.values()) + 60
         else:
-            x, y = boxes[item][0] + 20, boxes[item][1] + boxes[item][3] // 2
+            x, y = boxes[item][0] + self.menu_offset, boxes[item][1] + boxes[item][3] // 2
         self.click(x, y, button=3)
 
 
@@ -390,6 +391,7 @@ class Dolphin(FileManager):
     plugins = ()
     cells = ("table cell", "list item")  # of Qt 5 and of Qt 6
     pruned = ("menu bar", "tool bar", "menu item", "popup menu")
+    menu_offset = 30  # pixels from an item's upper edge, where it is right-clicked
 
     def __init__(self, session):
         super().__init__(session)
@@ -420,7 +422,7 @@ class Dolphin(FileManager):
         if item is None:
             x, y = min(box[0] for box in boxes.values()) + 20, max(box[1] + box[3] for box in boxes.values()) + 60
         else:
-            x, y = boxes[item][0] + boxes[item][2] // 2, boxes[item][1] + 30
+            x, y = boxes[item][0] + boxes[item][2] // 2, boxes[item][1] + self.menu_offset
         with accessible.AppearanceWatch(self._bus) as appearance:
             self.click(x, y, button=3)
             self._menu = appearance.wait_for("the menu", lambda node: node.role() == "popup menu")

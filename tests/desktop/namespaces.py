@@ -14,6 +14,8 @@ import sys
 import tempfile
 
 MARK = "VORNET_IN_NAMESPACES"
+CHECKOUT = pathlib.Path(__file__).resolve().parents[2]
+MS_BIND, MS_REC = 0x1000, 0x4000
 _libc = ctypes.CDLL(None, use_errno=True)
 
 
@@ -54,8 +56,8 @@ def bring_up_loopback():
         fcntl.ioctl(handle, SIOCSIFFLAGS, struct.pack("16sh14x", name, flags | IFF_UP))
 
 
-def _mount(source, target, kind, options):
-    if _libc.mount(source, os.fsencode(target), kind, 0, os.fsencode(options)) != 0:
+def _mount(source, target, kind, options, flags=0):
+    if _libc.mount(source, os.fsencode(target), kind, flags, os.fsencode(options)) != 0:
         raise OSError(ctypes.get_errno(), f"cannot mount on {target}: {os.strerror(ctypes.get_errno())}")
 
 
@@ -64,14 +66,21 @@ def empty(folder):
     _mount(b"tmpfs", folder, b"tmpfs", "mode=0755")
 
 
-def install(build, files, layer):
-    """Lays `files` (relative to the folder `build`, and to /usr) over /usr, by way of the empty folder `layer`."""
+def install(build, files, layer, checkout=CHECKOUT):
+    """Lays `files` (relative to the folder `build`, and to /usr) over /usr, by way of the empty folder `layer`. Nothing else in
+    /usr can be written afterwards than the checkout, where it lies there."""
     for file in files:
         copy = pathlib.Path(layer, file)
         copy.parent.mkdir(parents=True, exist_ok=True)
         shutil.copy2(pathlib.Path(build, file), copy)
     pathlib.Path(layer).chmod(0o755)
-    _mount(b"overlay", "/usr", b"overlay", f"lowerdir={layer}:/usr")
+    uncovered = os.open(checkout, os.O_PATH)
+    try:
+        _mount(b"overlay", "/usr", b"overlay", f"lowerdir={layer}:/usr")
+        if pathlib.Path(checkout).is_relative_to("/usr"):
+            _mount(os.fsencode(f"/proc/self/fd/{uncovered}"), checkout, None, "", MS_BIND | MS_REC)
+    finally:
+        os.close(uncovered)
 
 
 if __name__ == "__main__":  # tells by its exit status whether the system allows them

@@ -3,7 +3,10 @@
 import mmap
 import struct
 import subprocess
+import time
 import zlib
+
+from waiting import until
 
 
 class Screen:
@@ -40,9 +43,24 @@ class Screen:
         """All pixels as bytes, to be compared with those of another moment."""
         return b"".join(self._rows(rectangle))
 
-    def save(self, file, rectangle=None):
-        """Writes a PNG file."""
+    def wait_until_still(self):
+        """Waits until nothing moves any more, and returns the pixels."""
+        seen = [b"", self.pixels()]
+
+        def unchanged():
+            time.sleep(0.5)
+            seen[:] = [seen[1], self.pixels()]
+            return seen[0] == seen[1]
+
+        until("a still picture", unchanged)
+        return seen[1]
+
+    def save(self, file, rectangle=None, enlarged=1):
+        """Writes a PNG file, each pixel as a square of `enlarged` by `enlarged`."""
         rows = list(self._rows(rectangle))
+        if enlarged > 1:
+            pixels = ([row[start : start + 4] for start in range(0, len(row), 4)] for row in rows)
+            rows = [b"".join(pixel * enlarged for pixel in row) for row in pixels for _ in range(enlarged)]
         lines = []
         for row in rows:
             line = bytearray(len(row) // 4 * 3)

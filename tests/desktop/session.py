@@ -13,7 +13,7 @@ EMBLEMS = {"SYNCED": "emblem-vornet-synced", "PENDING": "emblem-vornet-pending",
 # Colours that no theme has, to know each emblem by.
 COLOURS = {"SYNCED": (0x18, 0xA1, 0x34), "PENDING": (0x1C, 0x6B, 0xE0), "SKIPPED": (0xD4, 0x1E, 0x2F)}
 # Those of the emblems themselves (resources/images/scalable).
-REAL_COLOURS = {"SYNCED": (0x00, 0x48, 0x1C), "PENDING": (0x0A, 0x2A, 0x7A), "SKIPPED": (0x8C, 0x10, 0x10)}
+REAL_COLOURS = {"SYNCED": (0x00, 0x36, 0x06), "PENDING": (0x00, 0x20, 0xA0), "SKIPPED": (0x86, 0x00, 0x00)}
 KEPT = ("PATH", "TMPDIR")
 DISPLAYS = {"x11": X11, "wayland": Wayland}
 
@@ -39,8 +39,9 @@ class Session:
         (self.folder / "runtime").chmod(0o700)
         (self.home / ".config/gtk-3.0/settings.ini").write_text("[Settings]\ngtk-menu-images=1\n")
         # From version 48 on Nautilus dims emblems; here they are known by their colours.
-        (self.home / ".config/gtk-4.0").mkdir()
-        (self.home / ".config/gtk-4.0/gtk.css").write_text(".dim-label, .dimmed { opacity: 1; }\n")
+        self._style = self.home / ".config/gtk-4.0/gtk.css"
+        self._style.parent.mkdir()
+        self._style.write_text(".dim-label, .dimmed { opacity: 1; }\n")
         (self.home / ".config/kdeglobals").write_text("[Icons]\nTheme=breeze\n")
         emblems = self.folder / "colours/icons/hicolor/scalable/emblems"
         emblems.mkdir(parents=True)
@@ -108,6 +109,10 @@ class Session:
         for cache in (self.home / ".cache").glob("icon-cache*"):
             cache.unlink()  # Dolphin's memory of the coloured ones
         return dict(self.environment, XDG_DATA_DIRS=f"{self.build}/share:/usr/local/share:/usr/share")
+
+    def let_emblems_be_dimmed(self):
+        """Programs started from now on draw emblems as opaque as they do for users."""
+        self._style.unlink()
 
     def start(self, *command, environment=None, **options):
         """Starts a program that ends with the session."""

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <signal.h>
-#include <sys/eventfd.h>
 #include <sys/prctl.h>
 #include <sys/types.h>
 #include <sys/wait.h>
@@ -15,29 +14,6 @@
 #include <stdexcept>
 
 namespace vornet::test {
-
-/// Lets as many processes or threads pass as it was opened for. Made before the processes that pass it.
-class Gate {
- public:
-  Gate() : descriptor_(::eventfd(0, EFD_SEMAPHORE | EFD_CLOEXEC)) {
-    if (descriptor_ < 0) throw std::runtime_error("no event descriptor");
-  }
-  ~Gate() { ::close(descriptor_); }
-  Gate(const Gate&) = delete;
-  Gate& operator=(const Gate&) = delete;
-
-  void open(std::uint64_t times = 1) {
-    if (::write(descriptor_, &times, sizeof times) != sizeof times) throw std::runtime_error("gate stuck");
-  }
-  void pass(int times = 1) {
-    for (std::uint64_t one = 0; times > 0; --times) {
-      if (::read(descriptor_, &one, sizeof one) != sizeof one) throw std::runtime_error("gate stuck");
-    }
-  }
-
- private:
-  int descriptor_;
-};
 
 /// A process forked from the test, which runs `work` and ends with the code that it returns; standard output goes
 /// nowhere. Made while the test has one thread. Killed at the end when it still runs.

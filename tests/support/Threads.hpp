@@ -1,11 +1,15 @@
 #pragma once
 
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <future>
-#include <mutex>
+#include <stdexcept>
 #include <thread>
 #include <vector>
 
@@ -14,28 +18,42 @@ namespace vornet::test {
 /// How long a test waits for what must happen before it gives up.
 inline constexpr std::chrono::seconds PATIENCE{30};
 
-/// A door that opens once; until then those who pass wait. Any thread.
+/// A door for threads, and for processes that are forked after it was made. Once opened it stays open.
 class Gate {
  public:
-  void open() {
-    const std::lock_guard guard(lock_);
-    open_ = true;
-    opened_.notify_all();
+  Gate() : descriptor_(::eventfd(0, EFD_SEMAPHORE | EFD_CLOEXEC)) {
+    if (descriptor_ < 0) throw std::runtime_error("no event descriptor");
   }
-  void pass() {
-    std::unique_lock guard(lock_);
-    opened_.wait(guard, [this] { return open_; });
+  ~Gate() { ::close(descriptor_); }
+  Gate(const Gate&) = delete;
+  Gate& operator=(const Gate&) = delete;
+
+  void open() { add(1); }
+
+  /// Waits until it was opened, or opened `times` times; one thread alone waits for more than one.
+  void pass(std::uint64_t times = 1) {
+    for (std::uint64_t taken = 0; taken < times; ++taken) take();
+    add(times);
   }
+
   /// False when the gate did not open within the test's patience.
   bool passInTime() {
-    std::unique_lock guard(lock_);
-    return opened_.wait_for(guard, PATIENCE, [this] { return open_; });
+    pollfd opened{descriptor_, POLLIN, 0};
+    if (::poll(&opened, 1, static_cast<int>(std::chrono::milliseconds(PATIENCE).count())) != 1) return false;
+    pass();
+    return true;
   }
 
  private:
-  std::mutex lock_;
-  std::condition_variable opened_;
-  bool open_ = false;
+  void add(std::uint64_t times) {
+    if (::write(descriptor_, &times, sizeof times) != sizeof times) throw std::runtime_error("gate stuck");
+  }
+  void take() {
+    std::uint64_t one = 0;
+    if (::read(descriptor_, &one, sizeof one) != sizeof one) throw std::runtime_error("gate stuck");
+  }
+
+  const int descriptor_;
 };
 
 /// Runs `work(number)` on `threads` threads that begin together, and waits for all.

@@ -141,7 +141,7 @@ class Room:
 
     def start_echo(self):
         """Starts the service that does nothing, under the extension's name."""
-        process = processes.start([self.build / "tests/vornet_torture_echo", wire.NAME], self.environment, self.output)
+        process = processes.start([self.build / "tests/vornet-echo", wire.NAME], self.environment, self.output)
         self._open.callback(processes.end, process, signal.SIGKILL)
         until("the bare service on the bus", self.extension_process)
         return process

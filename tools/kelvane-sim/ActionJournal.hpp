@@ -10,7 +10,7 @@ namespace vornet::sim {
 struct Action {
   std::string time;  ///< UTC, "2026-01-31T12:00:00.000Z"
   std::string uid;   ///< "1" to "5"
-  std::string name;  ///< as in MENU_ACTIONS
+  std::string name;  ///< as in the menu: "Copy Link"
   std::vector<std::string> paths;
 };
 

@@ -8,8 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "kelvane-sim/MenuRules.hpp"
-
 namespace vornet::sim {
 
 namespace json = boost::json;
@@ -48,6 +46,49 @@ std::vector<std::string> pathsOf(const json::object& object) {
     paths.emplace_back(path.get_string());
   }
   return paths;
+}
+
+// --- The menu
+
+/// One action: its identifier on the wire and its name in the journal.
+struct MenuAction {
+  std::string_view uid;
+  std::string_view name;
+};
+
+/// The five actions in the order of their identifiers "1" to "5".
+constexpr std::array<MenuAction, 5> MENU_ACTIONS{{
+    {"1", "Share"},
+    {"2", "Copy Link"},
+    {"3", "View in Cloud"},
+    {"4", "Comments"},
+    {"5", "View versions"},
+}};
+
+/// The action with the identifier `uid`; none for any other text.
+std::optional<MenuAction> menuActionWithUid(std::string_view uid) {
+  const auto found =
+      std::find_if(MENU_ACTIONS.begin(), MENU_ACTIONS.end(), [&](const MenuAction& a) { return a.uid == uid; });
+  if (found == MENU_ACTIONS.end()) return std::nullopt;
+  return *found;
+}
+
+/// Which of MENU_ACTIONS are enabled for a selection. `items`: one element for each selected path, none for a path that
+/// is not known. Nothing is enabled for an empty selection, nor when an item is unknown or its code is neither 1
+/// (pending) nor 2 (synced). Otherwise
+/// - "1" share as link:  one or more items
+/// - "2" copy link:      exactly one item
+/// - "3" view in cloud:  one or more items
+/// - "4" comments:       exactly one item
+/// - "5" view versions:  exactly one item that is a synced file (folders have no versions).
+std::array<bool, 5> enabledActions(const std::vector<std::optional<FolderModel::Item>>& items) {
+  const bool allInCloud = std::all_of(items.begin(), items.end(), [](const std::optional<FolderModel::Item>& item) {
+    return item && (item->code == CODE_PENDING || item->code == CODE_SYNCED);
+  });
+  if (items.empty() || !allInCloud) return {};
+  const bool single = items.size() == 1;
+  const bool syncedFile = single && !items.front()->folder && items.front()->code == CODE_SYNCED;
+  return {true, single, true, single, syncedFile};
 }
 
 // --- Spoilt replies
@@ -161,11 +202,7 @@ HttpReply Commands::properAnswer(const HttpRequest& request, bool act) const {
   if (std::find(COMMANDS.begin(), COMMANDS.end(), command) == COMMANDS.end()) {
     return errorReply(404, "no such command");
   }
-  if (request.method != "POST") {
-    HttpReply reply = errorReply(405, "only POST");
-    reply.allow = "POST";
-    return reply;
-  }
+  if (request.method != "POST") return errorReply(405, "only POST");
   try {
     if (command == COMMAND_ICONS) return icons(request.body);
     if (command == COMMAND_MENU) return menu(request.body);

@@ -24,15 +24,14 @@ std::string_view commandOf(const HttpRequest& request);
 /// get_icons_for_folder {"dir_name": "/a/"}: cloud path -> code of each direct child; a child folder's key has no
 /// trailing
 ///   slash. 404 for a folder that does not exist. dir_name begins and ends with "/".
-/// mac_populate_menu {"paths": ["/a/", "/b"]}: "1" to "5" -> whether the action is enabled (MenuRules.hpp). Paths begin
+/// mac_populate_menu {"paths": ["/a/", "/b"]}: "1" to "5" -> whether the action is enabled. Paths begin
 ///   with "/"; one that ends in "/" can only be a folder.
 /// select_context_menu {"uid": "2", "paths": [...]}: {} once the action is in the journal; at least one path. Whether
 /// the
 ///   items exist, and whether the menu offers the action for them, is not asked again.
 ///
-/// Errors are {"error": text}: 400 for a body that is not as above, 404 for other targets, 405 (Allow: POST) for other
-/// methods, 500 when the journal cannot be written.
-/// May be called from any thread.
+/// Errors are {"error": text}: 400 for a body that is not as above, 404 for other targets, 405 for other methods, 500
+/// when the journal cannot be written. May be called from any thread.
 class Commands {
  public:
   /// Carries an action out; throws std::exception when it cannot.

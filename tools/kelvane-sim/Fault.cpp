@@ -4,17 +4,10 @@
 #include <charconv>
 #include <cmath>
 
-#include "kelvane-sim/Commands.hpp"
-
 namespace vornet::sim {
 
 std::optional<FaultRequest> parseFault(std::string_view text) {
   FaultRequest request;
-  if (const auto equals = text.find('='); equals != std::string_view::npos) {
-    request.command = text.substr(0, equals);
-    if (std::find(COMMANDS.begin(), COMMANDS.end(), request.command) == COMMANDS.end()) return std::nullopt;
-    text.remove_prefix(equals + 1);
-  }
   if (const auto colon = text.find(':'); colon != std::string_view::npos) {
     constexpr double LONGEST_SECONDS = 1e6;
     const std::string_view digits = text.substr(colon + 1);
@@ -28,14 +21,8 @@ std::optional<FaultRequest> parseFault(std::string_view text) {
   const auto found =
       std::find_if(FAULT_NAMES.begin(), FAULT_NAMES.end(), [&](const FaultName& f) { return f.name == text; });
   if (found == FAULT_NAMES.end()) return std::nullopt;
-  if (found->fault == Fault::REFUSE && !request.command.empty()) return std::nullopt;
   request.fault = found->fault;
   return request;
-}
-
-std::string_view faultName(Fault fault) noexcept {
-  return std::find_if(FAULT_NAMES.begin(), FAULT_NAMES.end(), [&](const FaultName& f) { return f.fault == fault; })
-      ->name;
 }
 
 }  // namespace vornet::sim

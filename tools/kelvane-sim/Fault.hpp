@@ -3,7 +3,6 @@
 #include <array>
 #include <chrono>
 #include <optional>
-#include <string>
 #include <string_view>
 
 namespace vornet::sim {
@@ -54,16 +53,11 @@ inline constexpr std::array<FaultName, 15> FAULT_NAMES{{
 
 /// A fault as asked for in words.
 struct FaultRequest {
-  std::string command;  ///< the command it is for; empty for all
   Fault fault = Fault::NONE;
   std::chrono::milliseconds duration{0};  ///< how long it lasts; zero: until another is set
 };
 
-/// Reads "[COMMAND=]NAME[:SECONDS]", for example "stall:10" or "mac_populate_menu=500". None for an unknown name or
-/// command, a duration that is no positive number, and "refuse" for one command.
+/// Reads "NAME[:SECONDS]", for example "stall:10". None for an unknown name and a duration that is no positive number.
 std::optional<FaultRequest> parseFault(std::string_view text);
-
-/// The name of `fault` in FAULT_NAMES.
-std::string_view faultName(Fault fault) noexcept;
 
 }  // namespace vornet::sim

@@ -224,26 +224,22 @@ TEST_F(FaultTest, AClientThatLeavesFreesItsConnection) {
   }
 }
 
-TEST(FaultText, NamesCommandsAndDurationsAreRead) {
+TEST(FaultText, NamesAndDurationsAreRead) {
   for (const FaultName& name : FAULT_NAMES) {
     const auto request = parseFault(name.name);
     ASSERT_TRUE(request) << name.name;
     EXPECT_EQ(request->fault, name.fault);
-    EXPECT_EQ(request->command, "");
     EXPECT_EQ(request->duration, 0ms);
-    EXPECT_EQ(faultName(name.fault), name.name);
   }
-  const auto request = parseFault("get_icons_for_folder=404:2.5");
+  const auto request = parseFault("404:2.5");
   ASSERT_TRUE(request);
-  EXPECT_EQ(request->command, "get_icons_for_folder");
   EXPECT_EQ(request->fault, Fault::NOT_FOUND);
   EXPECT_EQ(request->duration, 2500ms);
 }
 
 TEST(FaultText, AnythingElseIsNoFault) {
-  for (const char* text :
-       {"", "stal", "STALL", "stall:", "stall:0", "stall:-1", "stall:x", "stall:1s", "stall:nan", "stall:inf",
-        "stall:1e99", "=stall", "other=stall", "mac_populate_menu=refuse", "mac_populate_menu="}) {
+  for (const char* text : {"", "stal", "STALL", "stall:", "stall:0", "stall:-1", "stall:x", "stall:1s", "stall:nan",
+                           "stall:inf", "stall:1e99", "mac_populate_menu=stall"}) {
     EXPECT_FALSE(parseFault(text)) << text;
   }
 }

@@ -12,9 +12,12 @@
 #include <utility>
 #include <vector>
 
-#include "kelvane-sim/StatusCode.hpp"
-
 namespace vornet::sim {
+
+/// Status codes as the sync application gives them out, the worst first.
+inline constexpr int CODE_NOT_SYNCED = 0;
+inline constexpr int CODE_PENDING = 1;
+inline constexpr int CODE_SYNCED = 2;
 
 /// What tells one content of a file from another without reading it.
 struct FileStamp {

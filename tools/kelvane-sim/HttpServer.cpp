@@ -37,7 +37,6 @@ std::string headText(const HttpReply& reply, std::size_t length, bool keepAlive)
   std::string text = "HTTP/1.1 " + std::to_string(reply.status) + " ";
   text.append(reason.data(), reason.size());
   text += "\r\nContent-Type: application/json\r\nContent-Length: " + std::to_string(length) + "\r\n";
-  if (!reply.allow.empty()) text += "Allow: " + reply.allow + "\r\n";
   text += keepAlive ? "Connection: keep-alive\r\n\r\n" : "Connection: close\r\n\r\n";
   return text;
 }
@@ -116,7 +115,7 @@ struct HttpServer::Connection {
   }
 
   // Sends `reply`; false when the connection is to end.
-  bool answer(const HttpReply& reply, bool headOnly, bool keepAlive) {
+  bool answer(const HttpReply& reply, bool keepAlive) {
     constexpr std::size_t ENDLESS = 1'000'000'000;
     switch (reply.delivery) {
       case Delivery::STALL:
@@ -141,7 +140,7 @@ struct HttpServer::Connection {
       case Delivery::WHOLE:
         break;
     }
-    return send(headText(reply, reply.body.size(), keepAlive) + (headOnly ? std::string() : reply.body)) && keepAlive;
+    return send(headText(reply, reply.body.size(), keepAlive) + reply.body) && keepAlive;
   }
 
   // Reads one request and answers it; false when the connection is to end.
@@ -156,10 +155,10 @@ struct HttpServer::Connection {
       const std::size_t used = parser.put(boost::asio::buffer(input_), error);
       input_.erase(0, used);
       if (error == http::error::body_limit) {
-        return answer({413, R"({"error":"request too large"})"}, false, false);
+        return answer({413, R"({"error":"request too large"})"}, false);
       }
       if (error && error != http::error::need_more) {
-        return answer({400, R"({"error":"not an HTTP request"})"}, false, false);
+        return answer({400, R"({"error":"not an HTTP request"})"}, false);
       }
       if (parser.is_done()) break;
       if (parser.is_header_done() && !continued && beast::iequals(parser.get()[http::field::expect], "100-continue")) {
@@ -173,7 +172,7 @@ struct HttpServer::Connection {
     for (const auto& field : message) {
       request.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
     }
-    return answer(handler_(request), message.method() == http::verb::head, message.keep_alive());
+    return answer(handler_(request), message.keep_alive());
   }
 
   void serve() {

@@ -37,7 +37,6 @@ struct HttpReply {
   int status = 200;
   std::string body;  ///< JSON; sent as application/json
   Delivery delivery = Delivery::WHOLE;
-  std::string allow{};  ///< the Allow header of a 405
 };
 
 /// A small HTTP/1.1 server on 127.0.0.1 that can also misbehave, down to the byte: that is why the sockets are its own.

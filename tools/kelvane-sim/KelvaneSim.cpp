@@ -164,10 +164,10 @@ void KelvaneSim::Impl::stop() {
 }
 
 HttpReply KelvaneSim::Impl::handle(const HttpRequest& request) {
-  if (options_.keptRequests > 0) {
+  {
     const std::lock_guard lock(recordMutex_);
     requests_.push_back(request);
-    if (requests_.size() > options_.keptRequests) requests_.pop_front();
+    if (requests_.size() > MOST_REQUESTS) requests_.pop_front();
   }
   recorded_.notify_all();
   return commands_.answer(request, faultFor(std::string(commandOf(request))));
@@ -318,23 +318,19 @@ void KelvaneSim::clearRequests() {
   impl_->requests_.clear();
 }
 
-std::optional<HttpRequest> KelvaneSim::waitForRequest(const std::function<bool(const HttpRequest&)>& wanted,
+std::optional<HttpRequest> KelvaneSim::waitForRequest(const std::string& command,
                                                       std::chrono::milliseconds timeout) const {
   const auto deadline = Clock::now() + timeout;
   std::unique_lock lock(impl_->recordMutex_);
   std::optional<HttpRequest> found;
   impl_->recorded_.wait_until(lock, deadline, [&] {
-    const auto request = std::find_if(impl_->requests_.begin(), impl_->requests_.end(), wanted);
+    const auto request = std::find_if(impl_->requests_.begin(), impl_->requests_.end(),
+                                      [&](const HttpRequest& one) { return commandOf(one) == command; });
     if (request == impl_->requests_.end()) return false;
     found = *request;
     return true;
   });
   return found;
-}
-
-std::optional<HttpRequest> KelvaneSim::waitForRequest(const std::string& command,
-                                                      std::chrono::milliseconds timeout) const {
-  return waitForRequest([&](const HttpRequest& request) { return commandOf(request) == command; }, timeout);
 }
 
 std::vector<Action> KelvaneSim::actions() const {
@@ -354,10 +350,6 @@ bool KelvaneSim::waitUntilIdle(std::chrono::milliseconds timeout) {
 
 bool KelvaneSim::waitForStatus(const std::string& path, std::optional<int> code, std::chrono::milliseconds timeout) {
   return impl_->engine_.waitForStatus(path, code, timeout);
-}
-
-std::string KelvaneSim::defaultContainer() {
-  return groupContainerPath();
 }
 
 }  // namespace vornet::sim

@@ -11,8 +11,8 @@
 
 #include "kelvane-sim/ActionJournal.hpp"
 #include "kelvane-sim/Fault.hpp"
+#include "kelvane-sim/FolderModel.hpp"
 #include "kelvane-sim/HttpServer.hpp"
-#include "kelvane-sim/StatusCode.hpp"
 
 namespace vornet::sim {
 
@@ -23,17 +23,17 @@ namespace vornet::sim {
 class KelvaneSim {
  public:
   static constexpr std::uint16_t DEFAULT_PORT = 8806;
+  static constexpr std::size_t MOST_REQUESTS = 10'000;
 
   struct Options {
     std::string root;       ///< the folder to keep; relative paths count from the current folder
-    std::string container;  ///< the group container, made with mode 0700 when missing; empty: defaultContainer()
+    std::string container;  ///< the group container, made with mode 0700 when missing; empty: groupContainerPath()
     std::string state;      ///< where the action journal goes, made likewise; empty: the container
     std::uint16_t port = DEFAULT_PORT;             ///< 0: any free one
     std::chrono::milliseconds transferTime{1500};  ///< of one file; 0: a file is synced as soon as it is noticed
     std::size_t parallelTransfers = 4;             ///< how many files are under way together
-    bool force = false;                  ///< use the container even if another application has written its files there
-    bool assumeSynced = false;           ///< files found at a start are synced already instead of new
-    std::size_t keptRequests = 100'000;  ///< `requests` holds this many, the latest
+    bool force = false;         ///< use the container even if another application has written its files there
+    bool assumeSynced = false;  ///< files found at a start are synced already instead of new
     /// Told one line for whatever happens, one call at a time. Must not start or stop the object.
     std::function<void(const std::string&)> notice{};
   };
@@ -76,14 +76,10 @@ class KelvaneSim {
   void setFault(Fault fault, std::chrono::milliseconds duration = {});
   void setFault(const std::string& command, Fault fault, std::chrono::milliseconds duration = {});
 
-  /// The requests that came in, those answered by a fault included.
+  /// The requests that came in, the latest MOST_REQUESTS of them, those answered by a fault included.
   std::vector<HttpRequest> requests() const;
   void clearRequests();
-  /// Waits until one of `requests` satisfies `wanted`, and returns the first that does; none when `timeout` passes
-  /// first.
-  std::optional<HttpRequest> waitForRequest(const std::function<bool(const HttpRequest&)>& wanted,
-                                            std::chrono::milliseconds timeout) const;
-  /// The first request for `command`, likewise.
+  /// Waits until one of `requests` is for `command`, and returns the first that is; none when `timeout` passes first.
   std::optional<HttpRequest> waitForRequest(const std::string& command, std::chrono::milliseconds timeout) const;
 
   /// The actions carried out by this object, all starts together.
@@ -96,10 +92,6 @@ class KelvaneSim {
   bool waitUntilIdle(std::chrono::milliseconds timeout);
   /// Waits until `path` has `code` (none: is unknown). False when `timeout` passes first.
   bool waitForStatus(const std::string& path, std::optional<int> code, std::chrono::milliseconds timeout);
-
-  /// The group container of this user: $VORNET_GROUP_CONTAINERS/com.vornet.KelvaneSync, else
-  /// $XDG_DATA_HOME/group-containers/…, else ~/.local/share/group-containers/….
-  static std::string defaultContainer();
 
  private:
   class Impl;

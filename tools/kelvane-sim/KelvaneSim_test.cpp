@@ -11,6 +11,7 @@
 #include <mutex>
 #include <thread>
 
+#include "kelvane-sim/Places.hpp"
 #include "kelvane-sim/SimTest.hpp"
 #include "kelvane-sim/SqliteFile.hpp"
 
@@ -390,11 +391,11 @@ TEST_F(KelvaneSimTest, TheDefaultContainerFollowsTheEnvironment) {
   ::setenv("VORNET_GROUP_CONTAINERS", "/gc", 1);
   ::setenv("XDG_DATA_HOME", "/data", 1);
   ::setenv("HOME", "/home/ann", 1);
-  EXPECT_EQ(KelvaneSim::defaultContainer(), "/gc/com.vornet.KelvaneSync");
+  EXPECT_EQ(groupContainerPath(), "/gc/com.vornet.KelvaneSync");
   ::unsetenv("VORNET_GROUP_CONTAINERS");
-  EXPECT_EQ(KelvaneSim::defaultContainer(), "/data/group-containers/com.vornet.KelvaneSync");
+  EXPECT_EQ(groupContainerPath(), "/data/group-containers/com.vornet.KelvaneSync");
   ::unsetenv("XDG_DATA_HOME");
-  EXPECT_EQ(KelvaneSim::defaultContainer(), "/home/ann/.local/share/group-containers/com.vornet.KelvaneSync");
+  EXPECT_EQ(groupContainerPath(), "/home/ann/.local/share/group-containers/com.vornet.KelvaneSync");
 }
 
 TEST_F(KelvaneSimTest, WhatCannotBeStartedSaysWhy) {
@@ -487,17 +488,6 @@ TEST_F(KelvaneSimTest, RequestsAreRecordedAndCanBeWaitedFor) {
   EXPECT_EQ(sim_->requests().size(), 2U);
   sim_->clearRequests();
   EXPECT_TRUE(sim_->requests().empty());
-}
-
-TEST_F(KelvaneSimTest, OnlyTheLatestRequestsAreKept) {
-  auto chosen = options();
-  chosen.keptRequests = 2;
-  start(chosen);
-  for (const char* body : {"1", "2", "3"}) post("get_icons_for_folder", body);
-  const auto requests = sim_->requests();
-  ASSERT_EQ(requests.size(), 2U);
-  EXPECT_EQ(requests[0].body, "2");
-  EXPECT_EQ(requests[1].body, "3");
 }
 
 TEST_F(KelvaneSimTest, RepliesStayConsistentWhileTheFolderChanges) {

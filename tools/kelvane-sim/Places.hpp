@@ -8,7 +8,8 @@
 /// saying what is wrong.
 namespace vornet::sim {
 
-/// The application-group container of this user, by environment (KelvaneSim::defaultContainer).
+/// The group container of this user: $VORNET_GROUP_CONTAINERS/com.vornet.KelvaneSync, else
+/// $XDG_DATA_HOME/group-containers/…, else ~/.local/share/group-containers/….
 std::string groupContainerPath();
 
 /// `path` made absolute and plain: no ".", "..", doubled or trailing slashes. Symbolic links stay. Touches no disk.

@@ -1,6 +1,7 @@
 // kelvane-sim: the stand-in sync application as a program.
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <charconv>
 #include <chrono>
 #include <cmath>
@@ -37,8 +38,6 @@ struct Arguments {
   std::size_t parallel = 4;
   bool synced = false;
   bool force = false;
-  bool quiet = false;
-  std::vector<std::string> faults;
   std::string fault;
   std::string path;
   std::string status;
@@ -54,52 +53,37 @@ void print(const std::string& line) {
   std::fflush(stdout);
 }
 
-void setFault(KelvaneSim& sim, const FaultRequest& request) {
-  sim.setFault(request.command, request.fault, request.duration);
+std::optional<int> parseStatus(std::string_view text) {
+  int code = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), code);
+  return error == std::errc() && end == text.data() + text.size() ? std::optional(code) : std::nullopt;
 }
 
-// What `text` says of an item: that it shows this code whatever its own is, or (none) its own again.
-constexpr std::string_view OWN_STATUS = "own";
-bool parseStatus(std::string_view text, std::optional<int>& code) {
-  code.reset();
-  if (text == OWN_STATUS) return true;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), code.emplace());
-  return error == std::errc() && end == text.data() + text.size();
-}
-
-// "status CODE PATH"
-std::string handleStatus(KelvaneSim& sim, std::string_view arguments) {
-  const std::size_t blank = arguments.find(' ');
-  std::optional<int> code;
-  if (blank == std::string_view::npos || !parseStatus(arguments.substr(0, blank), code)) {
-    return "error: not understood";
-  }
-  const std::string path(arguments.substr(blank + 1));
-  if (!path.starts_with('/')) return "error: not a cloud path: " + path;
-  if (code) {
+/// "fault FAULT" or "status CODE PATH".
+std::string handleControl(KelvaneSim& sim, const std::string& line) {
+  const std::size_t blank = std::min(line.find(' '), line.size());
+  const std::string rest = line.substr(std::min(blank + 1, line.size()));
+  if (line.starts_with("fault ")) {
+    const auto request = parseFault(rest);
+    if (!request) return "error: not understood";
+    try {
+      sim.setFault(request->fault, request->duration);
+    } catch (const std::exception& error) {
+      return std::string("error: ") + error.what();
+    }
+  } else if (line.starts_with("status ")) {
+    const std::size_t end = std::min(rest.find(' '), rest.size());
+    const auto code = parseStatus(std::string_view(rest).substr(0, end));
+    const std::string path = rest.substr(std::min(end + 1, rest.size()));
+    if (!code) return "error: not understood";
+    if (!path.starts_with('/')) return "error: not a cloud path: " + path;
     sim.setStatus(path, *code);
   } else {
-    sim.clearStatus(path);
+    return "error: not understood";
   }
-  return "ok";
-}
-
-std::string handleControl(KelvaneSim& sim, bool quiet, const std::string& line) {
-  constexpr std::string_view FAULT = "fault ";
-  constexpr std::string_view STATUS = "status ";
-  if (line.starts_with(STATUS)) {
-    const std::string answer = handleStatus(sim, std::string_view(line).substr(STATUS.size()));
-    if (!quiet && answer == "ok") print(printable("status     " + line.substr(STATUS.size())));
-    return answer;
-  }
-  const auto request = line.starts_with(FAULT) ? parseFault(line.substr(FAULT.size())) : std::nullopt;
-  if (!request) return "error: not understood";
-  try {
-    setFault(sim, *request);
-  } catch (const std::exception& error) {
-    return std::string("error: ") + error.what();
-  }
-  if (!quiet) print("fault      " + line.substr(FAULT.size()));
+  std::string shown = line.substr(0, blank);
+  shown.resize(11, ' ');
+  print(shown + printable(rest));
   return "ok";
 }
 
@@ -120,22 +104,16 @@ int run(const Arguments& arguments) {
   options.parallelTransfers = arguments.parallel;
   options.assumeSynced = arguments.synced;
   options.force = arguments.force;
-  options.keptRequests = 0;
-  if (!arguments.quiet) options.notice = print;
+  options.notice = print;
   KelvaneSim sim(options);
-  for (const std::string& fault : arguments.faults) setFault(sim, *parseFault(fault));
   sim.start();
-  const ControlSocket control(sim.state(),
-                              [&](const std::string& line) { return handleControl(sim, arguments.quiet, line); });
-  if (!arguments.quiet) {
-    print("started    " + printable(sim.root()) + ", " + std::to_string(sim.items()) +
-          " items, 127.0.0.1:" + std::to_string(sim.port()));
-    print("container  " + printable(sim.container()));
-    for (const std::string& fault : arguments.faults) print("fault      " + fault);
-  }
+  const ControlSocket control(sim.state(), [&](const std::string& line) { return handleControl(sim, line); });
+  print("started    " + printable(sim.root()) + ", " + std::to_string(sim.items()) +
+        " items, 127.0.0.1:" + std::to_string(sim.port()));
+  print("container  " + printable(sim.container()));
   int signal = 0;
   sigwait(&signals, &signal);
-  if (!arguments.quiet) print("stopped");
+  print("stopped");
   return EXIT_DONE;
 }
 
@@ -159,12 +137,13 @@ int tell(const Arguments& arguments, const std::string& line) {
 }
 
 std::string faultList() {
-  std::string text = "Faults, given as [COMMAND=]NAME[:SECONDS]:\n";
+  std::string text = "Faults, given as NAME[:SECONDS]:\n";
   for (const FaultName& fault : FAULT_NAMES) {
     text +=
         "  " + std::string(fault.name) + std::string(14 - fault.name.size(), ' ') + std::string(fault.meaning) + "\n";
   }
-  return text + "Commands: get_icons_for_folder, mac_populate_menu, select_context_menu";
+  text.pop_back();
+  return text;
 }
 
 }  // namespace
@@ -175,7 +154,6 @@ int main(int argc, char** argv) {
       "Stands in for the sync application: keeps a folder \"synced\" and answers for it. It only reads the folder.",
       "kelvane-sim"};
   app.require_subcommand(1);
-  app.footer(faultList());
   const CLI::Validator fault([](std::string& text) { return parseFault(text) ? "" : "no such fault: " + text; },
                              "FAULT");
   const auto addPlaces = [&](CLI::App* command) {
@@ -194,20 +172,15 @@ int main(int argc, char** argv) {
       ->capture_default_str()
       ->check(CLI::Range(1, 10000));
   runCommand->add_flag("--synced", arguments.synced, "Take the files found at the start for synced");
-  runCommand->add_option("--fault", arguments.faults, "Misbehave, as [COMMAND=]NAME[:SECONDS]; may be repeated")
-      ->check(fault)
-      ->take_all()
-      ->expected(1);
   runCommand->add_flag("--force", arguments.force,
                        "Use the container even if the real sync application has written its files there: replace them");
-  runCommand->add_flag("--quiet", arguments.quiet, "Print nothing but errors");
 
   CLI::App* journalCommand = app.add_subcommand("journal", "Show the actions received");
   addPlaces(journalCommand);
 
   CLI::App* faultCommand =
       app.add_subcommand("fault", "Make the running program misbehave, or behave again with \"none\"");
-  faultCommand->add_option("FAULT", arguments.fault, "[COMMAND=]NAME[:SECONDS]")->required()->check(fault);
+  faultCommand->add_option("FAULT", arguments.fault, "NAME[:SECONDS]")->required()->check(fault);
   addPlaces(faultCommand);
   faultCommand->footer(faultList());
 
@@ -215,13 +188,9 @@ int main(int argc, char** argv) {
       app.add_subcommand("status", "Make the running program give an item a status, whatever its own is");
   statusCommand->add_option("PATH", arguments.path, "Cloud path, as \"/Reports/May.md\"")->required();
   statusCommand
-      ->add_option("STATUS", arguments.status,
-                   "2 synced, 1 in progress, 0 not synced, -1 none, any other integer; \"own\" ends it")
+      ->add_option("STATUS", arguments.status, "2 synced, 1 in progress, 0 not synced, -1 none, or any other integer")
       ->required()
-      ->check([](const std::string& text) {
-        std::optional<int> code;
-        return parseStatus(text, code) ? std::string() : "no status: " + text;
-      });
+      ->check([](const std::string& text) { return parseStatus(text) ? std::string() : "no status: " + text; });
   addPlaces(statusCommand);
 
   try {

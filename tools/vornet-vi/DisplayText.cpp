@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <vector>
 
-#include "GLibPtr.hpp"
+#include "client/GLibPtr.hpp"
 
 namespace vornet::vi {
 namespace {
@@ -167,7 +167,7 @@ std::string elided(std::string_view safe, std::size_t columns, bool unicode) {
 }
 
 std::string validUTF8(std::string_view raw) {
-  const GCharPtr valid{g_utf8_make_valid(raw.data(), static_cast<gssize>(raw.size()))};
+  const client::GCharPtr valid{g_utf8_make_valid(raw.data(), static_cast<gssize>(raw.size()))};
   return valid.get();
 }
 

@@ -11,9 +11,8 @@
 #include <tuple>
 
 #include "DisplayText.hpp"
-#include "Failure.hpp"
-#include "GLibPtr.hpp"
-#include "PathURL.hpp"
+#include "client/GLibPtr.hpp"
+#include "client/Paths.hpp"
 
 namespace vornet::vi {
 namespace {
@@ -61,6 +60,49 @@ const char* kindName(EntryKind kind) {
   return "other";
 }
 
+std::string absolutePath(std::string_view given, std::string_view currentFolder) {
+  std::string whole;
+  if (given.empty() || given.front() != '/') {
+    whole.append(currentFolder).push_back('/');
+  }
+  whole.append(given);
+
+  std::vector<std::string_view> parts;
+  const std::string_view view = whole;
+  for (std::size_t start = 0; start < view.size();) {
+    std::size_t end = view.find('/', start);
+    if (end == std::string_view::npos) {
+      end = view.size();
+    }
+    const std::string_view part = view.substr(start, end - start);
+    if (part == "..") {
+      if (!parts.empty()) {
+        parts.pop_back();
+      }
+    } else if (!part.empty() && part != ".") {
+      parts.push_back(part);
+    }
+    start = end + 1;
+  }
+
+  std::string path;
+  for (const std::string_view part : parts) {
+    path.append("/").append(part);
+  }
+  return path.empty() ? "/" : path;
+}
+
+std::runtime_error fileFailure(const std::string& path, int number) {
+  switch (number) {
+    case ENOENT:
+      return std::runtime_error(path + ": no such file or folder");
+    case ENOTDIR:
+      return std::runtime_error(path + ": not a folder");
+    default:
+      return std::runtime_error(path + ": " + g_strerror(number));
+  }
+}
+
 void requireFolder(const std::string& path) {
   openFolder(path);
 }
@@ -100,7 +142,7 @@ std::vector<Entry> readFolder(const std::string& folder) {
 
 std::optional<Entry> readEntry(const std::string& folder, const std::string& name) {
   struct stat status{};
-  if (lstat(childPath(folder, name).c_str(), &status) != 0) {
+  if (lstat(client::childPath(folder, name).c_str(), &status) != 0) {
     return std::nullopt;
   }
   return entryOf(name, status);
@@ -115,7 +157,7 @@ std::vector<Item> sortedItems(const std::map<std::string, Item>& items) {
   std::vector<Keyed> keyed;
   keyed.reserve(items.size());
   for (const auto& [name, item] : items) {
-    const GCharPtr key{g_utf8_collate_key_for_filename(validUTF8(name).c_str(), -1)};
+    const client::GCharPtr key{g_utf8_collate_key_for_filename(validUTF8(name).c_str(), -1)};
     keyed.push_back({item.entry.kind == EntryKind::folder, key.get(), &item});
   }
   std::sort(keyed.begin(), keyed.end(), [](const Keyed& a, const Keyed& b) {

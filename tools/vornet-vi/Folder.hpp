@@ -3,7 +3,9 @@
 #include <cstdint>
 #include <map>
 #include <optional>
+#include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace vornet::vi {
@@ -26,13 +28,22 @@ struct Item {
   std::string badge;
 };
 
-/// Throws Failure unless `path` is an existing folder that may be read.
+/// `given` as an absolute path, relative to `currentFolder` (absolute): "." and ".." are removed by their letters
+/// alone, no link is followed, slashes are never doubled, and only "/" ends in one. `given` is not empty.
+std::string absolutePath(std::string_view given, std::string_view currentFolder);
+
+/// The failure of a file operation on `path`, as one line for the user; `number`: its errno.
+std::runtime_error fileFailure(const std::string& path, int number);
+
+// The following throw it.
+
+/// Throws unless `path` is an existing folder that may be read.
 void requireFolder(const std::string& path);
 
-/// Throws Failure unless something, be it a broken link, exists at `path`.
+/// Throws unless something, be it a broken link, exists at `path`.
 void requireExisting(const std::string& path);
 
-/// What lies in `folder`, hidden entries included, in no order. Throws Failure. An entry that vanishes meanwhile is
+/// What lies in `folder`, hidden entries included, in no order. An entry that vanishes meanwhile is
 /// left out.
 std::vector<Entry> readFolder(const std::string& folder);
 

@@ -1,8 +1,8 @@
 #include <boost/json.hpp>
 
 #include "DisplayText.hpp"
-#include "PathURL.hpp"
 #include "Printer.hpp"
+#include "client/Paths.hpp"
 
 namespace vornet::vi {
 namespace {
@@ -28,7 +28,7 @@ class JSONPrinter final : public Printer {
       write(object);
     }
     if (watched) {
-      write({{"event", "watching"}, {"url", urlOfPath(folder)}, {"entries", items.size()}});
+      write({{"event", "watching"}, {"url", client::urlOfPath(folder)}, {"entries", items.size()}});
     }
     output_.flush();
   }
@@ -68,7 +68,7 @@ class JSONPrinter final : public Printer {
       write({{"title", text(entry.title)},
              {"action", text(entry.action)},
              {"enabled", entry.enabled},
-             {"image", text(entry.image)}});
+             {"image", text(entry.icon)}});
     }
     output_.flush();
   }
@@ -76,7 +76,7 @@ class JSONPrinter final : public Printer {
   void performed(const MenuEntry& entry, const std::vector<std::string>& selection) override {
     json::array items;
     for (const std::string& path : selection) {
-      items.emplace_back(urlOfPath(path));
+      items.emplace_back(client::urlOfPath(path));
     }
     write({{"title", text(entry.title)}, {"action", text(entry.action)}, {"items", std::move(items)}});
     output_.flush();
@@ -84,13 +84,13 @@ class JSONPrinter final : public Printer {
 
   void status(const Status& status) override {
     json::object object{{"running", status.process.has_value()}, {"can_be_started", status.canBeStarted}};
-    object["pid"] = status.process ? json::value(status.process->pid) : json::value(nullptr);
+    object["pid"] = status.process ? json::value(*status.process) : json::value(nullptr);
     object["answers"] = status.info.has_value();
     object["stop_reason"] = status.stopReason ? json::value(text(*status.stopReason)) : json::value(nullptr);
     if (status.info) {
       json::array folders;
       for (const std::string& folder : status.info->observedFolders) {
-        folders.emplace_back(folder.starts_with('/') ? json::string(urlOfPath(folder)) : text(folder));
+        folders.emplace_back(folder.starts_with('/') ? json::string(client::urlOfPath(folder)) : text(folder));
       }
       object["version"] = text(status.info->version);
       object["observed_folders"] = std::move(folders);
@@ -108,7 +108,7 @@ class JSONPrinter final : public Printer {
  private:
   void addItem(json::object& object, const std::string& folder, const Item& item) const {
     object["name"] = text(item.entry.name);
-    object["url"] = urlOfPath(childPath(folder, item.entry.name));
+    object["url"] = client::urlOfPath(client::childPath(folder, item.entry.name));
     object["kind"] = kindName(item.entry.kind);
     object["size"] = item.entry.kind == EntryKind::file ? json::value(item.entry.size) : json::value(nullptr);
     object["badge"] = text(item.badge);

@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <utility>
 
-#include "Failure.hpp"
+#include "Folder.hpp"
 
 namespace vornet::vi {
 namespace {

@@ -1,15 +1,12 @@
 #pragma once
 
-#include <stdexcept>
 #include <string>
 #include <string_view>
 
 namespace vornet::vi {
 
 /// Thrown when nobody reads the output any more. Not a failure to report.
-struct BrokenPipe : std::runtime_error {
-  BrokenPipe() : std::runtime_error("broken pipe") {}
-};
+struct BrokenPipe {};
 
 /// A file descriptor to write lines to, collected until flushed. SIGPIPE must be ignored. Not thread-safe.
 class Output {
@@ -18,7 +15,7 @@ class Output {
 
   /// Adds `text`; writes when much has come together.
   void write(std::string_view text);
-  /// Writes everything. Throws BrokenPipe, or Failure when the output cannot be written.
+  /// Writes everything. Throws BrokenPipe, or std::runtime_error when the output cannot be written.
   void flush();
 
   int descriptor() const { return descriptor_; }

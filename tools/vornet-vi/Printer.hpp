@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "Client.hpp"
+#include "Extension.hpp"
 #include "Folder.hpp"
 #include "Output.hpp"
 #include "SyncApplication.hpp"
@@ -24,9 +24,9 @@ struct Change {
 /// What `status` found out.
 struct Status {
   bool canBeStarted = false;
-  std::optional<ExtensionProcess> process;  ///< none: the extension does not run
-  std::optional<ExtensionInfo> info;        ///< none: it does not run, or does not answer
-  std::optional<std::string> stopReason;    ///< why it stopped itself, when it does not run; none: it did not
+  std::optional<std::uint32_t> process;   ///< its pid; none: the extension does not run
+  std::optional<ExtensionInfo> info;      ///< none: it does not run, or does not answer
+  std::optional<std::string> stopReason;  ///< why it stopped itself, when it does not run; none: it did not
   SyncApplicationState syncApplication;
 };
 
@@ -55,16 +55,20 @@ class Printer {
   explicit Printer(Output& output) : output_(output) {}
 
   /// What a badge is called: its label as registered, the identifier itself when it is not.
-  std::string labelOf(const std::string& identifier) const;
+  std::string labelOf(const std::string& identifier) const {
+    for (const Badge& badge : badges_) {
+      if (badge.identifier == identifier) return badge.label;
+    }
+    return identifier;
+  }
 
   Output& output_;
   std::vector<Badge> badges_;
 };
 
-/// For people at a terminal: tables that fit `look.width`, colours, summaries.
-std::unique_ptr<Printer> makeTerminalPrinter(Output& output, const Look& look);
-/// For pipes and files: the same tables without headings, summaries and eliding; sizes in bytes.
-std::unique_ptr<Printer> makePlainPrinter(Output& output, const Look& look);
+/// For people at a terminal when `look` has a width: a table that fits it, with headings and a summary; else for pipes
+/// and files: the same table alone, sizes in bytes.
+std::unique_ptr<Printer> makeTextPrinter(Output& output, const Look& look);
 /// For programs: one JSON object a line.
 std::unique_ptr<Printer> makeJSONPrinter(Output& output);
 

@@ -37,12 +37,12 @@ class PrinterTest : public ::testing::Test {
   }
 
   std::unique_ptr<Printer> terminal(bool colour, bool unicode = true, std::size_t width = 80) {
-    auto printer = makeTerminalPrinter(output_, Look{colour, unicode, width});
+    auto printer = makeTextPrinter(output_, Look{colour, unicode, width});
     printer->useBadges(BADGES);
     return printer;
   }
   std::unique_ptr<Printer> plain(bool unicode = true) {
-    auto printer = makePlainPrinter(output_, Look{false, unicode, std::nullopt});
+    auto printer = makeTextPrinter(output_, Look{false, unicode, std::nullopt});
     printer->useBadges(BADGES);
     return printer;
   }
@@ -97,19 +97,70 @@ TEST_F(PrinterTest, noLineOnATerminalIsWiderThanItIs) {
   std::string name;
   for (int i = 0; i < 40; ++i) {
     name.append("報a\u0301");
-    items.push_back(item(name, EntryKind::file, 1ULL << i, "PENDING"));
+    items.push_back(item(name, EntryKind::file, 1ULL << i, BADGES[static_cast<std::size_t>(i) % 3].identifier));
   }
-  const auto printer = terminal(false);
-  printer->list("/k", items, true);
-  for (const Item& one : items) {
-    printer->change("/k", {Change::Kind::badge, one, "SKIPPED"});
+  for (const std::size_t width : {30U, 40U, 60U, 80U, 120U}) {
+    const std::size_t start = written().size();
+    const auto printer = terminal(false, true, width);
+    printer->list("/k" + std::string(100, 'x'), items, false);
+    for (const Item& one : items) printer->change("/k", {Change::Kind::badge, one, "SKIPPED"});
+    printer->extensionLeft();
+    const std::string text = written();
+    for (std::size_t from = start; from < text.size();) {
+      const std::size_t end = text.find('\n', from);
+      EXPECT_LE(displayWidth(text.substr(from, end - from)), width) << text.substr(from, end - from);
+      from = end + 1;
+    }
   }
-  const std::string text = written();
-  for (std::size_t start = 0; start < text.size();) {
-    const std::size_t end = text.find('\n', start);
-    EXPECT_LE(displayWidth(text.substr(start, end - start)), 80U) << text.substr(start, end - start);
-    start = end + 1;
-  }
+}
+
+TEST_F(PrinterTest, aNarrowTerminalHasNeitherKindNorSizeBeforeANameIsCut) {
+  const std::vector<Item> items{item("0123456789", EntryKind::file, 12, "SYNCED")};
+  const auto shown = [&](std::size_t width) {
+    const std::size_t start = written().size();
+    terminal(false, true, width)->list("/k", items, false);
+    return written().substr(start);
+  };
+  EXPECT_EQ(shown(36),
+            "/k\n"
+            "Badge     Kind      Size  Name\n"
+            "✓ Synced  file  12 bytes  0123456789\n"
+            "1 item: 1 ✓ Synced\n");
+  EXPECT_EQ(shown(35),
+            "/k\n"
+            "Badge         Size  Name\n"
+            "✓ Synced  12 bytes  0123456789\n"
+            "1 item: 1 ✓ Synced\n");
+  EXPECT_EQ(shown(29),
+            "/k\n"
+            "Badge     Name\n"
+            "✓ Synced  0123456789\n"
+            "1 item: 1 ✓ Synced\n");
+  EXPECT_EQ(shown(19),
+            "/k\n"
+            "Badge     Name\n"
+            "✓ Synced  0123…6789\n"
+            "1 item: 1 ✓ Synced\n");
+}
+
+TEST_F(PrinterTest, aChangeOnANarrowTerminalHasNeitherNoteNorTimeBeforeTheNameIsCut) {
+  const Change change{Change::Kind::badge, item("0123456789", EntryKind::file, 1, "SYNCED"), "SKIPPED"};
+  const auto shown = [&](std::size_t width) {
+    const std::size_t start = written().size();
+    terminal(false, true, width)->change("/k", change);
+    return written().substr(start);
+  };
+  const std::string padding(10, ' ');  // as wide as the widest badge
+  EXPECT_TRUE(shown(57).ends_with("  ✓ Synced" + padding + "  0123456789 (was Not synced)\n")) << shown(57);
+  EXPECT_TRUE(shown(56).ends_with("  ✓ Synced" + padding + "  0123456789\n")) << shown(56);
+  EXPECT_EQ(shown(39), "✓ Synced" + padding + "  0123456789\n");
+  EXPECT_EQ(shown(29), "✓ Synced" + padding + "  0123…6789\n");
+}
+
+TEST_F(PrinterTest, theSummaryGoesOnInTheNextLineWhereItDoesNotFit) {
+  terminal(false, true, 40)->list("/k", ITEMS, false);
+  EXPECT_TRUE(written().ends_with("4 items: 1 no badge,\n  1 ⟳ Sync in progress, 1 ✗ Not synced,\n  1 ✓ Synced\n"))
+      << written();
 }
 
 TEST_F(PrinterTest, anEmptyFolderIsShownAsSuch) {
@@ -224,7 +275,7 @@ TEST(OutputTest, tellsABrokenPipeFromAFailure) {
   close(ends[1]);
   Output closed{ends[1]};
   closed.write("x");
-  EXPECT_THROW(closed.flush(), Failure);
+  EXPECT_THROW(closed.flush(), std::runtime_error);
 }
 
 }  // namespace

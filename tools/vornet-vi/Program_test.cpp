@@ -7,8 +7,8 @@
 #include <fstream>
 
 #include "DisplayText.hpp"
-#include "PathURL.hpp"
 #include "TestExtension.hpp"
+#include "client/Paths.hpp"
 
 /// The program itself, run against a message bus of its own.
 namespace vornet::vi::test {
@@ -60,7 +60,7 @@ TEST_F(ProgramTest, listShowsWhatTheExtensionAnswers) {
             "-                   file    0  a\n"
             "✗ Not synced        file    0  b9\n"
             "⟳ Sync in progress  file    5  b10\n");
-  const std::string url = urlOfPath(root.path());
+  const std::string url = client::urlOfPath(root.path());
   EXPECT_EQ(extension.calls,
             (std::vector<std::string>{"BeginObserving " + url, "RequestBadges", "EndObserving " + url}));
 }
@@ -111,7 +111,7 @@ TEST_F(ProgramTest, listShowsAFolderThatTheExtensionHasNoRoomToObserve) {
   extension.refusal = "TooManyFolders";
   ASSERT_EQ(run({"list", root.path()}), 0) << errors;
   EXPECT_EQ(output, "✓ Synced  file  0  a\n");
-  EXPECT_EQ(extension.count("EndObserving " + urlOfPath(root.path())), 0U);
+  EXPECT_EQ(extension.count("EndObserving " + client::urlOfPath(root.path())), 0U);
 }
 
 TEST_F(ProgramTest, listTakesPathsRelativeToTheCurrentFolder) {
@@ -121,7 +121,7 @@ TEST_F(ProgramTest, listTakesPathsRelativeToTheCurrentFolder) {
   inside.currentFolder = root.path();
   ASSERT_EQ(run(inside, {"list", "./x/../[a,b]/"}), 0) << errors;
   ASSERT_EQ(run(inside, {"list", "[a,b]"}), 0) << errors;
-  EXPECT_EQ(extension.count("BeginObserving " + urlOfPath(root.path() + "/[a,b]")), 2U);
+  EXPECT_EQ(extension.count("BeginObserving " + client::urlOfPath(root.path() + "/[a,b]")), 2U);
 }
 
 TEST_F(ProgramTest, listDoesNotResolveLinks) {
@@ -129,7 +129,7 @@ TEST_F(ProgramTest, listDoesNotResolveLinks) {
   root.folder("real");
   std::filesystem::create_symlink("real", root.path() + "/link");
   ASSERT_EQ(run({"list", root.path() + "/link"}), 0) << errors;
-  EXPECT_EQ(extension.count("BeginObserving " + urlOfPath(root.path() + "/link")), 1U);
+  EXPECT_EQ(extension.count("BeginObserving " + client::urlOfPath(root.path() + "/link")), 1U);
 }
 
 TEST_F(ProgramTest, listOnATerminalFitsItAndIsColoured) {
@@ -310,7 +310,7 @@ TEST_F(WatchTest, showsTheListThenOneLineAChange) {
             "⟳ Sync in progress  file  0  a\n"
             "badge  ✓ Synced  a\n"
             "badge  -  a\n");
-  EXPECT_EQ(extension.count("EndObserving " + urlOfPath(root.path())), 1U);
+  EXPECT_EQ(extension.count("EndObserving " + client::urlOfPath(root.path())), 1U);
 }
 
 TEST_F(WatchTest, showsNewAndVanishedEntries) {
@@ -352,7 +352,7 @@ TEST_F(WatchTest, asksForManyNewEntriesInBatches) {
 TEST_F(WatchTest, endsByItselfAfterTheTimeGiven) {
   TestExtension extension{bus, root.path()};
   EXPECT_EQ(run({"watch", "--for", "2", root.path()}), 0) << errors;
-  EXPECT_EQ(extension.count("EndObserving " + urlOfPath(root.path())), 1U);
+  EXPECT_EQ(extension.count("EndObserving " + client::urlOfPath(root.path())), 1U);
 }
 
 TEST_F(WatchTest, saysWhenTheTimeWasTooShortForAnAnswer) {
@@ -398,13 +398,13 @@ TEST_F(WatchTest, asksAnewWhenTheExtensionComesBack) {
   program.sendSignal(SIGINT);
   EXPECT_EQ(program.wait(), 0);
   EXPECT_EQ(events(program, "badge").size(), 2U);
-  EXPECT_EQ(second.count("EndObserving " + urlOfPath(root.path())), 1U);
+  EXPECT_EQ(second.count("EndObserving " + client::urlOfPath(root.path())), 1U);
 }
 
 TEST_F(WatchTest, asksNowAndThenWhereTheExtensionHasNoRoomToObserve) {
   TestExtension extension{bus, root.path()};
   const std::string file = root.file("a");
-  const std::string begin = "BeginObserving " + urlOfPath(root.path());
+  const std::string begin = "BeginObserving " + client::urlOfPath(root.path());
   extension.badges = {{file, "PENDING"}};
   extension.refusal = "TooManyFolders";
   ProgramRun program{settings(), {"watch", "--json", root.path()}};
@@ -421,7 +421,7 @@ TEST_F(WatchTest, asksNowAndThenWhereTheExtensionHasNoRoomToObserve) {
   program.sendSignal(SIGINT);
   EXPECT_EQ(program.wait(), 0);
   EXPECT_EQ(events(program, "extension").size(), 0U);
-  EXPECT_EQ(extension.count("EndObserving " + urlOfPath(root.path())), 1U);
+  EXPECT_EQ(extension.count("EndObserving " + client::urlOfPath(root.path())), 1U);
 }
 
 TEST_F(WatchTest, asksAgainWhatTheExtensionWasTooBusyFor) {
@@ -501,7 +501,8 @@ TEST_F(ProgramTest, menuShowsTheEntriesInOrder) {
             "greyed   Comments       notes:\n"
             "greyed   View versions  viewVersions:\n"
             "enabled  View in Cloud  viewInCloud:\n");
-  EXPECT_EQ(extension.calls, (std::vector<std::string>{"GetMenu " + urlOfPath(a) + " " + urlOfPath(b)}));
+  EXPECT_EQ(extension.calls,
+            (std::vector<std::string>{"GetMenu " + client::urlOfPath(a) + " " + client::urlOfPath(b)}));
   ASSERT_EQ(run({"--json", "menu", a}), 0) << errors;
   ASSERT_EQ(lines.size(), 5U);
   EXPECT_EQ(boost::json::parse(lines[2]),
@@ -516,9 +517,9 @@ TEST_F(ProgramTest, menuTakesPathsWordForWord) {
   auto inside = settings();
   inside.currentFolder = root.path();
   ASSERT_EQ(run(inside, {"menu", "[x,y]", "list", "--", "-z"}), 0) << errors;
-  EXPECT_EQ(extension.calls,
-            (std::vector<std::string>{"GetMenu " + urlOfPath(root.path() + "/[x,y]") + " " +
-                                      urlOfPath(root.path() + "/list") + " " + urlOfPath(root.path() + "/-z")}));
+  EXPECT_EQ(extension.calls, (std::vector<std::string>{"GetMenu " + client::urlOfPath(root.path() + "/[x,y]") + " " +
+                                                       client::urlOfPath(root.path() + "/list") + " " +
+                                                       client::urlOfPath(root.path() + "/-z")}));
 }
 
 TEST_F(ProgramTest, menuRefusesWhatIsMissingOrOutside) {
@@ -535,12 +536,12 @@ TEST_F(ProgramTest, performPassesTheActionOn) {
   const std::string a = root.file("a");
   const std::string b = root.file("b");
   ASSERT_EQ(run({"perform", "copy link", a, b}), 0) << errors;
-  const std::string urls = urlOfPath(a) + " " + urlOfPath(b);
+  const std::string urls = client::urlOfPath(a) + " " + client::urlOfPath(b);
   EXPECT_EQ(extension.calls, (std::vector<std::string>{"GetMenu " + urls, "PerformAction copyLink: " + urls}));
   EXPECT_EQ(output, "Copy Link  " + a + "\nCopy Link  " + b + "\n");
   ASSERT_EQ(run({"perform", "share", "--json", a}), 0) << errors;
   EXPECT_EQ(boost::json::parse(output),
-            (boost::json::object{{"title", "Share"}, {"action", "share:"}, {"items", {urlOfPath(a)}}}));
+            (boost::json::object{{"title", "Share"}, {"action", "share:"}, {"items", {client::urlOfPath(a)}}}));
 }
 
 TEST_F(ProgramTest, performRefusesAGreyedOrAbsentEntry) {
@@ -550,7 +551,7 @@ TEST_F(ProgramTest, performRefusesAGreyedOrAbsentEntry) {
   EXPECT_EQ(errors, "vornet-vi: \"Comments\" is not available for this selection\n");
   EXPECT_EQ(run({"perform", "Dance\x1b", a}), 1);
   EXPECT_EQ(errors, "vornet-vi: the menu has no entry \"Dance\\e\"\n");
-  EXPECT_EQ(extension.count("PerformAction notes: " + urlOfPath(a)), 0U);
+  EXPECT_EQ(extension.count("PerformAction notes: " + client::urlOfPath(a)), 0U);
 }
 
 // -- status
@@ -563,7 +564,7 @@ TEST_F(ProgramTest, statusTellsWhatRuns) {
   EXPECT_EQ(status.at("pid"), getpid());
   EXPECT_EQ(status.at("version"), "1.2.3");
   EXPECT_EQ(status.at("log_file"), "/somewhere/vi.log");
-  EXPECT_EQ(status.at("observed_folders"), (boost::json::array{urlOfPath(root.path())}));
+  EXPECT_EQ(status.at("observed_folders"), (boost::json::array{client::urlOfPath(root.path())}));
   ASSERT_EQ(run({"status"}), 0) << errors;
   EXPECT_TRUE(contains(output, "Extension         running (pid " + std::to_string(getpid()) + ")\n")) << output;
   EXPECT_TRUE(contains(output, "Observed folder   " + root.path() + "\n")) << output;

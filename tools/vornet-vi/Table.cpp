@@ -1,7 +1,6 @@
 #include "Table.hpp"
 
 #include <algorithm>
-#include <utility>
 
 #include "DisplayText.hpp"
 
@@ -33,55 +32,57 @@ const char* codeOf(Tint tint) {
 }  // namespace
 
 std::string tinted(std::string_view safe, Tint tint, const Look& look) {
-  if (!look.colour || tint == Tint::plain || safe.empty()) {
-    return std::string{safe};
-  }
-  return std::string{codeOf(tint)}.append(safe).append("\x1b[0m");
+  if (!look.colour || tint == Tint::plain || safe.empty()) return std::string(safe);
+  return std::string(codeOf(tint)).append(safe).append("\x1b[0m");
 }
 
-Table::Table(std::vector<Align> columns) : columns_(std::move(columns)) {}
-
-void Table::addRow(std::vector<Cell> cells) {
-  rows_.push_back(std::move(cells));
+/// The columns for which there is room, and how wide they are.
+std::vector<Table::Shown> Table::shownColumns(const Look& look) const {
+  std::vector<Shown> shown;
+  std::size_t total = 0;
+  for (std::size_t i = 0; i < columns_.size(); ++i) {
+    std::size_t width = 0;
+    for (const auto& row : rows_) width = std::max(width, displayWidth(row[i].text));
+    shown.push_back({i, width});
+    total += width + (i == 0 ? 0 : GAP);
+  }
+  for (auto column = shown.begin(); look.width && total > *look.width && column != shown.end();) {
+    if (!columns_[column->index].canBeSpared) {
+      ++column;
+      continue;
+    }
+    total -= column->width + GAP;
+    column = shown.erase(column);
+  }
+  return shown;
 }
 
 std::string Table::text(const Look& look) const {
-  std::vector<std::size_t> widths(columns_.size(), 0);
-  for (const auto& row : rows_) {
-    for (std::size_t i = 0; i < row.size(); ++i) {
-      widths[i] = std::max(widths[i], displayWidth(row[i].text));
-    }
-  }
-  std::size_t before = 0;
-  for (std::size_t i = 0; i + 1 < widths.size(); ++i) {
-    before += widths[i] + GAP;
-  }
+  const auto shown = shownColumns(look);
+  std::size_t before = 0;  // the last column
+  for (std::size_t i = 0; i + 1 < shown.size(); ++i) before += shown[i].width + GAP;
 
   std::string text;
   for (const auto& row : rows_) {
-    std::string line;
     std::string spaces;  // owed before the next cell that is not empty
-    for (std::size_t i = 0; i < row.size(); ++i) {
-      const bool isLast = i + 1 == row.size();
-      std::string cell = row[i].text;
+    for (const auto& [index, width] : shown) {
+      const bool isLast = index == shown.back().index;
+      std::string cell = row[index].text;
       if (isLast && look.width) {
         const std::size_t room = *look.width > before ? *look.width - before : 0;
         cell = elided(cell, std::max(room, NARROWEST_LAST), look.unicode);
       }
-      const std::string padding(isLast ? 0 : widths[i] - displayWidth(cell), ' ');
-      if (columns_[i] == Align::right) {
-        spaces.append(padding);
-      }
+      const std::string padding(isLast ? 0 : width - displayWidth(cell), ' ');
+      const bool isRight = columns_[index].align == Align::right;
+      if (isRight) spaces += padding;
       if (!cell.empty()) {
-        line.append(spaces).append(tinted(cell, row[i].tint, look));
+        text.append(spaces).append(tinted(cell, row[index].tint, look));
         spaces.clear();
       }
-      if (columns_[i] == Align::left) {
-        spaces.append(padding);
-      }
+      if (!isRight) spaces += padding;
       spaces.append(GAP, ' ');
     }
-    text.append(line).push_back('\n');
+    text += '\n';
   }
   return text;
 }

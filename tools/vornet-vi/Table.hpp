@@ -27,22 +27,33 @@ struct Cell {
   Tint tint = Tint::plain;
 };
 
-/// Rows whose columns are aligned by display width, two spaces apart; no tabs. The last column is elided where the
-/// line would be wider than the look's width, and never padded. Not thread-safe.
+/// Rows whose columns are aligned by display width, two spaces apart; no tabs. Where lines would be wider than the
+/// look's width, columns that can be spared are left out, the first one first, and then the last column is elided. The
+/// last column is never padded. Not thread-safe.
 class Table {
  public:
   enum class Align { left, right };
+  struct Column {
+    Align align = Align::left;
+    bool canBeSpared = false;
+  };
 
-  explicit Table(std::vector<Align> columns);
+  explicit Table(std::vector<Column> columns) : columns_(std::move(columns)) {}
 
   /// Adds a row of as many cells as there are columns.
-  void addRow(std::vector<Cell> cells);
+  void addRow(std::vector<Cell> cells) { rows_.push_back(std::move(cells)); }
 
   /// All rows, each ended by a newline.
   std::string text(const Look& look) const;
 
  private:
-  std::vector<Align> columns_;
+  struct Shown {
+    std::size_t index;
+    std::size_t width;
+  };
+  std::vector<Shown> shownColumns(const Look& look) const;
+
+  std::vector<Column> columns_;
   std::vector<std::vector<Cell>> rows_;
 };
 

@@ -8,7 +8,7 @@ namespace {
 using Align = Table::Align;
 
 TEST(TableTest, alignsByDisplayWidth) {
-  Table table{{Align::left, Align::right, Align::left}};
+  Table table({{Align::left}, {Align::right}, {Align::left}});
   table.addRow({{"報告"}, {"1"}, {"x"}});
   table.addRow({{"e\u0301"}, {"100"}, {"y"}});
   EXPECT_EQ(table.text({}),
@@ -17,21 +17,21 @@ TEST(TableTest, alignsByDisplayWidth) {
 }
 
 TEST(TableTest, leavesNoSpacesAtTheEndOfALine) {
-  Table table{{Align::left, Align::left}};
+  Table table({{Align::left}, {Align::left}});
   table.addRow({{"a"}, {""}});
   table.addRow({{"abc"}, {"d"}});
   EXPECT_EQ(table.text({}), "a\nabc  d\n");
 }
 
 TEST(TableTest, keepsEmptyFirstCellsAligned) {
-  Table table{{Align::left, Align::left}};
+  Table table({{Align::left}, {Align::left}});
   table.addRow({{""}, {"b"}});
   table.addRow({{"a"}, {"c"}});
   EXPECT_EQ(table.text({}), "   b\na  c\n");
 }
 
 TEST(TableTest, elidesTheLastColumnToFitTheWidth) {
-  Table table{{Align::left, Align::left}};
+  Table table({{Align::left}, {Align::left}});
   table.addRow({{"file"}, {"0123456789012345678901234567890"}});
   Look look;
   look.unicode = true;
@@ -39,8 +39,24 @@ TEST(TableTest, elidesTheLastColumnToFitTheWidth) {
   EXPECT_EQ(table.text(look), "file  0123456…567890\n");
 }
 
+TEST(TableTest, leavesOutColumnsThatCanBeSparedBeforeItElides) {
+  Table table({{Align::left}, {Align::left, true}, {Align::right, true}, {Align::left}});
+  table.addRow({{"ok"}, {"file"}, {"12"}, {"0123456789"}});
+  table.addRow({{"bad"}, {"folder"}, {""}, {"x"}});
+  Look look;
+  look.unicode = true;
+  look.width = 27;
+  EXPECT_EQ(table.text(look), "ok   file    12  0123456789\nbad  folder      x\n");
+  look.width = 26;
+  EXPECT_EQ(table.text(look), "ok   12  0123456789\nbad      x\n");
+  look.width = 18;
+  EXPECT_EQ(table.text(look), "ok   0123456789\nbad  x\n");
+  look.width = 14;
+  EXPECT_EQ(table.text(look), "ok   0123…6789\nbad  x\n");
+}
+
 TEST(TableTest, coloursTextButNotThePadding) {
-  Table table{{Align::left, Align::left}};
+  Table table({{Align::left}, {Align::left}});
   table.addRow({{"ab", Tint::good}, {"x", Tint::plain}});
   table.addRow({{"abcd", Tint::bad}, {"y", Tint::strong}});
   Look look;

@@ -12,7 +12,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "PathURL.hpp"
+#include "client/Paths.hpp"
 #include "dbus/Interface.hpp"
 
 namespace vornet::vi::test {
@@ -26,7 +26,7 @@ const std::map<std::string, std::string> TITLES{{"share:", "Share"},
 
 void check(GError* error) {
   if (error != nullptr) {
-    const GErrorPtr owned{error};
+    const client::GErrorPtr owned{error};
     throw std::runtime_error(error->message);
   }
 }
@@ -35,7 +35,7 @@ GVariant* pairs(const std::vector<std::pair<std::string, std::string>>& changes)
   GVariantBuilder builder;
   g_variant_builder_init(&builder, G_VARIANT_TYPE("a(ss)"));
   for (const auto& [path, identifier] : changes) {
-    g_variant_builder_add(&builder, "(ss)", urlOfPath(path).c_str(), identifier.c_str());
+    g_variant_builder_add(&builder, "(ss)", client::urlOfPath(path).c_str(), identifier.c_str());
   }
   return g_variant_builder_end(&builder);
 }
@@ -56,13 +56,13 @@ TemporaryFolder::~TemporaryFolder() {
 }
 
 std::string TemporaryFolder::file(const std::string& name, const std::string& content) const {
-  const std::string path = childPath(path_, name);
+  const std::string path = client::childPath(path_, name);
   std::ofstream{path} << content;
   return path;
 }
 
 std::string TemporaryFolder::folder(const std::string& name) const {
-  const std::string path = childPath(path_, name);
+  const std::string path = client::childPath(path_, name);
   std::filesystem::create_directory(path);
   return path;
 }
@@ -89,8 +89,9 @@ TestBus::TestBus(const std::string& startCommand) {
       "dbus-daemon", ("--config-file=" + configuration).c_str(), "--nofork", "--nopidfile", "--print-address",
       nullptr));
   check(error);
-  const GObjectPtr<GDataInputStream> output{g_data_input_stream_new(g_subprocess_get_stdout_pipe(daemon_.get()))};
-  const GCharPtr line{g_data_input_stream_read_line(output.get(), nullptr, nullptr, nullptr)};
+  const client::GObjectPtr<GDataInputStream> output{
+      g_data_input_stream_new(g_subprocess_get_stdout_pipe(daemon_.get()))};
+  const client::GCharPtr line{g_data_input_stream_read_line(output.get(), nullptr, nullptr, nullptr)};
   if (!line) {
     throw std::runtime_error("dbus-daemon did not start");
   }
@@ -122,7 +123,7 @@ TestExtension::TestExtension(const TestBus& bus, std::string observedFolder)
   g_signal_connect(skeleton_.get(), "handle-request-badges", G_CALLBACK(request), this);
   g_signal_connect(skeleton_.get(), "handle-get-menu", G_CALLBACK(getMenu), this);
   g_signal_connect(skeleton_.get(), "handle-perform-action", G_CALLBACK(perform), this);
-  const std::string url = observedFolder_.empty() ? "" : urlOfPath(observedFolder_) + "/";
+  const std::string url = observedFolder_.empty() ? "" : client::urlOfPath(observedFolder_) + "/";
   const gchar* const folders[] = {url.empty() ? nullptr : url.c_str(), nullptr};
   vornet_finder_sync1_set_observed_folders(skeleton_.get(), folders);
   vornet_finder_sync1_set_badges(skeleton_.get(),
@@ -141,7 +142,7 @@ TestExtension::TestExtension(const TestBus& bus, std::string observedFolder)
   g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(skeleton_.get()), connection_.get(), dbus::OBJECT_PATH,
                                    &error);
   check(error);
-  const GVariantPtr reply{g_dbus_connection_call_sync(
+  const client::GVariantPtr reply{g_dbus_connection_call_sync(
       connection_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus", "RequestName",
       g_variant_new("(su)", dbus::BUS_NAME, 4U), nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error)};
   check(error);
@@ -230,7 +231,7 @@ gboolean TestExtension::request(VornetFinderSync1* skeleton, GDBusMethodInvocati
   }
   std::vector<const gchar*> answer;
   for (const gchar* const* item = items; *item != nullptr; ++item) {
-    const auto found = self.badges.find(pathOfURL(*item).value_or(""));
+    const auto found = self.badges.find(client::pathOfURL(*item).value_or(""));
     answer.push_back(found == self.badges.end() ? "" : found->second.c_str());
   }
   answer.push_back(nullptr);
@@ -245,7 +246,7 @@ gboolean TestExtension::getMenu(VornetFinderSync1* skeleton, GDBusMethodInvocati
   bool outside = false;
   for (const gchar* const* item = selection; *item != nullptr; ++item) {
     call.append(" ").append(*item);
-    outside = outside || !pathOfURL(*item).value_or("").starts_with(self.observedFolder_ + "/");
+    outside = outside || !client::pathOfURL(*item).value_or("").starts_with(self.observedFolder_ + "/");
   }
   if (self.take(invocation, call)) {
     return TRUE;
@@ -283,7 +284,7 @@ struct ProgramRun::Reading {
 
 ProgramRun::ProgramRun(const Settings& settings, const std::vector<std::string>& arguments) {
   const bool onTerminal = settings.terminalColumns > 0;
-  const GObjectPtr<GSubprocessLauncher> launcher{g_subprocess_launcher_new(static_cast<GSubprocessFlags>(
+  const client::GObjectPtr<GSubprocessLauncher> launcher{g_subprocess_launcher_new(static_cast<GSubprocessFlags>(
       G_SUBPROCESS_FLAGS_STDERR_PIPE | (onTerminal ? 0 : G_SUBPROCESS_FLAGS_STDOUT_PIPE)))};
   for (const char* variable : {"DBUS_SESSION_BUS_ADDRESS", "DISPLAY", "NO_COLOR", "LANG", "LANGUAGE"}) {
     g_subprocess_launcher_unsetenv(launcher.get(), variable);

@@ -8,7 +8,7 @@
 #include <utility>
 #include <vector>
 
-#include "GLibPtr.hpp"
+#include "client/GLibPtr.hpp"
 
 /// For tests: a message bus of its own, and an extension on it that answers as it is told and records what it is asked.
 /// Both live in the default main context of the test's only thread.
@@ -65,7 +65,7 @@ class TestBus {
 
  private:
   TemporaryFolder folder_;
-  GObjectPtr<GSubprocess> daemon_;
+  client::GObjectPtr<GSubprocess> daemon_;
   std::string address_;
 };
 
@@ -105,10 +105,10 @@ class TestExtension {
   static gboolean perform(VornetFinderSync1*, GDBusMethodInvocation*, const gchar*, const gchar* const*, gpointer);
 
   std::string observedFolder_;
-  GObjectPtr<GDBusConnection> connection_;
-  GObjectPtr<VornetFinderSync1> skeleton_;
+  client::GObjectPtr<GDBusConnection> connection_;
+  client::GObjectPtr<VornetFinderSync1> skeleton_;
   std::vector<std::string> observers_;
-  std::vector<GObjectPtr<GDBusMethodInvocation>> unanswered_;
+  std::vector<client::GObjectPtr<GDBusMethodInvocation>> unanswered_;
 };
 
 /// A run of the program.
@@ -142,9 +142,9 @@ class ProgramRun {
   static void takeBytes(GObject* stream, GAsyncResult* result, gpointer data);
   bool ended_ = false;
   std::size_t openStreams_ = 0;
-  GObjectPtr<GSubprocess> process_;
-  GObjectPtr<GInputStream> outputStream_;
-  GObjectPtr<GCancellable> cancellable_{g_cancellable_new()};
+  client::GObjectPtr<GSubprocess> process_;
+  client::GObjectPtr<GInputStream> outputStream_;
+  client::GObjectPtr<GCancellable> cancellable_{g_cancellable_new()};
 };
 
 }  // namespace vornet::vi::test

@@ -4,428 +4,283 @@
 
 #include <csignal>
 #include <deque>
-#include <map>
 #include <set>
 #include <utility>
-#include <vector>
 
-#include "BadgeLoader.hpp"
-#include "Commands.hpp"
-#include "Folder.hpp"
-#include "GLibPtr.hpp"
-#include "PathURL.hpp"
-#include "RestartPace.hpp"
+#include "ShownFolder.hpp"
+#include "client/Paths.hpp"
 
 namespace vornet::vi {
 namespace {
+
+using client::GCharPtr;
+using client::GErrorPtr;
+using client::GObjectPtr;
+using client::Timer;
 
 constexpr std::chrono::milliseconds FAREWELL{2000};
 
 // How often badges are asked for, and observing is tried again, where the extension has no room to observe the folder.
 constexpr std::chrono::milliseconds UNOBSERVED_REFRESH{5000};
 
-// After the extension was too busy.
-constexpr std::chrono::milliseconds BUSY_PAUSE{1000};
+// After the extension was too busy, or could not observe the folder again.
+constexpr std::chrono::milliseconds PAUSE{1000};
 
 /// A source of the default main context, removed with its owner.
 class Source {
  public:
-  Source() = default;
   explicit Source(guint id) : id_(id) {}
-  Source(Source&& other) noexcept : id_(std::exchange(other.id_, 0)) {}
-  Source& operator=(Source&& other) noexcept {
-    std::swap(id_, other.id_);
-    return *this;
-  }
-  ~Source() {
-    if (id_ != 0) {
-      g_source_remove(id_);
-    }
-  }
+  ~Source() { g_source_remove(id_); }
+  Source(const Source&) = delete;
+  Source& operator=(const Source&) = delete;
 
  private:
-  guint id_ = 0;
+  guint id_;
 };
 
-/// For timers: sets a flag, and goes on existing so that its owner may remove it.
-gboolean raise(gpointer flag) {
-  *static_cast<bool*>(flag) = true;
+class Watch {
+ public:
+  Watch(Extension& extension, Printer& printer, const std::string& folder, int outputDescriptor)
+      : extension_(extension),
+        printer_(printer),
+        folder_(extension, folder,
+                [this](const Item& item, bool isNew, const std::string& was) {
+                  if (!isListed_) return;
+                  changes_.push_back({isNew ? Change::Kind::appeared : Change::Kind::badge, item, was});
+                }),
+        interrupt_(g_unix_signal_add(SIGINT, handleEnd, this)),
+        terminate_(g_unix_signal_add(SIGTERM, handleEnd, this)),
+        deadReader_(g_unix_fd_add(outputDescriptor, G_IO_ERR, handleDeadReader, this)) {}
+
+  void run(std::optional<std::chrono::milliseconds> duration);
+
+ private:
+  // What happens. Handlers only take notes; follow() acts on them.
+  static gboolean handleEnd(gpointer self);
+  static gboolean handleDeadReader(gint, GIOCondition, gpointer self);
+  static void handleDisk(GFileMonitor*, GFile* file, GFile* other, GFileMonitorEvent event, gpointer self);
+  void end();
+  void touch(GFile* file);
+
+  // What is done about it.
+  void watchDisk();
+  void showList();
+  void follow();
+  bool hasExtensionLeft() const;
+  bool observeAgain();
+  void retryLater();
+  void printChanges();
+  void check() const;
+
+  Extension& extension_;
+  Printer& printer_;
+  ShownFolder folder_;
+  std::set<std::string> touched_;  ///< names that the disk reported
+  std::deque<Change> changes_;     ///< to print, in order
+  GObjectPtr<GFileMonitor> monitor_;
+  Timer refresh_{nullptr};  ///< where the extension has no room
+  Timer retry_{nullptr};    ///< where it is too busy
+  Timer end_{nullptr};
+  std::string refusedBy_;  ///< the process with which observing again has just failed
+  bool isRefreshDue_ = false;
+  bool isListed_ = false;
+  bool isStopped_ = false;
+  bool isTimeUp_ = false;
+  bool hasFolderVanished_ = false;
+  bool isUnread_ = false;
+  const Source interrupt_;
+  const Source terminate_;
+  const Source deadReader_;
+};
+
+// --- What happens ---------------------------------------------------------------------------------------------------
+
+void Watch::end() {
+  isStopped_ = true;
+  extension_.interrupt();
+}
+
+gboolean Watch::handleEnd(gpointer self) {
+  static_cast<Watch*>(self)->end();
   return G_SOURCE_CONTINUE;
 }
 
-guint timer(std::chrono::milliseconds delay, bool* flag) {
-  return g_timeout_add(static_cast<guint>(delay.count()), raise, flag);
+gboolean Watch::handleDeadReader(gint, GIOCondition, gpointer self) {
+  static_cast<Watch*>(self)->isUnread_ = true;
+  return handleEnd(self);
 }
 
-}  // namespace
-
-struct Watch::Impl {
-  Impl(Client& theClient, Printer& thePrinter, std::string theFolder, int descriptor)
-      : client(theClient),
-        printer(thePrinter),
-        folder(std::move(theFolder)),
-        outputDescriptor(descriptor),
-        loader(client, folder, [this](const std::string& name, const std::string& badge) { setBadge(name, badge); }) {}
-
-  Client& client;
-  Printer& printer;
-  std::string folder;
-  int outputDescriptor;
-  std::map<std::string, Item> items;
-  std::set<std::string> unanswered;  // entries whose first badge is awaited
-  std::set<std::string> touched;     // names that the disk reported
-  std::deque<Change> changes;        // to print, in order
-  BadgeLoader loader;
-  GObjectPtr<GFileMonitor> monitor;
-  std::string observedBy;   // unique name of the process that answers for the folder; empty: none
-  bool unobserved = false;  // it has no room to observe it
-  bool refreshDue = false;
-  bool retryDue = false;
-  bool waitsToRetry = false;
-  Source refresh;
-  Source retryBusy;
-  bool listed = false;
-  bool stopped = false;
-  bool timeUp = false;
-  bool folderGone = false;
-  bool busGone = false;
-  bool nobodyReads = false;
-
-  // -- What happens. Handlers only take notes; run() acts on them.
-
-  void setBadge(const std::string& name, const std::string& identifier) {
-    const auto found = items.find(name);
-    if (found == items.end()) {
-      return;
-    }
-    const std::string was = std::exchange(found->second.badge, identifier);
-    const bool isFirst = unanswered.erase(name) > 0;
-    if (listed && (isFirst || was != identifier)) {
-      changes.push_back({isFirst ? Change::Kind::appeared : Change::Kind::badge, found->second, was});
-    }
+void Watch::handleDisk(GFileMonitor*, GFile* file, GFile* other, GFileMonitorEvent event, gpointer data) {
+  auto* self = static_cast<Watch*>(data);
+  switch (event) {
+    case G_FILE_MONITOR_EVENT_CREATED:
+    case G_FILE_MONITOR_EVENT_DELETED:
+    case G_FILE_MONITOR_EVENT_MOVED_IN:
+    case G_FILE_MONITOR_EVENT_MOVED_OUT:
+    case G_FILE_MONITOR_EVENT_RENAMED:
+    case G_FILE_MONITOR_EVENT_UNMOUNTED:
+      self->touch(file);
+      self->touch(other);
+      break;
+    default:
+      break;
   }
+}
 
-  void handleBadges(const Client::Changes& told) {
-    for (const auto& [path, identifier] : told) {
-      // The first badge of an entry is the answer to our question, which comes after this.
-      if (const auto name = nameInFolder(path, folder); name && !unanswered.contains(*name)) {
-        setBadge(*name, identifier);
-      }
-    }
+void Watch::touch(GFile* file) {
+  const GCharPtr path(file ? g_file_get_path(file) : nullptr);
+  if (!path) return;
+  if (folder_.path() == path.get()) {
+    hasFolderVanished_ = true;
+  } else if (client::folderOf(path.get()) == folder_.path()) {
+    touched_.emplace(client::nameOf(path.get()));
   }
+}
 
-  static gboolean handleEnd(gpointer data) {
-    auto* self = static_cast<Impl*>(data);
-    self->stopped = true;
-    self->client.interrupt();
-    return G_SOURCE_CONTINUE;
+// --- What is done about it ------------------------------------------------------------------------------------------
+
+void Watch::watchDisk() {
+  const GObjectPtr<GFile> file(g_vfs_get_file_for_path(g_vfs_get_local(), folder_.path().c_str()));
+  GErrorPtr error;
+  monitor_.reset(g_file_monitor_directory(file.get(), G_FILE_MONITOR_WATCH_MOVES, nullptr, client::ErrorTo(error)));
+  if (!monitor_) throw std::runtime_error(folder_.path() + ": cannot be watched: " + error->message);
+  g_signal_connect(monitor_.get(), "changed", G_CALLBACK(handleDisk), this);
+}
+
+void Watch::check() const {
+  if (isUnread_) throw BrokenPipe();
+  if (extension_.isBusGone()) throw Failure(FailureKind::noBus, "the session bus went away");
+  if (hasFolderVanished_) throw std::runtime_error(folder_.path() + ": the folder vanished");
+  const auto& failure = folder_.failure();
+  if (!failure || failure->kind() == FailureKind::busy) return;
+  if (failure->kind() != FailureKind::gone || !isListed_) throw Failure(*failure);
+}
+
+void Watch::showList() {
+  folder_.observe();
+  printer_.useBadges(extension_.info().badges);
+  folder_.read();
+  while (!isStopped_ && (folder_.isBusy() || folder_.failure())) {
+    check();
+    retryLater();
+    g_main_context_iteration(nullptr, TRUE);
   }
+  if (isStopped_) return;
+  printer_.list(folder_.path(), sortedItems(folder_.items()), true);
+  isListed_ = true;
+}
 
-  static gboolean handleTimeUp(gpointer data) {
-    static_cast<Impl*>(data)->timeUp = true;
-    return handleEnd(data);
-  }
+/// Asks again, a little later, for what the extension was too busy for.
+void Watch::retryLater() {
+  const auto& failure = folder_.failure();
+  if (retry_.isRunning() || !failure || failure->kind() != FailureKind::busy) return;
+  retry_.start(PAUSE, [this] { folder_.retry(); });
+}
 
-  static gboolean handleDeadReader(gint, GIOCondition, gpointer data) {
-    auto* self = static_cast<Impl*>(data);
-    self->nobodyReads = true;
-    return handleEnd(data);
-  }
+bool Watch::hasExtensionLeft() const {
+  if (folder_.observedBy().empty()) return false;
+  return extension_.owner() != folder_.observedBy() ||
+         (folder_.failure() && folder_.failure()->kind() == FailureKind::gone);
+}
 
-  static void handleDisk(GFileMonitor*, GFile* file, GFile* other, GFileMonitorEvent event, gpointer data) {
-    auto* self = static_cast<Impl*>(data);
-    switch (event) {
-      case G_FILE_MONITOR_EVENT_CREATED:
-      case G_FILE_MONITOR_EVENT_DELETED:
-      case G_FILE_MONITOR_EVENT_MOVED_IN:
-      case G_FILE_MONITOR_EVENT_MOVED_OUT:
-      case G_FILE_MONITOR_EVENT_RENAMED:
-      case G_FILE_MONITOR_EVENT_UNMOUNTED:
-        self->touch(file);
-        self->touch(other);
-        break;
-      default:
-        break;
-    }
-  }
-
-  void touch(GFile* file) {
-    if (file == nullptr) {
-      return;
-    }
-    const GCharPtr path{g_file_get_path(file)};
-    if (!path) {
-      return;
-    }
-    if (const auto name = nameInFolder(path.get(), folder)) {
-      touched.insert(*name);
-    } else if (folder == path.get()) {
-      folderGone = true;
-    }
-  }
-
-  // -- What is done about it.
-
-  void watchDisk() {
-    const GObjectPtr<GFile> file{g_vfs_get_file_for_path(g_vfs_get_local(), folder.c_str())};
-    GError* error = nullptr;
-    monitor.reset(g_file_monitor_directory(file.get(), G_FILE_MONITOR_WATCH_MOVES, nullptr, &error));
-    const GErrorPtr owned{error};
-    if (!monitor) {
-      throw Failure{FailureKind::local, folder + ": cannot be watched: " + error->message};
-    }
-    g_signal_connect(monitor.get(), "changed", G_CALLBACK(handleDisk), this);
-  }
-
-  /// Compares what the disk reported with what lies there now, and asks for the badges of new entries.
-  void followDisk() {
-    std::vector<std::string> fresh;
-    for (const std::string& name : std::exchange(touched, {})) {
-      const auto known = items.find(name);
-      if (auto entry = readEntry(folder, name)) {
-        if (known == items.end()) {
-          items[name].entry = std::move(*entry);
-          unanswered.insert(name);
-          fresh.push_back(name);
-        } else if (known->second.entry.kind != entry->kind) {
-          known->second.entry = std::move(*entry);
-          fresh.push_back(name);
-        } else {
-          // Replaced by another of its kind: the extension tells if its badge changes.
-          known->second.entry = std::move(*entry);
-        }
-      } else if (known != items.end()) {
-        if (unanswered.erase(name) == 0) {
-          changes.push_back({Change::Kind::vanished, known->second, ""});
-        }
-        items.erase(known);
-      }
-    }
-    if (!observedBy.empty()) {
-      loader.ask(fresh);
-    }
-  }
-
-  void print() {
-    while (!changes.empty()) {
-      const Change change = std::move(changes.front());
-      changes.pop_front();
-      printer.change(folder, change);
-    }
-  }
-
-  /// Observes the folder, if the extension has room for it, and asks for the badges of all its entries.
-  void observe() {
-    refreshDue = false;
-    try {
-      beginObserving(client, folder);
-      unobserved = false;
-      refresh = Source{};
-    } catch (const Failure& failure) {
-      if (failure.kind() != FailureKind::noRoom) {
+/// False when the extension cannot be had now, though it may be later.
+bool Watch::observeAgain() {
+  try {
+    folder_.observe();
+    return true;
+  } catch (const Failure& failure) {
+    switch (failure.kind()) {
+      case FailureKind::notInstalled:
+      case FailureKind::notStarted:
+      case FailureKind::gone:
+      case FailureKind::busy:
+        return false;
+      case FailureKind::interrupted:
+        if (isStopped_) return false;
         throw;
-      }
-      unobserved = true;
-      refresh = Source{timer(UNOBSERVED_REFRESH, &refreshDue)};
-    }
-    observedBy = client.owner();
-    std::vector<std::string> names;
-    for (const auto& [name, item] : items) {
-      names.push_back(name);
-    }
-    loader.forget();
-    loader.ask(names);
-  }
-
-  /// False when the extension cannot be had now, though it may be later.
-  bool observeAgain() {
-    try {
-      observe();
-      return true;
-    } catch (const Failure& failure) {
-      switch (failure.kind()) {
-        case FailureKind::notInstalled:
-        case FailureKind::notStarted:
-        case FailureKind::gone:
-        case FailureKind::busy:
-          return false;
-        case FailureKind::interrupted:
-          if (stopped) {
-            return false;
-          }
-          throw;
-        default:
-          throw;
-      }
+      default:
+        throw;
     }
   }
+}
 
-  bool extensionLeft() const {
-    if (observedBy.empty()) {
-      return false;
+void Watch::printChanges() {
+  for (; !changes_.empty(); changes_.pop_front()) printer_.change(folder_.path(), changes_.front());
+}
+
+void Watch::follow() {
+  extension_.keepRunning();
+  while (!isStopped_) {
+    check();
+    if (hasExtensionLeft()) {
+      folder_.forgetObserver();
+      for (Timer* timer : {&refresh_, &retry_}) timer->stop();
+      isRefreshDue_ = false;
+      refusedBy_.clear();
+      printChanges();
+      printer_.extensionLeft();
     }
-    if (client.owner() != observedBy) {
-      return true;
+    const std::string& owner = extension_.owner();
+    if (folder_.observedBy().empty() && !owner.empty() && owner != refusedBy_) {
+      if (observeAgain()) {
+        printer_.extensionBack();
+      } else {
+        refusedBy_ = extension_.owner();
+        retry_.start(PAUSE, [this] { refusedBy_.clear(); });
+      }
+      continue;
     }
-    return loader.failure() && loader.failure()->kind() == FailureKind::gone;
+    retryLater();
+    if (std::exchange(isRefreshDue_, false) && !folder_.isBusy()) {
+      observeAgain();
+      continue;
+    }
+    if (!folder_.observedBy().empty() && !folder_.isObserved() && !refresh_.isRunning()) {
+      refresh_.start(UNOBSERVED_REFRESH, [this] { isRefreshDue_ = true; });
+    }
+    if (!touched_.empty() && !g_main_context_pending(nullptr)) {
+      folder_.update(std::exchange(touched_, {}),
+                     [this](const Item& item) { changes_.push_back({Change::Kind::vanished, item, ""}); });
+    }
+    printChanges();
+    g_main_context_iteration(nullptr, TRUE);
   }
-
-  void check() const {
-    if (nobodyReads) {
-      throw BrokenPipe{};
-    }
-    if (busGone) {
-      throw Failure{FailureKind::noBus, "the session bus went away"};
-    }
-    if (folderGone) {
-      throw Failure{FailureKind::local, folder + ": the folder vanished"};
-    }
-    if (loader.failure() && loader.failure()->kind() != FailureKind::gone &&
-        loader.failure()->kind() != FailureKind::busy) {
-      throw Failure{*loader.failure()};
-    }
-  }
-
-  /// Asks again, a little later, for what the extension was too busy for.
-  void retryLater() {
-    if (retryDue) {
-      retryDue = false;
-      retryBusy = Source{};
-      waitsToRetry = false;
-      loader.retry();
-    } else if (!waitsToRetry && loader.failure() && loader.failure()->kind() == FailureKind::busy) {
-      waitsToRetry = true;
-      retryBusy = Source{timer(BUSY_PAUSE, &retryDue)};
-    }
-  }
-
-  void first() {
-    observe();
-    printer.useBadges(client.info().badges);
-    for (Entry& entry : readFolder(folder)) {
-      std::string name = entry.name;
-      items[name].entry = std::move(entry);
-    }
-    std::vector<std::string> names;
-    for (const auto& [name, item] : items) {
-      names.push_back(name);
-    }
-    loader.ask(names);
-    for (;;) {
-      check();
-      if (loader.failure() && loader.failure()->kind() == FailureKind::gone) {
-        throw Failure{*loader.failure()};
-      }
-      retryLater();
-      if (stopped || (!loader.isBusy() && !loader.failure())) {
-        break;
-      }
-      g_main_context_iteration(nullptr, TRUE);
-    }
-    if (!stopped) {
-      printer.list(folder, sortedItems(items), true);
-      listed = true;
-    }
-  }
-
-  void follow() {
-    RestartPace pace;
-    pace.answered(RestartPace::Clock::now());
-    bool due = false;  // the next attempt to have the extension back
-    Source retry;
-    std::string refusedBy;  // who owned the name when the last attempt failed
-    while (!stopped) {
-      check();
-      if (extensionLeft()) {
-        observedBy.clear();
-        refresh = Source{};
-        refreshDue = false;
-        loader.forget();
-        print();
-        printer.extensionLeft();
-        due = false;
-        refusedBy.clear();
-        retry = Source{timer(pace.delay(RestartPace::Clock::now()), &due)};
-      }
-      // Somebody else may have started it meanwhile.
-      const bool appeared = !client.owner().empty() && client.owner() != refusedBy;
-      if (observedBy.empty() && (due || appeared)) {
-        retry = Source{};
-        due = false;
-        if (observeAgain()) {
-          pace.answered(RestartPace::Clock::now());
-          printer.extensionBack();
-        } else if (!stopped) {
-          refusedBy = client.owner();
-          retry = Source{timer(pace.delay(RestartPace::Clock::now()), &due)};
-        }
-        continue;
-      }
-      retryLater();
-      if (refreshDue && !observedBy.empty() && !loader.isBusy()) {
-        if (!observeAgain() && !stopped) {
-          refresh = Source{timer(UNOBSERVED_REFRESH, &refreshDue)};
-        }
-        continue;
-      }
-      if (!touched.empty() && g_main_context_pending(nullptr) == FALSE) {
-        followDisk();
-      }
-      print();
-      g_main_context_iteration(nullptr, TRUE);
-    }
-    print();
-  }
-};
-
-Watch::Watch(Client& client, Printer& printer, std::string folder, int outputDescriptor)
-    : impl_(std::make_unique<Impl>(client, printer, std::move(folder), outputDescriptor)) {}
-
-Watch::~Watch() {
-  impl_->client.onBadgesChanged(nullptr);
-  impl_->client.onOwnerChanged(nullptr);
-  impl_->client.onBusClosed(nullptr);
+  printChanges();
 }
 
 void Watch::run(std::optional<std::chrono::milliseconds> duration) {
-  Impl& self = *impl_;
-  self.client.onBadgesChanged([&self](const Client::Changes& changes) { self.handleBadges(changes); });
-  self.client.onOwnerChanged([] {});  // wakes the loop, which looks at the owner
-  self.client.onBusClosed([&self] {
-    self.busGone = true;
-    self.client.interrupt();
-  });
-  const Source interrupt{g_unix_signal_add(SIGINT, Impl::handleEnd, &self)};
-  const Source terminate{g_unix_signal_add(SIGTERM, Impl::handleEnd, &self)};
-  const Source deadReader{g_unix_fd_add(self.outputDescriptor, G_IO_ERR, Impl::handleDeadReader, &self)};
-  Source end;
   if (duration) {
-    end = Source{g_timeout_add(static_cast<guint>(duration->count()), Impl::handleTimeUp, &self)};
+    end_.start(*duration, [this] {
+      isTimeUp_ = true;
+      end();
+    });
   }
-
   try {
-    self.watchDisk();
-    self.first();
-    self.follow();
+    watchDisk();
+    showList();
+    follow();
   } catch (const Failure& failure) {
-    if (failure.kind() != FailureKind::interrupted) {
-      throw;
-    }
-    self.check();
+    if (failure.kind() != FailureKind::interrupted) throw;
+    check();
   }
-  if (self.nobodyReads) {
-    throw BrokenPipe{};
+  if (isUnread_) throw BrokenPipe();
+  if (isTimeUp_ && !isListed_) {
+    throw Failure(FailureKind::timedOut, "the time was up before the extension had answered");
   }
-  if (self.timeUp && !self.listed) {
-    throw Failure{FailureKind::timedOut, "the time was up before the extension had answered"};
-  }
-  if (!self.unobserved && !self.observedBy.empty() && self.client.owner() == self.observedBy) {
+  if (folder_.isObserved() && extension_.owner() == folder_.observedBy()) {
     try {
-      self.client.endObserving(self.folder, FAREWELL);
+      extension_.endObserving(folder_.path(), FAREWELL);
     } catch (const Failure&) {
       // Leaving the bus ends the observation all the same.
     }
   }
+}
+
+}  // namespace
+
+void watchFolder(Extension& extension, Printer& printer, const std::string& folder, int outputDescriptor,
+                 std::optional<std::chrono::milliseconds> duration) {
+  Watch(extension, printer, folder, outputDescriptor).run(duration);
 }
 
 }  // namespace vornet::vi

@@ -1,34 +1,23 @@
 #pragma once
 
 #include <chrono>
-#include <memory>
 #include <optional>
 #include <string>
 
-#include "Client.hpp"
+#include "Extension.hpp"
 #include "Printer.hpp"
 
 namespace vornet::vi {
 
-/// Shows a folder, then every change of its badges and entries, until it is ended. When the extension leaves the bus
-/// the folder is observed anew, which starts it again, and all badges are asked anew. Where the extension observes as
-/// many folders as it takes, badges are asked for now and then instead; where it is too busy, again a second later. One
-/// thread, the client's. Takes the client's handlers, and SIGINT and SIGTERM while it runs.
-class Watch {
- public:
-  /// `folder`: absolute. `outputDescriptor`: watching ends when nobody reads it any more.
-  Watch(Client& client, Printer& printer, std::string folder, int outputDescriptor);
-  ~Watch();
-  Watch(const Watch&) = delete;
-  Watch& operator=(const Watch&) = delete;
-
-  /// Returns when `duration` is over or SIGINT or SIGTERM came, having ended the observation. Throws Failure when the
-  /// folder cannot be observed, vanishes, or the extension stops answering, and what Output throws.
-  void run(std::optional<std::chrono::milliseconds> duration);
-
- private:
-  struct Impl;
-  std::unique_ptr<Impl> impl_;
-};
+/// Shows `folder` (absolute), then every change of its badges and entries. An extension that ends is started again, the
+/// folder observed again, and all badges asked for again. Where the extension observes as many folders as it takes,
+/// badges are asked for now and then instead; where it is too busy, again a second later.
+///
+/// Returns when `duration` is over or SIGINT or SIGTERM came, having ended the observation. Throws Failure when the
+/// folder cannot be observed, or the extension stops answering, std::runtime_error when the folder vanishes, BrokenPipe
+/// when nobody reads `outputDescriptor` any more, and what Output throws. One thread, the extension's; takes SIGINT and
+/// SIGTERM.
+void watchFolder(Extension& extension, Printer& printer, const std::string& folder, int outputDescriptor,
+                 std::optional<std::chrono::milliseconds> duration);
 
 }  // namespace vornet::vi

@@ -8,16 +8,17 @@
 #include <cstdlib>
 #include <exception>
 #include <memory>
+#include <stdexcept>
 #include <string>
 
-#include "Client.hpp"
 #include "Commands.hpp"
 #include "DisplayText.hpp"
+#include "Extension.hpp"
 #include "Folder.hpp"
 #include "Options.hpp"
-#include "PathURL.hpp"
 #include "Printer.hpp"
 #include "Watch.hpp"
+#include "client/GLibPtr.hpp"
 
 namespace {
 
@@ -44,23 +45,22 @@ std::unique_ptr<vornet::vi::Printer> makePrinter(const Options& options, vornet:
     return vornet::vi::makeJSONPrinter(output);
   }
   const bool isTerminal = isatty(output.descriptor()) != 0;
-  Look look;
-  look.colour = wantsColour(options.colour, isTerminal);
-  look.unicode = vornet::vi::localeIsUTF8();
-  if (!isTerminal) {
-    return vornet::vi::makePlainPrinter(output, look);
+  Look look{wantsColour(options.colour, isTerminal), vornet::vi::localeIsUTF8(), std::nullopt};
+  if (isTerminal) {
+    winsize size{};
+    const bool isKnown = ioctl(output.descriptor(), TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+    look.width = isKnown ? size.ws_col : 80;
   }
-  winsize size{};
-  const bool isKnown = ioctl(output.descriptor(), TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-  look.width = isKnown ? size.ws_col : 80;
-  return vornet::vi::makeTerminalPrinter(output, look);
+  return vornet::vi::makeTextPrinter(output, look);
 }
 
 std::string absolute(const std::string& given) {
   if (given.empty()) {
-    throw vornet::vi::Failure{vornet::vi::FailureKind::local, "an empty path names nothing"};
+    throw std::runtime_error("an empty path names nothing");
   }
-  return vornet::vi::absolutePath(given, vornet::vi::currentFolder());
+  // As the shell calls it, its links unresolved, where that is still true.
+  const vornet::client::GCharPtr currentFolder(g_get_current_dir());
+  return vornet::vi::absolutePath(given, currentFolder.get());
 }
 
 void run(const Options& options, vornet::vi::Output& output) {
@@ -76,18 +76,18 @@ void run(const Options& options, vornet::vi::Output& output) {
     vornet::vi::requireFolder(folder);
   }
 
-  vornet::vi::Client client{options.timeout};
+  vornet::vi::Extension extension(options.timeout);
   switch (options.command) {
     case Options::Command::list:
-      return vornet::vi::listFolder(client, *printer, folder);
+      return vornet::vi::listFolder(extension, *printer, folder);
     case Options::Command::watch:
-      return vornet::vi::Watch{client, *printer, folder, output.descriptor()}.run(options.duration);
+      return vornet::vi::watchFolder(extension, *printer, folder, output.descriptor(), options.duration);
     case Options::Command::menu:
-      return vornet::vi::showMenu(client, *printer, selection);
+      return vornet::vi::showMenu(extension, *printer, selection);
     case Options::Command::perform:
-      return vornet::vi::performEntry(client, *printer, options.action, selection);
+      return vornet::vi::performEntry(extension, *printer, options.action, selection);
     case Options::Command::status:
-      return vornet::vi::showStatus(client, *printer, options.start);
+      return vornet::vi::showStatus(extension, *printer, options.start);
   }
 }
 

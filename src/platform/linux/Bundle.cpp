@@ -2,6 +2,7 @@
 
 #include <filesystem>
 
+#include "platform/AppKit.hpp"
 #include "platform/Foundation.hpp"
 #include "platform/linux/Host.hpp"
 
@@ -14,6 +15,11 @@ Bundle& bundleSlot() {
   return bundle;
 }
 
+std::vector<std::int64_t>& otherProcesses() {
+  static auto& processes = *new std::vector<std::int64_t>;
+  return processes;
+}
+
 }  // namespace
 
 void setMainBundle(Bundle bundle) {
@@ -22,6 +28,10 @@ void setMainBundle(Bundle bundle) {
 
 const Bundle& mainBundle() {
   return bundleSlot();
+}
+
+void setOtherRunningApplications(std::vector<std::int64_t> processes) {
+  otherProcesses() = std::move(processes);
 }
 
 std::vector<std::string> imageFoldersOfProgram() {
@@ -41,6 +51,13 @@ std::optional<std::string> bundleInfoText(const std::string& key) {
   if (key == "CFBundleVersion") text = bundle.build;
   if (text.empty()) return std::nullopt;
   return text;
+}
+
+std::vector<std::int64_t> runningApplicationsWithBundleIdentifier(std::string_view bundleIdentifier) {
+  if (bundleInfoText("CFBundleIdentifier") != bundleIdentifier) return {};
+  std::vector<std::int64_t> running = host::otherProcesses();
+  running.push_back(processIdentifier());
+  return running;
 }
 
 }  // namespace vornet::platform

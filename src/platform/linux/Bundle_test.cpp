@@ -1,12 +1,18 @@
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
+#include <unistd.h>
 
 #include <filesystem>
 
+#include "platform/AppKit.hpp"
 #include "platform/Foundation.hpp"
 #include "platform/linux/Host.hpp"
 
 namespace vornet::platform {
 namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
 
 TEST(Bundle, SaysNothingBeforeItIsSet) {
   for (const char* key : {"CFBundleIdentifier", "CFBundleShortVersionString", "CFBundleVersion"}) {
@@ -29,6 +35,18 @@ TEST(Bundle, LacksEmptyTextsAndUnknownKeys) {
   EXPECT_EQ(bundleInfoText("CFBundleVersion"), std::nullopt);
   EXPECT_EQ(bundleInfoText("CFBundleName"), std::nullopt);
   EXPECT_EQ(bundleInfoText(""), std::nullopt);
+}
+
+TEST(RunningApplications, AreThisProcessAndThoseThatWereSet) {
+  constexpr std::string_view APPLICATION = "com.example.app";
+  EXPECT_THAT(runningApplicationsWithBundleIdentifier(APPLICATION), IsEmpty());
+  EXPECT_THAT(runningApplicationsWithBundleIdentifier(""), IsEmpty());
+  host::setMainBundle({.identifier = std::string(APPLICATION), .version = "", .build = "", .imageFolders = {}});
+  EXPECT_THAT(runningApplicationsWithBundleIdentifier(APPLICATION), ElementsAre(::getpid()));
+  host::setOtherRunningApplications({7, 8});
+  EXPECT_THAT(runningApplicationsWithBundleIdentifier(APPLICATION), UnorderedElementsAre(::getpid(), 7, 8));
+  EXPECT_THAT(runningApplicationsWithBundleIdentifier("com.example.app.longer"), IsEmpty());
+  EXPECT_THAT(runningApplicationsWithBundleIdentifier(""), IsEmpty());
 }
 
 TEST(Bundle, FindsImageFoldersBesideTheProgramsFolder) {

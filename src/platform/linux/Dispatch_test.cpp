@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "support/ChildProcess.hpp"
+#include "support/Threads.hpp"
 
 namespace vornet::platform {
 namespace {

@@ -17,6 +17,7 @@
 #include "platform/Foundation.hpp"
 #include "support/ChildProcess.hpp"
 #include "support/TemporaryFolder.hpp"
+#include "support/Threads.hpp"
 
 namespace vornet::platform {
 namespace {

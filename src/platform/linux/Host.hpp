@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -23,9 +24,9 @@ const Bundle& mainBundle();
 /// other threads run.
 void keepLittleFreeMemory();
 
-/// This process counts no longer as a running one of its application, though it has yet to end: another may take its
-/// place. Any thread.
-void retireFromRunningApplications();
+/// Says which other processes of the main bundle's application run: runningApplicationsWithBundleIdentifier() answers
+/// these and this process. None until it is called. Before other threads ask.
+void setOtherRunningApplications(std::vector<std::int64_t> processes);
 
 /// The image folders that belong to the program file of this process: <prefix>/share/vornet-vi/images for
 /// <prefix>/bin/NAME or <prefix>/libexec/NAME.

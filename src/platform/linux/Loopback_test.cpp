@@ -13,6 +13,7 @@
 
 #include "platform/linux/LoopbackSockets.hpp"
 #include "support/ChildProcess.hpp"
+#include "support/Threads.hpp"
 
 namespace vornet::platform {
 namespace {

@@ -14,6 +14,5 @@ vornet_test(vornet_platform_test
     platform/linux/Loopback_test.cpp
     platform/linux/Process_test.cpp
     platform/linux/PropertyList_test.cpp
-    platform/linux/RunningApplications_test.cpp
     platform/linux/Text_test.cpp
   LIBRARIES vornet_core vornet_test_support PkgConfig::PLIST ICU::i18n ICU::uc)

@@ -5,16 +5,13 @@
 #include <memory>
 
 /// Owning pointers for what GLib hands out.
-namespace vornet::vi {
+namespace vornet::client {
 
 struct GObjectUnref {
   void operator()(gpointer object) const { g_object_unref(object); }
 };
 struct GFree {
   void operator()(gpointer memory) const { g_free(memory); }
-};
-struct GStrvFree {
-  void operator()(gchar** texts) const { g_strfreev(texts); }
 };
 struct GErrorFree {
   void operator()(GError* error) const { g_error_free(error); }
@@ -26,8 +23,21 @@ struct GVariantUnref {
 template <typename T>
 using GObjectPtr = std::unique_ptr<T, GObjectUnref>;
 using GCharPtr = std::unique_ptr<gchar, GFree>;
-using GStrvPtr = std::unique_ptr<gchar*, GStrvFree>;
 using GErrorPtr = std::unique_ptr<GError, GErrorFree>;
 using GVariantPtr = std::unique_ptr<GVariant, GVariantUnref>;
 
-}  // namespace vornet::vi
+/// Hands a GLib call's `GError**` to a GErrorPtr: `f(ErrorTo(error))`.
+class ErrorTo {
+ public:
+  explicit ErrorTo(GErrorPtr& target) : target_(target) {}
+  ~ErrorTo() { target_.reset(raw_); }
+  ErrorTo(const ErrorTo&) = delete;
+  ErrorTo& operator=(const ErrorTo&) = delete;
+  operator GError**() { return &raw_; }
+
+ private:
+  GErrorPtr& target_;
+  GError* raw_ = nullptr;
+};
+
+}  // namespace vornet::client

@@ -1,6 +1,6 @@
 // The extension's interface with nothing behind it: each call is answered at once, badges with empty identifiers, menus
 // with no entries. What a flood costs here, it costs by the bus and GDBus alone.
-// Usage: vornet_torture_echo NAME (on the bus of DBUS_SESSION_BUS_ADDRESS, until the bus goes away).
+// Usage: vornet-echo NAME (on the bus of DBUS_SESSION_BUS_ADDRESS, until the bus goes away).
 #include <FinderSync1.h>
 
 #include <cstdio>
@@ -42,7 +42,10 @@ void lost(GDBusConnection*, const gchar* name, gpointer loop) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) return 2;
+  if (argc != 2) {
+    std::fputs("usage: vornet-echo NAME\n", stderr);
+    return 2;
+  }
   GDBusConnection* connection = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
   if (!connection) return 1;
   GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
