@@ -17,8 +17,8 @@ namespace vornet::client {
 /// of ours.
 std::string_view emblemOf(std::string_view identifier);
 
-/// Takes in what the extension says of badges, in the order in which it comes and in slices, and has the items redrawn
-/// whose emblem changed. However much comes, no more is kept than one large message or a few megabytes of small ones,
+/// Reads what the extension sends about badges, in its order and in slices, and has the items redrawn whose emblem
+/// changed. However much comes, no more is kept than one large message or a few megabytes of small ones,
 /// and for each item on screen one pending redraw. Not thread-safe: the context's thread only.
 class BadgeUpdates {
  public:

@@ -69,7 +69,7 @@ bool Badges::mayCarryBadges(std::string_view path) const {
 }
 
 std::string_view Badges::emblem(Folder& folder, std::string_view name, std::unique_ptr<ShownItem> item) {
-  if (folder.entries.empty()) folder.remembered.merge(left_.take(folder.path));
+  if (folder.entries.empty()) folder.remembered = left_.take(folder.path);
   if (folder.entries.size() >= folder.crowded) forgetGone(folder);
   const auto [found, isNew] = folder.entries.try_emplace(std::string(name));
   Entry& entry = found->second;
@@ -118,7 +118,7 @@ void Badges::began(Folder& folder) {
   busyRetries_.reset();
   folder.observed = true;
   if (std::exchange(folder.tooMany, false)) {
-    askForAll(folder);  // of what was answered before, a change might not be told
+    askForAll(folder);  // a change of what was answered before might not be sent
     syncObservations(folder);
   }
   askSoon();
@@ -199,10 +199,11 @@ void Badges::forget(Folder& folder) {
   folder.inferred = false;
   syncObservations(folder);
   if (folder.isHeld()) return;
-  Emblems emblems = std::move(folder.remembered);
+  Emblems emblems;
   for (const auto& [name, entry] : folder.entries) {
-    if (!entry.emblem.empty()) emblems.insert_or_assign(name, entry.emblem);
+    if (!entry.emblem.empty()) emblems.emplace(name, entry.emblem);
   }
+  if (folder.entries.empty()) emblems = std::move(folder.remembered);  // nobody asked; otherwise they are out of date
   left_.add(folder.path, std::move(emblems));
   folders_.erase(std::string(folder.path));
 }

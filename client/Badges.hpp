@@ -33,7 +33,7 @@ class Badges {
   Badges(const Badges&) = delete;
   Badges& operator=(const Badges&) = delete;
 
-  /// The emblem of an item of `folder`, as far as known; from now on `item` is told of changes.
+  /// The emblem of an item of `folder`, as far as known; from now on `item` is redrawn when it changes.
   std::string_view emblem(Folder& folder, std::string_view name, std::unique_ptr<ShownItem> item);
 
   /// Whether items of the folder at `path` may carry badges, or it is not known yet that they do not.
@@ -42,7 +42,7 @@ class Badges {
   /// Begins and ends observations until there are as many as `folder` is shown.
   void syncObservations(Folder& folder);
 
-  /// `folder` comes on screen, or to its front again: asks for what may have changed since it was observed.
+  /// A window shows `folder`: observes it, and asks for what may have changed while it was not observed.
   void show(Folder& folder);
 
   /// The last tab has left `folder`: forgets it soon, and has its items redrawn then, so that the file manager asks for

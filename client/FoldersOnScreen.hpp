@@ -26,16 +26,16 @@ struct Entry {
 struct Folder {
   std::string path;
   unsigned id = 0;        ///< no other folder has it, not even the same one when it comes on screen again
-  int shown = 0;          ///< windows, tabs and panes that said so
+  int shown = 0;          ///< windows, tabs and panes in front that show it
   int opened = 0;         ///< tabs and views that hold it, in front or not
   gint64 leftAt = 0;      ///< when the last of these left it; monotonic, in microseconds; 0 for not just now
-  bool inferred = false;  ///< nobody said so; observed all the same
+  bool inferred = false;  ///< no window reports it; observed all the same
   bool wasInferred = false;
 
   int begun = 0;          ///< observations begun and not ended, with the extension that runs now
-  bool observed = false;  ///< and it has said yes to one
-  bool refused = false;   ///< or no
-  bool tooMany = false;   ///< or that it observes too many: its badges are asked for now and then
+  bool observed = false;  ///< one of them has succeeded
+  bool refused = false;   ///< for good: it lies outside, or is no folder
+  bool tooMany = false;   ///< the extension has no room: its badges are asked for now and then
 
   std::unordered_map<std::string, Entry> entries;  ///< by name
   std::size_t crowded = 1024;                      ///< so many entries are searched for items that are gone

@@ -11,14 +11,13 @@
 
 namespace vornet::client {
 
-/// Folders on screen that no window tells of: the branches of a tree, the results of a search, or all of them where a
-/// file manager has no signal. Somebody asks for their items: from that it is inferred that they are on screen, and
-/// from silence, when the items are to be drawn anew, that they are no longer. Not thread-safe: the context's thread
-/// only.
+/// Folders on screen that no window reports: the branches of a tree, the results of a search, or all of them where a
+/// file manager has no signal. A question for an item shows that its folder is on screen; silence when the items are
+/// redrawn shows that it has left. Not thread-safe: the context's thread only.
 class InferredFolders {
  public:
-  /// `before`: how long items wait for a window to tell. `lasting`: how long a folder is taken to be on screen without
-  /// a question; it is forgotten after twice as long at the latest.
+  /// `before`: how long items wait for a window to report their folder. `lasting`: how long a folder is taken to be on
+  /// screen without a question; it is forgotten after twice as long at the latest.
   InferredFolders(GMainContext* context, FoldersOnScreen& folders, Badges& badges, std::chrono::milliseconds before,
                   std::chrono::milliseconds lasting);
   InferredFolders(const InferredFolders&) = delete;

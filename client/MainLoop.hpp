@@ -9,7 +9,7 @@
 
 namespace vornet::client {
 
-// What the library does on its main context by itself. Not thread-safe: the context's thread only. Functions that are
+// Work that the library does on its main context. Not thread-safe: the context's thread only. Functions that are
 // called must not throw.
 
 /// While it lives, asynchronous operations that are begun call back on `context`.

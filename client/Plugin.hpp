@@ -12,7 +12,7 @@
 namespace vornet::client {
 
 /// The extension as a file manager's plug-in sees it: the emblems of what is on screen, and the menu of a selection. It
-/// answers from what it knows, at once, and asks the extension meanwhile; ShownItem::redraw and
+/// answers at once from what it knows, and asks the extension meanwhile; ShownItem::redraw and
 /// FileManager::menuChanged report what comes of that. Nothing here waits, throws, or stops the process, whatever
 /// happens to the extension or to the bus.
 ///
@@ -54,12 +54,12 @@ class Plugin {
   Plugin(const Plugin&) = delete;
   Plugin& operator=(const Plugin&) = delete;
 
-  /// A window, tab or pane begins, or ceases, to show `folder`. Counted: two windows show it twice. What is hidden more
+  /// A window, tab or pane begins or stops showing `folder`. Counted: two windows show it twice. What is hidden more
   /// often than shown is ignored.
   void folderShown(const std::string& folder);
   void folderHidden(const std::string& folder);
 
-  /// A tab, pane or view begins, or ceases, to hold `folder`, whether it is in front or not. Counted. While one holds
+  /// A tab, pane or view begins or stops holding `folder`, whether it is in front or not. Counted. While one holds
   /// it, the library keeps its items, for which the file manager asks only once: their emblems stay as they are in the
   /// background, and are right again soon after folderShown(). Shortly after the last one has left, the items are
   /// redrawn, so that the file manager asks for them again when the user comes back.

@@ -33,9 +33,18 @@ using client::Plugin;
 
 constexpr const char* PROPERTIES = "org.freedesktop.DBus.Properties";
 const std::string ROOT = "/k";
-const std::string FOLDER = ROOT + "/f";
-const std::array<std::string, 4> ITEMS = {FOLDER + "/a", FOLDER + "/b c", FOLDER + "/\u00e9", FOLDER + "/d"};
-const std::string LAST_ITEM = FOLDER + "/last";  // a change of it says that all before has come
+
+// Each input has a folder of its own: the plug-in remembers what it showed in those before.
+std::string folder;
+std::array<std::string, 4> items;
+std::string lastItem;  // a change of it says that all before has come
+
+void takeNextFolder() {
+  static unsigned count = 0;
+  folder = ROOT + "/f" + std::to_string(count++);
+  items = {folder + "/a", folder + "/b c", folder + "/\u00e9", folder + "/d"};
+  lastItem = folder + "/last";
+}
 
 const std::map<std::string, std::string> EMBLEMS = {
     {"SYNCED", "emblem-vornet-synced"}, {"PENDING", "emblem-vornet-pending"}, {"SKIPPED", "emblem-vornet-skipped"}};
@@ -56,7 +65,7 @@ std::atomic<std::size_t> warnings = 0;
 class Item : public client::ShownItem {
  public:
   explicit Item(std::function<void()> redrawn) : redrawn_(std::move(redrawn)) {}
-  void redraw(const std::string&) override { redrawn_(); }
+  void redraw(const std::string&, const std::string&) override { redrawn_(); }
 
  private:
   std::function<void()> redrawn_;
@@ -64,7 +73,7 @@ class Item : public client::ShownItem {
 
 class SilentManager : public client::FileManager {
  public:
-  void menuChanged() override {}
+  void menuChanged(const client::Selection&) override {}
 };
 
 /// Decodes an input; every string may go over the bus.
@@ -91,9 +100,9 @@ class Input {
   }
 
   std::string url() {
-    const auto choice = static_cast<std::size_t>(upTo(static_cast<int>(ITEMS.size()) + 2));
-    if (choice < ITEMS.size()) return client::urlOfPath(ITEMS[choice]);
-    return choice == ITEMS.size() ? "file://" + FOLDER + "/" + text() : text();
+    const auto choice = static_cast<std::size_t>(upTo(static_cast<int>(items.size()) + 2));
+    if (choice < items.size()) return client::urlOfPath(items[choice]);
+    return choice == items.size() ? "file://" + folder + "/" + text() : text();
   }
 
   /// Values of a shape that nobody expects.
@@ -184,6 +193,7 @@ std::optional<Plugin>& plugin() {
 class Session {
  public:
   Session(const std::uint8_t* data, std::size_t size) : input_(data, size) {
+    takeNextFolder();
     if (input_.rarely()) nonsenseProperty_ = input_.nonsense();
     isNewProcess_ = std::exchange(endsProcess_, false) || nonsenseProperty_;
     if (isNewProcess_) bus().restart();
@@ -227,25 +237,25 @@ class Session {
   void showFolder() {
     const bool isConnected = std::exchange(isConnected_, true);
     if (isConnected && isNewProcess_) bus().start();
-    if (!isConnected) plugin_.folderShown(FOLDER);
+    if (!isConnected) plugin_.folderShown(folder);
     if (isNewProcess_) waitFor([] { return bus().calls("Get") > 0; }, "the plug-in asks for the folders");
-    if (isConnected) plugin_.folderShown(FOLDER);
+    if (isConnected) plugin_.folderShown(folder);
   }
 
   void play() {
     if (nonsenseProperty_) return checkThatNothingIsShown();
     waitFor([] { return bus().calls("BeginObserving") > 0; }, "the plug-in observes the folder");
     if (input_.yes()) changeProperties();
-    for (const auto& item : ITEMS) show(item, [] {});
+    for (const auto& item : items) show(item, [] {});
     const bool asks = input_.yes() && !refusesToObserve_;
     const bool wantsMenu = input_.yes();
-    if (wantsMenu) plugin_.menu({ITEMS[0]});
+    if (wantsMenu) plugin_.menu({items[0]});
     for (int signals = input_.upTo(4); signals > 0; --signals) sendChanges();
     if (asks) waitFor([this] { return allAreAskedFor(); }, "the plug-in asks for every item");
     if (wantsMenu) waitFor([] { return bus().calls("GetMenu") > 0; }, "the plug-in asks for the menu");
     for (int signals = input_.upTo(2); signals > 0; --signals) sendChanges();
     awaitLastChange();
-    for (const auto& item : ITEMS) checkEmblem(item);
+    for (const auto& item : items) checkEmblem(item);
     if (wantsMenu) checkMenu();
   }
 
@@ -258,7 +268,7 @@ class Session {
       endsProcess_ = true;
       return;
     }
-    plugin_.folderHidden(FOLDER);
+    plugin_.folderHidden(folder);
     plugin_.menu({});
     if (!endsProcess_) awaitFailedAction();
   }
@@ -266,7 +276,7 @@ class Session {
   /// A failed action is written to the log. Before it all earlier calls are answered.
   void awaitFailedAction() {
     const auto before = warnings.load();
-    plugin_.perform("share:", {ITEMS[0]});
+    plugin_.perform("share:", {items[0]});
     waitFor([before] { return warnings.load() > before; }, "a failed action is logged");
   }
 
@@ -291,7 +301,7 @@ class Session {
     for (std::size_t i = 0; i < answer.size(); ++i) answer[i] = badges_[i % badges_.size()];
     if (answer.size() == paths.size()) {
       for (std::size_t i = 0; i < paths.size(); ++i) {
-        if (paths[i] == LAST_ITEM) answer[i] = "SYNCED";  // as awaitLastChange() sends it
+        if (paths[i] == lastItem) answer[i] = "SYNCED";  // as awaitLastChange() sends it
         told_[paths[i]] = answer[i];
       }
     }
@@ -300,7 +310,7 @@ class Session {
 
   bool allAreAskedFor() {
     const std::lock_guard guard(mutex_);
-    return std::all_of(ITEMS.begin(), ITEMS.end(), [this](const auto& item) { return asked_.contains(item); });
+    return std::all_of(items.begin(), items.end(), [this](const auto& item) { return asked_.contains(item); });
   }
 
   void changeProperties() {
@@ -336,10 +346,10 @@ class Session {
   /// All that was sent before the last change has arrived when that has.
   void awaitLastChange() {
     bool redrawn = false;
-    show(LAST_ITEM, [&redrawn] { redrawn = true; });
-    send({{client::urlOfPath(LAST_ITEM), "SYNCED"}});
+    show(lastItem, [&redrawn] { redrawn = true; });
+    send({{client::urlOfPath(lastItem), "SYNCED"}});
     waitFor([&redrawn] { return redrawn; }, "a change is shown");
-    show(LAST_ITEM, [] {});
+    show(lastItem, [] {});
   }
 
   void checkEmblem(const std::string& path) {
@@ -354,9 +364,9 @@ class Session {
   }
 
   void checkMenu() {
-    if (nonsenseMenu_) return require(isGreyed(plugin_.menu({ITEMS[0]})), "without an answer the menu is greyed");
+    if (nonsenseMenu_) return require(isGreyed(plugin_.menu({items[0]})), "without an answer the menu is greyed");
     const auto isShown = [this] {
-      const Menu shown = plugin_.menu({ITEMS[0]});
+      const Menu shown = plugin_.menu({items[0]});
       return shown.size() <= menu_.size() && shown.size() >= std::min<std::size_t>(menu_.size(), 100) &&
              std::equal(shown.begin(), shown.end(), menu_.begin());
     };
@@ -366,8 +376,8 @@ class Session {
   /// After an answer that names no folders.
   void checkThatNothingIsShown() {
     awaitFailedAction();
-    require(plugin_.emblem(ITEMS[0], std::make_unique<Item>([] {})).empty(), "without folders there are no emblems");
-    require(isGreyed(plugin_.menu({ITEMS[0]})), "without folders no entry can be chosen");
+    require(plugin_.emblem(items[0], std::make_unique<Item>([] {})).empty(), "without folders there are no emblems");
+    require(isGreyed(plugin_.menu({items[0]})), "without folders no entry can be chosen");
   }
 
   Input input_;

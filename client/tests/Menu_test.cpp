@@ -61,11 +61,8 @@ TEST_F(PluginMenu, AnAnswerBelongsToItsOwnSelectionAlone) {
   ASSERT_TRUE(runUntil([&] { return extension->heldCalls("GetMenu") == 2; }));
   manager.changedMenus.clear();
   extension->release("GetMenu");
-  ASSERT_TRUE(runUntil([&] { return manager.menuChanges > 0; }));
-  EXPECT_THAT(manager.changedMenus, ElementsAre(ElementsAre(path("old"))));
-  EXPECT_EQ(enabled(manager.plugin->menu({path("new")})), "00000") << "its answer has not come yet";
   ASSERT_TRUE(runUntil([&] { return manager.menuChanges == 2; }));
-  EXPECT_THAT(manager.changedMenus.back(), ElementsAre(path("new")));
+  EXPECT_THAT(manager.changedMenus, ElementsAre(ElementsAre(path("old")), ElementsAre(path("new"))));
   EXPECT_EQ(enabled(manager.plugin->menu({path("new")})), "01");
   EXPECT_EQ(enabled(manager.plugin->menu({path("old")})), "11");
   EXPECT_EQ(enabled(manager.plugin->menu({path("new"), path("old")})), "00000") << "another selection";

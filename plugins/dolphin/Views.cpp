@@ -97,7 +97,7 @@ class View : public QObject {
   void onSelectionChanged(const KFileItemList& items);
 
  private:
-  /// Whether it shows what lies elsewhere than in a folder of the disk: the results of a search.
+  /// Whether it shows the results of a search, which lie in folders that it does not list.
   bool showsResults() const;
   void findListers();
   void follow(KCoreDirLister& lister);
@@ -110,7 +110,7 @@ class View : public QObject {
   QWidget& widget_;
   client::Plugin& plugin_;
   std::vector<QPointer<KCoreDirLister>> listers_;
-  QUrl url_;                            ///< as told by the widget itself
+  QUrl url_;                            ///< as the widget reports it
   std::multiset<std::string> folders_;  ///< as reported to the library
   bool shows_ = false;                  ///< on screen, as reported to the library
   QSet<QUrl> results_;                  ///< results of a search whose emblems were asked for since they were listed

@@ -42,7 +42,7 @@ class FolderWidgets : public FolderWatch {
     FolderWidgets& all;
     const std::string folder;
     Tab tab;
-    guint border = 0;  ///< that of the container that the widget stands in, before
+    guint border = 0;  ///< that of the widget's container, before
   };
 
   /// Caja gives the place of such widgets a border, which would push the items down for an empty one.

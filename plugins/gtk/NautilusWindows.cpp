@@ -58,7 +58,7 @@ class Listening {
 
 /// Calls `function` of the listener that a handler was connected with.
 template <typename Listener, typename Function>
-void tell(gpointer listener, Function function) {
+void notify(gpointer listener, Function function) {
   client::guarded([&] { function(*static_cast<Listener*>(listener)); });
 }
 
@@ -79,10 +79,10 @@ class Slot {
 
  private:
   static void changed(GObject*, GParamSpec*, gpointer self) {
-    tell<Slot>(self, [](Slot& slot) { slot.update(); });
+    notify<Slot>(self, [](Slot& slot) { slot.update(); });
   }
   static void gone(gpointer self, GObject*) {
-    tell<Slot>(self, [](Slot& slot) {
+    notify<Slot>(self, [](Slot& slot) {
       slot.slot_.forget();
       slot.tab_.update(std::nullopt, false);
     });
@@ -126,18 +126,18 @@ class Window {
   }
 
   static void activated(GObject*, GParamSpec*, gpointer self) {
-    tell<Window>(self, [](Window& window) { window.addActive(); });
+    notify<Window>(self, [](Window& window) { window.addActive(); });
   }
   static void added(GObject*, GObject* slot, gpointer self) {
-    tell<Window>(self, [slot](Window& window) { window.add(slot); });
+    notify<Window>(self, [slot](Window& window) { window.add(slot); });
   }
   static void removed(GObject*, GObject* slot, gpointer self) {
-    tell<Window>(self, [slot](Window& window) {
+    notify<Window>(self, [slot](Window& window) {
       std::erase_if(window.slots_, [slot](const auto& known) { return known->object() == slot; });
     });
   }
   static void gone(gpointer self, GObject*) {
-    tell<Window>(self, [](Window& window) {
+    notify<Window>(self, [](Window& window) {
       window.window_.forget();
       window.slots_.clear();
     });
@@ -169,19 +169,19 @@ class NautilusWindows : public FolderWatch {
 
  private:
   static void added(GObject*, GObject* window, gpointer self) {
-    tell<NautilusWindows>(self, [window](NautilusWindows& all) {
+    notify<NautilusWindows>(self, [window](NautilusWindows& all) {
       const bool known =
           std::ranges::any_of(all.windows_, [window](const auto& one) { return one->object() == window; });
       if (window && !known && Window::isKnown(window)) all.windows_.push_back(std::make_unique<Window>(window));
     });
   }
   static void removed(GObject*, GObject* window, gpointer self) {
-    tell<NautilusWindows>(self, [window](NautilusWindows& all) {
+    notify<NautilusWindows>(self, [window](NautilusWindows& all) {
       std::erase_if(all.windows_, [window](const auto& one) { return !one->object() || one->object() == window; });
     });
   }
   static void gone(gpointer self, GObject*) {
-    tell<NautilusWindows>(self, [](NautilusWindows& all) {
+    notify<NautilusWindows>(self, [](NautilusWindows& all) {
       all.application_.forget();
       all.windows_.clear();
     });

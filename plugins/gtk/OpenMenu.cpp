@@ -1,5 +1,5 @@
 // Nemo asks for entries when it opens a menu, not when something is selected, and never again for a menu that is open.
-// The answer comes when the menu stands there already, so it is put into that: its items and their actions are GTK's.
+// The answer comes when the menu is open already, so it is applied there: its items and their actions are GTK's.
 #include <gtk/gtk.h>
 
 #include <memory>
