@@ -14,8 +14,6 @@ namespace {
 using platform::FIFinderSyncController;
 using platform::FileURL;
 
-static_assert(dbus::MAX_OBSERVED_FOLDERS == RESTPollingManager::MAX_CACHE_DIRS, "only cached folders report changes");
-
 // As many as CallGate lets be under way, so that none waits here for a thread.
 constexpr std::size_t MENU_THREADS = 9;
 constexpr std::size_t BADGE_THREADS = 3;  // one of them for short calls
