@@ -143,18 +143,29 @@ TEST_F(PrinterTest, ANarrowTerminalHasNeitherKindNorSizeBeforeANameIsCut) {
             "1 item: 1 ✓ Synced\n");
 }
 
-TEST_F(PrinterTest, AChangeOnANarrowTerminalHasNeitherNoteNorTimeBeforeTheNameIsCut) {
+TEST_F(PrinterTest, AChangeHasANoteWhereItFitsAndTheTimeUnlessTheTerminalIsNarrow) {
   const Change change{Change::Kind::badge, item("0123456789", EntryKind::file, 1, "SYNCED"), "SKIPPED"};
   const auto shown = [&](std::size_t width) {
     const std::size_t start = written().size();
     terminal(false, true, width)->change("/k", change);
     return written().substr(start);
   };
-  const std::string padding(10, ' ');  // as wide as the widest badge
-  EXPECT_TRUE(shown(57).ends_with("  ✓ Synced" + padding + "  0123456789 (was Not synced)\n")) << shown(57);
-  EXPECT_TRUE(shown(56).ends_with("  ✓ Synced" + padding + "  0123456789\n")) << shown(56);
-  EXPECT_EQ(shown(39), "✓ Synced" + padding + "  0123456789\n");
-  EXPECT_EQ(shown(29), "✓ Synced" + padding + "  0123…6789\n");
+  const std::string text = "✓ Synced" + std::string(10, ' ') + "  0123";  // as wide as the widest badge
+  EXPECT_TRUE(shown(57).ends_with("  " + text + "456789 (was Not synced)\n")) << shown(57);
+  EXPECT_TRUE(shown(56).ends_with("  " + text + "456789\n")) << shown(56);
+  EXPECT_TRUE(shown(54).ends_with("  " + text + "456789\n")) << shown(54);
+  EXPECT_EQ(shown(53), text + "456789 (was Not synced)\n");
+  EXPECT_EQ(shown(46), text + "456789\n");
+  EXPECT_EQ(shown(29), text + "…6789\n");
+}
+
+TEST_F(PrinterTest, ANarrowMenuHasNoActions) {
+  const std::vector<MenuEntry> menu{{"View versions", "viewVersions:", true, ""}, {"Share", "share:", false, ""}};
+  terminal(false, true, 39)->menu(menu);
+  EXPECT_EQ(written(), "✓ enabled  View versions  viewVersions:\n– greyed   Share          share:\n");
+  const std::size_t start = written().size();
+  terminal(false, true, 38)->menu(menu);
+  EXPECT_EQ(written().substr(start), "✓ enabled  View versions\n– greyed   Share\n");
 }
 
 TEST_F(PrinterTest, TheSummaryGoesOnInTheNextLineWhereItDoesNotFit) {

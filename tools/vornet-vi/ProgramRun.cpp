@@ -42,6 +42,10 @@ std::string ShownTestFolder::folder(const std::string& name) const {
 TestBus::TestBus(const std::string& startCommand)
     : PrivateBus(TemporaryFolder::path() / "bus", writeServices(TemporaryFolder::path(), startCommand)) {}
 
+void TestBus::install(const std::string& startCommand) const {
+  writeServices(TemporaryFolder::path(), startCommand);
+}
+
 TestExtension::TestExtension(const TestBus& bus, const std::string& folder)
     : FakeExtension(bus.address(),
                     folder.empty() ? std::vector<std::string>() : std::vector{vornet::test::urlOf(folder) + "/"}) {

@@ -50,6 +50,9 @@ class TestBus : private vornet::test::TemporaryFolder, public vornet::test::Priv
   /// `startCommand`: what the bus runs, by a shell, for calls to the extension's name while nobody owns it; "" for
   /// nothing.
   explicit TestBus(const std::string& startCommand = "");
+
+  /// From soon on the bus runs `startCommand`.
+  void install(const std::string& startCommand) const;
 };
 
 /// An extension with the usual badges and menu; observes `folder`, or nothing when it is "".

@@ -494,6 +494,29 @@ TEST(WatchRestartTest, DoesNotStartAnExtensionThatEndsAtOnceInALoop) {
   EXPECT_LE(count, 4);
 }
 
+TEST(WatchRestartTest, GoesOnLookingForAnExtensionThatIsNotInstalled) {
+  const TestBus bus;
+  const ShownTestFolder watched;
+  const ShownTestFolder other;
+  auto extension = std::make_unique<TestExtension>(bus, watched.path());
+  ProgramRun::Settings settings;
+  settings.busAddress = bus.address();
+  watched.file("shown");
+  ProgramRun program{settings, {"watch", watched.path()}};
+  ASSERT_TRUE(waitUntil([&] { return program.output.find("shown") != std::string::npos; }));
+  extension.reset();
+  ASSERT_TRUE(waitUntil([&] { return program.output.find("extension  stopped\n") != std::string::npos; }));
+  bus.install("touch " + other.path() + "/started");
+  EXPECT_TRUE(waitUntil([&] {
+    g_usleep(1000);
+    g_main_context_wakeup(nullptr);
+    return std::filesystem::exists(other.path() + "/started");
+  }));
+  program.sendSignal(SIGINT);
+  EXPECT_EQ(program.wait(), 0);
+  EXPECT_EQ(program.errors, "");
+}
+
 // -- menu and perform
 
 TEST_F(ProgramTest, MenuShowsTheEntriesInOrder) {
