@@ -64,8 +64,13 @@ PrivateBus::~PrivateBus() {
 void PrivateBus::stop() {
   if (!daemon_) return;
   daemon_->signal(SIGTERM);
+  daemon_->signal(SIGCONT);  // when it is frozen
   daemon_->wait();
   daemon_.reset();
+}
+
+void PrivateBus::freeze() const {
+  daemon_->signal(SIGSTOP);
 }
 
 }  // namespace vornet::test

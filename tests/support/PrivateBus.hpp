@@ -28,6 +28,9 @@ class PrivateBus {
   /// Ends the bus.
   void stop();
 
+  /// From now on the bus takes connections and does nothing.
+  void freeze() const;
+
  private:
   std::filesystem::path folder_;
   std::string address_;

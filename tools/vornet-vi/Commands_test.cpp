@@ -7,18 +7,18 @@ namespace {
 
 const std::vector<MenuEntry> MENU{{"Share", "share:", true, "QMT"}, {"Copy Link", "copyLink:", false, "QMT"}};
 
-TEST(FindEntryTest, findsByTitleWhateverTheCase) {
+TEST(FindEntryTest, FindsByTitleWhateverTheCase) {
   ASSERT_TRUE(findEntry(MENU, "copy LINK"));
   EXPECT_EQ(findEntry(MENU, "copy LINK")->action, "copyLink:");
 }
 
-TEST(FindEntryTest, findsByActionWithOrWithoutColon) {
+TEST(FindEntryTest, FindsByActionWithOrWithoutColon) {
   ASSERT_TRUE(findEntry(MENU, "copyLink:"));
   ASSERT_TRUE(findEntry(MENU, "copyLink"));
   EXPECT_EQ(findEntry(MENU, "copyLink")->title, "Copy Link");
 }
 
-TEST(FindEntryTest, findsNothingElse) {
+TEST(FindEntryTest, FindsNothingElse) {
   EXPECT_FALSE(findEntry(MENU, "copylink"));
   EXPECT_FALSE(findEntry(MENU, ""));
   EXPECT_FALSE(findEntry(MENU, "Sha"));

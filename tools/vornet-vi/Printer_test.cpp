@@ -71,7 +71,7 @@ class PrinterTest : public ::testing::Test {
   Output output_;
 };
 
-TEST_F(PrinterTest, terminalShowsSymbolAndLabelOfEachBadge) {
+TEST_F(PrinterTest, TerminalShowsSymbolAndLabelOfEachBadge) {
   terminal(false)->list("/k", ITEMS, false);
   EXPECT_EQ(written(),
             "/k\n"
@@ -83,7 +83,7 @@ TEST_F(PrinterTest, terminalShowsSymbolAndLabelOfEachBadge) {
             "4 items: 1 no badge, 1 ⟳ Sync in progress, 1 ✗ Not synced, 1 ✓ Synced\n");
 }
 
-TEST_F(PrinterTest, symbolsAreASCIIWhereTheLocaleIsNotUTF8) {
+TEST_F(PrinterTest, SymbolsAreASCIIWhereTheLocaleIsNotUTF8) {
   terminal(false, false)->list("/k", ITEMS, false);
   const std::string text = written();
   EXPECT_NE(text.find("+ Synced "), std::string::npos);
@@ -92,7 +92,7 @@ TEST_F(PrinterTest, symbolsAreASCIIWhereTheLocaleIsNotUTF8) {
   EXPECT_TRUE(std::all_of(text.begin(), text.end(), [](char c) { return (c & 0x80) == 0; }));
 }
 
-TEST_F(PrinterTest, noLineOnATerminalIsWiderThanItIs) {
+TEST_F(PrinterTest, NoLineOnATerminalIsWiderThanItIs) {
   std::vector<Item> items;
   std::string name;
   for (int i = 0; i < 40; ++i) {
@@ -114,7 +114,7 @@ TEST_F(PrinterTest, noLineOnATerminalIsWiderThanItIs) {
   }
 }
 
-TEST_F(PrinterTest, aNarrowTerminalHasNeitherKindNorSizeBeforeANameIsCut) {
+TEST_F(PrinterTest, ANarrowTerminalHasNeitherKindNorSizeBeforeANameIsCut) {
   const std::vector<Item> items{item("0123456789", EntryKind::file, 12, "SYNCED")};
   const auto shown = [&](std::size_t width) {
     const std::size_t start = written().size();
@@ -143,38 +143,49 @@ TEST_F(PrinterTest, aNarrowTerminalHasNeitherKindNorSizeBeforeANameIsCut) {
             "1 item: 1 ✓ Synced\n");
 }
 
-TEST_F(PrinterTest, aChangeOnANarrowTerminalHasNeitherNoteNorTimeBeforeTheNameIsCut) {
+TEST_F(PrinterTest, AChangeHasANoteWhereItFitsAndTheTimeUnlessTheTerminalIsNarrow) {
   const Change change{Change::Kind::badge, item("0123456789", EntryKind::file, 1, "SYNCED"), "SKIPPED"};
   const auto shown = [&](std::size_t width) {
     const std::size_t start = written().size();
     terminal(false, true, width)->change("/k", change);
     return written().substr(start);
   };
-  const std::string padding(10, ' ');  // as wide as the widest badge
-  EXPECT_TRUE(shown(57).ends_with("  ✓ Synced" + padding + "  0123456789 (was Not synced)\n")) << shown(57);
-  EXPECT_TRUE(shown(56).ends_with("  ✓ Synced" + padding + "  0123456789\n")) << shown(56);
-  EXPECT_EQ(shown(39), "✓ Synced" + padding + "  0123456789\n");
-  EXPECT_EQ(shown(29), "✓ Synced" + padding + "  0123…6789\n");
+  const std::string text = "✓ Synced" + std::string(10, ' ') + "  0123";  // as wide as the widest badge
+  EXPECT_TRUE(shown(57).ends_with("  " + text + "456789 (was Not synced)\n")) << shown(57);
+  EXPECT_TRUE(shown(56).ends_with("  " + text + "456789\n")) << shown(56);
+  EXPECT_TRUE(shown(54).ends_with("  " + text + "456789\n")) << shown(54);
+  EXPECT_EQ(shown(53), text + "456789 (was Not synced)\n");
+  EXPECT_EQ(shown(46), text + "456789\n");
+  EXPECT_EQ(shown(29), text + "…6789\n");
 }
 
-TEST_F(PrinterTest, theSummaryGoesOnInTheNextLineWhereItDoesNotFit) {
+TEST_F(PrinterTest, ANarrowMenuHasNoActions) {
+  const std::vector<MenuEntry> menu{{"View versions", "viewVersions:", true, ""}, {"Share", "share:", false, ""}};
+  terminal(false, true, 39)->menu(menu);
+  EXPECT_EQ(written(), "✓ enabled  View versions  viewVersions:\n– greyed   Share          share:\n");
+  const std::size_t start = written().size();
+  terminal(false, true, 38)->menu(menu);
+  EXPECT_EQ(written().substr(start), "✓ enabled  View versions\n– greyed   Share\n");
+}
+
+TEST_F(PrinterTest, TheSummaryGoesOnInTheNextLineWhereItDoesNotFit) {
   terminal(false, true, 40)->list("/k", ITEMS, false);
   EXPECT_TRUE(written().ends_with("4 items: 1 no badge,\n  1 ⟳ Sync in progress, 1 ✗ Not synced,\n  1 ✓ Synced\n"))
       << written();
 }
 
-TEST_F(PrinterTest, anEmptyFolderIsShownAsSuch) {
+TEST_F(PrinterTest, AnEmptyFolderIsShownAsSuch) {
   terminal(false)->list("/k", {}, false);
   EXPECT_EQ(written(), "/k\n0 items\n");
 }
 
-TEST_F(PrinterTest, coloursAreEscapesAroundTheSameText) {
+TEST_F(PrinterTest, ColoursAreEscapesAroundTheSameText) {
   terminal(true)->list("/k", ITEMS, false);
   EXPECT_NE(written().find("\x1b[32m✓ Synced\x1b[0m"), std::string::npos);
   EXPECT_NE(written().find("\x1b[31m✗ Not synced\x1b[0m"), std::string::npos);
 }
 
-TEST_F(PrinterTest, plainTextHasOneLineAnEntryAndNoTabs) {
+TEST_F(PrinterTest, PlainTextHasOneLineAnEntryAndNoTabs) {
   plain()->list("/k", ITEMS, false);
   EXPECT_EQ(written(),
             "✓ Synced            folder        -  Photos\n"
@@ -183,7 +194,7 @@ TEST_F(PrinterTest, plainTextHasOneLineAnEntryAndNoTabs) {
             "✗ Not synced        link          -  報告\n");
 }
 
-TEST_F(PrinterTest, plainTextHasOneLineAChange) {
+TEST_F(PrinterTest, PlainTextHasOneLineAChange) {
   const auto printer = plain();
   printer->change("/k", {Change::Kind::badge, ITEMS[0], "PENDING"});
   printer->change("/k", {Change::Kind::appeared, ITEMS[1], ""});
@@ -198,12 +209,12 @@ TEST_F(PrinterTest, plainTextHasOneLineAChange) {
             "extension  back\n");
 }
 
-TEST_F(PrinterTest, aBadgeThatIsNotRegisteredIsShownByItsIdentifier) {
+TEST_F(PrinterTest, ABadgeThatIsNotRegisteredIsShownByItsIdentifier) {
   plain()->list("/k", {item("a", EntryKind::file, 1, "NEW\x1b")}, false);
   EXPECT_EQ(written(), "? NEW\\e  file  1  a\n");
 }
 
-TEST_F(PrinterTest, jsonHasOneObjectALineWithTheExactURL) {
+TEST_F(PrinterTest, JsonHasOneObjectALineWithTheExactURL) {
   json()->list("/k", ITEMS, false);
   const auto lines = objects();
   ASSERT_EQ(lines.size(), 4U);
@@ -221,7 +232,7 @@ TEST_F(PrinterTest, jsonHasOneObjectALineWithTheExactURL) {
   EXPECT_EQ(written().find('\x1b'), std::string::npos);
 }
 
-TEST_F(PrinterTest, jsonNamesTheEventsOfWatching) {
+TEST_F(PrinterTest, JsonNamesTheEventsOfWatching) {
   const auto printer = json();
   printer->list("/k", {ITEMS[0]}, true);
   printer->change("/k", {Change::Kind::badge, ITEMS[0], "PENDING"});
@@ -242,7 +253,7 @@ TEST_F(PrinterTest, jsonNamesTheEventsOfWatching) {
   EXPECT_EQ(lines[6], (boost::json::object{{"event", "extension"}, {"running", true}}));
 }
 
-TEST_F(PrinterTest, statusTellsARefusalFromATimeOut) {
+TEST_F(PrinterTest, StatusTellsARefusalFromATimeOut) {
   Status status;
   status.canBeStarted = true;
   status.syncApplication.outcome = SyncApplicationState::Outcome::refused;
@@ -256,7 +267,7 @@ TEST_F(PrinterTest, statusTellsARefusalFromATimeOut) {
   EXPECT_NE(written().find("timed out after 3000 ms"), std::string::npos);
 }
 
-TEST_F(PrinterTest, statusSaysThatAnotherUsersProcessListens) {
+TEST_F(PrinterTest, StatusSaysThatAnotherUsersProcessListens) {
   Status status;
   status.syncApplication.outcome = SyncApplicationState::Outcome::anotherUser;
   status.syncApplication.user = 65534;
@@ -264,7 +275,7 @@ TEST_F(PrinterTest, statusSaysThatAnotherUsersProcessListens) {
   EXPECT_NE(written().find("another user's process (of uid 65534) listens on 127.0.0.1:8806"), std::string::npos);
 }
 
-TEST(OutputTest, tellsABrokenPipeFromAFailure) {
+TEST(OutputTest, TellsABrokenPipeFromAFailure) {
   std::signal(SIGPIPE, SIG_IGN);
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);

@@ -3,7 +3,7 @@
 #include <boost/json.hpp>
 #include <thread>
 
-#include "TestExtension.hpp"
+#include "ProgramRun.hpp"
 #include "TestListener.hpp"
 
 /// The program's question to the sync application, on the port that the sync application has.
@@ -21,7 +21,7 @@ boost::json::object statusOf(const TestBus& bus) {
   return boost::json::parse(program.output).as_object().at("sync_application").as_object();
 }
 
-TEST(StatusOfSyncApplicationTest, anyReplyIsAnAnswer) {
+TEST(StatusOfSyncApplicationTest, AnyReplyIsAnAnswer) {
   const TestBus bus;
   const Listener listener{PORT};
   std::thread server{[&] { listener.serve("HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n\r\n"); }};
@@ -32,7 +32,7 @@ TEST(StatusOfSyncApplicationTest, anyReplyIsAnAnswer) {
   EXPECT_EQ(state.at("http_status"), 404);
 }
 
-TEST(StatusOfSyncApplicationTest, silenceAndRefusalAreToldApart) {
+TEST(StatusOfSyncApplicationTest, SilenceAndRefusalAreToldApart) {
   const TestBus bus;
   {
     const Listener listener{PORT};

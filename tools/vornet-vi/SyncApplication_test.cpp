@@ -13,7 +13,7 @@ namespace {
 
 using test::Listener;
 
-TEST(SyncApplicationTest, postsTheQuestionThatTheExtensionPosts) {
+TEST(SyncApplicationTest, PostsTheQuestionThatTheExtensionPosts) {
   const Listener listener;
   std::string request;
   std::thread server{[&] { request = listener.serve("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\n{}"); }};
@@ -26,7 +26,7 @@ TEST(SyncApplicationTest, postsTheQuestionThatTheExtensionPosts) {
   EXPECT_EQ(request.substr(request.find("\r\n\r\n") + 4), R"({"dir_name":"/"})");
 }
 
-TEST(SyncApplicationTest, anyStatusIsAnAnswer) {
+TEST(SyncApplicationTest, AnyStatusIsAnAnswer) {
   const Listener listener;
   std::thread server{[&] { listener.serve("HTTP/1.1 500 Internal Server Error\r\nContent-Length: 0\r\n\r\n"); }};
   const SyncApplicationState state = askSyncApplication(listener.address());
@@ -35,7 +35,7 @@ TEST(SyncApplicationTest, anyStatusIsAnAnswer) {
   EXPECT_EQ(state.httpStatus, 500);
 }
 
-TEST(SyncApplicationTest, proxiesOfTheEnvironmentAreIgnored) {
+TEST(SyncApplicationTest, ProxiesOfTheEnvironmentAreIgnored) {
   setenv("http_proxy", "http://127.0.0.1:1", 1);
   setenv("ALL_PROXY", "http://127.0.0.1:1", 1);
   const Listener listener;
@@ -48,7 +48,7 @@ TEST(SyncApplicationTest, proxiesOfTheEnvironmentAreIgnored) {
   server.join();
 }
 
-TEST(SyncApplicationTest, aClosedPortIsARefusal) {
+TEST(SyncApplicationTest, AClosedPortIsARefusal) {
   std::string address;
   {
     const Listener listener;
@@ -57,12 +57,12 @@ TEST(SyncApplicationTest, aClosedPortIsARefusal) {
   EXPECT_EQ(askSyncApplication(address).outcome, SyncApplicationState::Outcome::refused);
 }
 
-TEST(SyncApplicationTest, silenceIsATimeOut) {
+TEST(SyncApplicationTest, SilenceIsATimeOut) {
   const Listener listener;  // the system takes the connection; nobody answers
   EXPECT_EQ(askSyncApplication(listener.address()).outcome, SyncApplicationState::Outcome::timedOut);
 }
 
-TEST(SyncApplicationTest, whatIsNotHTTPIsAFailure) {
+TEST(SyncApplicationTest, WhatIsNotHTTPIsAFailure) {
   const Listener listener;
   std::thread server{[&] { listener.serve("SSH-2.0-x\r\n"); }};
   const SyncApplicationState state = askSyncApplication(listener.address());

@@ -28,7 +28,7 @@ struct Cell {
 };
 
 /// Rows whose columns are aligned by display width, two spaces apart; no tabs. Where lines would be wider than the
-/// look's width, columns that can be spared are left out, the first one first, and then the last column is elided. The
+/// look's width, columns that can be spared are left out, the first one first, and then the last one is elided. The
 /// last column is never padded. Not thread-safe.
 class Table {
  public:

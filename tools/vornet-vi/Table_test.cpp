@@ -7,7 +7,7 @@ namespace {
 
 using Align = Table::Align;
 
-TEST(TableTest, alignsByDisplayWidth) {
+TEST(TableTest, AlignsByDisplayWidth) {
   Table table({{Align::left}, {Align::right}, {Align::left}});
   table.addRow({{"報告"}, {"1"}, {"x"}});
   table.addRow({{"e\u0301"}, {"100"}, {"y"}});
@@ -16,21 +16,21 @@ TEST(TableTest, alignsByDisplayWidth) {
             "e\u0301     100  y\n");
 }
 
-TEST(TableTest, leavesNoSpacesAtTheEndOfALine) {
+TEST(TableTest, LeavesNoSpacesAtTheEndOfALine) {
   Table table({{Align::left}, {Align::left}});
   table.addRow({{"a"}, {""}});
   table.addRow({{"abc"}, {"d"}});
   EXPECT_EQ(table.text({}), "a\nabc  d\n");
 }
 
-TEST(TableTest, keepsEmptyFirstCellsAligned) {
+TEST(TableTest, KeepsEmptyFirstCellsAligned) {
   Table table({{Align::left}, {Align::left}});
   table.addRow({{""}, {"b"}});
   table.addRow({{"a"}, {"c"}});
   EXPECT_EQ(table.text({}), "   b\na  c\n");
 }
 
-TEST(TableTest, elidesTheLastColumnToFitTheWidth) {
+TEST(TableTest, ElidesTheLastColumnToFitTheWidth) {
   Table table({{Align::left}, {Align::left}});
   table.addRow({{"file"}, {"0123456789012345678901234567890"}});
   Look look;
@@ -39,7 +39,7 @@ TEST(TableTest, elidesTheLastColumnToFitTheWidth) {
   EXPECT_EQ(table.text(look), "file  0123456…567890\n");
 }
 
-TEST(TableTest, leavesOutColumnsThatCanBeSparedBeforeItElides) {
+TEST(TableTest, LeavesOutColumnsThatCanBeSparedBeforeItElides) {
   Table table({{Align::left}, {Align::left, true}, {Align::right, true}, {Align::left}});
   table.addRow({{"ok"}, {"file"}, {"12"}, {"0123456789"}});
   table.addRow({{"bad"}, {"folder"}, {""}, {"x"}});
@@ -55,7 +55,7 @@ TEST(TableTest, leavesOutColumnsThatCanBeSparedBeforeItElides) {
   EXPECT_EQ(table.text(look), "ok   0123…6789\nbad  x\n");
 }
 
-TEST(TableTest, coloursTextButNotThePadding) {
+TEST(TableTest, ColoursTextButNotThePadding) {
   Table table({{Align::left}, {Align::left}});
   table.addRow({{"ab", Tint::good}, {"x", Tint::plain}});
   table.addRow({{"abcd", Tint::bad}, {"y", Tint::strong}});

@@ -16,8 +16,9 @@ using Column = Table::Column;
 
 constexpr const char* NOTHING = "-";
 
-// A name is not elided to less than this.
+// A name is not elided to less than this; and lines of "watch" have the time where as much is left for the name.
 constexpr std::size_t NARROWEST_NAME = 8;
+constexpr std::size_t ROOM_BESIDE_TIME = 24;
 
 struct Symbol {
   const char* identifier;
@@ -189,18 +190,16 @@ void TextPrinter::extensionBack() {
   output_.flush();
 }
 
-/// One line on a terminal: the time, what happened, to which name, and a note. The note and the time are left out
-/// before the name is elided.
+/// One line on a terminal: the time, unless that is narrow, what happened, to which name, and a note, where it fits.
 void TextPrinter::event(const Cell& what, const Cell& name, const std::string& note) {
   std::size_t widest = displayWidth(what.text);
   for (const Badge& badge : badges_) widest = std::max(widest, 2 + displayWidth(safe(badge.label)));
   const std::string padding(widest - displayWidth(what.text), ' ');
   const std::string time = clockText() + "  ";
-  const std::size_t least = widest + 2 + displayWidth(name.text);
-  const bool showsNote = least + time.size() + displayWidth(note) <= *look_.width;
-  const bool showsTime = least + time.size() <= *look_.width;
+  const bool showsTime = time.size() + widest + 2 + ROOM_BESIDE_TIME <= *look_.width;
   const std::size_t before = widest + 2 + (showsTime ? time.size() : 0);
   const std::size_t room = *look_.width > before ? *look_.width - before : 0;
+  const bool showsNote = displayWidth(name.text) + displayWidth(note) <= room;
   line(tinted(showsTime ? time : "", Tint::faint, look_) + tint(what) + padding + "  " +
        tinted(elided(name.text, std::max(room, NARROWEST_NAME), look_.unicode), name.tint, look_) +
        tinted(showsNote ? note : "", Tint::faint, look_));
@@ -214,7 +213,7 @@ void TextPrinter::line(const std::string& text) {
 // --- Menus and actions ----------------------------------------------------------------------------------------------
 
 void TextPrinter::menu(const std::vector<MenuEntry>& entries) {
-  Table table(std::vector<Column>(3));
+  Table table({Column(), Column(), {Align::left, true}});
   const char* const enabled = !isTerminal() ? "enabled" : look_.unicode ? "\u2713 enabled" : "+ enabled";
   const char* const greyed = !isTerminal() ? "greyed" : look_.unicode ? "\u2013 greyed" : "- greyed";
   for (const MenuEntry& entry : entries) {
