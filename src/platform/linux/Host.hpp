@@ -23,6 +23,10 @@ const Bundle& mainBundle();
 /// other threads run.
 void keepLittleFreeMemory();
 
+/// Gives what is free in this process's memory back to the system, also what lies between what is used. Takes about a
+/// millisecond.
+void giveFreeMemoryBack();
+
 /// This process counts no longer as a running one of its application, though it has yet to end: another may take its
 /// place. Any thread.
 void retireFromRunningApplications();
