@@ -455,7 +455,9 @@ GDBusConnection* connectToSessionBus(GError** error) {
 
 bool hasUnansweredCalls(GDBusConnection* connection) {
   GInputStream* input = g_io_stream_get_input_stream(g_dbus_connection_get_stream(connection));
-  return !g_dbus_connection_is_closed(connection) && inputLink(input).hasUnansweredCalls();
+  const bool has = !g_dbus_connection_is_closed(connection) && inputLink(input).hasUnansweredCalls();
+  passHandOver();  // GLib's thread may free the stream later
+  return has;
 }
 
 }  // namespace vornet::service
