@@ -111,7 +111,7 @@ void Badges::begin(Folder& folder) {
     if (!current || current->begun == 0) return;
     done ? began(*current) : notBegun(*current, error);
   };
-  link_.call("BeginObserving", g_variant_new("(s)", urlOfPath(folder.path).c_str()), "()", answered);
+  link_.callRunning("BeginObserving", g_variant_new("(s)", urlOfPath(folder.path).c_str()), "()", answered);
 }
 
 void Badges::began(Folder& folder) {
@@ -285,8 +285,8 @@ void Badges::askForBatch(Folder& folder, std::vector<std::string> names) {
   }
   folder.unanswered += batch->names.size();
   ++batchesInFlight_;
-  link_.call("RequestBadges", g_variant_new("(as)", &urls), "(as)",
-             [this, batch](GVariant* values, const std::string& error) { answered(*batch, values, error); });
+  link_.callRunning("RequestBadges", g_variant_new("(as)", &urls), "(as)",
+                    [this, batch](GVariant* values, const std::string& error) { answered(*batch, values, error); });
 }
 
 void Badges::answered(Batch& batch, GVariant* values, const std::string& error) {

@@ -331,6 +331,11 @@ void ExtensionLink::call(const char* method, GVariant* arguments, const char* ty
              std::move(done));
 }
 
+void ExtensionLink::callRunning(const char* method, GVariant* arguments, const char* type, Done done) {
+  callObject(owner_.c_str(), dbus::OBJECT_PATH, dbus::INTERFACE, method, arguments, type, G_DBUS_CALL_FLAGS_NONE,
+             std::move(done));
+}
+
 void ExtensionLink::readAllProperties(bool mayStart, Done done) {
   callObject(dbus::BUS_NAME, dbus::OBJECT_PATH, PROPERTIES, "GetAll", g_variant_new("(s)", dbus::INTERFACE), "(a{sv})",
              mayStart ? G_DBUS_CALL_FLAGS_NONE : G_DBUS_CALL_FLAGS_NO_AUTO_START, std::move(done));
@@ -342,8 +347,8 @@ void ExtensionLink::callBus(const char* method, GVariant* arguments, const char*
 
 void ExtensionLink::send(const char* method, GVariant* arguments) {
   const Value owned(g_variant_ref_sink(arguments));
-  if (!connection_) return;
-  g_dbus_connection_call(connection_.get(), dbus::BUS_NAME, dbus::OBJECT_PATH, dbus::INTERFACE, method, arguments,
+  if (owner_.empty()) return;
+  g_dbus_connection_call(connection_.get(), owner_.c_str(), dbus::OBJECT_PATH, dbus::INTERFACE, method, arguments,
                          nullptr, G_DBUS_CALL_FLAGS_NO_AUTO_START, -1, nullptr, nullptr, nullptr);
 }
 

@@ -83,13 +83,17 @@ class ExtensionLink {
   using Done = std::function<void(GVariant* values, const CallError& error)>;
   void call(const char* method, GVariant* arguments, const char* type, Done done);
 
+  /// The same of the process that runs now; for what that process remembers of its clients. Fails when it has gone,
+  /// even when another has its name by then, which would be told of a folder a second time.
+  void callRunning(const char* method, GVariant* arguments, const char* type, Done done);
+
   /// The same for all properties, (a{sv}); `mayStart`: starts the extension.
   void readAllProperties(bool mayStart, Done done);
 
   /// The same for a method of the bus itself.
   void callBus(const char* method, GVariant* arguments, const char* type, Done done);
 
-  /// The same where the answer does not matter: none comes.
+  /// Calls the process that runs now, if any, where the answer does not matter: none comes.
   void send(const char* method, GVariant* arguments);
 
  private:

@@ -295,5 +295,17 @@ TEST_F(PluginUnobserved, AnotherExtensionIsToldToObserveThemAtOnce) {
   ASSERT_TRUE(waitForObserved(2));
 }
 
+// Another process may have the name already when a folder is tried again. It would observe the folder twice.
+TEST_F(PluginUnobserved, TheyAreTriedAgainOnlyWithTheProcessThatRefused) {
+  ASSERT_TRUE(waitForEmblem("second/a", SYNCED));
+  const auto tried = extension->count("BeginObserving");
+  ASSERT_TRUE(runUntil([&] { return extension->count("BeginObserving") > tried; }));
+  manager.plugin->folderHidden(path("first"));
+  ASSERT_TRUE(runUntil([&] { return extension->count("EndObserving") == 1; }));
+  for (const auto* method : {"BeginObserving", "RequestBadges", "EndObserving"}) {
+    EXPECT_FALSE(extension->methodsByBusName.contains(method)) << method;
+  }
+}
+
 }  // namespace
 }  // namespace vornet::test

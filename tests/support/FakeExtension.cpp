@@ -85,6 +85,8 @@ void FakeExtension::take(GDBusConnection*, const gchar* sender, const gchar*, co
   auto& self = *static_cast<FakeExtension*>(data);
   self.callers_.insert(sender);
   self.lastCaller_ = sender;
+  const char* destination = g_dbus_message_get_destination(g_dbus_method_invocation_get_message(invocation));
+  if (g_strcmp0(destination, dbus::BUS_NAME) == 0) self.methodsByBusName.insert(method);
   self.note(method, arguments);
   const bool dies = self.diesIn == method;
   if (dies || self.held_.contains(method)) {

@@ -47,6 +47,7 @@ class FakeExtension {
   // What it was asked.
   std::multiset<std::string> observed;                  ///< folders begun and not ended
   std::vector<std::string> calls;                       ///< in their order: "GetMenu URL URL", but "RequestBadges"
+  std::set<std::string> methodsByBusName;               ///< addressed to whoever has the bus name, not to this process
   std::vector<std::vector<std::string>> badgeRequests;  ///< the items of each
   std::vector<std::vector<std::string>> menuRequests;   ///< the selection of each
   std::vector<std::vector<std::string>> actions;        ///< action and selection of each
