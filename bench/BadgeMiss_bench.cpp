@@ -20,18 +20,15 @@ struct SyncDatabase {
   SyncDatabase() {
     setupLogger("INFO");  // as the extension does: no message is built below that level
     std::vector<std::pair<std::string, int>> rows;
-    for (std::size_t i = 0; i < ENTRIES; ++i) {
-      rows.emplace_back(itemOf(folderKeyOf(0), i), static_cast<int>(codeOf(i)));
-    }
+    for (std::size_t i = 0; i < ENTRIES; ++i) rows.emplace_back(itemOf(folderKeyOf(0), i), static_cast<int>(codeOf(i)));
     test::makeSyncDatabase(file, rows);
   }
 };
 
 void ours(benchmark::State& state) {
   const auto& [environment, file, path, cache] = *fixture<SyncDatabase>();
-  for (auto _ : state) {
+  for (auto _ : state)
     if (cache.statusForPath(path) != codeOf(ENTRIES / 2)) state.SkipWithError("a wrong status");
-  }
 }
 
 /// SQLite's own calls, with the same statement.

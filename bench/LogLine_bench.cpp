@@ -65,9 +65,8 @@ void limit(benchmark::State& state) {
   VI_INFO(fixture<Logs>()->message);
   const std::string line = firstLogLine();
   const PlainFile file;
-  for (auto _ : state) {
+  for (auto _ : state)
     if (!file.write(line)) state.SkipWithError("not written");
-  }
 }
 
 /// The date formatted anew for each line.

@@ -122,9 +122,8 @@ void BadgeUpdates::applyBadge(Folder& folder, const std::string& name, std::stri
   folder.changed.push_back(name);
   if (std::exchange(isRedrawing_, true)) return;
   work_.add([this] {
-    for (std::size_t i = 0; i < STEP; ++i) {
+    for (std::size_t i = 0; i < STEP; ++i)
       if (!redrawNext()) return isRedrawing_ = false;
-    }
     return true;
   });
 }
@@ -163,9 +162,8 @@ void BadgeUpdates::redrawAll(const Folder& folder) {
       const Folder* current = folders_.find(path, id);
       auto emblem = one.emblem;
       if (current) {
-        if (const auto found = current->entries.find(one.name); found != current->entries.end()) {
+        if (const auto found = current->entries.find(one.name); found != current->entries.end())
           emblem = found->second.emblem;  // it may have changed since
-        }
       }
       one.item->redraw(base + one.name, std::string(emblem));
     }

@@ -96,9 +96,8 @@ void Badges::syncObservations(Folder& folder) {
   const bool possible = link_.isReady() && !folder.refused && link_.isObserved(folder.path);
   const int wanted = !possible ? 0 : folder.shown > 0 ? folder.shown : folder.inferred ? 1 : 0;
   while (folder.begun < wanted && !folder.refused && !folder.tooMany) begin(folder);
-  for (; folder.begun > wanted; --folder.begun) {
+  for (; folder.begun > wanted; --folder.begun)
     if (link_.isReady()) link_.send("EndObserving", g_variant_new("(s)", urlOfPath(folder.path).c_str()));
-  }
   if (folder.begun == 0) folder.observed = false;
   if (wanted == 0) folder.tooMany = false;
 }
@@ -200,9 +199,8 @@ void Badges::forget(Folder& folder) {
   syncObservations(folder);
   if (folder.isHeld()) return;
   Emblems emblems;
-  for (const auto& [name, entry] : folder.entries) {
+  for (const auto& [name, entry] : folder.entries)
     if (!entry.emblem.empty()) emblems.emplace(name, entry.emblem);
-  }
   if (folder.entries.empty()) emblems = std::move(folder.remembered);  // nobody asked; otherwise they are out of date
   left_.add(folder.path, std::move(emblems));
   folders_.erase(std::string(folder.path));
@@ -376,9 +374,8 @@ void Badges::extensionGone() {
     folder->begun = 0;
     folder->observed = folder->refused = folder->tooMany = false;
     folder->unanswered = 0;
-    for (auto& names : std::exchange(folder->again, {})) {
+    for (auto& names : std::exchange(folder->again, {}))
       std::move(names.begin(), names.end(), std::back_inserter(folder->waiting));
-    }
   }
 }
 
@@ -387,16 +384,14 @@ void Badges::observedFoldersChanged() {
   for (const auto& path : folders_.paths()) {
     Folder& folder = *folders_.find(path);
     folder.refused = folder.tooMany = false;
-    if (link_.isObserved(path)) {
+    if (link_.isObserved(path))
       askForAll(folder);
-    } else {
+    else
       clear(folder);
-    }
-    if (folder.shown == 0 && !folder.isHeld() && !mayCarryBadges(path)) {
+    if (folder.shown == 0 && !folder.isHeld() && !mayCarryBadges(path))
       forget(folder);
-    } else {
+    else
       syncObservations(folder);
-    }
   }
   askSoon();
 }

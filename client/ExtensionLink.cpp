@@ -44,11 +44,10 @@ CallError callErrorOf(GError* error) {
 /// Finding the bus may read files or start a program, so it has a thread of its own.
 void findBus(GTask* task, gpointer, gpointer, GCancellable*) {
   GError* error = nullptr;  // given on to the task, as the address is
-  if (gchar* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, &error)) {
+  if (gchar* address = g_dbus_address_get_for_bus_sync(G_BUS_TYPE_SESSION, nullptr, &error))
     g_task_return_pointer(task, address, g_free);
-  } else {
+  else
     g_task_return_error(task, error);
-  }
 }
 
 /// Whether it takes long to free `values`, which are of the type expected.
@@ -105,11 +104,10 @@ void ExtensionLink::want() {
 
 void ExtensionLink::wantAgain() {
   if (ready_ || connecting_ || starting_ || retry_.isRunning()) return;
-  if (const auto delay = nextDelay(); delay.count() > 0) {
+  if (const auto delay = nextDelay(); delay.count() > 0)
     retry_.start(delay, [this] { start(); });
-  } else {
+  else
     start();
-  }
 }
 
 std::chrono::milliseconds ExtensionLink::nextDelay() {
@@ -191,9 +189,8 @@ void ExtensionLink::disconnect() {
   g_bus_unwatch_name(watch_);
   watch_ = 0;
   g_signal_handler_disconnect(connection_.get(), closedHandler_);
-  if (!g_dbus_connection_is_closed(connection_.get())) {
+  if (!g_dbus_connection_is_closed(connection_.get()))
     g_dbus_connection_close(connection_.get(), nullptr, nullptr, nullptr);
-  }
   connection_.reset();
 }
 
@@ -307,9 +304,8 @@ void ExtensionLink::takeObservedFolders(GVariant* urls) {
   observedFolders_.clear();
   foldersKnown_ = true;
   const gsize count = std::min<gsize>(g_variant_n_children(urls), MOST_FOLDERS);
-  for (gsize i = 0; i < count; ++i) {
+  for (gsize i = 0; i < count; ++i)
     if (auto path = pathOfURL(textOf(childOf(urls, i)))) observedFolders_.push_back(*std::move(path));
-  }
 }
 
 void ExtensionLink::vanished() {

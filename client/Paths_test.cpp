@@ -30,9 +30,8 @@ TEST(PluginPaths, EveryByteThatAURLCannotHoldIsEncoded) {
 
 TEST(PluginPaths, AURLBringsItsPathBack) {
   std::string all = "/e\xcc\x81";
-  for (int byte = 1; byte < 256; ++byte) {
+  for (int byte = 1; byte < 256; ++byte)
     if (byte != '/') all += static_cast<char>(byte);
-  }
   EXPECT_EQ(pathOfURL(urlOfPath(all).c_str()), all);
 }
 

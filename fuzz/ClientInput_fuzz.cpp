@@ -141,9 +141,8 @@ using Changes = std::vector<std::pair<std::string, std::string>>;  // URL and id
 GVariant* valuesOf(const Changes& changes) {
   GVariantBuilder builder;
   g_variant_builder_init(&builder, G_VARIANT_TYPE("a(ss)"));
-  for (const auto& [url, identifier] : changes) {
+  for (const auto& [url, identifier] : changes)
     g_variant_builder_add(&builder, "(ss)", url.c_str(), identifier.c_str());
-  }
   return g_variant_new("(@a(ss))", g_variant_builder_end(&builder));
 }
 
@@ -337,9 +336,8 @@ class Session {
   void send(const Changes& changes) {
     bus().send(dbus::INTERFACE, "BadgesChanged", valuesOf(changes), [&] {
       const std::lock_guard guard(mutex_);
-      for (const auto& [url, identifier] : changes) {
+      for (const auto& [url, identifier] : changes)
         if (const auto path = client::pathOfURL(url.c_str())) told_[*path] = identifier;
-      }
     });
   }
 

@@ -19,9 +19,8 @@ bool isUTF8(std::string_view text) {
 /// The characters of UTF-8 text.
 std::u32string charactersOf(std::string_view text) {
   std::u32string characters;
-  for (const char* at = text.data(); at < text.data() + text.size(); at = g_utf8_next_char(at)) {
+  for (const char* at = text.data(); at < text.data() + text.size(); at = g_utf8_next_char(at))
     characters += static_cast<char32_t>(g_utf8_get_char(at));
-  }
   return characters;
 }
 
@@ -147,9 +146,8 @@ void checkPrintableJSON(std::string_view raw) {
   if (error) return;  // a number beyond every double
   const std::string printable = vi::printableJSON(json);
   require(isUTF8(printable), "printable JSON is UTF-8");
-  for (const char32_t c : charactersOf(printable)) {
+  for (const char32_t c : charactersOf(printable))
     require(!drivesATerminal(c) && !hides(c), "printable JSON shows nothing else");
-  }
   require(boost::json::parse(printable) == value, "printable JSON says the same");
 }
 

@@ -29,30 +29,26 @@ std::optional<Integers> integersOf(const JSONValue& value) {
 bool isFinite(const JSONValue& value) {
   if (const auto* number = value.if_double()) return std::isfinite(*number);
   if (const auto* array = value.if_array()) {
-    for (const auto& element : *array) {
+    for (const auto& element : *array)
       if (!isFinite(element)) return false;
-    }
   }
   if (const auto* object = value.if_object()) {
-    for (const auto& member : *object) {
+    for (const auto& member : *object)
       if (!isFinite(member.value())) return false;
-    }
   }
   return true;
 }
 
 /// Fractions may differ in their last digits: the parser rounds.
 bool areSame(const JSONValue& a, const JSONValue& b) {
-  if (a.is_double() && b.is_double()) {
+  if (a.is_double() && b.is_double())
     return std::abs(a.get_double() - b.get_double()) <= 1e-14 * std::abs(a.get_double());
-  }
   if (a.is_array() && b.is_array()) {
     const auto& left = a.get_array();
     const auto& right = b.get_array();
     if (left.size() != right.size()) return false;
-    for (std::size_t i = 0; i < left.size(); ++i) {
+    for (std::size_t i = 0; i < left.size(); ++i)
       if (!areSame(left[i], right[i])) return false;
-    }
     return true;
   }
   if (a.is_object() && b.is_object()) {

@@ -100,9 +100,8 @@ void check(std::string_view bytes) {
   const auto header = service::readMessageHeader(bytes);
   require(!header || (length && length->header <= bytes.size()), "only a whole header is read");
   if (header) {
-    for (const auto text : {header->member, header->sender, header->signature}) {
+    for (const auto text : {header->member, header->sender, header->signature})
       require(isWithin(text, bytes), "a text is a part of the message");
-    }
     const auto count = service::countListedTexts(bytes.substr(length->header), *header, MOST);
     require(!count || *count <= MOST + 1, "no more are counted than asked for");
   }

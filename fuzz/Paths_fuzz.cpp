@@ -104,13 +104,11 @@ void checkFolderKey(const std::string& path) {
 /// `path` without any occurrence of `part`, found from left to right.
 std::string removingAll(const std::string& path, const std::string& part) {
   std::string result;
-  for (std::size_t at = 0; at < path.size();) {
-    if (!part.empty() && path.compare(at, part.size(), part) == 0) {
+  for (std::size_t at = 0; at < path.size();)
+    if (!part.empty() && path.compare(at, part.size(), part) == 0)
       at += part.size();
-    } else {
+    else
       result += path[at++];
-    }
-  }
   return result;
 }
 

@@ -84,9 +84,8 @@ plist_t otherValue(FuzzedDataProvider& data, int depth) {
     }
     case 5: {
       const plist_t array = plist_new_array();
-      for (int count = data.ConsumeIntegralInRange<int>(0, 4); count > 0; --count) {
+      for (int count = data.ConsumeIntegralInRange<int>(0, 4); count > 0; --count)
         plist_array_append_item(array, otherValue(data, depth - 1));
-      }
       return array;
     }
     default:
@@ -130,10 +129,9 @@ void checkWritten(const std::uint8_t* bytes, std::size_t size) {
 
 /// An input: a property list; or "=" and what FuzzedDataProvider makes a list of.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  if (size > 0 && *data == '=') {
+  if (size > 0 && *data == '=')
     vornet::fuzz::checkWritten(data + 1, size - 1);
-  } else {
+  else
     vornet::fuzz::checkAnyBytes({reinterpret_cast<const char*>(data), size});
-  }
   return 0;
 }

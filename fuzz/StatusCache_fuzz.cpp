@@ -108,9 +108,7 @@ class Model {
 
 Entries entriesOf(const StatusTable& table) {
   Entries entries;
-  for (const auto& [path, code] : table) {
-    require(entries.emplace(path, code).second, "a table has a path once");
-  }
+  for (const auto& [path, code] : table) require(entries.emplace(path, code).second, "a table has a path once");
   require(entries.size() == table.size(), "a table counts its entries");
   return entries;
 }
@@ -225,9 +223,8 @@ void makeDatabase(const std::filesystem::path& path) {
   sqlite3* database = nullptr;
   require(sqlite3_open(path.c_str(), &database) == SQLITE_OK, "a database can be made");
   std::string sql = "CREATE TABLE ea (path TEXT, status INTEGER); CREATE INDEX ea_path ON ea (path);";
-  for (const auto& [item, status] : STORED) {
+  for (const auto& [item, status] : STORED)
     sql += "INSERT INTO ea VALUES ('" + item + "', " + std::to_string(status) + ");";
-  }
   require(sqlite3_exec(database, sql.c_str(), nullptr, nullptr, nullptr) == SQLITE_OK, "a database can be filled");
   sqlite3_close(database);
 }

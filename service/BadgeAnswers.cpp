@@ -83,9 +83,8 @@ BadgeAnswers::Outcome BadgeAnswers::answer(const std::string& client, const std:
     if (!carriesBadge(roots, items[i])) continue;
     const auto& path = *items[i].path();
     auto shown = platform::host::badgeIdentifier(items[i]);
-    if (!shown && found[i] && platform::host::isOverlooked(items[i]) && extension_.isCached(items[i])) {
+    if (!shown && found[i] && platform::host::isOverlooked(items[i]) && extension_.isCached(items[i]))
       found[i] = ask(items[i]);  // its changes were not noted; the cache is as new as whatever was signalled
-    }
     if (!found[i]) {
       identifiers[i] = shown ? *std::move(shown) : doubtful_.lastKnown(path);
       doubtful.emplace_back(path, identifiers[i]);
@@ -108,9 +107,8 @@ BadgeAnswers::Outcome BadgeAnswers::answer(const std::string& client, const std:
 void BadgeAnswers::askAgain(const std::string& folder) {
   lookUps_.postOwn([this, folder] {
     const auto roots = FIFinderSyncController::defaultController().directoryURLs();
-    for (const auto& item : platform::host::itemsOnScreen(folder)) {
+    for (const auto& item : platform::host::itemsOnScreen(folder))
       if (carriesBadge(roots, item)) ask(item);
-    }
   });
 }
 
@@ -147,9 +145,8 @@ void BadgeAnswers::lookUpAgain() {
       const auto shown = platform::host::badgeIdentifier(item);
       if (!shown) doubtful_.setKnown(*item.path(), identifier);
       const auto& now = shown ? *shown : identifier;
-      for (const auto& [client, told] : doubtful_.take(*item.path())) {
+      for (const auto& [client, told] : doubtful_.take(*item.path()))
         if (told != now) news[client].emplace_back(item.description(), now);
-      }
     }
     for (const auto& [client, changes] : news) changes_.sendNow(client, changes);
   }

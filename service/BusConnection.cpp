@@ -419,9 +419,8 @@ bool authenticate(GIOStream* socket, GError** error) {
   GOutputStream* output = g_io_stream_get_output_stream(socket);
   if (!g_output_stream_write_all(output, greeting.data(), greeting.size(), nullptr, nullptr, error)) return false;
   const auto answer = readLine(g_io_stream_get_input_stream(socket), error);
-  if (answer.starts_with("OK ")) {
+  if (answer.starts_with("OK "))
     return g_output_stream_write_all(output, BEGIN.data(), BEGIN.size(), nullptr, nullptr, error);
-  }
   if (error && !*error) {
     g_set_error(error, G_IO_ERROR, G_IO_ERROR_PERMISSION_DENIED, "the bus does not accept this user: %s",
                 answer.empty() ? "no answer" : answer.c_str());

@@ -63,9 +63,8 @@ bool CallGate::take(std::string_view bytes) {
     const std::size_t count = std::min(wanted_ - incoming_.size(), bytes.size());
     incoming_.append(bytes.substr(0, count));
     bytes.remove_prefix(count);
-    while (incoming_.size() == wanted_ && skipping_ == 0) {
+    while (incoming_.size() == wanted_ && skipping_ == 0)
       if (!advance()) return false;
-    }
   }
   return true;
 }
@@ -94,11 +93,10 @@ bool CallGate::readStart() {
   const auto length = messageLength(incoming_);
   if (!length) return false;
   length_ = *length;
-  if (length_.header > LARGEST_HEADER) {
+  if (length_.header > LARGEST_HEADER)
     skipRest();  // and nobody knows whom to answer
-  } else {
+  else
     expect(Stage::header, static_cast<std::size_t>(length_.header));
-  }
   return true;
 }
 

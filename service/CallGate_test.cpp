@@ -169,9 +169,8 @@ TEST_F(CallGateTest, LimitsTheCallsOfEachClientByItself) {
 }
 
 TEST_F(CallGateTest, CallsThatAwaitNoAnswerCountUntilTheyAreDoneWith) {
-  for (std::size_t i = 0; i < 2 * dbus::MAX_BADGE_CALLS; ++i) {
+  for (std::size_t i = 0; i < 2 * dbus::MAX_BADGE_CALLS; ++i)
     ASSERT_TRUE(gate.take(call(":1.1", "RequestBadges", urls(1), UNAWAITED)));
-  }
   EXPECT_THAT(refusals(), ElementsAre()) << "nobody waits for a refusal";
   EXPECT_EQ(serveAll().size(), dbus::MAX_BADGE_CALLS);
 }
@@ -207,11 +206,9 @@ TEST_F(CallGateTest, LimitsTheBytesThatWaitAndRefusesTheHeaviest) {
   const auto refused = refusals().size();
   EXPECT_GT(refused, 80u);
   EXPECT_LT(refused, 100u);
-  for (int client = 2; client < 40; ++client) {
-    for (int i = 0; i < 10; ++i) {
+  for (int client = 2; client < 40; ++client)
+    for (int i = 0; i < 10; ++i)
       ASSERT_TRUE(gate.take(call(":1." + std::to_string(client), "RequestBadges", urls(1000, 1000))));
-    }
-  }
   EXPECT_GT(refusals().size(), 300u);
   ASSERT_TRUE(gate.take(call(":1.99", "RequestBadges", urls(1))));
   ASSERT_TRUE(gate.take(call(":1.99", "RequestBadges", urls(50, 1000))));
@@ -231,11 +228,8 @@ TEST_F(CallGateTest, LimitsTheBytesThatWaitAndRefusesTheHeaviest) {
 
 TEST_F(CallGateTest, WhatIsReservedForSmallCallsIsBoundedToo) {
   std::size_t taken = 0;
-  for (int client = 0; client < 2000; ++client) {
-    for (int i = 0; i < 2; ++i) {
-      ASSERT_TRUE(gate.take(call(":1." + std::to_string(client), "Ping", urls(25, 1000))));
-    }
-  }
+  for (int client = 0; client < 2000; ++client)
+    for (int i = 0; i < 2; ++i) ASSERT_TRUE(gate.take(call(":1." + std::to_string(client), "Ping", urls(25, 1000))));
   taken = 4000 - refusals().size();
   EXPECT_LE(taken * 25'000, CallGate::MAX_BYTES + CallGate::MAX_RESERVED_BYTES);
   EXPECT_GT(taken * 25'000, CallGate::MAX_BYTES);
@@ -252,9 +246,8 @@ TEST_F(CallGateTest, OneClientNeverTakesEveryPlace) {
 }
 
 TEST_F(CallGateTest, FewLongCallsAreUnderWayAtATimeAndShortOnesPassThem) {
-  for (int client = 0; client < 20; ++client) {
+  for (int client = 0; client < 20; ++client)
     ASSERT_TRUE(gate.take(call(":1." + std::to_string(client), "RequestBadges", urls(10'000, 50))));
-  }
   EXPECT_EQ(passed().size(), 2u);
   ASSERT_TRUE(gate.take(call(":2.1", "RequestBadges", urls(500))));
   EXPECT_THAT(sendersOfPassed(), ElementsAre(":2.1"));

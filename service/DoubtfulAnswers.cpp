@@ -6,17 +6,14 @@ namespace vornet::service {
 
 void DoubtfulAnswers::setKnown(const std::string& path, const std::string& identifier) {
   const std::lock_guard guard(lock_);
-  if (known_.size() >= MIN_KNOWN && !known_.contains(path)) {
-    knownBefore_ = std::exchange(known_, {});
-  }
+  if (known_.size() >= MIN_KNOWN && !known_.contains(path)) knownBefore_ = std::exchange(known_, {});
   known_[path] = identifier;
 }
 
 std::string DoubtfulAnswers::lastKnown(const std::string& path) const {
   const std::lock_guard guard(lock_);
-  for (const auto* items : {&known_, &knownBefore_}) {
+  for (const auto* items : {&known_, &knownBefore_})
     if (const auto found = items->find(path); found != items->end()) return found->second;
-  }
   return {};
 }
 
@@ -58,9 +55,8 @@ bool DoubtfulAnswers::isEmpty() const {
 std::vector<std::string> DoubtfulAnswers::items(std::size_t count) const {
   const std::lock_guard guard(lock_);
   std::vector<std::string> paths;
-  for (auto item = doubtful_.begin(); item != doubtful_.end() && paths.size() < count; ++item) {
+  for (auto item = doubtful_.begin(); item != doubtful_.end() && paths.size() < count; ++item)
     paths.push_back(item->first);
-  }
   return paths;
 }
 

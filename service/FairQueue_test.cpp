@@ -29,9 +29,8 @@ TEST(FairQueue, ClientsTakeTurnsAndEachKeepsItsOrder) {
 
 TEST(FairQueue, WhoAsksForLittleIsNextHoweverMuchOthersHaveQueued) {
   FairQueue<std::string> queue;
-  for (int client = 0; client < 50; ++client) {
+  for (int client = 0; client < 50; ++client)
     for (int i = 0; i < 3; ++i) queue.add("heavy" + std::to_string(client), 10'000, "heavy");
-  }
   for (int i = 0; i < 100; ++i) {
     queue.take(anyone);
     queue.add("light", 1, "light");

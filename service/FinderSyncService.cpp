@@ -75,9 +75,8 @@ std::optional<std::vector<FileURL>> readSelection(GDBusMethodInvocation* invocat
 }
 
 bool areWithin(const std::set<FileURL>& roots, const std::vector<FileURL>& urls) {
-  for (const auto& url : urls) {
+  for (const auto& url : urls)
     if (!isWithin(roots, *url.path())) return false;
-  }
   return true;
 }
 
@@ -169,9 +168,8 @@ void FinderSyncService::publishProperties() {
   for (const auto& url : observedRoots()) roots.push_back(url.description());
   GVariantBuilder badges;
   g_variant_builder_init(&badges, G_VARIANT_TYPE("a(sss)"));
-  for (const auto& badge : platform::host::registeredBadges()) {
+  for (const auto& badge : platform::host::registeredBadges())
     g_variant_builder_add(&badges, "(sss)", badge.identifier.c_str(), badge.label.c_str(), badge.image.name().c_str());
-  }
   vornet_finder_sync1_set_observed_folders(skeleton_, pointers(roots).data());
   vornet_finder_sync1_set_badges(skeleton_, g_variant_builder_end(&badges));
   vornet_finder_sync1_set_version(skeleton_, platform::host::mainBundle().version.c_str());
@@ -244,12 +242,10 @@ void FinderSyncService::beginObserving(GDBusMethodInvocation* invocation, const 
   const auto url = readURL(folder);
   if (!url || !url->path()) return refuse(invocation, dbus::error::INVALID_URL, "not a file URL: " + folder);
   const std::string& path = *url->path();
-  if (!isWithin(observedRoots(), path)) {
+  if (!isWithin(observedRoots(), path))
     return refuse(invocation, dbus::error::OUTSIDE_OBSERVED_FOLDERS, "not within an observed folder: " + path);
-  }
-  if (platform::fileKindAtPath(path) != platform::FileKind::directory) {
+  if (platform::fileKindAtPath(path) != platform::FileKind::directory)
     return refuse(invocation, dbus::error::NOT_A_FOLDER, "not a folder: " + path);
-  }
   const std::string client = g_dbus_method_invocation_get_sender(invocation);
   switch (observations_.begin(client, path)) {
     case ObservationRegistry::Begun::tooManyFolders:
@@ -292,9 +288,8 @@ void FinderSyncService::endObservationOf(const std::string& folder) {
 
 /// Before `folder` is entered: the cache drops the one that was entered longest ago, which must be none on screen.
 void FinderSyncService::keepOthersCached(const std::string& folder) {
-  for (const auto& shown : observations_.folders()) {
+  for (const auto& shown : observations_.folders())
     if (shown != folder) extension_.keepCached(shown);
-  }
 }
 
 void FinderSyncService::watchClient(const std::string& client) {
@@ -372,9 +367,8 @@ void FinderSyncService::performAction(GDBusMethodInvocation* invocation, const s
   const auto urls = readSelection(invocation, selection);
   if (!urls) return;
   const auto roots = observedRoots();
-  if (roots.empty() || !areWithin(roots, *urls)) {
+  if (roots.empty() || !areWithin(roots, *urls))
     return refuse(invocation, dbus::error::OUTSIDE_OBSERVED_FOLDERS, "the selection is not within an observed folder");
-  }
   const platform::host::Selection selected(*urls);
   extension_.performSelector(action);
   vornet_finder_sync1_complete_perform_action(skeleton_, invocation);

@@ -159,9 +159,8 @@ std::optional<std::size_t> countListedTexts(std::string_view body, const Message
   if (!length || body.size() - reader.position() < *length) return std::nullopt;
   const std::size_t end = reader.position() + *length;
   std::size_t count = 0;
-  for (; reader.position() < end && count <= most; ++count) {
+  for (; reader.position() < end && count <= most; ++count)
     if (!reader.text()) return std::nullopt;
-  }
   return count;
 }
 

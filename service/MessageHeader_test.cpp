@@ -102,9 +102,8 @@ TEST(MessageHeader, AnyByteMayBeWrong) {
       bad[place] = value;
       const auto length = messageLength(bad);
       if (!length || length->header > bad.size()) continue;
-      if (const auto header = readMessageHeader(bad)) {
+      if (const auto header = readMessageHeader(bad))
         EXPECT_LE(countListedTexts(std::string_view(bad).substr(length->header), *header, 100).value_or(0), 16u);
-      }
     }
   }
 }

@@ -7,9 +7,8 @@ namespace vornet::service {
 ObservationRegistry::Begun ObservationRegistry::begin(const std::string& client, const std::string& folder) {
   const std::lock_guard guard(lock_);
   const auto observations = observations_.find(client);
-  if (observations != observations_.end() && observations->second >= dbus::MAX_OBSERVATIONS_OF_A_CLIENT) {
+  if (observations != observations_.end() && observations->second >= dbus::MAX_OBSERVATIONS_OF_A_CLIENT)
     return Begun::tooManyObservations;
-  }
   auto clients = counts_.find(folder);
   const bool first = clients == counts_.end();
   if (first) {
@@ -60,9 +59,8 @@ std::vector<std::string> ObservationRegistry::folders() const {
 std::vector<std::string> ObservationRegistry::observers(const std::string& folder) const {
   const std::lock_guard guard(lock_);
   std::vector<std::string> clients;
-  if (const auto found = counts_.find(folder); found != counts_.end()) {
+  if (const auto found = counts_.find(folder); found != counts_.end())
     for (const auto& [client, count] : found->second) clients.push_back(client);
-  }
   return clients;
 }
 

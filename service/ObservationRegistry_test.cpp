@@ -68,9 +68,8 @@ TEST(ObservationRegistry, OneFolderTooManyIsNotObservedByAnybody) {
 
 TEST(ObservationRegistry, AClientsObservationsAreBounded) {
   ObservationRegistry registry(2);
-  for (std::size_t i = 0; i < dbus::MAX_OBSERVATIONS_OF_A_CLIENT; ++i) {
+  for (std::size_t i = 0; i < dbus::MAX_OBSERVATIONS_OF_A_CLIENT; ++i)
     ASSERT_NE(registry.begin(":1.1", i % 2 ? "/a" : "/b"), Begun::tooManyObservations);
-  }
   EXPECT_EQ(registry.begin(":1.1", "/a"), Begun::tooManyObservations);
   EXPECT_EQ(registry.begin(":1.2", "/a"), Begun::byAnother);
   registry.end(":1.1", "/b");

@@ -121,9 +121,8 @@ class OneCopy : public testing::Test {
       return testing::AssertionFailure() << "nobody follows " << former;
     }
     const auto before = answered;
-    if (!client->waitUntil([&] { return answered > before + 40; })) {
+    if (!client->waitUntil([&] { return answered > before + 40; }))
       return testing::AssertionFailure() << "calls are not answered";
-    }
     return testing::AssertionSuccess();
   }
 

@@ -45,9 +45,7 @@ class PreferencesWatchTest : public testing::Test {
     const int process = bus ? BusClient(bus->address()).extensionProcess() : 0;
     if (bus) bus->stop();
     vornet::test::waitForEnd(process);
-    if (bus) {
-      EXPECT_THAT(readFile(bus->output()), Not(HasSubstr("Sanitizer"))) << "in the extension's process";
-    }
+    if (bus) EXPECT_THAT(readFile(bus->output()), Not(HasSubstr("Sanitizer"))) << "in the extension's process";
     if (HasFailure() && bus) std::fputs(readFile(bus->output()).c_str(), stderr);
   }
 
@@ -73,9 +71,8 @@ class PreferencesWatchTest : public testing::Test {
   }
   /// Waits for the end of the process that the test began with; it must have ended by itself, in good order.
   testing::AssertionResult firstHasEnded() {
-    if (!client->waitUntil([&] { return client->extensionProcess() != first; })) {
+    if (!client->waitUntil([&] { return client->extensionProcess() != first; }))
       return testing::AssertionFailure() << "process " << first << " still owns the name";
-    }
     if (!vornet::test::waitForEnd(first)) return testing::AssertionFailure() << "process " << first << " still runs";
     return testing::AssertionSuccess();
   }
@@ -171,9 +168,8 @@ class SystemLog {
   std::string text() const {
     std::string all;
     char message[4096];
-    for (ssize_t size; (size = ::recv(socket_, message, sizeof message, 0)) >= 0;) {
+    for (ssize_t size; (size = ::recv(socket_, message, sizeof message, 0)) >= 0;)
       all.append(message, static_cast<std::size_t>(size)) += '\n';
-    }
     return all;
   }
 

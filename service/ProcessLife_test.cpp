@@ -260,9 +260,8 @@ TEST_F(EndOfProcess, ComesInTimeThoughALookUpHangs) {
 TEST_F(StartOfProcess, WithClosedStandardDescriptorsTheLogIsWrittenOnceAndNothingElseInTheirPlace) {
   start({"/bin/sh", "-c", "exec " VORNET_EXTENSION " <&- >&- 2>&-"}, environment.folder() / "output");
   const fs::path descriptors = "/proc/" + std::to_string(extension->pid()) + "/fd";
-  for (const char* descriptor : {"0", "1", "2"}) {
+  for (const char* descriptor : {"0", "1", "2"})
     EXPECT_EQ(fs::read_symlink(descriptors / descriptor), "/dev/null") << descriptor;
-  }
   ASSERT_TRUE(client->beginObserving(url("d")));
   std::istringstream lines(logText());
   std::size_t entered = 0;
@@ -305,9 +304,7 @@ TEST_F(StartOfProcess, ItBeginsWithAPipeWithoutAReaderInPlaceOfItsLog) {
 TEST_F(StartOfProcess, ItsLogKeepsOutTheLastLinesOfTheOneBefore) {
   start();
   keepBusy();
-  for (int i = 0; i < 40; ++i) {
-    client->call("GetMenu", BusClient::urlArguments({url("x")}), [](const BusReply&) {});
-  }
+  for (int i = 0; i < 40; ++i) client->call("GetMenu", BusClient::urlArguments({url("x")}), [](const BusReply&) {});
   EXPECT_EQ(client->property("Version"), "'1.0.0'");  // the calls above have arrived
   const auto first = std::move(extension);
   first->signal(SIGTERM);  // it gives up one menu after another

@@ -37,9 +37,7 @@ TEST(ServiceStop, NothingOfItIsLeftInTheMainContext) {
   std::string error;
   ASSERT_TRUE(service->start(error)) << error;
   auto& controller = FIFinderSyncController::defaultController();
-  for (int i = 0; i < 3; ++i) {
-    controller.setDirectoryURLs({FileURL::fileURLWithPath(root + "/" + std::to_string(i))});
-  }
+  for (int i = 0; i < 3; ++i) controller.setDirectoryURLs({FileURL::fileURLWithPath(root + "/" + std::to_string(i))});
   gpointer address = service.get();
   EXPECT_TRUE(g_main_context_find_source_by_user_data(nullptr, address)) << "the change is to be published";
   service->stop();

@@ -60,9 +60,8 @@ class SyncApplication {
   /// The bodies of the requests to `command`.
   std::vector<std::string> bodies(const std::string& command) const {
     std::vector<std::string> result;
-    for (const auto& request : server_.requests()) {
+    for (const auto& request : server_.requests())
       if (request.target == "/" + command) result.push_back(request.body);
-    }
     return result;
   }
 
@@ -103,9 +102,7 @@ class VornetVIExtTest : public testing::Test {
     const int process = bus ? BusClient(bus->address()).extensionProcess() : 0;
     if (bus) bus->stop();
     vornet::test::waitForEnd(process);
-    if (bus) {
-      EXPECT_THAT(readFile(bus->output()), Not(HasSubstr("Sanitizer"))) << "in the extension's process";
-    }
+    if (bus) EXPECT_THAT(readFile(bus->output()), Not(HasSubstr("Sanitizer"))) << "in the extension's process";
     if (HasFailure() && bus) std::fputs(readFile(bus->output()).c_str(), stderr);
   }
 
@@ -372,9 +369,7 @@ TEST_F(VornetVIExtTest, MoreFoldersThanCanBeKeptUpToDateAreRefusedAndNothingIsOb
   startConfigured();
   for (int i = 0; i <= 50; ++i) fs::create_directory(root + "/" + std::to_string(i));
   BusClient second(bus->address());
-  for (int i = 0; i < 50; ++i) {
-    ASSERT_TRUE((i % 2 ? second : *client).beginObserving(url(std::to_string(i)))) << i;
-  }
+  for (int i = 0; i < 50; ++i) ASSERT_TRUE((i % 2 ? second : *client).beginObserving(url(std::to_string(i)))) << i;
   EXPECT_EQ(enteredAndLeft(), 50u);
   EXPECT_EQ(client->beginObserving(url("50")).error, "TooManyFolders");
   EXPECT_EQ(second.beginObserving(url("50")).error, "TooManyFolders");
@@ -405,16 +400,14 @@ TEST_F(VornetVIExtTest, AFolderIsOneHoweverItIsSpelled) {
   SyncApplication application;
   application.set("/d/x", 1);
   startConfigured();
-  for (const char* spelling : {"d", "/d", "d/", "d//", "//d///"}) {
+  for (const char* spelling : {"d", "/d", "d/", "d//", "//d///"})
     ASSERT_TRUE(client->beginObserving(url(spelling))) << spelling;
-  }
   EXPECT_EQ(logged("[FinderSync] beginObservingDirectoryAtURL: Directory enter: " + root + "/d"), 5u);
   ASSERT_TRUE(client->waitUntil([&] { return client->requestBadges({url("d//x")}).texts()[0] == "PENDING"; }));
   application.set("/d/x", 2);
   EXPECT_TRUE(client->waitForChange(url("d/x"), "SYNCED"));
-  for (const char* spelling : {"d//", "d", "///d", "d", "d"}) {
+  for (const char* spelling : {"d//", "d", "///d", "d", "d"})
     ASSERT_TRUE(client->endObserving(url(spelling))) << spelling;
-  }
   EXPECT_EQ(logged("[FinderSync] endObservingDirectoryAtURL: Directory exit: " + root + "/d"), 1u);
 }
 
@@ -572,9 +565,8 @@ TEST_F(VornetVIExtTest, WhatTheCacheKnowsIsAnsweredWhileLookUpsMeetALockedDataba
   for (int i = 0; i < 500; ++i) batch.push_back(url("d/" + std::to_string(i)));
   int answered = 0;
   const auto began = std::chrono::steady_clock::now();
-  for (int i = 0; i < 2; ++i) {
+  for (int i = 0; i < 2; ++i)
     second.call("RequestBadges", BusClient::urlArguments(batch), [&answered](const BusReply&) { ++answered; });
-  }
   second.property("Version");  // the batches are with the extension now
   const auto asked = std::chrono::steady_clock::now();
   EXPECT_THAT(client->requestBadges({url("x")}).texts(), ElementsAre("SYNCED"));
@@ -697,9 +689,8 @@ TEST_F(VornetVIExtTest, AMenuThatWaitsForTheSyncApplicationDelaysNoBadge) {
   vornet::test::makeSyncDatabase(environment.container() / "sync.db", {{"/x", 2}});
   startConfigured();
   int menus = 0;
-  for (int i = 0; i < 12; ++i) {  // more than there are threads for
+  for (int i = 0; i < 12; ++i)  // more than there are threads for
     client->call("GetMenu", BusClient::urlArguments({url("x")}), [&menus](const BusReply&) { ++menus; });
-  }
   EXPECT_THAT(client->requestBadges({url("x")}).texts(), ElementsAre("SYNCED"));
   EXPECT_TRUE(client->beginObserving(url("")));
   EXPECT_TRUE(client->endObserving(url("")));
@@ -770,9 +761,8 @@ TEST_F(VornetVIExtTest, PerformsAnActionOnASelection) {
 TEST_F(VornetVIExtTest, RefusesUnknownActionsAndSelectionsThatItCannotServe) {
   SyncApplication application;
   startConfigured();
-  for (const char* action : {"", "share", "enableVI:", "disableVI", "setFileSyncStatus:status:", "init"}) {
+  for (const char* action : {"", "share", "enableVI:", "disableVI", "setFileSyncStatus:status:", "init"})
     EXPECT_EQ(client->performAction(action, {url("x")}).error, "UnknownAction") << action;
-  }
   EXPECT_EQ(client->performAction("share:", {"file:///etc"}).error, "OutsideObservedFolders");
   EXPECT_EQ(client->performAction("share:", {"nonsense"}).error, "InvalidURL");
   EXPECT_EQ(client->performAction("share:", std::vector<std::string>(10'001, url("x"))).error, "TooManyURLs");

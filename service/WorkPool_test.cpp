@@ -32,9 +32,8 @@ TEST(WorkPool, ClientsTakeTurns) {
   Gate gate;
   std::vector<std::string> order;
   pool.postOwn([&gate] { gate.pass(); });
-  for (const char* client : {"a", "a", "a", "b", "b"}) {
+  for (const char* client : {"a", "a", "a", "b", "b"})
     pool.post(client, 10, [&order, client] { order.emplace_back(client); });
-  }
   gate.open();
   pool.join();
   EXPECT_THAT(order, ElementsAre("a", "b", "a", "b", "a"));

@@ -50,9 +50,7 @@ class EndToEnd : public testing::Test {
       bus->stop();
     }
     vornet::test::waitForEnd(process);
-    if (bus) {
-      EXPECT_THAT(readFile(bus->output()), Not(HasSubstr("Sanitizer"))) << "in the extension's process";
-    }
+    if (bus) EXPECT_THAT(readFile(bus->output()), Not(HasSubstr("Sanitizer"))) << "in the extension's process";
     if (HasFailure() && bus) std::fputs(readFile(bus->output()).c_str(), stderr);
   }
 
@@ -251,11 +249,10 @@ TEST_P(PollFault, KeepsTheBadgesAndEverythingIsRightAgainAfterwards) {
   application->setFault(GetParam().fault);
   application->setStatus("/file", 1);
   pollNow();
-  if (*GetParam().logged) {
+  if (*GetParam().logged)
     EXPECT_TRUE(waitForLog(GetParam().logged)) << logText();
-  } else {
+  else
     EXPECT_TRUE(application->waitForRequest("get_icons_for_folder", PATIENCE));
-  }
   EXPECT_EQ(badge("file"), "SYNCED");
 
   application->setFault(Fault::NONE);

@@ -118,9 +118,8 @@ class FloodTest : public testing::Test {
     std::vector<std::pair<std::string, int>> rows{{"/x", 2}};
     for (int i = 0; i < ITEMS; ++i) rows.emplace_back("/d/an item of the folder " + std::to_string(i), 2);
     vornet::test::makeSyncDatabase(environment.container() / "sync.db", rows);
-    for (int i = 0; i < ITEMS; ++i) {
+    for (int i = 0; i < ITEMS; ++i)
       statuses += (i ? ",\"/d/an item of the folder " : "\"/d/an item of the folder ") + std::to_string(i) + "\":2";
-    }
     vornet::test::writePreferences(environment.container() / "VornetKelvane.plist", root);
     bus.emplace(environment.folder().path() / "bus");
     echo.emplace(std::vector<std::string>{VORNET_ECHO, ECHO_SERVICE},
@@ -214,9 +213,8 @@ class FloodTest : public testing::Test {
 
  private:
   WireReply answer(const WireRequest& request) const {
-    if (request.target != "/get_icons_for_folder") {
+    if (request.target != "/get_icons_for_folder")
       return menusStall ? WireReply{.manner = WireReply::Manner::stall} : WireReply{.body = R"({"1":true})"};
-    }
     const bool isD = request.body.find("\"/d/\"") != std::string::npos;
     return {.body = isD ? "{" + statuses + "}" : R"({"/x":2})"};
   }

@@ -66,9 +66,7 @@ class SyncApplicationLink : public testing::Test {
     const int process = bus ? BusClient(bus->address()).extensionProcess() : 0;
     if (bus) bus->stop();
     vornet::test::waitForEnd(process);
-    if (bus) {
-      EXPECT_THAT(readFile(bus->output()), Not(HasSubstr("Sanitizer"))) << "in the extension's process";
-    }
+    if (bus) EXPECT_THAT(readFile(bus->output()), Not(HasSubstr("Sanitizer"))) << "in the extension's process";
     if (HasFailure() && bus) std::fputs(readFile(bus->output()).c_str(), stderr);
   }
 
@@ -323,9 +321,8 @@ TEST_F(SyncApplicationLink, MenusTakeLittleMemoryWhateverTheReply) {
   start();
   const auto askForMenus = [&] {
     int answered = 0;
-    for (int i = 0; i < MENUS; ++i) {
+    for (int i = 0; i < MENUS; ++i)
       client->call("GetMenu", BusClient::urlArguments({url("x")}), [&](const BusReply&) { ++answered; });
-    }
     EXPECT_TRUE(client->waitUntil([&] { return answered == MENUS; }));
   };
   askForMenus();

@@ -30,9 +30,8 @@ int listenOnPort() {
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   address.sin_port = htons(PreparedServer::PORT);
-  if (::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 && ::listen(listener, 64) == 0) {
+  if (::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0 && ::listen(listener, 64) == 0)
     return listener;
-  }
   ::close(listener);
   return -1;
 }

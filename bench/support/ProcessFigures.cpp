@@ -23,9 +23,8 @@ double residentMemory(pid_t process) {
 std::size_t threadCount(pid_t process) {
   std::error_code error;
   std::size_t count = 0;
-  for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task", error)) {
+  for (const auto& task : std::filesystem::directory_iterator("/proc/" + std::to_string(process) + "/task", error))
     count += task.is_directory() ? 1 : 0;
-  }
   return count;
 }
 

@@ -52,9 +52,8 @@ void RunningExtension::restart() {
     require(client_->waitUntil([this] { return residentMemory(process_) == 0; }), "the extension does not end");
   }
   client_ = std::make_unique<test::BusClient>(bus_.address());
-  if (client_->property("Version").empty()) {
+  if (client_->property("Version").empty())
     throw std::runtime_error("the extension does not start: " + test::readFile(bus_.output()));
-  }
   process_ = client_->extensionProcess();
 }
 

@@ -274,9 +274,7 @@ TEST_F(PluginBadges, AThousandFoldersOneAfterAnotherLeaveNothingBehind) {
     const std::string folder = "folder" + std::to_string(i);
     manager.plugin->folderShown(path(folder));
     for (int item = 0; item < 5; ++item) manager.show(path(folder + "/" + std::to_string(item)));
-    if (i % 50 == 0) {
-      ASSERT_TRUE(waitForObserved(1));
-    }
+    if (i % 50 == 0) ASSERT_TRUE(waitForObserved(1));
     manager.plugin->folderHidden(path(folder));
     EXPECT_EQ(FakeFileManager::keptItems(), 0u);
   }

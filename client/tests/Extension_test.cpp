@@ -321,9 +321,8 @@ TEST_F(PluginRestarts, TheWaitsDouble) {
   manager.plugin->folderShown(root);
   ASSERT_TRUE(runUntil([&] { return starts().size() == 5; }));
   const auto moments = starts();
-  for (int i = 0; i < 4; ++i) {
+  for (int i = 0; i < 4; ++i)
     EXPECT_GE(moments[i + 1] - moments[i], nanoseconds(milliseconds(100 << i))) << "wait " << i;
-  }
 }
 
 TEST_F(PluginRestarts, AfterAFailureNoFolderHasItStartedBeforeTheLongestWaitIsOver) {

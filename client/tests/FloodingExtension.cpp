@@ -38,9 +38,8 @@ struct Flood {
     GVariantBuilder list;
     g_variant_builder_init(&list, G_VARIANT_TYPE("a(ss)"));
     // Two rounds with one badge, two with the other: each item changes again and again.
-    for (unsigned i = 0; i < items; ++i) {
+    for (unsigned i = 0; i < items; ++i)
       g_variant_builder_add(&list, "(ss)", urls[i % 100].c_str(), badges[i / 200 % 2]);
-    }
     return g_variant_new("(a(ss))", &list);
   }
 
@@ -96,9 +95,8 @@ void take(GDBusConnection*, const gchar* sender, const gchar*, const gchar*, con
   } else if (method == "GetMenu") {
     GVariantBuilder entries;
     g_variant_builder_init(&entries, G_VARIANT_TYPE("a(ssbs)"));
-    for (unsigned i = 0; i < flood.entries; ++i) {
+    for (unsigned i = 0; i < flood.entries; ++i)
       g_variant_builder_add(&entries, "(ssbs)", std::to_string(i).c_str(), "share:", TRUE, "QMT");
-    }
     values = g_variant_new("(a(ssbs))", &entries);
   } else if (method == "PerformAction") {
     const gchar* order = nullptr;

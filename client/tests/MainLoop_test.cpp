@@ -146,9 +146,8 @@ TEST_F(DisposalInAContext, FreesAValueOnAnotherThreadWhenTheCallerHasLetGoOfIt) 
   // A turn that starts the task, and one in which its end is reported: here, for the default context may never run.
   int turns = 0;
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-  while (turns < 2 && !g_main_context_pending(nullptr) && std::chrono::steady_clock::now() < end) {
+  while (turns < 2 && !g_main_context_pending(nullptr) && std::chrono::steady_clock::now() < end)
     if (g_main_context_iteration(context_, FALSE)) ++turns;
-  }
   EXPECT_EQ(turns, 2);
   EXPECT_TRUE(Freed::done());
   EXPECT_TRUE(Freed::elsewhere());

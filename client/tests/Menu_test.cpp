@@ -87,9 +87,8 @@ TEST_F(PluginMenu, OnlyTheLastFewSelectionsAreRemembered) {
     extension->menus[url(std::to_string(i))] = {true, i % 2 == 0};
     select(std::to_string(i));
   }
-  for (int i = 8; i > 0; --i) {
+  for (int i = 8; i > 0; --i)
     EXPECT_EQ(enabled(manager.plugin->menu({path(std::to_string(i))})), i % 2 == 0 ? "11" : "10") << i;
-  }
   EXPECT_EQ(enabled(manager.plugin->menu({path("0")})), "00000");
 }
 

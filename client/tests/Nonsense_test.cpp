@@ -48,9 +48,8 @@ class PluginNonsense : public PluginTest {
 
 TEST_F(PluginNonsense, SignalsOfAnotherTypeAreIgnored) {
   showA();
-  for (const char* values : {"('text',)", "([1],)", "()", "(@a(sss) [('a', 'b', 'c')],)", "([('a', 'b')], 1)"}) {
+  for (const char* values : {"('text',)", "([1],)", "()", "(@a(sss) [('a', 'b', 'c')],)", "([('a', 'b')], 1)"})
     extension->send("com.vornet.FinderSync1", "BadgesChanged", g_variant_new_parsed(values));
-  }
   for (const char* values : {"('text',)", "()", "('x', @a{ss} {}, @as [])",
                              "('com.vornet.FinderSync1', {'ObservedFolders': <7>}, @as [])"}) {
     extension->send("org.freedesktop.DBus.Properties", "PropertiesChanged", g_variant_new_parsed(values));
@@ -96,9 +95,8 @@ TEST_F(PluginNonsense, OfAMenuTheFirstHundredEntriesAreShown) {
   const auto menu = menuOf("a", [] {
     GVariantBuilder entries;
     g_variant_builder_init(&entries, G_VARIANT_TYPE("a(ssbs)"));
-    for (int i = 0; i < 5000; ++i) {
+    for (int i = 0; i < 5000; ++i)
       g_variant_builder_add(&entries, "(ssbs)", std::to_string(i).c_str(), "share:", TRUE, "");
-    }
     return g_variant_new("(a(ssbs))", &entries);
   });
   ASSERT_EQ(menu.size(), 100u);
@@ -114,9 +112,8 @@ TEST_F(PluginNonsense, OfATitleTheFirstTwoHundredCharactersAreShown) {
     const auto menu = menuOf(character, [&] {
       GVariantBuilder entries;
       g_variant_builder_init(&entries, G_VARIANT_TYPE("a(ssbs)"));
-      for (const auto& title : {cut, cut + character, cut + cut + cut, std::string(), character}) {
+      for (const auto& title : {cut, cut + character, cut + cut + cut, std::string(), character})
         g_variant_builder_add(&entries, "(ssbs)", title.c_str(), "share:", TRUE, "");
-      }
       g_variant_builder_add(&entries, "(ssbs)", "action", std::string(100'000, 'a').c_str(), TRUE, "");
       g_variant_builder_add(&entries, "(ssbs)", "image", "notes:", TRUE, std::string(100'000, 'i').c_str());
       return g_variant_new("(a(ssbs))", &entries);
@@ -172,9 +169,8 @@ class PluginFlood : public PluginTest {
   /// Peak and present size of this process, in kibibytes.
   static long memory(const std::string& field) {
     std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);) {
+    for (std::string line; std::getline(status, line);)
       if (line.starts_with(field + ":")) return std::stol(line.substr(field.size() + 1));
-    }
     return -1;
   }
 

@@ -302,9 +302,8 @@ TEST_F(PluginUnobserved, TheyAreTriedAgainOnlyWithTheProcessThatRefused) {
   ASSERT_TRUE(runUntil([&] { return extension->count("BeginObserving") > tried; }));
   manager.plugin->folderHidden(path("first"));
   ASSERT_TRUE(runUntil([&] { return extension->count("EndObserving") == 1; }));
-  for (const auto* method : {"BeginObserving", "RequestBadges", "EndObserving"}) {
+  for (const auto* method : {"BeginObserving", "RequestBadges", "EndObserving"})
     EXPECT_FALSE(extension->methodsByBusName.contains(method)) << method;
-  }
 }
 
 }  // namespace

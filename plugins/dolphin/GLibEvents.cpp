@@ -50,9 +50,8 @@ void GLibEvents::run() {
   g_main_context_prepare(context_.get(), &priority);
   auto descriptors = query(context_.get(), priority, timeout);
   g_poll(descriptors.data(), static_cast<guint>(descriptors.size()), 0);
-  if (g_main_context_check(context_.get(), priority, descriptors.data(), static_cast<gint>(descriptors.size()))) {
+  if (g_main_context_check(context_.get(), priority, descriptors.data(), static_cast<gint>(descriptors.size())))
     g_main_context_dispatch(context_.get());
-  }
   // What the next round will find ready at once is left to it: Qt's own events come in between.
   const bool ready = g_main_context_prepare(context_.get(), &priority);
   descriptors = query(context_.get(), priority, timeout);
@@ -61,11 +60,10 @@ void GLibEvents::run() {
 }
 
 void GLibEvents::waitFor(const std::vector<GPollFD>& descriptors, int milliseconds) {
-  if (milliseconds < 0) {
+  if (milliseconds < 0)
     timer_.stop();
-  } else {
+  else
     timer_.start(milliseconds);
-  }
   const auto same = [](const Notifier& notifier, const GPollFD& descriptor) {
     return sameWait(notifier.descriptor, descriptor);
   };

@@ -61,9 +61,8 @@ class ItemMenu : public QObject {
     });
     entries_.append(action);
 #if QT_VERSION >= QT_VERSION_CHECK(6, 0, 0)
-    for (auto* object : end_->associatedObjects()) {
+    for (auto* object : end_->associatedObjects())
       if (auto* widget = qobject_cast<QWidget*>(object)) widget->insertAction(end_, action);
-    }
 #else
     for (auto* widget : end_->associatedWidgets()) widget->insertAction(end_, action);
 #endif

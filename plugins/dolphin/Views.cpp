@@ -119,12 +119,9 @@ class View : public QObject {
 
 View::View(QWidget& widget, client::Plugin& plugin)
     : widget_(widget), plugin_(plugin), url_(widget.property("url").toUrl()) {
-  if (hasSignal(widget, "urlChanged(QUrl)")) {
-    connect(&widget, SIGNAL(urlChanged(QUrl)), this, SLOT(onURLChanged(QUrl)));
-  }
-  if (hasSignal(widget, "selectionChanged(KFileItemList)")) {
+  if (hasSignal(widget, "urlChanged(QUrl)")) connect(&widget, SIGNAL(urlChanged(QUrl)), this, SLOT(onURLChanged(QUrl)));
+  if (hasSignal(widget, "selectionChanged(KFileItemList)"))
     connect(&widget, SIGNAL(selectionChanged(KFileItemList)), this, SLOT(onSelectionChanged(KFileItemList)));
-  }
   compareSoon();
 }
 
@@ -138,9 +135,8 @@ void View::visibilityChanged() {
 }
 
 QUrl View::url() const {
-  for (const auto& lister : listers_) {
+  for (const auto& lister : listers_)
     if (lister) return lister->url();
-  }
   return url_;
 }
 
@@ -255,9 +251,8 @@ void View::report(std::multiset<std::string> folders, bool visible) {
 // --- All views ------------------------------------------------------------------------------------------------------
 
 Views::Views(client::Plugin& plugin) : plugin_(plugin) {
-  for (auto* widget : QApplication::allWidgets()) {
+  for (auto* widget : QApplication::allWidgets())
     if (isView(*widget)) findSoon(*widget);
-  }
   QCoreApplication::instance()->installEventFilter(this);
 }
 

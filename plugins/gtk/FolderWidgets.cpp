@@ -48,9 +48,8 @@ class FolderWidgets : public FolderWatch {
   /// Caja gives the place of such widgets a border, which would push the items down for an empty one.
   static void placed(GtkWidget* widget, GtkWidget* before, gpointer data) {
     auto* place = static_cast<Place*>(data);
-    if (before && place->border > 0) {
+    if (before && place->border > 0)
       gtk_container_set_border_width(GTK_CONTAINER(before), std::exchange(place->border, 0));
-    }
     GtkWidget* parent = gtk_widget_get_parent(widget);
     if (!parent || !isAlone(parent)) return;
     place->border = gtk_container_get_border_width(GTK_CONTAINER(parent));

@@ -195,10 +195,8 @@ class NautilusWindows : public FolderWatch {
 
 std::unique_ptr<FolderWatch> FolderWatch::make() {
   auto* application = reinterpret_cast<GObject*>(g_application_get_default());
-  if (!application || !hasObjectSignal(application, "window-added") ||
-      !hasObjectSignal(application, "window-removed")) {
+  if (!application || !hasObjectSignal(application, "window-added") || !hasObjectSignal(application, "window-removed"))
     return nullptr;
-  }
   return std::make_unique<NautilusWindows>(application);
 }
 

@@ -17,11 +17,9 @@ void refreshItem(GtkWidget* item, const client::Menu& menu) {
   if (!action) return;
   gchar* name = nullptr;
   g_object_get(action, "name", &name, nullptr);
-  for (const auto& entry : menu) {
-    if (name && name == ENTRY_NAME + entry.action) {
+  for (const auto& entry : menu)
+    if (name && name == ENTRY_NAME + entry.action)
       g_object_set(action, "sensitive", static_cast<gboolean>(entry.enabled), nullptr);
-    }
-  }
   g_free(name);
   g_object_unref(action);
 }

@@ -70,9 +70,8 @@ GList* FileMenu::entriesFor(const client::Selection& selection) {
   if (selection.size() > client::Plugin::LARGEST_SELECTION) return nullptr;  // none would ever apply
   const bool anyEnabled = std::ranges::any_of(menu, &client::MenuEntry::enabled);
   GList* items = nullptr;
-  for (const auto& entry : menu) {
+  for (const auto& entry : menu)
     if (entry.enabled || !anyEnabled) items = g_list_append(items, itemFor(entry));
-  }
   // Thunar makes the widgets as soon as it has the items, within the callback that it handles now. What is due with
   // high priority comes right after that, before the menu is first drawn and before any further input.
   if (items) {
@@ -117,9 +116,8 @@ void FileMenu::menuChanged(const client::Selection& selection) {
       const bool isEnabled = std::ranges::any_of(
           menu, [&shown](const auto& entry) { return entry.enabled && entry.action == shown.action; });
       // Of the ways to set it, this is the one that notifies.
-      if (const auto item = itemOf(shown.item)) {
+      if (const auto item = itemOf(shown.item))
         g_object_set(item.get(), "sensitive", static_cast<gboolean>(isEnabled), nullptr);
-      }
     }
   });
 }

@@ -63,9 +63,8 @@ gboolean SelectionWatch::mapped(GSignalInvocationHint*, guint count, const GValu
     GObject* widget = count > 0 && G_VALUE_HOLDS_OBJECT(values) ? G_OBJECT(g_value_get_object(values)) : nullptr;
     if (!widget || !isView(widget)) return;
     auto& watch = *static_cast<SelectionWatch*>(self);
-    if (g_signal_handler_find(widget, G_SIGNAL_MATCH_CLOSURE, 0, 0, watch.changed_, nullptr, nullptr) == 0) {
+    if (g_signal_handler_find(widget, G_SIGNAL_MATCH_CLOSURE, 0, 0, watch.changed_, nullptr, nullptr) == 0)
       g_signal_connect_closure(widget, ("notify::" + std::string(SELECTED)).c_str(), watch.changed_, FALSE);
-    }
     watch.listener_.viewShown();
     changed(widget, nullptr, self);
   });

@@ -21,9 +21,8 @@ std::vector<std::tuple<std::string_view, std::string_view, std::string_view>> en
 /// The identifiers of the entries that take `items` selected items.
 std::string taking(std::size_t items) {
   std::string identifiers;
-  for (const auto& entry : MENU_ENTRIES) {
+  for (const auto& entry : MENU_ENTRIES)
     if (entry.takes(items)) identifiers += entry.identifier;
-  }
   return identifiers;
 }
 

@@ -80,9 +80,8 @@ TEST(FolderStatusTable, SelectionsShareTheirEntriesUntilOneIsChanged) {
   table->set("/elsewhere", 2);
   StatusTable some = table->selection();
   EXPECT_TRUE(some.empty());
-  for (auto entry = table->begin(); entry != table->end(); ++entry) {
+  for (auto entry = table->begin(); entry != table->end(); ++entry)
     if (entry.code() == 2) some.add(entry);
-  }
   EXPECT_EQ(some.size(), 3334u);
   EXPECT_EQ(some.find("/a/2"), 2);
   EXPECT_EQ(some.find("/elsewhere"), 2);

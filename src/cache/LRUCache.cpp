@@ -104,9 +104,8 @@ std::optional<StatusTable> LRUCache::update(std::string_view dir, StatusTable it
 std::size_t LRUCache::memoryBeside(std::string_view dir) const {
   const std::lock_guard guard(lock_);
   std::size_t bytes = 0;
-  for (const auto& [key, node] : dirs_) {
+  for (const auto& [key, node] : dirs_)
     if (key != dir) bytes += node->items().memory();
-  }
   return bytes;
 }
 

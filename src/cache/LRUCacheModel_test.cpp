@@ -122,15 +122,12 @@ TEST_P(LRUCacheModelTest, behavesAsTheModelOverRandomOperations) {
       ASSERT_EQ(cache.enterNewDir(dir), model.enter(dir));
     } else if (operation < 80) {
       Entries items;
-      for (const char* name : {"x", "y", "z/"}) {
+      for (const char* name : {"x", "y", "z/"})
         if (below(3) > 0) items[dir + name] = static_cast<StatusCode>(below(4)) - 1;
-      }
       const auto changes = cache.update(dir, tableOf(items));
       const auto expected = model.update(dir, items);
       ASSERT_EQ(changes.has_value(), expected.has_value());
-      if (changes) {
-        ASSERT_EQ(entriesOf(*changes), *expected);
-      }
+      if (changes) ASSERT_EQ(entriesOf(*changes), *expected);
     } else if (operation < 99) {
       ASSERT_EQ(cache.statusForPath(dir + "x"), model.status(dir, dir + "x", STORED));
     } else {

@@ -82,9 +82,8 @@ TEST_F(LRUCacheThreadsTest, everyOperationMayRunBesideEveryOther) {
           break;
         case 1:
         case 2:
-          if (const auto changes = cache.update(folder, {{folder + "x", i % 4 - 1}, {folder + "y", 2}})) {
+          if (const auto changes = cache.update(folder, {{folder + "x", i % 4 - 1}, {folder + "y", 2}}))
             for (const auto& [path, code] : *changes) wrong += !path.starts_with(folder) || code < -1 || code > 2;
-          }
           break;
         case 3:
         case 4:

@@ -396,9 +396,8 @@ TEST_F(StatusForPathTest, ofTheRootIsLookedUpInTheRoot) {
 TEST_F(StatusForPathTest, aMissNamesTheFolderKeyAndThePathAsGiven) {
   storeInDatabase({});
   const LogRecorder log;
-  for (const char* path : {"/", "", "/a", "/a/", "/a/b", "/a/b/", "/a//b", "a", "a/b"}) {
+  for (const char* path : {"/", "", "/a", "/a/", "/a/b", "/a/b/", "/a//b", "a", "a/b"})
     EXPECT_EQ(cache_.statusForPath(path), -1);
-  }
   EXPECT_THAT(log.messages(),
               ElementsAre(miss("/", "/"), miss("/", ""), miss("/", "/a"), miss("/", "/a/"), miss("/a/", "/a/b"),
                           miss("/a/", "/a/b/"), miss("/a/", "/a//b"), miss("/", "a"), miss("a/", "a/b")));

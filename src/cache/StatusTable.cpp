@@ -138,9 +138,8 @@ StatusTable::const_iterator::reference StatusTable::const_iterator::operator*() 
 
 bool operator==(const StatusTable& a, const StatusTable& b) {
   if (a.size() != b.size()) return false;
-  for (const auto& [path, code] : a) {
+  for (const auto& [path, code] : a)
     if (b.find(path) != code) return false;
-  }
   return true;
 }
 

@@ -81,9 +81,8 @@ int sqlite3_prepare_v2(sqlite3* db, const char* sql, int length, sqlite3_stmt** 
 }
 
 int sqlite3_bind_text(sqlite3_stmt* statement, int index, const char* text, int length, void (*destructor)(void*)) {
-  if (calls.recording) {
+  if (calls.recording)
     calls.bindings.push_back({index, std::string(text, static_cast<std::size_t>(length)), length, destructor});
-  }
   return next<decltype(sqlite3_bind_text)>("sqlite3_bind_text")(statement, index, text, length, destructor);
 }
 

@@ -8,9 +8,8 @@ namespace vornet {
 namespace {
 
 int byteCount(std::string_view text) {
-  if (text.size() > static_cast<std::size_t>(std::numeric_limits<int>::max())) {
+  if (text.size() > static_cast<std::size_t>(std::numeric_limits<int>::max()))
     platform::fatalError("an SQL text too long for SQLite");
-  }
   return static_cast<int>(text.size());
 }
 

@@ -72,9 +72,8 @@ class FinderSyncTest : public testing::Test {
   }
   std::vector<std::string> targets() const {
     std::vector<std::string> result;
-    if (server) {
+    if (server)
       for (const auto& request : server->requests()) result.push_back(request.target);
-    }
     return result;
   }
 
@@ -95,9 +94,8 @@ TEST_F(FinderSyncTest, TheFirstControllerSetsUpLoggingAndTheManagerThenBadgesThe
   EXPECT_EQ(statusManager()->finderSync(), &sync);
   EXPECT_TRUE(statusManager()->running());
   std::vector<std::string> messages;
-  for (const auto& record : log.records()) {
+  for (const auto& record : log.records())
     if (record.logLevel == LogLevel::Info && !record.functionName.empty()) messages.push_back(record.logMessage);
-  }
   EXPECT_THAT(messages, ElementsAre("Logger initialized on level: INFO", "Starting REST status polling",
                                     "Started new status manager", "Initialized Kevlane Finder plugin for path " + root,
                                     "Finder plugin enabled"));
@@ -165,9 +163,8 @@ TEST_F(FinderSyncTest, WithAnotherExtensionRunningTheProcessEndsWithStatus0Befor
   ::close(errors[1]);
   std::string said;
   char buffer[4096];
-  for (ssize_t count; (count = ::read(errors[0], buffer, sizeof buffer)) > 0;) {
+  for (ssize_t count; (count = ::read(errors[0], buffer, sizeof buffer)) > 0;)
     said.append(buffer, static_cast<std::size_t>(count));
-  }
   int status = 0;
   ASSERT_EQ(::waitpid(duplicate, &status, 0), duplicate);
   EXPECT_TRUE(WIFEXITED(status));
@@ -340,9 +337,8 @@ std::vector<std::string> enabledTitles(FinderSync& sync, const std::vector<FileU
   const auto menu = sync.menuForMenuKind(FIMenuKind::contextualMenuForItems);
   if (!menu) return {"no menu"};
   EXPECT_EQ(menu->items.size(), 5u);
-  for (const auto& entry : menu->items) {
+  for (const auto& entry : menu->items)
     if (entry.enabled) titles.push_back(entry.title);
-  }
   return titles;
 }
 
@@ -477,9 +473,8 @@ TEST_F(FinderSyncActionTest, LogLinesNameTheSourceFileFinderSyncAndTheOperation)
   perform(&FinderSync::notes, {});
   perform(&FinderSync::viewVersions, {});
   std::vector<std::string> functions;
-  for (const auto& record : log.records()) {
+  for (const auto& record : log.records())
     if (std::filesystem::path(record.fileName).stem() == "FinderSync") functions.push_back(record.functionName);
-  }
   EXPECT_THAT(functions, ElementsAre("menuForMenuKind", "menuForMenuKind", "viewInCloud", "notes", "viewVersions"));
 }
 
@@ -535,9 +530,8 @@ TEST_F(FinderSyncTest, RespondsToItsSelectorsAndToNoOthers) {
         "toolbarItemImage", "menuForMenuKind:", "viewInCloud:", "notes:", "viewVersions:", "share:", "copyLink:"}) {
     EXPECT_TRUE(FinderSync::respondsToSelector(selector)) << selector;
   }
-  for (const char* selector : {"", "share", "Share:", "enableVI", "disableVI:", "init:"}) {
+  for (const char* selector : {"", "share", "Share:", "enableVI", "disableVI:", "init:"})
     EXPECT_FALSE(FinderSync::respondsToSelector(selector)) << selector;
-  }
   EXPECT_FALSE(FinderSync::isMenuAction("enableVI:"));
   EXPECT_FALSE(FinderSync::isMenuAction("share"));
 }

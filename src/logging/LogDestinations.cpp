@@ -112,11 +112,10 @@ std::string XCGConsoleLogDestination::debugDescription() const {
 XCGFileLogDestination::XCGFileLogDestination(XCGLogger& owner, const XCGLogger::FileTarget& writeToFile,
                                              std::string identifier)
     : XCGFormattedLogDestination(owner, std::move(identifier)) {
-  if (const auto* path = std::get_if<std::string>(&writeToFile)) {
+  if (const auto* path = std::get_if<std::string>(&writeToFile))
     setWriteToFileURL(platform::FileURL::fileURLWithPath(*path));
-  } else {
+  else
     setWriteToFileURL(std::get<platform::FileURL>(writeToFile));
-  }
 }
 
 void XCGFileLogDestination::processLogDetails(const XCGLogDetails& details) {

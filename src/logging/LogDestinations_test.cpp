@@ -60,11 +60,10 @@ class BothDestinations : public testing::TestWithParam<const char*> {
  protected:
   BothDestinations() {
     logger.setLogDestinations({});
-    if (std::string_view(GetParam()) == "Console") {
+    if (std::string_view(GetParam()) == "Console")
       destination = std::make_shared<XCGConsoleLogDestination>(logger, "d");
-    } else {
+    else
       destination = std::make_shared<XCGFileLogDestination>(logger, path, "d");
-    }
   }
 
   void show(bool level, bool file, bool line) {
@@ -116,9 +115,8 @@ TEST_P(BothDestinations, AreEnabledForLevelsThatAreAtLeastTheirOwn) {
   for (int own = 0; own <= 6; ++own) {
     destination->setOutputLogLevel(*logLevelWithRawValue(own));
     EXPECT_EQ(rawValue(destination->outputLogLevel()), own);
-    for (int level = 0; level <= 5; ++level) {
+    for (int level = 0; level <= 5; ++level)
       EXPECT_EQ(destination->isEnabledForLogLevel(*logLevelWithRawValue(level)), level >= own);
-    }
   }
 }
 
@@ -332,9 +330,7 @@ TEST(ConsoleDestination, LetsNoCallerWaitForAFullPipe) {
   ::dup2(ends[1], STDOUT_FILENO);
   ::close(ends[1]);
   // Nobody reads yet: would the caller write, it would wait here for ever.
-  for (std::size_t i = 0; i < LINES; ++i) {
-    logger.info(std::string(4000, 'x'), "f", "F", static_cast<std::int64_t>(i));
-  }
+  for (std::size_t i = 0; i < LINES; ++i) logger.info(std::string(4000, 'x'), "f", "F", static_cast<std::int64_t>(i));
   char part[4096];
   while (std::count(text.begin(), text.end(), '\n') < static_cast<std::ptrdiff_t>(LINES)) {
     const auto count = ::read(ends[0], part, sizeof part);
@@ -346,9 +342,8 @@ TEST(ConsoleDestination, LetsNoCallerWaitForAFullPipe) {
   ::close(before);
   ::close(ends[0]);
   std::string expected;
-  for (std::size_t i = 0; i < LINES; ++i) {
+  for (std::size_t i = 0; i < LINES; ++i)
     expected += "[Info] [F:" + std::to_string(i) + "] f: " + std::string(4000, 'x') + "\n";
-  }
   EXPECT_TRUE(withoutDates(text) == expected);
 }
 
@@ -366,12 +361,9 @@ TEST(ConsoleDestination, DropsLinesAndCountsThemWhileNobodyReads) {
   ::close(ends[1]);
   // The writer is stuck in this line before the others come, so that none of them finds room that others have left.
   logger.info(std::string(2 * room, 'o'), "f", "F", 1);
-  for (int waiting = 0; waiting < static_cast<int>(room); std::this_thread::yield()) {
+  for (int waiting = 0; waiting < static_cast<int>(room); std::this_thread::yield())
     ASSERT_EQ(::ioctl(ends[0], FIONREAD, &waiting), 0);
-  }
-  for (std::size_t i = 0; i < LINES; ++i) {
-    logger.info(std::string(LENGTH, 'x'), "f", "F", static_cast<std::int64_t>(i));
-  }
+  for (std::size_t i = 0; i < LINES; ++i) logger.info(std::string(LENGTH, 'x'), "f", "F", static_cast<std::int64_t>(i));
   std::string text;
   const auto readUntil = [&](std::string_view last) {
     char part[4096];
@@ -397,9 +389,8 @@ TEST(ConsoleDestination, DropsLinesAndCountsThemWhileNobodyReads) {
   lines.erase(lines.begin());
   ASSERT_GT(lines.size(), 500u);
   const std::size_t written = lines.size() - 3;
-  for (std::size_t i = 0; i < written; ++i) {
+  for (std::size_t i = 0; i < written; ++i)
     ASSERT_EQ(lines[i], "[Info] [F:" + std::to_string(i) + "] f: " + std::string(LENGTH, 'x'));
-  }
   EXPECT_EQ(lines[written],
             "[Warning] : Lines dropped because nobody read the output: " + std::to_string(LINES - written));
   EXPECT_EQ(lines[written + 1], "[Info] [F:1] f: the first that finds room");
@@ -514,9 +505,8 @@ TEST_F(FileDestination, KeepsLinesWholeWhenManyThreadsLog) {
   std::vector<std::thread> threads;
   for (std::size_t thread = 0; thread < THREADS; ++thread) {
     threads.emplace_back([&, thread] {
-      for (std::size_t line = 0; line < LINES; ++line) {
+      for (std::size_t line = 0; line < LINES; ++line)
         logger.info(std::string(thread * 200, 'x') + "|", functionOf(thread), "F", static_cast<std::int64_t>(line));
-      }
     });
   }
   for (auto& thread : threads) thread.join();
@@ -686,11 +676,10 @@ TEST_F(FileDestination, TakesThePlaceOfALinkAndOfAPipe) {
   test::writeFile(target, "kept");
   for (const bool link : {true, false}) {
     fs::remove(path);
-    if (link) {
+    if (link)
       fs::create_symlink(target, path);
-    } else {
+    else
       ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
-    }
     logger.removeLogDestination("file");
     consoleOutputOf([&] { open(path); });
     EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(path)));

@@ -32,9 +32,8 @@ TEST(LogLevel, ComparesByRawValue) {
 }
 
 TEST(LogLevel, HashesToItsRawValue) {
-  for (const LogLevel level : LEVELS) {
+  for (const LogLevel level : LEVELS)
     EXPECT_EQ(std::hash<LogLevel>()(level), static_cast<std::size_t>(rawValue(level)));
-  }
 }
 
 TEST(LogLevel, IsMadeFromItsRawValue) {

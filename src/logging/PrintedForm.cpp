@@ -49,9 +49,8 @@ std::string printedForm(const std::vector<std::string>& texts) {
 std::string printedForm(const std::map<std::string, bool>& map) {
   if (map.empty()) return "[:]";
   std::string out = "[";
-  for (const auto& [key, value] : map) {
+  for (const auto& [key, value] : map)
     out.append(out.size() > 1 ? ", " : "").append(printedForm(key)).append(value ? ": true" : ": false");
-  }
   return out += ']';
 }
 

@@ -132,15 +132,13 @@ void XCGLogger::logAppDetails(XCGLogDestinationProtocol* selected) {
                      "XCGLogger Version: " + std::string(constants::versionString) +
                          " - LogLevel: " + std::string(description(outputLogLevel_)))};
   const auto write = [&](XCGLogDestinationProtocol& destination) {
-    for (const auto& record : records) {
+    for (const auto& record : records)
       if (destination.isEnabledForLogLevel(record.logLevel)) destination.processInternalLogDetails(record);
-    }
   };
-  if (selected) {
+  if (selected)
     write(*selected);
-  } else {
+  else
     for (const auto& destination : logDestinations_) write(*destination);
-  }
 }
 
 bool XCGLogger::isWantedAtLogLevel(LogLevel level) const {

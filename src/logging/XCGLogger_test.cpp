@@ -376,9 +376,8 @@ TEST_F(XCGLoggerTest, GivesItsLevelInListOrder) {
     std::vector<std::string>& order_;
   };
   std::vector<std::string> order;
-  for (const char* name : {"b", "a", "c"}) {
+  for (const char* name : {"b", "a", "c"})
     logger.addLogDestination(std::make_shared<Noting>(logger, name, journal, order));
-  }
   logger.setOutputLogLevel(LogLevel::Info);
   EXPECT_THAT(order, ElementsAre("b", "a", "c"));
 }
@@ -602,9 +601,8 @@ TEST_F(XCGLoggerSetup, WithoutFileWritesTheApplicationDetailsToTheConsole) {
 }
 
 TEST_F(XCGLoggerSetup, WritesNoApplicationDetailsToAConsoleAboveInfo) {
-  for (const LogLevel level : {LogLevel::Warning, LogLevel::None}) {
+  for (const LogLevel level : {LogLevel::Warning, LogLevel::None})
     EXPECT_EQ(consoleOutputOf([&] { logger.setup(level); }), "");
-  }
 }
 
 TEST_F(XCGLoggerSetup, GivesLevelAndFlagsToConsoleAndFile) {

@@ -74,9 +74,8 @@ std::optional<Integers> integersOf(const JSONValue& value) {
     return ::testing::AssertionFailure() << (refused ? "only integersFromJSON" : "only fromJSON") << " refuses "
                                          << data.substr(0, 200);
   }
-  if (!refused && members != integersOf(fromJSON(data))) {
+  if (!refused && members != integersOf(fromJSON(data)))
     return ::testing::AssertionFailure() << "members or shape differ in " << data.substr(0, 200);
-  }
   return ::testing::AssertionSuccess();
 }
 
@@ -248,9 +247,8 @@ const std::string SAMPLE =
     "\"/x\":1}\n";
 
 TEST(IntegersFromJSONTest, AgreesWithFromJSONOnEveryDocumentCutShort) {
-  for (std::size_t length = 0; length <= SAMPLE.size(); ++length) {
+  for (std::size_t length = 0; length <= SAMPLE.size(); ++length)
     EXPECT_TRUE(bothWaysAgree(std::string_view(SAMPLE).substr(0, length)));
-  }
 }
 
 TEST(IntegersFromJSONTest, AgreesWithFromJSONOnEveryDocumentWithOneOtherByte) {
@@ -347,9 +345,8 @@ TEST(BooleansFromJSONTest, TellsAnotherShapeFromWhatIsNoJSON) {
                            "{\"1\":{\"2\":true}}", "{\"1\":true,\"2\":0}", "{\"1\":true,\"1\":0}"}) {
     EXPECT_FALSE(booleansFromJSON(data, [](auto, auto) {})) << data;
   }
-  for (const char* data : {"", "true", "{\"1\":tru", "{\"1\":1", "{} {}"}) {
+  for (const char* data : {"", "true", "{\"1\":tru", "{\"1\":1", "{} {}"})
     EXPECT_THROW(booleansFromJSON(data, [](auto, auto) {}), JSONError) << data;
-  }
 }
 
 TEST(IntegersFromJSONTest, AnErrorAfterAnotherShapeIsStillAnError) {

@@ -14,9 +14,8 @@ std::string removingAll(std::string_view text, std::string_view part) {
   std::string result;
   if (part.empty()) return std::string(text);
   std::size_t from = 0;
-  for (std::size_t at; (at = text.find(part, from)) != std::string_view::npos; from = at + part.size()) {
+  for (std::size_t at; (at = text.find(part, from)) != std::string_view::npos; from = at + part.size())
     result.append(text, from, at - from);
-  }
   return result.append(text, from);
 }
 

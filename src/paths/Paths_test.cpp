@@ -217,9 +217,8 @@ TEST(LocalPathTest, OfATextObjectIsTheSame) {
 }
 
 TEST(LocalPathTest, AndCloudPathAreInverse) {
-  for (const char* path : {"/a", "/a b/c", "/\u00e9/\u65e5\u672c", "/%", ""}) {
+  for (const char* path : {"/a", "/a b/c", "/\u00e9/\u65e5\u672c", "/%", ""})
     EXPECT_EQ(getCloudPath(ROOT, getLocalPath(ROOT, path)), path);
-  }
 }
 
 TEST(EscapeTest, ExactlyLettersDigitsAndQueryCharactersOfASCIIStay) {
@@ -301,9 +300,8 @@ TEST_F(PathsDeathTest, EncodingOfTextThatIsNotUTF8StopsTheProcess) {
 }
 
 TEST_F(PathsDeathTest, NoByteAbove7FStandsAloneInText) {
-  for (int byte = 0x80; byte < 0x100; byte += 0x1F) {
+  for (int byte = 0x80; byte < 0x100; byte += 0x1F)
     EXPECT_DEATH(escape(std::string(1, static_cast<char>(byte))), "not UTF-8") << byte;
-  }
 }
 
 }  // namespace

@@ -25,13 +25,12 @@ int openOwnFile(const std::string& path) noexcept {
   if (file < 0) return -1;
   struct stat found{};
   int refusal = 0;
-  if (::fstat(file, &found) != 0) {
+  if (::fstat(file, &found) != 0)
     refusal = errno;
-  } else if (!S_ISREG(found.st_mode)) {
+  else if (!S_ISREG(found.st_mode))
     refusal = EOPNOTSUPP;
-  } else if (found.st_uid != ::geteuid()) {
+  else if (found.st_uid != ::geteuid())
     refusal = EPERM;
-  }
   if (refusal == 0) return file;
   ::close(file);
   errno = refusal;

@@ -167,9 +167,8 @@ TEST(FileURLFromText, RefusesOtherSchemesAndShapes) {
 }
 
 TEST(FileURLFromText, RefusesQueriesAndFragments) {
-  for (const char* text : {"file:///a?b", "file:///a#b", "file:///?", "file:///#"}) {
+  for (const char* text : {"file:///a?b", "file:///a#b", "file:///?", "file:///#"})
     EXPECT_EQ(FileURL::fileURLWithText(text), std::nullopt) << text;
-  }
 }
 
 TEST(FileURLFromText, RefusesBrokenEscapes) {

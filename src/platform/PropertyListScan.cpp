@@ -259,9 +259,8 @@ class XMLScan {
         const auto declaration = rest_;
         if (!takeThrough(">")) return false;
         // No declarations of its own: entities are made there.
-        if (declaration.substr(0, declaration.size() - rest_.size()).find_first_of("[<") != std::string_view::npos) {
+        if (declaration.substr(0, declaration.size() - rest_.size()).find_first_of("[<") != std::string_view::npos)
           return false;
-        }
       } else {
         return true;
       }
@@ -328,9 +327,8 @@ class XMLScan {
   }
 
   bool characterReference() {
-    for (const std::string_view name : {"amp;", "lt;", "gt;", "quot;", "apos;"}) {
+    for (const std::string_view name : {"amp;", "lt;", "gt;", "quot;", "apos;"})
       if (take(name)) return true;
-    }
     if (!take("#")) return false;
     const int base = take("x") ? 16 : 10;
     std::uint32_t code = 0;
@@ -350,9 +348,8 @@ class XMLScan {
 
 PropertyListFormat scanPropertyList(std::string_view bytes) {
   if (bytes.size() > MAX_PROPERTY_LIST_BYTES) return PropertyListFormat::none;
-  if (bytes.starts_with(BINARY_HEADER)) {
+  if (bytes.starts_with(BINARY_HEADER))
     return BinaryScan(bytes).passes() ? PropertyListFormat::binary : PropertyListFormat::none;
-  }
   if (bytes.find('\0') != std::string_view::npos || !isValidUTF8(bytes)) return PropertyListFormat::none;
   return XMLScan(bytes).passes() ? PropertyListFormat::xml : PropertyListFormat::none;
 }

@@ -149,15 +149,13 @@ TEST(BinaryListScan, RefusesObjectsThatReachBeyondTheirPlace) {
     EXPECT_FALSE(isBinary(holding(marker + '\x13'))) << kind;
     EXPECT_FALSE(isBinary(holding(std::string(1, static_cast<char>(kind << 4 | 1))))) << kind;
   }
-  for (const std::string& bytes : {"\x13"s, "\x15"s + std::string(32, '\0'), "\x23\0"s, "\x33"s, "\x8F"s, ""s}) {
+  for (const std::string& bytes : {"\x13"s, "\x15"s + std::string(32, '\0'), "\x23\0"s, "\x33"s, "\x8F"s, ""s})
     EXPECT_FALSE(isBinary(holding(bytes))) << ::testing::PrintToString(bytes);
-  }
 }
 
 TEST(BinaryListScan, RefusesUnknownObjectsAndKeysThatAreNoText) {
-  for (const unsigned kind : {0x7U, 0x9U, 0xBU, 0xEU, 0xFU}) {
+  for (const unsigned kind : {0x7U, 0x9U, 0xBU, 0xEU, 0xFU})
     EXPECT_FALSE(isBinary(holding(std::string(1, static_cast<char>(kind << 4))))) << kind;
-  }
   BinaryList list;
   list.dictionary({1}, {1});
   list.add("\x09");
@@ -175,9 +173,8 @@ TEST(BinaryListScan, RefusesBrokenText) {
 
 TEST(BinaryListScan, RefusesTextThatHoldsANUL) {
   // A reader with texts of C would take what stands before it for the whole.
-  for (const std::string& bytes : {"\x51\0"s, "\x58/srv\0/it"s, "\x54/it\0"s, "\x61\0\0"s, "\x63\0/\0\0\0a"s}) {
+  for (const std::string& bytes : {"\x51\0"s, "\x58/srv\0/it"s, "\x54/it\0"s, "\x61\0\0"s, "\x63\0/\0\0\0a"s})
     EXPECT_FALSE(isBinary(holding(bytes))) << ::testing::PrintToString(bytes);
-  }
   for (const std::string& key : {"\x52k\0"s, "\x62\0k\0\0"s}) {
     BinaryList list;
     list.dictionary({1}, {2});
@@ -211,9 +208,8 @@ TEST(XMLListScan, PassesWhatWritersMake) {
 
 TEST(XMLListScan, RefusesListsThatAreNotWhole) {
   const std::string good = xml("<dict><key>root_dir</key><string>/home/ann</string><key>n</key><true/></dict>");
-  for (std::size_t length = 0; length < good.size() - 1; ++length) {
+  for (std::size_t length = 0; length < good.size() - 1; ++length)
     EXPECT_EQ(scanPropertyList(std::string_view(good).substr(0, length)), Format::none) << length;
-  }
   EXPECT_EQ(scanPropertyList(good + "x"), Format::none);
   EXPECT_EQ(scanPropertyList(good + good), Format::none);
   EXPECT_EQ(scanPropertyList(good + '\0'), Format::none);

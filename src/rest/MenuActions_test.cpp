@@ -183,13 +183,11 @@ TEST(Menu, TheSyncedFolderMayBeSetAndReadAtTheSameTime) {
   std::vector<std::thread> threads;
   for (std::size_t thread = 0; thread < 4; ++thread) {
     threads.emplace_back([&, thread] {
-      for (std::size_t i = 0; i < 2000; ++i) {
-        if (thread < 2) {
+      for (std::size_t i = 0; i < 2000; ++i)
+        if (thread < 2)
           menu.setRootDir(platform::FileURL::fileURLWithPath(names[(thread + i) % 2]));
-        } else if (const auto root = menu.rootDir()) {
+        else if (const auto root = menu.rootDir())
           wrong += root->path() != names[0] && root->path() != names[1];
-        }
-      }
     });
   }
   for (auto& thread : threads) thread.join();

@@ -184,21 +184,17 @@ int checkPeer(void*, char*, char*, int port, int localPort) {
 void checkServer(CURL* handle, std::uint16_t port) {
   if (!platform::isOwnLoopbackListener(port)) throw HTTPError::ResourceUnavailable();
   // Asked for by name: libcurl has it since 7.80, and with an older one the check above must do.
-  if (const auto* option = curl_easy_option_by_name("PREREQFUNCTION")) {
-    curl_easy_setopt(handle, option->id, &checkPeer);
-  }
+  if (const auto* option = curl_easy_option_by_name("PREREQFUNCTION")) curl_easy_setopt(handle, option->id, &checkPeer);
 }
 
 CurlList headerLines(const std::optional<RESTClient::Headers>& headers) {
   CurlList lines;
   // The library adds these by itself unless told not to; a header of the caller's takes their place again.
-  for (const auto* name : {"Accept", "Expect"}) {
+  for (const auto* name : {"Accept", "Expect"})
     if (!headers || !headers->contains(name)) add(lines, std::string(name) + ":");
-  }
   add(lines, "Content-Type: application/json");
-  if (headers) {
+  if (headers)
     for (const auto& [name, value] : *headers) add(lines, value.empty() ? name + ";" : name + ": " + value);
-  }
   return lines;
 }
 
@@ -233,9 +229,8 @@ std::optional<RequestURL> RequestURL::parse(const std::string& text) {
   if (!url || curl_url_set(url.get(), CURLUPART_URL, text.c_str(), 0) != CURLUE_OK) return std::nullopt;
   RequestURL parsed(text);
   const std::string port = partOf(url.get(), CURLUPART_PORT);
-  if (partOf(url.get(), CURLUPART_HOST) == "127.0.0.1" && !port.empty()) {
+  if (partOf(url.get(), CURLUPART_HOST) == "127.0.0.1" && !port.empty())
     parsed.loopbackPort_ = static_cast<std::uint16_t>(std::stoul(port));
-  }
   return parsed;
 }
 

@@ -235,11 +235,10 @@ TEST(RESTClient, AReplyCutWithinItsHeadersIsNone) {
       EXPECT_EQ(errorOfPost(), HTTPError::ResourceUnavailable()) << head.substr(0, length);
     }
     const LoopbackServer server(always({.raw = head + "\r\n"}));
-    if (status == "200 OK") {
+    if (status == "200 OK")
       EXPECT_EQ(RESTClient::postAtPath("command", "{}"), "");
-    } else {
+    else
       EXPECT_EQ(errorOfPost(), HTTPError::Non200Error(std::stoi(status))) << status;
-    }
   }
 }
 

@@ -666,9 +666,8 @@ TEST_F(RESTPollingManagerTest, AReplyCountsAsNoneWhileTheOtherFoldersLeaveNoRoom
                                                                                  : "/few";
     std::string body = "{";
     const std::string name(60'000, 'x');
-    for (int i = 0; folder != "/few" && i < 1'000; ++i) {
+    for (int i = 0; folder != "/few" && i < 1'000; ++i)
       body.append("\"").append(folder).append("/").append(name).append(std::to_string(i)).append("\":2,");
-    }
     return WireReply{.body = body + "\"" + folder + "/x\":1}"};
   });
   makeConfigured(SHORT);

@@ -196,9 +196,8 @@ TEST_F(MacExtension, ASecondObjectRegistersTheBadgesAgainAndStartsNothing) {
 TEST_F(MacExtension, AnswersBadgeRequestsFromTheSyncDatabase) {
   id<FIFinderSync> extension = makeConfigured();
   onThreadOfTheFinder([&] {
-    for (const char* name : {"synced", "strange", "failing", "none", "absent"}) {
+    for (const char* name : {"synced", "strange", "failing", "none", "absent"})
       [extension requestBadgeIdentifierForURL:fileURL(root() / name)];
-    }
   });
   // A status without a badge takes one away; an unknown status changes nothing.
   EXPECT_THAT(standin::badges(), ElementsAre(Badge("SYNCED", root() / "synced"), Badge("SKIPPED", root() / "failing"),

@@ -138,9 +138,8 @@ TEST_F(MacPlatform, ReadsNoPropertyListFromAnythingElse) {
   test::writeFile(folder_ / "large",
                   head + "<dict><key>root_dir</key><string>" + std::string(1 << 20, 'a') + "</string></dict></plist>");
   ASSERT_EQ(::mkfifo((folder_ / "pipe").c_str(), 0600), 0);
-  for (const char* name : {"array", "broken", "old style", "empty", "large", "pipe", "absent", "."}) {
+  for (const char* name : {"array", "broken", "old style", "empty", "large", "pipe", "absent", "."})
     EXPECT_FALSE(PropertyList::dictionaryAtPath(folder_ / name)) << name;
-  }
 }
 
 TEST_F(MacPlatform, KeepsTheMillisecondsOfEveryDate) {

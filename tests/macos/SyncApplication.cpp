@@ -38,11 +38,10 @@ struct SyncApplication::Impl {
     const std::lock_guard guard(lock);
     const std::string command = request.path.substr(1);
     const auto found = answers.find(command);
-    if (found == answers.end()) {
+    if (found == answers.end())
       response.status = 404;
-    } else {
+    else
       response.set_content(found->second, "application/json");
-    }
     requests.push_back({command, request.body});
     changed.notify_all();
   }
@@ -77,9 +76,8 @@ std::vector<SyncApplication::Request> SyncApplication::requests() const {
 
 std::vector<std::string> SyncApplication::bodies(const std::string& command) const {
   std::vector<std::string> found;
-  for (const auto& request : requests()) {
+  for (const auto& request : requests())
     if (request.command == command) found.push_back(request.body);
-  }
   return found;
 }
 

@@ -138,9 +138,8 @@ BusReply BusClient::menu(const std::vector<std::string>& urls, std::vector<MenuE
   const gchar* action = nullptr;
   gboolean enabled = FALSE;
   const gchar* image = nullptr;
-  while (g_variant_iter_next(iterator, "(&s&sb&s)", &title, &action, &enabled, &image)) {
+  while (g_variant_iter_next(iterator, "(&s&sb&s)", &title, &action, &enabled, &image))
     entries.push_back({title, action, enabled != FALSE, image});
-  }
   g_variant_iter_free(iterator);
   return reply;
 }

@@ -41,9 +41,8 @@ class CapturedOutput {
     std::string text;
     char part[4096];
     ssize_t count = 0;
-    while ((count = ::pread(file_, part, sizeof part, static_cast<off_t>(text.size()))) > 0) {
+    while ((count = ::pread(file_, part, sizeof part, static_cast<off_t>(text.size()))) > 0)
       text.append(part, static_cast<std::size_t>(count));
-    }
     return text;
   }
 

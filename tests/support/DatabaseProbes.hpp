@@ -38,9 +38,8 @@ using ConfigDBProbe = Probe<ConfigDB>;
 inline std::size_t openDescriptors(const std::filesystem::path& path) {
   std::size_t count = 0;
   std::error_code error;
-  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+  for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd"))
     count += std::filesystem::read_symlink(entry.path(), error) == path;
-  }
   return count;
 }
 

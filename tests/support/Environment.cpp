@@ -13,19 +13,17 @@ namespace fs = std::filesystem;
 
 ScopedVariable::ScopedVariable(std::string name, const std::optional<std::string>& value) : name_(std::move(name)) {
   if (const char* before = std::getenv(name_.c_str())) before_ = before;
-  if (value) {
+  if (value)
     ::setenv(name_.c_str(), value->c_str(), 1);
-  } else {
+  else
     ::unsetenv(name_.c_str());
-  }
 }
 
 ScopedVariable::~ScopedVariable() {
-  if (before_) {
+  if (before_)
     ::setenv(name_.c_str(), before_->c_str(), 1);
-  } else {
+  else
     ::unsetenv(name_.c_str());
-  }
 }
 
 Environment::Environment()

@@ -89,11 +89,10 @@ void FakeExtension::take(GDBusConnection*, const gchar* sender, const gchar*, co
   if (g_strcmp0(destination, dbus::BUS_NAME) == 0) self.methodsByBusName.insert(method);
   self.note(method, arguments);
   const bool dies = self.diesIn == method;
-  if (dies || self.held_.contains(method)) {
+  if (dies || self.held_.contains(method))
     self.waiting_.push_back({method, invocation, g_variant_ref(arguments)});
-  } else {
+  else
     self.answer(method, arguments, invocation);
-  }
   if (dies) self.die();
 }
 
@@ -147,9 +146,8 @@ void FakeExtension::answer(const std::string& method, GVariant* arguments, GDBus
   } else if (method == "EndObserving") {
     if (const auto found = observed.find(text(arguments)); found != observed.end()) observed.erase(found);
   } else if (method == "RequestBadges") {
-    for (const auto& item : answering) {
+    for (const auto& item : answering)
       if (invalidItems.contains(item)) return refuse("InvalidURL");
-    }
     GVariantBuilder identifiers;
     g_variant_builder_init(&identifiers, G_VARIANT_TYPE_STRING_ARRAY);
     for (const auto& item : answering) {
@@ -217,17 +215,14 @@ void FakeExtension::setBadge(const std::string& item, const std::string& identif
 void FakeExtension::sendChanges(const std::vector<std::pair<std::string, std::string>>& changes) {
   GVariantBuilder list;
   g_variant_builder_init(&list, G_VARIANT_TYPE("a(ss)"));
-  for (const auto& [item, identifier] : changes) {
-    g_variant_builder_add(&list, "(ss)", item.c_str(), identifier.c_str());
-  }
+  for (const auto& [item, identifier] : changes) g_variant_builder_add(&list, "(ss)", item.c_str(), identifier.c_str());
   send(dbus::INTERFACE, "BadgesChanged", g_variant_new("(a(ss))", &list));
 }
 
 void FakeExtension::send(const char* interface, const char* signal, GVariant* values) {
   g_variant_ref_sink(values);
-  for (const auto& caller : callers_) {
+  for (const auto& caller : callers_)
     g_dbus_connection_emit_signal(connection_, caller.c_str(), dbus::OBJECT_PATH, interface, signal, values, nullptr);
-  }
   g_variant_unref(values);
 }
 
@@ -237,9 +232,8 @@ void FakeExtension::giveUpName() {
 
 bool FakeExtension::clientIsConnected() const {
   gboolean connected = FALSE;
-  if (const auto answer = callBus("NameHasOwner", g_variant_new("(s)", lastCaller_.c_str()))) {
+  if (const auto answer = callBus("NameHasOwner", g_variant_new("(s)", lastCaller_.c_str())))
     g_variant_get(answer.get(), "(b)", &connected);
-  }
   return connected != FALSE;
 }
 

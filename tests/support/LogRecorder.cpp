@@ -50,9 +50,8 @@ class LogRecorder::Destination : public XCGLogDestinationProtocol {
 };
 
 LogRecorder::LogRecorder(LogLevel level) : destination_(std::make_shared<Destination>(logger(), level)) {
-  if (const auto console = logger().logDestination(XCGLogger::constants::baseConsoleLogDestinationIdentifier)) {
+  if (const auto console = logger().logDestination(XCGLogger::constants::baseConsoleLogDestinationIdentifier))
     console->setOutputLogLevel(LogLevel::None);
-  }
   logger().addLogDestination(destination_);
 }
 
@@ -73,9 +72,8 @@ std::vector<std::string> LogRecorder::messages() const {
 
 std::vector<std::string> LogRecorder::messages(LogLevel level) const {
   std::vector<std::string> texts;
-  for (const auto& record : records()) {
+  for (const auto& record : records())
     if (record.logLevel == level) texts.push_back(record.logMessage);
-  }
   return texts;
 }
 

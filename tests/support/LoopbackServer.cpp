@@ -56,9 +56,8 @@ bool parseHead(std::string_view text, WireRequest& request) {
 
 std::vector<std::string> WireRequest::header(const std::string& name) const {
   std::vector<std::string> values;
-  for (const auto& [given, value] : headers) {
+  for (const auto& [given, value] : headers)
     if (sameName(given, name)) values.push_back(value);
-  }
   return values;
 }
 
@@ -170,16 +169,14 @@ void LoopbackServer::serve(int connection) {
   };
   while (true) {
     std::size_t headEnd;
-    while ((headEnd = received.find("\r\n\r\n")) == std::string::npos) {
+    while ((headEnd = received.find("\r\n\r\n")) == std::string::npos)
       if (!receive()) return;
-    }
     WireRequest request;
     if (!parseHead(std::string_view(received).substr(0, headEnd), request)) return;
     const auto lengths = request.header("Content-Length");
     const std::size_t length = lengths.empty() ? 0 : std::stoul(lengths[0]);
-    while (received.size() < headEnd + 4 + length) {
+    while (received.size() < headEnd + 4 + length)
       if (!receive()) return;
-    }
     request.body = received.substr(headEnd + 4, length);
     received.erase(0, headEnd + 4 + length);
 

@@ -29,9 +29,8 @@ void ActionJournal::append(const Action& action) const {
                                                         {"paths", json::value_from(action.paths)}}) +
                            "\n";
   const FileDescriptor file(::open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
-  if (!file || ::write(file.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
+  if (!file || ::write(file.get(), line.data(), line.size()) != static_cast<ssize_t>(line.size()))
     throw std::runtime_error("cannot write " + path_ + ": " + std::generic_category().message(errno));
-  }
 }
 
 std::vector<Action> ActionJournal::read() const {
@@ -53,9 +52,8 @@ std::vector<Action> ActionJournal::read() const {
     };
     Action action{text("time"), text("uid"), text("action"), {}};
     if (const auto* paths = object->if_contains("paths"); paths != nullptr && paths->is_array()) {
-      for (const json::value& path : paths->get_array()) {
+      for (const json::value& path : paths->get_array())
         if (path.is_string()) action.paths.emplace_back(path.get_string());
-      }
     }
     actions.push_back(std::move(action));
   }

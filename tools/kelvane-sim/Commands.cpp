@@ -199,9 +199,7 @@ HttpReply Commands::answer(const HttpRequest& request, Fault fault) const {
 
 HttpReply Commands::properAnswer(const HttpRequest& request, bool act) const {
   const std::string_view command = commandOf(request);
-  if (std::find(COMMANDS.begin(), COMMANDS.end(), command) == COMMANDS.end()) {
-    return errorReply(404, "no such command");
-  }
+  if (std::find(COMMANDS.begin(), COMMANDS.end(), command) == COMMANDS.end()) return errorReply(404, "no such command");
   if (request.method != "POST") return errorReply(405, "only POST");
   try {
     if (command == COMMAND_ICONS) return icons(request.body);
@@ -229,9 +227,8 @@ HttpReply Commands::icons(std::string_view body) const {
 HttpReply Commands::menu(std::string_view body) const {
   const auto enabled = enabledActions(engine_.findAll(pathsOf(objectOf(body))));
   json::object entries;
-  for (std::size_t i = 0; i < MENU_ACTIONS.size(); ++i) {
+  for (std::size_t i = 0; i < MENU_ACTIONS.size(); ++i)
     entries[json::string_view(MENU_ACTIONS[i].uid.data(), MENU_ACTIONS[i].uid.size())] = enabled[i];
-  }
   return {200, json::serialize(entries)};
 }
 

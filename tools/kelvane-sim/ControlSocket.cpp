@@ -66,9 +66,8 @@ ControlSocket::ControlSocket(const std::string& state, Handler handler)
   const Address address(state);
   struct stat info{};
   if (::lstat(path_.c_str(), &info) == 0 && S_ISSOCK(info.st_mode)) ::unlink(path_.c_str());
-  if (::bind(socket_.get(), address.get(), sizeof address.value) != 0 || ::listen(socket_.get(), 8) != 0) {
+  if (::bind(socket_.get(), address.get(), sizeof address.value) != 0 || ::listen(socket_.get(), 8) != 0)
     throw std::runtime_error("cannot listen on " + path_ + ": " + std::generic_category().message(errno));
-  }
   ::chmod(path_.c_str(), 0600);
   thread_ = std::thread([this] { serve(); });
 }
@@ -97,14 +96,12 @@ void ControlSocket::serve() {
 }
 
 std::string ControlSocket::ask(const std::string& state, const std::string& line) {
-  if (line.size() >= LONGEST_LINE || line.find('\n') != std::string::npos) {
+  if (line.size() >= LONGEST_LINE || line.find('\n') != std::string::npos)
     throw std::runtime_error("what is to be sent is too long, or has more than one line");
-  }
   const Address address(state);
   const FileDescriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (::connect(socket.get(), address.get(), sizeof address.value) != 0) {
+  if (::connect(socket.get(), address.get(), sizeof address.value) != 0)
     throw std::runtime_error("no kelvane-sim is running with the state folder " + state);
-  }
   limitWaits(socket.get());
   sendLine(socket.get(), line);
   std::string answer = readLine(socket.get());

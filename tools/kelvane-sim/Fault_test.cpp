@@ -60,9 +60,8 @@ TEST_F(FaultTest, AFaultWithADurationEndsByItself) {
   EXPECT_EQ(error, 0);
   sim_->setFault(Fault::SERVER_ERROR, 20ms);
   int status = 500;
-  while (status != 200 && std::chrono::steady_clock::now() < deadline) {
+  while (status != 200 && std::chrono::steady_clock::now() < deadline)
     status = post("get_icons_for_folder", ICONS)->status;
-  }
   EXPECT_EQ(status, 200);
 }
 

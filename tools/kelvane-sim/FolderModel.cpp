@@ -23,9 +23,8 @@ struct FolderModel::Node {
 
   int code() const {
     if (pinned) return *pinned;
-    if (!folder || own == CODE_NOT_SYNCED || childrenWithCode[CODE_NOT_SYNCED] > 0) {
+    if (!folder || own == CODE_NOT_SYNCED || childrenWithCode[CODE_NOT_SYNCED] > 0)
       return folder ? CODE_NOT_SYNCED : own;
-    }
     return childrenWithCode[CODE_PENDING] > 0 ? CODE_PENDING : CODE_SYNCED;
   }
 };
@@ -238,9 +237,8 @@ std::vector<FolderModel::Change> FolderModel::rows() const {
     const auto [node, path] = std::move(open.back());
     open.pop_back();
     result.push_back({path, node->shown});
-    for (const auto& [name, child] : node->children) {
+    for (const auto& [name, child] : node->children)
       open.emplace_back(child.get(), path + name + (child->folder ? "/" : ""));
-    }
   }
   return result;
 }

@@ -13,9 +13,8 @@ using ::testing::UnorderedElementsAre;
 
 std::map<std::string, std::optional<int>> taken(FolderModel& model) {
   std::map<std::string, std::optional<int>> changes;
-  for (const auto& change : model.takeChanges()) {
+  for (const auto& change : model.takeChanges())
     EXPECT_TRUE(changes.emplace(change.path, change.code).second) << change.path << " is told twice";
-  }
   return changes;
 }
 
@@ -102,9 +101,8 @@ TEST(FolderModel, PathsThatNameNothingAreUnknown) {
   FolderModel model;
   model.putFolder("/a", true);
   model.putFile("/a/x", {}, CODE_SYNCED);
-  for (const char* path : {"", "a", "//", "/a//", "/a//x", "/a/x/", "/a/../a", "/.", "/b"}) {
+  for (const char* path : {"", "a", "//", "/a//", "/a//x", "/a/x/", "/a/../a", "/.", "/b"})
     EXPECT_FALSE(model.find(path)) << path;
-  }
 }
 
 TEST(FolderModel, ComposedAndDecomposedNamesAreDifferentItems) {

@@ -78,9 +78,8 @@ void FolderWatcher::open() {
 bool FolderWatcher::watch(const std::string& folder) {
   const int id = ::inotify_add_watch(inotify_.get(), localPath(folder).c_str(), WATCHED);
   if (id < 0) {
-    if (errno != ENOENT && errno != ENOTDIR) {
+    if (errno != ENOENT && errno != ENOTDIR)
       listener_.watcherNotice("cannot watch " + folder + ": " + errorText(errno));
-    }
     return false;
   }
   // A folder that was moved keeps its watch; it now stands for the new path.
@@ -100,9 +99,8 @@ void FolderWatcher::walk(const std::string& top) {
     const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (folder == "/" ? 0 : O_NOFOLLOW);
     FileDescriptor fd(::open(localPath(folder).c_str(), flags));
     if (!fd) {
-      if (errno != ENOENT && errno != ENOTDIR) {
+      if (errno != ENOENT && errno != ENOTDIR)
         listener_.watcherNotice("cannot read " + folder + ": " + errorText(errno));
-      }
       continue;
     }
     const std::unique_ptr<DIR, CloseDir> dir(::fdopendir(fd.get()));
@@ -131,9 +129,8 @@ void FolderWatcher::unwatch(const std::string& folder) {
   };
   if (const auto own = watchOfFolder_.find(folder); own != watchOfFolder_.end()) drop(own);
   const std::string below = folder + "/";
-  for (auto it = watchOfFolder_.lower_bound(below); it != watchOfFolder_.end() && it->first.starts_with(below);) {
+  for (auto it = watchOfFolder_.lower_bound(below); it != watchOfFolder_.end() && it->first.starts_with(below);)
     it = drop(it);
-  }
 }
 
 void FolderWatcher::process() {
@@ -174,9 +171,8 @@ void FolderWatcher::handle(int watchId, std::uint32_t mask, std::string_view nam
       inotify_.reset();
       listener_.rootGone();
     } else if ((mask & IN_IGNORED) != 0) {
-      if (const auto own = watchOfFolder_.find(folder); own != watchOfFolder_.end() && own->second == watchId) {
+      if (const auto own = watchOfFolder_.find(folder); own != watchOfFolder_.end() && own->second == watchId)
         watchOfFolder_.erase(own);
-      }
       folderOfWatch_.erase(watchId);
     }
     return;

@@ -131,10 +131,8 @@ struct HttpServer::Connection {
       case Delivery::RESET: {
         // A body of nothing has no middle: promise more than comes.
         const std::size_t half = reply.body.size() / 2;
-        if (send(headText(reply, std::max<std::size_t>(reply.body.size(), 1), keepAlive) +
-                 reply.body.substr(0, half))) {
+        if (send(headText(reply, std::max<std::size_t>(reply.body.size(), 1), keepAlive) + reply.body.substr(0, half)))
           resetConnection();
-        }
         return false;
       }
       case Delivery::WHOLE:
@@ -154,12 +152,8 @@ struct HttpServer::Connection {
       beast::error_code error;
       const std::size_t used = parser.put(boost::asio::buffer(input_), error);
       input_.erase(0, used);
-      if (error == http::error::body_limit) {
-        return answer({413, R"({"error":"request too large"})"}, false);
-      }
-      if (error && error != http::error::need_more) {
-        return answer({400, R"({"error":"not an HTTP request"})"}, false);
-      }
+      if (error == http::error::body_limit) return answer({413, R"({"error":"request too large"})"}, false);
+      if (error && error != http::error::need_more) return answer({400, R"({"error":"not an HTTP request"})"}, false);
       if (parser.is_done()) break;
       if (parser.is_header_done() && !continued && beast::iequals(parser.get()[http::field::expect], "100-continue")) {
         continued = true;
@@ -169,9 +163,8 @@ struct HttpServer::Connection {
     }
     const auto& message = parser.get();
     HttpRequest request{std::string(message.method_string()), std::string(message.target()), {}, message.body()};
-    for (const auto& field : message) {
+    for (const auto& field : message)
       request.headers.emplace_back(std::string(field.name_string()), std::string(field.value()));
-    }
     return answer(handler_(request), message.keep_alive());
   }
 

@@ -233,9 +233,8 @@ void KelvaneSim::Impl::expireFaults() {
   std::optional<Clock::time_point> retry;
   while (!stopping_) {
     std::optional<Clock::time_point> next = retry;
-    for (const auto& [command, active] : faults_) {
+    for (const auto& [command, active] : faults_)
       if (active.end) next = next ? std::min(*next, *active.end) : *active.end;
-    }
     if (!next) {
       faultsChanged_.wait(lock);
       continue;

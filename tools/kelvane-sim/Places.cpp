@@ -33,9 +33,8 @@ std::string homeFolder() {
   passwd entry{};
   passwd* found = nullptr;
   std::array<char, 4096> buffer{};
-  if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr) {
+  if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr)
     return found->pw_dir;
-  }
   throw std::runtime_error("no home folder");
 }
 
@@ -73,26 +72,23 @@ void checkOutside(const std::string& folder, const std::string& root) {
   const fs::path inner = fs::weakly_canonical(folder);
   const fs::path outer = fs::canonical(root);
   const fs::path relative = inner.lexically_relative(outer);
-  if (!relative.empty() && *relative.begin() != "..") {
+  if (!relative.empty() && *relative.begin() != "..")
     throw std::runtime_error(folder + " is inside the synced folder, which is only ever read");
-  }
 }
 
 void makePrivateFolder(const std::string& folder) {
   std::error_code error;
   fs::create_directories(fs::path(folder).parent_path(), error);
   if (error) throw failure("cannot make " + folder, error);
-  if (::mkdir(folder.c_str(), 0700) != 0 && (errno != EEXIST || !fs::is_directory(folder, error))) {
+  if (::mkdir(folder.c_str(), 0700) != 0 && (errno != EEXIST || !fs::is_directory(folder, error)))
     throw failure("cannot make " + folder, {errno, std::generic_category()});
-  }
 }
 
 FileDescriptor claimFolder(const std::string& folder) {
   FileDescriptor descriptor(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!descriptor) throw failure("cannot open " + folder, {errno, std::generic_category()});
-  if (::flock(descriptor.get(), LOCK_EX | LOCK_NB) != 0) {
+  if (::flock(descriptor.get(), LOCK_EX | LOCK_NB) != 0)
     throw std::runtime_error("another kelvane-sim is using " + folder);
-  }
   return descriptor;
 }
 

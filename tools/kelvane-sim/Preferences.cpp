@@ -70,11 +70,10 @@ void writePreferences(const std::string& container, const std::string& root) {
   const bool xml = std::none_of(root.begin(), root.end(), [](char c) { return static_cast<unsigned char>(c) < 0x20; });
   char* bytes = nullptr;
   std::uint32_t length = 0;
-  if (xml) {
+  if (xml)
     plist_to_xml(dictionary.get(), &bytes, &length);
-  } else {
+  else
     plist_to_bin(dictionary.get(), &bytes, &length);
-  }
   const std::unique_ptr<char, decltype(&std::free)> owner(bytes, &std::free);
   if (bytes == nullptr) throw std::runtime_error(std::string("cannot make ") + PREFERENCES_NAME);
   replaceFile(container + "/" + PREFERENCES_NAME, {bytes, length});

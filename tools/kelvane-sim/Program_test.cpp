@@ -54,9 +54,8 @@ class Program {
   Program& operator=(const Program&) = delete;
 
   bool waitForText(const std::string& wanted) {
-    while (text.find(wanted) == std::string::npos) {
+    while (text.find(wanted) == std::string::npos)
       if (!readMore()) return false;
-    }
     return true;
   }
 

@@ -164,9 +164,8 @@ void SyncEngine::folderListed(const std::string& folder, const std::vector<Entry
     const std::string prefix = folder == "/" ? "/" : folder + "/";
     std::set<std::string_view> listed;
     for (const Entry& entry : entries) listed.insert(entry.name);
-    for (const std::string& name : model_.childNames(folder)) {
+    for (const std::string& name : model_.childNames(folder))
       if (!listed.contains(name)) forget(prefix + name);
-    }
     for (const Entry& entry : entries) see(prefix + entry.name, entry, false);
   }
   changed_.notify_all();

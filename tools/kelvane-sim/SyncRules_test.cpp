@@ -15,15 +15,13 @@ TEST(SyncRules, OrdinaryNamesCanBeSynced) {
 }
 
 TEST(SyncRules, NamesWithForbiddenCharactersCannotBeSynced) {
-  for (const char c : std::string("\\:*?\"<>|\x01\x1F\x7F\n\t")) {
+  for (const char c : std::string("\\:*?\"<>|\x01\x1F\x7F\n\t"))
     EXPECT_FALSE(isSyncableName(std::string("a") + c + "b")) << static_cast<int>(c);
-  }
 }
 
 TEST(SyncRules, TemporaryNamesAndBadEndingsCannotBeSynced) {
-  for (const char* name : {"", "a.", "a ", ".", "~$doc.docx", "~$", "x.tmp", ".tmp"}) {
+  for (const char* name : {"", "a.", "a ", ".", "~$doc.docx", "~$", "x.tmp", ".tmp"})
     EXPECT_FALSE(isSyncableName(name)) << name;
-  }
 }
 
 TEST(SyncRules, NamesAreLimitedTo255BytesNotCharacters) {

@@ -34,11 +34,10 @@ std::vector<std::string> TransferQueue::finished(Clock::time_point now) {
   }
   while (!waiting_.empty() && (running_.size() < parallel_ || duration_.count() <= 0)) {
     const auto next = waiting_.begin();
-    if (duration_.count() <= 0) {
+    if (duration_.count() <= 0)
       done.push_back(next->second);
-    } else {
+    else
       running_.emplace(next->second, now + duration_);
-    }
     tickets_.erase(next->second);
     waiting_.erase(next);
   }

@@ -20,16 +20,10 @@ std::string folded(std::string_view text) {
 }  // namespace
 
 std::optional<MenuEntry> findEntry(const std::vector<MenuEntry>& menu, std::string_view wanted) {
-  for (const MenuEntry& entry : menu) {
-    if (entry.action == wanted || entry.action == std::string{wanted} + ":") {
-      return entry;
-    }
-  }
-  for (const MenuEntry& entry : menu) {
-    if (folded(entry.title) == folded(wanted)) {
-      return entry;
-    }
-  }
+  for (const MenuEntry& entry : menu)
+    if (entry.action == wanted || entry.action == std::string{wanted} + ":") return entry;
+  for (const MenuEntry& entry : menu)
+    if (folded(entry.title) == folded(wanted)) return entry;
   return std::nullopt;
 }
 
@@ -53,12 +47,9 @@ void showMenu(Extension& extension, Printer& printer, const client::Selection& s
 void performEntry(Extension& extension, Printer& printer, const std::string& wanted,
                   const client::Selection& selection) {
   const auto entry = findEntry(extension.menu(selection), wanted);
-  if (!entry) {
-    throw Failure{FailureKind::refused, "the menu has no entry \"" + wanted + "\""};
-  }
-  if (!entry->enabled) {
+  if (!entry) throw Failure{FailureKind::refused, "the menu has no entry \"" + wanted + "\""};
+  if (!entry->enabled)
     throw Failure{FailureKind::refused, "\"" + entry->title + "\" is not available for this selection"};
-  }
   extension.performAction(entry->action, selection);
   printer.performed(*entry, selection);
 }
@@ -69,9 +60,7 @@ void showStatus(Extension& extension, Printer& printer, bool start) {
     try {
       extension.start();
     } catch (const Failure& notStarted) {
-      if (notStarted.kind() != FailureKind::notStarted) {
-        throw;
-      }
+      if (notStarted.kind() != FailureKind::notStarted) throw;
       failure.emplace(notStarted);
     }
   }
@@ -82,21 +71,16 @@ void showStatus(Extension& extension, Printer& printer, bool start) {
     try {
       status.info = extension.infoIfRunning();
     } catch (const Failure& silent) {
-      if (silent.kind() == FailureKind::gone || silent.kind() == FailureKind::notInstalled) {
+      if (silent.kind() == FailureKind::gone || silent.kind() == FailureKind::notInstalled)
         status.process.reset();
-      } else {
+      else
         failure.emplace(silent);
-      }
     }
   }
-  if (!status.process) {
-    status.stopReason = lastStopReason();
-  }
+  if (!status.process) status.stopReason = lastStopReason();
   status.syncApplication = askSyncApplication();
   printer.status(status);
-  if (failure) {
-    throw Failure{*failure};
-  }
+  if (failure) throw Failure{*failure};
 }
 
 }  // namespace vornet::vi

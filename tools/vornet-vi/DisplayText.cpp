@@ -23,9 +23,8 @@ struct Decoded {
 Decoded decode(std::string_view text) {
   const gunichar character = g_utf8_get_char_validated(text.data(), static_cast<gssize>(text.size()));
   // GLib takes an embedded NUL for the end of the text.
-  if (character == static_cast<gunichar>(-1) || character == static_cast<gunichar>(-2)) {
+  if (character == static_cast<gunichar>(-1) || character == static_cast<gunichar>(-2))
     return {static_cast<unsigned char>(text.front()), 1, text.front() == '\0'};
-  }
   return {character, static_cast<std::size_t>(g_unichar_to_utf8(character, nullptr)), true};
 }
 
@@ -45,9 +44,7 @@ bool isShown(gunichar character) {
 }
 
 std::size_t widthOf(gunichar character) {
-  if (g_unichar_iszerowidth(character)) {
-    return 0;
-  }
+  if (g_unichar_iszerowidth(character)) return 0;
   return g_unichar_iswide(character) ? 2 : 1;
 }
 
@@ -114,14 +111,10 @@ std::size_t displayWidth(std::string_view safe) {
 }
 
 std::string elided(std::string_view safe, std::size_t columns, bool unicode) {
-  if (displayWidth(safe) <= columns) {
-    return std::string{safe};
-  }
+  if (displayWidth(safe) <= columns) return std::string{safe};
   const std::string_view mark = unicode ? "\u2026" : "...";
   const std::size_t markWidth = unicode ? 1 : 3;
-  if (columns <= markWidth) {
-    return std::string(mark.substr(0, unicode && columns > 0 ? mark.size() : columns));
-  }
+  if (columns <= markWidth) return std::string(mark.substr(0, unicode && columns > 0 ? mark.size() : columns));
 
   // A cluster: a character with the combining ones that follow it.
   struct Cluster {
@@ -147,22 +140,16 @@ std::string elided(std::string_view safe, std::size_t columns, bool unicode) {
   const std::size_t room = columns - markWidth;
   std::size_t left = 0;
   std::size_t headWidth = 0;
-  while (left < clusters.size() && headWidth + clusters[left].width <= (room + 1) / 2) {
+  while (left < clusters.size() && headWidth + clusters[left].width <= (room + 1) / 2)
     headWidth += clusters[left++].width;
-  }
   std::size_t right = clusters.size();
   std::size_t tailWidth = 0;
-  while (right > left && headWidth + tailWidth + clusters[right - 1].width <= room) {
+  while (right > left && headWidth + tailWidth + clusters[right - 1].width <= room)
     tailWidth += clusters[--right].width;
-  }
   std::string text;
-  for (std::size_t i = 0; i < left; ++i) {
-    text.append(clusters[i].bytes);
-  }
+  for (std::size_t i = 0; i < left; ++i) text.append(clusters[i].bytes);
   text.append(mark);
-  for (std::size_t i = right; i < clusters.size(); ++i) {
-    text.append(clusters[i].bytes);
-  }
+  for (std::size_t i = right; i < clusters.size(); ++i) text.append(clusters[i].bytes);
   return text;
 }
 

@@ -74,9 +74,8 @@ TEST(DisplayTextTest, NeverExceedsTheColumnsNorPartsAMarkFromItsBase) {
       if (unicode) {
         // Cut at a wrong place, an "e" would have lost its accent, or an accent its "e".
         EXPECT_EQ(safeText(text, true), text);
-        for (std::size_t at = text.find('e'); at != std::string::npos; at = text.find('e', at + 1)) {
+        for (std::size_t at = text.find('e'); at != std::string::npos; at = text.find('e', at + 1))
           EXPECT_EQ(text.substr(at, 3), "e\u0301");
-        }
       }
     }
   }

@@ -59,9 +59,8 @@ Failure failureOf(const CallError& error, const std::string& subject) {
   const auto found = std::find_if(meanings.begin(), meanings.end(),
                                   [&error](const Meaning& meaning) { return error.name == meaning.name; });
   if (found != meanings.end()) return {found->kind, found->text};
-  if (error.name.find(".Spawn.") != std::string::npos) {
+  if (error.name.find(".Spawn.") != std::string::npos)
     return {FailureKind::notStarted, "the extension could not be started: " + error.message};
-  }
   const bool isItsOwn = error.name.find('.') == std::string::npos;
   return {FailureKind::refused,
           about(subject, (isItsOwn ? "the extension refused: " : "the extension failed: ") + error.message)};
@@ -156,9 +155,8 @@ ExtensionInfo Extension::readInfo(bool mayStart) {
   info.logFile = textIn(properties.get(), "LogFile");
   if (const GVariantPtr folders{
           g_variant_lookup_value(properties.get(), "ObservedFolders", G_VARIANT_TYPE_STRING_ARRAY)}) {
-    for (const auto& url : textsOf(folders.get())) {
+    for (const auto& url : textsOf(folders.get()))
       info.observedFolders.push_back(client::pathOfURL(url.c_str()).value_or(url));
-    }
   }
   if (const GVariantPtr badges{g_variant_lookup_value(properties.get(), "Badges", G_VARIANT_TYPE("a(sss)"))}) {
     for (gsize i = 0; i < g_variant_n_children(badges.get()); ++i) {
@@ -173,9 +171,8 @@ ExtensionInfo Extension::readInfo(bool mayStart) {
 /// Why `selection`, which holds an item outside the observed folders, is not served.
 Failure Extension::outsideFailure(const client::Selection& selection) {
   const auto observed = info().observedFolders;
-  if (observed.empty()) {
+  if (observed.empty())
     return {FailureKind::outside, "the sync application is not configured, so no folder is observed"};
-  }
   const auto isOutside = [&observed](const std::string& path) {
     return std::none_of(observed.begin(), observed.end(),
                         [&path](const std::string& folder) { return client::isWithin(folder, path); });

@@ -24,9 +24,7 @@ using FolderPtr = std::unique_ptr<DIR, CloseFolder>;
 
 FolderPtr openFolder(const std::string& path) {
   FolderPtr folder{opendir(path.c_str())};
-  if (!folder) {
-    throw fileFailure(path, errno);
-  }
+  if (!folder) throw fileFailure(path, errno);
   return folder;
 }
 
@@ -62,23 +60,17 @@ const char* kindName(EntryKind kind) {
 
 std::string absolutePath(std::string_view given, std::string_view currentFolder) {
   std::string whole;
-  if (given.empty() || given.front() != '/') {
-    whole.append(currentFolder).push_back('/');
-  }
+  if (given.empty() || given.front() != '/') whole.append(currentFolder).push_back('/');
   whole.append(given);
 
   std::vector<std::string_view> parts;
   const std::string_view view = whole;
   for (std::size_t start = 0; start < view.size();) {
     std::size_t end = view.find('/', start);
-    if (end == std::string_view::npos) {
-      end = view.size();
-    }
+    if (end == std::string_view::npos) end = view.size();
     const std::string_view part = view.substr(start, end - start);
     if (part == "..") {
-      if (!parts.empty()) {
-        parts.pop_back();
-      }
+      if (!parts.empty()) parts.pop_back();
     } else if (!part.empty() && part != ".") {
       parts.push_back(part);
     }
@@ -86,9 +78,7 @@ std::string absolutePath(std::string_view given, std::string_view currentFolder)
   }
 
   std::string path;
-  for (const std::string_view part : parts) {
-    path.append("/").append(part);
-  }
+  for (const std::string_view part : parts) path.append("/").append(part);
   return path.empty() ? "/" : path;
 }
 
@@ -109,9 +99,7 @@ void requireFolder(const std::string& path) {
 
 void requireExisting(const std::string& path) {
   struct stat status{};
-  if (lstat(path.c_str(), &status) != 0) {
-    throw fileFailure(path, errno == ENOTDIR ? ENOENT : errno);
-  }
+  if (lstat(path.c_str(), &status) != 0) throw fileFailure(path, errno == ENOTDIR ? ENOENT : errno);
 }
 
 std::vector<Entry> readFolder(const std::string& folder) {
@@ -121,15 +109,11 @@ std::vector<Entry> readFolder(const std::string& folder) {
     errno = 0;
     const dirent* next = readdir(open.get());
     if (next == nullptr) {
-      if (errno != 0) {
-        throw fileFailure(folder, errno);
-      }
+      if (errno != 0) throw fileFailure(folder, errno);
       return entries;
     }
     const std::string_view name = next->d_name;
-    if (name == "." || name == "..") {
-      continue;
-    }
+    if (name == "." || name == "..") continue;
     struct stat status{};
     if (fstatat(dirfd(open.get()), next->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
       entries.push_back(entryOf(std::string{name}, status));
@@ -142,9 +126,7 @@ std::vector<Entry> readFolder(const std::string& folder) {
 
 std::optional<Entry> readEntry(const std::string& folder, const std::string& name) {
   struct stat status{};
-  if (lstat(client::childPath(folder, name).c_str(), &status) != 0) {
-    return std::nullopt;
-  }
+  if (lstat(client::childPath(folder, name).c_str(), &status) != 0) return std::nullopt;
   return entryOf(name, status);
 }
 
@@ -165,9 +147,7 @@ std::vector<Item> sortedItems(const std::map<std::string, Item>& items) {
   });
   std::vector<Item> sorted;
   sorted.reserve(keyed.size());
-  for (const Keyed& one : keyed) {
-    sorted.push_back(*one.item);
-  }
+  for (const Keyed& one : keyed) sorted.push_back(*one.item);
   return sorted;
 }
 

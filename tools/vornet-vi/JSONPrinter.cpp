@@ -21,15 +21,11 @@ class JSONPrinter final : public Printer {
   void list(const std::string& folder, const std::vector<Item>& items, bool watched) override {
     for (const Item& item : items) {
       json::object object;
-      if (watched) {
-        object["event"] = "entry";
-      }
+      if (watched) object["event"] = "entry";
       addItem(object, folder, item);
       write(object);
     }
-    if (watched) {
-      write({{"event", "watching"}, {"url", client::urlOfPath(folder)}, {"entries", items.size()}});
-    }
+    if (watched) write({{"event", "watching"}, {"url", client::urlOfPath(folder)}, {"entries", items.size()}});
     output_.flush();
   }
 
@@ -47,9 +43,7 @@ class JSONPrinter final : public Printer {
         break;
     }
     addItem(object, folder, change.item);
-    if (change.kind == Change::Kind::badge) {
-      object["was"] = text(change.was);
-    }
+    if (change.kind == Change::Kind::badge) object["was"] = text(change.was);
     write(object);
     output_.flush();
   }
@@ -75,9 +69,7 @@ class JSONPrinter final : public Printer {
 
   void performed(const MenuEntry& entry, const std::vector<std::string>& selection) override {
     json::array items;
-    for (const std::string& path : selection) {
-      items.emplace_back(client::urlOfPath(path));
-    }
+    for (const std::string& path : selection) items.emplace_back(client::urlOfPath(path));
     write({{"title", text(entry.title)}, {"action", text(entry.action)}, {"items", std::move(items)}});
     output_.flush();
   }
@@ -89,9 +81,8 @@ class JSONPrinter final : public Printer {
     object["stop_reason"] = status.stopReason ? json::value(text(*status.stopReason)) : json::value(nullptr);
     if (status.info) {
       json::array folders;
-      for (const std::string& folder : status.info->observedFolders) {
+      for (const std::string& folder : status.info->observedFolders)
         folders.emplace_back(folder.starts_with('/') ? json::string(client::urlOfPath(folder)) : text(folder));
-      }
       object["version"] = text(status.info->version);
       object["observed_folders"] = std::move(folders);
       object["log_file"] = text(status.info->logFile);

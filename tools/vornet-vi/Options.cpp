@@ -37,9 +37,8 @@ std::vector<std::string> argumentsOf(int argc, const char* const* argv) {
       pathsOnly = true;
       continue;
     }
-    if ((pathsOnly && argument.starts_with('-')) || (argument.starts_with('[') && argument.ends_with(']'))) {
+    if ((pathsOnly && argument.starts_with('-')) || (argument.starts_with('[') && argument.ends_with(']')))
       argument.insert(0, "./");
-    }
     arguments.push_back(std::move(argument));
   }
   std::reverse(arguments.begin(), arguments.end());
@@ -51,9 +50,7 @@ void addPaths(CLI::App* command, std::vector<std::string>& paths) {
 }
 
 Options::Colour colourOf(const std::string& when) {
-  if (when == "always") {
-    return Options::Colour::always;
-  }
+  if (when == "always") return Options::Colour::always;
   return when == "never" ? Options::Colour::never : Options::Colour::automatic;
 }
 
@@ -117,20 +114,17 @@ std::optional<Options> readOptions(int argc, const char* const* argv, int& exitC
 
   options.colour = colourOf(colour);
   options.timeout = milliseconds(timeout);
-  if (forSeconds->count() > 0) {
-    options.duration = milliseconds(duration);
-  }
-  if (list->parsed()) {
+  if (forSeconds->count() > 0) options.duration = milliseconds(duration);
+  if (list->parsed())
     options.command = Options::Command::list;
-  } else if (watch->parsed()) {
+  else if (watch->parsed())
     options.command = Options::Command::watch;
-  } else if (menu->parsed()) {
+  else if (menu->parsed())
     options.command = Options::Command::menu;
-  } else if (perform->parsed()) {
+  else if (perform->parsed())
     options.command = Options::Command::perform;
-  } else if (status->parsed()) {
+  else if (status->parsed())
     options.command = Options::Command::status;
-  }
   return options;
 }
 

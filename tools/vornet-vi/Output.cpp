@@ -17,9 +17,7 @@ constexpr std::size_t MUCH = 64 * 1024;
 
 void Output::write(std::string_view text) {
   pending_.append(text);
-  if (pending_.size() >= MUCH) {
-    flush();
-  }
+  if (pending_.size() >= MUCH) flush();
 }
 
 void Output::flush() {

@@ -56,9 +56,8 @@ class Printer {
 
   /// What a badge is called: its label as registered, the identifier itself when it is not.
   std::string labelOf(const std::string& identifier) const {
-    for (const Badge& badge : badges_) {
+    for (const Badge& badge : badges_)
       if (badge.identifier == identifier) return badge.label;
-    }
     return identifier;
   }
 

@@ -75,21 +75,16 @@ ProgramRun::ProgramRun(const Settings& settings, const std::vector<std::string>&
   const bool onTerminal = settings.terminalColumns > 0;
   const client::GObjectPtr<GSubprocessLauncher> launcher{g_subprocess_launcher_new(static_cast<GSubprocessFlags>(
       G_SUBPROCESS_FLAGS_STDERR_PIPE | (onTerminal ? 0 : G_SUBPROCESS_FLAGS_STDOUT_PIPE)))};
-  for (const char* variable : {"DBUS_SESSION_BUS_ADDRESS", "DISPLAY", "NO_COLOR", "LANG", "LANGUAGE"}) {
+  for (const char* variable : {"DBUS_SESSION_BUS_ADDRESS", "DISPLAY", "NO_COLOR", "LANG", "LANGUAGE"})
     g_subprocess_launcher_unsetenv(launcher.get(), variable);
-  }
   const auto set = [&launcher](const std::string& name, const std::string& value) {
     g_subprocess_launcher_setenv(launcher.get(), name.c_str(), value.c_str(), TRUE);
   };
   set("LC_ALL", settings.locale);
   set("TERM", "xterm-256color");
   set("XDG_RUNTIME_DIR", "/nonexistent");
-  if (!settings.busAddress.empty()) {
-    set("DBUS_SESSION_BUS_ADDRESS", settings.busAddress);
-  }
-  for (const auto& [name, value] : settings.environment) {
-    set(name, value);
-  }
+  if (!settings.busAddress.empty()) set("DBUS_SESSION_BUS_ADDRESS", settings.busAddress);
+  for (const auto& [name, value] : settings.environment) set(name, value);
   g_subprocess_launcher_set_cwd(launcher.get(), settings.currentFolder.c_str());
   if (onTerminal) {
     int master = -1;
@@ -97,24 +92,18 @@ ProgramRun::ProgramRun(const Settings& settings, const std::vector<std::string>&
     winsize size{};
     size.ws_col = static_cast<unsigned short>(settings.terminalColumns);
     size.ws_row = 24;
-    if (openpty(&master, &slave, nullptr, nullptr, &size) != 0) {
-      throw std::runtime_error("no pseudo-terminal");
-    }
+    if (openpty(&master, &slave, nullptr, nullptr, &size) != 0) throw std::runtime_error("no pseudo-terminal");
     g_subprocess_launcher_take_stdout_fd(launcher.get(), slave);
     outputStream_.reset(g_unix_input_stream_new(master, TRUE));
   }
 
   std::vector<const gchar*> command{VORNET_VI_PROGRAM};
-  for (const std::string& argument : arguments) {
-    command.push_back(argument.c_str());
-  }
+  for (const std::string& argument : arguments) command.push_back(argument.c_str());
   command.push_back(nullptr);
   client::GErrorPtr error;
   process_.reset(g_subprocess_launcher_spawnv(launcher.get(), command.data(), client::ErrorTo(error)));
   if (error) throw std::runtime_error(error->message);
-  if (!onTerminal) {
-    outputStream_.reset(G_INPUT_STREAM(g_object_ref(g_subprocess_get_stdout_pipe(process_.get()))));
-  }
+  if (!onTerminal) outputStream_.reset(G_INPUT_STREAM(g_object_ref(g_subprocess_get_stdout_pipe(process_.get()))));
   g_subprocess_launcher_close(launcher.get());
   read(outputStream_.get(), &output);
   read(g_subprocess_get_stderr_pipe(process_.get()), &errors);
@@ -128,9 +117,7 @@ ProgramRun::ProgramRun(const Settings& settings, const std::vector<std::string>&
 }
 
 ProgramRun::~ProgramRun() {
-  if (!ended_) {
-    g_subprocess_force_exit(process_.get());
-  }
+  if (!ended_) g_subprocess_force_exit(process_.get());
   g_cancellable_cancel(cancellable_.get());
   waitUntil([this] { return ended_ && openStreams_ == 0; });
 }
@@ -145,12 +132,8 @@ void ProgramRun::takeBytes(GObject* stream, GAsyncResult* result, gpointer data)
   std::unique_ptr<Reading> reading{static_cast<Reading*>(data)};
   GBytes* bytes = g_input_stream_read_bytes_finish(G_INPUT_STREAM(stream), result, nullptr);
   const gsize size = bytes == nullptr ? 0 : g_bytes_get_size(bytes);
-  if (size > 0) {
-    reading->into->append(static_cast<const char*>(g_bytes_get_data(bytes, nullptr)), size);
-  }
-  if (bytes != nullptr) {
-    g_bytes_unref(bytes);
-  }
+  if (size > 0) reading->into->append(static_cast<const char*>(g_bytes_get_data(bytes, nullptr)), size);
+  if (bytes != nullptr) g_bytes_unref(bytes);
   if (size == 0) {
     --*reading->open;
     return;
@@ -161,9 +144,8 @@ void ProgramRun::takeBytes(GObject* stream, GAsyncResult* result, gpointer data)
 }
 
 int ProgramRun::wait() {
-  if (!waitUntil([this] { return ended_ && openStreams_ == 0; }) || !g_subprocess_get_if_exited(process_.get())) {
+  if (!waitUntil([this] { return ended_ && openStreams_ == 0; }) || !g_subprocess_get_if_exited(process_.get()))
     return -1;
-  }
   return g_subprocess_get_exit_status(process_.get());
 }
 

@@ -25,9 +25,7 @@ bool waitUntil(const Condition& done) {
         return G_SOURCE_CONTINUE;
       },
       &late);
-  while (!late && !done()) {
-    g_main_context_iteration(nullptr, TRUE);
-  }
+  while (!late && !done()) g_main_context_iteration(nullptr, TRUE);
   g_source_remove(timer);
   return !late;
 }

@@ -80,9 +80,7 @@ TEST_F(ProgramTest, ListAsksForABigFolderInBatches) {
   TestExtension extension{bus, root.path()};
   for (int i = 0; i < 10'000; ++i) {
     const std::string path = root.file("file " + std::to_string(i));
-    if (i % 3 == 0) {
-      extension.badges[urlOf(path)] = "SYNCED";
-    }
+    if (i % 3 == 0) extension.badges[urlOf(path)] = "SYNCED";
   }
   ASSERT_EQ(run({"list", "--json", root.path()}), 0) << errors;
   EXPECT_EQ(extension.requestSizes(), std::vector<std::size_t>(20, 500));
@@ -250,23 +248,18 @@ TEST_F(ProgramTest, WrongUsageEndsWithTwo) {
 
 TEST_F(ProgramTest, HelpIsThereForEveryCommand) {
   EXPECT_EQ(run({"--help"}), 0);
-  for (const std::string command : {"list", "watch", "menu", "perform", "status"}) {
+  for (const std::string command : {"list", "watch", "menu", "perform", "status"})
     EXPECT_TRUE(contains(output, command));
-  }
   for (const std::string command : {"list", "watch", "menu", "perform", "status"}) {
     EXPECT_EQ(run({command, "--help"}), 0);
     EXPECT_TRUE(contains(output, "Usage: vornet-vi " + command)) << output;
-    for (const std::string& line : lines) {
-      EXPECT_LE(displayWidth(line), 80U) << line;
-    }
+    for (const std::string& line : lines) EXPECT_LE(displayWidth(line), 80U) << line;
   }
 }
 
 TEST_F(ProgramTest, AReaderThatLeavesEndsTheListQuietly) {
   TestExtension extension{bus, root.path()};
-  for (int i = 0; i < 2000; ++i) {
-    root.file(std::string(200, 'x') + std::to_string(i));
-  }
+  for (int i = 0; i < 2000; ++i) root.file(std::string(200, 'x') + std::to_string(i));
   ProgramRun program{settings(), {"list", root.path()}};
   program.closeOutput();
   EXPECT_EQ(program.wait(), 0);
@@ -283,9 +276,7 @@ class WatchTest : public ProgramTest {
     for (const std::string& line : program.lines()) {
       boost::system::error_code incomplete;
       const auto value = boost::json::parse(line, incomplete);
-      if (!incomplete && value.as_object().at("event").as_string() == event) {
-        found.push_back(value.as_object());
-      }
+      if (!incomplete && value.as_object().at("event").as_string() == event) found.push_back(value.as_object());
     }
     return found;
   }
@@ -345,9 +336,7 @@ TEST_F(WatchTest, AsksForManyNewEntriesInBatches) {
   TestExtension extension{bus, root.path()};
   ProgramRun program{settings(), {"watch", "--json", root.path()}};
   ASSERT_TRUE(waitForEvents(program, "watching"));
-  for (int i = 0; i < 2000; ++i) {
-    root.file(std::to_string(i));
-  }
+  for (int i = 0; i < 2000; ++i) root.file(std::to_string(i));
   ASSERT_TRUE(waitForEvents(program, "new", 2000));
   const auto sizes = extension.requestSizes();
   EXPECT_LE(*std::max_element(sizes.begin(), sizes.end()), 500U);
@@ -701,9 +690,8 @@ TEST_F(StopReasonTest, IsAbsentWhenTheExtensionRunsOrEndedOtherwise) {
 TEST_F(StopReasonTest, IsTheLastOneOfALongLogThatGoesOnForAFewLines) {
   TestBus bus{"exit 1"};
   std::string lines;
-  for (int i = 0; i < 1000; ++i) {
+  for (int i = 0; i < 1000; ++i)
     lines += "2026-03-01 13:05:09.000 [Info] [FinderSync] beginObserving: Directory enter: /root\n";
-  }
   write(lines + FATAL + "2026-03-01 13:05:10.000 [Info] [FinderSync] beginObserving: Directory enter: /root\n");
   EXPECT_EQ(boost::json::parse(run(bus, {"status", "--json"})).at("stop_reason"), "no text\x1b under root_dir");
 }

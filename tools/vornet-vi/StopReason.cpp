@@ -26,9 +26,7 @@ std::string logFile() {
   std::string containers = absoluteFolderFrom("VORNET_GROUP_CONTAINERS");
   if (containers.empty()) {
     std::string data = absoluteFolderFrom("XDG_DATA_HOME");
-    if (data.empty()) {
-      data = std::string{g_get_home_dir()} + "/.local/share";
-    }
+    if (data.empty()) data = std::string{g_get_home_dir()} + "/.local/share";
     containers = data + "/group-containers";
   }
   return containers + LOG_BELOW_CONTAINERS;
@@ -38,9 +36,7 @@ std::string logFile() {
 std::string tailOf(const std::string& path) {
   std::string tail;
   const int file = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);  // a FIFO would make it wait
-  if (file < 0) {
-    return tail;
-  }
+  if (file < 0) return tail;
   struct stat kind{};
   if (fstat(file, &kind) == 0 && S_ISREG(kind.st_mode)) {
     tail.resize(static_cast<std::size_t>(std::min(kind.st_size, TAIL_BYTES)));
@@ -57,9 +53,7 @@ std::optional<std::string> lastStopReason() {
   const std::string tail = tailOf(logFile());
   // Other threads may have logged a line more before the process was gone.
   const auto mark = tail.rfind(MARK);
-  if (mark == std::string::npos) {
-    return std::nullopt;
-  }
+  if (mark == std::string::npos) return std::nullopt;
   const auto start = mark + MARK.size();
   return tail.substr(start, tail.find('\n', start) - start);
 }

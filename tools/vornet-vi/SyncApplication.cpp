@@ -71,9 +71,7 @@ std::optional<uid_t> listeningUser(std::uint16_t port) {
            std::pair{"/proc/net/tcp6", mapped + none},
            std::pair{"/proc/net/tcp6", none + none + none + none},
        }) {
-    if (const auto user = userInTable(table, address, port)) {
-      return user;
-    }
+    if (const auto user = userInTable(table, address, port)) return user;
   }
   return std::nullopt;
 }
@@ -121,9 +119,7 @@ SyncApplicationState askSyncApplication(const std::string& address) {
       state.problem = curl_easy_strerror(code);
       break;
   }
-  if (state.outcome != SyncApplicationState::Outcome::answers) {
-    state.httpStatus = 0;
-  }
+  if (state.outcome != SyncApplicationState::Outcome::answers) state.httpStatus = 0;
   return state;
 }
 

@@ -41,9 +41,7 @@ TEST(SyncApplicationTest, ProxiesOfTheEnvironmentAreIgnored) {
   const Listener listener;
   std::thread server{[&] { listener.serve("HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"); }};
   const SyncApplicationState state = askSyncApplication(listener.address());
-  if (state.outcome != SyncApplicationState::Outcome::answers) {
-    listener.interrupt();
-  }
+  if (state.outcome != SyncApplicationState::Outcome::answers) listener.interrupt();
   EXPECT_EQ(state.outcome, SyncApplicationState::Outcome::answers);
   server.join();
 }

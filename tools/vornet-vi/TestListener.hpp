@@ -47,16 +47,12 @@ class Listener {
   /// Takes one connection and its request, up to the end of the expected body, answers, and returns the request.
   std::string serve(const std::string& answer) const {
     const int connection = accept(socket_, nullptr, nullptr);
-    if (connection < 0) {
-      return {};
-    }
+    if (connection < 0) return {};
     std::string request;
     std::array<char, 1024> buffer{};
     while (!request.ends_with("}")) {
       const ssize_t size = recv(connection, buffer.data(), buffer.size(), 0);
-      if (size <= 0) {
-        break;
-      }
+      if (size <= 0) break;
       request.append(buffer.data(), static_cast<std::size_t>(size));
     }
     EXPECT_EQ(send(connection, answer.data(), answer.size(), MSG_NOSIGNAL), static_cast<ssize_t>(answer.size()));

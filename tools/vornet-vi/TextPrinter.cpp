@@ -142,9 +142,8 @@ std::string TextPrinter::summaryOf(const std::vector<Item>& items) const {
 void TextPrinter::list(const std::string& folder, const std::vector<Item>& items, bool watched) {
   // The first to be left out on a narrow terminal are kind and size.
   Table table({Column(), {Align::left, true}, {Align::right, true}, {}});
-  if (isTerminal()) {
+  if (isTerminal())
     table.addRow({{"Badge", Tint::faint}, {"Kind", Tint::faint}, {"Size", Tint::faint}, {"Name", Tint::faint}});
-  }
   for (const Item& item : items) {
     table.addRow({badgeCell(item.badge, isTerminal() ? "" : NOTHING),
                   {kindName(item.entry.kind)},
@@ -169,9 +168,8 @@ std::string TextPrinter::noteOf(const Change& change) const {
 void TextPrinter::change(const std::string&, const Change& change) {
   const bool isGone = change.kind == Change::Kind::vanished;
   const Cell name = nameCell(change.item.entry);
-  if (isTerminal()) {
+  if (isTerminal())
     return event(isGone ? Cell{"gone", Tint::faint} : badgeCell(change.item.badge, "no badge"), name, noteOf(change));
-  }
   // Lines that come one by one cannot be aligned with later ones.
   const char* what = isGone ? "gone" : change.kind == Change::Kind::appeared ? "new" : "badge";
   line(std::string(what) + "  " + tint(badgeCell(change.item.badge, NOTHING)) + "  " + tint(name));

@@ -130,11 +130,10 @@ void Watch::handleDisk(GFileMonitor*, GFile* file, GFile* other, GFileMonitorEve
 void Watch::touch(GFile* file) {
   const GCharPtr path(file ? g_file_get_path(file) : nullptr);
   if (!path) return;
-  if (folder_.path() == path.get()) {
+  if (folder_.path() == path.get())
     hasFolderVanished_ = true;
-  } else if (client::folderOf(path.get()) == folder_.path()) {
+  else if (client::folderOf(path.get()) == folder_.path())
     touched_.emplace(client::nameOf(path.get()));
-  }
 }
 
 // --- What is done about it ------------------------------------------------------------------------------------------
@@ -235,9 +234,8 @@ void Watch::follow() {
       observeAgain();
       continue;
     }
-    if (!folder_.observedBy().empty() && !folder_.isObserved() && !refresh_.isRunning()) {
+    if (!folder_.observedBy().empty() && !folder_.isObserved() && !refresh_.isRunning())
       refresh_.start(UNOBSERVED_REFRESH, [this] { isRefreshDue_ = true; });
-    }
     if (!touched_.empty() && !g_main_context_pending(nullptr)) {
       folder_.update(std::exchange(touched_, {}),
                      [this](const Item& item) { changes_.push_back({Change::Kind::vanished, item, ""}); });
@@ -264,9 +262,8 @@ void Watch::run(std::optional<std::chrono::milliseconds> duration) {
     check();
   }
   if (isUnread_) throw BrokenPipe();
-  if (isTimeUp_ && !isListed_) {
+  if (isTimeUp_ && !isListed_)
     throw Failure(FailureKind::timedOut, "the time was up before the extension had answered");
-  }
   if (folder_.isObserved() && extension_.owner() == folder_.observedBy()) {
     try {
       extension_.endObserving(folder_.path(), FAREWELL);

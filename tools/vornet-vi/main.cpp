@@ -41,9 +41,7 @@ bool wantsColour(Options::Colour colour, bool isTerminal) {
 }
 
 std::unique_ptr<vornet::vi::Printer> makePrinter(const Options& options, vornet::vi::Output& output) {
-  if (options.json) {
-    return vornet::vi::makeJSONPrinter(output);
-  }
+  if (options.json) return vornet::vi::makeJSONPrinter(output);
   const bool isTerminal = isatty(output.descriptor()) != 0;
   Look look{wantsColour(options.colour, isTerminal), vornet::vi::localeIsUTF8(), std::nullopt};
   if (isTerminal) {
@@ -55,9 +53,7 @@ std::unique_ptr<vornet::vi::Printer> makePrinter(const Options& options, vornet:
 }
 
 std::string absolute(const std::string& given) {
-  if (given.empty()) {
-    throw std::runtime_error("an empty path names nothing");
-  }
+  if (given.empty()) throw std::runtime_error("an empty path names nothing");
   // As the shell calls it, its links unresolved, where that is still true.
   const vornet::client::GCharPtr currentFolder(g_get_current_dir());
   return vornet::vi::absolutePath(given, currentFolder.get());
@@ -72,9 +68,7 @@ void run(const Options& options, vornet::vi::Output& output) {
   }
   const bool hasFolder = options.command == Options::Command::list || options.command == Options::Command::watch;
   const std::string folder = hasFolder ? absolute(options.folder) : std::string{};
-  if (hasFolder) {
-    vornet::vi::requireFolder(folder);
-  }
+  if (hasFolder) vornet::vi::requireFolder(folder);
 
   vornet::vi::Extension extension(options.timeout);
   switch (options.command) {

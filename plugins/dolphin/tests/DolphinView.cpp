@@ -9,9 +9,8 @@ DolphinView::DolphinView(KOverlayIconPlugin* overlays, QWidget* parent)
   connect(lister_, &KCoreDirLister::newItems, this, &DolphinView::onItems);
   connect(lister_, qOverload<>(&KCoreDirLister::clear), this, [this] { emblems_.clear(); });
   connect(lister_, &KCoreDirLister::clearDir, this, [this](const QUrl& folder) {
-    for (auto item = emblems_.begin(); item != emblems_.end();) {
+    for (auto item = emblems_.begin(); item != emblems_.end();)
       item = folder.isParentOf(item->first) ? emblems_.erase(item) : std::next(item);
-    }
   });
   if (overlays_) connect(overlays_, &KOverlayIconPlugin::overlaysChanged, this, &DolphinView::onOverlays);
 }

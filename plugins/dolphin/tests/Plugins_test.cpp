@@ -238,10 +238,8 @@ TEST_F(Plugins, NothingOutsideTheSyncedFolderHasAnEmblem) {
   ASSERT_TRUE(Host::waitUntil([&] { return view->lists(urlOf(outside + "/stranger")); }));
   ASSERT_TRUE(waitForEmblem(*within, "file", SYNCED));
   EXPECT_TRUE(view->emblem(urlOf(outside + "/stranger")).isEmpty());
-  for (const char* other :
-       {"", "trash:/file", "smb://host/file", "file://host/file", "file:///", "http://[", "file:"}) {
+  for (const char* other : {"", "trash:/file", "smb://host/file", "file://host/file", "file:///", "http://[", "file:"})
     EXPECT_TRUE(host->overlays()->getOverlays(QUrl(QString::fromLatin1(other))).isEmpty()) << other;
-  }
   EXPECT_EQ(logged(outside), 0u);
 }
 

@@ -24,9 +24,8 @@ struct FakeWindows::Parts {
     const auto until = std::chrono::steady_clock::now() + 30s;
     std::string number;
     while (number.empty()) {
-      if (std::chrono::steady_clock::now() > until) {
+      if (std::chrono::steady_clock::now() > until)
         throw std::runtime_error("no display: " + readFile(folder / "server.output"));
-      }
       std::this_thread::sleep_for(5ms);
       number = numberIn(readFile(folder / "server.output"));
     }

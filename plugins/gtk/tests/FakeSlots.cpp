@@ -36,20 +36,18 @@ void addObjectSignal(gpointer type, const char* name) {
 
 void getProperty(GObject* object, guint property, GValue* value, GParamSpec*) {
   const auto* slot = reinterpret_cast<Slot*>(object);
-  if (property == LOCATION) {
+  if (property == LOCATION)
     g_value_set_object(value, slot->location);
-  } else {
+  else
     g_value_set_boolean(value, slot->active);
-  }
 }
 
 void setProperty(GObject* object, guint property, const GValue* value, GParamSpec*) {
   auto* slot = reinterpret_cast<Slot*>(object);
-  if (property == LOCATION) {
+  if (property == LOCATION)
     g_set_object(&slot->location, static_cast<GFile*>(g_value_get_object(value)));
-  } else {
+  else
     slot->active = g_value_get_boolean(value);
-  }
 }
 
 void finalizeSlot(GObject* object) {

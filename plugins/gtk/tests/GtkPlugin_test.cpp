@@ -70,11 +70,10 @@ class VORNET_PLUGIN_SUITE : public testing::Test {
     const auto folder = environment.folder().path() / "bus";
     const auto none = environment.folder().path() / "no-services";
     fs::create_directories(none);
-    if (withExtension) {
+    if (withExtension)
       bus.emplace(folder);
-    } else {
+    else
       bus.emplace(folder, none);
-    }
     address.emplace("DBUS_SESSION_BUS_ADDRESS", bus->address());
     host.emplace();
   }

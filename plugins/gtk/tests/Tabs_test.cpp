@@ -48,9 +48,8 @@ class VORNET_TABS_SUITE : public testing::Test {
   /// Whether these are the folders that get observed, with the times.
   bool observes(const std::map<std::string, int>& folders) {
     std::multiset<std::string> urls;
-    for (const auto& [folder, times] : folders) {
+    for (const auto& [folder, times] : folders)
       for (int i = 0; i < times; ++i) urls.insert(urlOf(folder));
-    }
     return host->waitUntil([&] { return fake->observed == urls; });
   }
   /// How often a folder's observation began, or ended.
@@ -151,9 +150,7 @@ TEST_F(VORNET_TABS_SUITE, AClosedWindowTakesAllItsTabsAndPanesAlong) {
   ASSERT_TRUE(observes({{root + "/left", 1}, {root + "/right", 1}}));
   window.reset();
   EXPECT_TRUE(observes({}));
-  for (const char* name : {"/left", "/right", "/back"}) {
-    EXPECT_EQ(begun(root + name), ended(root + name)) << name;
-  }
+  for (const char* name : {"/left", "/right", "/back"}) EXPECT_EQ(begun(root + name), ended(root + name)) << name;
 }
 
 TEST_F(VORNET_TABS_SUITE, ObservesNothingThatIsNoLocalFolder) {

@@ -60,16 +60,14 @@ class ShownMenu {
   }
   std::vector<std::string> titles() const {
     std::vector<std::string> result;
-    for (auto* entry = items_.get(); entry; entry = entry->next) {
+    for (auto* entry = items_.get(); entry; entry = entry->next)
       result.push_back(text(THUNARX_MENU_ITEM(entry->data), "label"));
-    }
     return result;
   }
   std::size_t enabled() const {
     std::size_t result = 0;
-    for (auto* entry = items_.get(); entry; entry = entry->next) {
+    for (auto* entry = items_.get(); entry; entry = entry->next)
       result += thunarx_menu_item_get_sensitive(THUNARX_MENU_ITEM(entry->data)) ? 1 : 0;
-    }
     return result;
   }
   void choose(const std::string& title) const {

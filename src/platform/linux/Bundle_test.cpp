@@ -15,9 +15,8 @@ using testing::IsEmpty;
 using testing::UnorderedElementsAre;
 
 TEST(Bundle, SaysNothingBeforeItIsSet) {
-  for (const char* key : {"CFBundleIdentifier", "CFBundleShortVersionString", "CFBundleVersion"}) {
+  for (const char* key : {"CFBundleIdentifier", "CFBundleShortVersionString", "CFBundleVersion"})
     EXPECT_EQ(bundleInfoText(key), std::nullopt) << key;
-  }
   EXPECT_TRUE(host::mainBundle().imageFolders.empty());
 }
 

@@ -221,11 +221,9 @@ TEST(DateFormatterZone, IsTheSystemsWithItsSummerTime) {
 std::vector<std::string> zonesOfTheSystem() {
   const fs::path folder = "/usr/share/zoneinfo";
   std::vector<std::string> zones;
-  for (const auto& entry : fs::recursive_directory_iterator(folder)) {
-    if (entry.is_regular_file() && test::readFile(entry.path()).starts_with("TZif")) {
+  for (const auto& entry : fs::recursive_directory_iterator(folder))
+    if (entry.is_regular_file() && test::readFile(entry.path()).starts_with("TZif"))
       zones.push_back(fs::relative(entry.path(), folder).string());
-    }
-  }
   std::sort(zones.begin(), zones.end());
   return zones;
 }
@@ -273,9 +271,8 @@ std::vector<std::string> zonesThatDiffer(const std::vector<std::string>& zones) 
     for (const auto& instant : instants) {
       const auto written = formatter->stringFromDate(dateAt(instant));
       const auto whole = withFraction->stringFromDate(dateAt(instant));
-      if (difference.empty() && (written != *expected || !whole.starts_with(*expected + "."))) {
+      if (difference.empty() && (written != *expected || !whole.starts_with(*expected + ".")))
         difference = name + ": " + whole + " instead of " + *expected;
-      }
       ++expected;
     }
     if (!difference.empty()) differ.push_back(difference);

@@ -67,9 +67,8 @@ TEST_F(FilesTest, KindIsAbsentForLinksToNowhere) {
 
 TEST_F(FilesTest, KindIsAbsentWhereNothingCanStand) {
   writeFile(at("file"), "");
-  for (const auto& path : {at("missing"), at("file/below"), at("file/"), std::string(), at(std::string(300, 'x'))}) {
+  for (const auto& path : {at("missing"), at("file/below"), at("file/"), std::string(), at(std::string(300, 'x'))})
     EXPECT_EQ(fileKindAtPath(path), FileKind::absent) << path;
-  }
 }
 
 TEST_F(FilesTest, KindCountsOtherThingsAsFiles) {

@@ -147,11 +147,10 @@ void FIFinderSyncController::setBadgeIdentifier(std::string_view identifier, con
   impl_->room.wait(guard, [this] { return !impl_->isListenerFull; });
   auto* folder = impl_->folderOfItem(*url.path());
   if (!folder) return;
-  if (auto* item = impl_->itemToSet(*folder, *url.path())) {
+  if (auto* item = impl_->itemToSet(*folder, *url.path()))
     impl_->set(*item, url, identifier, false);
-  } else {
+  else
     impl_->tell(url, std::string(identifier));
-  }
 }
 
 void FIFinderSyncController::invalidateBadges(const FileURL& folder) {

@@ -32,9 +32,8 @@ TEST_F(ImagesTest, AreFoundByName) {
 }
 
 TEST_F(ImagesTest, AreAbsentWhenNoFolderHoldsThem) {
-  for (const char* name : {"missing", "", "both.png", "Both", "folder", "only large"}) {
+  for (const char* name : {"missing", "", "both.png", "Both", "folder", "only large"})
     EXPECT_FALSE(Image::named(name)) << name;
-  }
 }
 
 TEST_F(ImagesTest, AreAbsentWithoutFolders) {

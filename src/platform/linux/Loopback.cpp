@@ -48,9 +48,8 @@ class Answer {
     kernel.nl_family = AF_NETLINK;
     const auto sent =
         ::sendto(socket, &question, sizeof question, 0, reinterpret_cast<const sockaddr*>(&kernel), sizeof kernel);
-    if (sent == static_cast<ssize_t>(sizeof question)) {  // the kernel answers within the call
+    if (sent == static_cast<ssize_t>(sizeof question))  // the kernel answers within the call
       size_ = std::max<ssize_t>(::recv(socket, bytes_, sizeof bytes_, MSG_DONTWAIT), 0);
-    }
     ::close(socket);
   }
 

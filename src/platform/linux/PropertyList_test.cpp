@@ -107,9 +107,8 @@ TEST_F(PropertyListTest, HasNoTextForOtherValues) {
   for (const auto& bytes : {xml(content), binary(content)}) {
     const auto list = read(bytes);
     ASSERT_TRUE(list);
-    for (const char* key : {"i", "b", "r", "a", "d", "t", "y", "root_dir"}) {
+    for (const char* key : {"i", "b", "r", "a", "d", "t", "y", "root_dir"})
       EXPECT_EQ(list->textForKey(key), std::nullopt) << key;
-    }
   }
 }
 
@@ -152,9 +151,8 @@ TEST_F(PropertyListTest, SurvivesFilesCutOffAnywhere) {
   const std::string content =
       "<dict><key>root_dir</key><string>/home/ann</string><key>n</key><integer>1</integer></dict>";
   for (const auto& bytes : {xml(content), binary(content)}) {
-    for (std::size_t length = 0; length < bytes.size(); ++length) {
+    for (std::size_t length = 0; length < bytes.size(); ++length)
       if (const auto list = read(std::string_view(bytes).substr(0, length))) list->textForKey("root_dir");
-    }
   }
 }
 

@@ -13,9 +13,8 @@ FileKind fileKindAtPath(const std::string& path) noexcept {
   @autoreleasepool {
     NSString* item = cocoa::string(path);
     BOOL isDirectory = NO;
-    if (!item || ![[NSFileManager defaultManager] fileExistsAtPath:item isDirectory:&isDirectory]) {
+    if (!item || ![[NSFileManager defaultManager] fileExistsAtPath:item isDirectory:&isDirectory])
       return FileKind::absent;
-    }
     return isDirectory ? FileKind::directory : FileKind::file;
   }
 }

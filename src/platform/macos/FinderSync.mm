@@ -36,9 +36,7 @@ void FIFinderSyncController::setBadgeImage(const Image& image, std::string_view 
 
 void FIFinderSyncController::setBadgeIdentifier(std::string_view identifier, const FileURL& url) {
   @autoreleasepool {
-    if (NSURL* item = cocoa::url(url)) {
-      [frameworkController() setBadgeIdentifier:cocoa::string(identifier) forURL:item];
-    }
+    if (NSURL* item = cocoa::url(url)) [frameworkController() setBadgeIdentifier:cocoa::string(identifier) forURL:item];
   }
 }
 
@@ -57,9 +55,8 @@ std::set<FileURL> FIFinderSyncController::directoryURLs() const {
 void FIFinderSyncController::setDirectoryURLs(const std::set<FileURL>& urls) {
   @autoreleasepool {
     NSMutableSet<NSURL*>* set = [NSMutableSet set];
-    for (const auto& url : urls) {
+    for (const auto& url : urls)
       if (NSURL* folder = cocoa::url(url)) [set addObject:folder];
-    }
     [frameworkController() setDirectoryURLs:set];
   }
 }

@@ -9,7 +9,8 @@ namespace {
 NSData* bytesOfFile(NSString* path) {
   NSDictionary* attributes =
       [[NSFileManager defaultManager] attributesOfItemAtPath:[path stringByResolvingSymlinksInPath] error:NULL];
-  if (![[attributes fileType] isEqualToString:NSFileTypeRegular] || [attributes fileSize] > MAX_PROPERTY_LIST_BYTES) return nil;
+  if (![[attributes fileType] isEqualToString:NSFileTypeRegular] || [attributes fileSize] > MAX_PROPERTY_LIST_BYTES)
+    return nil;
   return [NSData dataWithContentsOfFile:path];
 }
 
@@ -40,9 +41,8 @@ std::optional<PropertyList> PropertyList::dictionaryAtPath(const std::string& pa
   @autoreleasepool {
     NSString* file = cocoa::string(path);
     NSData* bytes = file ? bytesOfFile(file) : nil;
-    if (scanPropertyList({static_cast<const char*>([bytes bytes]), [bytes length]}) == PropertyListFormat::none) {
+    if (scanPropertyList({static_cast<const char*>([bytes bytes]), [bytes length]}) == PropertyListFormat::none)
       return std::nullopt;
-    }
     NSDictionary* root = dictionaryIn(bytes);
     if (!root) return std::nullopt;
     return PropertyList(std::make_shared<const Impl>(root));

@@ -7,10 +7,8 @@ std::vector<std::int64_t> runningApplicationsWithBundleIdentifier(std::string_vi
     std::vector<std::int64_t> running;
     NSString* identifier = cocoa::string(bundleIdentifier);
     if (!identifier) return running;
-    for (NSRunningApplication* application in
-         [NSRunningApplication runningApplicationsWithBundleIdentifier:identifier]) {
+    for (NSRunningApplication* application in [NSRunningApplication runningApplicationsWithBundleIdentifier:identifier])
       running.push_back([application processIdentifier]);
-    }
     return running;
   }
 }

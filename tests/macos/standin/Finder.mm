@@ -76,9 +76,8 @@ void note(const std::string& event) {
 - (NSSet<NSURL*>*)directoryURLs {
   NSMutableSet* urls = [NSMutableSet set];
   const std::lock_guard guard(state().lock);
-  for (const auto& folder : state().folders) {
+  for (const auto& folder : state().folders)
     [urls addObject:[NSURL fileURLWithPath:string(folder) isDirectory:folder.ends_with('/')]];
-  }
   return urls;
 }
 
@@ -147,9 +146,8 @@ NSArray* runningApplications(id, SEL, NSString* bundleIdentifier) {
   const std::lock_guard guard(state().lock);
   state().asked.push_back(text(bundleIdentifier));
   NSMutableArray* applications = [NSMutableArray array];
-  for (std::size_t i = 0; i < state().running; ++i) {
+  for (std::size_t i = 0; i < state().running; ++i)
     [applications addObject:[[[NSRunningApplication alloc] init] autorelease]];
-  }
   return applications;
 }
 
