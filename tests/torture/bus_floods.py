@@ -8,10 +8,9 @@ from helpers import Flood, HonestClient
 from room import FOLDERS
 
 MOST_MEMORY = 100  # MiB
-TARGET = (
-    f"badge p99 < 100 ms or < 2 x bare; peak < {MOST_MEMORY} MiB; "
-    "honest calls: none refused, wrong or unanswered, menus in 10 s"
-)
+# Badge p99 below 100 ms or twice the bare one; peak below MOST_MEMORY; no honest call refused, wrong or unanswered; menus
+# within 10 s.
+TARGET = "flood"
 MANY = 10_000  # URLs in a call: as many as it may have
 
 
@@ -56,7 +55,7 @@ def filled(room):
     return [room.url(f"fill/e{number:05}") for number in range(MANY)]
 
 
-@attack("quiet: one badge every 20 ms, menus", "badge p99 < 100 ms; nothing refused or wrong")
+@attack("quiet", "steady")
 def quiet(torture, row):
     with torture.room() as room:
         process = room.start_extension()
