@@ -83,7 +83,7 @@ BadgeAnswers::Outcome BadgeAnswers::answer(const std::string& client, const std:
     if (!carriesBadge(roots, items[i])) continue;
     const auto& path = *items[i].path();
     auto shown = platform::host::badgeIdentifier(items[i]);
-    if (!shown && found[i] && platform::host::isOverlooked(items[i]) && requiredStatusManager().isCached(items[i])) {
+    if (!shown && found[i] && platform::host::isOverlooked(items[i]) && extension_.isCached(items[i])) {
       found[i] = ask(items[i]);  // its changes were not noted; the cache is as new as whatever was signalled
     }
     if (!found[i]) {

@@ -7,6 +7,7 @@
 #include "dbus/Interface.hpp"
 #include "platform/FinderSync.hpp"
 #include "platform/linux/FinderSyncHost.hpp"
+#include "platform/linux/Host.hpp"
 
 namespace vornet::service {
 namespace {
@@ -21,6 +22,10 @@ constexpr std::size_t MOST_ON_ITS_WAY = 256 * 1024;
 
 // So many changes are taken from those that wait while others must wait to add theirs.
 constexpr int CHANGES_A_TURN = 100;
+
+// After so many changes memory is given back, once so much time has passed without another so many.
+constexpr std::size_t STORM = 20'000;
+constexpr std::chrono::milliseconds CALM{500};
 
 constexpr std::size_t MEMORY_OF_A_CHANGE = 200;  // beside its path, which is there twice
 
@@ -114,6 +119,7 @@ BadgeChanges::BadgeChanges(GDBusConnection* connection, const ObservationRegistr
     : connection_(connection),
       observations_(observations),
       timer_(pool.threads()),
+      calm_(pool.threads()),
       output_(std::make_shared<Output>(this)) {}
 
 BadgeChanges::~BadgeChanges() {
@@ -144,6 +150,7 @@ void BadgeChanges::stop() {
   const std::lock_guard guard(lock_);
   stopped_ = true;
   timer_.cancel();
+  calm_.cancel();
 }
 
 /// The connection takes more.
@@ -165,6 +172,15 @@ void BadgeChanges::send() {
   {
     const std::lock_guard guard(lock_);
     hasRoom = !isFull();
+    if (pending_.empty() && sent_ >= STORM && !stopped_) {
+      sent_ = 0;
+      pending_ = {};
+      calm_.expires_after(CALM);
+      // Changes by the ten thousand leave holes in the memory of several threads.
+      calm_.async_wait([](const boost::system::error_code& cancelled) {
+        if (!cancelled) platform::host::giveFreeMemoryBack();
+      });
+    }
   }
   if (hasRoom) platform::host::listenerHasRoom();
 }
@@ -183,6 +199,7 @@ bool BadgeChanges::sendSome() {
         auto next = pending_.extract(pending_.begin());
         waiting_ -= memoryOf(next.key());
         turn.push_back(std::move(next.mapped()));
+        ++sent_;
       }
     }
     if (turn.empty()) break;

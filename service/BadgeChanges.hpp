@@ -59,16 +59,18 @@ class BadgeChanges {
   bool sendSome();
   bool isFull() const { return waiting_ >= MOST_WAITING; }
 
-  static constexpr std::size_t MOST_WAITING = 2 * 1024 * 1024;  // bytes, of memory
+  static constexpr std::size_t MOST_WAITING = 1024 * 1024;  // bytes, of memory
 
   GDBusConnection* const connection_;
   const ObservationRegistry& observations_;
   std::mutex emission_;
   std::mutex lock_;  // guards what follows
   boost::asio::steady_timer timer_;
+  boost::asio::steady_timer calm_;  // expires when a storm of changes is over
   bool scheduled_ = false;
   bool stopped_ = false;
   std::unordered_map<std::string, Change> pending_;  // by path
+  std::size_t sent_ = 0;                             // since memory was last given back
   std::size_t waiting_ = 0;                          // bytes that they take, roughly
   const std::shared_ptr<Output> output_;
 };

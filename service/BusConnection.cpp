@@ -145,13 +145,19 @@ void becomePollableInput(gpointer type, gpointer) {
   auto* interface = static_cast<GPollableInputStreamInterface*>(type);
   interface->is_readable = [](GPollableInputStream* stream) -> gboolean {
     const Link& link = inputLink(stream);
-    return link.hasSomething() || g_pollable_input_stream_is_readable(link.input());
+    const gboolean readable = link.hasSomething() || g_pollable_input_stream_is_readable(link.input());
+    passHandOver();
+    return readable;
   };
   interface->create_source = [](GPollableInputStream* stream, GCancellable* cancellable) {
-    return inputLink(stream).createReadSource(stream, cancellable);
+    GSource* source = inputLink(stream).createReadSource(stream, cancellable);
+    passHandOver();
+    return source;
   };
   interface->read_nonblocking = [](GPollableInputStream* stream, void* buffer, gsize size, GError** error) {
-    return inputLink(stream).readNonblocking(static_cast<char*>(buffer), size, error);
+    const gssize count = inputLink(stream).readNonblocking(static_cast<char*>(buffer), size, error);
+    passHandOver();  // another thread may free the stream
+    return count;
   };
 }
 
@@ -455,7 +461,9 @@ GDBusConnection* connectToSessionBus(GError** error) {
 
 bool hasUnansweredCalls(GDBusConnection* connection) {
   GInputStream* input = g_io_stream_get_input_stream(g_dbus_connection_get_stream(connection));
-  return !g_dbus_connection_is_closed(connection) && inputLink(input).hasUnansweredCalls();
+  const bool has = !g_dbus_connection_is_closed(connection) && inputLink(input).hasUnansweredCalls();
+  passHandOver();  // GLib's thread may free the stream later
+  return has;
 }
 
 }  // namespace vornet::service

@@ -75,7 +75,7 @@ class OneCopy : public testing::Test {
     bus->stop();
     vornet::test::waitForEnd(process);
     EXPECT_THAT(readFile(bus->output()), Not(HasSubstr("Sanitizer"))) << "in the extension's process";
-    if (HasFailure()) std::fputs(readFile(bus->output()).c_str(), stderr);
+    if (HasFailure()) std::fputs((readFile(bus->output()) + readFile(environment.folder() / "output")).c_str(), stderr);
   }
 
   void configure(const std::string& folder) const {

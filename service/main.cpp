@@ -155,7 +155,7 @@ int serve(GDBusConnection* connection) {
   preferences.stop();
   answerWhatHasCome(connection);
   service.stop();
-  g_dbus_connection_flush_sync(connection, nullptr, nullptr);
+  g_dbus_connection_flush_sync(connection, nullptr, nullptr);  // answers may be waiting to be written
   vornet::statusManager()->stop_listener();
   return 0;
 }

@@ -230,13 +230,21 @@ TEST_F(PluginTabs, AnAnswerThatComesToATabInTheBackgroundIsDrawn) {
   EXPECT_TRUE(waitForEmblem("new", SKIPPED));
 }
 
-TEST_F(PluginTabs, ATabInTheBackgroundLosesItsEmblemsWithTheSyncedFolder) {
+TEST_F(PluginTabs, ATabInTheBackgroundLosesItsEmblemsWithTheSyncedFolderAndKeepsItsItems) {
   sendToBack();
   extension->setFolders({"file:///home/ann/Elsewhere"});
-  EXPECT_TRUE(waitForEmblem("a", ""));
+  EXPECT_TRUE(waitForEmblem("a", "") && waitForEmblem("b", ""));
+  const auto redrawn = manager.redraws(path("a"));
   extension->setFolders({url("")});
   manager.plugin->folderShown(root);
   EXPECT_TRUE(waitForEmblem("a", SYNCED));
+  EXPECT_EQ(manager.redraws(path("a")), redrawn + 1);
+  // The file manager does not ask for what nobody sees.
+  sendToBack();
+  for (const char* name : {"a", "b", "none"}) manager.hide(path(name));
+  extension->setFolders({"file:///home/ann/Elsewhere"});
+  ASSERT_TRUE(runUntil([&] { return manager.redraws(path("a")) == redrawn + 2; }));
+  EXPECT_EQ(FakeFileManager::keptItems(), 3u);
 }
 
 TEST_F(PluginTabs, AFolderWithoutRoomIsNotAskedForInTheBackground) {

@@ -272,7 +272,8 @@ TEST_F(FinderSyncTest, OnlyTheFirstFillOfAFolderHasItsBadgesAskedForAgain) {
   struct Invalidations : host::Listener {
     Invalidations() { host::setListener(this); }
     ~Invalidations() override { host::setListener(nullptr); }
-    void badgeChanged(const FileURL&, const std::string&) override {}
+    bool badgeChanged(const FileURL&, const std::string&) override { return true; }
+    void badgeAnswered(const FileURL&, const std::string&) override {}
     void badgesInvalidated(const FileURL& folder) override { folders.push_back(folder); }
     void directoriesChanged() override {}
     std::vector<FileURL> folders;

@@ -27,8 +27,8 @@ import preference_faults
 import observers
 
 LONG_FORM_ONLY = (
-    "application: 60 MiB of statuses, then few",  # takes long, and is known to miss its target: docs/reliability.md
-    "100,000 changes a pass, one observer deaf",  # its memory settles after more passes than the short form has
+    "application: 60 MiB of statuses, then few",  # takes long, and keeps a little too much: docs/reliability.md
+    "100,000 changes a pass, one observer deaf",  # takes half a minute on a busy machine
 )
 
 

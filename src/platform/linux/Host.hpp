@@ -24,6 +24,10 @@ const Bundle& mainBundle();
 /// other threads run.
 void keepLittleFreeMemory();
 
+/// Gives what is free in this process's memory back to the system, also what lies between what is used. Takes about a
+/// millisecond.
+void giveFreeMemoryBack();
+
 /// Says which other processes of the main bundle's application run: runningApplicationsWithBundleIdentifier() answers
 /// these and this process. None until it is called. Before other threads ask.
 void setOtherRunningApplications(std::vector<std::int64_t> processes);

@@ -25,9 +25,13 @@ void systemLog(std::string_view message) {
 
 void host::keepLittleFreeMemory() {
   // By itself it takes the largest block that was ever freed for the measure of both.
-  constexpr int LIMIT = 1 << 20;
-  ::mallopt(M_MMAP_THRESHOLD, LIMIT);
-  ::mallopt(M_TRIM_THRESHOLD, LIMIT);
+  ::mallopt(M_MMAP_THRESHOLD, 1 << 20);
+  ::mallopt(M_TRIM_THRESHOLD,
+            1 << 18);  // each of the threads' arenas keeps as much, which malloc_trim does not give back
+}
+
+void host::giveFreeMemoryBack() {
+  ::malloc_trim(0);
 }
 
 std::string processName() {
