@@ -74,7 +74,7 @@ def dripping(torture, row):
         note_memory(row, memory)
 
 
-@attack("application: reply cut in its headers", "badges stay; changes come later")
+@attack("application: reply cut in headers", "badges stay; changes come later")
 def cut(torture, row):
     with torture.room() as room:
         memory = watch(room.start_extension())
@@ -128,7 +128,7 @@ def one_at_a_time(torture, row):
         note_memory(row, memory)
 
 
-@attack("application: closes or resets after an action", "each action received once")
+@attack("application: resets after an action", "each action received once")
 def actions(torture, row):
     with torture.room() as room:
         memory = watch(room.start_extension())
@@ -182,7 +182,7 @@ def huge(row, room, fault, most, taken=None):
     row.require(not row.lost, "something was lost")
 
 
-@attack("application: 250 MiB of statuses that are none", "peak < 192 MiB; memory back")
+@attack("application: 250 MiB of non-statuses", "peak < 192 MiB; memory back")
 def huge_mismatch(torture, row):
     with torture.room() as room:
         huge(row, room, "huge_mismatch", 192)
@@ -194,7 +194,7 @@ def huge_statuses(torture, row):
         huge(row, room, "huge_statuses", 180 + 25, taken="honest/e000000000")
 
 
-@attack("application: four menus of 250 MiB at once", "peak < 50 MiB; memory back; greyed")
+@attack("application: four menus of 250 MiB", "peak < 50 MiB; memory back; greyed")
 def huge_menus(torture, row):
     with torture.room() as room:
         process = room.start_extension()
@@ -238,7 +238,7 @@ def flapping(torture, row):
     note_answers(row, answers)
 
 
-@attack("port 8806 held by another user's process", "nothing sent; greyed; `vornet-vi status` says so")
+@attack("port 8806 of another user", "nothing sent; greyed; `vornet-vi status` says so")
 def another_user(torture, row):
     if os.geteuid() != 0:
         raise Impossible("only root can start another user's process")

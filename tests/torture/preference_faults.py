@@ -58,7 +58,7 @@ def another_root(torture, row):
         note_memory(row, memory)
 
 
-@attack("preferences: written right after the start", "noticed within 10 s")
+@attack("preferences: written after the start", "noticed within 10 s")
 def written_late(torture, row):
     milliseconds, count = [], torture.some(8, 3)
     for _ in range(count):
@@ -82,7 +82,7 @@ def written_late(torture, row):
     row.require(not row.lost, "preferences never noticed")
 
 
-@attack("container removed and remade", "preferences, badges, log within 10 s")
+@attack("container remade", "preferences, badges, log within 10 s")
 def new_container(torture, row):
     with torture.room() as room:
         other = make_other_root(room)
@@ -130,7 +130,7 @@ def nested_binary(depth=100_000):
     return binary_list([array_of([number + 1]) for number in range(depth)] + [b"\x51x"])
 
 
-@attack("preferences: property lists that are bombs", "peak < 100 MiB; right ones within 10 s")
+@attack("preferences: bombs", "peak < 100 MiB; right ones within 10 s")
 def bombs(torture, row):
     peaks, milliseconds = [], []
     for name, content in (("shared", shared_references()), ("deep", nested()), ("deep binary", nested_binary())):

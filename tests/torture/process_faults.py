@@ -32,7 +32,7 @@ def running(build):
     return count
 
 
-@attack("kill -9, again and again", "p99 < 5 s; one process left")
+@attack("kill -9, repeated", "p99 < 5 s; one process left")
 def killed(torture, row):
     with torture.room() as room:
         room.badge("honest/item.txt", start=True)
@@ -136,7 +136,7 @@ def asked_to_end(torture, row):
     row.times(Times(milliseconds))
 
 
-@attack("bus killed: idle, in a request", "within 3.5 s, not by signal")
+@attack("bus killed", "within 3.5 s, not by signal")
 def bus_killed(torture, row):
     milliseconds = []
     for name, prepare in (("idle", lambda room: None), ("in a request", in_a_request)):
@@ -172,7 +172,7 @@ def keep_writing(room, seconds):
         time.sleep(0.05)
 
 
-@attack("disk full, then room again", "steady; later records on own lines")
+@attack("disk full, then room", "steady; later records on own lines")
 def disk_full(torture, row):
     if os.environ.get(namespaces.MARK) != str(os.getpid()):
         raise Impossible("this system allows no mount of one's own here")
@@ -211,7 +211,7 @@ def disk_full(torture, row):
     note_answers(row, answers)
 
 
-@attack("files of 8 KiB at most (RLIMIT_FSIZE)", "steady, without its log")
+@attack("RLIMIT_FSIZE of 8 KiB", "steady, without its log")
 def small_files(torture, row):
     with torture.room() as room:
         process = room.start_extension(["prlimit", "--fsize=8192", "--"], stdout=subprocess.DEVNULL)
@@ -226,7 +226,7 @@ def small_files(torture, row):
     note_answers(row, answers)
 
 
-@attack("64 descriptors (RLIMIT_NOFILE)", "nothing lost, all reachable later; or says why")
+@attack("64 descriptors", "nothing lost, all reachable later; or says why")
 def few_descriptors(torture, row):
     with torture.room() as room:
         process = room.start_extension(["prlimit", "--nofile=64", "--"])
