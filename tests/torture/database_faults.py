@@ -10,10 +10,7 @@ from helpers import Flood, HonestClient
 BATCH = 500
 
 
-@attack(
-    "sync.db locked, two batches of 500 under way",
-    "cached badge p99 < 100 ms; nothing lost; right badge 2 s after the lock",
-)
+@attack("sync.db locked, batches under way", "cached badges steady; right 2 s later")
 def locked(torture, row):
     with torture.room() as room:
         process = room.start_extension()
@@ -36,7 +33,7 @@ def locked(torture, row):
     note_answers(row, answers)
 
 
-@attack("sync.db replaced every 50 ms while asked", "badge p99 < 100 ms; none missing; right 2 s after the last one")
+@attack("sync.db replaced every 50 ms", "steady; right 2 s later")
 def replaced(torture, row):
     with torture.room() as room:
         process = room.start_extension()

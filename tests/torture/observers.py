@@ -43,7 +43,7 @@ class Observer:
         self._thread.join()
 
 
-@attack("100,000 changes a pass, one observer deaf", "honest observer gets all changes; from pass 3 memory grows < 10 %")
+@attack("100,000 changes a pass, one observer deaf", "all changes arrive; growth < 10 %")
 def never_reads(torture, row):
     with torture.room() as room:
         process = room.start_extension()

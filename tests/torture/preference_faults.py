@@ -41,7 +41,7 @@ def badge_of(room, path):
     return reply.arguments()[0][0] if reply and reply.kind == wire.RETURN else None
 
 
-@attack("preferences: another root_dir", "ends with status 0; new folder and badge within 10 s by the next call")
+@attack("preferences: another root_dir", "status 0; new badges within 10 s")
 def another_root(torture, row):
     with torture.room() as room:
         other = make_other_root(room)
@@ -58,7 +58,7 @@ def another_root(torture, row):
         note_memory(row, memory)
 
 
-@attack("preferences: written right after the start", "noticed within 10 s, each time")
+@attack("preferences: written after the start", "noticed within 10 s")
 def written_late(torture, row):
     milliseconds, count = [], torture.some(8, 3)
     for _ in range(count):
@@ -82,7 +82,7 @@ def written_late(torture, row):
     row.require(not row.lost, "preferences never noticed")
 
 
-@attack("container removed and made anew", "noticed within 10 s: new preferences, badges; the log is there again")
+@attack("container remade", "preferences, badges, log within 10 s")
 def new_container(torture, row):
     with torture.room() as room:
         other = make_other_root(room)
@@ -130,7 +130,7 @@ def nested_binary(depth=100_000):
     return binary_list([array_of([number + 1]) for number in range(depth)] + [b"\x51x"])
 
 
-@attack("preferences: property lists that are bombs", "waits on, peak < 100 MiB; right ones noticed within 10 s")
+@attack("preferences: bombs", "peak < 100 MiB; right ones within 10 s")
 def bombs(torture, row):
     peaks, milliseconds = [], []
     for name, content in (("shared", shared_references()), ("deep", nested()), ("deep binary", nested_binary())):

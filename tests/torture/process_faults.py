@@ -32,7 +32,7 @@ def running(build):
     return count
 
 
-@attack("kill -9, again and again: badge right again", "each time right again, p99 < 5 s; one process at the end")
+@attack("kill -9, repeated", "p99 < 5 s; one process left")
 def killed(torture, row):
     with torture.room() as room:
         room.badge("honest/item.txt", start=True)
@@ -106,7 +106,7 @@ def frozen_bus(room):
     room.bus.send_signal(signal.SIGSTOP)
 
 
-@attack("SIGTERM in eight states", "ends within 3.5 s in every state, with exit status 0; 1 where the bus hangs")
+@attack("SIGTERM in eight states", "within 3.5 s, status 0 (bus frozen: 0 or 1)")
 def asked_to_end(torture, row):
     states = (("idle", None), ("unconfigured", None), ("in a request", in_a_request), ("in a flood", in_a_flood),
               ("output blocked", None), ("bus gone, in a request", bus_gone), ("bus frozen", frozen_bus),
@@ -136,7 +136,7 @@ def asked_to_end(torture, row):
     row.times(Times(milliseconds))
 
 
-@attack("bus killed: idle, in a request", "ends within 3.5 s by itself, with an exit status and not by a signal")
+@attack("bus killed", "within 3.5 s, not by signal")
 def bus_killed(torture, row):
     milliseconds = []
     for name, prepare in (("idle", lambda room: None), ("in a request", in_a_request)):
@@ -172,7 +172,7 @@ def keep_writing(room, seconds):
         time.sleep(0.05)
 
 
-@attack("disk full, then room again", "badge p99 < 100 ms; nothing lost; each later record on its own line")
+@attack("disk full, then room", "steady; later records on own lines")
 def disk_full(torture, row):
     if os.environ.get(namespaces.MARK) != str(os.getpid()):
         raise Impossible("this system allows no mount of one's own here")
@@ -211,7 +211,7 @@ def disk_full(torture, row):
     note_answers(row, answers)
 
 
-@attack("files of 8 KiB at most (RLIMIT_FSIZE)", "goes on without its log: badge p99 < 100 ms, nothing lost")
+@attack("RLIMIT_FSIZE of 8 KiB", "steady, without its log")
 def small_files(torture, row):
     with torture.room() as room:
         process = room.start_extension(["prlimit", "--fsize=8192", "--"], stdout=subprocess.DEVNULL)
@@ -226,7 +226,7 @@ def small_files(torture, row):
     note_answers(row, answers)
 
 
-@attack("64 descriptors (RLIMIT_NOFILE)", "goes on: nothing lost, sync.db and menus there after the load; or says why")
+@attack("64 descriptors", "nothing lost, all reachable later; or says why")
 def few_descriptors(torture, row):
     with torture.room() as room:
         process = room.start_extension(["prlimit", "--nofile=64", "--"])
