@@ -195,6 +195,40 @@ TEST_F(FinderSyncServiceTest, ABadgeThatChangesWhileItIsAskedForIsTheNewOneThoug
   EXPECT_TRUE(other.waitForChange(url("x"), "SYNCED"));
 }
 
+TEST_F(FinderSyncServiceTest, NoOlderBadgeFollowsAnAnswerThoughTheItemCannotBeRemembered) {
+  const ManyItems others("/elsewhere");
+  std::atomic<int> questionsForA = 0;
+  extension.asked = [&](const FileURL& asked) {
+    if (asked == item("x")) return set("SYNCED", asked);
+    if (++questionsForA != 2) return;
+    set("PENDING", item("x"));                                    // while the answer is put together
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // a signal that does not wait for it would go now
+  };
+  start();
+  statusManager()->dirCache().enterNewDir("/");
+  statusManager()->dirCache().update("/", {{"/a", 2}, {"/x", 2}});
+  ASSERT_TRUE(client->beginObserving(url("")));
+  EXPECT_THAT(client->requestBadges({url("a"), url("x")}).texts(), ElementsAre("", "SYNCED"));
+  EXPECT_EQ(questionsForA, 2);
+  EXPECT_TRUE(client->waitForChange(url("x"), "SYNCED"));
+  EXPECT_EQ(client->signals(), 1u);
+}
+
+TEST_F(FinderSyncServiceTest, WhoSetsMoreBadgesThanMayWaitGoesOnAndNoneIsLost) {
+  constexpr int COUNT = 2'000;
+  const std::string longName(3'000, 'n');
+  start();
+  ASSERT_TRUE(client->beginObserving(url("")));
+  std::atomic<int> count = 0;
+  std::thread setter([&] {
+    for (; count < COUNT; ++count) extension.setFileSyncStatus(item(longName + std::to_string(count)), 2);
+  });
+  EXPECT_TRUE(client->waitUntil([&] { return count == COUNT; }));
+  EXPECT_TRUE(client->waitUntil([&] { return client->changes().size() == COUNT; })) << client->changes().size();
+  service.reset();  // whoever still waits goes on
+  setter.join();
+}
+
 TEST_F(FinderSyncServiceTest, ABadgeFoundInTheDatabaseBeforeTheFolderWasFilledIsCorrected) {
   test::makeSyncDatabase(environment.container() / "sync.db", {{"/x", 1}});
   test::LoopbackServer application([this](const test::WireRequest&) {
