@@ -102,12 +102,17 @@ void BadgeChanges::sendNow(const std::string& client, const Changes& changes) {
     g_variant_builder_init(&builder, G_VARIANT_TYPE("a(ss)"));
     std::size_t bytes = 0;
     for (std::size_t i = from; i < std::min(changes.size(), from + dbus::MAX_CHANGES_A_SIGNAL); ++i) {
-      g_variant_builder_add(&builder, "(ss)", changes[i].first.c_str(), changes[i].second.c_str());
+      GVariant* change = g_variant_new("(ss)", changes[i].first.c_str(), changes[i].second.c_str());
+      // Bytes from now on, instead of objects for each text. GLib may keep the memory of objects for ever.
+      g_variant_get_data(change);
+      g_variant_builder_add_value(&builder, change);
       bytes += changes[i].first.size();
     }
+    GVariant* body = g_variant_new("(a(ss))", &builder);
+    g_variant_get_data(body);  // one block of bytes
     GDBusMessage* message = g_dbus_message_new_signal(dbus::OBJECT_PATH, dbus::INTERFACE, "BadgesChanged");
     g_dbus_message_set_destination(message, client.c_str());
-    g_dbus_message_set_body(message, g_variant_new("(a(ss))", &builder));
+    g_dbus_message_set_body(message, body);
     output_->add(message, bytes);
     // A client that has just left the bus is no error.
     g_dbus_connection_send_message(connection_, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);

@@ -10,6 +10,7 @@
 
 #include "base/AppConst.hpp"
 #include "extension/SharedObjects.hpp"
+#include "platform/linux/FinderSyncHost.hpp"
 #include "rest/RESTPollingManager.hpp"
 #include "support/BusClient.hpp"
 #include "support/Databases.hpp"
@@ -126,6 +127,28 @@ class FinderSyncServiceTest : public testing::Test {
   std::optional<BusClient> client;
 };
 
+/// As many items of a folder on screen as are remembered: nothing is of any other.
+class ManyItems {
+ public:
+  explicit ManyItems(std::string folder) : folder_(std::move(folder)) {
+    platform::host::folderShown(folder_);
+    for (std::size_t i = 0; i < platform::host::MAX_ITEMS_ASKED_FOR; ++i) {
+      const auto asked = FileURL::fileURLWithPath(folder_ + "/asked" + std::to_string(i));
+      platform::host::BadgeRequest(asked).apply();
+    }
+    for (std::size_t i = 0; i < platform::host::MAX_ITEMS_ONLY_SET; ++i) {
+      const auto item = FileURL::fileURLWithPath(folder_ + "/set" + std::to_string(i));
+      FIFinderSyncController::defaultController().setBadgeIdentifier("SYNCED", item);
+    }
+  }
+  ~ManyItems() { platform::host::folderHidden(folder_); }
+  ManyItems(const ManyItems&) = delete;
+  ManyItems& operator=(const ManyItems&) = delete;
+
+ private:
+  const std::string folder_;
+};
+
 TEST_F(FinderSyncServiceTest, AnAnswerHoldsTheBadgesThatStandWhenItIsGiven) {
   extension.asked = [this](const FileURL& asked) {
     if (asked == item("x")) set("PENDING", asked);
@@ -151,6 +174,59 @@ TEST_F(FinderSyncServiceTest, ABadgeThatChangesWhileItIsAskedForIsNotReplacedByT
   EXPECT_EQ(questions, 2);
   ASSERT_TRUE(client->waitForChange(url("x"), "SYNCED"));
   EXPECT_EQ(client->signals(), 1u);
+}
+
+TEST_F(FinderSyncServiceTest, ABadgeThatChangesWhileItIsAskedForIsTheNewOneThoughItCannotBeRemembered) {
+  namespace host = platform::host;
+  const ManyItems others("/elsewhere");
+  extension.asked = [this](const FileURL& asked) {
+    if (asked == item("x")) set(++questions == 1 ? "PENDING" : "SYNCED", asked);
+    if (asked == item("y")) extension.setFileSyncStatus(item("x"), 2);  // x changes while y is looked up
+  };
+  start();
+  statusManager()->dirCache().enterNewDir("/");
+  statusManager()->dirCache().update("/", {{"/x", 2}, {"/y", 2}});
+  ASSERT_TRUE(client->beginObserving(url("")));
+  BusClient other(bus->address());
+  ASSERT_TRUE(other.beginObserving(url("")));
+  ASSERT_TRUE(host::isOverlooked(item("x")));
+  EXPECT_THAT(client->requestBadges({url("x"), url("y")}).texts(), ElementsAre("SYNCED", ""));
+  ASSERT_TRUE(host::isOverlooked(item("x")));
+  EXPECT_TRUE(other.waitForChange(url("x"), "SYNCED"));
+}
+
+TEST_F(FinderSyncServiceTest, NoOlderBadgeFollowsAnAnswerThoughTheItemCannotBeRemembered) {
+  const ManyItems others("/elsewhere");
+  std::atomic<int> questionsForA = 0;
+  extension.asked = [&](const FileURL& asked) {
+    if (asked == item("x")) return set("SYNCED", asked);
+    if (++questionsForA != 2) return;
+    set("PENDING", item("x"));                                    // while the answer is put together
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));  // a signal that does not wait for it would go now
+  };
+  start();
+  statusManager()->dirCache().enterNewDir("/");
+  statusManager()->dirCache().update("/", {{"/a", 2}, {"/x", 2}});
+  ASSERT_TRUE(client->beginObserving(url("")));
+  EXPECT_THAT(client->requestBadges({url("a"), url("x")}).texts(), ElementsAre("", "SYNCED"));
+  EXPECT_EQ(questionsForA, 2);
+  EXPECT_TRUE(client->waitForChange(url("x"), "SYNCED"));
+  EXPECT_EQ(client->signals(), 1u);
+}
+
+TEST_F(FinderSyncServiceTest, WhoSetsMoreBadgesThanMayWaitGoesOnAndNoneIsLost) {
+  constexpr int COUNT = 2'000;
+  const std::string longName(3'000, 'n');
+  start();
+  ASSERT_TRUE(client->beginObserving(url("")));
+  std::atomic<int> count = 0;
+  std::thread setter([&] {
+    for (; count < COUNT; ++count) extension.setFileSyncStatus(item(longName + std::to_string(count)), 2);
+  });
+  EXPECT_TRUE(client->waitUntil([&] { return count == COUNT; }));
+  EXPECT_TRUE(client->waitUntil([&] { return client->changes().size() == COUNT; })) << client->changes().size();
+  service.reset();  // whoever still waits goes on
+  setter.join();
 }
 
 TEST_F(FinderSyncServiceTest, ABadgeFoundInTheDatabaseBeforeTheFolderWasFilledIsCorrected) {

@@ -1,6 +1,5 @@
 #include "cache/StatusTable.hpp"
 
-#include <atomic>
 #include <limits>
 #include <stdexcept>
 
@@ -37,7 +36,7 @@ StatusCode unfolded(std::uint64_t number) {
 }  // namespace
 
 StatusTable::Entry StatusTable::entryAt(const Entries& entries, Offset offset) {
-  const char* at = entries.data() + offset;
+  const char* at = entries.bytes.data() + offset;
   const auto size = numberAt(at);
   const auto code = unfolded(numberAt(at));
   return {{at, static_cast<std::size_t>(size)}, code};
@@ -50,15 +49,12 @@ StatusTable::StatusTable(std::initializer_list<std::pair<std::string_view, Statu
 void StatusTable::reserve(std::size_t entries, std::size_t pathBytes) {
   ownEntries();
   offsets_.reserve(entries);
-  if (pathBytes > entries_->capacity()) entries_->reserve(pathBytes);
+  if (pathBytes > entries_->bytes.capacity()) entries_->bytes.reserve(pathBytes);
 }
 
 /// Makes the entries this table's alone, so that they may be changed.
 void StatusTable::ownEntries() {
-  if (entries_ && entries_.use_count() == 1) {
-    std::atomic_thread_fence(std::memory_order_acquire);  // after what the last selection read
-    return;
-  }
+  if (entries_ && !entries_->isShared) return;
   StatusTable own(folder_);
   own.entries_ = std::make_shared<Entries>();
   own.offsets_ = Offsets(size(), Hash{own.entries_.get()}, Equal{own.entries_.get()});
@@ -68,6 +64,7 @@ void StatusTable::ownEntries() {
 
 StatusTable StatusTable::selection() const {
   StatusTable part(folder_);
+  if (entries_) entries_->isShared = true;
   part.entries_ = entries_;
   // With room for all: entries come in the order of their hashes, which would crowd the beginning of a smaller set.
   part.offsets_ = Offsets(size(), Hash{entries_.get()}, Equal{entries_.get()});
@@ -80,7 +77,7 @@ void StatusTable::add(const const_iterator& entry) {
 
 std::size_t StatusTable::memory() const noexcept {
   constexpr std::size_t BYTES_A_PLACE = sizeof(Offset) + 1;  // the set notes one byte of the hash beside it
-  return folder_.capacity() + (entries_ ? entries_->capacity() : 0) + offsets_.bucket_count() * BYTES_A_PLACE;
+  return folder_.capacity() + (entries_ ? entries_->bytes.capacity() : 0) + offsets_.bucket_count() * BYTES_A_PLACE;
 }
 
 /// Whether the key of `path` is its rest after the folder. Always so where there is no folder.
@@ -94,12 +91,13 @@ void StatusTable::set(std::string_view path, StatusCode code) {
 }
 
 void StatusTable::setKey(std::string_view marker, std::string_view key, StatusCode code) {
-  if (entries_->size() > std::numeric_limits<Offset>::max()) throw std::length_error("a table of statuses is full");
+  if (entries_->bytes.size() > std::numeric_limits<Offset>::max())
+    throw std::length_error("a table of statuses is full");
   // Written before it is known to be new: that spares nearly every path a second look-up, and few come twice.
-  const auto offset = static_cast<Offset>(entries_->size());
-  append(*entries_, marker.size() + key.size());
-  append(*entries_, folded(code));
-  entries_->append(marker).append(key);
+  const auto offset = static_cast<Offset>(entries_->bytes.size());
+  append(entries_->bytes, marker.size() + key.size());
+  append(entries_->bytes, folded(code));
+  entries_->bytes.append(marker).append(key);
   const auto [found, isNew] = offsets_.insert(offset);
   if (!isNew) const_cast<Offset&>(*found) = offset;  // an equal key: the place in the set stays right
 }

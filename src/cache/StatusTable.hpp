@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <boost/unordered/unordered_flat_set.hpp>
 #include <cstddef>
 #include <cstdint>
@@ -78,7 +79,10 @@ class StatusTable {
     StatusCode code;
   };
   using Offset = std::uint32_t;
-  using Entries = std::string;  // each: its key's size and its code, as short as they can be written; its key
+  struct Entries {
+    std::string bytes;                   // each: its key's size and its code, as short as they can be written; its key
+    std::atomic<bool> isShared = false;  // a selection was made: changed no more, whoever still has it
+  };
 
   static Entry entryAt(const Entries& entries, Offset at);
 
@@ -103,7 +107,7 @@ class StatusTable {
   void setKey(std::string_view marker, std::string_view key, StatusCode code);
 
   std::string folder_;
-  // In a place of its own, which does not change when the table moves. Never changed while it is shared.
+  // In a place of its own, which does not change when the table moves.
   std::shared_ptr<Entries> entries_;
   Offsets offsets_;  // where they begin
 };

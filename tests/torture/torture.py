@@ -27,7 +27,7 @@ import preference_faults
 import observers
 
 LONG_FORM_ONLY = (
-    "application: 60 MiB of statuses, then few",  # takes long, and keeps a little too much: docs/reliability.md
+    "application: 60 MiB of statuses, then few",  # takes half a minute on a busy machine
     "100,000 changes a pass, one observer deaf",  # takes half a minute on a busy machine
 )
 

@@ -49,6 +49,7 @@ struct FIFinderSyncController::Impl {
   std::size_t askedFor = 0;  // in all folders
   std::size_t onlySet = 0;   // in all folders
   std::uint64_t versions = 0;
+  std::uint64_t overlooked = 0;  // the version when a badge was last set on an item that is not remembered
   host::Listener* listener = nullptr;
   bool isListenerFull = false;
   std::condition_variable room;  // the listener is full no more
@@ -149,7 +150,13 @@ void FIFinderSyncController::setBadgeIdentifier(std::string_view identifier, con
   if (!folder) return;
   if (auto* item = impl_->itemToSet(*folder, *url.path()))
     impl_->set(*item, url, identifier, false);
+<<<<<<< HEAD
   else
+=======
+}
+else {
+  impl_->overlooked = ++impl_->versions;
+>>>>>>> refs/heads/review
     impl_->tell(url, std::string(identifier));
 }
 
@@ -243,6 +250,7 @@ BadgeRequest::BadgeRequest(const FileURL& url) : url_(url), outer_(currentReques
     auto& controller = FinderSyncHostAccess::impl();
     const std::lock_guard guard(controller.lock);
     if (const auto* item = controller.askedItem(*url.path())) version_ = item->version;
+    begun_ = controller.versions;
   }
   currentRequest = this;
 }
@@ -257,7 +265,10 @@ bool BadgeRequest::apply() {
   auto* item = controller.item(*url_.path());
   if (item && item->version != version_) return false;
   const bool wasKnown = item && (item->identifier || item->answered);
-  if (!wasKnown && !withdrawn_ && controller.listener) controller.listener->badgeAnswered(url_, answer_.value_or(""));
+  // Of an item that is not remembered, a badge set meanwhile may be newer than the answer.
+  const bool isNewest = item || controller.overlooked <= begun_;
+  if (!wasKnown && isNewest && !withdrawn_ && controller.listener)
+    controller.listener->badgeAnswered(url_, answer_.value_or(""));
   if (!item) return true;
   if (answer_) controller.set(*item, url_, *answer_, true);
   item->answered = true;

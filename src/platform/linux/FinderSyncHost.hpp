@@ -26,7 +26,7 @@ class Listener {
   virtual bool badgeChanged(const FileURL& url, const std::string& identifier) = 0;
 
   /// A question for the badge of `url`, of which nothing was remembered, is answered with `identifier`: a change of it
-  /// that still waits is older than that.
+  /// that still waits is older than that. Not called when it could be newer.
   virtual void badgeAnswered(const FileURL& url, const std::string& identifier) = 0;
 
   /// The badges of the items directly in `folder` are to be asked for again.
@@ -101,6 +101,7 @@ class BadgeRequest {
   friend struct platform::FinderSyncHostAccess;
   const FileURL& url_;
   std::uint64_t version_ = 0;  // of the item's badge when the request began; 0 while its folder is not on screen
+  std::uint64_t begun_ = 0;    // how many versions there were then
   std::optional<std::string> answer_;
   bool withdrawn_ = false;
   BadgeRequest* outer_;

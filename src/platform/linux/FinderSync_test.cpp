@@ -303,6 +303,29 @@ TEST_F(FinderSyncController, TellsAnAnswerThatAWaitingChangeMustNotFollow) {
   EXPECT_EQ(listener.badges.back(), std::pair(std::string("/a/file"), std::string("SKIPPED"))) << "a change";
 }
 
+TEST_F(FinderSyncController, TellsNoAnswerThatMayBeOlderThanAWaitingChange) {
+  host::folderShown("/a");
+  for (std::size_t i = 0; i < host::MAX_ITEMS_ASKED_FOR; ++i) {
+    const auto asked = at("/a/" + std::to_string(i));
+    host::BadgeRequest(asked).apply();
+  }
+  for (std::size_t i = 0; i < host::MAX_ITEMS_ONLY_SET; ++i)
+    controller.setBadgeIdentifier("", at("/a/set" + std::to_string(i)));
+  listener.answers.clear();
+  const auto url = at("/a/file");
+  {
+    host::BadgeRequest overtaken(url);
+    controller.setBadgeIdentifier("PENDING", url);
+    std::thread([&] { controller.setBadgeIdentifier("SYNCED", url); }).join();
+    EXPECT_TRUE(overtaken.apply()) << "nothing is remembered of the item";
+  }
+  EXPECT_THAT(listener.answers, IsEmpty()) << "the waiting change would become what was before it";
+  host::BadgeRequest again(url);
+  controller.setBadgeIdentifier("SYNCED", url);
+  EXPECT_TRUE(again.apply());
+  EXPECT_THAT(listener.answers, ElementsAre(Pair("/a/file", "SYNCED")));
+}
+
 TEST_F(FinderSyncController, MakesWhoSetsBadgesWaitForRoom) {
   host::folderShown("/a");
   listener.hasRoom = false;
