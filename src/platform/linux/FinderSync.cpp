@@ -148,16 +148,12 @@ void FIFinderSyncController::setBadgeIdentifier(std::string_view identifier, con
   impl_->room.wait(guard, [this] { return !impl_->isListenerFull; });
   auto* folder = impl_->folderOfItem(*url.path());
   if (!folder) return;
-  if (auto* item = impl_->itemToSet(*folder, *url.path()))
+  if (auto* item = impl_->itemToSet(*folder, *url.path())) {
     impl_->set(*item, url, identifier, false);
-<<<<<<< HEAD
-  else
-=======
-}
-else {
-  impl_->overlooked = ++impl_->versions;
->>>>>>> refs/heads/review
+  } else {
+    impl_->overlooked = ++impl_->versions;
     impl_->tell(url, std::string(identifier));
+  }
 }
 
 void FIFinderSyncController::invalidateBadges(const FileURL& folder) {
