@@ -77,6 +77,8 @@ void showStatus(Extension& extension, Printer& printer, bool start) {
         failure.emplace(silent);
     }
   }
+  if (start && !status.process && !failure)
+    failure.emplace(FailureKind::gone, "the extension ended as soon as it was started");
   if (!status.process) status.stopReason = lastStopReason();
   status.syncApplication = askSyncApplication();
   printer.status(status);

@@ -622,6 +622,28 @@ TEST(StatusTest, StartsTheExtensionOnlyWhenAskedTo) {
   EXPECT_NE(program.output.find("running (pid "), std::string::npos) << program.output;
 }
 
+TEST(StatusTest, FailsWhenTheExtensionThatItStartedEnds) {
+  ShownTestFolder root;
+  const std::string starts = root.path() + "/starts";
+  TestBus bus{"echo x >> " + starts + "; while [ -d " + root.path() + " ]; do sleep 0.1; done"};
+  ProgramRun::Settings settings;
+  settings.busAddress = bus.address();
+  ProgramRun program{settings, {"status", "--start"}};
+  ASSERT_TRUE(waitUntil([&] {
+    g_usleep(1000);
+    g_main_context_wakeup(nullptr);
+    return std::filesystem::exists(starts);
+  }));
+  TestExtension extension{bus, root.path()};
+  extension.nonsense["ObservedFolders"] = [&extension] {
+    extension.die();
+    return g_variant_new_strv(nullptr, 0);
+  };
+  EXPECT_EQ(program.wait(), 1);
+  EXPECT_NE(program.output.find("not running"), std::string::npos) << program.output;
+  EXPECT_TRUE(program.errors.starts_with("vornet-vi: the extension ended as soon as it was started")) << program.errors;
+}
+
 TEST(StatusTest, SaysThatTheExtensionCouldNotBeStarted) {
   TestBus bus{"exit 1"};
   ShownTestFolder root;
