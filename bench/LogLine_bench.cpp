@@ -69,7 +69,7 @@ void limit(benchmark::State& state) {
     if (!file.write(line)) state.SkipWithError("not written");
 }
 
-/// The date formatted anew for each line.
+/// The date, formatted again for each line.
 void straightforward(benchmark::State& state) {
   UErrorCode status = U_ZERO_ERROR;
   icu::SimpleDateFormat format("yyyy-MM-dd HH:mm:ss.SSS", icu::Locale("en_US_POSIX"), status);

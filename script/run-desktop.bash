@@ -97,7 +97,7 @@ show_in_window() {
   if [[ $manager == thunar ]]; then
     tell "Thunar has no place for badges; it shows the menu. The other file managers show both."
   else
-    tell "Badges: a check mark is synced, arrows are in progress, a red triangle is not synced. They turn by themselves."
+    tell "Badges: a check mark is synced, arrows are in progress, a red triangle is not synced. They are updated automatically."
     tell "Change a file in it, or add one, and see its badge."
   fi
 

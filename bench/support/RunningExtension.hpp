@@ -33,7 +33,7 @@ class RunningExtension {
   std::size_t requestBadges(const std::vector<std::string>& urls) { return call(false, urls); }
   std::size_t echo(const std::vector<std::string>& urls) { return call(true, urls); }
 
-  /// Ends the extension, if it runs, and starts it anew.
+  /// Ends the extension, if it runs, and starts it again.
   void restart();
 
  private:

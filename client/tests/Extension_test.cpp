@@ -20,7 +20,7 @@ class PluginAndExtension : public PluginTest {
     std::filesystem::permissions(program, std::filesystem::perms::owner_all);
     writeFile(services + "/com.vornet.KelvaneSync.FinderBadgeExtension.service",
               "[D-BUS Service]\nName=com.vornet.KelvaneSync.FinderBadgeExtension\nExec=" + program + "\n");
-    callBus("ReloadConfig");  // it has read its services anew when this returns
+    callBus("ReloadConfig");  // it has read its services again when this returns
   }
 
   std::size_t linesOf(const std::string& file) {

@@ -23,7 +23,7 @@ class PluginTest : public testing::Test {
   /// An extension that observes `root`.
   void startExtension() { extension = std::make_unique<FakeExtension>(bus.address(), std::vector{url("")}); }
 
-  /// Makes the plug-in anew, with other times.
+  /// Replaces the plug-in by one with other times.
   void makePlugin(const client::Plugin::Options& options = {}) {
     manager.plugin = std::make_unique<client::Plugin>(manager, options);
   }

@@ -436,7 +436,7 @@ TEST_F(SyncDBDeathTest, APathThatIsNotUTF8StopsTheProcess) {
 
 TEST_F(SyncDBDeathTest, APathThatIsNullStopsTheProcess) {
   const Environment environment;
-  // NULL lies in no range. This view's path is computed anew at each use: of a thousand rows some lie in the range and
+  // NULL lies in no range. This view's path is computed again at each use: of a thousand rows some lie in the range and
   // then are NULL.
   Database(environment.container() / "sync.db")
       .run(

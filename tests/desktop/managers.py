@@ -222,7 +222,7 @@ class _IconContainer(FileManager):
                 return True
             view.select(*wanted or [None])
         except GLib.Error:
-            pass  # the folder is being shown anew
+            pass  # the folder is being shown again
         return False
 
     def open_menu(self, item):

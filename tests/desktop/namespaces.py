@@ -40,7 +40,7 @@ def _try():
 
 
 def enter(ordinary=False):
-    """Starts this program anew in namespaces of its own, with its arguments, and goes on there. `ordinary`: root, too, is
+    """Restarts this program in its own namespaces, with its arguments, and goes on there. `ordinary`: root, too, is
     an ordinary user there."""
     if os.environ.get(MARK) == str(os.getpid()):
         return

@@ -99,7 +99,7 @@ class XvfbScreen(Screen):
 
 
 class GrimScreen(Screen):
-    """The output of a Wayland compositor, as the program grim copies it, anew for each question."""
+    """The output of a Wayland compositor, as the program grim copies it, again for each question."""
 
     def __init__(self, environment, width, height):
         self._environment = environment

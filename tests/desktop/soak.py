@@ -1,4 +1,4 @@
-"""Works with one real file manager for a long time, in an order that a seed decides: goes from folder to folder, opens menus,
+"""Works with one real file manager for a long time, in a random order, repeatable by seed: goes from folder to folder, opens menus,
 changes files and statuses, kills and restarts the extension and the stand-in. Then every badge must be right.
 
 Usage: soak.py --manager NAME --build DIR [--minutes N] [--seed N] [--keep DIR]

@@ -58,7 +58,7 @@ KINDS = {
 
 
 class Attacker:
-    """One connection. In each round it makes `calls` calls, at most `at_once` of them unanswered; then it begins anew."""
+    """One connection. In each round it makes `calls` calls, at most `at_once` of them unanswered; then it starts again."""
 
     def __init__(self, settings, calls):
         self.connection = wire.Connection(settings["address"])

@@ -96,7 +96,7 @@ class Room:
         return url(self.root / name)
 
     def write_database(self, statuses, path=None):
-        """Makes `sync.db` anew, in the old one's place."""
+        """Replaces `sync.db` by a new one."""
         new = self.container / "sync.db.new"
         new.unlink(missing_ok=True)
         with contextlib.closing(sqlite3.connect(new)) as database:

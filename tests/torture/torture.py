@@ -35,7 +35,7 @@ LONG_FORM_ONLY = (
 def take_the_port():
     """With namespaces of its own the port is free. Without, it is the machine's and must be."""
     if os.environ.get(namespaces.MARK) == str(os.getpid()) or namespaces.are_possible():
-        namespaces.enter()  # starts this program anew, the first time
+        namespaces.enter()  # restarts this program, the first time
         namespaces.bring_up_loopback()
         return
     with socket.socket() as probe:

@@ -37,8 +37,8 @@ class FolderListener {
 };
 
 /// Watches a folder and all below it with inotify, reading only. Symbolic links are not followed; they, special files
-/// and names that are not UTF-8 are passed over. After a queue overflow everything is listed anew. Not thread-safe: one
-/// thread opens and processes.
+/// and names that are not UTF-8 are passed over. After a queue overflow everything is listed again. Not thread-safe:
+/// one thread opens and processes.
 class FolderWatcher {
  public:
   /// `root`: absolute path without trailing slash. `listener` outlives the watcher.

@@ -17,7 +17,7 @@ class SqliteError : public std::runtime_error {
 };
 
 /// A connection to one SQLite file, made when missing, with a rollback journal and without waits for the disk: the
-/// stand-in writes its databases anew from what it finds, and the shorter a commit, the fewer readers find the file
+/// stand-in writes its databases again from what it finds, and the shorter a commit, the fewer readers find the file
 /// locked. Not thread-safe.
 class SqliteFile {
  public:

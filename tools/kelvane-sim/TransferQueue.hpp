@@ -21,7 +21,7 @@ class TransferQueue {
   /// least 1.
   TransferQueue(std::chrono::milliseconds duration, std::size_t parallel);
 
-  /// Puts `path` at the end of the queue; a transfer of it that waits or runs is begun anew.
+  /// Puts `path` at the end of the queue; a transfer of it that waits or runs starts again.
   void add(const std::string& path);
 
   /// Forgets `path`, if it is there.

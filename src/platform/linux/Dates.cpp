@@ -61,7 +61,7 @@ std::string dateDescription(Date date) {
 }
 
 /// Formatting by ICU costs more than a microsecond, and the lines of a log come many a second: the text of a second is
-/// kept, and only its three digits of milliseconds are put in anew.
+/// kept, and only its three digits of milliseconds are replaced.
 struct DateFormatter::Impl {
   explicit Impl(std::unique_ptr<icu::SimpleDateFormat> made) : format(std::move(made)) {}
 
