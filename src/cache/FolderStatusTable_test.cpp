@@ -87,6 +87,9 @@ TEST(FolderStatusTable, SelectionsShareTheirEntriesUntilOneIsChanged) {
   EXPECT_EQ(some.find("/elsewhere"), 2);
   EXPECT_EQ(some.find("/a/1"), std::nullopt);
 
+  const auto memory = some.memory();
+  for (int i = 0; i < COUNT; ++i) table->set("/a/" + std::to_string(i), i % 3);  // which takes room
+  EXPECT_EQ(some.memory(), memory) << "its entries are not written to";
   table->set("/a/2", 0);
   table->set("/a/new", 2);
   EXPECT_EQ(table->find("/a/2"), 0);
