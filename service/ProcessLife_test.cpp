@@ -111,6 +111,7 @@ class ProcessLife : public testing::Test {
                                  "TSAN_OPTIONS=" + std::string(options ? options : "") + ":report_thread_leaks=0"},
         output);
     ASSERT_TRUE(client->waitUntil([this] { return client->extensionProcess() == extension->pid(); }));
+    ASSERT_EQ(client->property("Version"), "'1.0.0'");  // it has its name before it has begun its log
   }
   void start() { start(environment.folder() / "output"); }
 
