@@ -660,15 +660,19 @@ TEST_F(RESTPollingManagerTest, AReplyAbove64MebibytesIsNone) {
 }
 
 TEST_F(RESTPollingManagerTest, AReplyCountsAsNoneWhileTheOtherFoldersLeaveNoRoomForIt) {
-  serve([](const WireRequest& request) {
-    const std::string folder = request.body.find("/large") != std::string::npos  ? "/large"
-                               : request.body.find("/also") != std::string::npos ? "/also"
-                                                                                 : "/few";
+  const auto replyOf = [](const std::string& folder, int count) {
     std::string body = "{";
-    const std::string name(60'000, 'x');
-    for (int i = 0; folder != "/few" && i < 1'000; ++i)
-      body.append("\"").append(folder).append("/").append(name).append(std::to_string(i)).append("\":2,");
-    return WireReply{.body = body + "\"" + folder + "/x\":1}"};
+    for (int i = 0; i < count; ++i)
+      body.append("\"").append(folder).append("/").append(60'000, 'x').append(std::to_string(i)).append("\":2,");
+    return body.append("\"").append(folder).append("/x\":1}");
+  };
+  // Written before they are asked for: a request takes three seconds at most.
+  const auto replies = std::make_shared<const std::map<std::string, std::string>>(std::map<std::string, std::string>{
+      {"/large", replyOf("/large", 1'000)}, {"/also", replyOf("/also", 1'000)}, {"/few", replyOf("/few", 0)}});
+  serve([replies](const WireRequest& request) {
+    for (const auto& [folder, body] : *replies)
+      if (request.body.find(folder) != std::string::npos) return WireReply{.body = body};
+    return WireReply{.body = "{}"};
   });
   makeConfigured(SHORT);
   manager->start_listener();
