@@ -59,7 +59,7 @@ TEST_F(KelvaneSimTest, ANewFileIsPendingUntilItsTransferEnds) {
 
 TEST_F(KelvaneSimTest, AFolderTurnsOverGradually) {
   auto chosen = options();
-  chosen.transferTime = 30ms;
+  chosen.transferTime = 300ms;
   chosen.parallelTransfers = 1;
   for (const char* name : {"1", "2", "3", "4"}) files_.write(std::string("/root/") + name, "x");
   std::mutex mutex;
