@@ -61,7 +61,7 @@ class BadgeChanges::Output : public std::enable_shared_from_this<Output> {
     return bytes_ < MOST_ON_ITS_WAY;
   }
 
-  /// The sender is called no more.
+  /// Stops calling the sender.
   void leave() {
     const std::lock_guard guard(lock_);
     sender_ = nullptr;

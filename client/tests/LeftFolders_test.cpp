@@ -239,7 +239,7 @@ TEST_F(PluginTabs, ATabInTheBackgroundLosesItsEmblemsWithTheSyncedFolderAndKeeps
   manager.plugin->folderShown(root);
   EXPECT_TRUE(waitForEmblem("a", SYNCED));
   EXPECT_EQ(manager.redraws(path("a")), redrawn + 1);
-  // The file manager does not ask for what nobody sees.
+  // The file manager does not ask for items off screen.
   sendToBack();
   for (const char* name : {"a", "b", "none"}) manager.hide(path(name));
   extension->setFolders({"file:///home/ann/Elsewhere"});
