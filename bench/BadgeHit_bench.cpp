@@ -1,4 +1,4 @@
-// A badge request that the filled cache answers: from the file manager's callback to the badge that is set.
+// A badge request that the filled cache answers, from the file manager's callback until the badge is set.
 #include <boost/unordered/unordered_flat_map.hpp>
 #include <map>
 #include <random>
@@ -17,7 +17,7 @@
 namespace vornet::bench {
 namespace {
 
-constexpr std::size_t SAMPLE = 1 << 16;  // of the items, in an order that no processor foresees
+constexpr std::size_t SAMPLE = 1 << 16;  // of the items, in random order
 
 struct Sample {
   std::string folder;

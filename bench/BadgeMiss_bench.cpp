@@ -1,7 +1,7 @@
 // A badge request that the cache passes on to the sync database.
 #include <sqlite3.h>
 
-#include "cache/LRUCache.hpp"
+#include "cache/DirCache.hpp"
 #include "logging/Logging.hpp"
 #include "support/Databases.hpp"
 #include "support/Environment.hpp"

@@ -1,5 +1,5 @@
-// What a service on the bus costs that does nothing: it owns a name and answers every call of Echo with as many texts
-// as it was given. Usage: vornet_bench_service NAME (on the bus of DBUS_SESSION_BUS_ADDRESS).
+// A service that does nothing, for comparison: it owns a name and answers each call of Echo with as many texts as the
+// call has. Usage: vornet_bench_service NAME (on the bus of DBUS_SESSION_BUS_ADDRESS).
 #include <gio/gio.h>
 
 namespace {

@@ -1,4 +1,4 @@
-// The badges of ten thousand items, asked over a message bus of the real extension process.
+// The badges of ten thousand items, requested from the real extension process over a message bus.
 #include "support/Items.hpp"
 #include "support/RunBenchmarks.hpp"
 #include "support/RunningExtension.hpp"
@@ -36,7 +36,7 @@ BENCHMARK_CAPTURE(ask, ours500, OURS, 500)->Name("BusBadges500/ours")->UseRealTi
 BENCHMARK_CAPTURE(ask, limit500, ECHO_SERVICE, 500)->Name("BusBadges500/limit")->UseRealTime();
 BENCHMARK_CAPTURE(ask, ours10000, OURS, ENTRIES)->Name("BusBadges10000/ours")->UseRealTime();
 BENCHMARK_CAPTURE(ask, limit10000, ECHO_SERVICE, ENTRIES)->Name("BusBadges10000/limit")->UseRealTime();
-// The way of a plug-in that asks for each item when it is drawn.
+// As a plug-in does that asks for each item when it is drawn.
 BENCHMARK_CAPTURE(ask, straightforward, OURS, 1)->Name("BusBadges500/straightforward")->UseRealTime();
 
 }  // namespace

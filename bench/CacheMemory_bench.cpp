@@ -1,5 +1,5 @@
-// The resident memory of the statuses of 50 folders of ten thousand items. The time that these take means nothing: what
-// counts is their counter.
+// The resident memory of the statuses of 50 folders of ten thousand items. The counters have the figures; the times of
+// these benchmarks mean nothing.
 #include <memory>
 #include <memory_resource>
 #include <unordered_map>
@@ -20,7 +20,7 @@ void take(benchmark::State& state, double (*figure)()) {
   state.counters["value"] = value;
 }
 
-/// By how much the extension process grows that has come to know all folders.
+/// The growth of the extension process until it knows all folders.
 double ours() {
   auto& extension = *fixture<RunningExtension>();
   extension.restart();

@@ -1,5 +1,5 @@
-// What the real extension process holds and uses while nobody asks it anything, beside a service on the same bus that
-// does nothing. The time that these take means nothing: what counts are their counters.
+// Memory, threads and processor time of the real extension process while nobody calls it, beside a service on the same
+// bus that does nothing. The counters have the figures; the times of these benchmarks mean nothing.
 #include <chrono>
 #include <thread>
 
@@ -11,70 +11,48 @@
 namespace vornet::bench {
 namespace {
 
-constexpr std::chrono::seconds WATCHED{6};  // more than the interval between two passes
+constexpr std::chrono::seconds WATCHED{15};  // three passes and five looks at the preferences
+constexpr std::chrono::seconds RESTED{2};    // after which threads that calls started have ended
 
-using Figure = double (*)(RunningExtension&);
+/// Memory in MiB, threads, or milliseconds of processor time a minute.
+using Figure = double (*)(pid_t);
 
-void take(benchmark::State& state, Figure figure) {
+enum class Process { started, observing, bare };
+
+void take(benchmark::State& state, Process process, Figure figure) {
   auto& extension = *fixture<RunningExtension>();
   double value = 0;
-  for (auto _ : state) value = figure(extension);
+  for (auto _ : state) {
+    if (process != Process::bare) extension.restart();
+    if (process == Process::observing) extension.observe(0);
+    value = figure(process == Process::bare ? extension.bareProcess() : extension.process());
+  }
   if (value <= 0) state.SkipWithError("no figure");
   state.counters["value"] = value;
 }
 
-double memoryStarted(RunningExtension& extension) {
-  extension.restart();
-  return residentMemory(extension.process());
+double threads(pid_t process) {
+  std::this_thread::sleep_for(RESTED);
+  return static_cast<double>(threadCount(process));
 }
 
-double memoryObserving(RunningExtension& extension) {
-  extension.restart();
-  extension.observe(0);
-  return residentMemory(extension.process());
-}
-
-double threads(RunningExtension& extension) {
-  extension.restart();
-  extension.observe(0);
-  return static_cast<double>(threadCount(extension.process()));
-}
-
-double bareMemory(RunningExtension& extension) {
-  return residentMemory(extension.bareProcess());
-}
-
-double bareThreads(RunningExtension& extension) {
-  return static_cast<double>(threadCount(extension.bareProcess()));
-}
-
-/// Milliseconds of processor time a minute.
-double used(pid_t process) {
+double timeAMinute(pid_t process) {
+  std::this_thread::sleep_for(RESTED);
   const double before = processorTime(process);
   std::this_thread::sleep_for(WATCHED);
   return (processorTime(process) - before) / std::chrono::duration<double>(WATCHED).count() * 60 * 1000;
 }
 
-double timeIdle(RunningExtension& extension) {
-  extension.restart();
-  return used(extension.process());
-}
-
-double timeObserving(RunningExtension& extension) {
-  extension.restart();
-  extension.observe(0);
-  return used(extension.process());
-}
-
-#define IDLE_FIGURE(name, figure) BENCHMARK_CAPTURE(take, figure, &figure)->Name(name)->Iterations(1)
-IDLE_FIGURE("IdleMemoryStarted/ours", memoryStarted);
-IDLE_FIGURE("IdleMemoryStarted/limit", bareMemory);
-IDLE_FIGURE("IdleMemoryObserving/ours", memoryObserving);
-IDLE_FIGURE("IdleMemoryObserving/limit", bareMemory);
-IDLE_FIGURE("IdleThreads/ours", threads);
-IDLE_FIGURE("IdleThreads/limit", bareThreads);
-IDLE_FIGURE("IdleTime/ours", timeIdle);
-IDLE_FIGURE("IdleTimeObserving/ours", timeObserving);
+#define IDLE_FIGURE(name, process, figure) \
+  BENCHMARK_CAPTURE(take, name, Process::process, &figure)->Name(name)->Iterations(1)
+IDLE_FIGURE("IdleMemoryStarted/ours", started, residentMemory);
+IDLE_FIGURE("IdleMemoryStarted/limit", bare, residentMemory);
+IDLE_FIGURE("IdleMemoryObserving/ours", observing, residentMemory);
+IDLE_FIGURE("IdleMemoryObserving/limit", bare, residentMemory);
+IDLE_FIGURE("IdleThreads/ours", observing, threads);
+IDLE_FIGURE("IdleThreads/limit", bare, threads);
+IDLE_FIGURE("IdleTime/ours", started, timeAMinute);
+IDLE_FIGURE("IdleTimeObserving/ours", observing, timeAMinute);
 #undef IDLE_FIGURE
 
 }  // namespace

@@ -1,5 +1,5 @@
-// One pass of the worker over a folder: request, decode, diff, replace, push. Every way has a thread of background
-// priority for itself and asks the same server.
+// One pass of the worker over a folder: request, decode, diff, replace, push. Each way runs on a thread of background
+// priority and asks the same server.
 #include <curl/curl.h>
 
 #include <atomic>
@@ -8,7 +8,7 @@
 #include <unordered_map>
 
 #include "base/AppConst.hpp"
-#include "cache/LRUCache.hpp"
+#include "cache/DirCache.hpp"
 #include "extension/FinderSync.hpp"
 #include "logging/Logging.hpp"
 #include "paths/JSON.hpp"
@@ -29,7 +29,7 @@ namespace {
 const std::string KEY = folderKeyOf(0);
 constexpr const char* URL = "http://127.0.0.1:8806/get_icons_for_folder";
 
-/// The sync application, in whose folder one item in a hundred changes between two requests.
+/// The sync application. One item in a hundred changes between two requests.
 struct Application {
   test::Environment environment;
   std::string root = environment.folder() / "Kelvane";
@@ -50,7 +50,7 @@ void measure(benchmark::State& state, PassClock& clock) {
   }
 }
 
-/// Makes passes on a thread of background priority, for as long as it is measured.
+/// Makes passes on a thread of background priority while the benchmark runs.
 template <class Pass>
 void measurePasses(benchmark::State& state, Pass pass) {
   PassClock clock;
@@ -68,7 +68,7 @@ void measurePasses(benchmark::State& state, Pass pass) {
 
 // --- Ours -----------------------------------------------------------------------------------------------------------
 
-/// The extension's controller, which knows how many pushes make a pass.
+/// The extension's controller. It knows how many pushes make a pass.
 class CountingController : public FinderSync {
  public:
   explicit CountingController(PassClock& clock) : clock_(clock) {}
@@ -122,7 +122,7 @@ CURL* newHandle() {
   curl_easy_setopt(handle, CURLOPT_HTTPHEADER, contentType());
   curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(handle, CURLOPT_PROXY, "");
-  curl_easy_setopt(handle, CURLOPT_FRESH_CONNECT, 1L);  // as ours: a connection of its own for each request
+  curl_easy_setopt(handle, CURLOPT_FRESH_CONNECT, 1L);  // as ours: a new connection for each request
   curl_easy_setopt(handle, CURLOPT_FORBID_REUSE, 1L);
   curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, &append);
   return handle;

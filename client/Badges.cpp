@@ -4,89 +4,122 @@
 #include <iterator>
 #include <utility>
 
+#include "Log.hpp"
 #include "Paths.hpp"
-#include "Trace.hpp"
-#include "Values.hpp"
+#include "dbus/Interface.hpp"
 
 namespace vornet::client {
 namespace {
 
-// The bus carries a million paths a second in batches of this size; four in flight keep the extension's threads busy.
-constexpr std::size_t BATCH = 500;
-constexpr unsigned BATCHES_IN_FLIGHT = 4;
+// Items handled between two looks at the clock.
+constexpr std::size_t STEP = 16;
 
-// The bus's own word for Busy.
+// The bus's name for Busy.
 constexpr const char* TOO_MANY_CALLS = "org.freedesktop.DBus.Error.LimitsExceeded";
 
 bool isOverload(const std::string& error) {
   return error == "Busy" || error == TOO_MANY_CALLS;
 }
 
-/// Whether asking again cannot help while the folder and the extension stay as they are.
+/// True if asking again cannot help while the folder and the extension stay as they are.
 bool isFinal(const std::string& error) {
   return error == "InvalidURL" || error == "OutsideObservedFolders" || error == "NotAFolder";
 }
 
-/// The emblems that an answer to `count` questions means; none when it has another number of them.
-std::vector<std::string_view> emblemsOf(GVariant* values, std::size_t count) {
-  std::vector<std::string_view> emblems;
-  const Value identifiers = childOf(values, 0);
-  if (g_variant_n_children(identifiers.get()) != count) return emblems;
-  emblems.reserve(count);
-  for (std::size_t i = 0; i < count; ++i) emblems.push_back(emblemOf(textOf(childOf(identifiers.get(), i))));
-  return emblems;
+struct Badge {
+  const char* identifier;
+  const char* emblem;  // name in the icon theme
+  const char* label;
+};
+
+constexpr Badge BADGES[] = {{"SYNCED", "emblem-vornet-synced", "Synced"},
+                            {"PENDING", "emblem-vornet-pending", "Sync in progress"},
+                            {"SKIPPED", "emblem-vornet-skipped", "Not synced"}};
+
+/// The icon of the badge `identifier`, a literal: "SYNCED" -> "emblem-vornet-synced"; "" for an unknown identifier.
+std::string_view emblemOf(std::string_view identifier) {
+  for (const auto& badge : BADGES)
+    if (identifier == badge.identifier) return badge.emblem;
+  return {};
 }
 
 }  // namespace
 
-struct Badges::Batch {
-  std::string folder;
-  unsigned folderId = 0;
-  unsigned generation = 0;
-  std::vector<std::string> names;
-};
+const char* labelOf(std::string_view emblem) {
+  for (const auto& badge : BADGES)
+    if (emblem == badge.emblem) return badge.label;
+  return "";
+}
 
 Badges::Badges(GMainContext* context, ExtensionLink& link, FoldersOnScreen& folders, const Pace& pace)
     : link_(link),
       folders_(folders),
-      updates_(context, folders, [this] { askForEverythingLater(); }),
-      questions_(context),
+      work_(context),
+      stream_(context, link, work_, *this),
       gathering_(context),
       pause_(context),
       failedAgain_(context),
       missed_(context),
       unobserved_(context),
       leaving_(context),
+      expecting_(context),
+      tracing_(context),
       busyRetries_(pace.retries),
       failureRetries_(pace.retries),
       gatheringTime_(pace.gathering),
       missedPause_(Backoff(pace.retries).next()),
       unobservedPace_(pace.unobserved),
-      leavingTime_(pace.leaving) {}
+      leavingTime_(pace.leaving),
+      expectingTime_(pace.expecting) {}
 
 bool Badges::mayCarryBadges(std::string_view path) const {
   return !link_.foldersKnown() || link_.observedFolders().empty() || link_.isObserved(path);
 }
 
 std::string_view Badges::emblem(Folder& folder, std::string_view name, std::unique_ptr<ShownItem> item) {
-  if (folder.entries.empty()) folder.remembered = left_.take(folder.path);
+  if (folder.entries.empty() && folder.remembered.empty()) folder.remembered = left_.take(folder.path);
   if (folder.entries.size() >= folder.crowded) forgetGone(folder);
   const auto [found, isNew] = folder.entries.try_emplace(std::string(name));
   Entry& entry = found->second;
   entry.item = std::move(item);
   if (isNew) {
-    if (const auto known = folder.remembered.extract(found->first)) entry.emblem = known.mapped();
-    entry.waiting = true;
-    folder.waiting.push_back(found->first);
     folder.lastNew = g_get_monotonic_time();
-    if (folder.observed || folder.tooMany) askSoon();
+    if (const auto known = folder.unshown.extract(found->first)) {
+      entry.emblem = known.mapped();
+      entry.snapshot = folder.snapshot;
+    } else if (const auto last = folder.remembered.extract(found->first); last && !folder.isComplete) {
+      entry.emblem = last.mapped();
+    }
+    if (folder.isComplete && isTracing() && !tracing_.isRunning()) {
+      tracing_.start(gatheringTime_, [this, path = folder.path, id = folder.id] {
+        if (Folder* current = folders_.find(path, id)) traceAnswered(*current, 0);
+      });
+    }
+    if (!hasStream(folder)) {
+      entry.waiting = true;
+      folder.waiting.push_back(found->first);
+      if (folder.observed || folder.tooMany) askSoon();
+    }
   }
   return entry.emblem;
 }
 
-/// Items that were deleted or renamed while their folder was held.
+/// Forgets items that were deleted or renamed while their folder was held. The stream does not repeat the badge of one
+/// that is made anew. While a snapshot comes, badges that it has not named yet may be out of date.
 void Badges::forgetGone(Folder& folder) {
-  std::erase_if(folder.entries, [](const auto& entry) { return entry.second.item->isGone(); });
+  bool isRoom = true;
+  std::erase_if(folder.entries, [&](const auto& named) {
+    const auto& [name, entry] = named;
+    if (!entry.item->isGone()) return false;
+    if (entry.emblem.empty()) return true;
+    if (folder.isComplete || (folder.stream != 0 && entry.snapshot == folder.snapshot))
+      isRoom &= keep(folder, name, entry.emblem);
+    else if (folder.remembered.size() < LeftFolders::MOST_ITEMS)
+      folder.remembered.insert_or_assign(name, entry.emblem);
+    return true;
+  });
+  std::erase_if(folder.waiting, [&](const std::string& name) { return !folder.entries.contains(name); });
+  if (!isRoom) requestSnapshot(folder);
   folder.crowded = std::max(folder.crowded, 2 * folder.entries.size());
 }
 
@@ -94,12 +127,17 @@ void Badges::forgetGone(Folder& folder) {
 
 void Badges::syncObservations(Folder& folder) {
   const bool possible = link_.isReady() && !folder.refused && link_.isObserved(folder.path);
-  const int wanted = !possible ? 0 : folder.shown > 0 ? folder.shown : folder.inferred ? 1 : 0;
+  const bool isWanted = folder.inferred || folder.expected != 0;
+  const int wanted = !possible ? 0 : folder.shown > 0 ? folder.shown : isWanted ? 1 : 0;
   while (folder.begun < wanted && !folder.refused && !folder.tooMany) begin(folder);
   for (; folder.begun > wanted; --folder.begun)
     if (link_.isReady()) link_.send("EndObserving", g_variant_new("(s)", urlOfPath(folder.path).c_str()));
-  if (folder.begun == 0) folder.observed = false;
+  if (folder.begun == 0) {
+    folder.observed = false;
+    endStream(folder);
+  }
   if (wanted == 0) folder.tooMany = false;
+  if (folder.begun > 0 && folder.stream == 0 && hasStream(folder)) requestSnapshot(folder);
 }
 
 void Badges::begin(Folder& folder) {
@@ -127,7 +165,10 @@ void Badges::notBegun(Folder& folder, const std::string& error) {
   --folder.begun;
   if (error == "TooManyFolders") {
     if (folder.observed) return;
-    folder.tooMany = true;
+    if (!std::exchange(folder.tooMany, true)) {
+      endStream(folder);
+      askForAll(folder);
+    }
     refreshUnobservedLater();
     askSoon();
   } else if (isFinal(error)) {
@@ -137,12 +178,12 @@ void Badges::notBegun(Folder& folder, const std::string& error) {
   }
 }
 
-/// The extension is too busy, or fails.
+/// To be called when the extension is too busy, or fails.
 void Badges::pause() {
   if (pause_.isRunning()) return;
   pause_.start(busyRetries_.next(), [this] {
     for (const auto& path : folders_.paths()) syncObservations(*folders_.find(path));
-    ask();
+    stream_.ask();
   });
 }
 
@@ -160,14 +201,148 @@ void Badges::refreshUnobserved() {
     if (folder.begun == 0) begin(folder);  // a place may have become free
   }
   if (!some) return;
-  ask();
+  stream_.ask();
   refreshUnobservedLater();
+}
+
+// --- Snapshots ------------------------------------------------------------------------------------------------------
+
+/// True if the extension sends the badges of `folder` by itself. It does not for an inferred folder, which may hold a
+/// single result of a search.
+bool Badges::hasStream(const Folder& folder) const {
+  if (folder.stream != 0) return true;
+  const bool isShown = folder.shown > 0 || folder.expected != 0;
+  return link_.isReady() && link_.interfaceVersion() >= 2 && isShown && !folder.tooMany && !folder.singly;
+}
+
+void Badges::requestSnapshot(Folder& folder) {
+  newStream(folder);
+  const auto answered = [this, stream = folder.stream, generation = generation_](GVariant* done,
+                                                                                 const std::string& error) {
+    Folder* current = generation == generation_ ? folders_.findStream(stream) : nullptr;
+    if (current && !done) snapshotRefused(*current, error);
+  };
+  link_.callRunning("RequestSnapshot", g_variant_new("(st)", urlOfPath(folder.path).c_str(), folder.stream), "()",
+                    answered);
+}
+
+void Badges::snapshotRefused(Folder& folder, const std::string& error) {
+  endStream(folder);
+  if (isOverload(error)) {
+    askForAll(folder);  // if it is expected no more, and has no further snapshot
+    return pause();
+  }
+  if (folder.observed) askSingly(folder);  // else observing has failed, and is tried again
+}
+
+void Badges::askSingly(Folder& folder) {
+  endStream(folder);
+  folder.singly = true;
+  askForAll(folder);
+  askSoon();
+}
+
+/// Its badges may change unnoticed from now on.
+void Badges::endStream(Folder& folder) {
+  if (std::exchange(folder.stream, 0) == 0) return;
+  const bool wasComplete = std::exchange(folder.isComplete, false);
+  auto latest = std::exchange(folder.unshown, {});
+  if (!wasComplete && latest.size() + folder.remembered.size() <= LeftFolders::MOST_ITEMS)
+    latest.merge(folder.remembered);
+  folder.remembered = std::move(latest);
+  folder.keptBytes = 0;
+}
+
+void Badges::folderBadges(guint64 stream, unsigned char flags, const std::vector<BadgeStream::NamedBadge>& items) {
+  Folder* folder = folders_.findStream(stream);
+  if (!folder) return;
+  if (flags & dbus::NO_SNAPSHOT) return askSingly(*folder);
+  busyRetries_.reset();
+  if (flags & dbus::SNAPSHOT_BEGINS) {
+    const auto current = folder->stream;
+    endStream(*folder);  // the items shown keep their emblems until it ends
+    folder->stream = current;
+    ++folder->snapshot;
+  }
+  for (const auto& [name, identifier] : items)
+    if (!applyStreamed(*folder, name, emblemOf(identifier))) return requestSnapshot(*folder);
+  if (flags & dbus::SNAPSHOT_ENDS) snapshotEnded(*folder);
+}
+
+/// False when there is no room: another request will be answered that there is no snapshot of so many.
+bool Badges::applyStreamed(Folder& folder, std::string_view name, std::string_view emblem) {
+  std::string key(name);
+  if (const auto found = folder.entries.find(key); found != folder.entries.end()) {
+    found->second.snapshot = folder.snapshot;
+    applyBadge(folder, key, emblem);
+  } else if (emblem.empty()) {
+    folder.unshown.erase(key);
+    folder.remembered.erase(key);
+  } else if (const auto kept = folder.unshown.find(key); kept != folder.unshown.end()) {
+    kept->second = emblem;
+  } else {
+    return keep(folder, std::move(key), emblem);
+  }
+  return true;
+}
+
+/// False when there is no room.
+bool Badges::keep(Folder& folder, std::string name, std::string_view emblem) {
+  folder.keptBytes += name.size();
+  if (folder.unshown.size() >= dbus::MAX_ITEMS_A_SNAPSHOT || folder.keptBytes > dbus::MAX_BYTES_A_SNAPSHOT)
+    return false;
+  folder.unshown.emplace(std::move(name), emblem);
+  return true;
+}
+
+/// No other item has a badge.
+void Badges::snapshotEnded(Folder& folder) {
+  folder.isComplete = true;
+  folder.remembered.clear();
+  for (const auto& name : std::exchange(folder.waiting, {}))
+    if (const auto found = folder.entries.find(name); found != folder.entries.end()) found->second.waiting = false;
+  for (const auto& [name, entry] : folder.entries)
+    if (entry.snapshot != folder.snapshot && !entry.emblem.empty()) applyBadge(folder, name, {});
+  if (!folder.entries.empty()) traceLater(folder, 0);
 }
 
 // --- Coming and going -----------------------------------------------------------------------------------------------
 
+void Badges::expect(Folder& folder) {
+  folder.expected = g_get_monotonic_time();
+  if (!expecting_.isRunning()) expecting_.start(expectingTime_, [this] { forgetExpected(); });
+  observe(folder);
+}
+
+void Badges::forgetExpected() {
+  const gint64 now = g_get_monotonic_time();
+  bool some = false;
+  for (const auto& path : folders_.paths()) {
+    Folder& folder = *folders_.find(path);
+    if (folder.expected == 0) continue;
+    if (now - folder.expected < std::chrono::microseconds(expectingTime_).count()) {
+      some = true;
+      continue;
+    }
+    folder.expected = 0;
+    if (!folder.entries.empty() && !folder.isHeld()) folder.inferred = folder.wasInferred = true;
+    if (!folder.inferred) {
+      forget(folder);
+      continue;
+    }
+    askForAll(folder);  // its snapshot may have been refused
+    askSoon();
+    syncObservations(folder);
+  }
+  if (some) expecting_.start(expectingTime_, [this] { forgetExpected(); });
+}
+
 void Badges::show(Folder& folder) {
   folder.leftAt = 0;
+  observe(folder);
+}
+
+void Badges::observe(Folder& folder) {
   if (folder.begun == 0) askForAll(folder);
   syncObservations(folder);
 }
@@ -183,7 +358,7 @@ void Badges::forgetLeft() {
   for (const auto& path : folders_.paths()) {
     Folder& folder = *folders_.find(path);
     if (folder.leftAt == 0) continue;
-    if (now - folder.leftAt < std::chrono::microseconds(leavingTime_).count()) {
+    if (folder.expected != 0 || now - folder.leftAt < std::chrono::microseconds(leavingTime_).count()) {
       later = true;
       continue;
     }
@@ -196,119 +371,73 @@ void Badges::forgetLeft() {
 
 void Badges::forget(Folder& folder) {
   folder.inferred = false;
+  folder.expected = 0;
+  const bool isComplete = folder.isComplete;
+  const bool isKnown = isComplete || folder.entries.empty();  // what is remembered; otherwise it is out of date
   syncObservations(folder);
   if (folder.isHeld()) return;
-  Emblems emblems;
+  Emblems emblems = isKnown ? std::move(folder.remembered) : Emblems();
   for (const auto& [name, entry] : folder.entries)
     if (!entry.emblem.empty()) emblems.emplace(name, entry.emblem);
-  if (folder.entries.empty()) emblems = std::move(folder.remembered);  // nobody asked; otherwise they are out of date
-  left_.add(folder.path, std::move(emblems));
+  if (isComplete || !emblems.empty()) left_.add(folder.path, std::move(emblems));  // else those of the last time stay
   folders_.erase(std::string(folder.path));
 }
 
 // --- Asking ---------------------------------------------------------------------------------------------------------
 
 void Badges::askForAll(Folder& folder) {
+  if (hasStream(folder)) return;
   for (auto& [name, entry] : folder.entries) {
     if (std::exchange(entry.waiting, true)) continue;
     folder.waiting.push_back(name);
   }
 }
 
-/// Changes were missed. While they keep coming too fast, once in a while is enough.
-void Badges::askForEverythingLater() {
-  if (missed_.isRunning()) return;
-  missed_.start(missedPause_, [this] {
-    for (const auto& [path, folder] : folders_.all()) askForAll(*folder);
-    ask();
-  });
-}
-
 void Badges::askSoon() {
-  if (gathering_.isRunning() || batchesInFlight_ >= BATCHES_IN_FLIGHT) return;
-  gathering_.start(gatheringTime_, [this] { ask(); });
+  if (!gathering_.isRunning() && !stream_.isFull()) gathering_.start(gatheringTime_, [this] { stream_.ask(); });
 }
 
-/// One batch in a turn: its URLs take a while to write.
-void Badges::ask() {
-  if (std::exchange(isAsking_, true)) return;
-  questions_.add([this] {
-    const bool may = link_.isReady() && !pause_.isRunning() && batchesInFlight_ < BATCHES_IN_FLIGHT;
-    return isAsking_ = may && askForNextBatch();
-  });
-}
-
-/// What failed comes last.
-bool Badges::askForNextBatch() {
-  const auto asked = [](const Folder& folder) { return folder.observed || folder.tooMany; };
+/// Failed batches come last.
+std::optional<Badges::Batch> Badges::nextBatch() {
+  if (!link_.isReady() || pause_.isRunning()) return std::nullopt;
+  const auto asked = [this](const Folder& folder) { return (folder.observed || folder.tooMany) && !hasStream(folder); };
   for (const auto& [path, folder] : folders_.all()) {
     auto& waiting = folder->waiting;
     if (!asked(*folder) || waiting.empty()) continue;
-    const auto first = waiting.end() - static_cast<std::ptrdiff_t>(std::min(BATCH, waiting.size()));
+    const auto first = waiting.end() - static_cast<std::ptrdiff_t>(std::min(dbus::BATCH, waiting.size()));
     std::vector<std::string> names(std::make_move_iterator(first), std::make_move_iterator(waiting.end()));
     waiting.erase(first, waiting.end());
-    askForBatch(*folder, std::move(names));
-    return true;
+    return batchOf(*folder, std::move(names));
   }
-  if (failedAgain_.isRunning()) return false;
+  if (failedAgain_.isRunning()) return std::nullopt;
   for (const auto& [path, folder] : folders_.all()) {
     if (!asked(*folder) || folder->again.empty()) continue;
     auto names = std::move(folder->again.front());
     folder->again.pop_front();
-    askForBatch(*folder, std::move(names));
-    return true;
+    return batchOf(*folder, std::move(names));
   }
-  return false;
+  return std::nullopt;
 }
 
-void Badges::askForBatch(Folder& folder, std::vector<std::string> names) {
-  auto batch = std::make_shared<Batch>(Batch{folder.path, folder.id, generation_, {}});
-  const std::string base = folder.path == "/" ? "/" : folder.path + "/";
-  GVariantBuilder urls;
-  g_variant_builder_init(&urls, G_VARIANT_TYPE_STRING_ARRAY);
-  for (auto& name : names) {
+/// A batch of those of `names` that the folder still has.
+Badges::Batch Badges::batchOf(Folder& folder, std::vector<std::string> names) {
+  std::erase_if(names, [&folder](const std::string& name) {
     const auto found = folder.entries.find(name);
-    if (found == folder.entries.end()) continue;
-    if (found->second.item->isGone()) {
-      folder.entries.erase(found);
-      continue;
-    }
+    if (found == folder.entries.end()) return true;
     found->second.waiting = false;
-    g_variant_builder_add(&urls, "s", urlOfPath(base + name).c_str());
-    batch->names.push_back(std::move(name));
-  }
-  if (batch->names.empty()) {
-    g_variant_builder_clear(&urls);
-    return;
-  }
-  folder.unanswered += batch->names.size();
-  ++batchesInFlight_;
-  link_.callRunning("RequestBadges", g_variant_new("(as)", &urls), "(as)",
-                    [this, batch](GVariant* values, const std::string& error) { answered(*batch, values, error); });
+    if (!found->second.item->isGone()) return false;
+    folder.entries.erase(found);
+    return true;
+  });
+  folder.unanswered += names.size();
+  return {folder.path, folder.id, std::move(names), {}};
 }
 
-void Badges::answered(Batch& batch, GVariant* values, const std::string& error) {
-  if (batch.generation != generation_) return;
-  --batchesInFlight_;
-  Folder* folder = folders_.find(batch.folder, batch.folderId);
-  auto emblems = values ? emblemsOf(values, batch.names.size()) : std::vector<std::string_view>();
-  if (!emblems.empty()) {
-    busyRetries_.reset();
-    failureRetries_.reset();
-  }
-  if (folder && emblems.empty()) {
-    failed(*folder, std::move(batch.names), error);
-  } else if (folder) {
-    const auto items = batch.names.size();
-    const auto applied = [this, path = batch.folder, id = batch.folderId, items] {
-      if (Folder* current = folders_.find(path, id)) traceAnswered(*current, items);
-    };
-    updates_.takeAnswer({batch.folder, batch.folderId, std::move(batch.names), std::move(emblems)}, applied);
-  }
-  ask();
+void Badges::requestFailed(Batch batch, const CallError& error) {
+  if (Folder* folder = folders_.find(batch.folder, batch.folderId)) failed(*folder, std::move(batch.names), error);
 }
 
-/// The batch is asked for again: by halves, so that an item that makes the extension refuse all of them ends up alone.
+/// Retries the batch by halves, so that an item that makes the extension refuse all of them ends up alone.
 void Badges::failed(Folder& folder, std::vector<std::string> names, const std::string& error) {
   folder.unanswered -= std::min(folder.unanswered, names.size());
   std::erase_if(names, [&folder](const std::string& name) {
@@ -330,7 +459,27 @@ void Badges::failed(Folder& folder, std::vector<std::string> names, const std::s
   folder.again.push_back(std::move(names));
   if (!half.empty()) folder.again.push_back(std::move(half));
   if (error == "InvalidURL" || failedAgain_.isRunning()) return;
-  failedAgain_.start(failureRetries_.next(), [this] { ask(); });
+  failedAgain_.start(failureRetries_.next(), [this] { stream_.ask(); });
+}
+
+// --- Answers and changes --------------------------------------------------------------------------------------------
+
+bool Badges::badgesAnswered(const Batch& batch, std::size_t begin, std::size_t end) {
+  busyRetries_.reset();
+  failureRetries_.reset();
+  Folder* folder = folders_.find(batch.folder, batch.folderId);
+  if (!folder) return false;
+  for (; begin < end; ++begin) applyBadge(*folder, batch.names[begin], emblemOf(batch.identifiers[begin]));
+  if (end == batch.names.size()) traceLater(*folder, end);
+  return true;
+}
+
+/// After the redrawing.
+void Badges::traceLater(const Folder& folder, std::size_t items) {
+  work_.add([this, path = folder.path, id = folder.id, items] {
+    if (Folder* current = folders_.find(path, id)) traceAnswered(*current, items);
+    return false;
+  });
 }
 
 void Badges::traceAnswered(Folder& folder, std::size_t items) {
@@ -340,12 +489,88 @@ void Badges::traceAnswered(Folder& folder, std::size_t items) {
   trace("the badges of %zu items are known, %.1f ms after the last of them came", folder.entries.size(), milliseconds);
 }
 
-/// The folder lies outside the synced folder now. Of one that a window holds the items are kept: they get badges when
-/// it comes to lie within again, and the file manager does not ask for them then.
+void Badges::badgeChanged(const std::string& path, const std::string& identifier) {
+  if (Folder* folder = folders_.find(folderOf(path)))
+    applyBadge(*folder, std::string(nameOf(path)), emblemOf(identifier));
+}
+
+/// Requests everything again; while changes keep coming too fast, only once in a while. Until then the streams are
+/// ignored: a snapshot of which a part is missing would take away badges.
+void Badges::changesMissed() {
+  for (const auto& [path, folder] : folders_.all())
+    if (folder->stream != 0) newStream(*folder);
+  if (missed_.isRunning()) return;
+  missed_.start(missedPause_, [this] {
+    for (const auto& [path, folder] : folders_.all()) {
+      if (folder->stream != 0) requestSnapshot(*folder);
+      askForAll(*folder);
+    }
+    stream_.ask();
+  });
+}
+
+void Badges::applyBadge(Folder& folder, const std::string& name, std::string_view emblem) {
+  const auto found = folder.entries.find(name);
+  if (found == folder.entries.end() || found->second.emblem == emblem) return;
+  found->second.emblem = emblem;
+  if (std::exchange(found->second.changed, true)) return;
+  folder.changed.push_back(name);
+  if (std::exchange(isRedrawing_, true)) return;
+  work_.add([this] {
+    for (std::size_t i = 0; i < STEP; ++i)
+      if (!redrawNext()) return isRedrawing_ = false;
+    return true;
+  });
+}
+
+bool Badges::redrawNext() {
+  for (const auto& [path, folder] : folders_.all()) {
+    if (folder->changed.empty()) continue;
+    const auto name = std::move(folder->changed.back());
+    folder->changed.pop_back();
+    const auto found = folder->entries.find(name);
+    if (found == folder->entries.end()) return true;
+    found->second.changed = false;
+    const auto item = found->second.item;  // the file manager may call emblem() within the call and replace it
+    const auto itemPath = childPath(path, name);
+    const std::string emblem(found->second.emblem);
+    guarded([&] { item->redraw(itemPath, emblem); });
+    return true;
+  }
+  return false;
+}
+
+void Badges::redrawAll(const Folder& folder) {
+  struct Item {
+    std::string name;
+    std::shared_ptr<ShownItem> item;
+    std::string_view emblem;
+  };
+  auto items = std::make_shared<std::vector<Item>>();
+  items->reserve(folder.entries.size());
+  for (const auto& [name, entry] : folder.entries) items->push_back({name, entry.item, entry.emblem});
+  work_.add([this, items, path = folder.path, id = folder.id] {
+    for (std::size_t i = 0; i < STEP && !items->empty(); ++i) {
+      const Item one = std::move(items->back());
+      items->pop_back();
+      auto emblem = one.emblem;
+      if (const Folder* current = folders_.find(path, id)) {
+        if (const auto found = current->entries.find(one.name); found != current->entries.end())
+          emblem = found->second.emblem;  // it may have changed since
+      }
+      one.item->redraw(childPath(path, one.name), std::string(emblem));
+    }
+    return !items->empty();
+  });
+}
+
+/// Clears a folder that is outside the synced folder now. Keeps the items of a folder that a window shows: they get
+/// badges when it is inside again, and the file manager does not ask for them then.
 void Badges::clear(Folder& folder) {
+  endStream(folder);
   folder.remembered.clear();
   if (folder.shown > 0 || folder.isHeld() || link_.observedFolders().empty()) {
-    for (const auto& [name, entry] : folder.entries) updates_.applyBadge(folder, name, {});
+    for (const auto& [name, entry] : folder.entries) applyBadge(folder, name, {});
     return;
   }
   bool hadBadges = false;
@@ -365,14 +590,14 @@ void Badges::extensionReady() {
 
 void Badges::extensionGone() {
   ++generation_;
-  batchesInFlight_ = 0;
-  updates_.dropUnread();
+  stream_.reset();
   for (auto* timer : {&pause_, &failedAgain_, &missed_, &unobserved_}) timer->stop();
   busyRetries_.reset();
   failureRetries_.reset();
   for (const auto& [path, folder] : folders_.all()) {
     folder->begun = 0;
-    folder->observed = folder->refused = folder->tooMany = false;
+    folder->observed = folder->refused = folder->tooMany = folder->singly = false;
+    endStream(*folder);
     folder->unanswered = 0;
     for (auto& names : std::exchange(folder->again, {}))
       std::move(names.begin(), names.end(), std::back_inserter(folder->waiting));
@@ -384,7 +609,9 @@ void Badges::observedFoldersChanged() {
   for (const auto& path : folders_.paths()) {
     Folder& folder = *folders_.find(path);
     folder.refused = folder.tooMany = false;
-    if (link_.isObserved(path))
+    if (link_.isObserved(path) && folder.stream != 0)
+      requestSnapshot(folder);
+    else if (link_.isObserved(path))
       askForAll(folder);
     else
       clear(folder);

@@ -5,47 +5,50 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
-#include "Backoff.hpp"
-#include "GLibPtr.hpp"
 #include "MainLoop.hpp"
+#include "dbus/GLibPtr.hpp"
 
 namespace vornet::client {
 
+inline constexpr const char* INVALID_REPLY = "InvalidReply";
+inline constexpr const char* DISCONNECTED = "Disconnected";
+
 /// Why a call has no values.
 struct CallError {
-  /// What follows the prefix of the extension's own errors ("Busy"), "InvalidReply" for values of another type,
-  /// "Disconnected" without a bus, the whole name of any other error.
+  /// The extension's errors without their prefix ("Busy"); INVALID_REPLY for values of another type, DISCONNECTED
+  /// without a bus, the whole name of any other error.
   std::string name;
   std::string message;  ///< for people
 
   operator const std::string&() const { return name; }
 };
 
-/// The extension on the session bus: finds and starts it, notices its end, makes calls, hands on its signals. The
-/// connection is private, because the shared one ends the process when the bus goes. Nothing waits: what has no answer
-/// yet has none. What the extension says is not trusted: answers of another type count as failures, and no more is kept
-/// of them than a file manager needs. Not thread-safe: the context's thread only.
+/// The extension on the session bus: finds and starts it, notices its end, makes calls, passes on its signals. The
+/// connection is private, because the shared one ends the process when the bus goes. Never blocks. The extension is not
+/// trusted: answers of another type count as failures, and only what a file manager needs is kept. Not
+/// thread-safe: the context's thread only.
 class ExtensionLink {
  public:
   class Listener {
    public:
     virtual ~Listener() = default;
-    /// An extension answers: another process than before, which knows of no observation.
+    /// A new process of the extension answers. It has no observations yet.
     virtual void extensionReady() = 0;
-    /// It has ended, or the bus has; calls under way end with an error.
+    /// It has ended, or the bus has; calls in flight fail.
     virtual void extensionGone() = 0;
     virtual void observedFoldersChanged() = 0;
-    /// `changes`: a(ss), item's URL and identifier.
-    virtual void badgesChanged(GVariant* changes) = 0;
+    /// syncApplicationSilentSince() has changed.
+    virtual void syncApplicationChanged() {}
 
     /// The bus can be called.
     virtual void busOpened() {}
     /// There is no bus, or it went away; `message` says why.
     virtual void busLost(const std::string& message) { static_cast<void>(message); }
-    /// The bus could not start the extension. `willRetry`: the link tries again by itself. Writes a line to the log, of
+    /// The bus could not start the extension. `willRetry`: the link retries automatically. Writes a line to the log, of
     /// the first failure only.
     virtual void startFailed(const CallError& error, bool isFirst, bool willRetry);
   };
@@ -55,36 +58,52 @@ class ExtensionLink {
   ExtensionLink(const ExtensionLink&) = delete;
   ExtensionLink& operator=(const ExtensionLink&) = delete;
 
-  /// Connects to the bus, and does not start the extension.
+  /// Connects to the bus without starting the extension.
   void open();
 
-  /// The extension is needed: the bus is asked to start it, where it does not run. After a failed attempt nothing is
-  /// done before the longest retry time is over.
-  void want();
+  /// Has the bus start the extension if it does not run. After a failed attempt it does nothing until the longest retry
+  /// time is over.
+  void ensureStarted();
 
-  /// The extension has gone and is needed again: at once, but ever later when it keeps ending.
-  void wantAgain();
+  /// Restarts the extension after its end: at once, then with back-off while it keeps ending.
+  void restartWithBackoff();
 
   bool isReady() const { return ready_; }
 
   /// The unique name of the process that owns the extension's bus name; empty for none.
   const std::string& owner() const { return owner_; }
 
-  /// Whether an extension has ever told its folders; and those that the last one told, as paths.
+  /// True if an extension has ever reported its folders; the folders that the last one reported, as paths.
   bool foldersKnown() const { return foldersKnown_; }
   const std::vector<std::string>& observedFolders() const { return observedFolders_; }
 
-  /// Whether `path` is one of those folders or lies below one.
+  /// True if `path` is one of those folders or is below one.
   bool isObserved(std::string_view path) const;
 
-  /// Calls `method`; starts the extension where it does not run. `done` gets the values, which are of `type`, or null
-  /// and the error; it is not called any more after the end of this object. There is no time-out: an extension that
-  /// hangs answers when it goes on, and an error comes when it ends. The caller bounds how many calls are in flight.
+  /// The version of the interface of the extension that answers; 1 where it names none.
+  unsigned interfaceVersion() const { return interfaceVersion_; }
+
+  /// The identifier of a badge as FolderBadges has it; "" for none, and for a number that the extension has not named.
+  std::string_view badgeIdentifier(unsigned char number) const;
+
+  /// Since when the sync application has not answered, in seconds since 1970; 0 when it answered the last request; none
+  /// while no extension has reported it.
+  std::optional<gint64> syncApplicationSilentSince() const { return silentSince_; }
+
+  /// Has `handler` called with the changes of badges that the extension sends, a(ss): items' URLs and identifiers.
+  void onBadgesChanged(std::function<void(GVariant* changes)> handler) { badgesChanged_ = std::move(handler); }
+
+  /// The same with the values of a FolderBadges, (tysay).
+  void onFolderBadges(std::function<void(GVariant* values)> handler) { folderBadges_ = std::move(handler); }
+
+  /// Calls `method`; starts the extension if it does not run. `done` gets the values, which are of `type`, or null and
+  /// the error; it is not called after the end of this object. There is no time-out: a frozen extension answers when it
+  /// goes on, and an error comes when it ends. The caller bounds how many calls are in flight.
   using Done = std::function<void(GVariant* values, const CallError& error)>;
   void call(const char* method, GVariant* arguments, const char* type, Done done);
 
-  /// The same of the process that runs now; for what that process remembers of its clients. Fails when it has gone,
-  /// even when another has its name by then, which would be told of a folder a second time.
+  /// The same for the process that runs now only, for calls about what it keeps for its clients. Fails when none runs
+  /// or it has gone, even if another process has its name by then: that would begin a second observation.
   void callRunning(const char* method, GVariant* arguments, const char* type, Done done);
 
   /// The same for all properties, (a{sv}); `mayStart`: starts the extension.
@@ -93,7 +112,7 @@ class ExtensionLink {
   /// The same for a method of the bus itself.
   void callBus(const char* method, GVariant* arguments, const char* type, Done done);
 
-  /// Calls the process that runs now, if any, where the answer does not matter: none comes.
+  /// Calls the process that runs now, if any, without waiting for an answer.
   void send(const char* method, GVariant* arguments);
 
  private:
@@ -110,7 +129,9 @@ class ExtensionLink {
   void vanished();
   void readProperties();
   void propertiesChanged(GVariant* values);
+  bool takeProperties(GVariant* properties);
   void takeObservedFolders(GVariant* urls);
+  void takeSilence(gint64 since);
   void unsubscribe();
   void callObject(const char* name, const char* path, const char* interface, const char* method, GVariant* arguments,
                   const char* type, GDBusCallFlags flags, Done done);
@@ -118,12 +139,15 @@ class ExtensionLink {
 
   GMainContext* context_;
   Listener& listener_;
-  std::shared_ptr<ExtensionLink*> self_;  ///< what callbacks hold weakly
+  std::function<void(GVariant*)> badgesChanged_;
+  std::function<void(GVariant*)> folderBadges_;
+  std::shared_ptr<ExtensionLink*> self_;  ///< callbacks hold a weak reference to it
 
   GObjectPtr<GDBusConnection> connection_;
   gulong closedHandler_ = 0;
   guint watch_ = 0;
   guint badgesSubscription_ = 0;
+  guint folderSubscription_ = 0;
   guint propertiesSubscription_ = 0;
   bool connecting_ = false;
   bool startsWhenConnected_ = false;
@@ -132,7 +156,10 @@ class ExtensionLink {
   std::string owner_;
   std::vector<std::string> observedFolders_;
   bool foldersKnown_ = false;
-  GVariantPtr newFolders_;  ///< told, and not yet taken in
+  unsigned interfaceVersion_ = 1;
+  std::vector<std::string> badges_;  ///< their identifiers
+  std::optional<gint64> silentSince_;
+  GVariantPtr newFolders_;  ///< reported, not yet applied
   SlicedWork work_;
   Disposal disposal_;
 
@@ -140,7 +167,7 @@ class ExtensionLink {
   Backoff readRetries_;
   Timer retry_;
   Backoff retries_;
-  bool triedAtOnce_ = false;  ///< and the extension has not stayed since
+  bool triedAtOnce_ = false;  ///< and the extension has not kept running since
   gint64 lastFailure_ = 0;    ///< monotonic, in microseconds; 0 for none
   gint64 readySince_ = 0;
   bool warned_ = false;

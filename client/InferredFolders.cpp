@@ -5,10 +5,10 @@
 namespace vornet::client {
 namespace {
 
-// More folders than this are not kept fresh at a time: a search can find items in thousands.
+// At most so many inferred folders are kept up to date: a search can find items in thousands.
 constexpr std::size_t MOST_INFERRED = 64;
 
-// Looks at the folders in the time that one lasts.
+// How often folders are checked within `lasting`.
 constexpr int LOOKS = 4;
 
 bool isUnshown(const Folder& folder) {
@@ -30,7 +30,7 @@ void InferredFolders::asked(Folder& folder) {
 void InferredFolders::decide() {
   for (const auto& path : folders_.paths()) {
     Folder& folder = *folders_.find(path);
-    if (isUnshown(folder) && !folder.isHeld() && !folder.inferred) inferOrForget(folder);
+    if (isUnshown(folder) && !folder.isHeld() && !folder.inferred && folder.expected == 0) inferOrForget(folder);
   }
   if (!looking_.isRunning()) looking_.start(lasting_ / LOOKS, [this] { look(); });
 }
@@ -61,9 +61,9 @@ void InferredFolders::look() {
   bool some = false;
   for (const auto& path : folders_.paths()) {
     Folder& folder = *folders_.find(path);
-    if (!isUnshown(folder) || !folder.inferred) continue;
-    some = true;
-    lookAt(folder, now);
+    if (!isUnshown(folder) || (!folder.inferred && folder.expected == 0)) continue;
+    some = true;  // one that is expected may be inferred later
+    if (folder.inferred) lookAt(folder, now);
   }
   if (some) looking_.start(lasting_ / LOOKS, [this] { look(); });
 }

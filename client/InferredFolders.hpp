@@ -23,7 +23,7 @@ class InferredFolders {
   InferredFolders(const InferredFolders&) = delete;
   InferredFolders& operator=(const InferredFolders&) = delete;
 
-  /// An item of `folder`, which no window shows, was asked for.
+  /// To be called when an item of `folder`, which no window shows, was asked for.
   void asked(Folder& folder);
 
  private:

@@ -2,8 +2,7 @@
 
 #include <utility>
 
-#include "Guarded.hpp"
-#include "Trace.hpp"
+#include "Log.hpp"
 
 namespace vornet::client {
 namespace {

@@ -2,6 +2,7 @@
 
 #include <gio/gio.h>
 
+#include <algorithm>
 #include <chrono>
 #include <deque>
 #include <functional>
@@ -32,7 +33,7 @@ class Timer {
   Timer(const Timer&) = delete;
   Timer& operator=(const Timer&) = delete;
 
-  /// In place of what was going to be called.
+  /// Replaces a pending call.
   void start(std::chrono::milliseconds delay, std::function<void()> function);
   void stop();
   bool isRunning() const { return source_ != nullptr; }
@@ -43,8 +44,29 @@ class Timer {
   std::function<void()> function_;
 };
 
-/// Work that is done piece by piece, in the order in which it was added, a few milliseconds at a time; between them the
-/// file manager takes its turn.
+/// The back-off between attempts at something that keeps failing: `first`, doubled each time, at most `last`.
+class Backoff {
+ public:
+  Backoff(std::chrono::milliseconds first, std::chrono::milliseconds last) : first_(first), last_(last), next_(first) {}
+
+  std::chrono::milliseconds next() {
+    const auto wait = std::min(next_, last_);
+    next_ = wait * 2;
+    return wait;
+  }
+
+  /// To be called after a success.
+  void reset() { next_ = first_; }
+
+  std::chrono::milliseconds last() const { return last_; }
+
+ private:
+  const std::chrono::milliseconds first_;
+  const std::chrono::milliseconds last_;
+  std::chrono::milliseconds next_;
+};
+
+/// Work that is done in order, a few milliseconds at a time, so that the file manager gets its turn in between.
 class SlicedWork {
  public:
   explicit SlicedWork(GMainContext* context) : context_(context) {}
@@ -71,7 +93,7 @@ class Disposal {
   Disposal(const Disposal&) = delete;
   Disposal& operator=(const Disposal&) = delete;
 
-  /// Keeps `value` until the caller, and those who called it, have let go of it, and frees it then.
+  /// Keeps `value` until the caller, and those who called it, have released it; frees it then.
   void add(GVariant* value);
 
  private:

@@ -6,7 +6,7 @@
 
 #include "Paths.hpp"
 #include "Plugin.hpp"
-#include "Values.hpp"
+#include "dbus/GLibPtr.hpp"
 
 namespace vornet::client {
 namespace {
@@ -14,15 +14,16 @@ namespace {
 // The extension works at so many menus at a time; more would only queue up behind a sync application that hangs.
 constexpr unsigned MOST_IN_FLIGHT = 4;
 
-// As many windows as may each ask for the menu of their own selection without replacing one another's.
+// So many windows can each ask for the menu of their own selection without replacing one another's.
 constexpr std::size_t MOST_REMEMBERED = 8;
 
-// An answer that is older is shown, and asked for again: the sync application may have changed its mind.
+// An older answer is shown, and requested again: the sync application may have changed its mind.
 constexpr gint64 FRESH_MICROSECONDS = 1'000'000;
 
 constexpr const char* ICON = "vornet-vi";
+constexpr const char* WHY_GREYED = "Kelvane is not running";
 
-// More entries are not shown, nor more characters of a title. An entry with a longer action is left out.
+// Further entries and characters are cut off. An entry with a longer action is left out.
 constexpr gsize MOST_ENTRIES = 100;
 constexpr int LONGEST_TITLE = 200;
 constexpr std::size_t LONGEST_ACTION = 200;
@@ -35,6 +36,19 @@ std::string cut(const gchar* text) {
 }
 
 }  // namespace
+
+Menu menuOf(GVariant* entries) {
+  Menu menu;
+  const gsize count = std::min(g_variant_n_children(entries), MOST_ENTRIES);
+  for (gsize i = 0; i < count; ++i) {
+    const GVariantPtr entry = childOf(entries, i);
+    const GVariantPtr action = childOf(entry.get(), 1);
+    if (strnlen(textOf(action), LONGEST_ACTION + 1) > LONGEST_ACTION) continue;
+    const bool enabled = g_variant_get_boolean(childOf(entry.get(), 2).get()) != FALSE;
+    menu.push_back({cut(textOf(childOf(entry.get(), 0))), textOf(action), enabled, textOf(childOf(entry.get(), 3))});
+  }
+  return menu;
+}
 
 MenuPrefetch::MenuPrefetch(ExtensionLink& link, Changed changed) : link_(link), changed_(std::move(changed)) {}
 
@@ -72,8 +86,15 @@ MenuPrefetch::Remembered& MenuPrefetch::remember(const Selection& selection) {
 }
 
 Menu MenuPrefetch::menu(const Selection& selection) {
+  Menu entries = entriesFor(selection);
+  for (auto& entry : entries)
+    if (isSilent_ && !entry.enabled) entry.tip = WHY_GREYED;
+  return entries;
+}
+
+Menu MenuPrefetch::entriesFor(const Selection& selection) {
   if (selection.empty()) return {};
-  link_.want();
+  link_.ensureStarted();
   Remembered& known = remember(selection);
   if (!belongs(selection)) return {};
   if (selection.size() > Plugin::LARGEST_SELECTION) return greyed();
@@ -82,7 +103,7 @@ Menu MenuPrefetch::menu(const Selection& selection) {
   return known.answeredAt == 0 ? greyed() : known.entries;
 }
 
-/// Of several selections that find no room, the last one is asked for when there is some. The others are when the file
+/// When too many requests are in flight, the last selection waits for room. Earlier ones are requested when the file
 /// manager asks again.
 void MenuPrefetch::ask(Remembered& menu) {
   if (!link_.isReady() || inFlight_ >= MOST_IN_FLIGHT) {
@@ -91,16 +112,13 @@ void MenuPrefetch::ask(Remembered& menu) {
   }
   menu.requestId = ++lastRequestId_;
   ++inFlight_;
-  GVariantBuilder urls;
-  g_variant_builder_init(&urls, G_VARIANT_TYPE_STRING_ARRAY);
-  for (const auto& path : menu.selection) g_variant_builder_add(&urls, "s", urlOfPath(path).c_str());
   const auto done = [this, id = menu.requestId, generation = generation_](GVariant* values, const std::string&) {
     if (generation != generation_) return;
     --inFlight_;
     answered(id, values);
     askNext();
   };
-  link_.call("GetMenu", g_variant_new("(as)", &urls), "(a(ssbs))", done);
+  link_.call("GetMenu", g_variant_new("(@as)", urlsOf(menu.selection)), "(a(ssbs))", done);
 }
 
 void MenuPrefetch::askNext() {
@@ -114,17 +132,9 @@ void MenuPrefetch::answered(unsigned requestId, GVariant* values) {
   if (menu == remembered_.end()) return;
   menu->requestId = 0;
   if (!values) return;
-  Menu entries;
-  const Value list = childOf(values, 0);
-  const gsize count = std::min(g_variant_n_children(list.get()), MOST_ENTRIES);
-  for (gsize i = 0; i < count; ++i) {
-    const Value entry = childOf(list.get(), i);
-    const Value action = childOf(entry.get(), 1);
-    if (strnlen(textOf(action), LONGEST_ACTION + 1) > LONGEST_ACTION) continue;
-    const bool enabled = g_variant_get_boolean(childOf(entry.get(), 2).get()) != FALSE;
-    const bool hasImage = *textOf(childOf(entry.get(), 3)) != '\0';
-    entries.push_back({cut(textOf(childOf(entry.get(), 0))), textOf(action), enabled, hasImage ? ICON : ""});
-  }
+  Menu entries = menuOf(childOf(values, 0).get());
+  for (auto& entry : entries)
+    if (!entry.icon.empty()) entry.icon = ICON;
   const bool isNew = entries != (menu->answeredAt == 0 ? greyed() : menu->entries);
   menu->entries = std::move(entries);
   menu->answeredAt = g_get_monotonic_time();
@@ -143,7 +153,7 @@ void MenuPrefetch::extensionGone() {
   for (auto& menu : remembered_) menu.requestId = 0;
 }
 
-/// A selection may belong now for which there were no entries, or the other way round.
+/// A selection may have come into the synced folder, or left it.
 void MenuPrefetch::observedFoldersChanged() {
   waiting_.clear();
   std::vector<Selection> selections;
@@ -152,6 +162,15 @@ void MenuPrefetch::observedFoldersChanged() {
     menu.requestId = 0;
     selections.push_back(menu.selection);
   }
+  for (const auto& selection : selections) changed_(selection);
+}
+
+/// Changes the tips of greyed entries.
+void MenuPrefetch::syncApplicationChanged() {
+  const bool isSilent = link_.syncApplicationSilentSince().value_or(0) > 0;
+  if (std::exchange(isSilent_, isSilent) == isSilent) return;
+  std::vector<Selection> selections;
+  for (const auto& menu : remembered_) selections.push_back(menu.selection);
   for (const auto& selection : selections) changed_(selection);
 }
 

@@ -6,18 +6,22 @@
 #include <list>
 
 #include "ExtensionLink.hpp"
-#include "Menu.hpp"
+#include "FileManager.hpp"
 
 namespace vornet::client {
 
-/// The menus of what is selected, fetched when it is selected, so that opening one waits for nothing. Those of the last
-/// few selections are remembered: when one changes, each window asks for the menu of its own selection again. Not
-/// thread-safe: the context's thread only.
+/// The entries of a menu as the extension sends it, a(ssbs): at most a hundred, their titles cut at 200 characters,
+/// without those whose action is too long. `icon` is the name that the extension gives the image.
+Menu menuOf(GVariant* entries);
+
+/// The menus of what is selected, fetched when the selection changes, so that opening one waits for nothing. The last
+/// few are remembered: when one changes, each window asks for its own again. Not thread-safe: the context's thread
+/// only.
 class MenuPrefetch {
  public:
   using Changed = std::function<void(const Selection& selection)>;
 
-  /// `changed` is called when the entries of a selection that is remembered have changed.
+  /// `changed` is called when the entries of a remembered selection have changed.
   MenuPrefetch(ExtensionLink& link, Changed changed);
   MenuPrefetch(const MenuPrefetch&) = delete;
   MenuPrefetch& operator=(const MenuPrefetch&) = delete;
@@ -28,6 +32,7 @@ class MenuPrefetch {
   void extensionReady();
   void extensionGone();
   void observedFoldersChanged();
+  void syncApplicationChanged();
 
  private:
   struct Remembered {
@@ -39,6 +44,7 @@ class MenuPrefetch {
 
   using Menus = std::list<Remembered>;
 
+  Menu entriesFor(const Selection& selection);
   bool belongs(const Selection& selection) const;
   Menu greyed() const;
   Menus::iterator find(const Selection& selection);
@@ -54,6 +60,7 @@ class MenuPrefetch {
   Selection waiting_;  ///< to be requested when one in flight is answered; empty for none
   unsigned lastRequestId_ = 0;
   unsigned inFlight_ = 0;
+  bool isSilent_ = false;    ///< the sync application, when it was last asked
   unsigned generation_ = 0;  ///< counts the extension's processes
 };
 

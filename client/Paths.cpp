@@ -1,6 +1,6 @@
 #include "Paths.hpp"
 
-#include "GLibPtr.hpp"
+#include "dbus/GLibPtr.hpp"
 
 namespace vornet::client {
 
@@ -17,6 +17,13 @@ std::optional<std::string> pathOfURL(const char* url) {
 std::string urlOfPath(const std::string& path) {
   const GCharPtr url(g_filename_to_uri(path.c_str(), nullptr, nullptr));
   return url ? url.get() : std::string();
+}
+
+GVariant* urlsOf(const std::vector<std::string>& paths) {
+  GVariantBuilder urls;
+  g_variant_builder_init(&urls, G_VARIANT_TYPE_STRING_ARRAY);
+  for (const auto& path : paths) g_variant_builder_add(&urls, "s", urlOfPath(path).c_str());
+  return g_variant_builder_end(&urls);
 }
 
 std::string withoutSlash(std::string_view path) {

@@ -28,7 +28,7 @@ TEST(PluginPaths, EveryByteThatAURLCannotHoldIsEncoded) {
   EXPECT_EQ(urlOfPath("/\xff"), "file:///%FF");
 }
 
-TEST(PluginPaths, AURLBringsItsPathBack) {
+TEST(PluginPaths, APathBecomesAURLAndTheSamePathAgain) {
   std::string all = "/e\xcc\x81";
   for (int byte = 1; byte < 256; ++byte)
     if (byte != '/') all += static_cast<char>(byte);
@@ -47,7 +47,7 @@ TEST(PluginPaths, FolderAndName) {
   EXPECT_EQ(withoutSlash("/"), "/");
 }
 
-TEST(PluginPaths, WithinIsTheFolderItselfAndWhatLiesBelow) {
+TEST(PluginPaths, WithinIsTheFolderItselfAndEverythingBelow) {
   EXPECT_TRUE(isWithin("/a", "/a"));
   EXPECT_TRUE(isWithin("/a", "/a/b/c"));
   EXPECT_TRUE(isWithin("/", "/a"));

@@ -5,20 +5,22 @@
 #include "Badges.hpp"
 #include "ExtensionLink.hpp"
 #include "FoldersOnScreen.hpp"
-#include "Guarded.hpp"
 #include "InferredFolders.hpp"
+#include "Log.hpp"
 #include "MenuPrefetch.hpp"
 #include "Paths.hpp"
-#include "Trace.hpp"
 
 namespace vornet::client {
 class Plugin::Impl : public ExtensionLink::Listener {
  public:
   Impl(FileManager& fileManager, const Options& options)
       : link(options.context, {options.firstRetry, options.lastRetry}, *this),
-        badges(
-            options.context, link, folders,
-            {options.gathering, {options.firstRetry, options.lastRetry}, options.unobservedRefresh, options.leaving}),
+        badges(options.context, link, folders,
+               {options.gathering,
+                {options.firstRetry, options.lastRetry},
+                options.unobservedRefresh,
+                options.leaving,
+                options.expecting}),
         inferred(options.context, folders, badges, options.beforeInferring, options.inferredFor),
         menus(link, [&fileManager](const Selection& selection) { fileManager.menuChanged(selection); }) {}
 
@@ -33,11 +35,11 @@ class Plugin::Impl : public ExtensionLink::Listener {
     guarded([this] {
       badges.extensionGone();
       menus.extensionGone();
-      // Also for a folder outside the former synced folder: it may lie within the next one.
+      // Also for a folder outside the last synced folder: it may be inside the next one.
       const bool needed = std::any_of(folders.all().begin(), folders.all().end(), [](const auto& folder) {
-        return folder.second->shown > 0 || folder.second->inferred;
+        return folder.second->shown > 0 || folder.second->inferred || folder.second->expected != 0;
       });
-      if (needed) link.wantAgain();
+      if (needed) link.restartWithBackoff();
     });
   }
 
@@ -48,8 +50,8 @@ class Plugin::Impl : public ExtensionLink::Listener {
     });
   }
 
-  void badgesChanged(GVariant* changes) override {
-    guarded([this, changes] { badges.badgesChanged(changes); });
+  void syncApplicationChanged() override {
+    guarded([this] { menus.syncApplicationChanged(); });
   }
 
   FoldersOnScreen folders;
@@ -66,13 +68,23 @@ Plugin::Plugin(FileManager& fileManager, const Options& options)
 
 Plugin::~Plugin() = default;
 
+void Plugin::folderExpected(const std::string& path) {
+  guarded([&] {
+    Folder& folder = impl_->folders.at(withoutSlash(path));
+    if (folder.shown > 0) return;
+    impl_->link.ensureStarted();
+    impl_->badges.expect(folder);
+  });
+}
+
 void Plugin::folderShown(const std::string& path) {
   const TracedCall traced("folder shown");
   guarded([&] {
     Folder& folder = impl_->folders.at(withoutSlash(path));
     ++folder.shown;
     folder.inferred = false;
-    impl_->link.want();
+    folder.expected = 0;
+    impl_->link.ensureStarted();
     impl_->badges.show(folder);
   });
 }
@@ -83,7 +95,7 @@ void Plugin::folderHidden(const std::string& path) {
     Folder* folder = impl_->folders.find(withoutSlash(path));
     if (!folder || folder->shown == 0) return;
     if (--folder->shown > 0) return impl_->badges.syncObservations(*folder);
-    // It may be a tree's branch elsewhere; then it is asked for again, and inferred again.
+    // It may also be a branch of a tree; then the file manager asks again, and it is inferred again.
     if (folder->wasInferred && !folder->isHeld()) impl_->badges.redrawAll(*folder);
     impl_->badges.forget(*folder);
   });
@@ -111,10 +123,10 @@ std::string Plugin::emblem(const std::string& path, std::unique_ptr<ShownItem> i
     const auto parent = folderOf(path);
     const auto name = nameOf(path);
     if (name.empty() || !g_utf8_validate(path.c_str(), static_cast<gssize>(path.size()), nullptr)) return {};
-    // An item outside the synced folder is kept as well while a window shows it: that may become another folder.
+    // An item outside the synced folder is kept as well while a window shows it: the synced folder may change.
     Folder& folder = impl_->folders.at(parent);
     if (folder.shown == 0 && (folder.inferred || !folder.isHeld())) {
-      if (impl_->badges.mayCarryBadges(parent)) impl_->link.want();
+      if (impl_->badges.mayCarryBadges(parent)) impl_->link.ensureStarted();
       impl_->inferred.asked(folder);
     }
     return std::string(impl_->badges.emblem(folder, name, std::move(item)));
@@ -127,18 +139,15 @@ Menu Plugin::menu(const Selection& selection) {
 }
 
 void Plugin::ensureStarted() {
-  guarded([this] { impl_->link.want(); });
+  guarded([this] { impl_->link.ensureStarted(); });
 }
 
 void Plugin::perform(const std::string& action, const Selection& selection) {
   guarded([&] {
-    GVariantBuilder urls;
-    g_variant_builder_init(&urls, G_VARIANT_TYPE_STRING_ARRAY);
-    for (const auto& path : selection) g_variant_builder_add(&urls, "s", urlOfPath(path).c_str());
     const auto performed = [action](GVariant* done, const std::string& error) {
       if (!done) g_warning("%s was not performed: %s", action.c_str(), error.c_str());
     };
-    impl_->link.call("PerformAction", g_variant_new("(sas)", action.c_str(), &urls), "()", performed);
+    impl_->link.call("PerformAction", g_variant_new("(s@as)", action.c_str(), urlsOf(selection)), "()", performed);
   });
 }
 

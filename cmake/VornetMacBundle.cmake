@@ -24,13 +24,14 @@ set_target_properties(VornetVIExt PROPERTIES
   XCODE_ATTRIBUTE_CODE_SIGN_ENTITLEMENTS "${bundle}/VornetVIExt.entitlements"
   XCODE_ATTRIBUTE_CODE_SIGN_IDENTITY "${VORNET_MACOS_SIGNING_IDENTITY}")
 if(CMAKE_GENERATOR STREQUAL "Xcode")
+  add_dependencies(Kelvane VornetVIExt)  # embedding it does not build it
   set_target_properties(Kelvane PROPERTIES
     XCODE_EMBED_APP_EXTENSIONS VornetVIExt
     XCODE_EMBED_APP_EXTENSIONS_CODE_SIGN_ON_COPY NO)  # signed with its entitlements already
   return()
 endif()
 
-# The other generators: the extension is built where it belongs, and the application signed after it.
+# Other generators: the extension is built inside the application, which is signed after it.
 set(application "${CMAKE_BINARY_DIR}/Kelvane.app")
 set(extension "${application}/Contents/PlugIns/VornetVIExt.appex")
 set_target_properties(VornetVIExt PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${application}/Contents/PlugIns")
@@ -42,6 +43,7 @@ add_custom_command(
   COMMAND "${VORNET_CODESIGN}" --force --sign "${VORNET_MACOS_SIGNING_IDENTITY}" "${application}"
   COMMAND "${CMAKE_COMMAND}" -E touch "${CMAKE_CURRENT_BINARY_DIR}/signed"
   DEPENDS Kelvane VornetVIExt ${images} "${bundle}/VornetVIExt.entitlements"
+          "${bundle}/VornetVIExt-Info.plist" "${bundle}/Kelvane-Info.plist"
   COMMENT "Signing Kelvane.app"
   VERBATIM)
 add_custom_target(vornet_macos_signed ALL DEPENDS "${CMAKE_CURRENT_BINARY_DIR}/signed")

@@ -1,4 +1,4 @@
-# vornet_apple_frameworks: Foundation, AppKit, FinderSync and Dispatch; elsewhere than on a Mac what stands in for them.
+# vornet_apple_frameworks: Foundation, AppKit, FinderSync and Dispatch; where there is no Mac, their stand-ins.
 enable_language(OBJCXX)
 set(CMAKE_OBJCXX_STANDARD 20)
 set(CMAKE_OBJCXX_STANDARD_REQUIRED ON)

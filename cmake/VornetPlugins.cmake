@@ -1,4 +1,4 @@
-# What the plug-ins of all file managers are built with.
+# Shared by the plug-ins of all file managers.
 
 # vornet_wants(RESULT MANAGER FOUND PACKAGE): sets RESULT to whether the plug-in for MANAGER is built. The cache option
 # VORNET_<MANAGER> decides: ON, OFF, or AUTO for what FOUND says, which is whether the development package PACKAGE is there.
@@ -33,7 +33,7 @@ function(vornet_add_plugin target folder)
   add_library(${target} MODULE ${ARGN})
   set_target_properties(${target} PROPERTIES LIBRARY_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/${folder}")
   target_link_libraries(${target} PRIVATE vornet_client vornet_options)
-  # Its code stays when the file manager lets go of it: GLib may still hold callbacks into it.
+  # Its code stays when the file manager unloads it: GLib may still hold callbacks into it.
   target_link_options(${target} PRIVATE LINKER:-z,nodelete)
   # Clang leaves the sanitizers' functions to the program.
   if(NOT (VORNET_SANITIZE AND CMAKE_CXX_COMPILER_ID MATCHES "Clang"))

@@ -1,6 +1,6 @@
 # vornet_test(NAME SOURCES … LIBRARIES … [PORT] [ENVIRONMENT …] [TIMEOUT seconds])
-# One GoogleTest program; ctest runs each of its tests in a process of its own. PORT marks tests that need the fixed
-# loopback port of the sync application: each has a network of its own, or ctest never runs two of them at the same time.
+# One GoogleTest program; ctest runs each of its tests in a separate process. PORT marks tests that need the fixed
+# loopback port of the sync application: each has a private network, or ctest never runs two of them at the same time.
 if(VORNET_TESTS)
   enable_testing()
   find_package(GTest REQUIRED)
@@ -9,13 +9,13 @@ if(VORNET_TESTS)
   try_run(vornet_own_network_status vornet_own_network_compiles
     SOURCES "${CMAKE_CURRENT_LIST_DIR}/own-network.cpp" NO_CACHE COPY_FILE "${VORNET_OWN_NETWORK}")
   if(NOT vornet_own_network_compiles OR NOT vornet_own_network_status EQUAL 0)
-    message(STATUS "Tests that need port 8806 run one after another: the system does not allow them networks of their own")
+    message(STATUS "Tests that need port 8806 run one after another: this system allows no network namespaces")
     set(VORNET_OWN_NETWORK "")
   endif()
 endif()
 
-# vornet_needs_port(TARGET PROPERTIES): has the tests of the program TARGET run in a network of their own, or adds to the list
-# PROPERTIES those that keep them apart.
+# vornet_needs_port(TARGET PROPERTIES): gives the tests of the program TARGET their own network, or adds the properties that
+# keep them apart to the list PROPERTIES.
 function(vornet_needs_port target properties)
   if(NOT VORNET_OWN_NETWORK)
     set(${properties} ${${properties}} RESOURCE_LOCK port-8806 PARENT_SCOPE)

@@ -1,6 +1,6 @@
-// own-network PROGRAM [ARGUMENT…]: runs a program with a network of its own, which has only a loopback interface, so
-// that every port is free. Without a program it only tries. Exit status 1 where the system does not allow it; needs no
-// root where ordinary users may make namespaces.
+// own-network PROGRAM [ARGUMENT…]: runs a program in a private network, which has only a loopback interface, so that
+// every port is free. Without a program it only tries. Exit status 1 where the system does not allow it; needs no root
+// where ordinary users may make namespaces.
 #include <fcntl.h>
 #include <net/if.h>
 #include <sched.h>
@@ -21,7 +21,7 @@ bool write(const char* path, const std::string& text) {
   return done;
 }
 
-/// Users and groups other than this one become those that the system does not know.
+/// Maps this user and group; all others are unknown inside.
 bool leaveNetworkAsOrdinaryUser() {
   const auto same = [](auto id) { return std::to_string(id) + " " + std::to_string(id) + " 1"; };
   const std::string user = same(::geteuid());

@@ -26,7 +26,24 @@ inline constexpr char BUSY[] = "Busy";
 inline constexpr char FAILED[] = "Failed";
 }  // namespace error
 
-/// URLs in one call, and the size of a call with a list of URLs and of any other, in bytes.
+/// Values of SyncApplicationSilentSince that are no time.
+inline constexpr long long ANSWERS = 0;
+inline constexpr long long NOT_ASKED = -1;
+
+/// The property InterfaceVersion. 2: RequestSnapshot and FolderBadges. Absent before.
+inline constexpr unsigned INTERFACE_VERSION = 2;
+
+/// Flags of a FolderBadges: a snapshot begins, ends; there is none, and the items are to be asked for.
+inline constexpr unsigned char SNAPSHOT_BEGINS = 1;
+inline constexpr unsigned char SNAPSHOT_ENDS = 2;
+inline constexpr unsigned char NO_SNAPSHOT = 4;
+
+/// Items in one FolderBadges; items and bytes of a snapshot.
+inline constexpr std::size_t MAX_ITEMS_A_SIGNAL = 5'000;
+inline constexpr std::size_t MAX_ITEMS_A_SNAPSHOT = 50'000;
+inline constexpr std::size_t MAX_BYTES_A_SNAPSHOT = 4 * 1024 * 1024;
+
+/// The most URLs in one call; the largest call with a list of URLs, and of any other kind, in bytes.
 inline constexpr std::size_t MAX_URLS = 10'000;
 inline constexpr std::size_t MAX_BYTES_OF_LIST = 4 * 1024 * 1024;
 inline constexpr std::size_t MAX_BYTES_OF_OTHERS = 64 * 1024;
@@ -40,8 +57,8 @@ inline constexpr std::size_t MAX_OBSERVED_FOLDERS = 50;
 /// Observations of one client, each window on a folder counted.
 inline constexpr std::size_t MAX_OBSERVATIONS_OF_A_CLIENT = 1'000;
 
-/// Unanswered calls of one client: BeginObserving and EndObserving; RequestBadges; GetMenu and PerformAction; all
-/// others.
+/// Unanswered calls of one client: BeginObserving, EndObserving and RequestSnapshot; RequestBadges; GetMenu and
+/// PerformAction; all others.
 inline constexpr std::size_t MAX_OBSERVING_CALLS = 2'000;
 inline constexpr std::size_t MAX_BADGE_CALLS = 256;
 inline constexpr std::size_t MAX_MENU_CALLS = 64;

@@ -1,7 +1,8 @@
-// What an extension answers and signals, sense or nonsense: a plug-in shows for each item what it heard last, and in
-// the menu what it was answered last.
+// Answers, signals and snapshots of an extension, sensible or not: a plug-in shows the latest badge of each item and
+// the latest menu.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <gio/gio.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <array>
@@ -21,6 +22,7 @@
 
 #include "client/Paths.hpp"
 #include "client/Plugin.hpp"
+#include "dbus/GLibPtr.hpp"
 #include "dbus/Interface.hpp"
 #include "support/PeerBus.hpp"
 #include "support/Require.hpp"
@@ -34,16 +36,19 @@ using client::Plugin;
 constexpr const char* PROPERTIES = "org.freedesktop.DBus.Properties";
 const std::string ROOT = "/k";
 
-// Each input has a folder of its own: the plug-in remembers what it showed in those before.
+// Far more than are open at a time: losing one now and then is soon a finding.
+constexpr rlim_t MOST_DESCRIPTORS = 200;
+
+// Each input has another folder, because the plug-in remembers what it showed in earlier ones.
 std::string folder;
 std::array<std::string, 4> items;
-std::string lastItem;  // a change of it says that all before has come
+std::string lastItem;  // when its change arrives, all before it has arrived
 
 void takeNextFolder() {
   static unsigned count = 0;
   folder = ROOT + "/f" + std::to_string(count++);
   items = {folder + "/a", folder + "/b c", folder + "/\u00e9", folder + "/d"};
-  lastItem = folder + "/last";
+  lastItem = folder + "/longer than any name that is made up";
 }
 
 const std::map<std::string, std::string> EMBLEMS = {
@@ -99,14 +104,19 @@ class Input {
     return choice < known.size() ? known[choice] : text();
   }
 
+  std::string name() {
+    const auto choice = static_cast<std::size_t>(upTo(static_cast<int>(items.size())));
+    return choice < items.size() ? items[choice].substr(folder.size() + 1) : text();
+  }
+
   std::string url() {
     const auto choice = static_cast<std::size_t>(upTo(static_cast<int>(items.size()) + 2));
     if (choice < items.size()) return client::urlOfPath(items[choice]);
     return choice == items.size() ? "file://" + folder + "/" + text() : text();
   }
 
-  /// Values of a shape that nobody expects.
-  std::shared_ptr<GVariant> nonsense() { return {g_variant_ref_sink(anyShape()), g_variant_unref}; }
+  /// Values of an unexpected shape.
+  std::shared_ptr<GVariant> nonsense() { return GVariantPtr(g_variant_ref_sink(anyShape())); }
 
  private:
   GVariant* anyShape() {
@@ -164,19 +174,18 @@ bool isGreyed(const Menu& menu) {
 template <typename Condition>
 void waitFor(Condition condition, const char* what) {
   bool late = false;
-  GSource* deadline = g_timeout_source_new_seconds(30);
+  const GSourcePtr deadline(g_timeout_source_new_seconds(30));
   g_source_set_callback(
-      deadline, [](gpointer flag) -> gboolean { return !(*static_cast<bool*>(flag) = true); }, &late, nullptr);
-  g_source_attach(deadline, context());
+      deadline.get(), [](gpointer flag) -> gboolean { return !(*static_cast<bool*>(flag) = true); }, &late, nullptr);
+  g_source_attach(deadline.get(), context());
   while (!condition()) {
     require(!late, what);
     g_main_context_iteration(context(), TRUE);
   }
-  g_source_destroy(deadline);
-  g_source_unref(deadline);
+  g_source_destroy(deadline.get());
 }
 
-/// The plug-in, which lives on from one input to the next: making one costs more than an input does.
+/// The plug-in. Making one costs more than an input does, so it is kept from one input to the next.
 std::optional<Plugin>& plugin() {
   static SilentManager manager;
   static std::optional<Plugin>& made = *new std::optional<Plugin>;
@@ -194,18 +203,27 @@ class Session {
   Session(const std::uint8_t* data, std::size_t size) : input_(data, size) {
     takeNextFolder();
     if (input_.rarely()) nonsenseProperty_ = input_.nonsense();
-    isNewProcess_ = std::exchange(endsProcess_, false) || nonsenseProperty_;
+    const bool sendsSnapshots = input_.yes();
+    isNewProcess_ = std::exchange(endsProcess_, false) || nonsenseProperty_ || sendsSnapshots != sendsSnapshots_;
+    sendsSnapshots_ = sendsSnapshots;
     if (isNewProcess_) bus().restart();
     std::vector<std::string> folders;
     for (int others = input_.upTo(3); others > 0; --others) folders.push_back(input_.url());
     folders.push_back("file://" + ROOT);
-    bus().on("Get", [this, folders](GVariant*) {
-      return nonsenseProperty_ ? g_variant_ref(nonsenseProperty_.get()) : g_variant_new("(v)", listOf(folders));
+    bus().on("GetAll", [this, folders](GVariant*) {
+      if (nonsenseProperty_) return g_variant_ref(nonsenseProperty_.get());
+      const char* properties = sendsSnapshots_
+                                   ? "({'ObservedFolders': <%@as>, 'InterfaceVersion': <uint32 2>, 'Badges': "
+                                     "<[('SYNCED', '', ''), ('PENDING', '', ''), ('SKIPPED', '', '')]>},)"
+                                   : "({'ObservedFolders': <%@as>},)";
+      return g_variant_new_parsed(properties, listOf(folders));
     });
 
     refusesToObserve_ = input_.rarely();
     if (!refusesToObserve_) bus().on("BeginObserving", [](GVariant*) { return g_variant_new("()"); });
     bus().on("EndObserving", [](GVariant*) { return g_variant_new("()"); });
+    hasStream_ = sendsSnapshots_ && !input_.rarely();
+    if (hasStream_) bus().on("RequestSnapshot", [this](GVariant* arguments) { return beginStream(arguments); });
 
     if (input_.rarely()) nonsenseBadges_ = input_.nonsense();
     for (int count = input_.upTo(4); count >= 0; --count) badges_.push_back(input_.identifier());
@@ -237,16 +255,19 @@ class Session {
     const bool isConnected = std::exchange(isConnected_, true);
     if (isConnected && isNewProcess_) bus().start();
     if (!isConnected) plugin_.folderShown(folder);
-    if (isNewProcess_) waitFor([] { return bus().calls("Get") > 0; }, "the plug-in asks for the folders");
+    if (isNewProcess_) waitFor([] { return bus().calls("GetAll") > 0; }, "the plug-in asks for the folders");
     if (isConnected) plugin_.folderShown(folder);
   }
 
   void play() {
     if (nonsenseProperty_) return checkThatNothingIsShown();
     waitFor([] { return bus().calls("BeginObserving") > 0; }, "the plug-in observes the folder");
-    if (input_.yes()) changeProperties();
+    const bool changesFolders = input_.yes();
+    if (changesFolders) changeProperties();
+    if (sendsSnapshots_)
+      waitFor([] { return bus().calls("RequestSnapshot") > 0; }, "the plug-in requests the folder's snapshot");
     for (const auto& item : items) show(item, [] {});
-    const bool asks = input_.yes() && !refusesToObserve_;
+    const bool asks = input_.yes() && !refusesToObserve_ && !sendsSnapshots_;
     const bool wantsMenu = input_.yes();
     if (wantsMenu) plugin_.menu({items[0]});
     for (int signals = input_.upTo(4); signals > 0; --signals) sendChanges();
@@ -254,11 +275,15 @@ class Session {
     if (wantsMenu) waitFor([] { return bus().calls("GetMenu") > 0; }, "the plug-in asks for the menu");
     for (int signals = input_.upTo(2); signals > 0; --signals) sendChanges();
     awaitLastChange();
-    for (const auto& item : items) checkEmblem(item);
+    // A stream may end when the folder is not observed, and another may begin when the folders change.
+    const bool hasCertainStream = !refusesToObserve_ && !changesFolders;
+    if (!sendsSnapshots_ || hasCertainStream)
+      for (const auto& item : items) checkEmblem(item);
     if (wantsMenu) checkMenu();
   }
 
-  /// Now and then the plug-in ends in the midst of it, or the extension. Else both live on, when all has been answered.
+  /// Sometimes ends the plug-in, or the extension, while calls are in flight. Else both stay, and all calls are
+  /// answered.
   void leave() {
     endsProcess_ = input_.rarely() || nonsenseProperty_;
     if (input_.rarely()) {
@@ -272,7 +297,7 @@ class Session {
     if (!endsProcess_) awaitFailedAction();
   }
 
-  /// A failed action is written to the log. Before it all earlier calls are answered.
+  /// A failed action is logged. All earlier calls are answered before it.
   void awaitFailedAction() {
     const auto before = warnings.load();
     plugin_.perform("share:", {items[0]});
@@ -283,8 +308,8 @@ class Session {
     plugin_.emblem(path, std::make_unique<Item>(std::move(redrawn)));
   }
 
-  /// What the extension says of the items asked for: it repeats badges_. An answer with another number of them, or of
-  /// another shape, counts as none.
+  /// The extension's answer for the items asked for: badges_, repeated. An answer of another length or shape counts as
+  /// none.
   GVariant* badgesOf(GVariant* arguments) {
     const std::lock_guard guard(mutex_);
     std::vector<std::string> paths;
@@ -323,14 +348,68 @@ class Session {
                [] {});
   }
 
+  GVariant* beginStream(GVariant* arguments) {
+    const std::lock_guard guard(mutex_);
+    g_variant_get(arguments, "(&st)", nullptr, &stream_);
+    return g_variant_new("()");
+  }
+
   void sendChanges() {
     if (input_.rarely()) {
       const auto values = input_.nonsense();
-      return bus().send(dbus::INTERFACE, "BadgesChanged", g_variant_ref(values.get()), [] {});
+      return bus().send(dbus::INTERFACE, input_.yes() ? "BadgesChanged" : "FolderBadges", g_variant_ref(values.get()),
+                        [] {});
     }
+    if (sendsSnapshots_ && input_.yes()) return sendFolderBadges();
     Changes changes;
     for (int count = input_.upTo(6); count > 0; --count) changes.emplace_back(input_.url(), input_.identifier());
     send(changes);
+  }
+
+  /// A message of the folder's stream, or of another; there may be more names than badges, or fewer.
+  void sendFolderBadges() {
+    const auto flags =
+        static_cast<guchar>(input_.upTo(input_.rarely() ? 255 : dbus::SNAPSHOT_BEGINS | dbus::SNAPSHOT_ENDS));
+    const bool isOther = input_.rarely();
+    std::vector<std::string> names;
+    for (int count = input_.upTo(6); count > 0; --count) names.push_back(input_.name());
+    std::vector<guchar> badges;
+    for (int count = input_.rarely() ? input_.upTo(8) : static_cast<int>(names.size()); count > 0; --count)
+      badges.push_back(static_cast<guchar>(input_.upTo(input_.rarely() ? 255 : 3)));
+    const auto count = names.size();
+    if (count == badges.size() && input_.rarely()) {  // more than are read at once
+      for (std::size_t i = 0; i < 20 * count; ++i) {
+        names.push_back(std::string(names[i]));
+        badges.push_back(guchar(badges[i]));
+      }
+    }
+    std::string joined;
+    for (const auto& name : names) joined += (joined.empty() ? "" : "/") + name;
+    const auto stream = [&] {
+      const std::lock_guard guard(mutex_);
+      return isOther ? stream_ + 1 : stream_;
+    }();
+    GVariant* list = g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, badges.data(), badges.size(), 1);
+    bus().send(dbus::INTERFACE, "FolderBadges", g_variant_new("(tys@ay)", stream, flags, joined.c_str(), list), [&] {
+      if (!isOther) noteFolderBadges(flags, joined, badges);
+    });
+  }
+
+  void noteFolderBadges(guchar flags, std::string_view names, const std::vector<guchar>& badges) {
+    const std::array<std::string, 4> identifiers = {"", "SYNCED", "PENDING", "SKIPPED"};
+    const std::lock_guard guard(mutex_);
+    if (flags & dbus::NO_SNAPSHOT) hasStream_ = false;
+    if (!hasStream_) return;
+    if (flags & dbus::SNAPSHOT_BEGINS) named_.emplace();
+    for (const auto badge : badges) {
+      const auto path = folder + "/" + std::string(names.substr(0, names.find('/')));
+      names.remove_prefix(std::min(names.size(), path.size() - folder.size()));
+      told_[path] = badge < identifiers.size() ? identifiers[badge] : "";
+      if (named_) named_->insert(path);
+    }
+    if (!(flags & dbus::SNAPSHOT_ENDS) || !named_) return;
+    for (auto& [path, identifier] : told_)
+      if (!named_->contains(path)) identifier.clear();
   }
 
   void send(const Changes& changes) {
@@ -341,7 +420,7 @@ class Session {
     });
   }
 
-  /// All that was sent before the last change has arrived when that has.
+  /// When the last change has arrived, so has all that was sent before it.
   void awaitLastChange() {
     bool redrawn = false;
     show(lastItem, [&redrawn] { redrawn = true; });
@@ -385,8 +464,9 @@ class Session {
   // From one input to the next.
   static inline bool isConnected_ = false;
   static inline bool endsProcess_ = true;
+  static inline bool sendsSnapshots_ = false;
 
-  // What the extension answers; nonsense where it is set.
+  // The extension's answers; nonsense where it is set.
   bool refusesToObserve_ = false;
   std::shared_ptr<GVariant> nonsenseProperty_, nonsenseBadges_, nonsenseMenu_;
   std::vector<std::string> badges_;
@@ -396,6 +476,9 @@ class Session {
   std::mutex mutex_;
   std::set<std::string> asked_;              ///< paths of items
   std::map<std::string, std::string> told_;  ///< path -> identifier that was sent last
+  guint64 stream_ = 0;
+  bool hasStream_ = false;                      ///< its messages count
+  std::optional<std::set<std::string>> named_;  ///< paths, since a snapshot began
 };
 
 }  // namespace
@@ -409,6 +492,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   };
   g_log_set_default_handler(take, nullptr);
   ::setenv("DBUS_SESSION_BUS_ADDRESS", bus().address().c_str(), 1);
+  const rlimit few = {MOST_DESCRIPTORS, MOST_DESCRIPTORS};
+  require(::setrlimit(RLIMIT_NOFILE, &few) == 0, "descriptors can be limited");
   return 0;
 }
 

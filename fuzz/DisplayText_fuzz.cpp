@@ -1,5 +1,5 @@
-// Whatever bytes a name holds: what is shown drives no terminal, hides nothing, can be told apart from every other
-// name, and is as wide as is said.
+// Names of any bytes: their display text controls no terminal, hides nothing, differs from that of every other name,
+// and has the reported width.
 #include <glib.h>
 
 #include <boost/json.hpp>
@@ -35,7 +35,7 @@ bool hides(char32_t character) {
          character == 0xFEFF || (character >= 0xE0000 && character <= 0xE007F);
 }
 
-/// The bytes that `safe` stands for.
+/// The bytes that `safe` represents.
 std::string unescaped(std::string_view safe) {
   std::string raw;
   for (std::size_t at = 0; at < safe.size(); ++at) {
@@ -104,7 +104,7 @@ void checkSafeText(std::string_view raw, const std::string& safe, bool unicode) 
     require(!hides(c), "nothing invisible is shown");
     if (!unicode) require(c < 0x80, "where the locale has no UTF-8, only ASCII is shown");
   }
-  require(unescaped(safe) == raw, "safe text says which bytes it stands for");
+  require(unescaped(safe) == raw, "safe text says which bytes it represents");
   require(vi::displayWidth(safe) == widthOf(characters), "the width is that of the characters");
 }
 

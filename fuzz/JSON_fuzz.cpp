@@ -1,4 +1,4 @@
-// The two readers of JSON agree on every input, and what was read can be written and read again.
+// The two readers of JSON agree on every input, and every value survives being written and read again.
 #include <cmath>
 #include <map>
 #include <optional>
@@ -13,7 +13,7 @@ namespace {
 
 using Integers = std::map<std::string, std::int64_t, std::less<>>;
 
-/// What a document should give as an object of integers; none when it is none.
+/// The document as an object of integers; none for another shape.
 std::optional<Integers> integersOf(const JSONValue& value) {
   const auto* object = value.if_object();
   if (!object) return std::nullopt;

@@ -1,5 +1,5 @@
-// The framing of D-Bus messages: of every message that GLib takes, the service reads the same length, kind, names and
-// count of texts; any other bytes it reads or refuses without leaving them.
+// The framing of D-Bus messages: where GLib accepts a message, the service reads the same length, kind, names and count
+// of texts. It reads or refuses all other bytes, within their bounds.
 #include <gio/gio.h>
 
 #include <algorithm>
@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 
+#include "dbus/GLibPtr.hpp"
 #include "service/MessageHeader.hpp"
 #include "support/Require.hpp"
 
@@ -68,11 +69,8 @@ void checkAgainstGLib(std::string_view bytes, const std::optional<service::Messa
   std::string copy(bytes);
   auto* blob = reinterpret_cast<guchar*>(copy.data());
   if (g_dbus_message_bytes_needed(blob, copy.size(), nullptr) != static_cast<gssize>(copy.size())) return;
-  const std::shared_ptr<GDBusMessage> message(
-      g_dbus_message_new_from_blob(blob, copy.size(), G_DBUS_CAPABILITY_FLAGS_UNIX_FD_PASSING, nullptr),
-      [](auto* made) {
-        if (made) g_object_unref(made);
-      });
+  const GObjectPtr<GDBusMessage> message(
+      g_dbus_message_new_from_blob(blob, copy.size(), G_DBUS_CAPABILITY_FLAGS_UNIX_FD_PASSING, nullptr));
   if (!message) return;
   // Kinds and flags that GLib does not know are no values of its enumerations: they are read from the bytes.
   const auto type = static_cast<unsigned char>(bytes[1]);

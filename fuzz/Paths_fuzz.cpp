@@ -1,5 +1,4 @@
-// URLs and paths: each form survives the way to the other and back, and the extension reads every URL as the plug-ins
-// do.
+// URLs and paths: each survives conversion to the other and back; the extension and the plug-ins read every URL alike.
 #include "paths/Paths.hpp"
 
 #include <glib.h>
@@ -9,7 +8,7 @@
 #include <memory>
 #include <string>
 
-#include "cache/LRUCache.hpp"
+#include "cache/DirCache.hpp"
 #include "client/Paths.hpp"
 #include "platform/Foundation.hpp"
 #include "support/Require.hpp"

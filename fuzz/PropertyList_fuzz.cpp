@@ -1,5 +1,5 @@
-// Property lists of any bytes are read or refused, within the bounds that the fuzzer sets for time and memory; and
-// those that libplist wrote are read as they were meant.
+// Property lists of any bytes are read or refused within the fuzzer's bounds for time and memory. Lists that libplist
+// wrote are read as they were meant.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <plist/plist.h>
 #include <sys/mman.h>

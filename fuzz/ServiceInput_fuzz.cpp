@@ -1,5 +1,5 @@
-// What clients send as items and folders: the service reads a URL as it was meant, and takes nothing beside the synced
-// folders for something within them.
+// URLs from clients: the service reads them as they were meant, and never takes an item outside the synced folders for
+// one inside.
 #include <algorithm>
 #include <cstdint>
 #include <set>

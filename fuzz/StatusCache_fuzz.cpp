@@ -1,4 +1,4 @@
-// Any sequence of operations on the cache, with any paths, gives what a simple model of it gives.
+// The cache gives the same answers as a simple model, for any sequence of operations with any paths.
 #include <fuzzer/FuzzedDataProvider.h>
 #include <sqlite3.h>
 #include <unistd.h>
@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "cache/LRUCache.hpp"
+#include "cache/DirCache.hpp"
 #include "logging/Logging.hpp"
 #include "support/Require.hpp"
 
@@ -23,7 +23,7 @@ namespace {
 
 using Entries = std::map<std::string, StatusCode, std::less<>>;
 
-// What the sync database holds: what the cache does not know is answered from it.
+// The sync database's rows, which answer for what the cache does not know.
 const Entries STORED = {{"/f", 1}, {"/f/", 2}, {"/a/f", 3}, {"/a/b/", 4}, {"/b/f", 5}, {"//", 6}, {"/c\xC3\xA9/f", 7}};
 
 // Folders that a sequence comes back to.
@@ -79,7 +79,7 @@ class Model {
     return changes;
   }
 
-  /// Whether `status` is right for `path`. Stored as a file and as a folder, either code is.
+  /// True if `status` is right for `path`. Stored as a file and as a folder, either code is.
   bool allows(std::string_view path, std::optional<StatusCode> status) {
     const auto at = find(folderOf(path));
     if (at != folders_.end() && at->items) {
@@ -113,14 +113,22 @@ Entries entriesOf(const StatusTable& table) {
   return entries;
 }
 
+/// A cache whose nodes the target may see.
+struct CacheProbe : LRUCache {
+  using LRUCache::dirs_;
+  using LRUCache::first_;
+  using LRUCache::last_;
+  using LRUCache::LRUCache;
+};
+
 /// Goes through the list in both directions.
-void checkList(const Model& model, const LRUCache& cache) {
+void checkList(const Model& model, const CacheProbe& cache) {
   require(cache.curSize() == model.folders().size(), "as many folders are kept as should be");
-  auto node = cache.first();
+  auto node = cache.first_;
   std::shared_ptr<DirNode> before;
   for (const auto& folder : model.folders()) {
-    require(node && node->dir() == folder.dir, "folders stand in the order in which they were entered");
-    require(node == cache.node(folder.dir), "a folder of the list is found by its path");
+    require(node && node->dir() == folder.dir, "folders are in the order in which they were entered");
+    require(node == cache.dirs_.at(folder.dir), "a folder of the list is found by its path");
     require(node->pre.lock() == before, "the list leads back");
     require(node->populated() == folder.items.has_value(), "a folder is filled once it was updated");
     require(cache.isPopulated(folder.dir) == folder.items.has_value(), "the cache knows that");
@@ -129,7 +137,7 @@ void checkList(const Model& model, const LRUCache& cache) {
     before = node;
     node = node->suc.lock();
   }
-  require(!node && cache.last() == before, "the list ends at its last folder");
+  require(!node && cache.last_ == before, "the list ends at its last folder");
 }
 
 class Sequence {
@@ -215,7 +223,7 @@ class Sequence {
 
   FuzzedDataProvider data_;
   const std::size_t size_;
-  LRUCache cache_;
+  CacheProbe cache_;
   Model model_;
 };
 

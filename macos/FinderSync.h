@@ -11,7 +11,7 @@ class FinderSync;
 /// every call to the controller of the same name and decides nothing itself.
 @interface FinderSync : FIFinderSync {
  @private
-  vornet::FinderSync* _controller;  // lives until the process ends: the status manager keeps calling it
+  vornet::FinderSync* _controller;  // never deleted: the status manager keeps calling it
 }
 
 /// Shows the badge of `status` on `url`; a status without one removes it.
@@ -22,7 +22,7 @@ class FinderSync;
 - (void)enableVI:(NSSet*)dirs;
 - (void)disableVI;
 
-// The actions of the menu's entries, on the Finder's current selection. The sender is of no account.
+// The actions of the menu's entries, on the Finder's current selection. The sender is ignored.
 - (IBAction)share:(id)sender;
 - (IBAction)copyLink:(id)sender;
 - (IBAction)notes:(id)sender;

@@ -4,12 +4,13 @@
 #include <vector>
 
 #include "extension/FinderSync.hpp"
+#include "extension/SharedObjects.hpp"
 #import "platform/macos/Cocoa.hpp"
 
 namespace cocoa = vornet::platform::cocoa;
 
 @interface FinderSync ()
-- (instancetype)initBase;
+- (instancetype)initBase:(vornet::FinderSync*)controller;
 @end
 
 namespace {
@@ -23,7 +24,7 @@ class Controller final : public vornet::FinderSync {
 
  private:
   bool initBase() override {
-    object_ = [object_ initBase];
+    object_ = [object_ initBase:this];
     return object_ != nil;
   }
 
@@ -40,22 +41,28 @@ vornet::SelectorObject selectorObject(id object) {
 
 @implementation FinderSync
 
-- (instancetype)initBase {
-  return [super init];
+- (instancetype)initBase:(vornet::FinderSync*)controller {
+  self = [super init];
+  if (!self) return nil;
+  _controller = controller;  // callbacks come, on other threads, as soon as a folder is observed
+  // The framework wants a set from the start, and the core sets none while it knows no synced folder.
+  if (!vornet::statusManager()) [[FIFinderSyncController defaultController] setDirectoryURLs:[NSSet set]];
+  return self;
 }
 
 - (instancetype)init {
   return cocoa::outermost([&]() -> ::FinderSync* {
     auto controller = std::make_unique<Controller>(self);
     if (!controller->init()) return nil;
-    self = controller->object();
-    _controller = controller.release();
-    return self;
+    return controller.release()->object();
   });
 }
 
 - (void)setFileSyncStatus:(NSURL*)url status:(NSInteger)status {
-  cocoa::outermost([&] { _controller->setFileSyncStatus(cocoa::fileURL(url), status); });
+  cocoa::outermost([&] {
+    const cocoa::BadgedObject badged(url);
+    _controller->setFileSyncStatus(cocoa::fileURL(url), status);
+  });
 }
 
 - (void)enableVI:(NSSet*)dirs {
@@ -79,7 +86,10 @@ vornet::SelectorObject selectorObject(id object) {
 }
 
 - (void)requestBadgeIdentifierForURL:(NSURL*)url {
-  cocoa::outermost([&] { _controller->requestBadgeIdentifierForURL(cocoa::fileURL(url)); });
+  cocoa::outermost([&] {
+    const cocoa::BadgedObject badged(url);
+    _controller->requestBadgeIdentifierForURL(cocoa::fileURL(url));
+  });
 }
 
 - (NSString*)toolbarItemName {

@@ -1,4 +1,4 @@
-// The images in the build tree: complete, of the size their folder says, told apart by shape, seen on any background.
+// The images in the build tree: complete, of the size their folder says, distinct in shape, visible on any background.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <libxml/parser.h>
@@ -213,7 +213,7 @@ TEST(Resources, ImagesFillTheirCanvas) {
   }
 }
 
-TEST(Resources, BadgesAreToldApartByShapeAtTheSmallestSize) {
+TEST(Resources, BadgesDifferInShapeAtTheSmallestSize) {
   for (std::size_t i = 0; i < EMBLEMS.size(); ++i) {
     for (std::size_t j = i + 1; j < EMBLEMS.size(); ++j) {
       const auto one = decode(pngFile(16, EMBLEMS[i].first));
@@ -257,7 +257,7 @@ TEST(Resources, DrawingsAreWellFormedAndSelfContained) {
     EXPECT_EQ(document->intSubset, nullptr) << "has a document type";
     const xmlNode* root = xmlDocGetRootElement(document.get());
     EXPECT_EQ(text(root->name), "svg");
-    // From the document's first child: processing instructions and comments may stand beside the root element.
+    // From the document's first child: processing instructions and comments may be beside the root element.
     expectSelfContained(document->children);
   }
 }

@@ -1,4 +1,4 @@
-# What script/run --desktop is made of: the demonstration in the window of a real file manager. Read by script/run.
+# script/run --desktop: the demonstration in the window of a real file manager. Sourced by script/run.
 
 managers=(nautilus nemo caja dolphin thunar)
 
@@ -6,10 +6,10 @@ managers=(nautilus nemo caja dolphin thunar)
 choose_manager() {
   local wanted=${1:-} candidate
   if [[ -n $wanted && " ${managers[*]} " != *" $wanted "* ]]; then
-    echo "script/run: no such file manager: $wanted (${managers[*]})" >&2
+    echo "$me: no such file manager: $wanted (${managers[*]})" >&2
     exit 2
   fi
-  [[ -n ${DISPLAY:-}${WAYLAND_DISPLAY:-} ]] || fail "--desktop needs a display; without it, script/run shows the same in the terminal"
+  [[ -n ${DISPLAY:-}${WAYLAND_DISPLAY:-} ]] || fail "--desktop needs a display; without it, $me shows the same in the terminal"
   for candidate in ${wanted:-"${managers[@]}"}; do
     if command -v "$candidate" >/dev/null; then
       manager=$candidate
@@ -20,7 +20,7 @@ choose_manager() {
   fail "no file manager is installed: apt-get install nautilus (or nemo, caja, dolphin with breeze-icon-theme, thunar)"
 }
 
-# Puts the plug-in of `manager` into `layer`, as it would lie in /usr; Dolphin is told where to look instead.
+# Puts the plug-in of `manager` into `layer`, laid out as in /usr; for Dolphin it sets a search path instead.
 collect_plugin() {
   local patterns=() pattern file
   case $manager in
@@ -42,7 +42,7 @@ collect_plugin() {
   done
 }
 
-# The user's own look, a place of its own for what the file manager writes, and nothing of the session that runs already.
+# Keeps the user's theme, gives the file manager a private place to write, and hides the running session.
 prepare_desktop() {
   local own=${XDG_RUNTIME_DIR:-/run/user/$EUID}
   [[ -z ${WAYLAND_DISPLAY:-} || $WAYLAND_DISPLAY == /* ]] || export WAYLAND_DISPLAY=$own/$WAYLAND_DISPLAY
@@ -52,11 +52,18 @@ prepare_desktop() {
   layer=$work/layer qt_plugins=''
   mkdir -p "$XDG_DATA_HOME" "$layer"
   chmod 755 "$work" "$layer"
-  collect_plugin
+  if [[ $build == /usr ]]; then
+    [[ $(dpkg-query -W -f='${db:Status-Status}' "$manager-vornet-vi" 2>/dev/null) == installed ]] ||
+      fail "the plug-in is not installed: apt-get install $manager-vornet-vi"
+  else
+    collect_plugin
+  fi
   export VORNET_RUN_LAYER=$layer
-  # Not the session's: those of the other programs belong to another bus.
+  # The session's buses are not for the demonstration.
   unset DBUS_SESSION_BUS_ADDRESS AT_SPI_BUS_ADDRESS
-  if [[ -n $qt_plugins ]]; then
+  if [[ $build == /usr ]]; then
+    return
+  elif [[ -n $qt_plugins ]]; then
     export QT_PLUGIN_PATH=$qt_plugins${QT_PLUGIN_PATH:+:$QT_PLUGIN_PATH}
   else
     namespace
@@ -65,8 +72,8 @@ prepare_desktop() {
   fi
 }
 
-# Sets `unshare` and `lay_over`: what runs a command (after the layer's name) in a view of the system in which the layer
-# lies over /usr. An ordinary user has the right to that in a user namespace, and the command is run without it.
+# Sets `unshare` and `lay_over`, which run a command (after the layer's name) with the layer mounted over /usr. An ordinary
+# user needs a user namespace for that; the command runs without its rights.
 namespace() {
   unshare=(unshare --mount)
   [[ $EUID -eq 0 ]] || unshare=(unshare --map-current-user --keep-caps --mount)
@@ -75,7 +82,7 @@ namespace() {
     exec setpriv --ambient-caps=-all --inh-caps=-all "$@"' lay-over)
 }
 
-# In the private bus: opens `folder`, and ends when its window is closed.
+# On the private bus: opens `folder`, and ends when its window is closed.
 show_in_window() {
   local options=()
   case $manager in
@@ -84,7 +91,7 @@ show_in_window() {
     nemo) options=(--no-desktop) ;;
   esac
   local command=("$manager" "${options[@]}" "$folder") proper=${manager^}
-  if [[ $manager != dolphin ]]; then
+  if [[ $manager != dolphin && $build != /usr ]]; then
     namespace
     command=("${unshare[@]}" "${lay_over[@]}" "$VORNET_RUN_LAYER" "${command[@]}")
   fi
@@ -102,8 +109,8 @@ show_in_window() {
   fi
 
   title "Right-click a file: Share, Copy Link, Comments, View versions, View in Cloud"
-  tell "What you choose arrives at the sync application (stand-in), and is told here:"
-  tail -n +1 -F --pid="$window" "$work/sim.log" 2>/dev/null | sed -u -n 's/^action  */    /p' &
+  tell "The sync application (stand-in) receives the choice. It appears here:"
+  tail -n +1 -F --pid="$window" "$container/actions.jsonl" 2>/dev/null &
   wait "$window" || true
-  title "The window is closed: all is cleaned up"
+  title "The window is closed: everything is cleaned up"
 }

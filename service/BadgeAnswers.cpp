@@ -17,10 +17,10 @@ using platform::FileURL;
 // Just longer than the time for which no look-up waits for a lock, so that the first one of a round waits again.
 constexpr std::chrono::milliseconds BETWEEN_ROUNDS{1050};
 
-// Items of a long call that are asked for before short calls of others get a turn.
+// Items of a long call that are looked up before other clients' short calls get a turn.
 constexpr std::size_t ITEMS_A_TURN = 50;
 
-// Look-ups that a round makes before questions of clients get their turn.
+// Look-ups of a round before clients' requests get a turn.
 constexpr std::size_t LOOK_UPS_A_TURN = 200;
 
 std::string_view folderOf(std::string_view path) {
@@ -29,6 +29,13 @@ std::string_view folderOf(std::string_view path) {
 
 bool carriesBadge(const std::set<FileURL>& roots, const FileURL& item) {
   return item.path() && isBelow(roots, *item.path());
+}
+
+void reply(GDBusMethodInvocation* call, const std::vector<std::string>& identifiers) {
+  GVariantBuilder texts;
+  g_variant_builder_init(&texts, G_VARIANT_TYPE_STRING_ARRAY);
+  for (const auto& identifier : identifiers) g_variant_builder_add(&texts, "s", identifier.c_str());
+  g_dbus_method_invocation_return_value(call, g_variant_new("(as)", &texts));
 }
 
 }  // namespace
@@ -49,8 +56,7 @@ bool BadgeAnswers::areCached(const std::vector<FileURL>& items) const {
   return true;
 }
 
-/// The identifier that the extension answers for `item`; none when it could not be determined, because the database is
-/// locked: the item's badge is left as it is then.
+/// The extension's identifier for `item`; none while the database is locked: the badge is then left as it is.
 std::optional<std::string> BadgeAnswers::ask(const FileURL& item) const {
   for (;;) {
     const auto before = SyncDB::lockedQueriesOfThisThread();
@@ -65,8 +71,9 @@ std::optional<std::string> BadgeAnswers::ask(const FileURL& item) const {
   }
 }
 
-BadgeAnswers::Outcome BadgeAnswers::answer(const std::string& client, const std::vector<FileURL>& items, WorkPool& pool,
-                                           const Reply& reply) {
+BadgeAnswers::Outcome BadgeAnswers::answer(GDBusMethodInvocation* call, const std::vector<FileURL>& items,
+                                           WorkPool& pool) {
+  const std::string client = g_dbus_method_invocation_get_sender(call);
   const auto roots = FIFinderSyncController::defaultController().directoryURLs();
   std::vector<std::optional<std::string>> found(items.size());
   for (std::size_t i = 0; i < items.size(); ++i) {
@@ -74,7 +81,7 @@ BadgeAnswers::Outcome BadgeAnswers::answer(const std::string& client, const std:
     if (carriesBadge(roots, items[i])) found[i] = ask(items[i]);
   }
 
-  // A badge may have changed since it was asked for: what is answered is what stands now, and no older one follows it.
+  // A badge may have changed since it was requested: the answer holds the present one, and no older one follows it.
   const std::lock_guard emitting(changes_.emission());
   std::vector<std::string> identifiers(items.size());
   std::vector<DoubtfulAnswers::Answer> doubtful;
@@ -84,7 +91,7 @@ BadgeAnswers::Outcome BadgeAnswers::answer(const std::string& client, const std:
     const auto& path = *items[i].path();
     auto shown = platform::host::badgeIdentifier(items[i]);
     if (!shown && found[i] && platform::host::isOverlooked(items[i]) && extension_.isCached(items[i]))
-      found[i] = ask(items[i]);  // its changes were not noted; the cache is as new as whatever was signalled
+      found[i] = ask(items[i]);  // its changes were not recorded; the cache is as new as any signal
     if (!found[i]) {
       identifiers[i] = shown ? *std::move(shown) : doubtful_.lastKnown(path);
       doubtful.emplace_back(path, identifiers[i]);
@@ -95,12 +102,12 @@ BadgeAnswers::Outcome BadgeAnswers::answer(const std::string& client, const std:
     identifiers[i] = shown ? *std::move(shown) : *std::move(found[i]);
   }
   if (doubtful.empty()) {
-    reply(identifiers);
+    reply(call, identifiers);
     return Outcome::answered;
   }
   if (!doubtful_.add(client, doubtful)) return Outcome::tooMuch;
   lookUpAgainLater();
-  reply(identifiers);
+  reply(call, identifiers);
   return Outcome::inDoubt;
 }
 
@@ -122,12 +129,12 @@ void BadgeAnswers::lookUpAgainLater() {
       const std::lock_guard begun(lock_);
       scheduled_ = false;
     }
-    lookUpAgain();
+    lookUps_.postOwn([this] { lookUpAgain(); });
   });
 }
 
-/// Some of the look-ups that failed. On the thread of look-ups, so that no answer to a question comes between what is
-/// found here and its sending.
+/// Repeats some of the look-ups that failed. On the thread of look-ups, so that no answer is sent between finding a
+/// badge here and sending it.
 void BadgeAnswers::lookUpAgain() {
   std::vector<std::pair<FileURL, std::string>> found;
   bool locked = false;

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <boost/asio/steady_timer.hpp>
-#include <functional>
 #include <mutex>
 #include <optional>
 #include <set>
@@ -15,34 +14,32 @@
 
 namespace vornet::service {
 
-/// Asks the extension for badges, once for each question of a client, and again when an answer has become doubtful:
-/// when its folder was filled, or when the sync database was locked. Any thread.
+/// Asks the extension for badges: once for each request of a client, and again when an answer has become doubtful
+/// because its folder was filled or the sync database was locked. Any thread.
 class BadgeAnswers {
  public:
-  /// `lookUps`: one thread, on which all questions are asked that need the database. All arguments outlive this object;
-  /// its last work is done, or dropped, when `lookUps` has been joined or stopped.
+  /// `lookUps`: runs one work at a time, and all questions that need the database. All arguments outlive this object;
+  /// its last work is done, or dropped, when the pool's threads have been stopped.
   BadgeAnswers(FinderSync& extension, BadgeChanges& changes, WorkPool& lookUps);
 
-  /// Whether every item's badge is known without the database. Never waits.
+  /// True if every item's badge is known without the database. Never waits.
   bool areCached(const std::vector<platform::FileURL>& items) const;
 
   enum class Outcome {
     answered,
-    inDoubt,  ///< answered; some items will be looked up again, and `client` is told of those that differ
-    tooMuch,  ///< not answered: too much is to be looked up again already
+    inDoubt,  ///< answered; some items will be looked up again, and the caller gets those that differ
+    tooMuch,  ///< not answered: too many items wait to be looked up again already
   };
-  using Reply = std::function<void(const std::vector<std::string>& identifiers)>;
 
-  /// Calls `reply` with the identifier of each item, "" for none; `client` (a unique bus name) is who asks. On the
-  /// thread of look-ups, unless the items are cached. An item whose look-up fails because the database is locked keeps
-  /// the badge that it was last known to carry. `pool`: whose thread this is; others get their turns there meanwhile.
-  Outcome answer(const std::string& client, const std::vector<platform::FileURL>& items, WorkPool& pool,
-                 const Reply& reply);
+  /// Answers `call`, a RequestBadges for `items`: the identifier of each, "" for none. On the thread of look-ups,
+  /// unless the items are cached. An item whose look-up fails because the database is locked keeps the badge that it
+  /// was last known to carry. `pool`: whose thread this is; others get their turns there meanwhile.
+  Outcome answer(GDBusMethodInvocation* call, const std::vector<platform::FileURL>& items, WorkPool& pool);
 
-  /// Asks again, soon, for every item of the folder on screen at `folder` that was asked for. Never refused.
+  /// Soon repeats the look-up of every item of the folder on screen at `folder` that was asked for. Never refused.
   void askAgain(const std::string& folder);
 
-  /// Forgets what `client` was told in doubt.
+  /// Forgets the doubtful answers to `client`.
   void forget(const std::string& client) { doubtful_.forget(client); }
 
  private:

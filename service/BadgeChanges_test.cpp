@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 
+#include <atomic>
 #include <chrono>
 #include <thread>
 
@@ -17,51 +18,72 @@ namespace {
 
 using platform::FileURL;
 
+FileURL url(const std::string& path) {
+  return FileURL::fileURLWithPath(path);
+}
+
 /// A connection that sends, and a client that listens.
 class BadgeChangesTest : public testing::Test {
  protected:
   BadgeChangesTest() {
     platform::FIFinderSyncController::defaultController().setDirectoryURLs({FileURL::fileURLWithPath("/R")});
-    connection = g_dbus_connection_new_for_address_sync(
-        bus.address().c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, nullptr);
     observations.begin(client.name(), "/R");
   }
   ~BadgeChangesTest() override {
-    g_dbus_connection_close_sync(connection, nullptr, nullptr);
-    g_object_unref(connection);
+    changes.stop();
+    endThreads();
+    g_dbus_connection_close_sync(connection.get(), nullptr, nullptr);
+  }
+
+  void endThreads() {
+    pool.stop();
+    threads.stop();
   }
 
   const test::TemporaryFolder folder;
   test::PrivateBus bus{folder / "bus"};
   test::BusClient client{bus.address()};
-  GDBusConnection* connection = nullptr;
+  const GObjectPtr<GDBusConnection> connection = test::connectToBus(bus.address());
   ObservationRegistry observations{50};
-  WorkPool pool{2};
+  SharedThreads threads;
+  WorkPool pool{threads, 2};
+  BadgeChanges changes{connection.get(), observations, pool};
 };
 
 TEST_F(BadgeChangesTest, SendNothingWhileAnAnswerIsBeingGiven) {
-  BadgeChanges changes(connection, observations, pool);
-  BadgeChanges control(connection, observations, pool);  // shows that the others' time has come
+  BadgeChanges control(connection.get(), observations, pool);  // its signal shows that the others are overdue
   {
     const std::lock_guard answering(changes.emission());
-    changes.add(FileURL::fileURLWithPath("/R/x"), "SYNCED");
+    changes.add(url("/R/x"), "SYNCED");
     for (const char* item : {"/R/1", "/R/2", "/R/3", "/R/4", "/R/5"}) {
-      control.add(FileURL::fileURLWithPath(item), "SYNCED");
+      control.add(url(item), "SYNCED");
       ASSERT_TRUE(client.waitForChange(std::string("file://") + item, "SYNCED"));
     }
     EXPECT_EQ(client.changes().count("file:///R/x"), 0u);
-    changes.add(FileURL::fileURLWithPath("/R/x"), "PENDING");
+    changes.add(url("/R/x"), "PENDING");
   }
   EXPECT_TRUE(client.waitForChange("file:///R/x", "PENDING"));
-  changes.stop();
   control.stop();
-  pool.join();
+  endThreads();
 }
 
-/// A connection whose other end reads nothing before it is told to.
+TEST_F(BadgeChangesTest, AmendNoNewerChange) {
+  {
+    const std::lock_guard answering(changes.emission());
+    for (const char* item : {"/R/same", "/R/set", "/R/amended"}) changes.add(url(item), "SKIPPED");
+    const auto waiting = changes.waitingIn("/R");
+    ASSERT_EQ(waiting.size(), 3u);
+    changes.add(url("/R/set"), "SKIPPED");
+    changes.amend(url("/R/amended"), "SKIPPED");
+    for (const auto& [name, number] : waiting) changes.amend(url("/R/" + name), "SYNCED", number);
+    EXPECT_TRUE(changes.waitingIn("/").empty());
+  }
+  EXPECT_TRUE(client.waitForChange("file:///R/same", "SYNCED"));
+  EXPECT_TRUE(client.waitForChange("file:///R/set", "SKIPPED"));
+  EXPECT_TRUE(client.waitForChange("file:///R/amended", "SKIPPED"));
+}
+
+/// A connection whose other end reads nothing until told to.
 class SlowPeer {
  public:
   SlowPeer() {
@@ -71,16 +93,16 @@ class SlowPeer {
     farEnd_ = ends[1];
   }
   ~SlowPeer() {
-    for (auto* one : {near_, far_}) {
-      if (!one) continue;
-      g_dbus_connection_close_sync(one, nullptr, nullptr);
-      g_object_unref(one);
+    for (auto* one : {&near_, &far_}) {
+      if (*one) g_dbus_connection_close_sync(one->get(), nullptr, nullptr);
+      one->reset();
     }
+    const std::lock_guard afterTheLastMessage(lock_);  // the thread sanitizer does not see that GLib's thread is done
   }
   SlowPeer(const SlowPeer&) = delete;
   SlowPeer& operator=(const SlowPeer&) = delete;
 
-  GDBusConnection* connection() const { return near_; }
+  GDBusConnection* connection() const { return near_.get(); }
 
   void beginReading() {
     const auto note = +[](GDBusConnection*, GDBusMessage* message, gboolean incoming, gpointer self) {
@@ -92,31 +114,25 @@ class SlowPeer {
     far_ = connectionOver(farEnd_, note);
   }
 
-  /// Waits for what is true of the last badge of each item.
+  /// Waits until `isTrue` holds for the last badges of the items.
   bool waitUntil(const std::function<bool(const std::map<std::string, std::string>&)>& isTrue) {
-    const auto end = std::chrono::steady_clock::now() + test::PATIENCE;
-    while (std::chrono::steady_clock::now() < end) {
-      {
-        const std::lock_guard guard(lock_);
-        if (isTrue(badges_)) return true;
-      }
-      std::this_thread::yield();
-    }
-    return false;
+    return test::becomesTrue([&] {
+      const std::lock_guard guard(lock_);
+      return isTrue(badges_);
+    });
   }
 
  private:
-  GDBusConnection* connectionOver(int end, GDBusMessageFilterFunction filter = nullptr) {
-    GSocket* socket = g_socket_new_from_fd(end, nullptr);
-    GSocketConnection* stream = g_socket_connection_factory_create_connection(socket);
+  GObjectPtr<GDBusConnection> connectionOver(int end, GDBusMessageFilterFunction filter = nullptr) {
+    const GObjectPtr<GSocket> socket(g_socket_new_from_fd(end, nullptr));
+    const GObjectPtr<GSocketConnection> stream(g_socket_connection_factory_create_connection(socket.get()));
     const auto flags = filter ? G_DBUS_CONNECTION_FLAGS_DELAY_MESSAGE_PROCESSING : G_DBUS_CONNECTION_FLAGS_NONE;
-    auto* connection = g_dbus_connection_new_sync(G_IO_STREAM(stream), nullptr, flags, nullptr, nullptr, nullptr);
+    GObjectPtr<GDBusConnection> connection(
+        g_dbus_connection_new_sync(G_IO_STREAM(stream.get()), nullptr, flags, nullptr, nullptr, nullptr));
     if (filter) {
-      g_dbus_connection_add_filter(connection, filter, this, nullptr);
-      g_dbus_connection_start_message_processing(connection);
+      g_dbus_connection_add_filter(connection.get(), filter, this, nullptr);
+      g_dbus_connection_start_message_processing(connection.get());
     }
-    g_object_unref(stream);
-    g_object_unref(socket);
     return connection;
   }
 
@@ -128,6 +144,7 @@ class SlowPeer {
 
   void take(GVariant* body) {
     const std::lock_guard guard(lock_);
+    if (!g_variant_is_of_type(body, G_VARIANT_TYPE("(a(ss))"))) return;
     GVariantIter* changes = nullptr;
     g_variant_get(body, "(a(ss))", &changes);
     const gchar *url = nullptr, *identifier = nullptr;
@@ -138,20 +155,20 @@ class SlowPeer {
   std::mutex lock_;
   std::map<std::string, std::string> badges_;
   int farEnd_ = -1;
-  GDBusConnection* near_ = nullptr;
-  GDBusConnection* far_ = nullptr;
+  GObjectPtr<GDBusConnection> near_;
+  GObjectPtr<GDBusConnection> far_;
 };
 
 TEST_F(BadgeChangesTest, WaitForABusThatDoesNotReadAndLoseNothing) {
   SlowPeer peer;
-  BadgeChanges changes(peer.connection(), observations, pool);
+  BadgeChanges sent(peer.connection(), observations, pool);
   constexpr int COUNT = 300'000;
   int added = 0;
   const auto addUntilFull = [&] {
-    while (added < COUNT && changes.add(FileURL::fileURLWithPath("/R/" + std::to_string(added)), "PENDING")) ++added;
+    while (added < COUNT && sent.add(url("/R/" + std::to_string(added)), "PENDING")) ++added;
     ++added;  // the one that filled it was taken as well
   };
-  // Each time the connection has taken what it takes, there is room again; but it takes no more than a bounded amount.
+  // Whenever the connection has taken its share, there is room again; but that share is bounded.
   for (int idle = 0; idle < 10 && added < COUNT;) {
     const int before = added;
     addUntilFull();
@@ -159,45 +176,57 @@ TEST_F(BadgeChangesTest, WaitForABusThatDoesNotReadAndLoseNothing) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   EXPECT_LT(added, COUNT / 2);
-  changes.add(FileURL::fileURLWithPath("/R/0"), "SYNCED");
+  sent.add(url("/R/0"), "SYNCED");
   peer.beginReading();
   EXPECT_TRUE(peer.waitUntil([&](const auto& badges) {
     return badges.size() == static_cast<std::size_t>(added) && badges.at("file:///R/0") == "SYNCED";
   }));
-  EXPECT_TRUE(changes.add(FileURL::fileURLWithPath("/R/0"), "SKIPPED"));
+  EXPECT_TRUE(sent.add(url("/R/0"), "SKIPPED"));
   EXPECT_TRUE(peer.waitUntil([](const auto& badges) { return badges.at("file:///R/0") == "SKIPPED"; }));
-  changes.stop();
-  pool.join();
+  sent.stop();
+  endThreads();
 }
 
-TEST_F(BadgeChangesTest, MakeAWaitingChangeWhatSomebodyWasAnswered) {
-  BadgeChanges changes(connection, observations, pool);
+TEST_F(BadgeChangesTest, SayWhenTheConnectionHasRoomAgain) {
+  SlowPeer peer;
+  BadgeChanges sent(peer.connection(), observations, pool);
+  std::atomic<int> heard = 0;
+  sent.whenRoom([&] { ++heard; });
+  FolderBadges badges;
+  for (int i = 0; i < 5'000; ++i) badges.add("an item with a name of some length " + std::to_string(i), "");
+  for (int messages = 0; sent.hasRoom(); ++messages) {
+    ASSERT_LT(messages, 100);
+    const std::lock_guard answering(sent.emission());
+    sent.sendNow(":1.1", 1, badges, true);
+  }
+  const int before = heard;
+  EXPECT_FALSE(sent.hasRoom());
+  peer.beginReading();
+  EXPECT_TRUE(test::becomesTrue([&] { return sent.hasRoom() && heard > before; }));
+  sent.stop();
+}
+
+TEST_F(BadgeChangesTest, ReplaceAWaitingChangeByALaterAnswer) {
   {
     const std::lock_guard answering(changes.emission());
-    changes.add(FileURL::fileURLWithPath("/R/x"), "PENDING");
-    changes.add(FileURL::fileURLWithPath("/R/y"), "PENDING");
-    changes.amend(FileURL::fileURLWithPath("/R/x"), "SYNCED");
-    changes.amend(FileURL::fileURLWithPath("/R/z"), "SYNCED");
+    changes.add(url("/R/x"), "PENDING");
+    changes.add(url("/R/y"), "PENDING");
+    changes.amend(url("/R/x"), "SYNCED");
+    changes.amend(url("/R/z"), "SYNCED");
   }
   EXPECT_TRUE(client.waitForChange("file:///R/y", "PENDING"));
   EXPECT_THAT(client.changes(),
               testing::ElementsAre(testing::Pair("file:///R/x", "SYNCED"), testing::Pair("file:///R/y", "PENDING")));
-  changes.stop();
-  pool.join();
 }
 
 TEST_F(BadgeChangesTest, SendNothingOfItemsThatCarryNoBadge) {
-  BadgeChanges changes(connection, observations, pool);
-  changes.add(FileURL::fileURLWithPath("/R/R"), "SYNCED");
-  changes.add(FileURL::fileURLWithPath("/R/x"), "SYNCED");
+  changes.add(url("/R/R"), "SYNCED");
+  changes.add(url("/R/x"), "SYNCED");
   EXPECT_TRUE(client.waitForChange("file:///R/x", "SYNCED"));
   EXPECT_EQ(client.changes().size(), 1u);
-  changes.stop();
-  pool.join();
 }
 
 TEST_F(BadgeChangesTest, SendToOneClientAtOnce) {
-  BadgeChanges changes(connection, observations, pool);
   {
     const std::lock_guard answering(changes.emission());
     changes.sendNow(client.name(), {{"file:///elsewhere/x", "SYNCED"}, {"file:///R/y", ""}});
@@ -205,8 +234,6 @@ TEST_F(BadgeChangesTest, SendToOneClientAtOnce) {
     EXPECT_TRUE(client.waitForChange("file:///R/y", ""));
   }
   EXPECT_EQ(client.signals(), 1u);
-  changes.stop();
-  pool.join();
 }
 
 }  // namespace

@@ -16,16 +16,16 @@ constexpr std::size_t LARGEST_HEADER = 16 * 1024;
 // What the bus itself sends is small.
 constexpr std::size_t LARGEST_FROM_BUS = 1024 * 1024;
 
-// What a waiting message takes beside its bytes.
+// Memory of a waiting message beside its bytes.
 constexpr std::size_t OVERHEAD = 256;
 
-// More than this are not kept, so that refusing needs little memory; a bus lets a client await 50,000 answers.
+// No more than this are kept, so that refusing needs little memory; a bus lets a client await 50,000 answers.
 constexpr std::size_t MAX_REFUSALS = 200'000;
 
-// Calls with more bytes, or more items than a batch, are long: few of them are under way at a time.
+// Calls with more bytes, or more items than a batch, are long: few of them are in flight at a time.
 constexpr std::size_t MOST_SHORT_BYTES = 128 * 1024;
 
-/// How much may be under way at a time. Short calls: as many as keep the threads busy, and few enough that a new one
+/// How much may be in flight at a time. Short calls: as many as keep the threads busy, and few enough that a new one
 /// need not wait for long. Long ones are bounded by what they take in memory too.
 struct Window {
   std::size_t shortCalls;
@@ -69,7 +69,7 @@ bool CallGate::take(std::string_view bytes) {
   return true;
 }
 
-/// What was wanted of the message is there. False when it is none.
+/// Reads the part of the message that has come in. False when it is no message.
 bool CallGate::advance() {
   switch (stage_) {
     case Stage::start:
@@ -94,7 +94,7 @@ bool CallGate::readStart() {
   if (!length) return false;
   length_ = *length;
   if (length_.header > LARGEST_HEADER)
-    skipRest();  // and nobody knows whom to answer
+    skipRest();  // there is nobody to answer
   else
     expect(Stage::header, static_cast<std::size_t>(length_.header));
   return true;
@@ -123,7 +123,8 @@ void CallGate::readHeader() {
 
 bool CallGate::isAdmitted(const MessageHeader& header) {
   if (fromBus_) return length_.total <= LARGEST_FROM_BUS;
-  if (header.member == "BeginObserving" || header.member == "EndObserving") message_.lane = OBSERVING;
+  if (header.member == "BeginObserving" || header.member == "EndObserving" || header.member == "RequestSnapshot")
+    message_.lane = OBSERVING;
   if (header.member == "RequestBadges") message_.lane = BADGES;
   if (header.member == "GetMenu" || header.member == "PerformAction") message_.lane = MENUS;
   if (!message_.isCall) message_.lane = OTHERS;
@@ -180,7 +181,7 @@ void CallGate::readBody() {
   waiting_[lane].add(client, 1 + message_.items + bytes.size() / 256, std::move(message_));
 }
 
-/// A serial that no client has come to, in case an answer is sent all the same.
+/// Gives a serial that no client has reached, in case an answer is sent all the same.
 void CallGate::giveSerial(Message& message) {
   constexpr std::uint32_t FIRST = 0x8000'0000;
   constexpr std::size_t PLACE = 8;
@@ -229,20 +230,20 @@ bool CallGate::hasUnansweredCalls() const {
   return !clients_.empty();
 }
 
-/// A client may have as many calls under way as are free: one alone gets half of all, and there is always room for who
-/// has none.
+/// A client may have as many calls in flight as there are free places: one alone gets half of them, and a client
+/// without any always gets one.
 bool CallGate::mayGo(const std::string& name, const Message& message) const {
   if (!message.isCall) return true;
   const Client& client = clients_.find(name)->second;
   const Window& window = WINDOWS[message.lane];
-  const UnderWay& all = underWay_[message.lane];
-  if (!message.isLong) return client.underWay[message.lane].shortCalls < window.shortCalls - all.shortCalls;
+  const InFlight& all = inFlight_[message.lane];
+  if (!message.isLong) return client.inFlight[message.lane].shortCalls < window.shortCalls - all.shortCalls;
   if (all.longCalls == 0) return true;
-  return all.longCalls < window.longCalls && client.underWay[message.lane].longCalls == 0 &&
+  return all.longCalls < window.longCalls && client.inFlight[message.lane].longCalls == 0 &&
          all.longMemory + message.memory <= window.longMemory;
 }
 
-/// Chooses what is given next.
+/// Chooses the message to pass on next.
 bool CallGate::choose() {
   if (!passing_.empty()) {
     outgoing_ = std::move(passing_.front());
@@ -266,9 +267,9 @@ void CallGate::goes(Message message) {
   client.bytes -= message.bytes.size() + OVERHEAD;
   bytes_ -= message.bytes.size() + OVERHEAD;
   if (message.isCall) {
-    for (UnderWay* underWay : {&client.underWay[message.lane], &underWay_[message.lane]}) {
-      ++(message.isLong ? underWay->longCalls : underWay->shortCalls);
-      if (message.isLong) underWay->longMemory += message.memory;
+    for (InFlight* inFlight : {&client.inFlight[message.lane], &inFlight_[message.lane]}) {
+      ++(message.isLong ? inFlight->longCalls : inFlight->shortCalls);
+      if (message.isLong) inFlight->longMemory += message.memory;
     }
     calls_.emplace(CallKey(message.client, message.serial, message.isAwaited),
                    Given{message.lane, message.isLong, message.memory});
@@ -288,9 +289,9 @@ void CallGate::finished(const CallKey& key) {
   calls_.erase(call);
   Client& client = clients_[name];
   --client.calls[given.lane];
-  for (UnderWay* underWay : {&client.underWay[given.lane], &underWay_[given.lane]}) {
-    --(given.isLong ? underWay->longCalls : underWay->shortCalls);
-    if (given.isLong) underWay->longMemory -= given.memory;
+  for (InFlight* inFlight : {&client.inFlight[given.lane], &inFlight_[given.lane]}) {
+    --(given.isLong ? inFlight->longCalls : inFlight->shortCalls);
+    if (given.isLong) inFlight->longMemory -= given.memory;
   }
   forgetIfIdle(name);
 }

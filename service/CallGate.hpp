@@ -16,21 +16,21 @@
 
 namespace vornet::service {
 
-/// Stands between the bus and the program: takes the bytes that the bus sends, and gives them on message by message, so
-/// that no client keeps the others waiting or fills the memory. Calls wait here, as the bytes they came in, until the
-/// service has room for them; clients take turns. What exceeds a client's limits is never stored: it is refused.
+/// Takes the bytes that the bus sends and passes them on message by message, so that no client keeps the others waiting
+/// or fills the memory. Calls wait here, as the bytes they came in, until the service has room for them; clients take
+/// turns. Calls beyond a client's limits are refused, not stored.
 ///
 /// The bus's own messages pass at once. Any thread.
 class CallGate {
  public:
-  /// Bytes of all calls that wait. A client may have as many as are free; beyond that, RESERVED bytes for each, of a
-  /// store of their own, so that who asks for little is heard while others fill the rest.
+  /// Bytes of all calls that wait. A client may have as many as are free; beyond that, each has RESERVED bytes of a
+  /// separate store, so that a client that asks for little is served while others fill the rest.
   static constexpr std::size_t MAX_BYTES = 12 * 1024 * 1024;
   static constexpr std::size_t RESERVED = 64 * 1024;
   static constexpr std::size_t MAX_RESERVED_BYTES = 4 * 1024 * 1024;
 
   enum class Reason : std::uint8_t {
-    busy,         ///< too much of this client is waiting: to be asked again
+    busy,         ///< too many calls of this client wait: to be retried
     tooManyURLs,  ///< more than any call may have, or longer ones
     tooLarge,     ///< larger than any call of its kind may be
   };
@@ -44,23 +44,23 @@ class CallGate {
   void open();
 
   /// Takes `bytes` from the bus, a piece of the stream of messages that follows the authentication.
-  /// False when they are no D-Bus messages; the stream is of no use then.
+  /// False when they are no D-Bus messages; the stream cannot be used then.
   bool take(std::string_view bytes);
 
-  /// Moves at most `size` bytes of what may go on to `buffer`. How many; 0 when nothing may, for now.
+  /// Moves at most `size` bytes of the messages that may pass to `buffer`. How many; 0 when none may pass now.
   std::size_t give(char* buffer, std::size_t size);
 
-  /// Whether give() would give something.
+  /// True if give() would move any bytes.
   bool hasSomething() const;
 
-  /// `client`'s call was answered: others have room. Unknown calls are ignored.
+  /// `client`'s call was answered, which makes room for others. Unknown calls are ignored.
   void answered(const std::string& client, std::uint32_t serial) { finished({client, serial, true}); }
 
-  /// The same for a call that awaited no answer and is done with. Such calls are given on with serials of the gate's:
-  /// the clients' own need not differ.
+  /// The same for a call that awaited no answer and is done with. The gate numbers such calls itself: the clients' own
+  /// serials need not differ.
   void doneWith(const std::string& client, std::uint32_t serial) { finished({client, serial, false}); }
 
-  /// Whether calls wait or are under way.
+  /// True if calls wait or are in flight.
   bool hasUnansweredCalls() const;
 
   /// The next refusal to be sent; clients take turns here too.
@@ -81,15 +81,15 @@ class CallGate {
     std::size_t items = 0;   // that its list has
     std::size_t memory = 0;  // what it takes once it is unpacked, roughly
   };
-  /// What was given on and is not finished, in one lane.
-  struct UnderWay {
+  /// Calls of one lane that were passed on and are not finished.
+  struct InFlight {
     std::size_t shortCalls = 0;
     std::size_t longCalls = 0;
     std::size_t longMemory = 0;
   };
   struct Client {
-    std::array<std::size_t, LANES> calls{};  // waiting and under way
-    std::array<UnderWay, LANES> underWay{};
+    std::array<std::size_t, LANES> calls{};  // waiting and in flight
+    std::array<InFlight, LANES> inFlight{};
     std::size_t bytes = 0;  // waiting
   };
   struct Given {
@@ -131,7 +131,7 @@ class CallGate {
   Message message_;
   bool fromBus_ = false;
 
-  // What waits, and what is being given.
+  // Waiting messages, and the one that is being passed on.
   std::deque<std::string> passing_;  // from the bus itself
   std::array<FairQueue<Message>, LANES> waiting_;
   std::size_t nextLane_ = 0;
@@ -139,8 +139,8 @@ class CallGate {
   std::size_t given_ = 0;  // bytes of `outgoing_`
 
   std::map<std::string, Client> clients_;
-  std::array<UnderWay, LANES> underWay_{};
-  std::multimap<CallKey, Given> calls_;  // under way
+  std::array<InFlight, LANES> inFlight_{};
+  std::multimap<CallKey, Given> calls_;  // in flight
   std::uint32_t lastUnawaited_ = 0;
   std::size_t bytes_ = 0;
   FairQueue<Refusal> refusals_;

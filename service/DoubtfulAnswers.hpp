@@ -9,7 +9,7 @@
 
 namespace vornet::service {
 
-/// Remembers which answers were given while the sync database was locked, and so must be looked up again, and what to
+/// Remembers which answers were given while the sync database was locked, and so must be looked up again; and what to
 /// answer meanwhile about items that no folder on screen remembers. Items are named by path. Any thread.
 class DoubtfulAnswers {
  public:
@@ -21,16 +21,16 @@ class DoubtfulAnswers {
   /// A look-up found `identifier` for the item.
   void setKnown(const std::string& path, const std::string& identifier);
 
-  /// What the item was last known to carry; "" when that is not remembered.
+  /// The item's last known identifier; "" when that is not remembered.
   std::string lastKnown(const std::string& path) const;
 
-  using Answer = std::pair<std::string, std::string>;  // who or what was answered, and the identifier
+  using Answer = std::pair<std::string, std::string>;  // client or path, and the identifier answered
 
-  /// `client` (a unique bus name) is told `answers` (path, identifier) without a look-up. False, and nothing is
-  /// remembered, when there would be too many of them.
+  /// Records that `client` (a unique bus name) gets `answers` (path, identifier) without a look-up. False, and nothing
+  /// is recorded, when there would be too many of them.
   bool add(const std::string& client, const std::vector<Answer>& answers);
 
-  /// `client` is told what a look-up found for the item: the earlier answer is of no account.
+  /// Records that `client` gets the result of a look-up for the item: its earlier answer no longer counts.
   void settle(const std::string& client, const std::string& path);
 
   /// Forgets `client`.
@@ -41,7 +41,7 @@ class DoubtfulAnswers {
   /// Up to `count` items with doubtful answers.
   std::vector<std::string> items(std::size_t count) const;
 
-  /// Who was told what (client, identifier) about the item; forgets it.
+  /// Removes and returns the doubtful answers for the item: client, identifier.
   std::vector<Answer> take(const std::string& path);
 
  private:

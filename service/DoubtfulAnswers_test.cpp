@@ -17,7 +17,7 @@ std::vector<DoubtfulAnswers::Answer> manyAnswers(std::size_t count, const std::s
   return answers;
 }
 
-TEST(DoubtfulAnswers, RememberWhoWasToldWhatUntilItIsTaken) {
+TEST(DoubtfulAnswers, AreRememberedUntilTheyAreTaken) {
   DoubtfulAnswers answers;
   EXPECT_TRUE(answers.isEmpty());
   EXPECT_TRUE(answers.add(":1.1", {{"/a", "SYNCED"}, {"/b", ""}}));
@@ -58,7 +58,7 @@ TEST(DoubtfulAnswers, AreBoundedForAClientAndForAllTogether) {
   EXPECT_TRUE(answers.add(":1.1", full));
   EXPECT_FALSE(answers.add(":1.1", {{"/other", ""}}));
   EXPECT_THAT(answers.take("/other"), IsEmpty());
-  EXPECT_TRUE(answers.add(":1.2", full)) << "another client has a share of its own";
+  EXPECT_TRUE(answers.add(":1.2", full)) << "another client has its own share";
   EXPECT_TRUE(answers.add(":1.3", full));
   EXPECT_FALSE(answers.add(":1.4", {{"/other", ""}})) << "all together";
   answers.settle(":1.2", "/0");

@@ -13,8 +13,9 @@
 
 namespace vornet::service {
 
-/// What waits for several clients, who take turns: each gets the same share of the cost served, so a client that asked
-/// for little is served next however much others have queued. What one client queued keeps its order. Not thread-safe.
+/// Items that wait for several clients, who take turns: each gets the same share of the cost served, so a client that
+/// asked for little is served next however much others have queued. The items of one client keep their order. Not
+/// thread-safe.
 ///
 /// This is start-time fair queueing: each client's next item has a finish time on a clock that counts cost, and the
 /// earliest finish goes first.
@@ -48,7 +49,7 @@ class FairQueue {
     return item;
   }
 
-  /// Whether take() with this `may` would take something.
+  /// True if take() with this `may` would take something.
   template <typename May>
   bool has(May may) const {
     return find(may) != order_.end();
@@ -82,7 +83,8 @@ class FairQueue {
     });
   }
 
-  /// Who has caught up is as good as new. Looked for when the idle outnumber the others, which makes it cheap.
+  /// A client that has caught up counts as new. Searched only when idle clients outnumber the others, which makes it
+  /// cheap.
   void forgetIdleClients() {
     constexpr std::size_t FEW = 64;
     if (clients_.size() < 2 * order_.size() + FEW) return;

@@ -27,7 +27,7 @@ TEST(FairQueue, ClientsTakeTurnsAndEachKeepsItsOrder) {
   EXPECT_EQ(queue.size(), 0u);
 }
 
-TEST(FairQueue, WhoAsksForLittleIsNextHoweverMuchOthersHaveQueued) {
+TEST(FairQueue, AClientThatAsksForLittleIsNextHoweverMuchOthersHaveQueued) {
   FairQueue<std::string> queue;
   for (int client = 0; client < 50; ++client)
     for (int i = 0; i < 3; ++i) queue.add("heavy" + std::to_string(client), 10'000, "heavy");
@@ -50,7 +50,7 @@ TEST(FairQueue, ManyLightCallsDoNotStarveAHeavyOne) {
   EXPECT_GE(before, 50) << "shares are equal";
 }
 
-TEST(FairQueue, SkipsWhoMayNotAndKeepsTheirTurn) {
+TEST(FairQueue, SkipsClientsThatMayNotGoAndKeepsTheirTurn) {
   FairQueue<std::string> queue;
   queue.add("a", 1, "a1");
   queue.add("b", 5, "b1");

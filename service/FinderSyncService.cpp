@@ -1,6 +1,7 @@
 #include "FinderSyncService.hpp"
 
 #include <algorithm>
+#include <chrono>
 #include <exception>
 
 #include "Selections.hpp"
@@ -16,9 +17,12 @@ using platform::FileURL;
 
 static_assert(dbus::MAX_OBSERVED_FOLDERS == FinderSync::MAX_FOLDERS, "only these are kept up to date");
 
-// As many as CallGate lets be under way, so that none waits here for a thread.
+// As many as CallGate has in flight, so that none waits here for a thread.
 constexpr std::size_t MENU_THREADS = 9;
 constexpr std::size_t BADGE_THREADS = 3;  // one of them for short calls
+
+// Longer than the polling interval and a request that times out.
+constexpr guint ANSWER_COUNTS_FOR_SECONDS = 15;
 
 void refuse(GDBusMethodInvocation* invocation, const char* name, const std::string& message) {
   const std::string error = std::string(dbus::ERROR_PREFIX) + name;
@@ -40,7 +44,7 @@ std::vector<const gchar*> pointers(const std::vector<std::string>& texts) {
   return result;
 }
 
-/// Reads every URL; refuses the call, and gives none, when there are too many or one is malformed.
+/// Reads every URL; refuses the call, and returns none, when there are too many or one is malformed.
 std::optional<std::vector<FileURL>> readURLs(GDBusMethodInvocation* invocation, const std::vector<std::string>& texts) {
   if (texts.size() > dbus::MAX_URLS) {
     refuse(
@@ -61,7 +65,7 @@ std::optional<std::vector<FileURL>> readURLs(GDBusMethodInvocation* invocation, 
   return urls;
 }
 
-/// As readURLs, where an item without a path cannot be dealt with either.
+/// As readURLs, for calls that cannot handle an item without a path.
 std::optional<std::vector<FileURL>> readSelection(GDBusMethodInvocation* invocation,
                                                   const std::vector<std::string>& texts) {
   auto urls = readURLs(invocation, texts);
@@ -97,46 +101,49 @@ FinderSyncService::FinderSyncService(FinderSync& extension, GDBusConnection* con
       connection_(connection),
       skeleton_(vornet_finder_sync1_skeleton_new()),
       observations_(dbus::MAX_OBSERVED_FOLDERS),
-      observing_(1),
-      badges_(BADGE_THREADS),
-      lookUps_(1),
-      menus_(MENU_THREADS),
+      observing_(threads_, 1),
+      badges_(threads_, BADGE_THREADS),
+      lookUps_(threads_, 1),
+      menus_(threads_, MENU_THREADS),
       changes_(connection, observations_, observing_),
-      answers_(extension, changes_, lookUps_) {}
+      answers_(extension, changes_, lookUps_),
+      snapshots_(extension, changes_, observations_, observing_, lookUps_) {}
 
 FinderSyncService::~FinderSyncService() {
   stop();
-  g_object_unref(skeleton_);
 }
 
 bool FinderSyncService::start(std::string& error) {
   connectHandlers();
   platform::host::setListener(this);
-  GError* failure = nullptr;
-  exported_ =
-      g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(skeleton_), connection_, dbus::OBJECT_PATH, &failure);
-  if (!exported_) {
-    error = failure->message;
-    g_error_free(failure);
-  }
+  vornet_finder_sync1_set_sync_application_silent_since(skeleton_.get(), dbus::NOT_ASKED);
+  vornet_finder_sync1_set_interface_version(skeleton_.get(), dbus::INTERFACE_VERSION);
+  extension_.setAnswerListener([this](const auto& silentSince) { noteAnswer(silentSince); });
+  GErrorPtr failure;
+  exported_ = g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(skeleton_.get()), connection_,
+                                               dbus::OBJECT_PATH, ErrorTo(failure));
+  if (!exported_) error = failure->message;
   return exported_;
 }
 
 void FinderSyncService::stop() {
   if (stopped_) return;
   stopped_ = true;
-  if (exported_) g_dbus_interface_skeleton_unexport(G_DBUS_INTERFACE_SKELETON(skeleton_));
-  g_signal_handlers_disconnect_by_data(skeleton_, this);
+  if (exported_) g_dbus_interface_skeleton_unexport(G_DBUS_INTERFACE_SKELETON(skeleton_.get()));
+  g_signal_handlers_disconnect_by_data(skeleton_.get(), this);
   unwatchClients();
-  // All at once, before any is waited for: none may begin something of seconds meanwhile.
+  // Ask all to stop before waiting for any: none may begin long work meanwhile.
   for (auto* pool : {&badges_, &lookUps_, &menus_, &observing_}) pool->requestStop();
   badges_.stop();
   lookUps_.stop();
   menus_.stop();
   platform::host::setListener(nullptr);
-  while (g_idle_remove_by_data(this)) continue;
+  extension_.setAnswerListener(nullptr);
+  while (g_source_remove_by_user_data(this)) continue;
+  snapshots_.stop();
   changes_.stop();
   observing_.stop();
+  threads_.stop();  // timers, too, are done
 }
 
 // --- What the extension does ----------------------------------------------------------------------------------------
@@ -151,6 +158,7 @@ void FinderSyncService::badgeAnswered(const FileURL& url, const std::string& ide
 
 void FinderSyncService::badgesInvalidated(const FileURL& folder) {
   answers_.askAgain(*folder.path());
+  snapshots_.renew(*folder.path());
 }
 
 void FinderSyncService::directoriesChanged() {
@@ -170,10 +178,35 @@ void FinderSyncService::publishProperties() {
   g_variant_builder_init(&badges, G_VARIANT_TYPE("a(sss)"));
   for (const auto& badge : platform::host::registeredBadges())
     g_variant_builder_add(&badges, "(sss)", badge.identifier.c_str(), badge.label.c_str(), badge.image.name().c_str());
-  vornet_finder_sync1_set_observed_folders(skeleton_, pointers(roots).data());
-  vornet_finder_sync1_set_badges(skeleton_, g_variant_builder_end(&badges));
-  vornet_finder_sync1_set_version(skeleton_, platform::host::mainBundle().version.c_str());
-  vornet_finder_sync1_set_log_file(skeleton_, logFilePath().c_str());
+  vornet_finder_sync1_set_observed_folders(skeleton_.get(), pointers(roots).data());
+  vornet_finder_sync1_set_badges(skeleton_.get(), g_variant_builder_end(&badges));
+  vornet_finder_sync1_set_version(skeleton_.get(), platform::host::mainBundle().version.c_str());
+  vornet_finder_sync1_set_log_file(skeleton_.get(), logFilePath().c_str());
+}
+
+void FinderSyncService::noteAnswer(const std::optional<platform::Date>& silentSince) {
+  using std::chrono::duration_cast;
+  silentSince_ =
+      silentSince ? duration_cast<std::chrono::seconds>(silentSince->time_since_epoch()).count() : dbus::ANSWERS;
+  const auto publish = +[](gpointer self) -> gboolean {
+    static_cast<FinderSyncService*>(self)->publishAnswer();
+    return G_SOURCE_REMOVE;
+  };
+  // At default priority: a client that reads the property after the answer to a menu sees that menu's result.
+  g_idle_add_full(G_PRIORITY_DEFAULT, publish, this, nullptr);
+}
+
+/// An answer counts for a little longer than the folders on screen take to ask again.
+void FinderSyncService::publishAnswer() {
+  vornet_finder_sync1_set_sync_application_silent_since(skeleton_.get(), silentSince_);
+  if (forgettingAnswer_ != 0) g_source_remove(forgettingAnswer_);
+  const auto forget = +[](gpointer data) -> gboolean {
+    auto& self = *static_cast<FinderSyncService*>(data);
+    self.forgettingAnswer_ = 0;
+    vornet_finder_sync1_set_sync_application_silent_since(self.skeleton_.get(), dbus::NOT_ASKED);
+    return G_SOURCE_REMOVE;
+  };
+  forgettingAnswer_ = g_timeout_add_seconds(ANSWER_COUNTS_FOR_SECONDS, forget, this);
 }
 
 // --- What clients call ----------------------------------------------------------------------------------------------
@@ -184,7 +217,7 @@ void FinderSyncService::connectHandlers() {
   const auto self = [](gpointer data) -> FinderSyncService& { return *static_cast<FinderSyncService*>(data); };
   static const auto service = self;
 
-  g_signal_connect(skeleton_, "handle-begin-observing",
+  g_signal_connect(skeleton_.get(), "handle-begin-observing",
                    G_CALLBACK(+[](Object*, Call* call, const gchar* folder, gpointer data) -> gboolean {
                      auto& s = service(data);
                      s.carryOut(s.observing_, call, 1,
@@ -192,7 +225,7 @@ void FinderSyncService::connectHandlers() {
                      return TRUE;
                    }),
                    this);
-  g_signal_connect(skeleton_, "handle-end-observing",
+  g_signal_connect(skeleton_.get(), "handle-end-observing",
                    G_CALLBACK(+[](Object*, Call* call, const gchar* folder, gpointer data) -> gboolean {
                      auto& s = service(data);
                      s.carryOut(s.observing_, call, 1,
@@ -200,7 +233,15 @@ void FinderSyncService::connectHandlers() {
                      return TRUE;
                    }),
                    this);
-  g_signal_connect(skeleton_, "handle-request-badges",
+  g_signal_connect(skeleton_.get(), "handle-request-snapshot",
+                   G_CALLBACK(+[](Object*, Call* call, const gchar* folder, guint64 stream, gpointer data) -> gboolean {
+                     auto& s = service(data);
+                     s.carryOut(s.observing_, call, 1,
+                                [&s, call, f = std::string(folder), stream] { s.requestSnapshot(call, f, stream); });
+                     return TRUE;
+                   }),
+                   this);
+  g_signal_connect(skeleton_.get(), "handle-request-badges",
                    G_CALLBACK(+[](Object*, Call* call, const gchar* const* items, gpointer data) -> gboolean {
                      auto& s = service(data);
                      s.carryOut(s.badges_, call, g_strv_length(const_cast<gchar**>(items)),
@@ -208,14 +249,14 @@ void FinderSyncService::connectHandlers() {
                      return TRUE;
                    }),
                    this);
-  g_signal_connect(skeleton_, "handle-get-menu",
+  g_signal_connect(skeleton_.get(), "handle-get-menu",
                    G_CALLBACK(+[](Object*, Call* call, const gchar* const* selection, gpointer data) -> gboolean {
                      auto& s = service(data);
                      s.carryOut(s.menus_, call, 1, [&s, call, i = strings(selection)] { s.getMenu(call, i); });
                      return TRUE;
                    }),
                    this);
-  g_signal_connect(skeleton_, "handle-perform-action",
+  g_signal_connect(skeleton_.get(), "handle-perform-action",
                    G_CALLBACK(+[](Object*, Call* call, const gchar* action, const gchar* const* selection,
                                   gpointer data) -> gboolean {
                      auto& s = service(data);
@@ -263,7 +304,7 @@ void FinderSyncService::beginObserving(GDBusMethodInvocation* invocation, const 
   // Each time: the poller may have dropped the folder meanwhile.
   extension_.beginObservingDirectoryAtURL(*url);
   watchClient(client);
-  vornet_finder_sync1_complete_begin_observing(skeleton_, invocation);
+  vornet_finder_sync1_complete_begin_observing(skeleton_.get(), invocation);
 }
 
 void FinderSyncService::endObserving(GDBusMethodInvocation* invocation, const std::string& folder) {
@@ -278,7 +319,7 @@ void FinderSyncService::endObserving(GDBusMethodInvocation* invocation, const st
     case ObservationRegistry::Ended::stillObserved:
       break;
   }
-  vornet_finder_sync1_complete_end_observing(skeleton_, invocation);
+  vornet_finder_sync1_complete_end_observing(skeleton_.get(), invocation);
 }
 
 void FinderSyncService::endObservationOf(const std::string& folder) {
@@ -286,7 +327,8 @@ void FinderSyncService::endObservationOf(const std::string& folder) {
   platform::host::folderHidden(folder);
 }
 
-/// Before `folder` is entered: the cache drops the one that was entered longest ago, which must be none on screen.
+/// To be called before `folder` is entered: the cache then drops the one entered longest ago, which must not be on
+/// screen.
 void FinderSyncService::keepOthersCached(const std::string& folder) {
   for (const auto& shown : observations_.folders())
     if (shown != folder) extension_.keepCached(shown);
@@ -297,7 +339,7 @@ void FinderSyncService::watchClient(const std::string& client) {
   if (clientWatches_.contains(client)) return;
   const auto vanished = +[](GDBusConnection*, const gchar* name, gpointer self) {
     auto& service = *static_cast<FinderSyncService*>(self);
-    // After what the client still has waiting, so that nothing of it begins afterwards.
+    // After the client's waiting calls, so that none of them begins afterwards.
     service.observing_.post(name, 1, [&service, client = std::string(name)] { service.forgetClient(client); });
   };
   clientWatches_[client] = g_bus_watch_name_on_connection(connection_, client.c_str(), G_BUS_NAME_WATCHER_FLAGS_NONE,
@@ -307,6 +349,7 @@ void FinderSyncService::watchClient(const std::string& client) {
 void FinderSyncService::forgetClient(const std::string& client) {
   for (const auto& folder : observations_.endAll(client)) endObservationOf(folder);
   answers_.forget(client);
+  snapshots_.forget(client);
   const std::lock_guard guard(clientsLock_);
   if (const auto found = clientWatches_.find(client); found != clientWatches_.end()) {
     g_bus_unwatch_name(found->second);
@@ -320,6 +363,16 @@ void FinderSyncService::unwatchClients() {
   clientWatches_.clear();
 }
 
+void FinderSyncService::requestSnapshot(GDBusMethodInvocation* invocation, const std::string& folder, guint64 stream) {
+  const auto url = readURL(folder);
+  if (!url || !url->path()) return refuse(invocation, dbus::error::INVALID_URL, "not a file URL: " + folder);
+  const std::string client = g_dbus_method_invocation_get_sender(invocation);
+  if (!observations_.setStream(client, *url->path(), stream))
+    return refuse(invocation, dbus::error::NOT_OBSERVING, "the caller does not observe " + *url->path());
+  snapshots_.request(client, *url->path());
+  vornet_finder_sync1_complete_request_snapshot(skeleton_.get(), invocation);
+}
+
 void FinderSyncService::requestBadges(GDBusMethodInvocation* invocation, const Strings& items) {
   auto urls = readURLs(invocation, items);
   if (!urls) return;
@@ -329,11 +382,8 @@ void FinderSyncService::requestBadges(GDBusMethodInvocation* invocation, const S
 }
 
 void FinderSyncService::answerBadges(GDBusMethodInvocation* invocation, const URLs& items, WorkPool& pool) {
-  const std::string client = g_dbus_method_invocation_get_sender(invocation);
-  const auto outcome = answers_.answer(client, items, pool, [&](const Strings& identifiers) {
-    vornet_finder_sync1_complete_request_badges(skeleton_, invocation, pointers(identifiers).data());
-  });
-  switch (outcome) {
+  const std::string client = g_dbus_method_invocation_get_sender(invocation);  // it may be gone with the answer
+  switch (answers_.answer(invocation, items, pool)) {
     case BadgeAnswers::Outcome::tooMuch:
       return refuse(invocation, dbus::error::BUSY, "too much is to be looked up in a locked database");
     case BadgeAnswers::Outcome::inDoubt:
@@ -357,7 +407,7 @@ void FinderSyncService::getMenu(GDBusMethodInvocation* invocation, const Strings
       }
     }
   }
-  vornet_finder_sync1_complete_get_menu(skeleton_, invocation, g_variant_builder_end(&entries));
+  vornet_finder_sync1_complete_get_menu(skeleton_.get(), invocation, g_variant_builder_end(&entries));
 }
 
 void FinderSyncService::performAction(GDBusMethodInvocation* invocation, const std::string& action,
@@ -371,7 +421,7 @@ void FinderSyncService::performAction(GDBusMethodInvocation* invocation, const s
     return refuse(invocation, dbus::error::OUTSIDE_OBSERVED_FOLDERS, "the selection is not within an observed folder");
   const platform::host::Selection selected(*urls);
   extension_.performSelector(action);
-  vornet_finder_sync1_complete_perform_action(skeleton_, invocation);
+  vornet_finder_sync1_complete_perform_action(skeleton_.get(), invocation);
 }
 
 }  // namespace vornet::service

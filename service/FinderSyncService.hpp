@@ -2,9 +2,11 @@
 
 #include <gio/gio.h>
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -12,15 +14,17 @@
 #include "BadgeChanges.hpp"
 #include "FinderSync1.h"
 #include "ObservationRegistry.hpp"
+#include "Snapshots.hpp"
 #include "WorkPool.hpp"
+#include "dbus/GLibPtr.hpp"
 #include "extension/FinderSync.hpp"
 #include "platform/linux/FinderSyncHost.hpp"
 
 namespace vornet::service {
 
 /// Serves the extension's callbacks on a bus as com.vornet.FinderSync1. The thread of the main context only takes calls
-/// in: they are carried out on threads of the service's own, badges apart from menus, so that neither waits for the
-/// other. Made, started and stopped on the thread of the main context.
+/// in: they run on the service's threads, badges apart from menus, so that neither waits for the other. Made, started
+/// and stopped on the thread of the main context.
 class FinderSyncService : private platform::host::Listener {
  public:
   /// Serves `extension` on `connection`. Both outlive the service.
@@ -33,7 +37,7 @@ class FinderSyncService : private platform::host::Listener {
   /// to life. False, with `error` saying why, when the object cannot be exported.
   bool start(std::string& error);
 
-  /// Makes the object's properties what the extension says now. The service does so by itself when the observed folders
+  /// Updates the object's properties from the extension. The service does so automatically when the observed folders
   /// change; to be called once the extension has been brought to life.
   void publishProperties();
 
@@ -49,6 +53,9 @@ class FinderSyncService : private platform::host::Listener {
   void badgesInvalidated(const platform::FileURL& folder) override;
   void directoriesChanged() override;
 
+  void noteAnswer(const std::optional<platform::Date>& silentSince);
+  void publishAnswer();
+
   void connectHandlers();
   void unwatchClients();
 
@@ -58,6 +65,7 @@ class FinderSyncService : private platform::host::Listener {
 
   void beginObserving(GDBusMethodInvocation* invocation, const std::string& folder);
   void endObserving(GDBusMethodInvocation* invocation, const std::string& folder);
+  void requestSnapshot(GDBusMethodInvocation* invocation, const std::string& folder, guint64 stream);
   void requestBadges(GDBusMethodInvocation* invocation, const Strings& items);
   void answerBadges(GDBusMethodInvocation* invocation, const URLs& items, WorkPool& pool);
   void getMenu(GDBusMethodInvocation* invocation, const Strings& selection);
@@ -69,20 +77,25 @@ class FinderSyncService : private platform::host::Listener {
 
   FinderSync& extension_;
   GDBusConnection* const connection_;
-  VornetFinderSync1* const skeleton_;
+  const GObjectPtr<VornetFinderSync1> skeleton_;
   bool exported_ = false;
   bool stopped_ = false;
+
+  std::atomic<gint64> silentSince_;  // as the property says
+  guint forgettingAnswer_ = 0;       // the time-out that forgets the answer
 
   ObservationRegistry observations_;
   std::mutex clientsLock_;
   std::map<std::string, guint> clientWatches_;  // unique bus name -> watch
 
-  WorkPool observing_;  // one thread: begin, end and signals keep their order
+  SharedThreads threads_;
+  WorkPool observing_;  // one at a time: begin, end and signals keep their order
   WorkPool badges_;     // never wait for the database
-  WorkPool lookUps_;    // one thread: see BadgeAnswers
+  WorkPool lookUps_;    // one at a time: see BadgeAnswers
   WorkPool menus_;      // may wait for the sync application
   BadgeChanges changes_;
   BadgeAnswers answers_;
+  Snapshots snapshots_;
 };
 
 }  // namespace vornet::service

@@ -4,7 +4,7 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
-#include <filesystem>
+#include <memory>
 #include <optional>
 #include <thread>
 
@@ -12,11 +12,10 @@
 #include "extension/SharedObjects.hpp"
 #include "platform/linux/FinderSyncHost.hpp"
 #include "rest/RESTPollingManager.hpp"
-#include "support/BusClient.hpp"
 #include "support/Databases.hpp"
-#include "support/Environment.hpp"
-#include "support/LoopbackServer.hpp"
-#include "support/PrivateBus.hpp"
+#include "support/ExtensionTest.hpp"
+#include "support/LogRecorder.hpp"
+#include "support/SyncApplication.hpp"
 #include "support/Threads.hpp"
 
 namespace vornet::service {
@@ -28,9 +27,7 @@ using test::BusClient;
 using test::BusReply;
 using testing::ElementsAre;
 
-namespace fs = std::filesystem;
-
-/// The extension, with what it does when it is asked for a badge in the hands of a test.
+/// The extension; a test decides what it does when it is asked for a badge.
 class HeldExtension : public FinderSync {
  public:
   using Asked = std::function<void(const FileURL& item)>;
@@ -52,48 +49,37 @@ class ServiceThread {
     serving_.pass();
   }
   ~ServiceThread() {
-    g_main_loop_quit(loop_);
+    g_main_loop_quit(loop_.get());
     thread_.join();
-    g_main_loop_unref(loop_);
   }
   ServiceThread(const ServiceThread&) = delete;
   ServiceThread& operator=(const ServiceThread&) = delete;
 
  private:
   void run(FinderSync& extension, const std::string& address) {
-    GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
-        address.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, nullptr);
+    const auto connection = test::connectToBus(address);
     {
-      FinderSyncService service(extension, connection);
+      FinderSyncService service(extension, connection.get());
       std::string error;
       EXPECT_TRUE(service.start(error)) << error;
       const auto acquired =
           +[](GDBusConnection*, const gchar*, gpointer self) { static_cast<ServiceThread*>(self)->serving_.open(); };
-      const guint name = g_bus_own_name_on_connection(connection, App().APP_CODENAME.c_str(),
+      const guint name = g_bus_own_name_on_connection(connection.get(), App().APP_CODENAME.c_str(),
                                                       G_BUS_NAME_OWNER_FLAGS_NONE, acquired, nullptr, this, nullptr);
-      g_main_loop_run(loop_);
+      g_main_loop_run(loop_.get());
       g_bus_unown_name(name);
       service.stop();
     }
-    g_dbus_connection_close_sync(connection, nullptr, nullptr);
-    g_object_unref(connection);
+    g_dbus_connection_close_sync(connection.get(), nullptr, nullptr);
   }
 
-  GMainLoop* loop_ = g_main_loop_new(nullptr, FALSE);
+  const GMainLoopPtr loop_{g_main_loop_new(nullptr, FALSE)};
   test::Gate serving_;
   std::thread thread_;
 };
 
-class FinderSyncServiceTest : public testing::Test {
+class FinderSyncServiceTest : public test::ExtensionTest {
  protected:
-  FinderSyncServiceTest() {
-    fs::create_directories(root + "/d");
-    fs::create_directories(environment.folder() / "no services");
-    test::writePreferences(environment.container() / "VornetKelvane.plist", root);
-  }
   ~FinderSyncServiceTest() override {
     client.reset();
     service.reset();
@@ -101,14 +87,16 @@ class FinderSyncServiceTest : public testing::Test {
     statusManager().reset();
   }
 
-  void start() {
-    bus.emplace(environment.folder().path() / "bus", environment.folder() / "no services");
+  void startBus() {
+    configure();
+    start(environment.folder() / "no services");
     ASSERT_TRUE(extension.init());
+  }
+  void startService() {
+    startBus();
     service.emplace(extension, bus->address());
-    client.emplace(bus->address());
   }
 
-  std::string url(const std::string& name) const { return "file://" + root + (name.empty() ? "" : "/" + name); }
   FileURL item(const std::string& name) const { return FileURL::fileURLWithPath(root + "/" + name); }
   static void set(const std::string& identifier, const FileURL& url) {
     FIFinderSyncController::defaultController().setBadgeIdentifier(identifier, url);
@@ -119,15 +107,11 @@ class FinderSyncServiceTest : public testing::Test {
   std::atomic<int> questions = 0;
   std::atomic<bool> first = true;
   std::atomic<bool> filled = false;
-  test::Environment environment;
-  const std::string root = environment.folder() / "root";
   HeldExtension extension;
-  std::optional<test::PrivateBus> bus;
   std::optional<ServiceThread> service;
-  std::optional<BusClient> client;
 };
 
-/// As many items of a folder on screen as are remembered: nothing is of any other.
+/// As many items of a folder on screen as are remembered, so that no other item is.
 class ManyItems {
  public:
   explicit ManyItems(std::string folder) : folder_(std::move(folder)) {
@@ -149,14 +133,14 @@ class ManyItems {
   const std::string folder_;
 };
 
-TEST_F(FinderSyncServiceTest, AnAnswerHoldsTheBadgesThatStandWhenItIsGiven) {
+TEST_F(FinderSyncServiceTest, AnAnswerHoldsTheBadgesOfTheMomentWhenItIsSent) {
   extension.asked = [this](const FileURL& asked) {
     if (asked == item("x")) set("PENDING", asked);
     if (asked == item("y")) extension.setFileSyncStatus(item("x"), 2);  // x changes while y is looked up
   };
-  start();
-  ASSERT_TRUE(client->beginObserving(url("")));
-  EXPECT_THAT(client->requestBadges({url("x"), url("y")}).texts(), ElementsAre("SYNCED", ""));
+  startService();
+  ASSERT_TRUE(client->beginObserving(url()));
+  EXPECT_THAT(badges({"x", "y"}), ElementsAre("SYNCED", ""));
 }
 
 TEST_F(FinderSyncServiceTest, ABadgeThatChangesWhileItIsAskedForIsNotReplacedByTheOlderOne) {
@@ -168,9 +152,9 @@ TEST_F(FinderSyncServiceTest, ABadgeThatChangesWhileItIsAskedForIsNotReplacedByT
       set("SYNCED", asked);
     }
   };
-  start();
-  ASSERT_TRUE(client->beginObserving(url("")));
-  EXPECT_THAT(client->requestBadges({url("x")}).texts(), ElementsAre("SYNCED"));
+  startService();
+  ASSERT_TRUE(client->beginObserving(url()));
+  EXPECT_EQ(badge("x"), "SYNCED");
   EXPECT_EQ(questions, 2);
   ASSERT_TRUE(client->waitForChange(url("x"), "SYNCED"));
   EXPECT_EQ(client->signals(), 1u);
@@ -183,14 +167,14 @@ TEST_F(FinderSyncServiceTest, ABadgeThatChangesWhileItIsAskedForIsTheNewOneThoug
     if (asked == item("x")) set(++questions == 1 ? "PENDING" : "SYNCED", asked);
     if (asked == item("y")) extension.setFileSyncStatus(item("x"), 2);  // x changes while y is looked up
   };
-  start();
+  startService();
   statusManager()->dirCache().enterNewDir("/");
   statusManager()->dirCache().update("/", {{"/x", 2}, {"/y", 2}});
-  ASSERT_TRUE(client->beginObserving(url("")));
+  ASSERT_TRUE(client->beginObserving(url()));
   BusClient other(bus->address());
-  ASSERT_TRUE(other.beginObserving(url("")));
+  ASSERT_TRUE(other.beginObserving(url()));
   ASSERT_TRUE(host::isOverlooked(item("x")));
-  EXPECT_THAT(client->requestBadges({url("x"), url("y")}).texts(), ElementsAre("SYNCED", ""));
+  EXPECT_THAT(badges({"x", "y"}), ElementsAre("SYNCED", ""));
   ASSERT_TRUE(host::isOverlooked(item("x")));
   EXPECT_TRUE(other.waitForChange(url("x"), "SYNCED"));
 }
@@ -204,21 +188,21 @@ TEST_F(FinderSyncServiceTest, NoOlderBadgeFollowsAnAnswerThoughTheItemCannotBeRe
     set("PENDING", item("x"));                                    // while the answer is put together
     std::this_thread::sleep_for(std::chrono::milliseconds(100));  // a signal that does not wait for it would go now
   };
-  start();
+  startService();
   statusManager()->dirCache().enterNewDir("/");
   statusManager()->dirCache().update("/", {{"/a", 2}, {"/x", 2}});
-  ASSERT_TRUE(client->beginObserving(url("")));
-  EXPECT_THAT(client->requestBadges({url("a"), url("x")}).texts(), ElementsAre("", "SYNCED"));
+  ASSERT_TRUE(client->beginObserving(url()));
+  EXPECT_THAT(badges({"a", "x"}), ElementsAre("", "SYNCED"));
   EXPECT_EQ(questionsForA, 2);
   EXPECT_TRUE(client->waitForChange(url("x"), "SYNCED"));
   EXPECT_EQ(client->signals(), 1u);
 }
 
-TEST_F(FinderSyncServiceTest, WhoSetsMoreBadgesThanMayWaitGoesOnAndNoneIsLost) {
+TEST_F(FinderSyncServiceTest, SettingMoreBadgesThanMayWaitBlocksNobodyAndLosesNone) {
   constexpr int COUNT = 2'000;
   const std::string longName(3'000, 'n');
-  start();
-  ASSERT_TRUE(client->beginObserving(url("")));
+  startService();
+  ASSERT_TRUE(client->beginObserving(url()));
   std::atomic<int> count = 0;
   std::thread setter([&] {
     for (; count < COUNT; ++count) extension.setFileSyncStatus(item(longName + std::to_string(count)), 2);
@@ -230,8 +214,9 @@ TEST_F(FinderSyncServiceTest, WhoSetsMoreBadgesThanMayWaitGoesOnAndNoneIsLost) {
 }
 
 TEST_F(FinderSyncServiceTest, ABadgeFoundInTheDatabaseBeforeTheFolderWasFilledIsCorrected) {
-  test::makeSyncDatabase(environment.container() / "sync.db", {{"/x", 1}});
-  test::LoopbackServer application([this](const test::WireRequest&) {
+  makeDatabase({{"/x", 1}});
+  test::SyncApplication application;
+  application.setAnswer("/", [this](const test::WireRequest&) {
     gate.passInTime();
     return test::WireReply{.body = R"({"/x":2})"};
   });
@@ -239,24 +224,22 @@ TEST_F(FinderSyncServiceTest, ABadgeFoundInTheDatabaseBeforeTheFolderWasFilledIs
     extension.reallyAsk(asked);
     if (!first.exchange(false)) return;
     gate.open();
-    const auto until = std::chrono::steady_clock::now() + test::PATIENCE;
-    while (!statusManager()->isCached(asked) && std::chrono::steady_clock::now() < until) std::this_thread::yield();
+    test::becomesTrue([&] { return statusManager()->isCached(asked); });
   };
-  start();
-  ASSERT_TRUE(client->beginObserving(url("")));
-  const auto answer = client->requestBadges({url("x")}).texts();
-  EXPECT_TRUE(answer == std::vector<std::string>{"SYNCED"} || client->waitForChange(url("x"), "SYNCED"))
-      << testing::PrintToString(answer);
+  startService();
+  ASSERT_TRUE(client->beginObserving(url()));
+  const auto answer = badge("x");
+  EXPECT_TRUE(answer == "SYNCED" || client->waitForChange(url("x"), "SYNCED")) << answer;
   EXPECT_TRUE(statusManager()->isCached(item("x")));
-  EXPECT_THAT(client->requestBadges({url("x")}).texts(), ElementsAre("SYNCED"));
+  EXPECT_EQ(badge("x"), "SYNCED");
 }
 
-TEST_F(FinderSyncServiceTest, WhatTheCacheKnowsDoesNotWaitForLookUps) {
+TEST_F(FinderSyncServiceTest, CachedBadgesDoNotWaitForLookUps) {
   extension.asked = [&](const FileURL& asked) {
     if (asked != item("x")) gate.passInTime();
     extension.reallyAsk(asked);
   };
-  start();
+  startService();
   statusManager()->dirCache().enterNewDir("/");
   statusManager()->dirCache().update("/", {{"/x", 2}});
   int lookedUp = 0;
@@ -276,9 +259,9 @@ TEST_F(FinderSyncServiceTest, AFilledFolderIsCorrectedHoweverManyCallsWait) {
     if (asked == item("x")) return set(filled ? "SYNCED" : "PENDING", asked);
     gate.passInTime();
   };
-  start();
-  ASSERT_TRUE(client->beginObserving(url("")));
-  ASSERT_THAT(client->requestBadges({url("x")}).texts(), ElementsAre("PENDING"));
+  startService();
+  ASSERT_TRUE(client->beginObserving(url()));
+  ASSERT_EQ(badge("x"), "PENDING");
   int answered = 0;
   BusClient pressing(bus->address());
   for (int i = 0; i < CALLS; ++i) {
@@ -291,6 +274,246 @@ TEST_F(FinderSyncServiceTest, AFilledFolderIsCorrectedHoweverManyCallsWait) {
   gate.open();
   EXPECT_TRUE(client->waitForChange(url("x"), "SYNCED"));
   EXPECT_TRUE(pressing.waitUntil([&] { return answered == CALLS; }));
+}
+
+TEST_F(FinderSyncServiceTest, NoOlderBadgeFollowsASnapshot) {
+  constexpr int ROUNDS = 30;
+  startService();
+  auto& cache = statusManager()->dirCache();
+  cache.enterNewDir("/");
+  cache.update("/", {});
+  ASSERT_TRUE(client->beginObserving(url()));
+  ASSERT_TRUE(client->requestSnapshot(url(), 1));
+  ASSERT_TRUE(client->waitUntil([&] { return client->stream(1).snapshots == 1; }));
+  for (int round = 0; round < ROUNDS; ++round) {
+    // After a pause the next snapshot is sent at once.
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(120);
+    ASSERT_TRUE(client->waitUntil([&] { return std::chrono::steady_clock::now() > until; }));
+    // As the poller does: first the cache, then each change, which waits a little to be sent.
+    const auto name = std::to_string(round);
+    cache.update("/", {{"/" + name, 1}});
+    extension.setFileSyncStatus(item(name), 1);
+    cache.update("/", {{"/" + name, 2}});
+    const auto before = client->stream(1).snapshots;
+    ASSERT_TRUE(client->requestSnapshot(url(), 1));
+    ASSERT_TRUE(client->waitUntil([&] { return client->stream(1).snapshots > before; }));
+    extension.setFileSyncStatus(item("end" + name), 2);
+    ASSERT_TRUE(client->waitUntil([&] { return client->stream(1).badges.contains("end" + name); }));
+    EXPECT_EQ(client->stream(1).badges.at(name), "SYNCED") << round;
+  }
+}
+
+TEST_F(FinderSyncServiceTest, ABadgeSetWhileTheDatabaseIsReadIsNewerThanWhatItSays) {
+  std::vector<std::pair<std::string, int>> rows = {{"/x", 1}};
+  for (int i = 0; i < 20'000; ++i) rows.emplace_back("/" + std::to_string(i), 1);  // which takes a while
+  makeDatabase(rows);
+  startService();
+  ASSERT_TRUE(client->beginObserving(url()));
+  std::atomic<bool> done = false;
+  std::thread setter([&] {
+    while (!done) extension.setFileSyncStatus(item("x"), 2);
+  });
+  // A snapshot says nothing during which the setter's thread did not run.
+  std::string badge;
+  for (guint64 stream = 1; stream <= 10 && badge != "SYNCED"; ++stream) {
+    EXPECT_TRUE(client->requestSnapshot(url(), stream));
+    EXPECT_TRUE(client->waitUntil([&] { return client->stream(stream).snapshots == 1; }));
+    EXPECT_EQ(client->stream(stream).badges.size(), rows.size());
+    badge = client->stream(stream).badges.at("x");
+  }
+  done = true;
+  setter.join();
+  EXPECT_EQ(badge, "SYNCED");
+}
+
+TEST_F(FinderSyncServiceTest, ABadgeThatASnapshotHasReplacedIsNews) {
+  makeDatabase({{"/x", 1}});
+  extension.asked = [this](const FileURL& url) {
+    if (questions++ > 0) gate.passInTime();
+    extension.reallyAsk(url);
+  };
+  startService();
+  ASSERT_TRUE(client->beginObserving(url()));
+  EXPECT_THAT(client->requestBadges({url("x")}).texts(), ElementsAre("PENDING"));
+  ASSERT_TRUE(client->requestSnapshot(url(), 1));
+  // The first answer of the sync application, after which the item is asked for again, if late.
+  statusManager()->dirCache().update("/", {{"/x", 2}});
+  extension.folderFilled(FileURL::fileURLWithPath(root), true);
+  using Badges = std::map<std::string, std::string>;
+  ASSERT_TRUE(client->waitUntil([&] { return client->stream(1).badges == Badges{{"x", "SYNCED"}}; }));
+  statusManager()->dirCache().update("/", {{"/x", 1}});
+  extension.setFileSyncStatus(item("x"), 1);
+  EXPECT_TRUE(client->waitUntil([&] { return client->stream(1).badges == Badges{{"x", "PENDING"}}; }));
+  gate.open();
+}
+
+TEST_F(FinderSyncServiceTest, AFilledFoldersSnapshotWaitsForNoLookUp) {
+  makeDatabase({{"/e/y", 1}});
+  extension.asked = [this](const FileURL& url) {
+    ++questions;
+    gate.passInTime();
+    first = false;
+    extension.reallyAsk(url);
+  };
+  startService();
+  statusManager()->dirCache().enterNewDir("/d/");
+  statusManager()->dirCache().update("/d/", {{"/d/x", 2}});
+  client->call("RequestBadges", BusClient::urlArguments({url("x")}), [](const BusReply&) {});
+  ASSERT_TRUE(client->waitUntil([&] { return questions == 1; })) << "a look-up has begun";
+  std::vector<std::unique_ptr<BusClient>> others;
+  for (int i = 0; i < 20; ++i) {
+    others.push_back(std::make_unique<BusClient>(bus->address()));
+    ASSERT_TRUE(others.back()->beginObserving(url("e")));
+    ASSERT_TRUE(others.back()->requestSnapshot(url("e"), 1));
+  }
+  for (int round = 0; round < 20; ++round) {
+    BusClient honest(bus->address());
+    ASSERT_TRUE(honest.beginObserving(url("d")));
+    ASSERT_TRUE(honest.requestSnapshot(url("d"), 1));
+    ASSERT_TRUE(honest.waitUntil([&] { return honest.stream(1).snapshots == 1; }));
+    EXPECT_EQ(honest.stream(1).badges.at("x"), "SYNCED");
+  }
+  EXPECT_TRUE(first) << "the look-up has ended";
+  gate.open();
+  for (const auto& other : others) EXPECT_TRUE(other->waitUntil([&] { return other->stream(1).badges.contains("y"); }));
+}
+
+/// Snapshots whose every part the test holds.
+class SnapshotsTest : public FinderSyncServiceTest {
+ protected:
+  SnapshotsTest() {
+    makeDatabase({{"/x", 1}, {"/none", -1}});
+    startBus();
+    connection = test::connectToBus(bus->address());
+    parts.emplace(extension, connection.get());
+    platform::host::folderShown(root);
+    parts->observations.begin(client->name(), root);
+    parts->observations.setStream(client->name(), root, 1);
+  }
+  ~SnapshotsTest() override {
+    parts->stop();
+    parts.reset();
+    platform::host::folderHidden(root);
+    g_dbus_connection_close_sync(connection.get(), nullptr, nullptr);
+  }
+
+  struct Parts {
+    Parts(FinderSync& extension, GDBusConnection* connection)
+        : changes(connection, observations, signals), snapshots(extension, changes, observations, signals, lookUps) {}
+    void stop() {
+      lookUps.stop();
+      snapshots.stop();
+      changes.stop();
+      signals.stop();
+      threads.stop();
+    }
+
+    ObservationRegistry observations{50};
+    SharedThreads threads;
+    WorkPool signals{threads, 1};
+    WorkPool lookUps{threads, 1};
+    BadgeChanges changes;
+    Snapshots snapshots;
+  };
+
+  GObjectPtr<GDBusConnection> connection;
+  std::optional<Parts> parts;
+};
+
+TEST_F(SnapshotsTest, NoOlderBadgeFollowsOneFromTheDatabase) {
+  constexpr std::size_t ROUNDS = 5;  // in one that is slow the changes are sent before
+  for (std::size_t round = 1; round <= ROUNDS; ++round) {
+    test::Gate lookUps;
+    parts->lookUps.postOwn([&] { lookUps.passInTime(); });
+    parts->snapshots.request(client->name(), root);
+    const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
+    ASSERT_TRUE(client->waitUntil([&] { return std::chrono::steady_clock::now() > until; }));
+    for (const char* name : {"x", "none", "unknown"}) parts->changes.add(item(name), "SYNCED");
+    lookUps.open();
+    ASSERT_TRUE(client->waitUntil([&] { return client->stream(1).snapshots == round; }));
+    parts->changes.add(item("end" + std::to_string(round)), "SKIPPED");  // sent with them, or later
+    ASSERT_TRUE(client->waitUntil([&] { return client->stream(1).badges.contains("end" + std::to_string(round)); }));
+    auto badges = client->stream(1).badges;
+    EXPECT_EQ(badges["x"], "PENDING");
+    EXPECT_EQ(badges.size(), 2u) << "with the end";
+  }
+}
+
+TEST_F(SnapshotsTest, ABadgeThatOneFromTheDatabaseHasReplacedIsNews) {
+  set("SYNCED", item("x"));
+  set("SYNCED", item("none"));
+  parts->snapshots.request(client->name(), root);
+  ASSERT_TRUE(client->waitUntil([&] { return client->stream(1).snapshots == 1; }));
+  EXPECT_EQ(platform::host::badgeIdentifier(item("x")), "PENDING");
+  EXPECT_EQ(platform::host::badgeIdentifier(item("none")), "");
+}
+
+TEST_F(SnapshotsTest, AChangeDoesNotWaitForAllThatAreDue) {
+  constexpr guint64 FOLDERS = 40;
+  const auto wait = [this](std::chrono::milliseconds time) {
+    const auto until = std::chrono::steady_clock::now() + time;
+    ASSERT_TRUE(client->waitUntil([&] { return std::chrono::steady_clock::now() > until; }));
+  };
+  parts->signals.postOwn([this] { gate.passInTime(); });
+  for (guint64 i = 0; i < FOLDERS; ++i) {
+    const auto name = "/" + std::to_string(i);
+    statusManager()->dirCache().enterNewDir(name + "/");
+    statusManager()->dirCache().update(name + "/", {{name + "/x", 2}});
+    parts->observations.begin(client->name(), root + name);
+    parts->observations.setStream(client->name(), root + name, 100 + i);
+    parts->snapshots.request(client->name(), root + name);
+    wait(std::chrono::milliseconds(5));  // its time comes while the signals are held
+  }
+  parts->changes.add(item("changed"), "SYNCED");
+  wait(std::chrono::milliseconds(300));
+  gate.open();
+  ASSERT_TRUE(client->waitUntil([&] { return client->stream(100 + FOLDERS - 1).snapshots == 1; }));
+  ASSERT_TRUE(client->waitUntil([&] { return client->stream(1).badges.contains("changed"); }));
+  std::size_t before = 0;
+  for (guint64 i = 0; i < FOLDERS; ++i) before += client->stream(100 + i).last < client->stream(1).last;
+  EXPECT_LT(before, FOLDERS / 2);
+}
+
+TEST_F(SnapshotsTest, ALongRequestGivesWayToALookUp) {
+  test::Gate begun;
+  std::atomic<bool> done = false;
+  parts->lookUps.post("another", WorkPool::LARGEST_SHORT_COST + 1, [&] {
+    begun.open();
+    while (!done) parts->lookUps.giveWay();
+  });
+  begun.pass();
+  parts->snapshots.request(client->name(), root);
+  EXPECT_TRUE(client->waitUntil([&] { return client->stream(1).snapshots == 1; }));
+  done = true;
+  parts->lookUps.join();
+}
+
+TEST_F(SnapshotsTest, AClientThatHasLeftCostsNoLookUp) {
+  const test::LogRecorder log;
+  test::Database writer(database());
+  writer.run("BEGIN EXCLUSIVE");  // each look-up says that it is locked
+  parts->observations.begin("other", root);
+  parts->snapshots.request("other", root);
+  const auto until = std::chrono::steady_clock::now() + std::chrono::milliseconds(300);
+  ASSERT_TRUE(client->waitUntil([&] { return std::chrono::steady_clock::now() > until; }));
+  EXPECT_EQ(log.count(LogLevel::Warning, "Cannot prepare SQL statement"), 0u);
+  parts->snapshots.request(client->name(), root);
+  EXPECT_TRUE(log.waitFor(LogLevel::Warning, "Cannot prepare SQL statement"));
+}
+
+TEST_F(FinderSyncServiceTest, StoppedItLeavesNothingInTheMainContext) {
+  startBus();
+  const auto connection = test::connectToBus(bus->address());
+  auto stopped = std::make_unique<FinderSyncService>(extension, connection.get());
+  std::string error;
+  ASSERT_TRUE(stopped->start(error)) << error;
+  auto& controller = FIFinderSyncController::defaultController();
+  for (int i = 0; i < 3; ++i) controller.setDirectoryURLs({item(std::to_string(i))});
+  EXPECT_TRUE(g_main_context_find_source_by_user_data(nullptr, stopped.get())) << "the change is to be published";
+  stopped->stop();
+  EXPECT_FALSE(g_main_context_find_source_by_user_data(nullptr, stopped.get())) << "it would use what is gone";
+  stopped.reset();
+  g_dbus_connection_close_sync(connection.get(), nullptr, nullptr);
 }
 
 }  // namespace

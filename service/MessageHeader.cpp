@@ -17,7 +17,7 @@ constexpr std::uint64_t aligned(std::uint64_t position, std::uint64_t to) {
   return (position + to - 1) / to * to;
 }
 
-/// Reads D-Bus values one after another. After the first that does not fit everything is none.
+/// Reads D-Bus values one after another. After the first malformed one every read gives none.
 class Reader {
  public:
   Reader(std::string_view bytes, bool bigEndian) : bytes_(bytes), bigEndian_(bigEndian) {}

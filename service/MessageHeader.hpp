@@ -23,7 +23,7 @@ std::optional<MessageLength> messageLength(std::string_view start);
 
 enum class MessageType : std::uint8_t { call = 1, reply = 2, error = 3, signal = 4 };
 
-/// What a message's header says. The texts are views into the bytes that it was read from; absent ones are empty.
+/// The contents of a message's header. The texts are views into the bytes that it was read from; absent ones are empty.
 struct MessageHeader {
   MessageType type = MessageType::call;
   bool bigEndian = false;

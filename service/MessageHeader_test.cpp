@@ -1,33 +1,25 @@
 #include "MessageHeader.hpp"
 
-#include <gio/gio.h>
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
+#include "support/BusClient.hpp"
+
 namespace vornet::service {
 namespace {
 
-std::string messageOf(GVariant* body, GDBusMessageByteOrder order = G_DBUS_MESSAGE_BYTE_ORDER_LITTLE_ENDIAN) {
-  GDBusMessage* message = g_dbus_message_new_method_call("com.example.Name", "/a/path", "com.example.I", "Member");
-  g_dbus_message_set_sender(message, ":1.7");
-  g_dbus_message_set_serial(message, 0x01020304);
-  g_dbus_message_set_byte_order(message, order);
-  if (body) g_dbus_message_set_body(message, body);
-  gsize size = 0;
-  guchar* blob = g_dbus_message_to_blob(message, &size, G_DBUS_CAPABILITY_FLAGS_NONE, nullptr);
-  std::string result(reinterpret_cast<const char*>(blob), size);
-  g_free(blob);
-  g_object_unref(message);
-  return result;
-}
+using test::textList;
 
-GVariant* list(const std::vector<std::string>& texts) {
-  GVariantBuilder builder;
-  g_variant_builder_init(&builder, G_VARIANT_TYPE("as"));
-  for (const auto& text : texts) g_variant_builder_add(&builder, "s", text.c_str());
-  return g_variant_builder_end(&builder);
+std::string messageOf(GVariant* body, GDBusMessageByteOrder order = G_DBUS_MESSAGE_BYTE_ORDER_LITTLE_ENDIAN) {
+  const GObjectPtr<GDBusMessage> message(
+      g_dbus_message_new_method_call("com.example.Name", "/a/path", "com.example.I", "Member"));
+  g_dbus_message_set_sender(message.get(), ":1.7");
+  g_dbus_message_set_serial(message.get(), 0x01020304);
+  g_dbus_message_set_byte_order(message.get(), order);
+  if (body) g_dbus_message_set_body(message.get(), body);
+  return test::bytesOf(message);
 }
 
 std::optional<std::size_t> countIn(const std::string& message, std::size_t most = 100) {
@@ -39,7 +31,7 @@ std::optional<std::size_t> countIn(const std::string& message, std::size_t most 
 
 TEST(MessageHeader, GivesLengthSenderAndMemberInBothByteOrders) {
   for (const auto order : {G_DBUS_MESSAGE_BYTE_ORDER_LITTLE_ENDIAN, G_DBUS_MESSAGE_BYTE_ORDER_BIG_ENDIAN}) {
-    const auto bytes = messageOf(g_variant_new("(@as)", list({"one", "two"})), order);
+    const auto bytes = messageOf(g_variant_new("(@as)", textList({"one", "two"})), order);
     const auto length = messageLength(bytes);
     ASSERT_TRUE(length);
     EXPECT_EQ(length->total, bytes.size());
@@ -56,7 +48,7 @@ TEST(MessageHeader, GivesLengthSenderAndMemberInBothByteOrders) {
   }
 }
 
-TEST(MessageHeader, TellsWhetherAnAnswerIsAwaited) {
+TEST(MessageHeader, KnowsWhetherAnAnswerIsAwaited) {
   auto bytes = messageOf(nullptr);
   bytes[2] = 1;
   const auto header = readMessageHeader(bytes);
@@ -64,7 +56,7 @@ TEST(MessageHeader, TellsWhetherAnAnswerIsAwaited) {
   EXPECT_FALSE(header->replyExpected);
 }
 
-TEST(MessageHeader, RefusesWhatIsNoMessage) {
+TEST(MessageHeader, RefusesMalformedMessages) {
   const auto good = messageOf(nullptr);
   EXPECT_FALSE(messageLength(good.substr(0, MESSAGE_START - 1)));
   EXPECT_FALSE(readMessageHeader(good.substr(0, messageLength(good)->header - 1)));
@@ -88,14 +80,14 @@ TEST(MessageHeader, RefusesATextThatHoldsANul) {
   auto member = messageOf(nullptr);
   member[member.find("Member") + 3] = '\0';  // GLib would read "Mem"
   EXPECT_FALSE(readMessageHeader(member));
-  auto listed = messageOf(g_variant_new("(@as)", list({"one", "two"})));
+  auto listed = messageOf(g_variant_new("(@as)", textList({"one", "two"})));
   listed[listed.find("two") + 1] = '\0';
   EXPECT_TRUE(readMessageHeader(listed));
   EXPECT_FALSE(countIn(listed));
 }
 
-TEST(MessageHeader, AnyByteMayBeWrong) {
-  const auto good = messageOf(g_variant_new("(@as)", list({"one", "two", "three"})));
+TEST(MessageHeader, SurvivesAnyWrongByte) {
+  const auto good = messageOf(g_variant_new("(@as)", textList({"one", "two", "three"})));
   for (std::size_t place = 0; place < good.size(); ++place) {
     for (const char value : {'\x00', '\x01', '\x7f', '\x80', '\xff', 's', 'a'}) {
       auto bad = good;
@@ -108,13 +100,13 @@ TEST(MessageHeader, AnyByteMayBeWrong) {
   }
 }
 
-TEST(MessageHeader, CountsListsNoFurtherThanToldAndOnlyThose) {
-  EXPECT_EQ(countIn(messageOf(g_variant_new("(@as)", list({})))), 0u);
-  EXPECT_EQ(countIn(messageOf(g_variant_new("(s@as)", "share:", list({"a", "bcd"})))), 2u);
-  EXPECT_EQ(countIn(messageOf(g_variant_new("(@as)", list(std::vector<std::string>(50, "x")))), 10), 11u);
+TEST(MessageHeader, CountsOnlyListsAndNoFurtherThanTheLimit) {
+  EXPECT_EQ(countIn(messageOf(g_variant_new("(@as)", textList({})))), 0u);
+  EXPECT_EQ(countIn(messageOf(g_variant_new("(s@as)", "share:", textList({"a", "bcd"})))), 2u);
+  EXPECT_EQ(countIn(messageOf(g_variant_new("(@as)", textList(std::vector<std::string>(50, "x")))), 10), 11u);
   EXPECT_EQ(countIn(messageOf(g_variant_new("(s)", "text"))), std::nullopt);
   EXPECT_EQ(countIn(messageOf(nullptr)), std::nullopt);
-  const auto cut = messageOf(g_variant_new("(@as)", list({"one", "two"})));
+  const auto cut = messageOf(g_variant_new("(@as)", textList({"one", "two"})));
   EXPECT_EQ(countIn(cut.substr(0, cut.size() - 2)), std::nullopt);
 }
 

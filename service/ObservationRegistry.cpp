@@ -15,7 +15,7 @@ ObservationRegistry::Begun ObservationRegistry::begin(const std::string& client,
     if (counts_.size() >= maxFolders_) return Begun::tooManyFolders;
     clients = counts_.try_emplace(folder).first;
   }
-  ++clients->second[client];
+  ++clients->second[client].windows;
   ++observations_[client];
   return first ? Begun::byTheFirst : Begun::byAnother;
 }
@@ -28,7 +28,7 @@ ObservationRegistry::Ended ObservationRegistry::end(const std::string& client, c
   if (count == clients->second.end()) return Ended::notObserving;
   const auto observations = observations_.find(client);
   if (--observations->second == 0) observations_.erase(observations);
-  if (--count->second == 0) clients->second.erase(count);
+  if (--count->second.windows == 0) clients->second.erase(count);
   if (!clients->second.empty()) return Ended::stillObserved;
   counts_.erase(clients);
   return Ended::byNobody;
@@ -56,12 +56,42 @@ std::vector<std::string> ObservationRegistry::folders() const {
   return folders;
 }
 
-std::vector<std::string> ObservationRegistry::observers(const std::string& folder) const {
+bool ObservationRegistry::setStream(const std::string& client, const std::string& folder, std::uint64_t stream) {
   const std::lock_guard guard(lock_);
-  std::vector<std::string> clients;
+  auto* found = observation(client, folder);
+  if (found) found->stream = stream;
+  return found;
+}
+
+ObservationRegistry::Stream ObservationRegistry::stream(const std::string& client, const std::string& folder) {
+  const std::lock_guard guard(lock_);
+  const auto* found = observation(client, folder);
+  return found ? found->stream : std::nullopt;
+}
+
+bool ObservationRegistry::endStream(const std::string& client, const std::string& folder, std::uint64_t stream) {
+  const std::lock_guard guard(lock_);
+  auto* found = observation(client, folder);
+  if (!found || found->stream != stream) return false;
+  found->stream.reset();
+  return true;
+}
+
+/// With the lock held; null for none.
+ObservationRegistry::Observation* ObservationRegistry::observation(const std::string& client,
+                                                                   const std::string& folder) {
+  const auto clients = counts_.find(folder);
+  if (clients == counts_.end()) return nullptr;
+  const auto found = clients->second.find(client);
+  return found == clients->second.end() ? nullptr : &found->second;
+}
+
+std::vector<ObservationRegistry::Observer> ObservationRegistry::observers(const std::string& folder) const {
+  const std::lock_guard guard(lock_);
+  std::vector<Observer> observers;
   if (const auto found = counts_.find(folder); found != counts_.end())
-    for (const auto& [client, count] : found->second) clients.push_back(client);
-  return clients;
+    for (const auto& [client, observation] : found->second) observers.push_back({client, observation.stream});
+  return observers;
 }
 
 }  // namespace vornet::service

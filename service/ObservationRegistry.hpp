@@ -1,8 +1,10 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,20 +31,42 @@ class ObservationRegistry {
   /// Counts one less; notObserving, and nothing changed, when `client` does not observe `folder`.
   Ended end(const std::string& client, const std::string& folder);
 
-  /// Forgets `client`; the folders that nobody observes any more.
+  /// Forgets `client`. The folders that nobody observes any more.
   std::vector<std::string> endAll(const std::string& client);
 
   /// The folders that somebody observes.
   std::vector<std::string> folders() const;
 
+  /// What the client calls the stream in which it gets the badges of a folder.
+  using Stream = std::optional<std::uint64_t>;
+
+  /// From now on `client` gets the badges of `folder` in `stream`, until it observes the folder no longer. False, and
+  /// nothing changed, when it does not observe the folder.
+  bool setStream(const std::string& client, const std::string& folder, std::uint64_t stream);
+  Stream stream(const std::string& client, const std::string& folder);
+
+  /// Ends the stream with this number. False, and nothing changed, when another has taken its place.
+  bool endStream(const std::string& client, const std::string& folder, std::uint64_t stream);
+
+  struct Observer {
+    std::string client;
+    Stream stream;
+  };
   /// The clients that observe `folder`.
-  std::vector<std::string> observers(const std::string& folder) const;
+  std::vector<Observer> observers(const std::string& folder) const;
 
  private:
+  struct Observation {
+    unsigned windows = 0;
+    Stream stream;
+  };
+
+  Observation* observation(const std::string& client, const std::string& folder);
+
   const std::size_t maxFolders_;
   mutable std::mutex lock_;
-  std::map<std::string, std::map<std::string, unsigned>> counts_;  // folder -> client -> windows
-  std::map<std::string, std::size_t> observations_;                // client -> its windows on all folders
+  std::map<std::string, std::map<std::string, Observation>> counts_;  // folder -> client
+  std::map<std::string, std::size_t> observations_;                   // client -> its windows on all folders
 };
 
 }  // namespace vornet::service

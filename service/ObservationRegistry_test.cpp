@@ -13,7 +13,13 @@ using testing::UnorderedElementsAre;
 using Begun = ObservationRegistry::Begun;
 using Ended = ObservationRegistry::Ended;
 
-TEST(ObservationRegistry, OnlyTheFirstObserverOfAFolderIsTheFirst) {
+std::vector<std::string> observers(const ObservationRegistry& registry, const std::string& folder) {
+  std::vector<std::string> clients;
+  for (const auto& observer : registry.observers(folder)) clients.push_back(observer.client);
+  return clients;
+}
+
+TEST(ObservationRegistry, OnlyTheFirstObservationOfAFolderCountsAsTheFirst) {
   ObservationRegistry registry(50);
   EXPECT_EQ(registry.begin(":1.1", "/a"), Begun::byTheFirst);
   EXPECT_EQ(registry.begin(":1.1", "/a"), Begun::byAnother);
@@ -28,11 +34,11 @@ TEST(ObservationRegistry, AFolderIsObservedUntilEachBeginningHasItsEnd) {
   registry.begin(":1.1", "/a");
   registry.begin(":1.2", "/a");
   EXPECT_EQ(registry.end(":1.1", "/a"), Ended::stillObserved);
-  EXPECT_THAT(registry.observers("/a"), UnorderedElementsAre(":1.1", ":1.2"));
+  EXPECT_THAT(observers(registry, "/a"), UnorderedElementsAre(":1.1", ":1.2"));
   EXPECT_EQ(registry.end(":1.1", "/a"), Ended::stillObserved);
-  EXPECT_THAT(registry.observers("/a"), ElementsAre(":1.2"));
+  EXPECT_THAT(observers(registry, "/a"), ElementsAre(":1.2"));
   EXPECT_EQ(registry.end(":1.2", "/a"), Ended::byNobody);
-  EXPECT_THAT(registry.observers("/a"), IsEmpty());
+  EXPECT_THAT(observers(registry, "/a"), IsEmpty());
   EXPECT_EQ(registry.begin(":1.1", "/a"), Begun::byTheFirst) << "it can be observed again";
 }
 
@@ -46,13 +52,13 @@ TEST(ObservationRegistry, EndingWhatWasNotBegunChangesNothing) {
   EXPECT_EQ(registry.end(":1.1", "/a"), Ended::notObserving);
 }
 
-TEST(ObservationRegistry, AClientThatLeavesGivesBackTheFoldersThatOnlyItObserved) {
+TEST(ObservationRegistry, AClientThatLeavesReleasesTheFoldersThatOnlyItObserved) {
   ObservationRegistry registry(50);
   for (const char* folder : {"/a", "/a", "/b", "/shared"}) registry.begin(":1.1", folder);
   registry.begin(":1.2", "/shared");
   EXPECT_THAT(registry.endAll(":1.1"), UnorderedElementsAre("/a", "/b"));
   EXPECT_THAT(registry.endAll(":1.1"), IsEmpty());
-  EXPECT_THAT(registry.observers("/shared"), ElementsAre(":1.2"));
+  EXPECT_THAT(observers(registry, "/shared"), ElementsAre(":1.2"));
 }
 
 TEST(ObservationRegistry, OneFolderTooManyIsNotObservedByAnybody) {
@@ -60,7 +66,7 @@ TEST(ObservationRegistry, OneFolderTooManyIsNotObservedByAnybody) {
   registry.begin(":1.1", "/a");
   registry.begin(":1.2", "/b");
   EXPECT_EQ(registry.begin(":1.1", "/c"), Begun::tooManyFolders);
-  EXPECT_THAT(registry.observers("/c"), IsEmpty());
+  EXPECT_THAT(observers(registry, "/c"), IsEmpty());
   EXPECT_EQ(registry.begin(":1.1", "/b"), Begun::byAnother) << "it is no further folder";
   EXPECT_EQ(registry.end(":1.1", "/a"), Ended::byNobody);
   EXPECT_EQ(registry.begin(":1.3", "/c"), Begun::byTheFirst);
@@ -77,6 +83,36 @@ TEST(ObservationRegistry, AClientsObservationsAreBounded) {
   EXPECT_EQ(registry.begin(":1.1", "/a"), Begun::tooManyObservations);
   registry.endAll(":1.1");
   EXPECT_EQ(registry.begin(":1.1", "/a"), Begun::byAnother);
+}
+
+TEST(ObservationRegistry, TheEndOfAStreamLeavesTheOneThatTookItsPlace) {
+  ObservationRegistry registry(1);
+  registry.begin(":1.1", "/a");
+  registry.setStream(":1.1", "/a", 1);
+  registry.setStream(":1.1", "/a", 2);
+  EXPECT_FALSE(registry.endStream(":1.1", "/a", 1));
+  EXPECT_EQ(registry.stream(":1.1", "/a"), 2u);
+  EXPECT_TRUE(registry.endStream(":1.1", "/a", 2));
+  EXPECT_EQ(registry.stream(":1.1", "/a"), std::nullopt);
+  EXPECT_FALSE(registry.endStream(":1.1", "/b", 2));
+}
+
+TEST(ObservationRegistry, AStreamLastsAsLongAsItsClientObservesTheFolder) {
+  ObservationRegistry registry(50);
+  EXPECT_FALSE(registry.setStream(":1.1", "/a", 7)) << "it does not observe it";
+  registry.begin(":1.1", "/a");
+  registry.begin(":1.1", "/a");
+  registry.begin(":1.2", "/a");
+  EXPECT_EQ(registry.stream(":1.1", "/a"), std::nullopt);
+  EXPECT_TRUE(registry.setStream(":1.1", "/a", 7));
+  EXPECT_EQ(registry.stream(":1.1", "/a"), 7u);
+  EXPECT_EQ(registry.stream(":1.2", "/a"), std::nullopt);
+  registry.end(":1.1", "/a");
+  EXPECT_EQ(registry.observers("/a").front().stream, 7u) << "another window shows it";
+  registry.end(":1.1", "/a");
+  EXPECT_EQ(registry.stream(":1.1", "/a"), std::nullopt);
+  registry.begin(":1.1", "/a");
+  EXPECT_EQ(registry.stream(":1.1", "/a"), std::nullopt);
 }
 
 }  // namespace

@@ -18,7 +18,7 @@ namespace {
 
 constexpr std::chrono::seconds BETWEEN_LOOKS{3};
 
-/// What tells one state of the file at `path` from another; empty when there is none.
+/// A stamp that differs between states of the file at `path`; empty when there is none.
 std::string stampOf(const std::string& path) {
   struct stat file;
   if (::stat(path.c_str(), &file) != 0) return {};
@@ -31,7 +31,7 @@ std::string stampOf(const std::string& path) {
 
 PreferencesWatch::PreferencesWatch() {
   const auto container = platform::containerURLForGroup(App().APP_GROUP);
-  if (!container) return;  // the extension stops for want of it
+  if (!container) return;  // without it the extension stops
   container_ = *container->path();
   preferences_ = *container->appendingPathComponent(App().KELVANE_PLIST).path();
   folder_ = ::open(container_.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC);
@@ -51,8 +51,8 @@ void PreferencesWatch::start(std::function<void()> outdated) {
 
 void PreferencesWatch::stop() {
   if (monitor_) {
-    g_file_monitor_cancel(monitor_);
-    g_object_unref(std::exchange(monitor_, nullptr));
+    g_file_monitor_cancel(monitor_.get());
+    monitor_.reset();
   }
   {
     const std::lock_guard guard(lock_);
@@ -64,16 +64,16 @@ void PreferencesWatch::stop() {
 }
 
 void PreferencesWatch::monitor() {
-  GFile* file = g_file_new_for_path(preferences_.c_str());
-  monitor_ = g_file_monitor_file(file, G_FILE_MONITOR_WATCH_MOVES, nullptr, nullptr);
-  g_object_unref(file);
+  // The default of GIO may be GVfs, which has threads and leaks: it would be loaded, and with GIO_USE_VFS, too.
+  const GObjectPtr<GFile> file(g_vfs_get_file_for_path(g_vfs_get_local(), preferences_.c_str()));
+  monitor_.reset(g_file_monitor_file(file.get(), G_FILE_MONITOR_WATCH_MOVES, nullptr, nullptr));
   if (!monitor_) return;  // the looks every few seconds remain
   const auto changed = +[](GFileMonitor*, GFile*, GFile*, GFileMonitorEvent event, gpointer self) {
     const bool complete = event == G_FILE_MONITOR_EVENT_CHANGES_DONE_HINT || event == G_FILE_MONITOR_EVENT_MOVED_IN ||
                           event == G_FILE_MONITOR_EVENT_RENAMED;
     if (complete) static_cast<PreferencesWatch*>(self)->lookSoon();
   };
-  g_signal_connect(monitor_, "changed", G_CALLBACK(changed), this);
+  g_signal_connect(monitor_.get(), "changed", G_CALLBACK(changed), this);
 }
 
 void PreferencesWatch::lookSoon() {
@@ -85,7 +85,7 @@ void PreferencesWatch::lookSoon() {
 }
 
 void PreferencesWatch::run() {
-  // The first look repeats the extension's own: what changed between that one and the monitor would never be told of.
+  // The first look repeats the extension's: nobody would report a change between that one and the monitor.
   bool changed = true;
   std::unique_lock guard(lock_);
   while (!stopping_) {
@@ -121,7 +121,7 @@ bool PreferencesWatch::look(bool changed) {
 bool PreferencesWatch::containerWasReplaced() const {
   struct stat now;
   struct stat then;
-  // While nothing stands there, the sync application may be about to make it.
+  // While there is nothing, the sync application may be about to make it.
   if (::stat(container_.c_str(), &now) != 0 || !S_ISDIR(now.st_mode)) return false;
   if (folder_ < 0 || ::fstat(folder_, &then) != 0) return false;
   return now.st_dev != then.st_dev || now.st_ino != then.st_ino;

@@ -28,6 +28,7 @@ std::optional<platform::FileURL> readURL(const std::string& text) {
 }
 
 bool isBelow(const std::set<platform::FileURL>& roots, const std::string& path) {
+  if (path.ends_with("/.") || path.ends_with("/..")) return false;
   return std::any_of(roots.begin(), roots.end(), [&](const platform::FileURL& root) {
     if (!root.path() || !path.starts_with(*root.path())) return false;
     const std::size_t size = root.path()->size();

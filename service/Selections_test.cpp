@@ -63,10 +63,17 @@ TEST(Within, ARootIsNotBelowItself) {
   EXPECT_TRUE(isBelow(roots, "/R/a"));
 }
 
-TEST(Within, TheRootOfTheFileSystemHoldsEverything) {
+TEST(Within, APathWhoseURLIsRefusedIsBelowNoRoot) {
+  const std::set<FileURL> roots = {FileURL::fileURLWithPath("/R")};
+  for (const char* path : {"/R/.", "/R/..", "/R/a/.."}) EXPECT_FALSE(isBelow(roots, path)) << path;
+  for (const char* path : {"/R/a.", "/R/..a", "/R/...", "/R/.a"}) EXPECT_TRUE(isBelow(roots, path)) << path;
+}
+
+TEST(Within, TheRootOfTheFileSystemHoldsOnlyItsOwnItems) {
   const std::set<FileURL> roots = {FileURL::fileURLWithPath("/")};
   EXPECT_TRUE(isWithin(roots, "/"));
   EXPECT_TRUE(isBelow(roots, "/a"));
+  EXPECT_FALSE(isBelow(roots, "/a/b")) << "which holds the root's text, a slash, twice";
   EXPECT_FALSE(isBelow(roots, "/"));
 }
 

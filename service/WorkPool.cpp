@@ -1,45 +1,51 @@
 #include "WorkPool.hpp"
 
 #include <algorithm>
-#include <boost/asio/post.hpp>
+#include <utility>
 
 namespace vornet::service {
 namespace {
 
-// Whether this thread runs long work, and no other within it.
+// True while this thread runs long work, and no other within it.
 thread_local bool mayGiveWay = false;
 
 }  // namespace
 
-WorkPool::WorkPool(std::size_t threads) : maxLong_(std::max<std::size_t>(1, threads - 1)), threads_(threads) {}
+WorkPool::WorkPool(SharedThreads& threads, std::size_t most)
+    : threads_(threads), most_(most), maxLong_(std::max<std::size_t>(1, most - 1)) {}
 
 void WorkPool::post(const std::string& client, std::size_t cost, std::function<void()> work) {
   {
     const std::lock_guard guard(lock_);
+    if (stopped_) return;
     waiting_.add(client, cost, {std::move(work), cost > LARGEST_SHORT_COST});
+    if (running_ == most_) return;
+    ++running_;
   }
-  boost::asio::post(threads_, [this] { runNext(); });
+  threads_.run([this] { runAll(); });
 }
 
-/// Runs what has its turn. Long work that finds no thread waits for the end of other long work, which runs the next.
-void WorkPool::runNext() {
-  std::optional<Work> work;
-  {
-    const std::lock_guard guard(lock_);
-    work =
-        waiting_.take([this](const std::string&, const Work& next) { return !next.isLong || longRunning_ < maxLong_; });
-    if (!work) return;
+/// Runs work as long as there is some that this thread may take.
+void WorkPool::runAll() {
+  std::unique_lock guard(lock_);
+  while (auto work = next()) {
     if (work->isLong) ++longRunning_;
+    guard.unlock();
+    mayGiveWay = work->isLong;
+    work->run();
+    mayGiveWay = false;
+    work->run = nullptr;  // without the lock: what it holds goes with it
+    guard.lock();
+    if (work->isLong) --longRunning_;
   }
-  mayGiveWay = work->isLong;
-  work->run();
-  mayGiveWay = false;
-  if (!work->isLong) return;
-  {
-    const std::lock_guard guard(lock_);
-    --longRunning_;
-  }
-  boost::asio::post(threads_, [this] { runNext(); });
+  if (--running_ == 0) idle_.notify_all();
+}
+
+/// The work whose turn it is. Long work that finds no thread waits for the end of other long work. With the lock held.
+std::optional<WorkPool::Work> WorkPool::next() {
+  if (stopped_) return std::nullopt;
+  return waiting_.take(
+      [this](const std::string&, const Work& work) { return !work.isLong || longRunning_ < maxLong_; });
 }
 
 void WorkPool::giveWay() {
@@ -47,6 +53,7 @@ void WorkPool::giveWay() {
   std::optional<Work> work;
   {
     const std::lock_guard guard(lock_);
+    if (stopped_) return;
     // Not the service's own work, which may rely on being the only one on its thread.
     work = waiting_.take([](const std::string& client, const Work& next) { return !client.empty() && !next.isLong; });
   }
@@ -57,16 +64,18 @@ void WorkPool::giveWay() {
 }
 
 void WorkPool::join() {
-  threads_.join();
+  std::unique_lock guard(lock_);
+  idle_.wait(guard, [this] { return running_ == 0; });
 }
 
 void WorkPool::requestStop() {
-  threads_.stop();
+  const std::lock_guard guard(lock_);
+  stopped_ = true;
 }
 
 void WorkPool::stop() {
   requestStop();
-  threads_.join();
+  join();
 }
 
 }  // namespace vornet::service

@@ -1,25 +1,29 @@
 #pragma once
 
-#include <boost/asio/thread_pool.hpp>
+#include <condition_variable>
 #include <cstddef>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "FairQueue.hpp"
+#include "SharedThreads.hpp"
 #include "dbus/Interface.hpp"
 
 namespace vornet::service {
 
-/// A few threads for work that may block. Clients take turns by what their work costs, and long work never takes the
-/// last thread. Nothing is refused: CallGate bounds what clients give. Any thread may give work.
+/// Work of one kind, which may block: never more at once than a bound, and never waiting for work of another pool.
+/// Clients take turns by what their work costs, and long work never takes the last thread. Nothing is refused: CallGate
+/// bounds what clients give. Any thread may give work.
 class WorkPool {
  public:
   /// Work that costs more is long.
   static constexpr std::size_t LARGEST_SHORT_COST = dbus::BATCH;
 
-  /// `threads`: how many; one runs the work of each client in the order given.
-  explicit WorkPool(std::size_t threads);
+  /// `most`: how many threads may run its work; one runs the work of each client in the order given. `threads` outlives
+  /// this object, and is stopped after it.
+  WorkPool(SharedThreads& threads, std::size_t most);
 
   /// Gives `client`'s work, which costs as much as so many items, to the threads. `work` must not throw.
   void post(const std::string& client, std::size_t cost, std::function<void()> work);
@@ -27,20 +31,21 @@ class WorkPool {
   /// Gives the service's own work to the threads. It takes turns with the clients'. `work` must not throw.
   void postOwn(std::function<void()> work) { post({}, 1, std::move(work)); }
 
-  /// To be called by work now and then, as often as it deals with some dozens of items: when it is long, runs the short
-  /// work of a client whose turn it is on this thread. No lock may be held that other work takes.
+  /// To be called by work after every few dozen items: if it is long, runs the short work of a client whose turn it is
+  /// on this thread. The caller must not hold a lock that other work takes.
   void giveWay();
 
-  /// Runs what was given, then ends the threads. Once, at the end.
+  /// Waits until all that was given has run.
   void join();
 
-  /// Begins no more work: what is running finishes, what is waiting is dropped. Does not wait.
+  /// Begins no more work: what is running finishes, what is waiting or given later is dropped. Does not wait.
   void requestStop();
 
-  /// The same, then ends the threads. Once, instead of join().
+  /// The same, and waits for what is running.
   void stop();
 
-  boost::asio::thread_pool& threads() { return threads_; }
+  /// For timers, whose handlers should give their work to this pool.
+  boost::asio::io_context& threads() { return threads_.timers(); }
 
  private:
   struct Work {
@@ -48,13 +53,18 @@ class WorkPool {
     bool isLong = false;
   };
 
-  void runNext();
+  void runAll();
+  std::optional<Work> next();
 
-  const std::size_t maxLong_;  // at once
-  std::mutex lock_;            // guards what follows
+  SharedThreads& threads_;
+  const std::size_t most_;
+  const std::size_t maxLong_;     // at once
+  std::mutex lock_;               // guards what follows
+  std::condition_variable idle_;  // no thread runs its work
   FairQueue<Work> waiting_;
+  std::size_t running_ = 0;  // threads
   std::size_t longRunning_ = 0;
-  boost::asio::thread_pool threads_;  // last: ends before what its threads use
+  bool stopped_ = false;
 };
 
 }  // namespace vornet::service

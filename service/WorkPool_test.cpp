@@ -18,8 +18,13 @@ using testing::ElementsAre;
 
 constexpr std::size_t LONG = WorkPool::LARGEST_SHORT_COST + 1;
 
-TEST(WorkPool, OneThreadKeepsTheOrderOfAClient) {
-  WorkPool pool(1);
+class WorkPoolTest : public testing::Test {
+ protected:
+  SharedThreads threads;
+};
+
+TEST_F(WorkPoolTest, OneThreadKeepsTheOrderOfAClient) {
+  WorkPool pool(threads, 1);
   std::vector<int> order;
   for (int i = 0; i < 500; ++i) pool.post("client", 1, [&order, i] { order.push_back(i); });
   pool.join();
@@ -27,8 +32,8 @@ TEST(WorkPool, OneThreadKeepsTheOrderOfAClient) {
   EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
 }
 
-TEST(WorkPool, ClientsTakeTurns) {
-  WorkPool pool(1);
+TEST_F(WorkPoolTest, ClientsTakeTurns) {
+  WorkPool pool(threads, 1);
   Gate gate;
   std::vector<std::string> order;
   pool.postOwn([&gate] { gate.pass(); });
@@ -39,8 +44,8 @@ TEST(WorkPool, ClientsTakeTurns) {
   EXPECT_THAT(order, ElementsAre("a", "b", "a", "b", "a"));
 }
 
-TEST(WorkPool, ItsOwnersWorkIsTakenHoweverMuchWaitsAndRunsSoon) {
-  WorkPool pool(1);
+TEST_F(WorkPoolTest, ItsOwnersWorkRunsSoonHoweverMuchWaits) {
+  WorkPool pool(threads, 1);
   Gate gate;
   std::atomic<int> ran{0};
   int before = -1;
@@ -54,8 +59,8 @@ TEST(WorkPool, ItsOwnersWorkIsTakenHoweverMuchWaitsAndRunsSoon) {
   EXPECT_LT(before, 10);
 }
 
-TEST(WorkPool, LongWorkLeavesAThreadForShortWork) {
-  WorkPool pool(3);
+TEST_F(WorkPoolTest, LongWorkLeavesAThreadForShortWork) {
+  WorkPool pool(threads, 3);
   Gate gate;
   std::atomic<int> longRan{0};
   // The other client has had more than its share, so it comes after whatever long work may run.
@@ -77,8 +82,8 @@ TEST(WorkPool, LongWorkLeavesAThreadForShortWork) {
   EXPECT_EQ(longRan, 10) << "what had to wait for a thread is run later";
 }
 
-TEST(WorkPool, LongWorkGivesWayToShortWorkOfWhoeverHasTheTurn) {
-  WorkPool pool(1);
+TEST_F(WorkPoolTest, LongWorkGivesWayToShortWorkOfWhoeverHasTheTurn) {
+  WorkPool pool(threads, 1);
   Gate gate;
   std::vector<std::string> order;
   const auto note = [&order](const char* what) { return [&order, what] { order.emplace_back(what); }; };
@@ -103,8 +108,61 @@ TEST(WorkPool, LongWorkGivesWayToShortWorkOfWhoeverHasTheTurn) {
   EXPECT_THAT(order, ElementsAre("a", "c", "a", "d", "a", "long b"));
 }
 
-TEST(WorkPool, OneThreadRunsLongWorkToo) {
-  WorkPool pool(1);
+TEST_F(WorkPoolTest, RunsAsMuchAtOnceAsItsBoundAndNoMore) {
+  WorkPool pool(threads, 3);
+  Gate gate;
+  std::atomic<int> running{0};
+  std::atomic<int> most{0};
+  for (int i = 0; i < 30; ++i) {
+    pool.post("client", 1, [&] {
+      const int now = ++running;
+      for (int seen = most; seen < now && !most.compare_exchange_weak(seen, now);) continue;
+      gate.pass();
+      --running;
+    });
+  }
+  EXPECT_TRUE(test::becomesTrue([&] { return running == 3; }));
+  gate.open();
+  pool.join();
+  EXPECT_EQ(most, 3);
+}
+
+TEST_F(WorkPoolTest, DoesNotWaitForAnotherPool) {
+  WorkPool blocked(threads, 2);
+  WorkPool pool(threads, 1);
+  Gate gate;
+  for (int i = 0; i < 10; ++i) blocked.post("client", 1, [&gate] { gate.pass(); });
+  for (int i = 0; i < 10; ++i) {
+    std::promise<void> ran;
+    pool.post("client", 1, [&ran] { ran.set_value(); });
+    EXPECT_TRUE(test::isDoneInTime(ran.get_future()));
+  }
+  gate.open();
+  blocked.join();
+  pool.join();
+}
+
+TEST_F(WorkPoolTest, StoppedItFinishesWhatRunsAndDropsTheRest) {
+  WorkPool pool(threads, 1);
+  Gate running;
+  Gate gate;
+  std::atomic<int> ran{0};
+  pool.post("client", 1, [&] {
+    running.open();
+    gate.pass();
+    ++ran;
+  });
+  for (int i = 0; i < 10; ++i) pool.post("client", 1, [&ran] { ++ran; });
+  running.pass();
+  pool.requestStop();
+  pool.post("client", 1, [&ran] { ++ran; });
+  gate.open();
+  pool.stop();
+  EXPECT_EQ(ran, 1);
+}
+
+TEST_F(WorkPoolTest, OneThreadRunsLongWorkToo) {
+  WorkPool pool(threads, 1);
   int ran = 0;
   for (int i = 0; i < 3; ++i) pool.post("client", LONG, [&ran] { ++ran; });
   pool.join();

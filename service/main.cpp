@@ -1,22 +1,25 @@
 // The extension process: makes the principal class and serves its callbacks on the session bus.
 #include <fcntl.h>
 #include <gio/gio.h>
+#include <glib-unix.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <mutex>
+#include <ctime>
 #include <string>
 #include <string_view>
 #include <thread>
 
 #include "BusConnection.hpp"
-#include "BusName.hpp"
 #include "FinderSyncService.hpp"
 #include "PreferencesWatch.hpp"
+#include "SelfCheck.hpp"
 #include "base/AppConst.hpp"
+#include "dbus/GLibPtr.hpp"
 #include "extension/FinderSync.hpp"
 #include "extension/SharedObjects.hpp"
 #include "logging/Logging.hpp"
@@ -28,23 +31,24 @@ namespace {
 
 using vornet::platform::systemLog;
 
-// Longer than answering and the last lines of the console take, shorter than anybody waits.
+// Longer than answering and the last console lines take, shorter than anybody waits.
 constexpr std::chrono::milliseconds LONGEST_END{3400};
 constexpr std::chrono::milliseconds LONGEST_ANSWERING{2000};
 
-/// Ends the process with status 1 should it not have ended by itself in time: what is being carried out may hang in a
-/// file system, or writing to standard error.
+timer_t lastResort{};
+
+/// Ends the process with status 1 if it has not ended in time: some work may hang in a file system, or in writing to
+/// standard error. Signal handlers may call it.
 void endInAnyCase() {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    std::thread([] {
-      std::this_thread::sleep_for(LONGEST_END);
-      ::_exit(1);
-    }).detach();
-  });
+  static std::atomic_flag begun;
+  if (begun.test_and_set()) return;
+  constexpr auto whole = std::chrono::floor<std::chrono::seconds>(LONGEST_END);
+  constexpr std::chrono::nanoseconds rest = LONGEST_END - whole;
+  const itimerspec until{{}, {whole.count(), rest.count()}};
+  ::timer_settime(lastResort, 0, &until, nullptr);
 }
 
-/// Opens what is closed of the standard descriptors, so that no file takes its place.
+/// Opens the standard descriptors that are closed, so that no file takes their place.
 void openStandardDescriptors() {
   int descriptor = 0;
   while (descriptor >= 0 && descriptor <= STDERR_FILENO) descriptor = ::open("/dev/null", O_RDWR);
@@ -58,58 +62,55 @@ class Run {
     const auto closed = +[](GDBusConnection*, gboolean, GError*, gpointer run) { static_cast<Run*>(run)->end(); };
     g_signal_connect(connection_, "closed", G_CALLBACK(closed), this);
   }
-  ~Run() {
-    g_signal_handlers_disconnect_by_data(connection_, this);
-    g_main_loop_unref(loop_);
-  }
+  ~Run() { g_signal_handlers_disconnect_by_data(connection_, this); }
   Run(const Run&) = delete;
   Run& operator=(const Run&) = delete;
 
-  void untilAskedToEnd() { g_main_loop_run(loop_); }
+  void untilAskedToEnd() { g_main_loop_run(loop_.get()); }
 
   /// On the thread of the main context, while it runs.
   void end() {
     endInAnyCase();
     vornet::statusManager()->request_stop();
     vornet::RESTClient::hurry();
-    g_main_loop_quit(loop_);
+    g_main_loop_quit(loop_.get());
   }
 
  private:
   GDBusConnection* const connection_;
-  GMainLoop* const loop_ = g_main_loop_new(nullptr, FALSE);
+  const vornet::GMainLoopPtr loop_{g_main_loop_new(nullptr, FALSE)};
 };
-
-gboolean asked(gpointer run) {
-  static_cast<Run*>(run)->end();
-  return G_SOURCE_REMOVE;
-}
 
 int signalPipe[2] = {-1, -1};
 
 void noteSignal(int) {
   const int error = errno;
+  endInAnyCase();  // even while the main context hangs in a call to the bus
   [[maybe_unused]] const auto written = ::write(signalPipe[1], "", 1);
   errno = error;
 }
 
-/// Ends `run` on SIGTERM and SIGINT. A thread waits for them, so that the process ends in time even while the main
-/// context hangs in a call to the bus.
-void endOnSignals(Run& run) {
-  if (::pipe2(signalPipe, O_CLOEXEC) != 0) return;  // the signals end the process as they do by default
-  std::thread([&run] {
-    char byte = 0;
-    while (::read(signalPipe[0], &byte, 1) < 0 && errno == EINTR) continue;
-    g_idle_add_full(G_PRIORITY_DEFAULT, &asked, &run, nullptr);
-    endInAnyCase();
-  }).detach();
+void handle(int signal, void (*handler)(int)) {
   struct sigaction action{};
-  action.sa_handler = &noteSignal;
+  action.sa_handler = handler;
   action.sa_flags = SA_RESTART;
-  for (const int number : {SIGTERM, SIGINT}) ::sigaction(number, &action, nullptr);
+  ::sigaction(signal, &action, nullptr);
 }
 
-/// Has the calls that have come answered, as far as that does not take long.
+/// Ends `run` on SIGTERM and SIGINT.
+void endOnSignals(Run& run) {
+  handle(SIGALRM, [](int) { ::_exit(1); });
+  // Without these the signals end the process as they do by default.
+  if (::timer_create(CLOCK_MONOTONIC, nullptr, &lastResort) != 0 || ::pipe2(signalPipe, O_CLOEXEC) != 0) return;
+  const auto asked = +[](int, GIOCondition, gpointer data) -> gboolean {
+    static_cast<Run*>(data)->end();
+    return G_SOURCE_REMOVE;
+  };
+  g_unix_fd_add(signalPipe[0], G_IO_IN, asked, &run);
+  for (const int signal : {SIGTERM, SIGINT}) handle(signal, &noteSignal);
+}
+
+/// Waits until the calls that have come are answered, within a limit.
 void answerWhatHasCome(GDBusConnection* connection) {
   using Clock = std::chrono::steady_clock;
   const auto until = Clock::now() + LONGEST_ANSWERING;
@@ -160,8 +161,8 @@ int serve(GDBusConnection* connection) {
   return 0;
 }
 
-/// Without a bus there is nobody to serve. The extension begins all the same: what is wrong with the preferences stops
-/// the process with its reason, as it does with a bus.
+/// Without a bus there is nobody to serve. The extension begins all the same: a fault of the preferences stops the
+/// process with its reason, as it does with a bus.
 int beginWithoutBus(const std::string& reason) {
   vornet::FinderSync extension;
   if (!extension.init()) return 1;
@@ -174,27 +175,26 @@ int beginWithoutBus(const std::string& reason) {
 
 int main(int argc, char** argv) {
   openStandardDescriptors();
-  if (argc > 1) {
-    const bool version = std::string_view(argv[1]) == "--version";
+  const std::string_view option = argc > 1 ? argv[1] : "";
+  if (argc > 1 && option != "--check") {
+    const bool version = option == "--version";
     std::fprintf(version ? stdout : stderr,
-                 version ? "VornetVIExt " VORNET_VERSION "\n" : "usage: VornetVIExt [--version]\n");
+                 version ? "VornetVIExt " VORNET_VERSION "\n" : "usage: VornetVIExt [--version | --check]\n");
     return version ? 0 : 2;
   }
-  std::signal(SIGPIPE, SIG_IGN);  // whoever reads standard output may go away
+  std::signal(SIGPIPE, SIG_IGN);  // the reader of standard output may go away
   std::signal(SIGXFSZ, SIG_IGN);  // a log that may not grow is no reason to end
   vornet::platform::host::keepLittleFreeMemory();
+  vornet::platform::host::declineTLS();
   vornet::platform::host::setMainBundle({.identifier = vornet::App().APP_CODENAME,
                                          .version = VORNET_VERSION,
                                          .build = VORNET_BUILD_NUMBER,
                                          .imageFolders = vornet::platform::host::imageFoldersOfProgram()});
-  GError* error = nullptr;
-  GDBusConnection* connection = vornet::service::connectToSessionBus(&error);
-  if (!connection) {
-    const std::string reason = error->message;
-    g_error_free(error);
-    return beginWithoutBus(reason);
+  if (argc > 1) {
+    std::puts(vornet::service::selfCheck().c_str());
+    return 0;
   }
-  const int status = serve(connection);
-  g_object_unref(connection);
-  return status;
+  vornet::GErrorPtr error;
+  const auto connection = vornet::service::connectToSessionBus(vornet::ErrorTo(error));
+  return connection ? serve(connection.get()) : beginWithoutBus(error->message);
 }

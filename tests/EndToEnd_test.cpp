@@ -3,85 +3,44 @@
 #include <gmock/gmock.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
-#include <optional>
-#include <thread>
+#include <memory>
 
 #include "kelvane-sim/KelvaneSim.hpp"
-#include "support/BusClient.hpp"
-#include "support/Environment.hpp"
-#include "support/PrivateBus.hpp"
-#include "support/StartedProgram.hpp"
+#include "support/ExtensionTest.hpp"
+#include "support/Threads.hpp"
 
+namespace vornet::test {
 namespace {
 
+namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using sim::Fault;
+using sim::KelvaneSim;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Not;
-using vornet::sim::Fault;
-using vornet::sim::KelvaneSim;
-using vornet::test::BusClient;
-using vornet::test::Environment;
-using vornet::test::MenuEntry;
-using vornet::test::PrivateBus;
-using vornet::test::readFile;
-using vornet::test::StartedProgram;
-using vornet::test::writeFile;
+using testing::SizeIs;
 
-namespace fs = std::filesystem;
-
-constexpr auto PATIENCE = 30s;
-
-class EndToEnd : public testing::Test {
+class EndToEnd : public ExtensionTest {
  protected:
-  EndToEnd() {
-    fs::create_directories(root + "/folder");
-    writeFile(root + "/file", "content");
-    writeFile(root + "/other", "content");
-    writeFile(root + "/folder/inside", "content");
-  }
-  ~EndToEnd() override {
-    int process = 0;
-    if (bus) {
-      process = BusClient(bus->address()).extensionProcess();
-      bus->stop();
-    }
-    vornet::test::waitForEnd(process);
-    if (bus) EXPECT_THAT(readFile(bus->output()), Not(HasSubstr("Sanitizer"))) << "in the extension's process";
-    if (HasFailure() && bus) std::fputs(readFile(bus->output()).c_str(), stderr);
-  }
+  EndToEnd() : ExtensionTest({"file", "other", "folder/", "folder/inside"}) {}
 
   KelvaneSim& makeApplication(std::chrono::milliseconds transferTime = 0ms) {
-    application = std::make_unique<KelvaneSim>(KelvaneSim::Options{.root = root,
-                                                                   .container = environment.container().string(),
-                                                                   .state = environment.folder() / "state",
-                                                                   .transferTime = transferTime});
+    application = std::make_unique<KelvaneSim>(
+        KelvaneSim::Options{.root = root, .container = environment.container().string(), .transferTime = transferTime});
     return *application;
   }
   /// Starts the application, with everything synced when this returns.
-  void startSynced() {
+  void startApplication() {
     makeApplication().start();
     ASSERT_TRUE(application->waitUntilIdle(PATIENCE));
   }
-  void startBus() {
-    bus.emplace(environment.folder().path() / "bus");
-    client.emplace(bus->address());
-  }
-
-  std::string url(const std::string& name) const { return "file://" + root + (name.empty() ? "" : "/" + name); }
-  std::string logText() const { return readFile(environment.logFile()); }
-  bool waitForLog(const std::string& text) {
-    return client->waitUntil([&] { return logText().find(text) != std::string::npos; });
-  }
-  std::string badge(const std::string& name) {
-    const auto badges = client->requestBadges({url(name)}).texts();
-    return badges.empty() ? "no answer" : badges[0];
-  }
-  bool waitForBadge(const std::string& name, const std::string& identifier) {
-    return client->waitUntil([&] { return badge(name) == identifier; });
+  void startSynced() {
+    startApplication();
+    start();
   }
 
   /// Puts a folder on screen, asks for the badge of one of its items, and waits until its statuses have been fetched.
@@ -94,7 +53,7 @@ class EndToEnd : public testing::Test {
       return std::count_if(requests.begin(), requests.end(), [&](const auto& made) { return made.body == body; });
     };
     ASSERT_TRUE(client->waitUntil([&] { return polled() >= 1; }));
-    pollNow();  // a second request for the folder shows that the answer to the first has been dealt with
+    pollNow();  // a second request for the folder shows that the answer to the first has been processed
     ASSERT_TRUE(client->waitUntil([&] { return polled() >= 2; }));
   }
 
@@ -105,22 +64,8 @@ class EndToEnd : public testing::Test {
     ASSERT_TRUE(client->beginObserving(url(name)));
   }
 
-  /// Runs a program of the build tree to its end. What it printed; `status` is its exit status.
-  std::string run(const std::vector<std::string>& arguments) {
-    const auto output = environment.folder() / ("output" + std::to_string(++runs));
-    StartedProgram program(arguments, {"DBUS_SESSION_BUS_ADDRESS=" + bus->address()}, output);
-    status = program.wait();
-    return readFile(output);
-  }
-
-  Environment environment;
-  const std::string root = environment.folder() / "root";
   std::unique_ptr<KelvaneSim> application;
-  std::optional<PrivateBus> bus;
-  std::optional<BusClient> client;
   int newFolders = 0;
-  int runs = 0;
-  int status = -1;
 };
 
 // --- In the terminal ------------------------------------------------------------------------------------------------
@@ -130,8 +75,7 @@ TEST_F(EndToEnd, TheTerminalListsAllThreeBadgesAndNoneWhereThereIsNone) {
   fs::create_symlink("file", root + "/link");
   startSynced();
   application->setStatus("/other", 1);
-  startBus();
-  const auto listed = run({VORNET_VI, "list", root});
+  const auto [status, listed] = run({VORNET_VI, "list", root});
   EXPECT_EQ(status, 0);
   EXPECT_THAT(listed, testing::ContainsRegex("Sync in progress[^\n]*other\n"));
   EXPECT_THAT(listed, testing::ContainsRegex("Synced[^\n]*  file\n"));
@@ -144,58 +88,53 @@ TEST_F(EndToEnd, TheTerminalShowsAFileTurnFromSyncInProgressToSynced) {
   makeApplication().start();
   application->setStatus("/file", 1);
   ASSERT_TRUE(application->waitUntilIdle(PATIENCE));
-  startBus();
-  const auto output = environment.folder() / "watch";
-  StartedProgram watch({VORNET_VI, "watch", root, "--for", "60"}, {"DBUS_SESSION_BUS_ADDRESS=" + bus->address()},
-                       output);
-  ASSERT_TRUE(client->waitUntil([&] { return readFile(output).find("Sync in progress  file") != std::string::npos; }));
+  start();
+  const auto watch = launch({VORNET_VI, "watch", root, "--for", "60"});
+  const auto shows = [&](const char* text) {
+    return client->waitUntil([&] { return watch->output().find(text) != std::string::npos; });
+  };
+  ASSERT_TRUE(shows("Sync in progress  file"));
   ASSERT_TRUE(application->waitForRequest("get_icons_for_folder", PATIENCE));
   application->clearRequests();
   application->setStatus("/file", 2);
   ASSERT_TRUE(application->waitForRequest("get_icons_for_folder", PATIENCE));
   // It shows with the first poll after the change, or at the latest with the second, if the first was just being
   // answered.
-  ASSERT_TRUE(client->waitUntil([&] { return readFile(output).find("Synced  file") != std::string::npos; }));
+  ASSERT_TRUE(shows("Synced  file"));
   EXPECT_LE(application->requests().size(), 2u);
-  watch.signal(SIGINT);
-  EXPECT_EQ(watch.wait(), 0);
+  watch->signal(SIGINT);
+  EXPECT_EQ(watch->wait(), 0);
 }
 
 TEST_F(EndToEnd, AMenuChoiceMadeInTheTerminalArrivesAtTheSyncApplication) {
   startSynced();
-  startBus();
-  const auto menu = run({VORNET_VI, "menu", root + "/file"});
-  EXPECT_EQ(status, 0);
-  EXPECT_THAT(menu, testing::ContainsRegex("Share.*Copy Link.*Comments.*View versions.*View in Cloud"));
-  run({VORNET_VI, "perform", "Copy Link", root + "/file"});
-  EXPECT_EQ(status, 0);
+  const auto shown = run({VORNET_VI, "menu", root + "/file"});
+  EXPECT_EQ(shown.status, 0);
+  EXPECT_THAT(shown.output, testing::ContainsRegex("Share.*Copy Link.*Comments.*View versions.*View in Cloud"));
+  EXPECT_EQ(run({VORNET_VI, "perform", "Copy Link", root + "/file"}).status, 0);
   ASSERT_TRUE(application->waitForActions(1, PATIENCE));
-  EXPECT_THAT(run({KELVANE_SIM, "journal", "--state", environment.folder() / "state"}), HasSubstr("Copy Link: /file"));
+  EXPECT_EQ(readFile(environment.container() / "actions.jsonl"), "{\"action\":\"Copy Link\",\"paths\":[\"/file\"]}\n");
 
-  const auto refused = run({VORNET_VI, "perform", "View versions", root + "/folder"});
-  EXPECT_EQ(status, 1);
+  EXPECT_EQ(run({VORNET_VI, "perform", "View versions", root + "/folder"}).status, 1);
   EXPECT_EQ(application->actions().size(), 1u);
-  run({VORNET_VI, "perform", "No such thing", root + "/file"});
-  EXPECT_EQ(status, 1);
+  EXPECT_EQ(run({VORNET_VI, "perform", "No such thing", root + "/file"}).status, 1);
 }
 
-TEST_F(EndToEnd, TheTerminalTellsHowThingsStand) {
+TEST_F(EndToEnd, TheTerminalShowsTheStatus) {
   startSynced();
-  startBus();
-  EXPECT_THAT(run({VORNET_VI, "status"}), HasSubstr("not running"));
+  EXPECT_THAT(run({VORNET_VI, "status"}).output, HasSubstr("not running"));
   run({VORNET_VI, "list", root});
-  const auto running = run({VORNET_VI, "status"});
+  const auto running = run({VORNET_VI, "status"}).output;
   EXPECT_THAT(running, HasSubstr(root));
   EXPECT_THAT(running, HasSubstr(environment.logFile().string()));
   EXPECT_THAT(running, HasSubstr("HTTP 200"));
   application->stop();
-  EXPECT_THAT(run({VORNET_VI, "status"}), Not(HasSubstr("HTTP 200")));
+  EXPECT_THAT(run({VORNET_VI, "status"}).output, Not(HasSubstr("HTTP 200")));
 }
 
 TEST_F(EndToEnd, TheTerminalRefusesAFolderOutsideTheSyncedOne) {
   startSynced();
-  startBus();
-  const auto said = run({VORNET_VI, "list", "/etc"});
+  const auto [status, said] = run({VORNET_VI, "list", "/etc"});
   EXPECT_EQ(status, 1);
   EXPECT_THAT(said, testing::StartsWith("vornet-vi: "));
   EXPECT_EQ(std::count(said.begin(), said.end(), '\n'), 1);
@@ -216,8 +155,7 @@ TEST_F(EndToEnd, OddNamesHaveTheirBadges) {
   startSynced();
   // NFC and NFD are two names: each has its own status.
   application->setStatus("/folder/caf\xC3\xA9", 1);
-  startBus();
-  const auto listed = run({VORNET_VI, "--json", "list", root + "/folder"});
+  const auto [status, listed] = run({VORNET_VI, "--json", "list", root + "/folder"});
   EXPECT_EQ(status, 0);
   EXPECT_THAT(listed, HasSubstr("with%20space"));
   std::size_t synced = 0;
@@ -232,16 +170,15 @@ TEST_F(EndToEnd, OddNamesHaveTheirBadges) {
 struct FaultCase {
   Fault fault;
   const char* name;
-  const char* logged;  // what a poll says of it; "" when it says nothing
+  const char* logged;  // a poll's line in the log; "" for none
 
   friend void PrintTo(const FaultCase& tested, std::ostream* out) { *out << tested.name; }
 };
 
 class PollFault : public EndToEnd, public testing::WithParamInterface<FaultCase> {};
 
-TEST_P(PollFault, KeepsTheBadgesAndEverythingIsRightAgainAfterwards) {
+TEST_P(PollFault, KeepsTheBadgesAndUpdatesThemAfterwards) {
   startSynced();
-  startBus();
   observe("", "file");
   const int process = client->extensionProcess();
   application->clearRequests();
@@ -255,7 +192,7 @@ TEST_P(PollFault, KeepsTheBadgesAndEverythingIsRightAgainAfterwards) {
     EXPECT_TRUE(application->waitForRequest("get_icons_for_folder", PATIENCE));
   EXPECT_EQ(badge("file"), "SYNCED");
 
-  application->setFault(Fault::NONE);
+  application->setFault(Fault::none);
   pollNow();
   EXPECT_TRUE(client->waitForChange(url("file"), "PENDING"));
   EXPECT_EQ(badge("file"), "PENDING");
@@ -267,23 +204,22 @@ constexpr const char* NOT_PARSED = "Unable to parse VI status tuple from DS";
 INSTANTIATE_TEST_SUITE_P(
     EndToEnd, PollFault,
     testing::Values(
-        FaultCase{Fault::REFUSE, "Refuse", NOT_CONNECTED}, FaultCase{Fault::STALL, "Stall", NOT_CONNECTED},
-        FaultCase{Fault::DRIP, "Drip", NOT_CONNECTED}, FaultCase{Fault::DRIP_HEADERS, "DripHeaders", NOT_CONNECTED},
-        FaultCase{Fault::RESET, "ResetMidBody", NOT_CONNECTED},
-        FaultCase{Fault::SERVER_ERROR, "Status500", "Cannot fetch directory status: unexpected HTTP code: 500)"},
-        FaultCase{Fault::NOT_JSON, "NotJSON", NOT_PARSED}, FaultCase{Fault::EMPTY_BODY, "EmptyBody", NOT_PARSED},
-        FaultCase{Fault::ARRAY, "Array", ""}, FaultCase{Fault::STRING_VALUES, "Texts", ""},
-        FaultCase{Fault::NESTED, "Nested", ""}, FaultCase{Fault::WRONG_VALUES, "WrongValues", ""}),
+        FaultCase{Fault::refuse, "Refuse", NOT_CONNECTED}, FaultCase{Fault::stall, "Stall", NOT_CONNECTED},
+        FaultCase{Fault::drip, "Drip", NOT_CONNECTED}, FaultCase{Fault::dripHeaders, "DripHeaders", NOT_CONNECTED},
+        FaultCase{Fault::reset, "ResetMidBody", NOT_CONNECTED},
+        FaultCase{Fault::serverError, "Status500", "Cannot fetch directory status: unexpected HTTP code: 500)"},
+        FaultCase{Fault::notJSON, "NotJSON", NOT_PARSED}, FaultCase{Fault::emptyBody, "EmptyBody", NOT_PARSED},
+        FaultCase{Fault::array, "Array", ""}, FaultCase{Fault::stringValues, "Texts", ""},
+        FaultCase{Fault::nested, "Nested", ""}, FaultCase{Fault::wrongValues, "WrongValues", ""}),
     [](const auto& tested) { return std::string(tested.param.name); });
 
-TEST_F(EndToEnd, AFolderAnsweredWith404IsLeftAloneUntilItComesOnScreenAnew) {
+TEST_F(EndToEnd, AFolderAnsweredWith404IsLeftAloneUntilItComesOnScreenAgain) {
   startSynced();
-  startBus();
   observe("folder", "folder/inside");
-  application->setFault(Fault::NOT_FOUND);
+  application->setFault(Fault::notFound);
   pollNow();
   ASSERT_TRUE(waitForLog("Directory " + root + "/folder does not exist (404), ignoring subscription"));
-  application->setFault(Fault::NONE);
+  application->setFault(Fault::none);
   application->setStatus("/folder/inside", 0);
   ASSERT_TRUE(client->endObserving(url("folder")));
   ASSERT_TRUE(client->beginObserving(url("folder")));
@@ -293,8 +229,7 @@ TEST_F(EndToEnd, AFolderAnsweredWith404IsLeftAloneUntilItComesOnScreenAnew) {
 
 TEST_F(EndToEnd, AReplyOfAHundredThousandEntriesIsTaken) {
   startSynced();
-  startBus();
-  application->setFault(Fault::HUGE_REPLY);
+  application->setFault(Fault::hugeReply);
   observe("", "file");
   application->setStatus("/file", 0);
   pollNow();
@@ -305,62 +240,53 @@ class MenuFault : public EndToEnd, public testing::WithParamInterface<FaultCase>
 
 TEST_P(MenuFault, GreysEveryEntryAndSaysWhy) {
   startSynced();
-  startBus();
   application->setFault(GetParam().fault);
-  std::vector<MenuEntry> entries;
-  ASSERT_TRUE(client->menu({url("file")}, entries));
-  ASSERT_EQ(entries.size(), 5u);
-  for (const auto& entry : entries) EXPECT_FALSE(entry.enabled) << entry.title;
+  EXPECT_THAT(menu({"file"}), testing::AllOf(SizeIs(5), testing::Each(testing::Field(&MenuEntry::enabled, false))));
   EXPECT_THAT(logText(), HasSubstr(GetParam().logged));
-  application->setFault(Fault::NONE);
-  ASSERT_TRUE(client->menu({url("file")}, entries));
-  EXPECT_TRUE(entries[0].enabled);
+  application->setFault(Fault::none);
+  EXPECT_TRUE(menu({"file"}).at(0).enabled);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     EndToEnd, MenuFault,
-    testing::Values(FaultCase{Fault::REFUSE, "Refuse", "Cannot populate context menu: ResourceUnavailable"},
-                    FaultCase{Fault::STALL, "Stall", "Cannot populate context menu: ResourceUnavailable"},
-                    FaultCase{Fault::DRIP, "Drip", "Cannot populate context menu: ResourceUnavailable"},
-                    FaultCase{Fault::RESET, "ResetMidBody", "Cannot populate context menu: ResourceUnavailable"},
-                    FaultCase{Fault::NOT_FOUND, "Status404", "Cannot populate context menu: Non200Error(404)"},
-                    FaultCase{Fault::SERVER_ERROR, "Status500", "Cannot populate context menu: Non200Error(500)"},
-                    FaultCase{Fault::NOT_JSON, "NotJSON", "Cannot populate context menu: Error(\""},
-                    FaultCase{Fault::EMPTY_BODY, "EmptyBody", "Cannot populate context menu: Error(\""}),
+    testing::Values(FaultCase{Fault::refuse, "Refuse", "Cannot populate context menu: ResourceUnavailable"},
+                    FaultCase{Fault::stall, "Stall", "Cannot populate context menu: ResourceUnavailable"},
+                    FaultCase{Fault::drip, "Drip", "Cannot populate context menu: ResourceUnavailable"},
+                    FaultCase{Fault::reset, "ResetMidBody", "Cannot populate context menu: ResourceUnavailable"},
+                    FaultCase{Fault::notFound, "Status404", "Cannot populate context menu: Non200Error(404)"},
+                    FaultCase{Fault::serverError, "Status500", "Cannot populate context menu: Non200Error(500)"},
+                    FaultCase{Fault::notJSON, "NotJSON", "Cannot populate context menu: Error(\""},
+                    FaultCase{Fault::emptyBody, "EmptyBody", "Cannot populate context menu: Error(\""}),
     [](const auto& tested) { return std::string(tested.param.name); });
 
 class MenuShapeFault : public EndToEnd, public testing::WithParamInterface<FaultCase> {};
 
-TEST_P(MenuShapeFault, StopsTheExtensionWhichIsBackWithTheNextCall) {
+TEST_P(MenuShapeFault, StopsTheExtensionWhichRestartsWithTheNextCall) {
   startSynced();
-  startBus();
-  client->property("Version");
-  const int process = client->extensionProcess();
+  const int stopped = process();
   application->setFault(GetParam().fault);
   std::vector<MenuEntry> entries;
   EXPECT_EQ(client->menu({url("file")}, entries).error, "NoReply");
-  application->setFault(Fault::NONE);
-  ASSERT_TRUE(client->menu({url("file")}, entries));
-  EXPECT_TRUE(entries[0].enabled);
-  EXPECT_NE(client->extensionProcess(), process);
+  application->setFault(Fault::none);
+  EXPECT_TRUE(menu({"file"}).at(0).enabled);
+  EXPECT_NE(client->extensionProcess(), stopped);
 }
 
 INSTANTIATE_TEST_SUITE_P(EndToEnd, MenuShapeFault,
-                         testing::Values(FaultCase{Fault::ARRAY, "Array", ""},
-                                         FaultCase{Fault::STRING_VALUES, "Texts", ""},
-                                         FaultCase{Fault::NESTED, "Nested", ""},
-                                         FaultCase{Fault::WRONG_VALUES, "WrongValues", ""}),
+                         testing::Values(FaultCase{Fault::array, "Array", ""},
+                                         FaultCase{Fault::stringValues, "Texts", ""},
+                                         FaultCase{Fault::nested, "Nested", ""},
+                                         FaultCase{Fault::wrongValues, "WrongValues", ""}),
                          [](const auto& tested) { return std::string(tested.param.name); });
 
 class ActionFault : public EndToEnd, public testing::WithParamInterface<FaultCase> {};
 
 TEST_P(ActionFault, IsLoggedAndTheNextActionArrives) {
   startSynced();
-  startBus();
   application->setFault(GetParam().fault);
   EXPECT_TRUE(client->performAction("share:", {url("file")}));
   EXPECT_THAT(logText(), HasSubstr(GetParam().logged));
-  application->setFault(Fault::NONE);
+  application->setFault(Fault::none);
   const auto before = application->actions().size();
   EXPECT_TRUE(client->performAction("copyLink:", {url("file")}));
   ASSERT_TRUE(application->waitForActions(before + 1, PATIENCE));
@@ -372,19 +298,18 @@ constexpr const char* ACTION_LOST = "Unexpected error occured while fetching con
 INSTANTIATE_TEST_SUITE_P(
     EndToEnd, ActionFault,
     testing::Values(
-        FaultCase{Fault::REFUSE, "Refuse", ACTION_LOST}, FaultCase{Fault::STALL, "Stall", ACTION_LOST},
-        FaultCase{Fault::DRIP, "Drip", ACTION_LOST}, FaultCase{Fault::RESET, "ResetMidBody", ACTION_LOST},
-        FaultCase{Fault::SERVER_ERROR, "Status500", "Cannot fetch context menu actions, unexpected status: 500"},
-        FaultCase{Fault::NOT_FOUND, "Status404", "Cannot fetch context menu actions, unexpected status: 404"},
-        FaultCase{Fault::NOT_JSON, "NotJSON", ""}, FaultCase{Fault::EMPTY_BODY, "EmptyBody", ""}),
+        FaultCase{Fault::refuse, "Refuse", ACTION_LOST}, FaultCase{Fault::stall, "Stall", ACTION_LOST},
+        FaultCase{Fault::drip, "Drip", ACTION_LOST}, FaultCase{Fault::reset, "ResetMidBody", ACTION_LOST},
+        FaultCase{Fault::serverError, "Status500", "Cannot fetch context menu actions, unexpected status: 500"},
+        FaultCase{Fault::notFound, "Status404", "Cannot fetch context menu actions, unexpected status: 404"},
+        FaultCase{Fault::notJSON, "NotJSON", ""}, FaultCase{Fault::emptyBody, "EmptyBody", ""}),
     [](const auto& tested) { return std::string(tested.param.name); });
 
 // --- Coming and going -----------------------------------------------------------------------------------------------
 
-TEST_F(EndToEnd, KilledUnderLoadTheExtensionIsBackAndItsBadgesAreRight) {
+TEST_F(EndToEnd, AnExtensionKilledUnderLoadRestartsWithTheRightBadges) {
   for (int i = 0; i < 300; ++i) writeFile(root + "/folder/" + std::to_string(i), "");
   startSynced();
-  startBus();
   std::vector<std::string> urls;
   for (int i = 0; i < 300; ++i) urls.push_back(url("folder/" + std::to_string(i)));
   for (int round = 0; round < 5; ++round) {
@@ -403,17 +328,16 @@ TEST_F(EndToEnd, KilledUnderLoadTheExtensionIsBackAndItsBadgesAreRight) {
 }
 
 TEST_F(EndToEnd, ASyncApplicationStartedLateIsFound) {
-  startBus();
+  start();
   EXPECT_EQ(client->property("ObservedFolders"), "[]");
-  startSynced();
-  ASSERT_TRUE(client->waitUntil([&] { return client->property("ObservedFolders") == "['" + url("") + "/']"; }));
-  ASSERT_TRUE(client->beginObserving(url("")));
+  startApplication();
+  ASSERT_TRUE(client->waitUntil([&] { return client->property("ObservedFolders") == observed(); }));
+  ASSERT_TRUE(client->beginObserving(url()));
   EXPECT_TRUE(waitForBadge("file", "SYNCED"));
 }
 
 TEST_F(EndToEnd, AStoppedSyncApplicationLeavesTheBadgesAndARestartedOneChangesThem) {
   startSynced();
-  startBus();
   observe("", "file");
   application->stop();
   pollNow();
@@ -425,23 +349,21 @@ TEST_F(EndToEnd, AStoppedSyncApplicationLeavesTheBadgesAndARestartedOneChangesTh
   EXPECT_TRUE(client->waitForChange(url("file"), "PENDING"));
 }
 
-TEST_F(EndToEnd, ABadgeAnsweredBeforeTheFolderWasFetchedIsPutRightWhenItIs) {
+TEST_F(EndToEnd, ABadgeAnsweredBeforeTheFolderWasFetchedIsCorrectedThen) {
   startSynced();
-  startBus();
-  application->setFault("get_icons_for_folder", Fault::SERVER_ERROR);
-  ASSERT_TRUE(client->beginObserving(url("")));
+  application->setFault(Fault::serverError);
+  ASSERT_TRUE(client->beginObserving(url()));
   ASSERT_TRUE(waitForBadge("file", "SYNCED"));  // from the database
   ASSERT_TRUE(waitForLog("unexpected HTTP code: 500)"));
   application->setStatus("/file", 1);
-  application->setFault("get_icons_for_folder", Fault::NONE);
+  application->setFault(Fault::none);
   pollNow();
-  // The first fetch reports no changes; the badge turns all the same.
+  // The first fetch reports no changes; the badge still changes.
   EXPECT_TRUE(client->waitForChange(url("file"), "PENDING"));
 }
 
-TEST_F(EndToEnd, FilesThatAppearAndChangeGetTheirBadgesByThemselves) {
+TEST_F(EndToEnd, FilesThatAppearAndChangeGetTheirBadgesAutomatically) {
   startSynced();
-  startBus();
   observe("", "file");
   writeFile(root + "/fresh", "content");
   writeFile(root + "/lock.tmp", "content");
@@ -453,3 +375,4 @@ TEST_F(EndToEnd, FilesThatAppearAndChangeGetTheirBadgesByThemselves) {
 }
 
 }  // namespace
+}  // namespace vornet::test

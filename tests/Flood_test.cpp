@@ -6,38 +6,20 @@
 #include <chrono>
 #include <cstdio>
 #include <future>
+#include <memory>
 #include <optional>
 #include <thread>
 
 #include "dbus/Interface.hpp"
-#include "support/BusClient.hpp"
-#include "support/Databases.hpp"
-#include "support/Environment.hpp"
+#include "support/ExtensionTest.hpp"
 #include "support/Flood.hpp"
-#include "support/LoopbackServer.hpp"
-#include "support/PrivateBus.hpp"
-#include "support/StartedProgram.hpp"
-#include "support/TemporaryFolder.hpp"
+#include "support/SyncApplication.hpp"
+#include "support/Threads.hpp"
 
+namespace vornet::test {
 namespace {
 
 using namespace std::chrono_literals;
-using testing::HasSubstr;
-using testing::Not;
-using vornet::test::BusClient;
-using vornet::test::Environment;
-using vornet::test::Flood;
-using vornet::test::LoopbackServer;
-using vornet::test::MenuEntry;
-using vornet::test::PrivateBus;
-using vornet::test::readFile;
-using vornet::test::StartedProgram;
-using vornet::test::WireReply;
-using vornet::test::WireRequest;
-using vornet::test::writeFile;
-
-namespace dbus = vornet::dbus;
-namespace fs = std::filesystem;
 
 constexpr const char* ECHO_SERVICE = "com.vornet.test.Echo";
 
@@ -47,14 +29,14 @@ constexpr bool SANITIZED = true;
 constexpr bool SANITIZED = false;
 #endif
 
-/// Asks for one badge every 20 ms, on a connection and a thread of its own, until told to end.
+/// Asks for one badge every 20 ms, on a separate connection and thread, until told to end.
 class HonestClient {
  public:
   HonestClient(const std::string& address, const char* service, const std::string& url)
       : asking_(std::async(std::launch::async, [this, address, service, url] { ask(address, service, url); })) {}
   ~HonestClient() { end(); }
 
-  /// Ends the asking once at least so many answers have come.
+  /// Stops asking once at least so many answers have come.
   void end(std::size_t atLeast = 0) {
     wanted_ = atLeast;
     ending_ = true;
@@ -75,29 +57,21 @@ class HonestClient {
 
  private:
   void ask(const std::string& address, const char* service, const std::string& url) {
-    GError* error = nullptr;
-    GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
-        address.c_str(),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, &error);
-    while (connection && error_.empty() && (!ending_ || times_.size() < wanted_)) {
+    const auto connection = connectToBus(address);
+    GErrorPtr error;
+    while (error_.empty() && (!ending_ || times_.size() < wanted_)) {
       const auto begin = std::chrono::steady_clock::now();
-      GVariant* answer = g_dbus_connection_call_sync(
-          connection, service, dbus::OBJECT_PATH, dbus::INTERFACE, "RequestBadges", BusClient::urlArguments({url}),
-          G_VARIANT_TYPE("(as)"), G_DBUS_CALL_FLAGS_NO_AUTO_START, 120'000, nullptr, &error);
+      const GVariantPtr answer(
+          g_dbus_connection_call_sync(connection.get(), service, dbus::OBJECT_PATH, dbus::INTERFACE, "RequestBadges",
+                                      BusClient::urlArguments({url}), G_VARIANT_TYPE("(as)"),
+                                      G_DBUS_CALL_FLAGS_NO_AUTO_START, 120'000, nullptr, ErrorTo(error)));
       const auto end = std::chrono::steady_clock::now();
-      if (answer) {
+      if (answer)
         times_.push_back(std::chrono::duration_cast<std::chrono::microseconds>(end - begin));
-        g_variant_unref(answer);
-      } else {
+      else
         error_ = error->message;
-      }
       std::this_thread::sleep_until(begin + 20ms);
     }
-    if (error) error_ = error->message;
-    g_clear_error(&error);
-    if (connection) g_object_unref(connection);
   }
 
   std::atomic<bool> ending_{false};
@@ -107,36 +81,26 @@ class HonestClient {
   std::future<void> asking_;
 };
 
-class FloodTest : public testing::Test {
+class FloodTest : public ExtensionTest {
  protected:
   static constexpr int ITEMS = SANITIZED ? 2'000 : 10'000;
 
-  FloodTest() : application([this](const WireRequest& request) { return answer(request); }) {
-    fs::create_directories(root + "/d");
-    fs::create_directories(root + "/e");
-    writeFile(root + "/x", "");
+  FloodTest() {
     std::vector<std::pair<std::string, int>> rows{{"/x", 2}};
-    for (int i = 0; i < ITEMS; ++i) rows.emplace_back("/d/an item of the folder " + std::to_string(i), 2);
-    vornet::test::makeSyncDatabase(environment.container() / "sync.db", rows);
-    for (int i = 0; i < ITEMS; ++i)
-      statuses += (i ? ",\"/d/an item of the folder " : "\"/d/an item of the folder ") + std::to_string(i) + "\":2";
-    vornet::test::writePreferences(environment.container() / "VornetKelvane.plist", root);
-    bus.emplace(environment.folder().path() / "bus");
-    echo.emplace(std::vector<std::string>{VORNET_ECHO, ECHO_SERVICE},
-                 std::vector<std::string>{"DBUS_SESSION_BUS_ADDRESS=" + bus->address()}, environment.folder() / "echo");
-    client.emplace(bus->address());
-    EXPECT_TRUE(client->beginObserving(url("")));
-    process = client->extensionProcess();
+    std::string statuses;
+    for (int i = 0; i < ITEMS; ++i) {
+      rows.emplace_back("/d/an item of the folder " + std::to_string(i), 2);
+      statuses += (i ? ",\"" : "\"") + rows.back().first + "\":2";
+    }
+    makeDatabase(rows);
+    application.setStatus("/x", 2);
+    application.setBody("/d/", "{" + statuses + "}");
+    application.setBody("mac_populate_menu", R"({"1":true})");
+    startConfigured();
+    echo = launch({VORNET_ECHO, ECHO_SERVICE});
+    EXPECT_TRUE(client->beginObserving(url()));
+    served = process();
   }
-  ~FloodTest() override {
-    client.reset();
-    bus->stop();
-    EXPECT_TRUE(vornet::test::waitForEnd(process));
-    EXPECT_THAT(readFile(bus->output()), Not(HasSubstr("Sanitizer"))) << "in the extension's process";
-    if (HasFailure()) std::fputs(readFile(bus->output()).c_str(), stderr);
-  }
-
-  std::string url(const std::string& name) const { return "file://" + root + (name.empty() ? "" : "/" + name); }
 
   /// The items of the folder "d".
   std::vector<std::string> items() const {
@@ -144,7 +108,7 @@ class FloodTest : public testing::Test {
     for (int i = 0; i < ITEMS; ++i) result.push_back(url("d/an%20item%20of%20the%20folder%20" + std::to_string(i)));
     return result;
   }
-  static GVariant* urls(const std::vector<std::string>& list) { return BusClient::urlArguments(list); }
+  static GVariant* texts(const std::vector<std::string>& list) { return BusClient::urlArguments(list); }
 
   using Attackers = std::vector<std::unique_ptr<Flood>>;
   Attackers manyAttackers() const {
@@ -171,9 +135,9 @@ class FloodTest : public testing::Test {
     return true;
   }
 
-  /// In MiB, the most that the extension ever had in memory.
+  /// The peak of the extension's memory, in MiB.
   double peak() const {
-    const auto status = readFile("/proc/" + std::to_string(process) + "/status");
+    const auto status = readFile("/proc/" + std::to_string(served) + "/status");
     const auto at = status.find("VmHWM:");
     return at == std::string::npos ? -1 : std::stod(status.substr(at + 6)) / 1024;
   }
@@ -194,35 +158,21 @@ class FloodTest : public testing::Test {
     EXPECT_EQ(honest.firstError(), "");
     EXPECT_GT(4 * honest.calls(), echoed.calls()) << "calls that were answered in the same time";
     EXPECT_LT(honest.percentile(90), std::max<std::chrono::microseconds>(250ms, 4 * echoed.percentile(90)));
-    EXPECT_EQ(client->extensionProcess(), process) << "the extension ended";
+    EXPECT_EQ(client->extensionProcess(), served) << "the extension ended";
     if (!SANITIZED) {
       EXPECT_LT(peak(), 100);
       EXPECT_GT(peak(), 0);
     }
   }
 
-  Environment environment;
-  const std::string root = environment.folder() / "root";
-  std::string statuses;
-  std::atomic<bool> menusStall{false};
-  LoopbackServer application;
-  std::optional<PrivateBus> bus;
-  std::optional<StartedProgram> echo;
-  std::optional<BusClient> client;
-  int process = 0;
-
- private:
-  WireReply answer(const WireRequest& request) const {
-    if (request.target != "/get_icons_for_folder")
-      return menusStall ? WireReply{.manner = WireReply::Manner::stall} : WireReply{.body = R"({"1":true})"};
-    const bool isD = request.body.find("\"/d/\"") != std::string::npos;
-    return {.body = isD ? "{" + statuses + "}" : R"({"/x":2})"};
-  }
+  SyncApplication application;
+  std::unique_ptr<StartedProgram> echo;
+  int served = 0;
 };
 
 TEST_F(FloodTest, ManyLongCallsOfOneClient) {
   Flood attacker(bus->address());
-  const auto call = Flood::call("RequestBadges", urls(items()));
+  const auto call = Flood::call("RequestBadges", texts(items()));
   withstands([&] {
     ASSERT_TRUE(attacker.send(call, 300));
     EXPECT_TRUE(attacker.waitForAnswers(300));
@@ -232,9 +182,49 @@ TEST_F(FloodTest, ManyLongCallsOfOneClient) {
   EXPECT_TRUE(client->requestBadges({url("x")}));
 }
 
+TEST_F(FloodTest, SnapshotsForAClientThatNeverReads) {
+  Flood attacker(bus->address());
+  ASSERT_TRUE(attacker.send(Flood::call("BeginObserving", g_variant_new("(s)", url("d").c_str())), 1));
+  ASSERT_TRUE(attacker.waitForAnswers(1));
+  attacker.becomeDeaf();
+  const auto call = Flood::call("RequestSnapshot", g_variant_new("(st)", url("d").c_str(), guint64{1}));
+  withstands([&] {
+    for (int round = 0; round < 20; ++round) {
+      ASSERT_TRUE(attacker.send(call, 1'000));
+      std::this_thread::sleep_for(100ms);
+    }
+  });
+  ASSERT_TRUE(client->beginObserving(url("d")));
+  ASSERT_TRUE(client->requestSnapshot(url("d"), 1));
+  EXPECT_TRUE(client->waitUntil([&] { return client->stream(1).badges.size() == ITEMS; }));
+}
+
+TEST_F(FloodTest, SnapshotsOfALargeFolderForManyClients) {
+  constexpr int MANY = SANITIZED ? 2'000 : 35'000;
+  const std::string prefix(100, 'n');
+  std::string statuses;
+  for (int i = 0; i < MANY; ++i) statuses += (i ? ",\"/e/" : "\"/e/") + prefix + std::to_string(i) + "\":2";
+  const auto gate = std::make_shared<Gate>();  // the server outlives this test's variables
+  application.setAnswer("/e/", [gate, body = "{" + statuses + "}"](const WireRequest&) {
+    gate->passInTime();
+    return WireReply{.body = body};
+  });
+  const auto attackers = manyAttackers();
+  const auto begin = Flood::call("BeginObserving", g_variant_new("(s)", url("e").c_str()));
+  const auto request = Flood::call("RequestSnapshot", g_variant_new("(st)", url("e").c_str(), guint64{1}));
+  withstands([&] {
+    for (const auto& attacker : attackers) ASSERT_TRUE(attacker->send(begin, 1) && attacker->send(request, 1));
+    EXPECT_TRUE(waitForAnswers(attackers, 2));
+    ASSERT_TRUE(client->beginObserving(url("e")));
+    ASSERT_TRUE(client->requestSnapshot(url("e"), 1));
+    gate->open();  // and all are due
+    EXPECT_TRUE(client->waitUntil([&] { return client->stream(1).badges.size() == MANY; }));
+  });
+}
+
 TEST_F(FloodTest, LongCallsOfManyClients) {
   const auto attackers = manyAttackers();
-  const auto call = Flood::call("RequestBadges", urls(items()));
+  const auto call = Flood::call("RequestBadges", texts(items()));
   withstands([&] {
     for (const auto& attacker : attackers) ASSERT_TRUE(attacker->send(call, 2));
     EXPECT_TRUE(waitForAnswers(attackers, 2));
@@ -244,18 +234,18 @@ TEST_F(FloodTest, LongCallsOfManyClients) {
 TEST_F(FloodTest, LongCallsOfManyClientsWhileTheFolderIsOnScreen) {
   ASSERT_TRUE(client->beginObserving(url("d")));
   const auto attackers = manyAttackers();
-  const auto call = Flood::call("RequestBadges", urls(items()));
+  const auto call = Flood::call("RequestBadges", texts(items()));
   withstands([&] {
     for (const auto& attacker : attackers) ASSERT_TRUE(attacker->send(call, 2));
     EXPECT_TRUE(waitForAnswers(attackers, 2));
   });
 }
 
-TEST_F(FloodTest, CallsThatCanNeverBeTaken) {
+TEST_F(FloodTest, CallsThatAreTooLarge) {
   Flood attacker(bus->address());
-  const auto list = Flood::call("RequestBadges", urls(std::vector<std::string>(8, std::string(4 << 20, 'a'))));
+  const auto list = Flood::call("RequestBadges", texts(std::vector<std::string>(8, std::string(4 << 20, 'a'))));
   const auto other = Flood::call("BeginObserving", g_variant_new("(s)", std::string(32 << 20, 'a').c_str()));
-  const auto tooMany = Flood::call("RequestBadges", urls(std::vector<std::string>(10'001, url("x"))));
+  const auto tooMany = Flood::call("RequestBadges", texts(std::vector<std::string>(10'001, url("x"))));
   withstands([&] {
     ASSERT_TRUE(attacker.send(list, 10));
     ASSERT_TRUE(attacker.send(other, 10));
@@ -298,16 +288,16 @@ TEST_F(FloodTest, ManySmallCallsOfEveryKind) {
   EXPECT_NE(client->property("Version"), "");
 }
 
-TEST_F(FloodTest, CallsWithoutAnAnswerGiveTheirRoomBack) {
+TEST_F(FloodTest, CallsWithoutAnAnswerReleaseTheirRoom) {
   Flood attacker(bus->address());
-  const auto badges = Flood::call("RequestBadges", urls({url("x")}), false);
+  const auto badges = Flood::call("RequestBadges", texts({url("x")}), false);
   const auto begin = Flood::call("BeginObserving", g_variant_new("(s)", url("e").c_str()), false);
   withstands([&] {
     ASSERT_TRUE(attacker.send(badges, 5000));
     ASSERT_TRUE(attacker.send(begin, 5000));
   });
-  // The very client that sent them is answered again, when they are done with.
-  const auto asked = Flood::call("RequestBadges", urls({url("x")}));
+  // The client that sent them gets answers again once they are finished.
+  const auto asked = Flood::call("RequestBadges", texts({url("x")}));
   std::size_t sent = 0;
   EXPECT_TRUE(client->waitUntil([&] {
     EXPECT_TRUE(attacker.send(asked, 1) && attacker.waitForAnswers(++sent));
@@ -315,31 +305,28 @@ TEST_F(FloodTest, CallsWithoutAnAnswerGiveTheirRoomBack) {
   }));
 }
 
-TEST_F(FloodTest, WhatWaitsGoesOnThoughNothingElseComes) {
+TEST_F(FloodTest, WaitingCallsGoOnThoughNothingElseComes) {
   Flood alone(bus->address());
-  ASSERT_TRUE(alone.send(Flood::call("RequestBadges", urls({url("x")})), 200));
+  ASSERT_TRUE(alone.send(Flood::call("RequestBadges", texts({url("x")})), 200));
   EXPECT_TRUE(alone.waitForAnswers(200));
   EXPECT_EQ(alone.errors("Busy"), 0u);
   // Without answers too: the last call is carried out after all the others.
-  ASSERT_TRUE(alone.send(Flood::call("RequestBadges", urls({url("x")}), false), 200));
-  ASSERT_TRUE(alone.send(Flood::call("RequestBadges", urls({url("x")})), 1));
+  ASSERT_TRUE(alone.send(Flood::call("RequestBadges", texts({url("x")}), false), 200));
+  ASSERT_TRUE(alone.send(Flood::call("RequestBadges", texts({url("x")})), 1));
   EXPECT_TRUE(alone.waitForAnswers(201));
 }
 
 TEST_F(FloodTest, MenusOfOneClientWhileTheSyncApplicationHangs) {
-  menusStall = true;
+  application.stall("mac_populate_menu");
   Flood attacker(bus->address());
-  const auto call = Flood::call("GetMenu", urls({url("x")}));
+  const auto call = Flood::call("GetMenu", texts({url("x")}));
   withstands([&] {
     ASSERT_TRUE(attacker.send(call, 500));
     EXPECT_TRUE(attacker.waitForAnswers(500 - 64));  // the refused ones
-    std::vector<MenuEntry> entries;
-    EXPECT_EQ(client->menu({url("x")}, entries).error, "");
-    EXPECT_EQ(entries.size(), 5u);
+    EXPECT_EQ(menu({"x"}).size(), 5u);
     EXPECT_LT(attacker.answers(), 500u) << "one client's menus took their turns before another's";
   });
   EXPECT_EQ(attacker.errors("Busy"), 500u - 64);
-  menusStall = false;
 }
 
 TEST_F(FloodTest, ADepartureIsNoticedInAFlood) {
@@ -353,8 +340,8 @@ TEST_F(FloodTest, ADepartureIsNoticedInAFlood) {
     ASSERT_TRUE(attacker.send(begin, 15'000));
     EXPECT_TRUE(attacker.waitForAnswers(30'000));
   });
-  EXPECT_TRUE(client->waitUntil(
-      [&] { return readFile(environment.logFile()).find("Directory exit: " + root + "/d\n") != std::string::npos; }));
+  EXPECT_TRUE(waitForLog("Directory exit: " + root + "/d\n"));
 }
 
 }  // namespace
+}  // namespace vornet::test

@@ -1,186 +1,84 @@
 // The extension process and a sync application that misbehaves: replies of every size and shape, and a server that
 // belongs to another user.
-#include <arpa/inet.h>
-#include <fcntl.h>
 #include <gmock/gmock.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <filesystem>
 #include <fstream>
-#include <map>
-#include <mutex>
-#include <optional>
+#include <functional>
 #include <stdexcept>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "paths/JSON.hpp"
-#include "support/BusClient.hpp"
 #include "support/ChildProcess.hpp"
-#include "support/Databases.hpp"
-#include "support/Environment.hpp"
-#include "support/LoopbackServer.hpp"
-#include "support/PrivateBus.hpp"
-#include "support/StartedProgram.hpp"
+#include "support/ExtensionTest.hpp"
+#include "support/SyncApplication.hpp"
 #include "support/Threads.hpp"
 
+namespace vornet::test {
 namespace {
 
 using testing::Each;
-using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
-using vornet::test::BusClient;
-using vornet::test::BusReply;
-using vornet::test::ChildProcess;
-using vornet::test::Environment;
-using vornet::test::Gate;
-using vornet::test::LoopbackServer;
-using vornet::test::MenuEntry;
-using vornet::test::PrivateBus;
-using vornet::test::readFile;
-using vornet::test::StartedProgram;
-using vornet::test::WireReply;
-using vornet::test::WireRequest;
-
-namespace fs = std::filesystem;
 
 constexpr std::size_t MEBIBYTE = std::size_t{1} << 20;
-constexpr uid_t STRANGER = 65534;
 
-class SyncApplicationLink : public testing::Test {
- protected:
-  SyncApplicationLink() {
-    for (const char* name : {"a", "b", "c"}) fs::create_directories(root + "/" + name);
-    vornet::test::writeFile(root + "/x", "");
-    vornet::test::writePreferences(environment.container() / "VornetKelvane.plist", root);
-  }
-  ~SyncApplicationLink() override {
-    const int process = bus ? BusClient(bus->address()).extensionProcess() : 0;
-    if (bus) bus->stop();
-    vornet::test::waitForEnd(process);
-    if (bus) EXPECT_THAT(readFile(bus->output()), Not(HasSubstr("Sanitizer"))) << "in the extension's process";
-    if (HasFailure() && bus) std::fputs(readFile(bus->output()).c_str(), stderr);
-  }
-
-  void start() {
-    bus.emplace(environment.folder().path() / "bus");
-    client.emplace(bus->address());
-  }
-  std::string url(const std::string& name) const { return "file://" + root + (name.empty() ? "" : "/" + name); }
-  std::string logText() const { return readFile(environment.logFile()); }
-  bool waitForLog(const std::string& message) {
-    return client->waitUntil([&] { return logText().find(message + "\n") != std::string::npos; });
-  }
-  std::string badge(const std::string& name) { return client->requestBadges({url(name)}).texts().at(0); }
-
-  Environment environment;
-  const std::string root = environment.folder() / "root";
-  std::optional<PrivateBus> bus;
-  std::optional<BusClient> client;
-};
+using SyncApplicationLink = ExtensionTest;
 
 // --- Replies of every shape -----------------------------------------------------------------------------------------
 
-/// A sync application whose reply for each folder, and to each other command, can be set.
-class Application {
- public:
-  using Replies = std::map<std::string, std::string>;
-  explicit Application(Replies replies) : replies_(std::move(replies)) {}
-
-  /// `of`: a folder's name in requests ("/a/"), or a command.
-  void set(const std::string& of, std::string body) {
-    const std::lock_guard guard(lock_);
-    replies_[of] = std::move(body);
-  }
-  LoopbackServer& server() { return server_; }
-
- private:
-  WireReply answer(const WireRequest& request) {
-    std::string of = request.target.substr(1);
-    if (of == "get_icons_for_folder") of = std::string(vornet::fromJSON(request.body).at("dir_name").as_string());
-    const std::lock_guard guard(lock_);
-    const auto found = replies_.find(of);
-    return found == replies_.end() ? WireReply{.body = "{}"} : WireReply{.body = found->second};
-  }
-
-  std::mutex lock_;
-  std::map<std::string, std::string> replies_;
-  LoopbackServer server_{[this](const WireRequest& request) { return answer(request); }};
-};
-
 TEST_F(SyncApplicationLink, AKeyWithANulIsIgnoredAndTheOthersCount) {
-  Application application(Application::Replies{{"/", R"({"/a\u0000b":2,"\u0000":2,"/x":1,"/x\u0000":2})"}});
-  start();
-  ASSERT_TRUE(client->beginObserving(url("")));
-  ASSERT_TRUE(client->waitUntil([&] { return badge("x") == "PENDING"; }));
-  application.set("/", R"({"/a\u0000b":1,"\u0000":1,"/x\u0000":1,"/x":2})");
+  SyncApplication application;
+  application.setBody("/", R"({"/a\u0000b":2,"\u0000":2,"/x":1,"/x\u0000":2})");
+  startConfigured();
+  ASSERT_TRUE(client->beginObserving(url()));
+  ASSERT_TRUE(waitForBadge("x", "PENDING"));
+  application.setBody("/", R"({"/a\u0000b":1,"\u0000":1,"/x\u0000":1,"/x":2})");
   ASSERT_TRUE(client->waitForChange(url("x"), "SYNCED"));
   EXPECT_THAT(client->changes(), Not(testing::Contains(testing::Key(HasSubstr("%00")))));
 }
 
-// --- A server that is another user's --------------------------------------------------------------------------------
+TEST_F(SyncApplicationLink, AKeyThatNamesNoItemOfItsFolderIsSentToNobody) {
+  SyncApplication application;
+  application.setBody("/", R"({"/.":2,"/..":2,"/x":1})");
+  startConfigured();
+  ASSERT_TRUE(client->beginObserving(url()));
+  ASSERT_TRUE(waitForBadge("x", "PENDING"));
+  application.setBody("/", R"({"/.":1,"/..":1,"/x":2})");
+  ASSERT_TRUE(client->waitForChange(url("x"), "SYNCED"));
+  EXPECT_THAT(client->changes(), testing::ElementsAre(testing::Key(url("x")))) << "it refuses such URLs itself";
+}
 
-/// A process of another user that listens where the sync application would, answers every request as that would, and
-/// counts the bytes that it was sent.
+// --- Another user's server ------------------------------------------------------------------------------------------
+
+/// A process of another user that listens where the sync application would, and answers every request as that would.
 class Stranger {
  public:
-  Stranger() { listening_.pass(); }
-  ~Stranger() {
-    if (counts_[0] >= 0) ::close(counts_[0]);
-    if (counts_[1] >= 0) ::close(counts_[1]);
+  Stranger() {
+    if (!listening_.passInTime()) throw std::runtime_error("the other user's server does not listen");
   }
-  Stranger(const Stranger&) = delete;
-  Stranger& operator=(const Stranger&) = delete;
 
-  /// Ends it. How many bytes it was sent on each connection that it took.
-  std::vector<std::size_t> bytes() {
-    process_.kill();
-    ::close(std::exchange(counts_[1], -1));
-    std::vector<std::size_t> counts;
-    for (std::size_t count = 0; ::read(counts_[0], &count, sizeof count) == sizeof count;) counts.push_back(count);
-    return counts;
+  /// Ends it. The number of connections that it took.
+  int connections() {
+    ending_.open();
+    return process_.wait();
   }
 
  private:
   int work() {
-    const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
-    const int on = 1;
-    ::setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    sockaddr_in name{};
-    name.sin_family = AF_INET;
-    name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    name.sin_port = htons(LoopbackServer::SYNC_APPLICATION_PORT);
-    if (::bind(listener, reinterpret_cast<const sockaddr*>(&name), sizeof name) != 0) ::_exit(1);
-    ::listen(listener, 64);
+    constexpr uid_t NOBODY = 65534;
+    if (!becomeUser(NOBODY)) return 1;
+    const LoopbackServer server([](const WireRequest&) { return WireReply{.body = "[1]"}; });  // which no menu may be
     listening_.open();
-    while (true) {
-      const int connection = ::accept(listener, nullptr, nullptr);
-      char buffer[4096];
-      const auto count = ::recv(connection, buffer, sizeof buffer, 0);
-      const auto bytes = count < 0 ? 0 : static_cast<std::size_t>(count);
-      if (::write(counts_[1], &bytes, sizeof bytes) != sizeof bytes) return 1;
-      const std::string reply = "HTTP/1.1 200 OK\r\nContent-Length: 3\r\n\r\n[1]";  // which no menu may be
-      ::send(connection, reply.data(), reply.size(), MSG_NOSIGNAL);
-      ::close(connection);
-    }
-  }
-  static std::array<int, 2> makePipe() {
-    std::array<int, 2> ends{-1, -1};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
-    return ends;
+    ending_.pass();
+    return static_cast<int>(server.connections());
   }
 
-  std::array<int, 2> counts_ = makePipe();
   Gate listening_;
-  ChildProcess process_{[this] { return vornet::test::becomeUser(STRANGER) ? work() : 1; }};
+  Gate ending_;
+  ChildProcess process_{[this] { return work(); }};
 };
 
 class AnotherUsersServer : public SyncApplicationLink {
@@ -190,45 +88,39 @@ class AnotherUsersServer : public SyncApplicationLink {
   }
 };
 
-TEST_F(AnotherUsersServer, LearnsNothingAndIsNotBelieved) {
+TEST_F(AnotherUsersServer, LearnsNothingAndIsNotTrusted) {
   Stranger stranger;
-  start();
-  const int process = (client->property("Version"), client->extensionProcess());
-  ASSERT_TRUE(client->beginObserving(url("")));
-  ASSERT_TRUE(waitForLog("[Warning] [RESTPollingManager] poll: Skipping get_icons_for_fodler, ds not connected"));
-  std::vector<MenuEntry> entries;
-  ASSERT_TRUE(client->menu({url("x")}, entries));
-  EXPECT_THAT(entries, SizeIs(5));
-  EXPECT_THAT(entries, Each(testing::Field(&MenuEntry::enabled, false)));
+  startConfigured();
+  const int first = process();
+  ASSERT_TRUE(client->beginObserving(url()));
+  ASSERT_TRUE(waitForLog("[Warning] [RESTPollingManager] poll: Skipping get_icons_for_fodler, ds not connected\n"));
+  EXPECT_THAT(menu({"x"}), testing::AllOf(SizeIs(5), Each(testing::Field(&MenuEntry::enabled, false))));
   ASSERT_TRUE(client->performAction("share:", {url("x")}));
   EXPECT_THAT(logText(), HasSubstr("Unexpected error occured while fetching context menu: ResourceUnavailable\n"));
-  EXPECT_EQ(client->extensionProcess(), process) << "its menu stops nobody";
-  EXPECT_THAT(stranger.bytes(), IsEmpty());
+  EXPECT_EQ(client->extensionProcess(), first) << "its menu stops nobody";
+  EXPECT_EQ(stranger.connections(), 0);
   // The port is free: the sync application is found at once when it is there.
-  Application application(Application::Replies{{"mac_populate_menu", R"({"1":true})"}});
-  ASSERT_TRUE(client->menu({url("x")}, entries));
-  EXPECT_TRUE(entries.at(0).enabled);
+  SyncApplication application;
+  application.setBody("mac_populate_menu", R"({"1":true})");
+  EXPECT_TRUE(menu({"x"}).at(0).enabled);
 }
 
 TEST_F(AnotherUsersServer, IsNamedByTheStatusInTheTerminal) {
   Stranger stranger;
-  start();
-  const auto status = [&](std::vector<std::string> options) {
-    const auto output = environment.folder().path() / "status.output";
-    std::vector<std::string> arguments{VORNET_VI, "status"};
-    arguments.insert(arguments.end(), options.begin(), options.end());
-    StartedProgram program(arguments, {"DBUS_SESSION_BUS_ADDRESS=" + bus->address()}, output);
-    EXPECT_EQ(program.wait(), 0);
-    return readFile(output);
-  };
-  EXPECT_THAT(status({}), HasSubstr("another user's process (of uid 65534) listens on 127.0.0.1:8806"));
-  EXPECT_THAT(status({"--json"}), HasSubstr(R"("outcome":"another user","uid":65534)"));
-  EXPECT_THAT(stranger.bytes(), IsEmpty());
+  startConfigured();
+  const auto plain = run({VORNET_VI, "status"});
+  EXPECT_EQ(plain.status, 1);
+  EXPECT_THAT(plain.output, HasSubstr("another user's process (of uid 65534) listens on 127.0.0.1:8806"));
+  const auto json = run({VORNET_VI, "status", "--json"});
+  EXPECT_EQ(json.status, 1);
+  EXPECT_THAT(json.output, HasSubstr(R"("outcome":"another user","uid":65534)"));
+  EXPECT_THAT(json.output, HasSubstr(R"("id":"sync-application-foreign")"));
+  EXPECT_EQ(stranger.connections(), 0);
 }
 
 // --- Memory ---------------------------------------------------------------------------------------------------------
 
-/// What the kernel says of a process's memory, in bytes.
+/// A figure of a process's memory from the kernel, in bytes.
 std::size_t memoryOf(int process, const std::string& figure) {
   std::ifstream status("/proc/" + std::to_string(process) + "/status");
   for (std::string word; status >> word;) {
@@ -258,24 +150,24 @@ std::string number(int i) {
 
 const Shape SHAPES[] = {
     {"no integers",
-     [](std::size_t size) { return document(size, "{", "}", [](int i) { return "\"/a/" + number(i) + "\":\"x\""; }); }},
+     [](std::size_t size) { return document(size, "{", "}", [](int i) { return "\"/d/" + number(i) + "\":\"x\""; }); }},
     {"short names",
-     [](std::size_t size) { return document(size, "{", "}", [](int i) { return "\"/a/" + number(i) + "\":2"; }); }},
+     [](std::size_t size) { return document(size, "{", "}", [](int i) { return "\"/d/" + number(i) + "\":2"; }); }},
     {"names of common length",
      [](std::size_t size) {
-       return document(size, "{", "}", [](int i) { return "\"/a/A file of May " + number(i) + ".txt\": 2"; });
+       return document(size, "{", "}", [](int i) { return "\"/d/A file of May " + number(i) + ".txt\": 2"; });
      }},
     {"names of other folders",
      [](std::size_t size) { return document(size, "{", "}", [](int i) { return "\"" + number(i) + "\":2"; }); }},
-    {"equal names", [](std::size_t size) { return document(size, "{", "}", [](int) { return "\"/a/x\":2"; }); }},
-    {"one long name", [](std::size_t size) { return "{\"/a/" + std::string(size, 'x') + "\":1}"; }},
+    {"equal names", [](std::size_t size) { return document(size, "{", "}", [](int) { return "\"/d/x\":2"; }); }},
+    {"one long name", [](std::size_t size) { return "{\"/d/" + std::string(size, 'x') + "\":1}"; }},
     {"one long name with escapes",
      [](std::size_t size) {
-       std::string text = "{\"/a/";
+       std::string text = "{\"/d/";
        while (text.size() < size) text += "\\u0041";
        return text + "\":1}";
      }},
-    {"one long text", [](std::size_t size) { return "{\"/a/x\":\"" + std::string(size, 'x') + "\"}"; }},
+    {"one long text", [](std::size_t size) { return "{\"/d/x\":\"" + std::string(size, 'x') + "\"}"; }},
     {"blanks", [](std::size_t size) { return std::string(size, ' ') + "{}"; }},
     {"lists",
      [](std::size_t size) {
@@ -291,43 +183,44 @@ class MemoryOfTheLink : public SyncApplicationLink, public testing::WithParamInt
   }
 };
 
-TEST_P(MemoryOfTheLink, IsThreeTimesAReplyAtMostAndComesBack) {
+TEST_P(MemoryOfTheLink, IsThreeTimesAReplyAtMostAndIsReleased) {
   constexpr std::size_t SIZE = 60 * MEBIBYTE;
-  Application application(Application::Replies{{"/", R"({"/x":1})"}, {"/a/", GetParam().make(SIZE)}});
-  start();
-  ASSERT_TRUE(client->beginObserving(url("")));
-  ASSERT_TRUE(client->waitUntil([&] { return badge("x") == "PENDING"; }));
-  const int process = client->extensionProcess();
-  const auto before = memoryOf(process, "VmRSS");
+  SyncApplication application;
+  application.setBody("/", R"({"/x":1})");
+  application.setBody("/d/", GetParam().make(SIZE));
+  startConfigured();
+  ASSERT_TRUE(client->beginObserving(url()));
+  ASSERT_TRUE(waitForBadge("x", "PENDING"));
+  const int served = client->extensionProcess();
+  const auto before = memoryOf(served, "VmRSS");
 
-  ASSERT_TRUE(client->beginObserving(url("a")));
-  application.set("/", R"({"/x":2})");  // the root comes last in a pass: its change says that the pass is over
+  ASSERT_TRUE(client->beginObserving(url("d")));
+  application.setBody("/", R"({"/x":2})");  // the root comes last in a pass: its change shows that the pass is over
   ASSERT_TRUE(client->waitForChange(url("x"), "SYNCED"));
-  ASSERT_EQ(client->extensionProcess(), process);
-  const auto peak = memoryOf(process, "VmHWM");
+  ASSERT_EQ(client->extensionProcess(), served);
+  const auto peak = memoryOf(served, "VmHWM");
   std::printf("%s: %.2f times the reply", GetParam().name, static_cast<double>(peak - before) / SIZE);
   EXPECT_LE(peak - before, 3 * SIZE);
 
-  application.set("/a/", "{}");
-  EXPECT_TRUE(client->waitUntil([&] { return memoryOf(process, "VmRSS") <= before + before / 10; }));
-  std::printf(", then %zu KiB of %zu before\n", memoryOf(process, "VmRSS") >> 10, before >> 10);
+  application.setBody("/d/", "{}");
+  EXPECT_TRUE(client->waitUntil([&] { return memoryOf(served, "VmRSS") <= before + before / 10; }));
+  std::printf(", then %zu KiB of %zu before\n", memoryOf(served, "VmRSS") >> 10, before >> 10);
 }
 
 TEST_F(SyncApplicationLink, MenusTakeLittleMemoryWhateverTheReply) {
   if (*VORNET_SANITIZED) GTEST_SKIP() << "a sanitizer has its own memory";
   constexpr int MENUS = 4;  // as many as are asked for at the same time
   const auto entry = [](int i) { return "\"" + number(i) + "\":true"; };
-  Application application(Application::Replies{});
-  start();
+  SyncApplication application;
+  startConfigured();
   const auto askForMenus = [&] {
     int answered = 0;
-    for (int i = 0; i < MENUS; ++i)
-      client->call("GetMenu", BusClient::urlArguments({url("x")}), [&](const BusReply&) { ++answered; });
+    for (int i = 0; i < MENUS; ++i) askForMenu("x", [&](const BusReply&) { ++answered; });
     EXPECT_TRUE(client->waitUntil([&] { return answered == MENUS; }));
   };
   askForMenus();
-  const int process = client->extensionProcess();
-  const auto before = memoryOf(process, "VmRSS");
+  const int served = client->extensionProcess();
+  const auto before = memoryOf(served, "VmRSS");
   const std::string replies[] = {
       document(MEBIBYTE - 20, "{", "}", entry),
       document(MEBIBYTE - 20, "{\"1\":[", "", [](int) { return std::string("[]"); }),
@@ -335,17 +228,17 @@ TEST_F(SyncApplicationLink, MenusTakeLittleMemoryWhateverTheReply) {
       document(4 * MEBIBYTE, "{", "}", entry),
   };
   for (const auto& reply : replies) {
-    application.set("mac_populate_menu", reply);
+    application.setBody("mac_populate_menu", reply);
     askForMenus();
-    const auto peak = memoryOf(process, "VmHWM");
+    const auto peak = memoryOf(served, "VmHWM");
     std::printf("%zu bytes: %.1f MiB at most\n", reply.size(), static_cast<double>(peak - before) / MEBIBYTE);
     EXPECT_LE(peak - before, 3 * MENUS * MEBIBYTE) << "three times the largest replies that are taken";
   }
-  application.set("mac_populate_menu", "{}");
+  application.setBody("mac_populate_menu", "{}");
   askForMenus();
-  EXPECT_EQ(client->extensionProcess(), process);
-  std::printf("then %zu KiB of %zu before\n", memoryOf(process, "VmRSS") >> 10, before >> 10);
-  EXPECT_LE(memoryOf(process, "VmRSS"), before + before / 10);
+  EXPECT_EQ(client->extensionProcess(), served);
+  std::printf("then %zu KiB of %zu before\n", memoryOf(served, "VmRSS") >> 10, before >> 10);
+  EXPECT_LE(memoryOf(served, "VmRSS"), before + before / 10);
 }
 
 std::string nameOf(const testing::TestParamInfo<Shape>& shape) {
@@ -357,3 +250,4 @@ std::string nameOf(const testing::TestParamInfo<Shape>& shape) {
 INSTANTIATE_TEST_SUITE_P(Shapes, MemoryOfTheLink, testing::ValuesIn(SHAPES), nameOf);
 
 }  // namespace
+}  // namespace vornet::test

@@ -16,10 +16,10 @@ std::string itemOf(const std::string& key, std::size_t number) {
   return key + text;
 }
 
-std::vector<std::string> itemsOf(const std::string& key) {
+std::vector<std::string> itemsOf(const std::string& key, std::size_t entries) {
   std::vector<std::string> items;
-  items.reserve(ENTRIES);
-  for (std::size_t i = 0; i < ENTRIES; ++i) items.push_back(itemOf(key, i));
+  items.reserve(entries);
+  for (std::size_t i = 0; i < entries; ++i) items.push_back(itemOf(key, i));
   return items;
 }
 
@@ -27,9 +27,9 @@ StatusCode codeOf(std::size_t number, bool changed) {
   return changed && number % (ENTRIES / CHANGES) == 0 ? 1 : 2;
 }
 
-std::string replyFor(const std::string& key, bool changed) {
+std::string replyFor(const std::string& key, bool changed, std::size_t entries) {
   std::string reply;
-  for (std::size_t i = 0; i < ENTRIES; ++i) {
+  for (std::size_t i = 0; i < entries; ++i) {
     reply.append(reply.empty() ? "{\"" : ",\"")
         .append(itemOf(key, i))
         .append("\":")

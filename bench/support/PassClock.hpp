@@ -8,8 +8,8 @@
 
 namespace vornet::bench {
 
-/// Hands over when passes ended, from the thread that makes them to the one that measures. Wakes the latter only for
-/// whole batches, so as not to disturb the former.
+/// Sends the end times of passes from the thread that makes them to the one that measures. Wakes the measuring thread
+/// only for whole batches, which disturbs the passes little.
 class PassClock {
  public:
   static constexpr std::size_t BATCH = 32;

@@ -8,8 +8,8 @@
 
 namespace vornet::bench {
 
-/// The sync application's side of the loopback port, as quick as such a server can be: one thread that answers each
-/// request with a reply that stands ready.
+/// The sync application's side of the loopback port, as fast as such a server can be: one thread answers each request
+/// with a prepared reply.
 class PreparedServer {
  public:
   using Reply = std::shared_ptr<const std::string>;

@@ -5,7 +5,7 @@
 #include <cstddef>
 #include <functional>
 
-/// What the system says of a process. 0 when there is no such process.
+/// Figures of a process, from the system. 0 when there is no such process.
 namespace vornet::bench {
 
 /// Resident memory in MiB.
@@ -16,8 +16,8 @@ std::size_t threadCount(pid_t process);
 /// The processor time that all its threads have used so far, in seconds.
 double processorTime(pid_t process);
 
-/// By how many MiB the resident memory of a process grows that does `work` and keeps what it returns; measured in a
-/// child process.
+/// The growth in MiB of the resident memory of a process that does `work` and keeps its result; measured in a child
+/// process.
 template <class Work>
 double memoryOf(Work work);
 

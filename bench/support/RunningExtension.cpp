@@ -8,7 +8,6 @@
 #include "dbus/Interface.hpp"
 #include "platform/Foundation.hpp"
 #include "support/Databases.hpp"
-#include "support/Items.hpp"
 #include "support/ProcessFigures.hpp"
 
 namespace vornet::bench {
@@ -16,10 +15,10 @@ namespace {
 
 constexpr const char* BARE_NAME = "com.vornet.Bench";
 
-std::shared_ptr<const std::string> answerTo(const std::string& request) {
+PreparedServer::Reply answerTo(const std::string& request, std::size_t entries) {
   const auto from = request.find('/');
   const auto until = request.rfind('"');
-  return std::make_shared<const std::string>(replyFor(request.substr(from, until - from)));
+  return std::make_shared<const std::string>(replyFor(request.substr(from, until - from), false, entries));
 }
 
 void require(bool condition, const char* failure) {
@@ -29,24 +28,21 @@ void require(bool condition, const char* failure) {
 }  // namespace
 
 RunningExtension::RunningExtension()
-    : root_(environment_.folder() / "Kelvane"), server_(&answerTo), bus_(environment_.folder().path() / "bus") {
+    : root_(environment_.folder() / "Kelvane"),
+      server_([this](const std::string& request) { return answerTo(request, entries_); }),
+      bus_(environment_.folder().path() / "bus") {
   for (std::size_t i = 0; i < FOLDERS; ++i) std::filesystem::create_directories(root_ + folderKeyOf(i));
   test::writePreferences(environment_.container() / App().KELVANE_PLIST, root_);
   bare_ = std::make_unique<test::StartedProgram>(std::vector<std::string>{VORNET_BENCH_SERVICE, BARE_NAME},
                                                  std::vector<std::string>{"DBUS_SESSION_BUS_ADDRESS=" + bus_.address()},
                                                  environment_.folder() / "bare.output");
-  GDBusConnection* connection = g_dbus_connection_new_for_address_sync(
-      bus_.address().c_str(),
-      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-      nullptr, nullptr, nullptr);
-  require(connection, "no connection to the bus");
-  connection_ = {connection, &g_object_unref};
+  connection_ = test::connectToBus(bus_.address());
   restart();
   require(client_->waitUntil([this] { return echo({"file:///a"}) == 1; }), "the bare service does not answer");
 }
 
-void RunningExtension::restart() {
+void RunningExtension::restart(std::size_t entries) {
+  entries_ = entries;
   if (process_ != 0) {
     ::kill(process_, SIGTERM);  // its name is free before it has ended, and a second one beside it would end itself
     require(client_->waitUntil([this] { return residentMemory(process_) == 0; }), "the extension does not end");
@@ -66,23 +62,22 @@ void RunningExtension::observe(std::size_t number) {
 }
 
 std::vector<std::string> RunningExtension::urls(std::size_t number) const {
-  auto texts = itemsOf(folderKeyOf(number));
+  auto texts = itemsOf(folderKeyOf(number), entries_);
   for (auto& text : texts) text = platform::FileURL::fileURLWithPath(root_ + text).description();
   return texts;
 }
 
 std::size_t RunningExtension::call(bool echo, const std::vector<std::string>& urls) {
-  GVariant* reply = g_dbus_connection_call_sync(
+  const GVariantPtr reply(g_dbus_connection_call_sync(
       connection_.get(), echo ? BARE_NAME : dbus::BUS_NAME, echo ? "/com/vornet/Bench" : dbus::OBJECT_PATH,
       echo ? "com.vornet.Bench" : dbus::INTERFACE, echo ? "Echo" : "RequestBadges", test::BusClient::urlArguments(urls),
-      nullptr, G_DBUS_CALL_FLAGS_NONE, 30'000, nullptr, nullptr);
+      nullptr, G_DBUS_CALL_FLAGS_NONE, 30'000, nullptr, nullptr));
   if (!reply) return 0;
   std::size_t synced = 0;
   GVariantIter* iterator = nullptr;
-  g_variant_get(reply, "(as)", &iterator);
+  g_variant_get(reply.get(), "(as)", &iterator);
   for (const gchar* text; g_variant_iter_next(iterator, "&s", &text);) synced += text == statusSynced ? 1 : 0;
   g_variant_iter_free(iterator);
-  g_variant_unref(reply);
   return synced;
 }
 

@@ -22,15 +22,9 @@ class PluginBadges : public PluginTest {
     ASSERT_TRUE(runUntil([&] { return asked() >= items.size(); }));
     settle();
   }
-
-  std::size_t asked() const {
-    std::size_t sum = 0;
-    for (const auto& request : extension->badgeRequests) sum += request.size();
-    return sum;
-  }
 };
 
-TEST_F(PluginBadges, EmblemsOfAllThreeKindsArriveByThemselves) {
+TEST_F(PluginBadges, EmblemsOfAllThreeKindsArriveAutomatically) {
   open({{"a", "SYNCED"}, {"b", "PENDING"}, {"c", "SKIPPED"}, {"d", ""}});
   EXPECT_TRUE(waitForEmblem("a", SYNCED));
   EXPECT_TRUE(waitForEmblem("b", PENDING));
@@ -70,7 +64,7 @@ TEST_F(PluginBadges, TheSameBadgeAgainRedrawsNothing) {
   EXPECT_EQ(manager.redraws(path("a")), 1u);
 }
 
-TEST_F(PluginBadges, OfSeveralChangesTheLastOneStands) {
+TEST_F(PluginBadges, TheLastOfSeveralChangesIsShown) {
   open({{"a", "SYNCED"}, {"b", "SYNCED"}});
   ASSERT_TRUE(waitForEmblem("a", SYNCED) && waitForEmblem("b", SYNCED));
   extension->sendChanges({{url("a"), "PENDING"}, {url("a"), "SKIPPED"}});
@@ -104,7 +98,7 @@ TEST_F(PluginBadges, AnItemThatIsAskedForAgainIsAnsweredAtOnce) {
   EXPECT_EQ(asked(), 1u);
 }
 
-TEST_F(PluginBadges, AnItemThatComesLaterIsAskedForByItself) {
+TEST_F(PluginBadges, AnItemThatComesLaterIsAskedForAutomatically) {
   open({{"a", "SYNCED"}});
   extension->badges[url("new")] = "PENDING";
   manager.show(path("new"));
@@ -155,7 +149,7 @@ TEST_F(PluginBadges, ItemsAreAskedForOnceTheFolderIsObserved) {
   extension->hold("BeginObserving");
   manager.plugin->folderShown(root);
   manager.show(path("a"));
-  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("BeginObserving") == 1; }));
+  ASSERT_TRUE(waitForHeld("BeginObserving"));
   manager.plugin->menu({path("a")});
   ASSERT_TRUE(runUntil([&] { return !extension->menuRequests.empty(); }));
   EXPECT_EQ(asked(), 0u);
@@ -195,20 +189,20 @@ TEST_F(PluginBadges, AnExtensionThatHangsIsSentFewRequestsAndTheRestWhenItGoesOn
   extension->hold("RequestBadges");
   manager.plugin->folderShown(root);
   for (std::size_t i = 0; i < count; ++i) manager.show(path(std::to_string(i)));
-  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("RequestBadges") == 4; }));
-  manager.plugin->menu({path("0")});  // its question comes after whatever else was going to be asked
+  ASSERT_TRUE(waitForHeld("RequestBadges", 4));
+  manager.plugin->menu({path("0")});  // its request comes after any other that is due
   ASSERT_TRUE(runUntil([&] { return !extension->menuRequests.empty(); }));
   EXPECT_EQ(extension->heldCalls("RequestBadges"), 4u);
   extension->release("RequestBadges");
   EXPECT_TRUE(runUntil([&] { return manager.withEmblem(SYNCED) == count; }));
 }
 
-TEST_F(PluginBadges, AChangeThatComesBeforeTheAnswerGivesWayToIt) {
+TEST_F(PluginBadges, AnAnswerReplacesAChangeThatCameBeforeIt) {
   extension->badges[url("a")] = "SYNCED";
   extension->hold("RequestBadges");
   manager.plugin->folderShown(root);
   manager.show(path("a"));
-  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("RequestBadges") == 1; }));
+  ASSERT_TRUE(waitForHeld("RequestBadges"));
   extension->sendChanges({{url("a"), "PENDING"}});
   ASSERT_TRUE(waitForEmblem("a", PENDING));
   extension->release("RequestBadges");
@@ -220,7 +214,7 @@ TEST_F(PluginBadges, AnAnswerForAFolderThatHasLeftTheScreenIsDropped) {
   extension->hold("RequestBadges");
   manager.plugin->folderShown(root);
   manager.show(path("a"));
-  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("RequestBadges") == 1; }));
+  ASSERT_TRUE(waitForHeld("RequestBadges"));
   manager.plugin->folderHidden(root);
   extension->release("RequestBadges");
   ASSERT_TRUE(waitForObserved(0));
@@ -301,7 +295,7 @@ TEST_F(PluginBadges, TheEndOfThePluginLeavesTheBus) {
   EXPECT_TRUE(runUntil([&] { return busNames() == before - 1; }));
 }
 
-// --- Folders that no window tells of --------------------------------------------------------------------------------
+// --- Folders that no window reports ---------------------------------------------------------------------------------
 
 class PluginInference : public PluginBadges {
  protected:
@@ -323,7 +317,7 @@ TEST_F(PluginInference, AnInferredFolderIsObservedAsLongAsItsItemsAreShownAndNoL
   extension->badges[url("branch/a")] = "SYNCED";
   manager.show(path("branch/a"));
   ASSERT_TRUE(waitForEmblem("branch/a", SYNCED));
-  // Shown, it passes test after test.
+  // While the items are shown, every test finds them.
   ASSERT_TRUE(runUntil([&] { return manager.redraws(path("branch/a")) >= 4; }));
   EXPECT_THAT(extension->observed, ElementsAre(url("branch")));
   EXPECT_EQ(manager.emblem(path("branch/a")), SYNCED);
@@ -333,7 +327,7 @@ TEST_F(PluginInference, AnInferredFolderIsObservedAsLongAsItsItemsAreShownAndNoL
   EXPECT_EQ(FakeFileManager::keptItems(), 0u);
 }
 
-TEST_F(PluginInference, AWindowThatTellsOfItsFolderInTimeLeavesNothingToInfer) {
+TEST_F(PluginInference, AFolderThatAWindowReportsInTimeIsNotInferred) {
   makePlugin({.beforeInferring = std::chrono::seconds(60)});
   extension->badges[url("a")] = "SYNCED";
   manager.show(path("a"));
@@ -344,7 +338,7 @@ TEST_F(PluginInference, AWindowThatTellsOfItsFolderInTimeLeavesNothingToInfer) {
   EXPECT_TRUE(waitForObserved(0));
 }
 
-TEST_F(PluginInference, AWindowThatTellsLateTakesTheInferredFolderOver) {
+TEST_F(PluginInference, AWindowThatReportsLateTakesTheInferredFolderOver) {
   extension->badges[url("a")] = "SYNCED";
   manager.show(path("a"));
   ASSERT_TRUE(waitForEmblem("a", SYNCED));

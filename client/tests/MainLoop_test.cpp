@@ -7,16 +7,15 @@
 #include <thread>
 #include <utility>
 
+#include "support/MainContext.hpp"
+
 namespace vornet::client {
 namespace {
 
+using test::settle;
 using testing::ElementsAre;
 
-void settle() {
-  while (g_main_context_iteration(nullptr, FALSE)) continue;
-}
-
-TEST(SlicedWork, DoesWhatWasAddedInItsOrder) {
+TEST(SlicedWork, RunsWorkInTheOrderInWhichItWasAdded) {
   SlicedWork work(nullptr);
   std::vector<int> done;
   for (int piece = 1; piece <= 3; ++piece) {
@@ -30,7 +29,7 @@ TEST(SlicedWork, DoesWhatWasAddedInItsOrder) {
   EXPECT_THAT(done, ElementsAre(1, 1, 2, 2, 3, 3));
 }
 
-TEST(SlicedWork, WhatIsAddedMeanwhileComesLast) {
+TEST(SlicedWork, WorkAddedMeanwhileComesLast) {
   SlicedWork work(nullptr);
   std::vector<int> done;
   work.add([&] {
@@ -55,7 +54,7 @@ TEST(SlicedWork, LetsOthersTakeTheirTurn) {
   const gint64 begun = g_get_monotonic_time();
   bool finished = false;
   work.add([&] {
-    finished = g_get_monotonic_time() - begun > 50'000;
+    finished = turns >= 3 || g_get_monotonic_time() - begun > 10'000'000;
     return !finished;
   });
   while (!finished) g_main_context_iteration(nullptr, TRUE);
@@ -63,7 +62,7 @@ TEST(SlicedWork, LetsOthersTakeTheirTurn) {
   EXPECT_GE(turns, 3);
 }
 
-TEST(SlicedWork, AnExceptionEndsItsPieceAlone) {
+TEST(SlicedWork, AnExceptionEndsNoOtherPiece) {
   SlicedWork work(nullptr);
   bool next = false;
   work.add([]() -> bool { throw std::runtime_error("thrown by a test"); });
@@ -75,7 +74,7 @@ TEST(SlicedWork, AnExceptionEndsItsPieceAlone) {
   EXPECT_TRUE(next);
 }
 
-TEST(SlicedWork, IsDoneNoMoreAfterItsEnd) {
+TEST(SlicedWork, RunsNothingAfterItsEnd) {
   bool done = false;
   {
     SlicedWork work(nullptr);
@@ -85,7 +84,7 @@ TEST(SlicedWork, IsDoneNoMoreAfterItsEnd) {
   EXPECT_FALSE(done);
 }
 
-/// A main context of a test's own, in which the numbers of sources begin with 1.
+/// A separate main context, in which the ids of sources begin with 1.
 class OwnContext : public testing::Test {
  protected:
   ~OwnContext() override { g_main_context_unref(context_); }
@@ -115,7 +114,7 @@ TEST_F(TimerInAContext, LeavesNoSourceBehind) {
   EXPECT_FALSE(hasSource());
 }
 
-/// A value whose bytes tell when they are freed, and whether on another thread. One at a time.
+/// A value whose bytes record when they are freed, and whether on another thread. One at a time.
 class Freed {
  public:
   Freed() : value_(g_variant_ref_sink(g_variant_new_from_data(G_VARIANT_TYPE_BYTESTRING, "x", 2, TRUE, free, this))) {
@@ -137,13 +136,13 @@ class Freed {
   GVariant* value_;
 };
 
-TEST_F(DisposalInAContext, FreesAValueOnAnotherThreadWhenTheCallerHasLetGoOfIt) {
+TEST_F(DisposalInAContext, FreesAValueOnAnotherThreadWhenTheCallerHasReleasedIt) {
   Freed freed;
   Disposal disposal(context_);
   disposal.add(freed.value());
   freed.letGo();
   EXPECT_FALSE(Freed::done());
-  // A turn that starts the task, and one in which its end is reported: here, for the default context may never run.
+  // One iteration starts the task, another one reports its end: in this context, for the default one may never run.
   int turns = 0;
   const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
   while (turns < 2 && !g_main_context_pending(nullptr) && std::chrono::steady_clock::now() < end)

@@ -37,7 +37,7 @@ class PluginMenu : public PluginTest {
   }
 };
 
-TEST_F(PluginMenu, TheEntriesAreGreyedUntilTheAnswerComesAndAreAsItSaysThen) {
+TEST_F(PluginMenu, TheEntriesAreGreyedUntilTheAnswerComesAndFollowItThen) {
   extension->menus[url("a")] = {true, false};
   const auto greyed = manager.plugin->menu({path("a")});
   std::vector<std::string> titles;
@@ -52,13 +52,36 @@ TEST_F(PluginMenu, TheEntriesAreGreyedUntilTheAnswerComesAndAreAsItSaysThen) {
   EXPECT_THAT(extension->menuRequests, ElementsAre(ElementsAre(url("a"))));
 }
 
+TEST_F(PluginMenu, AGreyedEntrySaysThatTheSyncApplicationIsAway) {
+  const auto tips = [this] {
+    std::vector<std::string> result;
+    for (const auto& entry : manager.plugin->menu({path("a")})) result.push_back(entry.tip);
+    return result;
+  };
+  const auto tell = [this](gint64 since) {
+    extension->changeProperty("SyncApplicationSilentSince", g_variant_new_int64(since));
+  };
+  extension->menus[url("a")] = {true, false};
+  select("a");
+  EXPECT_THAT(tips(), ElementsAre("", ""));
+  manager.changedMenus.clear();
+  tell(1'772'354'460);
+  ASSERT_TRUE(runUntil([&] { return tips() == std::vector<std::string>{"", "Kelvane is not running"}; }));
+  EXPECT_THAT(manager.changedMenus, testing::Contains(ElementsAre(path("a")))) << "a menu may be open";
+  tell(-1);
+  select("b");  // everything sent before has arrived
+  EXPECT_THAT(tips(), ElementsAre("", "Kelvane is not running")) << "it was not asked in between";
+  tell(0);
+  EXPECT_TRUE(runUntil([&] { return tips() == std::vector<std::string>{"", ""}; }));
+}
+
 TEST_F(PluginMenu, AnAnswerBelongsToItsOwnSelectionAlone) {
   extension->menus[url("old")] = {true, true};
   extension->menus[url("new")] = {false, true};
   extension->hold("GetMenu");
   manager.plugin->menu({path("old")});
   manager.plugin->menu({path("new")});
-  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("GetMenu") == 2; }));
+  ASSERT_TRUE(waitForHeld("GetMenu", 2));
   manager.changedMenus.clear();
   extension->release("GetMenu");
   ASSERT_TRUE(runUntil([&] { return manager.menuChanges == 2; }));
@@ -68,7 +91,7 @@ TEST_F(PluginMenu, AnAnswerBelongsToItsOwnSelectionAlone) {
   EXPECT_EQ(enabled(manager.plugin->menu({path("new"), path("old")})), "00000") << "another selection";
 }
 
-TEST_F(PluginMenu, WhoComesBackToASelectionIsShownItsLastAnswerAtOnceAndTheNextWhenItComes) {
+TEST_F(PluginMenu, AFormerSelectionShowsItsLastAnswerAtOnceAndTheNextWhenItComes) {
   extension->menus[url("a")] = {true, true};
   select("a");
   select("b");
@@ -92,17 +115,17 @@ TEST_F(PluginMenu, OnlyTheLastFewSelectionsAreRemembered) {
   EXPECT_EQ(enabled(manager.plugin->menu({path("0")})), "00000");
 }
 
-TEST_F(PluginMenu, ASelectionThatFoundNoRoomIsAskedForThoughNothingIsSelectedMeanwhile) {
+TEST_F(PluginMenu, ASelectionThatWaitsForRoomIsRequestedThoughNothingIsSelectedMeanwhile) {
   extension->hold("GetMenu");
   for (int i = 0; i < 5; ++i) manager.plugin->menu({path(std::to_string(i))});
   manager.plugin->menu({});
-  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("GetMenu") == 4; }));
+  ASSERT_TRUE(waitForHeld("GetMenu", 4));
   extension->menus[url("4")] = {true, true};
   extension->release("GetMenu");
   ASSERT_TRUE(runUntil([&] { return enabled(manager.plugin->menu({path("4")})) == "11"; }));
 }
 
-TEST_F(PluginMenu, NoAnswerIsRememberedWhenTheSyncedFolderIsAnotherNow) {
+TEST_F(PluginMenu, AnswersAreForgottenWhenTheSyncedFolderChanges) {
   extension->menus[url("a")] = {true, true};
   select("a");
   select("b");
@@ -117,10 +140,10 @@ TEST_F(PluginMenu, NoAnswerIsRememberedWhenTheSyncedFolderIsAnotherNow) {
   EXPECT_EQ(enabled(manager.plugin->menu({path("a")})), "00000");
 }
 
-TEST_F(PluginMenu, OfManySelectionsPassedQuicklyFewAreAskedAndTheLastOneIsAnswered) {
+TEST_F(PluginMenu, FewOfManyQuickSelectionsAreRequestedAndTheLastOneIsAnswered) {
   extension->hold("GetMenu");
   for (int i = 0; i < 100; ++i) manager.plugin->menu({path(std::to_string(i))});
-  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("GetMenu") == 4; }));
+  ASSERT_TRUE(waitForHeld("GetMenu", 4));
   extension->menus[url("99")] = {true, false};
   extension->release("GetMenu");
   ASSERT_TRUE(runUntil([&] { return manager.menuChanges == 1; }));
@@ -131,7 +154,7 @@ TEST_F(PluginMenu, OfManySelectionsPassedQuicklyFewAreAskedAndTheLastOneIsAnswer
 TEST_F(PluginMenu, AnExtensionThatHangsLeavesTheEntriesGreyed) {
   extension->hold("GetMenu");
   for (int i = 0; i < 100; ++i) EXPECT_EQ(enabled(manager.plugin->menu({path(std::to_string(i))})), "00000");
-  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("GetMenu") == 4; }));
+  ASSERT_TRUE(waitForHeld("GetMenu", 4));
   EXPECT_EQ(manager.menuChanges, 0);
 }
 
@@ -181,7 +204,7 @@ TEST_F(PluginMenu, AnAnswerLikeTheOneShownChangesNothing) {
   EXPECT_EQ(manager.menuChanges, 1);
 }
 
-TEST_F(PluginMenu, ARefusedQuestionIsAskedAgainWithTheNextLook) {
+TEST_F(PluginMenu, ARefusedRequestIsRetriedWithTheNextMenu) {
   extension->refusals["GetMenu"] = "Busy";
   extension->menus[url("a")] = {true, true};
   manager.plugin->menu({path("a")});
@@ -212,13 +235,13 @@ TEST_F(PluginMenu, TheEntriesStayWhenTheExtensionEndsAndAreAskedForWhenAnotherOn
   extension.reset();
   settle();
   EXPECT_EQ(enabled(manager.plugin->menu({path("a")})), "10");
-  EXPECT_EQ(enabled(manager.plugin->menu({path("b")})), "00000") << "where the synced folder is is still known";
+  EXPECT_EQ(enabled(manager.plugin->menu({path("b")})), "00000") << "the synced folder is still known";
   startExtension();
   extension->menus[url("b")] = {false, true};
   EXPECT_TRUE(runUntil([&] { return enabled(manager.plugin->menu({path("b")})) == "01"; }));
 }
 
-TEST_F(PluginMenu, TheFileManagerIsToldWhenASelectionComesToLieInTheSyncedFolder) {
+TEST_F(PluginMenu, TheFileManagerIsNotifiedWhenASelectionIsInsideTheNewSyncedFolder) {
   makePlugin();
   extension->menus[url("a")] = {true, true};
   EXPECT_THAT(manager.plugin->menu({path("a")}), IsEmpty()) << "it is not known yet where that is";

@@ -2,6 +2,8 @@
 
 #include <filesystem>
 
+#include "support/BusClient.hpp"
+
 namespace vornet::test {
 
 int PluginTest::logLines = 0;
@@ -34,26 +36,18 @@ PluginTest::~PluginTest() {
   EXPECT_EQ(manager.contradictions, 0);
 }
 
-std::shared_ptr<GVariant> PluginTest::callBus(const char* method) const {
-  GDBusConnection* caller = g_dbus_connection_new_for_address_sync(
-      bus.address().c_str(),
-      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-      nullptr, nullptr, nullptr);
-  GVariant* values =
-      g_dbus_connection_call_sync(caller, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                                  method, nullptr, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
+GVariantPtr PluginTest::callBus(const char* method) const {
+  const auto caller = connectToBus(bus.address());
+  GVariantPtr values(g_dbus_connection_call_sync(caller.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                 "org.freedesktop.DBus", method, nullptr, nullptr,
+                                                 G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr));
   EXPECT_TRUE(values) << method;
-  g_dbus_connection_close_sync(caller, nullptr, nullptr);
-  g_object_unref(caller);
-  return {values, g_variant_unref};
+  g_dbus_connection_close_sync(caller.get(), nullptr, nullptr);
+  return values;
 }
 
 std::size_t PluginTest::busNames() const {
-  GVariant* names = g_variant_get_child_value(callBus("ListNames").get(), 0);
-  const std::size_t count = g_variant_n_children(names);
-  g_variant_unref(names);
-  return count;
+  return g_variant_n_children(childOf(callBus("ListNames").get(), 0).get());
 }
 
 }  // namespace vornet::test

@@ -2,19 +2,21 @@
 
 #include <gmock/gmock.h>
 
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <string>
 
-#include "FakeFileManager.hpp"
 #include "client/Paths.hpp"
 #include "support/Environment.hpp"
 #include "support/FakeExtension.hpp"
+#include "support/FakeFileManager.hpp"
+#include "support/MainContext.hpp"
 #include "support/PrivateBus.hpp"
 
 namespace vornet::test {
 
-/// A plug-in on a bus of its own, with a file manager and an extension that do what a test says.
+/// A plug-in on a private bus, with a file manager and an extension that do what a test says.
 class PluginTest : public testing::Test {
  protected:
   PluginTest();
@@ -31,6 +33,21 @@ class PluginTest : public testing::Test {
   std::string path(const std::string& name) const { return name.empty() ? root : root + "/" + name; }
   std::string url(const std::string& name) const { return client::urlOfPath(path(name)); }
 
+  /// A window comes to show the root, with an item that is known to be synced.
+  void showSynced(const std::string& name) {
+    extension->badges[url(name)] = "SYNCED";
+    manager.plugin->folderShown(root);
+    manager.show(path(name));
+    ASSERT_TRUE(waitForEmblem(name, SYNCED));
+  }
+
+  /// How many items the extension has been asked for.
+  std::size_t asked() const {
+    std::size_t sum = 0;
+    for (const auto& request : extension->badgeRequests) sum += request.size();
+    return sum;
+  }
+
   bool waitForEmblem(const std::string& name, const std::string& emblem) {
     return runUntil([&] { return manager.emblem(path(name)) == emblem; });
   }
@@ -38,8 +55,17 @@ class PluginTest : public testing::Test {
     return runUntil([&] { return extension->observed.size() == count; });
   }
 
-  /// Calls a method of the bus itself, which has done it when this returns. Its values.
-  std::shared_ptr<GVariant> callBus(const char* method) const;
+  bool waitForHeld(const std::string& method, std::size_t count = 1) {
+    return runUntil([&] { return extension->heldCalls(method) == count; });
+  }
+  /// Runs the file manager for `time`.
+  static void pass(std::chrono::milliseconds time) {
+    const auto end = std::chrono::steady_clock::now() + time;
+    ASSERT_TRUE(runUntil([&] { return std::chrono::steady_clock::now() > end; }));
+  }
+
+  /// Calls a method of the bus itself and waits until it is done. Its values.
+  GVariantPtr callBus(const char* method) const;
 
   /// How many names there are on the bus.
   std::size_t busNames() const;

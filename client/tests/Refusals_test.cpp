@@ -1,4 +1,4 @@
-// What the extension refuses, fails at, or has no room for, is asked for again.
+// The client retries what the extension refuses, fails at, or has no room for.
 #include "PluginTest.hpp"
 
 namespace vornet::test {
@@ -34,7 +34,7 @@ class PluginRefusedBatches : public PluginRefusals, public testing::WithParamInt
 TEST_P(PluginRefusedBatches, AreAskedForAgainUntilTheyAreAnswered) {
   extension->refusals["RequestBadges"] = GetParam();
   show(1200);
-  ASSERT_TRUE(runUntil([&] { return extension->badgeRequests.size() >= 5; })) << "more than what was under way";
+  ASSERT_TRUE(runUntil([&] { return extension->badgeRequests.size() >= 5; })) << "more than were in flight";
   EXPECT_EQ(manager.withEmblem(SYNCED), 0u);
   extension->refusals.clear();
   EXPECT_TRUE(waitForAll(1200));
@@ -47,7 +47,7 @@ INSTANTIATE_TEST_SUITE_P(Errors, PluginRefusedBatches,
 
 class PluginOverload : public PluginRefusals, public testing::WithParamInterface<const char*> {};
 
-TEST_P(PluginOverload, IsMetWithAPauseAndTheSameBatches) {
+TEST_P(PluginOverload, PausesRequestsAndRepeatsTheSameBatches) {
   extension->refusals["RequestBadges"] = GetParam();
   show(1000);
   ASSERT_TRUE(runUntil([&] { return extension->badgeRequests.size() >= 4; }));
@@ -77,8 +77,8 @@ TEST_F(PluginRefusals, AnswersOfAnotherTypeOrLengthAreAskedForAgain) {
   EXPECT_EQ(logLines, 0);
 }
 
-TEST_F(PluginRefusals, AnExtensionThatKeepsFailingIsAskedEverMoreSeldom) {
-  // The waits: 20, 40, 80, 160, 160, … ms; after each, one batch for each of the four that may be under way at most.
+TEST_F(PluginRefusals, AnExtensionThatKeepsFailingIsRetriedWithBackoff) {
+  // The waits: 20, 40, 80, 160, 160, … ms; after each, at most one batch for each of the four that may be in flight.
   extension->refusals["RequestBadges"] = "Failed";
   show(1);
   const auto moment = [] { return std::chrono::steady_clock::now(); };
@@ -92,22 +92,22 @@ TEST_F(PluginRefusals, AnExtensionThatKeepsFailingIsAskedEverMoreSeldom) {
   EXPECT_EQ(extension->badgeRequests.size(), 5u);
 }
 
-TEST_F(PluginRefusals, AnExtensionThatFailsWithManyItemsIsNotPressed) {
+TEST_F(PluginRefusals, AnExtensionThatFailsWithManyItemsGetsFewRequests) {
   makePlugin({.firstRetry = std::chrono::seconds(60), .lastRetry = std::chrono::seconds(60)});
   extension->refusals["RequestBadges"] = "Failed";
   show(5000);
   ASSERT_TRUE(runUntil([&] { return extension->badgeRequests.size() == 10; })) << "each batch once";
-  manager.plugin->menu({path("0")});  // its answer comes after whatever else was going to be asked
+  manager.plugin->menu({path("0")});  // its answer comes after any other that is due
   ASSERT_TRUE(runUntil([&] { return manager.menuChanges > 0; }));
   settle();
   EXPECT_EQ(extension->badgeRequests.size(), 10u);
 }
 
-TEST_F(PluginRefusals, AfterASuccessTheFirstWaitIsTheShortestAgain) {
+TEST_F(PluginRefusals, ASuccessResetsTheBackoff) {
   makePlugin({.firstRetry = milliseconds(20), .lastRetry = std::chrono::seconds(60)});
-  const auto failTimes = [&](const std::string& name, std::size_t times) {
+  const auto failTimes = [&](const char* error, const std::string& name, std::size_t times) {
     const auto before = extension->badgeRequests.size();
-    extension->refusals["RequestBadges"] = "Failed";
+    extension->refusals["RequestBadges"] = error;
     extension->badges[url(name)] = "SYNCED";
     manager.show(path(name));
     ASSERT_TRUE(runUntil([&] { return extension->badgeRequests.size() >= before + times; }));
@@ -116,7 +116,20 @@ TEST_F(PluginRefusals, AfterASuccessTheFirstWaitIsTheShortestAgain) {
   };
   manager.plugin->folderShown(root);
   // Eight failures without a reset in between would already wait for five seconds; sixteen for twenty minutes.
-  for (int i = 0; i < 8; ++i) failTimes(std::to_string(i), 2);
+  for (const char* error : {"Failed", "Busy"})
+    for (int i = 0; i < 8; ++i) failTimes(error, error + std::to_string(i), 2);
+}
+
+TEST_F(PluginRefusals, AFolderThatIsObservedResetsTheBackoff) {
+  makePlugin({.firstRetry = milliseconds(20), .lastRetry = std::chrono::seconds(60)});
+  for (std::size_t i = 1; i <= 8; ++i) {  // as above
+    const auto before = extension->count("BeginObserving");
+    extension->refusals["BeginObserving"] = "Busy";
+    manager.plugin->folderShown(path(std::to_string(i)));
+    ASSERT_TRUE(runUntil([&] { return extension->count("BeginObserving") >= before + 2; }));
+    extension->refusals.clear();
+    ASSERT_TRUE(waitForObserved(i));
+  }
 }
 
 TEST_F(PluginRefusals, AnItemThatMakesTheExtensionRefuseItsBatchCostsNoOtherItsBadge) {
@@ -126,7 +139,7 @@ TEST_F(PluginRefusals, AnItemThatMakesTheExtensionRefuseItsBatchCostsNoOtherItsB
   EXPECT_EQ(manager.emblem(path("17")), "");
   const auto requests = extension->badgeRequests.size();
   EXPECT_LE(requests, 60u) << "by halves";
-  // Alone, they are not asked for again.
+  // Alone, they are not requested again.
   for (int i = 0; i < 30; ++i) {
     const auto before = manager.menuChanges;
     extension->menus[url(std::to_string(i))] = {true, true};
@@ -140,8 +153,8 @@ TEST_F(PluginRefusals, AnItemThatTheExtensionFailsAtCostsNoOtherItsBadge) {
   makePlugin({.firstRetry = milliseconds(5), .lastRetry = milliseconds(40)});
   show(600);
   extension->hold("RequestBadges");
-  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("RequestBadges") == 2; }));
-  // Whatever holds item 17 fails in another way than by calling it invalid.
+  ASSERT_TRUE(waitForHeld("RequestBadges", 2));
+  // Batches with item 17 fail with another error than the one for an invalid item.
   extension->nonsense["RequestBadges"] = [this]() -> GVariant* {
     const auto& items = extension->answering;
     if (std::find(items.begin(), items.end(), url("17")) != items.end()) return g_variant_new("(s)", "nonsense");
@@ -155,7 +168,7 @@ TEST_F(PluginRefusals, AnItemThatTheExtensionFailsAtCostsNoOtherItsBadge) {
   EXPECT_EQ(manager.emblem(path("17")), "");
 }
 
-TEST_F(PluginRefusals, WhatFailedIsForgottenWithItsFolder) {
+TEST_F(PluginRefusals, FailedBatchesAreForgottenWithTheirFolder) {
   extension->refusals["RequestBadges"] = "Failed";
   show(10);
   ASSERT_TRUE(runUntil([&] { return extension->badgeRequests.size() >= 2; }));
@@ -192,7 +205,7 @@ TEST_F(PluginRefusals, ALateRefusalOfAFolderThatHasLeftTheScreenDoesNotCountWhen
   extension->refusals["BeginObserving"] = "NotAFolder";
   extension->hold("BeginObserving");
   manager.plugin->folderShown(root);
-  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("BeginObserving") == 1; }));
+  ASSERT_TRUE(waitForHeld("BeginObserving"));
   manager.plugin->folderHidden(root);
   manager.plugin->folderShown(root);
   manager.show(path("a"));
@@ -206,6 +219,7 @@ TEST_F(PluginRefusals, ALateRefusalOfAFolderThatHasLeftTheScreenDoesNotCountWhen
 class PluginUnobserved : public PluginTest {
  protected:
   PluginUnobserved() {
+    EXPECT_EQ(client::Plugin::Options().unobservedRefresh, std::chrono::seconds(5));  // in the file managers
     makePlugin({.unobservedRefresh = milliseconds(50)});
     startExtension();
     extension->places = 1;
@@ -219,7 +233,7 @@ class PluginUnobserved : public PluginTest {
   std::size_t begun() const { return extension->count("BeginObserving"); }
 };
 
-TEST_F(PluginUnobserved, TheirBadgesAppearAndAreKeptRightByAsking) {
+TEST_F(PluginUnobserved, TheirBadgesAppearAndAreUpdatedByRequests) {
   EXPECT_TRUE(waitForEmblem("second/a", SYNCED));
   extension->badges[url("second/a")] = "PENDING";  // no signal
   EXPECT_TRUE(waitForEmblem("second/a", PENDING));
@@ -230,7 +244,7 @@ TEST_F(PluginUnobserved, TheirBadgesAppearAndAreKeptRightByAsking) {
   EXPECT_EQ(manager.redraws(path("second/a")), 2u);
 }
 
-TEST_F(PluginUnobserved, TheyAreObservedWhenAPlaceBecomesFreeAndAskedForNoMore) {
+TEST_F(PluginUnobserved, TheyAreObservedWhenAPlaceBecomesFreeAndNoLongerRequested) {
   manager.plugin->folderShown(path("second"));  // two windows
   ASSERT_TRUE(waitForEmblem("second/a", SYNCED));
   extension->places = 3;
@@ -239,24 +253,23 @@ TEST_F(PluginUnobserved, TheyAreObservedWhenAPlaceBecomesFreeAndAskedForNoMore) 
   extension->sendChanges({{url("second/a"), "PENDING"}});
   ASSERT_TRUE(waitForEmblem("second/a", PENDING));
   extension->calls.clear();
-  const auto later = std::chrono::steady_clock::now() + milliseconds(200);
-  ASSERT_TRUE(runUntil([&] { return std::chrono::steady_clock::now() > later; })) << "four times the pace";
-  EXPECT_LE(extension->calls.size(), 2u) << "those that were under way";
+  pass(milliseconds(200));  // four times the pace
+  EXPECT_LE(extension->calls.size(), 2u) << "those in flight";
   manager.plugin->folderHidden(path("second"));
   manager.plugin->folderHidden(path("second"));
-  EXPECT_TRUE(waitForObserved(1)) << "ended as often as begun";
+  EXPECT_TRUE(waitForObserved(1)) << "an observation did not end";
 }
 
 TEST_F(PluginUnobserved, TheyAreAskedForWhileObservingIsNotAnswered) {
   ASSERT_TRUE(waitForEmblem("second/a", SYNCED));
   extension->hold("BeginObserving");
-  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("BeginObserving") == 1; }));
+  ASSERT_TRUE(waitForHeld("BeginObserving"));
   const auto asked = extension->badgeRequests.size();
   ASSERT_TRUE(runUntil([&] { return extension->badgeRequests.size() >= asked + 2; }));
   EXPECT_EQ(extension->heldCalls("BeginObserving"), 1u) << "not repeated";
 }
 
-TEST_F(PluginUnobserved, WhatChangedBeforeTheyWereObservedIsAskedForThen) {
+TEST_F(PluginUnobserved, ChangesFromBeforeTheyWereObservedAreRequestedThen) {
   manager.plugin->folderHidden(path("first"));
   manager.plugin->folderHidden(path("second"));
   ASSERT_TRUE(waitForObserved(0));
@@ -268,10 +281,10 @@ TEST_F(PluginUnobserved, WhatChangedBeforeTheyWereObservedIsAskedForThen) {
   ASSERT_TRUE(waitForEmblem("second/a", SYNCED));
   extension->hold("BeginObserving");
   const auto asked = extension->badgeRequests.size();
-  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("BeginObserving") == 1; }));
+  ASSERT_TRUE(waitForHeld("BeginObserving"));
   ASSERT_TRUE(runUntil([&] { return extension->badgeRequests.size() > asked; }));
   settle();
-  extension->badges[url("second/a")] = "PENDING";  // nobody is told, and it was asked for just now
+  extension->badges[url("second/a")] = "PENDING";  // without a signal, and it was requested just now
   extension->places = 2;
   extension->release("BeginObserving");
   EXPECT_TRUE(waitForEmblem("second/a", PENDING));
@@ -283,12 +296,11 @@ TEST_F(PluginUnobserved, TheyAreLeftAloneWhenTheyLeaveTheScreen) {
   EXPECT_EQ(FakeFileManager::keptItems(), 0u);
   settle();
   extension->calls.clear();
-  const auto later = std::chrono::steady_clock::now() + milliseconds(200);
-  ASSERT_TRUE(runUntil([&] { return std::chrono::steady_clock::now() > later; })) << "four times the pace";
-  EXPECT_LE(extension->calls.size(), 2u) << "those that were under way";
+  pass(milliseconds(200));  // four times the pace
+  EXPECT_LE(extension->calls.size(), 2u) << "those in flight";
 }
 
-TEST_F(PluginUnobserved, AnotherExtensionIsToldToObserveThemAtOnce) {
+TEST_F(PluginUnobserved, ANewExtensionObservesThemAtOnce) {
   ASSERT_TRUE(waitForEmblem("second/a", SYNCED));
   extension.reset();
   startExtension();

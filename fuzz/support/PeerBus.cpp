@@ -19,18 +19,17 @@ PeerBus::PeerBus(GMainContext* context) : context_(context) {
   require(::mkdtemp(folder.data()) != nullptr, "a folder can be made");
   std::atexit([] { std::filesystem::remove_all(folder); });
   g_main_context_push_thread_default(context_);  // connections are accepted there
-  gchar* guid = g_dbus_generate_guid();
-  GDBusServer* server = g_dbus_server_new_sync(("unix:path=" + folder + "/bus").c_str(),
-                                               G_DBUS_SERVER_FLAGS_RUN_IN_THREAD, guid, nullptr, nullptr, nullptr);
-  g_free(guid);
+  const GCharPtr guid(g_dbus_generate_guid());
+  GDBusServer* server =
+      g_dbus_server_new_sync(("unix:path=" + folder + "/bus").c_str(), G_DBUS_SERVER_FLAGS_RUN_IN_THREAD, guid.get(),
+                             nullptr, nullptr, nullptr);
   require(server != nullptr, "a socket can be made");
   address_ = g_dbus_server_get_client_address(server);
   const auto arrived = +[](GDBusServer*, GDBusConnection* connection, gpointer self) -> gboolean {
     auto& bus = *static_cast<PeerBus*>(self);
     {
       const std::lock_guard guard(bus.mutex_);
-      g_clear_object(&bus.connection_);
-      bus.connection_ = G_DBUS_CONNECTION(g_object_ref(connection));
+      bus.connection_.reset(G_DBUS_CONNECTION(g_object_ref(connection)));
       bus.calls_.clear();
     }
     const auto filter = +[](GDBusConnection* from, GDBusMessage* message, gboolean incoming, gpointer data) {
@@ -59,6 +58,8 @@ void PeerBus::reset() {
 }
 
 void PeerBus::restart() {
+  // GDBus keeps a connection that its client has closed until it has reported the end on this context.
+  while (g_main_context_iteration(nullptr, FALSE)) continue;
   reset();
   const std::lock_guard guard(mutex_);
   process_ = ":1." + std::to_string(++processes_);
@@ -87,14 +88,13 @@ void PeerBus::send(const char* interface, const char* signal, GVariant* values, 
 
 void PeerBus::sendSignal(const char* sender, const char* path, const char* interface, const char* signal,
                          GVariant* values) {
-  GDBusMessage* message = g_dbus_message_new_signal(path, interface, signal);
-  g_dbus_message_set_sender(message, sender);
-  g_dbus_message_set_body(message, values);
-  g_dbus_connection_send_message(connection_, message, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
-  g_object_unref(message);
+  const GObjectPtr<GDBusMessage> message(g_dbus_message_new_signal(path, interface, signal));
+  g_dbus_message_set_sender(message.get(), sender);
+  g_dbus_message_set_body(message.get(), values);
+  g_dbus_connection_send_message(connection_.get(), message.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
 }
 
-/// What the bus itself answers, or the extension; null for an error.
+/// The answer of the bus itself, or of the extension; null for an error.
 GVariant* PeerBus::answer(const std::string& method, GVariant* arguments) {
   if (method == "Hello") return g_variant_new("(s)", CLIENT);
   if (method == "GetNameOwner") return g_variant_new("(s)", process_.c_str());
@@ -105,25 +105,24 @@ GVariant* PeerBus::answer(const std::string& method, GVariant* arguments) {
 
 void PeerBus::take(GDBusConnection* connection, GDBusMessage* call) {
   const std::lock_guard guard(mutex_);
-  if (connection != connection_) return;
+  if (connection != connection_.get()) return;
   const std::string method = g_dbus_message_get_member(call);
   const char* destination = g_dbus_message_get_destination(call);
   isKnown_ = isKnown_ || g_strcmp0(destination, process_.c_str()) == 0;
   if (isKnown_) ++calls_[method];
-  // GDBus asks for no answer to AddMatch in words, but ignores it.
+  // GDBus ignores the answer to AddMatch without saying so.
   if ((g_dbus_message_get_flags(call) & G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED) != 0 || method.ends_with("Match"))
     return;
-  GDBusMessage* reply = nullptr;
+  GObjectPtr<GDBusMessage> reply;
   if (GVariant* values = answer(method, g_dbus_message_get_body(call))) {
-    reply = g_dbus_message_new_method_reply(call);
-    g_dbus_message_set_body(reply, values);
+    reply.reset(g_dbus_message_new_method_reply(call));
+    g_dbus_message_set_body(reply.get(), values);
   } else {
-    reply = g_dbus_message_new_method_error_literal(
-        call, (std::string(dbus::ERROR_PREFIX) + dbus::error::FAILED).c_str(), "refused");
+    reply.reset(g_dbus_message_new_method_error_literal(
+        call, (std::string(dbus::ERROR_PREFIX) + dbus::error::FAILED).c_str(), "refused"));
   }
-  g_dbus_message_set_sender(reply, g_strcmp0(destination, BUS) == 0 ? BUS : process_.c_str());
-  g_dbus_connection_send_message(connection, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
-  g_object_unref(reply);
+  g_dbus_message_set_sender(reply.get(), g_strcmp0(destination, BUS) == 0 ? BUS : process_.c_str());
+  g_dbus_connection_send_message(connection, reply.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
   g_main_context_wakeup(context_);
 }
 

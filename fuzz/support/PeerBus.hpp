@@ -8,10 +8,12 @@
 #include <string>
 #include <vector>
 
+#include "dbus/GLibPtr.hpp"
+
 namespace vornet::fuzz {
 
-/// A message bus with the extension behind it, both in this process: a connection to address() speaks to this object,
-/// which answers as it is told. Any thread; calls are answered on GLib's own.
+/// A message bus with the extension behind it, both in this process, at address(). It answers as on() says. Any thread;
+/// calls are answered on GLib's own.
 class PeerBus {
  public:
   /// Arguments -> the values to answer with, of any type; null refuses the call.
@@ -27,15 +29,16 @@ class PeerBus {
   /// Forgets answers and calls.
   void reset();
 
-  /// The same, and another process of the extension takes the place of the one before. Who is connected is told by
-  /// start(); until it has spoken to the new process its calls are refused and not counted.
+  /// The same, and a new process of the extension replaces the last one. start() reports it to a connected client,
+  /// whose calls are refused and not counted until it has called the new process. Runs the default main context: the
+  /// connections of clients that have gone are freed there.
   void restart();
 
   /// From now on the extension answers calls of `method` by `answer`, which must not call this object. Calls of other
   /// methods are refused.
   void on(const std::string& method, Answer answer);
 
-  /// Tells whoever is connected that the extension is another process now; what connects later finds that one.
+  /// Reports the new process to a connected client; clients that connect later find it anyway.
   void start();
 
   /// How often `method` was called and answered.
@@ -55,10 +58,10 @@ class PeerBus {
   std::string address_;
   std::map<std::string, Answer> answers_;
   std::map<std::string, std::size_t> calls_;
-  GDBusConnection* connection_ = nullptr;
+  GObjectPtr<GDBusConnection> connection_;
   unsigned processes_ = 1;
   std::string process_ = ":1.1";  ///< the unique name of the one that runs
-  bool isKnown_ = false;          ///< the other side has spoken to it; before, its calls are meant for the last one
+  bool isKnown_ = false;          ///< the other side has called it; before, its calls are meant for the last one
 };
 
 }  // namespace vornet::fuzz

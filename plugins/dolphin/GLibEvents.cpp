@@ -33,8 +33,8 @@ bool GLibEvents::needed() {
 }
 
 GLibEvents::GLibEvents()
-    // Nobody owns the context while Qt waits for it; it is to wake the descriptors up then as well.
-    : context_(g_main_context_new_with_flags(G_MAIN_CONTEXT_FLAGS_OWNERLESS_POLLING), g_main_context_unref) {
+    // Nobody owns the context while Qt waits for it; it must wake up then as well.
+    : context_(g_main_context_new_with_flags(G_MAIN_CONTEXT_FLAGS_OWNERLESS_POLLING)) {
   timer_.setSingleShot(true);
   timer_.setTimerType(Qt::PreciseTimer);
   connect(&timer_, &QTimer::timeout, this, &GLibEvents::run);
@@ -52,7 +52,7 @@ void GLibEvents::run() {
   g_poll(descriptors.data(), static_cast<guint>(descriptors.size()), 0);
   if (g_main_context_check(context_.get(), priority, descriptors.data(), static_cast<gint>(descriptors.size())))
     g_main_context_dispatch(context_.get());
-  // What the next round will find ready at once is left to it: Qt's own events come in between.
+  // Sources that are ready at once wait for the next round, so that Qt's events come in between.
   const bool ready = g_main_context_prepare(context_.get(), &priority);
   descriptors = query(context_.get(), priority, timeout);
   g_main_context_release(context_.get());

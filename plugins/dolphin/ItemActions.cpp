@@ -11,13 +11,13 @@
 #include <utility>
 
 #include "Session.hpp"
-#include "client/Guarded.hpp"
+#include "client/Log.hpp"
 
 namespace vornet::dolphin {
 namespace {
 
-/// The entries in one menu, for the selection that it was opened for. When the answer comes while it is open, they
-/// change where they are. Main thread.
+/// The entries in one menu, for the selection that it was opened for. They change in place when the answer comes while
+/// the menu is open. Main thread.
 class ItemMenu : public QObject {
  public:
   /// `selection` is not empty.
@@ -46,6 +46,7 @@ class ItemMenu : public QObject {
       action->setData(QString::fromStdString(entry.action));
       action->setIcon(entry.icon.empty() ? QIcon() : QIcon::fromTheme(QString::fromStdString(entry.icon)));
       action->setEnabled(entry.enabled);
+      action->setToolTip(QString::fromStdString(entry.tip));
       action->setVisible(true);
       ++used;
     }

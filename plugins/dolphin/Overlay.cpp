@@ -2,7 +2,7 @@
 #include <QPointer>
 
 #include "Session.hpp"
-#include "client/Guarded.hpp"
+#include "client/Log.hpp"
 
 namespace vornet::dolphin {
 

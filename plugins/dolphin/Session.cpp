@@ -7,7 +7,7 @@
 
 #include "GLibEvents.hpp"
 #include "Views.hpp"
-#include "client/Guarded.hpp"
+#include "client/Log.hpp"
 #include "client/MainLoop.hpp"
 #include "client/Plugin.hpp"
 
@@ -15,7 +15,7 @@ namespace vornet::dolphin {
 
 namespace {
 
-// Items asked for between two looks at the clock.
+// Items requested between two looks at the clock.
 constexpr int STEP = 16;
 
 QStringList listOf(const std::string& icon) {
@@ -76,7 +76,7 @@ void Session::redraw(const QUrl& url, const QStringList& icons) {
   if (views_->show(url)) Q_EMIT overlaysChanged(url, icons);
 }
 
-/// In Dolphin's place, which goes on showing the emblems that these items had.
+/// Asks on behalf of Dolphin, which goes on showing the old emblems of these items.
 void Session::askAgain(const QList<QUrl>& items) {
   work_->add([this, items, next = 0]() mutable {
     for (int i = 0; i < STEP && next < items.size(); ++i, ++next) redraw(items[next], overlays(items[next]));

@@ -9,7 +9,6 @@
 #include <string>
 
 #include "client/FileManager.hpp"
-#include "client/Menu.hpp"
 
 #ifdef VORNET_DOLPHIN_LIBRARY
 #define VORNET_DOLPHIN_API Q_DECL_EXPORT

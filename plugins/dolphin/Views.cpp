@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "client/Guarded.hpp"
+#include "client/Log.hpp"
 
 namespace vornet::dolphin {
 namespace {
@@ -68,7 +68,7 @@ class View : public QObject {
  public:
   /// Both outlive it.
   View(QWidget& widget, client::Plugin& plugin);
-  /// Lets go of what it holds.
+  /// Closes the folders that it holds.
   ~View() override;
 
   /// The widget was shown or hidden.
@@ -78,9 +78,9 @@ class View : public QObject {
   QUrl url() const;
   const QWidget& widget() const { return widget_; }
 
-  /// Whether it lists a folder that holds the item at `url`, be it hidden.
+  /// True if it lists a folder that holds the item at `url`, even while hidden.
   bool lists(const QUrl& url) const;
-  /// Whether the item at `url` is a result of the search whose results it shows on screen.
+  /// True if the item at `url` is a result of the search whose results it shows on screen.
   bool showsResult(const QUrl& url) const;
 
   /// The emblem of the item at `url`, which no view lists, was asked for.
@@ -97,11 +97,11 @@ class View : public QObject {
   void onSelectionChanged(const KFileItemList& items);
 
  private:
-  /// Whether it shows the results of a search, which lie in folders that it does not list.
+  /// True if it shows the results of a search, which are in folders that it does not list.
   bool showsResults() const;
   void findListers();
   void follow(KCoreDirLister& lister);
-  /// Compares soon, once whatever goes on now is over.
+  /// Compares soon, after the event that is being handled.
   void compareSoon();
   void compare();
   std::multiset<std::string> listedFolders() const;
@@ -114,7 +114,7 @@ class View : public QObject {
   std::multiset<std::string> folders_;  ///< as reported to the library
   bool shows_ = false;                  ///< on screen, as reported to the library
   QSet<QUrl> results_;                  ///< results of a search whose emblems were asked for since they were listed
-  bool comparing_ = false;              ///< soon
+  bool comparing_ = false;              ///< a comparison is due
 };
 
 View::View(QWidget& widget, client::Plugin& plugin)
@@ -151,7 +151,7 @@ bool View::showsResults() const {
 }
 
 bool View::showsResult(const QUrl& url) const {
-  // They are not found by the folders that they lie in.
+  // The results are not in a folder that it lists.
   return widget_.isVisible() && results_.contains(url) && showsResults();
 }
 
@@ -162,6 +162,7 @@ void View::askedForResult(const QUrl& url) {
 void View::onURLChanged(const QUrl& url) {
   client::guarded([&] {
     url_ = url;
+    if (const auto path = pathOf(url); widget_.isVisible() && !path.empty()) plugin_.folderExpected(path);
     compareSoon();
   });
 }
@@ -228,7 +229,7 @@ std::multiset<std::string> View::listedFolders() const {
   return folders;
 }
 
-/// What comes before what goes: a folder that is in both does not leave the screen in between.
+/// Adds before it removes, so that a folder in both sets does not leave the screen in between.
 void View::report(std::multiset<std::string> folders, bool visible) {
   std::vector<std::string> come;
   std::vector<std::string> gone;
@@ -301,7 +302,7 @@ bool Views::eventFilter(QObject* object, QEvent* event) {
   return QObject::eventFilter(object, event);
 }
 
-/// Its constructor may be at work still.
+/// Its constructor may still be running.
 void Views::findSoon(QWidget& widget) {
   const auto find = [this, found = QPointer<QWidget>(&widget)] {
     client::guarded([&] {

@@ -16,8 +16,8 @@ namespace vornet::dolphin {
 
 class View;
 
-/// The path of a file URL of this machine, as the disk has it, without "/" at its end; "" for any other URL. Qt's texts
-/// cannot hold a file name that is not UTF-8: Dolphin has another name in its place, which no file bears.
+/// The path of a file URL of this machine, with the bytes that it has on disk, without "/" at its end; "" for any other
+/// URL. Qt's texts cannot hold a file name that is not UTF-8: Dolphin shows another name instead, which no file has.
 std::string pathOf(const QUrl& url);
 
 /// The paths of selected items, at most one more than the plug-ins' library reads; empty when one of them has no path.
@@ -34,14 +34,14 @@ class Views : public QObject {
   /// Hides what they show.
   ~Views() override;
 
-  /// Whether some view shows the item at `url`, or a hidden one keeps it with its emblem. In a program that has no such
-  /// view: whether it was on screen until lately.
+  /// True if some view shows the item at `url`, or a hidden one keeps it with its emblem. In a program that has no such
+  /// view: if it was on screen recently.
   bool show(const QUrl& url) const;
 
   /// The emblem of the item at `url` was asked for.
   void asked(const QUrl& url);
 
-  /// Whether a menu in the window of `parent` for the folder at `url` alone is that of a view's background: the view in
+  /// True if a menu in the window of `parent` for the folder at `url` alone is that of a view's background: the view in
   /// use shows that very folder, so that it cannot be an item in it.
   bool isBackground(const QUrl& url, const QWidget* parent) const;
 

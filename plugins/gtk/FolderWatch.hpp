@@ -11,12 +11,11 @@
 
 namespace vornet::gtk {
 
-/// Reports which folders come on screen and leave it. How, each file manager's own source file knows:
-/// FolderWidgets.cpp or NautilusWindows.cpp. A folder is on screen while the active tab of a window, or a pane of it,
-/// shows it. The main thread's.
+/// Reports which folders come on screen and leave it. FolderWidgets.cpp and NautilusWindows.cpp implement it for their
+/// file managers. A folder is on screen while the active tab of a window, or a pane of it, shows it. The main thread's.
 class FolderWatch {
  public:
-  /// Listens until its end. It reports nothing at its end: the module ends with it.
+  /// Listens while it lives. Reports nothing when it is destroyed: the module ends with it.
   static std::unique_ptr<FolderWatch> make();
 
   /// Adds to `provider`, a type of `types`, what the file manager needs for that.
@@ -43,7 +42,7 @@ class Tab {
     Module* module = Module::current();
     if (!module) return;
     client::Plugin& plugin = module->plugin();
-    // The new first: where both are one folder, it does not leave the screen in between.
+    // Opens the new one first: if both are the same folder, it does not leave the screen in between.
     if (moved && folder_) plugin.folderOpened(*folder_);
     if (shows) plugin.folderShown(*folder_);
     if (showed) plugin.folderHidden(*before);

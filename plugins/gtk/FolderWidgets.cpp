@@ -1,6 +1,5 @@
-// The file manager asks for a widget to stand above the items of each folder that it shows in a tab or pane. It maps
-// the widget while the folder is to be seen, and destroys it when the folder is left: an empty one reports all that
-// happens.
+// The file manager asks for a widget above the items of each folder that it shows in a tab or pane. It maps the widget
+// while the folder is visible, and destroys it when the folder is left: an empty widget reports all of that.
 #include <gtk/gtk.h>
 
 #include <memory>
@@ -10,7 +9,7 @@
 #include "FolderWatch.hpp"
 #include "Manager.hpp"
 #include "Module.hpp"
-#include "client/Guarded.hpp"
+#include "client/Log.hpp"
 #include "client/Paths.hpp"
 
 namespace vornet::gtk {
@@ -85,11 +84,13 @@ class FolderWidgets : public FolderWatch {
   std::unordered_map<GtkWidget*, std::unique_ptr<Place>> places_;
 };
 
-GtkWidget* getWidget(manager::LocationWidgetProvider*, const char* url, GtkWidget*) {
-  return client::guarded<GtkWidget*>(nullptr, [url]() -> GtkWidget* {
+GtkWidget* getWidget(manager::LocationWidgetProvider*, const char* url, GtkWidget* window) {
+  return client::guarded<GtkWidget*>(nullptr, [url, window]() -> GtkWidget* {
     Module* module = Module::current();
     auto path = client::pathOfURL(url);
     if (!module || !path) return nullptr;
+    // A new window lists its folder before it is to be seen, and the widget with it.
+    if (window && !gtk_widget_get_mapped(window)) module->plugin().folderExpected(*path);
     return static_cast<FolderWidgets&>(module->folders()).make(std::move(*path));
   });
 }

@@ -15,6 +15,7 @@ extern "C" {  // its header leaves the entry points without C linkage
 #define VORNET_CALL(name) nautilus_##name
 #define VORNET_CONSTANT(name) NAUTILUS_##name
 #elif defined(VORNET_FOR_NEMO)
+#include <libnemo-extension/nemo-column-provider.h>
 #include <libnemo-extension/nemo-extension-types.h>
 #include <libnemo-extension/nemo-file-info.h>
 #include <libnemo-extension/nemo-info-provider.h>
@@ -26,6 +27,7 @@ extern "C" {  // its header leaves the entry points without C linkage
 #define VORNET_CALL(name) nemo_##name
 #define VORNET_CONSTANT(name) NEMO_##name
 #elif defined(VORNET_FOR_CAJA)
+#include <libcaja-extension/caja-column-provider.h>
 #include <libcaja-extension/caja-extension-types.h>
 #include <libcaja-extension/caja-file-info.h>
 #include <libcaja-extension/caja-info-provider.h>
@@ -39,6 +41,8 @@ extern "C" {  // its header leaves the entry points without C linkage
 
 namespace vornet::gtk::manager {
 
+using ColumnProvider = VORNET_NAME(ColumnProvider);
+using ColumnProviderInterface = VORNET_INTERFACE(ColumnProvider);
 using FileInfo = VORNET_NAME(FileInfo);
 using FileInfoInterface = VORNET_INTERFACE(FileInfo);
 using InfoProvider = VORNET_NAME(InfoProvider);

@@ -6,7 +6,7 @@
 
 #include "FolderWatch.hpp"
 #include "Manager.hpp"
-#include "client/Guarded.hpp"
+#include "client/Log.hpp"
 
 namespace vornet::gtk {
 namespace {
@@ -52,7 +52,7 @@ client::Menu Module::menu(const client::Selection& selection) {
   return plugin().menu(selection);
 }
 
-/// Each window asks for the menu of its own selection then.
+/// Each window then asks for the menu of its selection.
 void Module::menuChanged(const client::Selection& selection) {
   client::guarded([&] {
     if (selection == menuSelection_) refreshOpenMenu(plugin().menu(selection));
@@ -65,7 +65,7 @@ void Module::menuChanged(const client::Selection& selection) {
 
 }  // namespace vornet::gtk
 
-// What the file manager calls in a plug-in.
+// The plug-in's entry points.
 extern "C" {
 
 G_MODULE_EXPORT void VORNET_CALL(module_initialize)(GTypeModule* types) {

@@ -11,15 +11,15 @@ namespace vornet::gtk {
 
 class FolderWatch;
 
-/// What lives from the file manager's loading of the plug-in to its unloading. One at a time; the main thread's.
+/// The plug-in from its loading by the file manager to its unloading. One at a time; the main thread's.
 class Module : public client::FileManager {
  public:
-  /// The one that there is; null before loading and after unloading.
+  /// The present one; null before loading and after unloading.
   static Module* current();
 
   /// Called by the file manager: registers the types with `types`, and makes the current module.
   static void load(GTypeModule* types);
-  /// Ends the current module: the bus is left, and nothing of the file manager is listened to any more.
+  /// Ends the current module: it leaves the bus, and stops listening to the file manager.
   static void unload();
 
   ~Module() override;

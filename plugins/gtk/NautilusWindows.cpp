@@ -1,6 +1,6 @@
 // Nautilus has no interface that says which folders its windows show. Its windows are objects of the process, though,
 // and report their tabs ("slots") by properties and, up to version 50, by signals. None of these is promised to stay:
-// each is looked up before it is used. Where one is missing, the plug-in goes by the items that are asked for.
+// each is looked up before it is used. Where one is missing, folders are inferred from the items asked for.
 #include <algorithm>
 #include <memory>
 #include <vector>
@@ -8,7 +8,7 @@
 #include "FolderWatch.hpp"
 #include "Manager.hpp"
 #include "Module.hpp"
-#include "client/Guarded.hpp"
+#include "client/Log.hpp"
 #include "client/Paths.hpp"
 
 namespace vornet::gtk {
@@ -19,7 +19,7 @@ bool hasProperty(GObject* object, const char* name, GType type) {
   return property && (property->flags & G_PARAM_READABLE) && g_type_is_a(property->value_type, type);
 }
 
-/// Whether `object` has a signal `name` that hands over one object.
+/// True if `object` has a signal `name` that hands over one object.
 bool hasObjectSignal(GObject* object, const char* name) {
   const guint identifier = g_signal_lookup(name, G_OBJECT_TYPE(object));
   if (!identifier) return false;

@@ -19,7 +19,8 @@ void refreshItem(GtkWidget* item, const client::Menu& menu) {
   g_object_get(action, "name", &name, nullptr);
   for (const auto& entry : menu)
     if (name && name == ENTRY_NAME + entry.action)
-      g_object_set(action, "sensitive", static_cast<gboolean>(entry.enabled), nullptr);
+      g_object_set(action, "sensitive", static_cast<gboolean>(entry.enabled), "tooltip",
+                   entry.tip.empty() ? entry.title.c_str() : entry.tip.c_str(), nullptr);
   g_free(name);
   g_object_unref(action);
 }

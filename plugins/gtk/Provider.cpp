@@ -7,7 +7,7 @@
 #include "FolderWatch.hpp"
 #include "Manager.hpp"
 #include "Module.hpp"
-#include "client/Guarded.hpp"
+#include "client/Log.hpp"
 #include "client/Paths.hpp"
 
 namespace vornet::gtk {
@@ -21,7 +21,7 @@ std::optional<std::string> pathOf(FileInfo* file) {
   return client::pathOfURL(url.get());
 }
 
-// --- Emblems --------------------------------------------------------------------------------------------------------
+// --- Emblems and the column ------------------------------------------------------------------------------------------
 
 /// A file that the file manager shows, for as long as the file manager itself keeps it.
 class ShownFile : public client::ShownItem {
@@ -46,23 +46,38 @@ class ShownFile : public client::ShownItem {
   mutable GWeakRef file_;  // reading it takes a reference
 };
 
+std::string emblemOf(FileInfo* file) {
+  Module* module = Module::current();
+  const auto path = pathOf(file);
+  return module && path ? module->plugin().emblem(*path, std::make_unique<ShownFile>(file)) : std::string();
+}
+
+/// The column's name and that of the attribute with its text.
+constexpr const char* COLUMN = "VornetVI::sync_status";
+
 /// Always complete: a file that is left unfinished holds back all others of its folder.
 OperationResult updateFileInfo(InfoProvider*, FileInfo* file, GClosure*, OperationHandle**) {
   return client::guarded(COMPLETE, [file] {
-    Module* module = Module::current();
-    const auto path = pathOf(file);
-    if (!module || !path) return COMPLETE;
-    const auto emblem = module->plugin().emblem(*path, std::make_unique<ShownFile>(file));
+    const auto emblem = emblemOf(file);
     if (!emblem.empty()) VORNET_CALL(file_info_add_emblem)(file, emblem.c_str());
+    // Also "": without a text Nemo and Caja show "unknown".
+    VORNET_CALL(file_info_add_string_attribute)(file, COLUMN, client::labelOf(emblem));
     return COMPLETE;
   });
 }
 
 void cancelUpdate(InfoProvider*, OperationHandle*) {}
 
+/// The list is the file manager's, which drops its reference to the column, too. The column itself stays: Nemo 6.4's
+/// library frees a column twice.
+GList* columns(ColumnProvider*) {
+  static auto* const column = VORNET_CALL(column_new)(COLUMN, COLUMN, "Sync status", "Whether the item is synced");
+  return g_list_append(nullptr, g_object_ref(column));
+}
+
 // --- Menus ----------------------------------------------------------------------------------------------------------
 
-/// What an item does when it is chosen. All items of a menu share the selection.
+/// The action of a menu item. All items of a menu share the selection.
 struct Choice {
   std::string action;
   std::shared_ptr<const client::Selection> selection;
@@ -90,7 +105,8 @@ client::Selection selectionOf(const GList* files) {
 MenuItem* makeItem(const client::MenuEntry& entry, std::shared_ptr<const client::Selection> selection) {
   auto choice = std::make_unique<Choice>(Choice{entry.action, std::move(selection)});
   const std::string name = ENTRY_NAME + entry.action;
-  auto* item = VORNET_CALL(menu_item_new)(name.c_str(), entry.title.c_str(), entry.title.c_str(),
+  const std::string& tip = entry.tip.empty() ? entry.title : entry.tip;
+  auto* item = VORNET_CALL(menu_item_new)(name.c_str(), entry.title.c_str(), tip.c_str(),
                                           entry.icon.empty() ? nullptr : entry.icon.c_str());
   g_object_set(item, "sensitive", static_cast<gboolean>(entry.enabled), nullptr);
   g_signal_connect_data(item, "activate", G_CALLBACK(Choice::made), choice.release(), Choice::dispose, GConnectFlags{});
@@ -116,6 +132,10 @@ void initialiseInfoProvider(gpointer interface, gpointer) {
   auto* functions = static_cast<InfoProviderInterface*>(interface);
   functions->update_file_info = updateFileInfo;
   functions->cancel_update = cancelUpdate;
+}
+
+void initialiseColumnProvider(gpointer interface, gpointer) {
+  static_cast<ColumnProviderInterface*>(interface)->get_columns = columns;
 }
 
 void initialiseMenuProvider(gpointer interface, gpointer) {
@@ -146,10 +166,12 @@ GType registerProvider(GTypeModule* types) {
   constexpr GTypeInfo description = {sizeof(GObjectClass), nullptr, nullptr,    nullptr, nullptr, nullptr,
                                      sizeof(GObject),      0,       initialise, nullptr};
   constexpr GInterfaceInfo infoProvider = {initialiseInfoProvider, nullptr, nullptr};
+  constexpr GInterfaceInfo columnProvider = {initialiseColumnProvider, nullptr, nullptr};
   constexpr GInterfaceInfo menuProvider = {initialiseMenuProvider, nullptr, nullptr};
   const GType type = g_type_module_register_type(types, G_TYPE_OBJECT, "VornetProvider", &description, GTypeFlags{});
   if (!type) return 0;
   g_type_module_add_interface(types, type, VORNET_CONSTANT(TYPE_INFO_PROVIDER), &infoProvider);
+  g_type_module_add_interface(types, type, VORNET_CONSTANT(TYPE_COLUMN_PROVIDER), &columnProvider);
   g_type_module_add_interface(types, type, VORNET_CONSTANT(TYPE_MENU_PROVIDER), &menuProvider);
 #if defined(VORNET_FOR_NEMO)
   constexpr GInterfaceInfo nameProvider = {initialiseNameProvider, nullptr, nullptr};

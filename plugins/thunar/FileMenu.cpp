@@ -3,19 +3,20 @@
 #include <algorithm>
 #include <utility>
 
-#include "client/Guarded.hpp"
+#include "client/Log.hpp"
+#include "dbus/GLibPtr.hpp"
 
 namespace vornet::thunar {
 namespace {
 
-using Item = std::unique_ptr<ThunarxMenuItem, decltype(&g_object_unref)>;
+using Item = GObjectPtr<ThunarxMenuItem>;
 using Widgets = std::unique_ptr<GList, decltype(&g_list_free)>;
 
 Item itemOf(GWeakRef& reference) {
-  return {static_cast<ThunarxMenuItem*>(g_weak_ref_get(&reference)), g_object_unref};
+  return Item(static_cast<ThunarxMenuItem*>(g_weak_ref_get(&reference)));
 }
 
-/// What choosing an entry does.
+/// The action of an entry, and the selection that it was shown for.
 struct Choice {
   std::weak_ptr<client::Plugin> plugin;
   std::string action;
@@ -24,7 +25,7 @@ struct Choice {
   static void made(ThunarxMenuItem*, gpointer self) {
     client::guarded([self] {
       const auto& choice = *static_cast<Choice*>(self);
-      if (const auto plugin = choice.plugin.lock()) plugin->perform(choice.action, *choice.selection);
+      if (const auto loaded = choice.plugin.lock()) loaded->perform(choice.action, *choice.selection);
     });
   }
   static void dispose(gpointer self, GClosure*) { delete static_cast<Choice*>(self); }
@@ -43,7 +44,7 @@ void forEachMenuItemOnScreen(Visit visit) {
   }
 }
 
-/// Whether choosing `widget` activates `item`.
+/// True if choosing `widget` activates `item`.
 bool isMadeFor(GtkWidget* widget, ThunarxMenuItem* item) {
   const guint activate = g_signal_lookup("activate", G_OBJECT_TYPE(widget));
   const auto match = GSignalMatchType(G_SIGNAL_MATCH_ID | G_SIGNAL_MATCH_DATA);
@@ -85,7 +86,8 @@ GList* FileMenu::entriesFor(const client::Selection& selection) {
 }
 
 ThunarxMenuItem* FileMenu::itemFor(const client::MenuEntry& entry) {
-  ThunarxMenuItem* item = thunarx_menu_item_new(("VornetVI::" + entry.action).c_str(), entry.title.c_str(), nullptr,
+  ThunarxMenuItem* item = thunarx_menu_item_new(("VornetVI::" + entry.action).c_str(), entry.title.c_str(),
+                                                entry.tip.empty() ? nullptr : entry.tip.c_str(),
                                                 entry.icon.empty() ? nullptr : entry.icon.c_str());
   thunarx_menu_item_set_sensitive(item, entry.enabled);
   g_signal_connect_data(item, "activate", G_CALLBACK(Choice::made), new Choice{plugin_, entry.action, selection_},
@@ -94,7 +96,7 @@ ThunarxMenuItem* FileMenu::itemFor(const client::MenuEntry& entry) {
   return item;
 }
 
-/// What Thunar draws for an entry follows whether it is enabled, which Thunar itself does not see to.
+/// Binds what Thunar draws for an entry to whether the entry is enabled, which Thunar does not do.
 void FileMenu::bindWidgets() {
   binding_ = 0;
   for (auto& shown : shown_) {

@@ -11,8 +11,8 @@
 namespace vornet::thunar {
 
 /// The entries for what is selected. Thunar asks for them when a menu opens, and does not redraw them when they change:
-/// those that were shown before the answer came are greyed, and what Thunar draws for them is made to follow it. The
-/// main thread's only.
+/// those that were shown before the answer came are greyed, and their widgets are bound to follow it. The main thread's
+/// only.
 class FileMenu : public client::FileManager {
  public:
   FileMenu();
@@ -23,7 +23,7 @@ class FileMenu : public client::FileManager {
   client::Plugin& plugin() { return *plugin_; }
 
   /// New entries for a menu that opens; the caller's to free, with their list. Those that do not apply are left out,
-  /// for Thunar would show them like the others; unless none applies, or none is known yet to apply.
+  /// because Thunar would show them like the others; unless none applies, or none is yet known to apply.
   GList* entriesFor(const client::Selection& selection);
 
   void menuChanged(const client::Selection& selection) override;

@@ -1,15 +1,15 @@
-// What Thunar calls when it loads the plug-in, when it opens a menu, and when it lets go of the plug-in.
+// Thunar calls this when it loads the plug-in, opens a menu, and unloads the plug-in.
 #include <utility>
 
 #include "FileMenu.hpp"
 #include "SelectionWatch.hpp"
 #include "Thunarx.hpp"
-#include "client/Guarded.hpp"
+#include "client/Log.hpp"
 
 namespace vornet::thunar {
 namespace {
 
-/// From Thunar's loading of the plug-in to its unloading.
+/// The plug-in from its loading by Thunar to its unloading.
 class Session {
  public:
   GList* entriesFor(const GList* files) {

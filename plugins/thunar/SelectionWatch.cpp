@@ -3,9 +3,10 @@
 #include <memory>
 #include <string>
 
-#include "client/Guarded.hpp"
+#include "client/Log.hpp"
 #include "client/Paths.hpp"
 #include "client/Plugin.hpp"
+#include "dbus/GLibPtr.hpp"
 
 namespace vornet::thunar {
 namespace {
@@ -26,8 +27,7 @@ bool isView(GObject* object) {
 client::Selection selectionOf(const GList* files) {
   client::Selection selection;
   for (; files && selection.size() <= client::Plugin::LARGEST_SELECTION; files = files->next) {
-    const std::unique_ptr<gchar, decltype(&g_free)> url(thunarx_file_info_get_uri(THUNARX_FILE_INFO(files->data)),
-                                                        g_free);
+    const GCharPtr url(thunarx_file_info_get_uri(THUNARX_FILE_INFO(files->data)));
     auto path = client::pathOfURL(url.get());
     if (!path) return {};
     selection.push_back(*std::move(path));
@@ -84,7 +84,7 @@ gboolean SelectionWatch::report(gpointer self) {
   client::guarded([self] {
     auto& watch = *static_cast<SelectionWatch*>(self);
     watch.reporting_ = 0;
-    const std::unique_ptr<void, decltype(&g_object_unref)> view(g_weak_ref_get(&watch.view_), g_object_unref);
+    const GObjectPtr<void> view(g_weak_ref_get(&watch.view_));
     if (!view || !gtk_widget_get_mapped(GTK_WIDGET(view.get()))) return;
     GList* files = nullptr;
     g_object_get(view.get(), SELECTED, &files, nullptr);

@@ -3,7 +3,7 @@
 #include <functional>
 
 #include "Thunarx.hpp"
-#include "client/Menu.hpp"
+#include "client/FileManager.hpp"
 
 namespace vornet::thunar {
 
@@ -26,7 +26,7 @@ class SelectionWatch {
   SelectionWatch(const SelectionWatch&) = delete;
   SelectionWatch& operator=(const SelectionWatch&) = delete;
 
-  /// Drops what has been selected and not reported yet.
+  /// Drops a selection that has not been reported yet.
   void forget();
 
  private:

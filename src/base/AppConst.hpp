@@ -5,7 +5,8 @@
 #include <string>
 #include <string_view>
 
-/// The names, codes and identifiers that all folders share. They never change. Any thread.
+/// The names, codes and identifiers that all folders share. They never change and are never destroyed: the file
+/// manager's threads and the worker may still use them when the process ends. Any thread.
 namespace vornet {
 
 /// Names of files, bundles and the link to the sync application. Names only: each user forms its own paths.
@@ -22,7 +23,10 @@ struct AppConst {
   std::string DEFAULT_LOG_LEVEL = "INFO";
 };
 
-const AppConst& App();
+inline const AppConst& App() {
+  static const auto& app = *new AppConst;
+  return app;
+}
 
 inline constexpr std::int64_t DIR_CACHE_SIZE = 2;
 inline constexpr std::int64_t HTTP_TIMEOUT = 3;  ///< seconds
@@ -44,6 +48,10 @@ inline constexpr std::string_view statusInProgress = "PENDING";
 inline constexpr std::string_view statusSynced = "SYNCED";
 
 /// Status code -> badge identifier; exactly the codes -1 to 2. What a missing entry means is the caller's decision.
-const std::map<StatusCode, std::string_view>& statusMap();
+inline const std::map<StatusCode, std::string_view>& statusMap() {
+  static const auto& map = *new std::map<StatusCode, std::string_view>{
+      {-1, statusNone}, {0, statusFailure}, {1, statusInProgress}, {2, statusSynced}};
+  return map;
+}
 
 }  // namespace vornet

@@ -9,7 +9,7 @@
 
 namespace vornet {
 
-/// How many selected items a menu entry's action takes.
+/// The number of selected items that a menu entry's action takes.
 enum class SelectionRule { anyNumber, exactlyOne, atLeastOne };
 
 /// One entry of the context menu.

@@ -6,7 +6,7 @@
 namespace vornet {
 namespace {
 
-// In a folder's table, what a key begins with that is a whole path and not a name in the folder.
+// Begins a key that is a whole path and not a name in the folder of the table.
 constexpr std::string_view WHOLE{"\0", 1};
 
 // Numbers are written in groups of seven bits, the lowest first; the eighth bit says that another group follows.
@@ -80,7 +80,7 @@ std::size_t StatusTable::memory() const noexcept {
   return folder_.capacity() + (entries_ ? entries_->bytes.capacity() : 0) + offsets_.bucket_count() * BYTES_A_PLACE;
 }
 
-/// Whether the key of `path` is its rest after the folder. Always so where there is no folder.
+/// True if the key of `path` is its rest after the folder. Always so where there is no folder.
 bool StatusTable::isRelative(std::string_view path) const noexcept {
   return folder_.empty() || (path.starts_with(folder_) && !path.substr(folder_.size()).starts_with(WHOLE));
 }

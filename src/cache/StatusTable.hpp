@@ -17,15 +17,15 @@
 
 namespace vornet {
 
-/// Hashes texts without a std::string being made of them.
+/// Hashes texts without making a std::string of them.
 struct TextHash {
   using is_transparent = void;
   using is_avalanching = void;  // the standard library's hash of texts mixes well enough by itself
   std::size_t operator()(std::string_view text) const noexcept { return std::hash<std::string_view>{}(text); }
 };
 
-/// A map from cloud path to status code. Its entries stand one after another in one block of bytes, which makes filling
-/// a table of ten thousand entries, and dropping it, cheap, and takes about 12 bytes an entry beside its path. A
+/// A map from cloud path to status code. Its entries are stored one after another in one block of bytes. So filling
+/// a table of ten thousand entries, and dropping it, is cheap and takes about 12 bytes an entry beside its path. A
 /// movable value. Not thread-safe, but a table and its selections may be read by different threads.
 class StatusTable {
  public:
@@ -40,7 +40,7 @@ class StatusTable {
   /// which saves memory and work. Takes any other path all the same.
   explicit StatusTable(std::string folder) : folder_(std::move(folder)) {}
 
-  /// Stores `code` under `path`, in place of what stood there. `path` is copied. Throws std::length_error when the
+  /// Stores `code` under `path`, in place of an earlier code. `path` is copied. Throws std::length_error when the
   /// paths would take more than 4 GiB.
   void set(std::string_view path, StatusCode code);
 
@@ -107,7 +107,7 @@ class StatusTable {
   void setKey(std::string_view marker, std::string_view key, StatusCode code);
 
   std::string folder_;
-  // In a place of its own, which does not change when the table moves.
+  // On the heap, so that its address stays when the table moves.
   std::shared_ptr<Entries> entries_;
   Offsets offsets_;  // where they begin
 };

@@ -7,7 +7,6 @@
 #include <map>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "support/Entries.hpp"
 
@@ -17,115 +16,110 @@ namespace {
 using ::testing::Pair;
 using ::testing::UnorderedElementsAre;
 
-TEST(StatusTableTest, isEmptyAtFirst) {
-  const StatusTable table;
-  EXPECT_TRUE(table.empty());
-  EXPECT_EQ(table.size(), 0U);
-  EXPECT_EQ(table.find("/a"), std::nullopt);
-  EXPECT_EQ(table.begin(), table.end());
+constexpr auto LOWEST = std::numeric_limits<StatusCode>::min();
+constexpr auto HIGHEST = std::numeric_limits<StatusCode>::max();
+
+/// A table meant for no folder, or for one: to its users they are alike.
+class StatusTableTest : public ::testing::TestWithParam<const char*> {
+ protected:
+  StatusTable table_{std::string(GetParam())};
+
+  void set(const Entries& entries) {
+    for (const auto& [path, code] : entries) table_.set(path, code);
+  }
+
+  /// Checks that the table holds exactly `entries`, and finds each.
+  void expectEntries(const Entries& entries) const {
+    EXPECT_EQ(table_.size(), entries.size());
+    EXPECT_EQ(entriesOf(table_), entries);
+    for (const auto& [path, code] : entries) ASSERT_EQ(table_.find(path), code) << path.substr(0, 100);
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(MeantFor, StatusTableTest, ::testing::Values("", "/a/b/", "/folder/"), [](const auto& folder) {
+  return std::string(*folder.param ? folder.index == 1 ? "AFolder" : "AnotherFolder" : "NoFolder");
+});
+
+TEST_P(StatusTableTest, IsEmptyAtFirst) {
+  EXPECT_TRUE(table_.empty());
+  EXPECT_EQ(table_.find("/a"), std::nullopt);
+  EXPECT_EQ(table_.begin(), table_.end());
+  expectEntries({});
 }
 
-TEST(StatusTableTest, findsExactlyThePathsThatWereSet) {
-  StatusTable table;
-  table.set("/a/b", 2);
-  EXPECT_EQ(table.find("/a/b"), 2);
-  for (const char* other : {"/a/b/", "/a/B", "/a/", "/a", "a/b", "", "/a/b "})
-    EXPECT_EQ(table.find(other), std::nullopt) << other;
+TEST_P(StatusTableTest, FindsExactlyThePathsThatWereSet) {
+  set({{"/a/b/c", 2}});
+  expectEntries({{"/a/b/c", 2}});
+  for (const char* other : {"/a/b/c/", "/a/b/C", "/a/b/", "/a/b", "a/b/c", "c", "/c", "", "/a/b/c "})
+    EXPECT_EQ(table_.find(other), std::nullopt) << other;
 }
 
-TEST(StatusTableTest, settingAPathAgainReplacesItsCode) {
-  StatusTable table;
-  table.set("/a", 1);
-  table.set("/a", 2);
-  EXPECT_EQ(table.find("/a"), 2);
-  EXPECT_EQ(table.size(), 1U);
+TEST_P(StatusTableTest, HoldsTheFolderItselfAndPathsElsewhere) {
+  const Entries entries = {{"/a/b/", 0}, {"/a/b", 1}, {"/a/bc", 2}, {"c", 0},
+                           {"", 1},      {"/", 2},    {"/x/c", 0},  {"/a/b/c", 1}};
+  set(entries);
+  expectEntries(entries);
 }
 
-TEST(StatusTableTest, ofEqualEntriesInAListTheLastHolds) {
-  const StatusTable table = {{"/a", 1}, {"/b", 0}, {"/a", 2}};
-  EXPECT_THAT(entriesOf(table), UnorderedElementsAre(Pair("/a", 2), Pair("/b", 0)));
+TEST_P(StatusTableTest, KeepsPathsOfAnyBytesApart) {
+  const std::string nul(1, '\0');
+  const Entries entries = {
+      {"c", 0}, {"/a/b/c", 1},         {nul + "c", 2}, {"/a/b/" + nul + "c", 0}, {"/a/b/" + nul + "/a/b/c", 1},
+      {nul, 2}, {"/a" + nul + "b", 1}, {"/\xFF", 2}};
+  set(entries);
+  expectEntries(entries);
+  EXPECT_EQ(table_.find("/a"), std::nullopt);
 }
 
-TEST(StatusTableTest, everyCodeIsKept) {
-  const StatusTable table = {
-      {"/a", -1}, {"/b", std::numeric_limits<StatusCode>::min()}, {"/c", std::numeric_limits<StatusCode>::max()}};
-  EXPECT_EQ(table.find("/a"), -1);
-  EXPECT_EQ(table.find("/b"), std::numeric_limits<StatusCode>::min());
-  EXPECT_EQ(table.find("/c"), std::numeric_limits<StatusCode>::max());
+TEST_P(StatusTableTest, TheLastCodeOfAPathWins) {
+  for (const StatusCode code : {1, 2})
+    for (const char* path : {"", "/a/b/c", "/x"}) table_.set(path, code);
+  expectEntries({{"", 2}, {"/a/b/c", 2}, {"/x", 2}});
+  EXPECT_EQ(table_.find({}), 2);
+  EXPECT_THAT(entriesOf({{"/a", 1}, {"/b", 0}, {"/a", 2}}), UnorderedElementsAre(Pair("/a", 2), Pair("/b", 0)));
 }
 
-TEST(StatusTableTest, theEmptyPathIsAPath) {
-  StatusTable table;
-  table.set("", 1);
-  EXPECT_EQ(table.find(""), 1);
-  EXPECT_EQ(table.find({}), 1);
-  EXPECT_EQ(table.size(), 1U);
-  table.set("", 2);
-  EXPECT_EQ(table.find(""), 2);
-  EXPECT_EQ(table.size(), 1U);
-}
-
-TEST(StatusTableTest, pathsMayHoldAnyBytes) {
-  const std::string_view zero("/a\0b", 4);
-  StatusTable table;
-  table.set(zero, 1);
-  table.set("/\xFF", 2);
-  EXPECT_EQ(table.find(zero), 1);
-  EXPECT_EQ(table.find("/a"), std::nullopt);
-  EXPECT_EQ(table.find("/\xFF"), 2);
-}
-
-TEST(StatusTableTest, copiesThePathsItIsGiven) {
-  StatusTable table;
-  std::string path = "/a path that is longer than a short text";
-  table.set(path, 2);
+TEST_P(StatusTableTest, CopiesThePathsItIsGiven) {
+  std::string path = "/a/b/a path that is longer than a short text";
+  table_.set(path, 2);
   path.assign(path.size(), 'x');
-  EXPECT_EQ(table.find("/a path that is longer than a short text"), 2);
-  EXPECT_EQ(table.find(path), std::nullopt);
+  expectEntries({{"/a/b/a path that is longer than a short text", 2}});
 }
 
-TEST(StatusTableTest, holdsManyEntriesAndOneVeryLongPath) {
-  StatusTable table;
-  std::map<std::string, StatusCode> expected;
+TEST_P(StatusTableTest, HoldsManyEntriesAndOneVeryLongPath) {
+  Entries expected;
   for (int i = 0; i < 50'000; ++i) expected["/folder/item " + std::to_string(i)] = i % 4 - 1;
   expected["/" + std::string(1'000'000, 'x')] = 2;
-  for (const auto& [path, code] : expected) table.set(path, code);
-  EXPECT_EQ(table.size(), expected.size());
-  for (const auto& [path, code] : expected) ASSERT_EQ(table.find(path), code) << path.substr(0, 100);
-  for (const auto& [path, code] : table) ASSERT_EQ(expected.at(std::string(path)), code);
+  set(expected);
+  expectEntries(expected);
 }
 
-TEST(StatusTableTest, entriesStayWhileTheTableGrowsAndMoves) {
-  StatusTable table;
-  std::map<std::string, StatusCode> expected;
+TEST_P(StatusTableTest, EntriesStayWhileTheTableGrowsAndMoves) {
+  Entries expected;
   for (int i = 0; i < 20'000; ++i) {
-    const std::string path = "/item " + std::to_string(i) + std::string(i % 300, 'x');  // lengths of one and two groups
-    table.set(path, i - 10'000);
+    const std::string path = "/item " + std::to_string(i) +
+                             std::string(static_cast<std::size_t>(i) % 300, 'x');  // sizes of one and two groups
+    table_.set(path, i - 10'000);
     expected[path] = i - 10'000;
-    if (i % 1000 == 0) table = StatusTable(std::move(table));
+    if (i % 1000 == 0) table_ = StatusTable(std::move(table_));
   }
-  EXPECT_EQ(entriesOf(table), expected);
+  expectEntries(expected);
 }
 
-TEST(StatusTableTest, everyCodeIsKeptAsItIs) {
-  StatusTable table;
-  std::map<std::string, StatusCode> expected;
-  const auto keep = [&](StatusCode code) {
-    table.set("/" + std::to_string(code), code);
-    expected["/" + std::to_string(code)] = code;
-  };
+TEST_P(StatusTableTest, KeepsEveryCode) {
+  Entries expected = {{"/lowest", LOWEST}, {"/highest", HIGHEST}};
+  const auto expect = [&](StatusCode code) { expected["/" + std::to_string(code)] = code; };
   for (int bit = 0; bit < 63; ++bit) {
     for (const StatusCode around : {-1, 0, 1}) {
-      keep((StatusCode{1} << bit) + around);
-      keep(-(StatusCode{1} << bit) + around);
+      expect((StatusCode{1} << bit) + around);
+      expect(-(StatusCode{1} << bit) + around);
     }
   }
-  keep(std::numeric_limits<StatusCode>::min());
-  keep(std::numeric_limits<StatusCode>::max());
-  EXPECT_EQ(entriesOf(table), expected);
+  set(expected);
+  expectEntries(expected);
 }
 
-TEST(StatusTableTest, viewsOfPathsStayValidWhenTheTableIsMoved) {
+TEST(StatusTableMoveTest, ViewsOfPathsStayValid) {
   StatusTable table = {{"/first", 1}};
   const std::string_view view = table.begin()->first;
   const StatusTable moved = std::move(table);
@@ -133,45 +127,86 @@ TEST(StatusTableTest, viewsOfPathsStayValidWhenTheTableIsMoved) {
   EXPECT_EQ(view, "/first");
 }
 
-TEST(StatusTableTest, aMovedTableIsEmptyAndCanBeUsedAgain) {
-  StatusTable table = {{"/a", 1}, {"/b", 2}};
-  const StatusTable moved = std::move(table);
-  EXPECT_THAT(entriesOf(moved), UnorderedElementsAre(Pair("/a", 1), Pair("/b", 2)));
-  EXPECT_TRUE(table.empty());                 // NOLINT: that is the question
-  EXPECT_EQ(table.find("/a"), std::nullopt);  // NOLINT
-  table.set("/c", 0);
-  EXPECT_THAT(entriesOf(table), UnorderedElementsAre(Pair("/c", 0)));
-  EXPECT_EQ(moved.find("/c"), std::nullopt);
-}
-
-TEST(StatusTableTest, aMoveReplacesWhatTheTargetHeld) {
+TEST_P(StatusTableTest, AMovedTableIsEmptyAndCanBeUsedAgain) {
+  set({{"/a/b/c", 1}, {"/x", 2}});
   StatusTable target = {{"/old", 1}};
-  StatusTable source = {{"/new", 2}};
-  target = std::move(source);
-  EXPECT_THAT(entriesOf(target), UnorderedElementsAre(Pair("/new", 2)));
-  EXPECT_TRUE(source.empty());  // NOLINT
-  source = {{"/again", 0}};
-  EXPECT_THAT(entriesOf(source), UnorderedElementsAre(Pair("/again", 0)));
-  EXPECT_THAT(entriesOf(target), UnorderedElementsAre(Pair("/new", 2)));
+  target = std::move(table_);
+  EXPECT_THAT(entriesOf(target), UnorderedElementsAre(Pair("/a/b/c", 1), Pair("/x", 2)));
+  expectEntries({});                           // NOLINT: that is the question
+  EXPECT_EQ(table_.find("/x"), std::nullopt);  // NOLINT
+  set({{"/y", 0}});
+  expectEntries({{"/y", 0}});
+  EXPECT_EQ(target.find("/y"), std::nullopt);
+  table_ = {{"/again", 0}};
+  expectEntries({{"/again", 0}});
+  EXPECT_EQ(target.size(), 2U);
 }
 
-TEST(StatusTableTest, tablesAreEqualWhenTheirEntriesAre) {
-  const StatusTable table = {{"/a", 1}, {"/b", 2}};
-  StatusTable other;
-  other.reserve(1000);
-  other.set("/b", 2);
-  EXPECT_FALSE(table == other);
-  other.set("/a", 1);
-  EXPECT_TRUE(table == other);
-  other.set("/a", 2);
-  EXPECT_FALSE(table == other);
-  EXPECT_TRUE(StatusTable() == StatusTable());
+TEST_P(StatusTableTest, EqualsATableOfTheSameEntriesHoweverTheyAreKept) {
+  EXPECT_TRUE(table_ == StatusTable());
+  const StatusTable other = {{"/a/b/c", 2}, {"/x", 1}};
+  table_.reserve(1000, 100);
+  set({{"/x", 1}});
+  EXPECT_FALSE(table_ == other);
+  set({{"/a/b/c", 2}});
+  EXPECT_EQ(table_, other);
+  EXPECT_EQ(other, table_);
+  EXPECT_FALSE(table_ == (StatusTable{{"c", 2}, {"/x", 1}}));
+  EXPECT_FALSE(table_ == StatusTable(std::string(GetParam())));
+  set({{"/x", 0}});
+  EXPECT_FALSE(table_ == other);
 }
 
-TEST(StatusTableTest, reservingChangesNoEntry) {
-  StatusTable table = {{"/a", 1}};
-  table.reserve(100'000);
-  EXPECT_THAT(entriesOf(table), UnorderedElementsAre(Pair("/a", 1)));
+TEST_P(StatusTableTest, ReservingChangesNoEntry) {
+  table_.reserve(10, 100);
+  set({{"/a/b/c", 1}});
+  table_.reserve(100'000);
+  expectEntries({{"/a/b/c", 1}});
+}
+
+TEST(StatusTableSelectionTest, SharesItsEntriesUntilOneIsChanged) {
+  std::optional<StatusTable> table("/a/");
+  constexpr int COUNT = 10'000;
+  for (int i = 0; i < COUNT; ++i) table->set("/a/" + std::to_string(i), i % 3);
+  table->set("/elsewhere", 2);
+  StatusTable some = table->selection();
+  EXPECT_TRUE(some.empty());
+  for (auto entry = table->begin(); entry != table->end(); ++entry)
+    if (entry.code() == 2) some.add(entry);
+  EXPECT_EQ(some.size(), 3334u);
+  EXPECT_EQ(some.find("/a/2"), 2);
+  EXPECT_EQ(some.find("/elsewhere"), 2);
+  EXPECT_EQ(some.find("/a/1"), std::nullopt);
+
+  const auto memory = some.memory();
+  for (int i = 0; i < COUNT; ++i) table->set("/a/" + std::to_string(i), i % 3);  // which takes room
+  EXPECT_EQ(some.memory(), memory) << "its entries are not written to";
+  table->set("/a/2", 0);
+  table->set("/a/new", 2);
+  EXPECT_EQ(table->find("/a/2"), 0);
+  EXPECT_EQ(some.find("/a/2"), 2) << "changed after it was selected";
+  EXPECT_EQ(some.find("/a/new"), std::nullopt);
+  EXPECT_EQ(table->size(), COUNT + 2u);
+  some.set("/a/mine", 1);
+  EXPECT_EQ(table->find("/a/mine"), std::nullopt);
+  table.reset();
+  EXPECT_EQ(some.find("/a/5"), 2);
+  EXPECT_EQ(some.find("/a/mine"), 1);
+  EXPECT_EQ(some.size(), 3335u);
+}
+
+TEST(StatusTableSelectionTest, OfAllEntriesCostsNoNames) {
+  StatusTable table("/a/");
+  constexpr std::size_t COUNT = 1'000;
+  const std::string name(1'000, 'x');
+  for (std::size_t i = 0; i < COUNT; ++i) table.set("/a/" + name + std::to_string(i), 1);
+  StatusTable all = table.selection();
+  for (auto entry = table.begin(); entry != table.end(); ++entry) all.add(entry);
+  EXPECT_EQ(all, table);
+  EXPECT_GE(table.memory(), COUNT * name.size());
+  // Both hold the same bytes; beside them the selection counts only its places.
+  EXPECT_EQ((*all.begin()).second, 1);
+  EXPECT_LE(all.memory(), table.memory());
 }
 
 }  // namespace

@@ -58,7 +58,7 @@ class Writer {
   std::thread thread_;
 };
 
-/// Whether a look-up works that does not wait for a lock.
+/// True if a look-up works that does not wait for a lock.
 bool impatientLookUp(const std::filesystem::path& file) {
   sqlite3* db = nullptr;
   const bool works = sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
@@ -80,7 +80,7 @@ class BusyDatabaseTest : public ::testing::Test {
 TEST_F(BusyDatabaseTest, NoLookUpFailsWhileAWriterCommitsHundredTimesASecond) {
   constexpr int COMMITS = 200;
   constexpr int ROUNDS = 20;
-  // A round says nothing in which no lock was met, or in which the machine stopped the writer while it held the lock.
+  // A round proves nothing if it met no lock, or if the machine stopped the writer while it held the lock.
   constexpr milliseconds LONG_LOCK{5};
   for (int round = 0; round < ROUNDS; ++round) {
     const LogRecorder log(LogLevel::Warning);

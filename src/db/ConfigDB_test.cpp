@@ -21,39 +21,72 @@ namespace fs = std::filesystem;
 using ::testing::AllOf;
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::IsEmpty;
 using ::testing::Not;
 
 constexpr const char* CANNOT_PREPARE = "Cannot prepare SQL statement for fetching local_root";
+
+/// SQL for the table with these values as its rows.
+std::string configuration(const std::string& values) {
+  const std::string table = "CREATE TABLE configuration (id INTEGER, local_root TEXT);";
+  return values.empty() ? table : table + "INSERT INTO configuration (local_root) VALUES " + values;
+}
 
 class ConfigDBTest : public ::testing::Test {
  protected:
   fs::path file() const { return environment_.container() / "config.db"; }
   void run(const std::string& sql) { Database(file()).run(sql); }
-
-  /// Makes the table with these SQL values as its rows.
-  void store(const std::string& values) {
-    run("CREATE TABLE configuration (id INTEGER, local_root TEXT)");
-    if (!values.empty()) run("INSERT INTO configuration (local_root) VALUES " + values);
-  }
+  void store(const std::string& values) { run(configuration(values)); }
 
   Environment environment_;
   ConfigDBProbe database_;
 };
 
-TEST_F(ConfigDBTest, TheFileLiesInTheGroupContainer) {
+TEST_F(ConfigDBTest, TheFileIsInTheGroupContainer) {
   EXPECT_EQ(database_._getSyncDBPath(), file().string());
 }
 
-TEST_F(ConfigDBTest, ReadsTheLocalRootAsStored) {
-  for (const std::string root : {"/home/ann/Kelvane", "/R/", " /\u00fc\U0001F600 ", "relative"}) {
-    fs::remove(file());
-    store("('" + root + "')");
-    const LogRecorder log;
-    EXPECT_EQ(database_.getLocalRoot(), root);
-    EXPECT_THAT(log.messages(), IsEmpty());
-  }
+struct Content {
+  const char* name;
+  std::string sql;
+  std::optional<std::string> root;
+  std::vector<std::string> warnings{};
+};
+
+void PrintTo(const Content& content, std::ostream* out) {
+  *out << content.name;
 }
+
+class ConfigDBContent : public ConfigDBTest, public ::testing::WithParamInterface<Content> {};
+
+TEST_P(ConfigDBContent, IsReadAsStoredAndTheFileAndTheLockAreReleased) {
+  run(GetParam().sql);
+  const LogRecorder log;
+  EXPECT_EQ(database_.getLocalRoot(), GetParam().root);
+  EXPECT_EQ(log.messages(LogLevel::Warning), GetParam().warnings);
+  EXPECT_EQ(log.messages().size(), GetParam().warnings.size());
+  EXPECT_EQ(database_.db(), nullptr);
+  EXPECT_FALSE(database_.isLocked());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Of, ConfigDBContent,
+    ::testing::Values(Content{"APath", configuration("('/home/ann/Kelvane')"), "/home/ann/Kelvane"},
+                      Content{"AFoldersPath", configuration("('/R/')"), "/R/"},
+                      Content{"AnyText", configuration("(' /\u00fc\U0001F600 ')"), " /\u00fc\U0001F600 "},
+                      Content{"ARelativePath", configuration("('relative')"), "relative"},
+                      Content{"SeveralRows", configuration("('/first'), ('/second'), ('/third')"), "/first"},
+                      Content{"AnEmptyText", configuration("('')"), ""},
+                      Content{"Null", configuration("(NULL), ('/second')"), std::nullopt},
+                      Content{"TextThatIsNotUTF8", configuration("(CAST(X'2F52FF' AS TEXT))"), std::nullopt},
+                      Content{"TextWithANulCharacter", configuration("(CAST(X'2F520041' AS TEXT))"), "/R"},
+                      Content{"AnEmptyTable", configuration(""), std::nullopt},
+                      Content{"AFailingStep",
+                              "CREATE TABLE t (i INTEGER); INSERT INTO t VALUES (1);"
+                              "CREATE VIEW configuration AS SELECT abs(-9223372036854775807 - i) AS local_root FROM t",
+                              std::nullopt},
+                      Content{"NoTable", "CREATE TABLE other (local_root TEXT)", std::nullopt, {CANNOT_PREPARE}},
+                      Content{"NoColumn", "CREATE TABLE configuration (root TEXT)", std::nullopt, {CANNOT_PREPARE}}),
+    [](const auto& content) { return content.param.name; });
 
 TEST_F(ConfigDBTest, TheSharedReaderReadsTheConfigurationDatabase) {
   store("('/R')");
@@ -61,79 +94,13 @@ TEST_F(ConfigDBTest, TheSharedReaderReadsTheConfigurationDatabase) {
   EXPECT_EQ(configDB().getLocalRoot(), "/R");
 }
 
-TEST_F(ConfigDBTest, OfSeveralRowsTheFirstIsRead) {
-  store("('/first'), ('/second'), ('/third')");
-  EXPECT_EQ(database_.getLocalRoot(), "/first");
-}
-
-TEST_F(ConfigDBTest, AnEmptyTextIsAValue) {
-  store("('')");
-  EXPECT_EQ(database_.getLocalRoot(), std::optional<std::string>(""));
-}
-
-TEST_F(ConfigDBTest, NullIsNoValueWithoutAMessage) {
-  store("(NULL), ('/second')");
-  const LogRecorder log;
-  EXPECT_EQ(database_.getLocalRoot(), std::nullopt);
-  EXPECT_THAT(log.messages(), IsEmpty());
-  EXPECT_FALSE(database_.isLocked());
-}
-
-TEST_F(ConfigDBTest, TextThatIsNotUTF8IsNoValueWithoutAMessage) {
-  store("(CAST(X'2F52FF' AS TEXT))");
-  const LogRecorder log;
-  EXPECT_EQ(database_.getLocalRoot(), std::nullopt);
-  EXPECT_THAT(log.messages(), IsEmpty());
-}
-
-TEST_F(ConfigDBTest, TextEndsAtANulCharacter) {
-  store("(CAST(X'2F520041' AS TEXT))");
-  EXPECT_EQ(database_.getLocalRoot(), "/R");
-}
-
-TEST_F(ConfigDBTest, AnEmptyTableGivesNoValueWithoutAMessage) {
-  store("");
-  const LogRecorder log;
-  EXPECT_EQ(database_.getLocalRoot(), std::nullopt);
-  EXPECT_THAT(log.messages(), IsEmpty());
-  EXPECT_EQ(database_.db(), nullptr);
-  EXPECT_FALSE(database_.isLocked());
-}
-
-TEST_F(ConfigDBTest, AFailingStepGivesNoValueWithoutAMessage) {
-  run("CREATE TABLE t (i INTEGER); INSERT INTO t VALUES (1);"
-      "CREATE VIEW configuration AS SELECT abs(-9223372036854775807 - i) AS local_root FROM t");
-  const LogRecorder log;
-  EXPECT_EQ(database_.getLocalRoot(), std::nullopt);
-  EXPECT_THAT(log.messages(), IsEmpty());
-  EXPECT_EQ(database_.db(), nullptr);
-  EXPECT_FALSE(database_.isLocked());
-}
-
-TEST_F(ConfigDBTest, ADatabaseWithoutTheTableGivesNoValueAndAWarning) {
-  run("CREATE TABLE other (local_root TEXT)");
-  const LogRecorder log;
-  EXPECT_EQ(database_.getLocalRoot(), std::nullopt);
-  EXPECT_THAT(log.messages(), ElementsAre(CANNOT_PREPARE));
-  EXPECT_EQ(log.records().front().logLevel, LogLevel::Warning);
-  EXPECT_EQ(log.records().front().functionName, "getLocalRoot");
-  EXPECT_EQ(log.records().front().fileName, "src/db/ConfigDB");
-  EXPECT_EQ(database_.db(), nullptr);
-  EXPECT_FALSE(database_.isLocked());
-}
-
-TEST_F(ConfigDBTest, ATableWithoutTheColumnGivesNoValueAndAWarning) {
-  run("CREATE TABLE configuration (root TEXT)");
-  const LogRecorder log;
-  EXPECT_EQ(database_.getLocalRoot(), std::nullopt);
-  EXPECT_THAT(log.messages(LogLevel::Warning), ElementsAre(CANNOT_PREPARE));
-}
-
 TEST_F(ConfigDBTest, AFileThatIsNoDatabaseGivesNoValueAndAWarning) {
   writeFile(file(), std::string(5'000, 'x'));
   const LogRecorder log;
   EXPECT_EQ(database_.getLocalRoot(), std::nullopt);
-  EXPECT_THAT(log.messages(), ElementsAre(CANNOT_PREPARE));
+  EXPECT_THAT(log.messages(LogLevel::Warning), ElementsAre(CANNOT_PREPARE));
+  EXPECT_EQ(log.records().front().functionName, "getLocalRoot");
+  EXPECT_EQ(log.records().front().fileName, "src/db/ConfigDB");
 }
 
 TEST_F(ConfigDBTest, AnAbsentFileGivesNoValueAndADebugMessageAndKeepsTheLock) {
@@ -155,7 +122,7 @@ TEST_F(ConfigDBTest, AfterAFailedOpenTheSameThreadMayAskAgain) {
   EXPECT_EQ(database_.db(), nullptr);
   EXPECT_EQ(database_.getLocalRoot(), "/R");
   EXPECT_THAT(log.messages(), ElementsAre("Cannot open database", CANNOT_PREPARE));
-  EXPECT_TRUE(database_.isLocked()) << "calls that work give back only what they took";
+  EXPECT_TRUE(database_.isLocked()) << "successful calls release only what they took";
   database_.lock().unlock();
   EXPECT_FALSE(database_.isLocked());
 }

@@ -28,6 +28,12 @@ std::optional<std::string> Statement::text(int column) const {
   return std::string(bytes);
 }
 
+std::string_view Statement::bytes(int column) const {
+  const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(statement_, column));
+  if (!bytes) return {};
+  return {bytes, static_cast<std::size_t>(sqlite3_column_bytes(statement_, column))};
+}
+
 void Statement::finalise() noexcept {
   sqlite3_finalize(statement_);
   statement_ = nullptr;

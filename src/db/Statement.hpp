@@ -22,12 +22,21 @@ class Statement {
   /// Binds `text` to the parameter `index` (from 1) without copying: it must outlive the statement.
   void bind(int index, std::string_view text);
 
-  /// Whether the next step gives a row.
+  /// True if the next step gives a row.
   bool stepToRow() { return sqlite3_step(statement_) == SQLITE_ROW; }
 
   /// The column (from 0) of the current row as text; none when it is NULL or not UTF-8.
   std::optional<std::string> text(int column) const;
+
+  /// The bytes of the column, of which a NUL may be one; empty for NULL. Valid until the next step.
+  std::string_view bytes(int column) const;
   int integer(int column) const { return sqlite3_column_int(statement_, column); }
+
+  /// Begins again with what is bound then.
+  void reset() { sqlite3_reset(statement_); }
+
+  /// True if the steps since the preparation went through a whole table, in its order, and not along an index.
+  bool scansTable() const { return sqlite3_stmt_status(statement_, SQLITE_STMTSTATUS_FULLSCAN_STEP, 0) > 0; }
 
   void finalise() noexcept;
 

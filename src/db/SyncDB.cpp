@@ -2,7 +2,9 @@
 
 #include <sqlite3.h>
 
+#include <algorithm>
 #include <chrono>
+#include <string_view>
 #include <utility>
 
 #include "db/Statement.hpp"
@@ -12,14 +14,27 @@
 namespace vornet {
 namespace {
 
-// The sync application holds its write lock for a few milliseconds at a time; without waiting that long a look-up now
-// and then finds it locked and would take a badge away.
+// The sync application holds its write lock for a few milliseconds at a time. Without waiting that long, some look-ups
+// would find it locked and take a badge away.
 constexpr int BUSY_TIMEOUT_MS = 50;
 
 // A file that stays locked for longer than that is locked for long: a whole folder's look-ups must not wait one by one.
 constexpr std::chrono::seconds WITHOUT_WAITING{1};
 
 thread_local std::uint64_t lockedQueries = 0;
+
+// From "/d/" to "/d0" are exactly the paths that begin with "/d/".
+constexpr char AFTER_SLASH = '0';
+
+// Rows below one folder that are read one by one before the rest of them is skipped.
+constexpr int PASSED_ONE_BY_ONE = 16;
+
+constexpr std::string_view CHILDREN = "SELECT path, status FROM ea WHERE path >= ? AND path < ?";
+
+/// Whether an item may be called `name`.
+bool isItemName(std::string_view name) {
+  return !name.empty() && name.find('\0') == name.npos && platform::isValidUTF8(name);
+}
 
 }  // namespace
 
@@ -61,12 +76,13 @@ bool SyncDB::connect() {
   return true;
 }
 
-void SyncDB::noteFailure() {
+bool SyncDB::noteFailure() {
   constexpr int PRIMARY_CODE = 0xFF;
-  if ((sqlite3_errcode(db_) & PRIMARY_CODE) != SQLITE_BUSY) return;
+  if ((sqlite3_errcode(db_) & PRIMARY_CODE) != SQLITE_BUSY) return false;
   ++lockedQueries;
   const auto now = std::chrono::steady_clock::now();
   if (now >= waitsAgain_) waitsAgain_ = now + WITHOUT_WAITING;
+  return true;
 }
 
 void SyncDB::disconnect() {
@@ -96,7 +112,7 @@ std::optional<SyncDB::Statuses> SyncDB::directorySyncStatus(const std::string& d
     return std::nullopt;
   }
   if (dir.empty()) platform::fatalError("the statuses of a folder without a path");
-  end.back() = '0';  // the character after "/": from `dir` to `end` stand exactly the paths that begin with `dir`
+  end.back() = AFTER_SLASH;
   statement.bind(1, dir);
   statement.bind(2, end);
   statement.bind(3, deeper);
@@ -114,6 +130,82 @@ std::optional<SyncDB::Statuses> SyncDB::directorySyncStatus(const std::string& d
   disconnect();
   if (statuses.empty()) return std::nullopt;
   return statuses;
+}
+
+std::optional<SyncDB::Names> SyncDB::childSyncStatus(const std::string& dir, std::size_t most) {
+  const std::lock_guard guard(lock_);
+  if (!connect()) return Names();
+
+  std::string from = dir;
+  std::string end = dir;
+  Statement statement(db_, CHILDREN);
+  if (!statement.prepared()) {
+    const bool locked = noteFailure();
+    VI_WARNING("Cannot prepare SQL statement");
+    statement.finalise();
+    disconnect();
+    return locked ? std::nullopt : std::optional(Names());
+  }
+  if (dir.empty()) platform::fatalError("the statuses of a folder without a path");
+  end.back() = AFTER_SLASH;
+  statement.bind(1, from);
+  statement.bind(2, end);
+
+  Names names;
+  std::string last;
+  bool isSorted = true;  // by path, so far
+  bool maySkip = false;
+  std::string folder;  // the one whose rows are being passed over, with its "/"
+  int passed = 0;
+  const bool isExact = comparesBytes();
+  bool hasRow = false;
+  while (isExact && names.size() <= most && (hasRow = statement.stepToRow())) {
+    const auto path = statement.bytes(0);
+    isSorted = isSorted && last <= path;
+    last = path;
+    if (!path.starts_with(dir)) continue;  // the order of another encoding
+    const auto name = path.substr(dir.size());
+    const auto slash = std::min(name.find('/'), name.size());
+    const auto item = name.substr(0, slash);
+    if (slash + 1 >= name.size()) {
+      // An item may have two rows, with and without "/": pathSyncStatus answers the first.
+      if (isItemName(item)) names.try_emplace(std::string(item), statement.integer(1));
+    } else if (name.substr(0, slash + 1) != folder) {
+      folder = name.substr(0, slash + 1);
+      passed = 0;
+    } else if (++passed == PASSED_ONE_BY_ONE && isSorted && !statement.scansTable() &&
+               (maySkip = maySkip || readsInOrder(from, end))) {
+      from = dir + folder;
+      from.back() = AFTER_SLASH;
+      statement.reset();
+      statement.bind(1, from);
+    }
+  }
+  const bool locked = isExact && !hasRow && noteFailure();
+  statement.finalise();
+  disconnect();
+  if (locked || !isExact) return std::nullopt;
+  return names;
+}
+
+/// False where texts with other bytes may count as equal to a path.
+bool SyncDB::comparesBytes() const {
+  const char* collation = nullptr;
+  const int found =
+      sqlite3_table_column_metadata(db_, nullptr, "ea", "path", nullptr, &collation, nullptr, nullptr, nullptr);
+  return found == SQLITE_OK && sqlite3_stricmp(collation, "BINARY") == 0;
+}
+
+/// False where the rows of a folder may not be in the order of their paths' bytes: texts are stored in another
+/// encoding, or an index is used that has another column before the path, and is searched once for each value of that.
+bool SyncDB::readsInOrder(std::string_view from, std::string_view end) const {
+  Statement encoding(db_, "PRAGMA encoding");
+  Statement plan(db_, "EXPLAIN QUERY PLAN " + std::string(CHILDREN));
+  plan.bind(1, from);  // the plan may depend on them
+  plan.bind(2, end);
+  constexpr int DETAIL = 3;
+  return encoding.stepToRow() && encoding.bytes(0) == "UTF-8" && plan.stepToRow() &&
+         plan.bytes(DETAIL).find("ANY(") == std::string_view::npos;
 }
 
 StatusCode SyncDB::pathSyncStatus(const std::string& path) {

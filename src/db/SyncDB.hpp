@@ -6,6 +6,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <unordered_map>
 
 #include "base/AppConst.hpp"
 
@@ -17,8 +18,8 @@ namespace vornet {
 /// file is opened read-only for each query and closed before the query returns. Any thread: each query runs under the
 /// instance's recursive lock. Failures are logged and answered with "no value"; none is thrown.
 ///
-/// A query that finds the file locked by another process waits for it, 50 ms at the longest. When that was in vain, no
-/// query of the instance waits for a second: those that find the file locked fail at once.
+/// A query that finds the file locked by another process waits for it, at most 50 ms. If it remains locked, no
+/// query of the instance waits during the next second: those that find the file locked fail at once.
 class SyncDB {
  public:
   SyncDB() = default;
@@ -37,7 +38,15 @@ class SyncDB {
   /// The status of the item stored as `path` or as `path` + "/"; -1 when there is none and on a failure.
   StatusCode pathSyncStatus(const std::string& path);
 
-  /// How many queries of the calling thread, on any instance, have failed because the file was locked. What such a
+  using Names = std::unordered_map<std::string, StatusCode>;
+
+  /// The statuses of the items directly in the folder `dir` (cloud path ending in "/"), by name: of each item that has
+  /// a row, what pathSyncStatus answers. One query, which skips most rows of the folders below where `path` has an
+  /// index. Ends early with more than `most` items. None when the file was locked, and when `path` is compared other
+  /// than byte by byte; then the items have to be asked for one by one.
+  std::optional<Names> childSyncStatus(const std::string& dir, std::size_t most);
+
+  /// The number of the calling thread's queries, on any instance, that failed because the file was locked. What such a
   /// query answers says nothing about the item.
   static std::uint64_t lockedQueriesOfThisThread() noexcept;
 
@@ -60,8 +69,11 @@ class SyncDB {
   static std::string pathInGroupContainer(const std::string& fileName);
 
  private:
-  /// Takes account of a query of the open connection that has just failed because the file is locked.
-  void noteFailure();
+  /// Records that a query of the open connection has just failed; true if that is because the file is locked.
+  bool noteFailure();
+
+  bool comparesBytes() const;
+  bool readsInOrder(std::string_view from, std::string_view end) const;
 
   sqlite3* db_ = nullptr;
   std::optional<std::string> dbPath_;

@@ -1,7 +1,9 @@
 #include "extension/FinderSync.hpp"
 
 #include <algorithm>
+#include <chrono>
 #include <mutex>
+#include <utility>
 
 #include "base/AppConst.hpp"
 #include "base/MenuEntries.hpp"
@@ -33,6 +35,13 @@ void makeStatusManager(FinderSync& controller) {
   statusManager() = std::make_shared<RESTPollingManager>();
   statusManager()->setFinderSync(&controller);
   statusManager()->start_listener();
+}
+
+RESTPollingManager::ItemListener asStatusListener(const FinderSync::BadgeListener& item) {
+  return [&item](std::string_view name, StatusCode code) {
+    const auto found = statusMap().find(code);
+    item(name, found == statusMap().end() ? std::nullopt : std::optional(found->second));
+  };
 }
 
 bool isTrue(const std::map<std::string, bool>& map, std::string_view key) {
@@ -72,6 +81,20 @@ void FinderSync::folderFilled(const FileURL& folder, bool first) {
   if (first) finder().invalidateBadges(folder);  // else each change was reported by itself
 }
 
+void FinderSync::syncApplicationAnswered(bool answered) {
+  const std::lock_guard guard(answerLock_);
+  if (answered)
+    silentSince_.reset();
+  else if (!silentSince_)
+    silentSince_ = std::chrono::system_clock::now();
+  if (answerListener_) answerListener_(silentSince_);
+}
+
+void FinderSync::setAnswerListener(AnswerListener listener) {
+  const std::lock_guard guard(answerLock_);
+  answerListener_ = std::move(listener);
+}
+
 void FinderSync::enableVI(const std::set<FileURL>& dirs) {
   finder().setDirectoryURLs(dirs);
 }
@@ -105,6 +128,20 @@ void FinderSync::requestBadgeIdentifierForURL(const FileURL& url) {
 
 bool FinderSync::isCached(const FileURL& url) const {
   return requiredStatusManager().isCached(url);
+}
+
+RESTPollingManager::Listed FinderSync::listCachedBadges(const std::string& folder, std::size_t most,
+                                                        const BadgeListener& item) const {
+  return requiredStatusManager().listCached(folder, most, asStatusListener(item));
+}
+
+RESTPollingManager::Listed FinderSync::listStoredBadges(const std::string& folder, std::size_t most,
+                                                        const BadgeListener& item) const {
+  return requiredStatusManager().listStored(folder, most, asStatusListener(item));
+}
+
+std::shared_ptr<const StatusTable> FinderSync::cachedStatuses(const std::string& folder) const {
+  return requiredStatusManager().cachedStatuses(folder);
 }
 
 void FinderSync::keepCached(const std::string& folder) {

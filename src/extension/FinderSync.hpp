@@ -1,10 +1,10 @@
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -14,17 +14,16 @@
 
 #include "platform/FinderSync.hpp"
 #include "rest/RESTClient.hpp"
+#include "rest/RESTPollingManager.hpp"
 #include "rest/StatusSink.hpp"
 
 namespace vornet {
-
-class RESTPollingManager;
 
 /// An object as a selector's argument: nothing, a text, a number, or a file URL.
 using SelectorObject = std::variant<std::monostate, std::string, std::int64_t, platform::FileURL>;
 /// A selector's argument: an object, or a set of them.
 using SelectorArgument = std::variant<SelectorObject, std::vector<SelectorObject>>;
-/// What a selector returns: nothing, a text, an image, or an optional menu.
+/// A selector's result: nothing, a text, an image, or an optional menu.
 using SelectorResult = std::variant<std::monostate, std::string, platform::Image, std::optional<platform::ContextMenu>>;
 
 /// The extension's principal class, which the file manager makes and calls back on threads of its choice. Answers badge
@@ -52,11 +51,12 @@ class FinderSync : public platform::FIFinderSync, public StatusSink {
   /// After the first fill, has the file manager ask again, where it can, for the badges of the items in `folder`.
   void folderFilled(const platform::FileURL& folder, bool first) override;
 
-  void syncApplicationAnswered(bool answered) override { syncApplicationAnswers_ = answered; }
+  void syncApplicationAnswered(bool answered) override;
 
-  /// Whether the sync application answered the last request for statuses; false before the first. Any thread.
-  /// Kept ready; nothing calls it yet.
-  bool syncApplicationAnswers() const noexcept { return syncApplicationAnswers_; }
+  /// Gets, after each request, since when the sync application has not answered; none when it has just answered.
+  using AnswerListener = std::function<void(const std::optional<platform::Date>& silentSince)>;
+  /// Has `listener` called from any thread; a null one is not. Once this returns the former one is no longer called.
+  void setAnswerListener(AnswerListener listener);
 
   /// Makes `dirs`, or nothing, the folders that the file manager observes for this extension.
   void enableVI(const std::set<platform::FileURL>& dirs) override;
@@ -69,11 +69,24 @@ class FinderSync : public platform::FIFinderSync, public StatusSink {
   /// Sets the badge of `url` before returning when its status is known and has one; else leaves it as it is.
   void requestBadgeIdentifierForURL(const platform::FileURL& url) override;
 
-  /// Whether requestBadgeIdentifierForURL answers for `url` from memory now. False while the synced folder is unknown,
+  /// True if requestBadgeIdentifierForURL answers for `url` from memory now. False while the synced folder is unknown,
   /// and for a URL without a path. Never waits.
   bool isCached(const platform::FileURL& url) const;
 
-  /// How many folders can be kept up to date at the same time.
+  /// Takes the name and the badge of an item; no badge for one whose status leaves the badge as it is.
+  using BadgeListener = std::function<void(std::string_view name, std::optional<std::string_view> identifier)>;
+
+  /// As RESTPollingManager::listCached and listStored, with the badges that requestBadgeIdentifierForURL sets.
+  /// `folder`: a local path.
+  RESTPollingManager::Listed listCachedBadges(const std::string& folder, std::size_t most,
+                                              const BadgeListener& item) const;
+  RESTPollingManager::Listed listStoredBadges(const std::string& folder, std::size_t most,
+                                              const BadgeListener& item) const;
+
+  /// As RESTPollingManager::cachedStatuses.
+  std::shared_ptr<const StatusTable> cachedStatuses(const std::string& folder) const;
+
+  /// The most folders that can be kept up to date at the same time.
   static constexpr std::size_t MAX_FOLDERS = 50;
 
   /// Makes `folder` (a local path), which is being observed, the last of these folders to be given up for another.
@@ -87,17 +100,17 @@ class FinderSync : public platform::FIFinderSync, public StatusSink {
   /// while the synced folder is unknown.
   std::optional<platform::ContextMenu> menuForMenuKind(platform::FIMenuKind kind) override;
 
-  /// Whether `selector` is the action of one of the menu's entries. Any thread.
+  /// True if `selector` is the action of one of the menu's entries. Any thread.
   static bool isMenuAction(std::string_view selector);
 
-  // The actions of the menu's entries, on the current selection. The sender is of no account.
+  // The actions of the menu's entries, on the current selection. The sender is ignored.
   void viewInCloud();
   void notes();
   void viewVersions();
   void share();
   void copyLink();
 
-  /// Whether `selector` ("share:", "setFileSyncStatus:status:", …) names an operation of this class.
+  /// True if `selector` ("share:", "setFileSyncStatus:status:", …) names an operation of this class.
   /// Kept ready; nothing calls it yet.
   static bool respondsToSelector(std::string_view selector);
 
@@ -110,7 +123,10 @@ class FinderSync : public platform::FIFinderSync, public StatusSink {
   std::vector<std::string> selectedCloudPaths() const;
 
   RESTClient client_;
-  std::atomic<bool> syncApplicationAnswers_{false};
+
+  std::mutex answerLock_;
+  AnswerListener answerListener_;
+  std::optional<platform::Date> silentSince_;
 };
 
 }  // namespace vornet

@@ -179,7 +179,7 @@ TEST_F(FinderSyncDeathTest, AMissingBadgeImageStopsTheProcess) {
   EXPECT_DEATH(sync.init(), "missing image resource: error");
 }
 
-TEST_F(FinderSyncTest, HoldsAClientOfItsOwn) {
+TEST_F(FinderSyncTest, HoldsItsOwnClient) {
   sync.setClient(RESTClient());
   static_cast<void>(sync.client());
   EXPECT_TRUE(sync.init());
@@ -281,17 +281,31 @@ TEST_F(FinderSyncTest, OnlyTheFirstFillOfAFolderHasItsBadgesAskedForAgain) {
   EXPECT_THAT(invalidated.folders, ElementsAre(item("d")));
 }
 
-TEST_F(FinderSyncTest, KnowsWhetherTheSyncApplicationAnswers) {
-  EXPECT_FALSE(sync.syncApplicationAnswers());
+TEST_F(FinderSyncTest, ReportsSinceWhenTheSyncApplicationHasBeenSilent) {
+  std::mutex lock;
+  std::vector<std::optional<platform::Date>> reports;
+  sync.setAnswerListener([&](const auto& silentSince) {
+    const std::lock_guard guard(lock);
+    reports.push_back(silentSince);
+  });
   serve("{}");
   initConfigured();
   sync.beginObservingDirectoryAtURL(url(root));
   ASSERT_TRUE(log.waitFor(LogLevel::Debug, "Updated: [:]"));
-  EXPECT_TRUE(sync.syncApplicationAnswers());
   server.reset();
-  sync.beginObservingDirectoryAtURL(item("d"));  // makes the manager ask at once
+  const auto before = std::chrono::system_clock::now();
+  sync.beginObservingDirectoryAtURL(item("d"));  // makes the manager ask at once, for both folders
   ASSERT_TRUE(log.waitFor(LogLevel::Warning, "Skipping get_icons_for_fodler, ds not connected"));
-  EXPECT_FALSE(sync.syncApplicationAnswers());
+  const auto after = std::chrono::system_clock::now();
+  const std::vector selection{item("d")};
+  const host::Selection selected(selection);
+  sync.menuForMenuKind(platform::FIMenuKind::contextualMenuForItems);
+  sync.setAnswerListener(nullptr);
+  ASSERT_GE(reports.size(), 3U);
+  EXPECT_EQ(reports.front(), std::nullopt);
+  ASSERT_TRUE(reports.back());
+  EXPECT_GE(*reports.back(), before);
+  EXPECT_LE(*reports.back(), after) << "the menu's failure is not the first";
 }
 
 TEST_F(FinderSyncTest, ABadgeRequestForAURLWithoutPathIsIgnoredAfterTheLogLine) {

@@ -42,7 +42,7 @@ TEST(SharedObjectsTest, ImagesAreTheResourcesWithTheirNames) {
   EXPECT_EQ(vornetImg().name(), "QMT");
 }
 
-TEST(SharedObjectsTest, EachImageIsLoadedByItselfWhenFirstNeeded) {
+TEST(SharedObjectsTest, EachImageIsLoadedAloneWhenFirstNeeded) {
   const TemporaryFolder folder;
   useImages(folder, std::array{"sync"});
   EXPECT_EQ(inProgressImg().name(), "sync");
@@ -61,31 +61,18 @@ TEST(SharedObjectsTest, AnImageOnceLoadedStays) {
 
 using SharedObjectsDeathTest = ProcessStops;
 
-TEST_F(SharedObjectsDeathTest, AMissingSyncedImageStopsTheProcess) {
-  const TemporaryFolder folder;
-  useImages(folder, std::array{"sync", "error", "QMT"});
-  EXPECT_DEATH(syncedImg(), "missing image resource: checkmark");
+TEST_F(SharedObjectsDeathTest, AMissingImageStopsTheProcess) {
+  constexpr std::array LOADERS = {&syncedImg, &inProgressImg, &failureImg, &vornetImg};
+  for (std::size_t missing = 0; missing < IMAGES.size(); ++missing) {
+    const TemporaryFolder folder;
+    auto names = std::vector(IMAGES.begin(), IMAGES.end());
+    names.erase(names.begin() + static_cast<std::ptrdiff_t>(missing));
+    useImages(folder, names);
+    EXPECT_DEATH(LOADERS[missing](), std::string("missing image resource: ") + IMAGES[missing]);
+  }
 }
 
-TEST_F(SharedObjectsDeathTest, AMissingInProgressImageStopsTheProcess) {
-  const TemporaryFolder folder;
-  useImages(folder, std::array{"checkmark", "error", "QMT"});
-  EXPECT_DEATH(inProgressImg(), "missing image resource: sync");
-}
-
-TEST_F(SharedObjectsDeathTest, AMissingFailureImageStopsTheProcess) {
-  const TemporaryFolder folder;
-  useImages(folder, std::array{"checkmark", "sync", "QMT"});
-  EXPECT_DEATH(failureImg(), "missing image resource: error");
-}
-
-TEST_F(SharedObjectsDeathTest, AMissingProductImageStopsTheProcess) {
-  const TemporaryFolder folder;
-  useImages(folder, std::array{"checkmark", "sync", "error"});
-  EXPECT_DEATH(vornetImg(), "missing image resource: QMT");
-}
-
-TEST_F(SharedObjectsDeathTest, AnAbsentStatusManagerStopsWhoeverNeedsIt) {
+TEST_F(SharedObjectsDeathTest, AnAbsentStatusManagerStopsItsUsers) {
   EXPECT_DEATH(requiredStatusManager(), "no status manager");
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "logging/LogLevel.hpp"
 #include "platform/Foundation.hpp"
@@ -20,7 +21,15 @@ struct XCGLogDetails {
   std::int64_t lineNumber = 0;  ///< the caller's line; 0 for the logger's own records
 };
 
-/// Where log records go. The owning logger calls the two process operations from any thread, several at once;
+/// A source file's path as log records carry it: without extension, because a source file's name is what a reader of
+/// the log looks for ("src/logging/Logging.cpp" -> "src/logging/Logging"). For __FILE__.
+constexpr std::string_view sourceFile(std::string_view file) noexcept {
+  const std::size_t name = file.find_last_of('/') + 1;
+  const std::size_t dot = file.find_last_of('.');
+  return dot == std::string_view::npos || dot <= name ? file : file.substr(0, dot);
+}
+
+/// A place where log records go. The owning logger calls the two process operations from any thread, several at once;
 /// everything else is set before other threads log.
 class XCGLogDestinationProtocol {
  public:
@@ -45,7 +54,7 @@ class XCGLogDestinationProtocol {
   /// Writes a record of the logger's own: without function, file and line.
   virtual void processInternalLogDetails(const XCGLogDetails& details) = 0;
 
-  /// Whether records of `level` are taken: `level` is at least outputLogLevel().
+  /// True if records of `level` are taken: `level` is at least outputLogLevel().
   virtual bool isEnabledForLogLevel(LogLevel level) const = 0;
 
   /// The kind, identifier, level and flags as text.

@@ -17,10 +17,10 @@ std::string_view lastPathComponent(std::string_view path) {
 
 /// The lines on their way to standard output, of all console destinations.
 struct Console {
-  static constexpr std::size_t QUEUED_LINE = 128;  // about what a line takes in the queue beside its text
+  static constexpr std::size_t QUEUED_LINE = 128;  // about the bytes a line takes in the queue beside its text
 
   std::atomic<std::size_t> waiting{0};  // bytes
-  std::atomic<std::size_t> dropped{0};  // lines, not yet told of
+  std::atomic<std::size_t> dropped{0};  // lines not yet reported
 
   static Console& shared() {
     static auto& console = *new Console;  // never destroyed, as the queue is not
@@ -145,7 +145,9 @@ void XCGFileLogDestination::openFile() {
   logFileHandle_ = platform::FileHandle::forWriting(path, error);
   if (!logFileHandle_) {
     const std::string optional = error.empty() ? "nil" : "Optional(\"" + error + "\")";
-    owner()._logln("Attempt to open log file for writing failed: " + optional, LogLevel::Error);
+    const std::string message = "Attempt to open log file for writing failed: " + optional;
+    owner()._logln(message, LogLevel::Error);
+    platform::systemLog(message);  // nobody may see the console
     return;
   }
   owner()._logln("XCGLogger writing to log to: " + writeToFileURL_->description(), LogLevel::Info);

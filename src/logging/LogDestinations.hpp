@@ -34,7 +34,7 @@ class LogLineFormat {
   std::atomic<LogLevel> outputLogLevel_{LogLevel::Debug};
 };
 
-/// What the two destinations have in common: owner, identifier, level and flags. Neither derives from the other.
+/// The common part of the two destinations: owner, identifier, level and flags. Neither derives from the other.
 class XCGFormattedLogDestination : public XCGLogDestinationProtocol {
  public:
   XCGLogger& owner() const override { return *owner_; }
@@ -74,7 +74,7 @@ class XCGFormattedLogDestination : public XCGLogDestinationProtocol {
 /// further ones are dropped, and their number is written, at Warning, before the first line that finds room again.
 class XCGConsoleLogDestination : public XCGFormattedLogDestination {
  public:
-  /// How much may wait, in all console destinations together, when another line comes.
+  /// The most bytes that may wait, in all console destinations together, when another line comes.
   static constexpr std::size_t MAX_WAITING_BYTES = std::size_t{1} << 20;
 
   XCGConsoleLogDestination(XCGLogger& owner, std::string identifier);
@@ -84,7 +84,7 @@ class XCGConsoleLogDestination : public XCGFormattedLogDestination {
   std::string debugDescription() const override;
 
  private:
-  /// Whether a line may be queued now; counts one that may not.
+  /// True if a line may be queued now; counts one that may not.
   bool hasRoom(const XCGLogDetails& details) const;
 };
 
@@ -93,7 +93,7 @@ class XCGConsoleLogDestination : public XCGFormattedLogDestination {
 /// lines are dropped.
 class XCGFileLogDestination : public XCGFormattedLogDestination {
  public:
-  /// Opens `writeToFile` at once. A failure is reported through the owner's other destinations.
+  /// Opens `writeToFile` at once. A failure is reported through the owner's other destinations and the system's log.
   XCGFileLogDestination(XCGLogger& owner, const XCGLogger::FileTarget& writeToFile, std::string identifier);
 
   void processLogDetails(const XCGLogDetails& details) override;

@@ -123,22 +123,18 @@ TEST_P(BothDestinations, AreEnabledForLevelsThatAreAtLeastTheirOwn) {
 TEST_P(BothDestinations, WriteACallersLineForEachCombinationOfFlags) {
   const std::string date = "2016-03-01 14:05:09.123 ";
   const std::string end = "function: the message\n";
-  show(true, true, true);
-  EXPECT_EQ(lineOf(record()), date + "[Info] [Logging:34] " + end);
-  show(true, true, false);
-  EXPECT_EQ(lineOf(record()), date + "[Info] [Logging] " + end);
-  show(true, false, true);
-  EXPECT_EQ(lineOf(record()), date + "[Info] [34] " + end);
-  show(true, false, false);
-  EXPECT_EQ(lineOf(record()), date + "[Info] " + end);
-  show(false, true, true);
-  EXPECT_EQ(lineOf(record()), date + "[Logging:34] " + end);
-  show(false, true, false);
-  EXPECT_EQ(lineOf(record()), date + "[Logging] " + end);
-  show(false, false, true);
-  EXPECT_EQ(lineOf(record()), date + "[34] " + end);
-  show(false, false, false);
-  EXPECT_EQ(lineOf(record()), date + end);
+  const std::pair<std::array<bool, 3>, std::string> cases[] = {{{true, true, true}, "[Info] [Logging:34] "},
+                                                               {{true, true, false}, "[Info] [Logging] "},
+                                                               {{true, false, true}, "[Info] [34] "},
+                                                               {{true, false, false}, "[Info] "},
+                                                               {{false, true, true}, "[Logging:34] "},
+                                                               {{false, true, false}, "[Logging] "},
+                                                               {{false, false, true}, "[34] "},
+                                                               {{false, false, false}, ""}};
+  for (const auto& [shown, text] : cases) {
+    show(shown[0], shown[1], shown[2]);
+    EXPECT_EQ(lineOf(record()), date + text + end);
+  }
 }
 
 TEST_P(BothDestinations, WriteAnInternalLineWithTheLevelAlone) {
@@ -273,6 +269,69 @@ TEST(DestinationWithoutFormatter, WritesTheDatesOwnDescription) {
 
 // --- The console
 
+/// Redirects standard output to `other`, which it closes, during its life.
+class RedirectedOutput {
+ public:
+  explicit RedirectedOutput(int other) {
+    std::fflush(stdout);
+    before_ = ::dup(STDOUT_FILENO);
+    ::dup2(other, STDOUT_FILENO);
+    ::close(other);
+  }
+  ~RedirectedOutput() {
+    XCGLogger::logQueue().drain();
+    ::dup2(before_, STDOUT_FILENO);
+    ::close(before_);
+  }
+  RedirectedOutput(const RedirectedOutput&) = delete;
+  RedirectedOutput& operator=(const RedirectedOutput&) = delete;
+
+ private:
+  int before_;
+};
+
+/// A pipe with little room.
+class SmallPipe {
+ public:
+  SmallPipe() {
+    if (::pipe2(ends_, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+    room_ = ::fcntl(ends_[1], F_SETPIPE_SZ, 4096);
+    EXPECT_GT(room_, 0);
+  }
+  ~SmallPipe() { ::close(ends_[0]); }
+  SmallPipe(const SmallPipe&) = delete;
+  SmallPipe& operator=(const SmallPipe&) = delete;
+
+  /// The end to write to, for its taker to close.
+  int input() const { return ends_[1]; }
+  std::size_t room() const { return static_cast<std::size_t>(room_); }
+
+  /// Waits until it is full.
+  void waitUntilFull() const {
+    for (int waiting = 0; waiting < room_; std::this_thread::yield())
+      ASSERT_EQ(::ioctl(ends_[0], FIONREAD, &waiting), 0);
+  }
+
+  /// The result of one read: at most 4 KiB; "" at the end.
+  std::string read() const {
+    char part[4096];
+    const auto count = ::read(ends_[0], part, sizeof part);
+    return {part, static_cast<std::size_t>(std::max<ssize_t>(count, 0))};
+  }
+
+  /// All up to `lines` lines.
+  std::string readLines(std::ptrdiff_t lines) const {
+    std::string text;
+    for (std::string part; std::count(text.begin(), text.end(), '\n') < lines && !(part = read()).empty();)
+      text += part;
+    return text;
+  }
+
+ private:
+  int ends_[2];
+  int room_ = 0;
+};
+
 TEST(ConsoleDestination, KeepsTheOrderOfAllLoggersAndThreads) {
   const test::Environment environment;
   XCGLogger a;
@@ -281,7 +340,7 @@ TEST(ConsoleDestination, KeepsTheOrderOfAllLoggersAndThreads) {
   const auto text = consoleOutputOf([&] {
     for (int i = 0; i < 200; ++i) {
       XCGLogger& logger = i % 2 ? a : b;
-      // Each line is queued by a thread of its own, once the thread of the line before has ended.
+      // Each line is queued by another thread, after the thread of the line before has ended.
       std::thread([&] { logger.info(std::to_string(i), "f", "F", 1); }).join();
       expected += "[Info] [F:1] f: " + std::to_string(i) + "\n";
     }
@@ -295,16 +354,11 @@ TEST(ConsoleDestination, KeepsLinesWholeAndEachThreadsOrderWhenManyLogAtOnce) {
   constexpr std::size_t LINES = 300;
   std::array<XCGLogger, 2> loggers;
   const auto text = consoleOutputOf([&] {
-    std::vector<std::thread> threads;
-    for (std::size_t thread = 0; thread < THREADS; ++thread) {
-      threads.emplace_back([&, thread] {
-        for (std::size_t line = 0; line < LINES; ++line) {
-          loggers[thread % 2].info(std::string(thread * 20, 'x') + "|", functionOf(thread), "F",
-                                   static_cast<std::int64_t>(line));
-        }
-      });
-    }
-    for (auto& thread : threads) thread.join();
+    test::inParallel(THREADS, [&](std::size_t thread) {
+      const auto message = std::string(thread * 20, 'x') + "|";
+      for (std::int64_t line = 0; line < std::int64_t{LINES}; ++line)
+        loggers[thread % 2].info(message, functionOf(thread), "F", line);
+    });
   });
   std::array<std::size_t, THREADS> next{};
   const auto lines = linesOf(withoutDates(text));
@@ -319,30 +373,18 @@ TEST(ConsoleDestination, KeepsLinesWholeAndEachThreadsOrderWhenManyLogAtOnce) {
 
 TEST(ConsoleDestination, LetsNoCallerWaitForAFullPipe) {
   const test::Environment environment;
-  constexpr std::size_t LINES = 64;
-  int ends[2];
-  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-  ASSERT_GT(::fcntl(ends[1], F_SETPIPE_SZ, 4096), 0);
+  constexpr int LINES = 64;
+  const SmallPipe pipe;
   XCGLogger logger;
   std::string text;
-  std::fflush(stdout);
-  const int before = ::dup(STDOUT_FILENO);
-  ::dup2(ends[1], STDOUT_FILENO);
-  ::close(ends[1]);
-  // Nobody reads yet: would the caller write, it would wait here for ever.
-  for (std::size_t i = 0; i < LINES; ++i) logger.info(std::string(4000, 'x'), "f", "F", static_cast<std::int64_t>(i));
-  char part[4096];
-  while (std::count(text.begin(), text.end(), '\n') < static_cast<std::ptrdiff_t>(LINES)) {
-    const auto count = ::read(ends[0], part, sizeof part);
-    if (count <= 0) break;
-    text.append(part, static_cast<std::size_t>(count));
+  {
+    const RedirectedOutput redirected(pipe.input());
+    // Nobody reads yet: a caller that wrote would wait here for ever.
+    for (int i = 0; i < LINES; ++i) logger.info(std::string(4000, 'x'), "f", "F", i);
+    text = pipe.readLines(LINES);
   }
-  XCGLogger::logQueue().drain();
-  ::dup2(before, STDOUT_FILENO);
-  ::close(before);
-  ::close(ends[0]);
   std::string expected;
-  for (std::size_t i = 0; i < LINES; ++i)
+  for (int i = 0; i < LINES; ++i)
     expected += "[Info] [F:" + std::to_string(i) + "] f: " + std::string(4000, 'x') + "\n";
   EXPECT_TRUE(withoutDates(text) == expected);
 }
@@ -351,37 +393,26 @@ TEST(ConsoleDestination, DropsLinesAndCountsThemWhileNobodyReads) {
   const test::Environment environment;
   constexpr std::size_t LINES = 3000;
   constexpr std::size_t LENGTH = 1000;
-  int ends[2];
-  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-  const auto room = static_cast<std::size_t>(::fcntl(ends[1], F_SETPIPE_SZ, 4096));
+  const SmallPipe pipe;
+  const auto room = pipe.room();
   XCGLogger logger;
-  std::fflush(stdout);
-  const int before = ::dup(STDOUT_FILENO);
-  ::dup2(ends[1], STDOUT_FILENO);
-  ::close(ends[1]);
-  // The writer is stuck in this line before the others come, so that none of them finds room that others have left.
-  logger.info(std::string(2 * room, 'o'), "f", "F", 1);
-  for (int waiting = 0; waiting < static_cast<int>(room); std::this_thread::yield())
-    ASSERT_EQ(::ioctl(ends[0], FIONREAD, &waiting), 0);
-  for (std::size_t i = 0; i < LINES; ++i) logger.info(std::string(LENGTH, 'x'), "f", "F", static_cast<std::int64_t>(i));
   std::string text;
-  const auto readUntil = [&](std::string_view last) {
-    char part[4096];
-    while (text.find(last) == std::string::npos) {
-      const auto count = ::read(ends[0], part, sizeof part);
-      if (count <= 0) break;
-      text.append(part, static_cast<std::size_t>(count));
-    }
-  };
-  std::thread reader([&] { readUntil("the second\n"); });
-  XCGLogger::logQueue().drain();
-  logger.info("the first that finds room", "f", "F", 1);
-  logger.info("the second", "f", "F", 1);
-  XCGLogger::logQueue().drain();
-  reader.join();
-  ::dup2(before, STDOUT_FILENO);
-  ::close(before);
-  ::close(ends[0]);
+  {
+    const RedirectedOutput redirected(pipe.input());
+    // The writer is stuck in this line before the others come, so that none of them finds room that others have left.
+    logger.info(std::string(2 * room, 'o'), "f", "F", 1);
+    pipe.waitUntilFull();
+    for (std::size_t i = 0; i < LINES; ++i)
+      logger.info(std::string(LENGTH, 'x'), "f", "F", static_cast<std::int64_t>(i));
+    std::thread reader([&] {
+      for (std::string part; text.find("the second\n") == std::string::npos && !(part = pipe.read()).empty();)
+        text += part;
+    });
+    XCGLogger::logQueue().drain();
+    logger.info("the first that finds room", "f", "F", 1);
+    logger.info("the second", "f", "F", 1);
+    reader.join();
+  }
 
   // Oldest first, none missing in between; then the count of the others.
   auto lines = linesOf(withoutDates(text));
@@ -406,20 +437,15 @@ TEST(ConsoleDestination, BeginsALineAfterOneThatAFullDiskCut) {
   rlimit limit{};
   ::getrlimit(RLIMIT_FSIZE, &limit);
   XCGLogger logger;
-  std::fflush(stdout);
-  const int before = ::dup(STDOUT_FILENO);
-  const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-  ::dup2(file, STDOUT_FILENO);
-  ::close(file);
-  const rlimit full{10, limit.rlim_max};
-  ::setrlimit(RLIMIT_FSIZE, &full);
-  logger.info("cut", "f", "F", 1);
-  XCGLogger::logQueue().drain();
-  ::setrlimit(RLIMIT_FSIZE, &limit);
-  logger.info("whole", "f", "F", 2);
-  XCGLogger::logQueue().drain();
-  ::dup2(before, STDOUT_FILENO);
-  ::close(before);
+  {
+    const RedirectedOutput redirected(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
+    const rlimit full{10, limit.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &full);
+    logger.info("cut", "f", "F", 1);
+    XCGLogger::logQueue().drain();
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+    logger.info("whole", "f", "F", 2);
+  }
   std::signal(SIGXFSZ, action);
   const auto text = readFile(path);
   EXPECT_EQ(text.substr(10, 1), "\n") << text;
@@ -502,14 +528,10 @@ TEST_F(FileDestination, KeepsLinesWholeWhenManyThreadsLog) {
   constexpr std::size_t LINES = 400;
   logger.setLogDestinations({});
   open(path);
-  std::vector<std::thread> threads;
-  for (std::size_t thread = 0; thread < THREADS; ++thread) {
-    threads.emplace_back([&, thread] {
-      for (std::size_t line = 0; line < LINES; ++line)
-        logger.info(std::string(thread * 200, 'x') + "|", functionOf(thread), "F", static_cast<std::int64_t>(line));
-    });
-  }
-  for (auto& thread : threads) thread.join();
+  test::inParallel(THREADS, [&](std::size_t thread) {
+    for (std::size_t line = 0; line < LINES; ++line)
+      logger.info(std::string(thread * 200, 'x') + "|", functionOf(thread), "F", static_cast<std::int64_t>(line));
+  });
 
   std::multiset<std::string> expected;
   for (std::size_t thread = 0; thread < THREADS; ++thread) {
@@ -528,25 +550,20 @@ TEST_F(FileDestination, WritesEachLineByOneWrite) {
   // In a pipe with room for less than two lines, each read gives what one write gave: a line in two parts would show.
   logger.setLogDestinations({});
   open(path);
-  int ends[2];
-  ASSERT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-  ASSERT_GT(::fcntl(ends[1], F_SETPIPE_SZ, 4096), 0);
-  putInPlaceOfOpenFile(path, ends[1]);
+  const SmallPipe pipe;
+  putInPlaceOfOpenFile(path, pipe.input());
 
   constexpr int LINES = 200;
   std::thread writer([&] {
     for (int i = 0; i < LINES; ++i) logger.info(std::string(3000, 'x'), "f", "F", i);
   });
-  std::string text;
-  char part[4096];
-  while (std::count(text.begin(), text.end(), '\n') < LINES) {
-    const auto count = ::read(ends[0], part, sizeof part);
-    ASSERT_GT(count, 0);
-    text.append(part, static_cast<std::size_t>(count));
-    EXPECT_EQ(part[count - 1], '\n');
+  for (int i = 0; i < LINES;) {
+    const auto part = pipe.read();
+    EXPECT_THAT(part, EndsWith("\n"));
+    if (part.empty()) break;
+    i += static_cast<int>(std::count(part.begin(), part.end(), '\n'));
   }
   writer.join();
-  ::close(ends[0]);
 }
 
 TEST_F(FileDestination, DropsALineThatIsNotUTF8) {
@@ -612,7 +629,7 @@ TEST_F(FileDestination, OpensAnotherFileWhenGivenAnotherURL) {
     const auto old = readFile(path);
     file->setWriteToFileURL(FileURL::fileURLWithPath(other));
     logger.info("second", "f", "F", 1);
-    // Attached by now, the destination gets the report on itself as well.
+    // The destination is attached by now, so it gets the report on itself, too.
     EXPECT_EQ(readFile(path), old);
   });
   EXPECT_THAT(withoutDates(text), HasSubstr("[Info] : XCGLogger writing to log to: file://" + other + "\n"));

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <functional>
 #include <optional>
@@ -7,7 +8,7 @@
 
 namespace vornet {
 
-/// How grave a log record is, or from which gravity on a destination takes records. Ordered by raw value. `None` is an
+/// The severity of a log record, or the lowest severity that a destination takes. Ordered by raw value. `None` is an
 /// output level only: it lets nothing through.
 enum class LogLevel : int { Verbose = 0, Debug = 1, Info = 2, Warning = 3, Error = 4, Severe = 5, None = 6 };
 
@@ -22,8 +23,12 @@ constexpr std::optional<LogLevel> logLevelWithRawValue(int raw) noexcept {
   return static_cast<LogLevel>(raw);
 }
 
-/// The level's name as it stands in log lines: "Verbose", "Debug", "Info", "Warning", "Error", "Severe", "None".
-std::string_view description(LogLevel level) noexcept;
+/// The level's name in log lines: "Verbose", "Debug", "Info", "Warning", "Error", "Severe", "None".
+inline std::string_view description(LogLevel level) noexcept {
+  static constexpr std::array<std::string_view, 7> names = {"Verbose", "Debug",  "Info", "Warning",
+                                                            "Error",   "Severe", "None"};
+  return names[static_cast<std::size_t>(rawValue(level))];
+}
 
 }  // namespace vornet
 

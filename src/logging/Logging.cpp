@@ -17,7 +17,7 @@ const std::map<std::string, LogLevel, std::less<>>& logMap() {
   return map;
 }
 
-// Its messages are known by their lines, 29, 34 and 37; Logging_test.cpp holds them there.
+// Log lines show the line numbers 29, 34 and 37; Logging_test.cpp checks them.
 void setupLogger(const std::string& level) {
   if (const auto found = logMap().find(level); found != logMap().end()) {
     const auto container = platform::containerURLForGroup(App().APP_GROUP);
@@ -27,7 +27,7 @@ void setupLogger(const std::string& level) {
     if (!file) platform::fatalError("the log file has no path");
     if (const auto error = platform::createDirectory(*directory.path())) {
       VI_WARNING("Error creating log dir: " + *error);
-      return;
+      return platform::systemLog("Error creating log dir: " + *error);
     }
     logger().setup(found->second, true, true, false, *file);
     platform::setFatalErrorHandler(&logFatalError);
@@ -41,7 +41,7 @@ void logFatalError(std::string_view reason) noexcept {
   try {
     logger()._logln("Fatal error: " + std::string(reason), LogLevel::Severe);
   } catch (...) {
-    return;  // the reason goes elsewhere, too
+    return;  // the reason is also written elsewhere
   }
 }
 

@@ -4,7 +4,6 @@
 #include <string>
 #include <string_view>
 
-#include "logging/SourceFile.hpp"
 #include "logging/XCGLogger.hpp"
 
 namespace vornet {
@@ -18,8 +17,8 @@ const std::map<std::string, LogLevel, std::less<>>& logMap();
 
 /// Configures `logger()` for the level named `level`: console and the file "log/vi.log" of the group container, which
 /// starts empty. From then on the reason for a fatal stop is logged, too. An unknown name, or a log folder that cannot
-/// be made, is logged and leaves the logger as it was. Stops the process without a group container. Call once, before
-/// other threads log.
+/// be made, is logged (the latter in the system's log, too) and leaves the logger as it was. Stops the process without
+/// a group container. Call once, before other threads log.
 void setupLogger(const std::string& level);
 
 /// Logs why the process is about to stop, as "Fatal error: " and `reason`, at level Severe.

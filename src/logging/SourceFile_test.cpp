@@ -1,28 +1,24 @@
-#include "logging/SourceFile.hpp"
+#include "logging/LogDestination.hpp"
 
 #include <gtest/gtest.h>
+
+#include <utility>
+#include <vector>
 
 namespace vornet {
 namespace {
 
-TEST(SourceFile, DropsTheExtension) {
-  EXPECT_EQ(sourceFile("src/logging/Logging.cpp"), "src/logging/Logging");
-  EXPECT_EQ(sourceFile("Logging.cpp"), "Logging");
-}
-
-TEST(SourceFile, DropsTheLastExtensionOnly) {
-  EXPECT_EQ(sourceFile("src/Logging.test.cpp"), "src/Logging.test");
-}
-
-TEST(SourceFile, KeepsANameWithoutExtension) {
-  EXPECT_EQ(sourceFile("src/Logging"), "src/Logging");
-  EXPECT_EQ(sourceFile("src.d/Logging"), "src.d/Logging");
-  EXPECT_EQ(sourceFile(""), "");
-}
-
-TEST(SourceFile, KeepsANameThatBeginsWithADot) {
-  EXPECT_EQ(sourceFile("src/.hidden"), "src/.hidden");
-  EXPECT_EQ(sourceFile(".hidden"), ".hidden");
+TEST(SourceFile, LosesItsExtension) {
+  for (const auto& [file, shown] :
+       std::vector<std::pair<const char*, const char*>>{{"src/logging/Logging.cpp", "src/logging/Logging"},
+                                                        {"Logging.cpp", "Logging"},
+                                                        {"src/Logging.test.cpp", "src/Logging.test"},
+                                                        {"src/Logging", "src/Logging"},
+                                                        {"src.d/Logging", "src.d/Logging"},
+                                                        {"", ""},
+                                                        {"src/.hidden", "src/.hidden"},
+                                                        {".hidden", ".hidden"}})
+    EXPECT_EQ(sourceFile(file), shown);
 }
 
 }  // namespace

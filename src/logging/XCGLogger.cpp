@@ -5,7 +5,6 @@
 
 #include "logging/DateFormatterCache.hpp"
 #include "logging/LogDestinations.hpp"
-#include "logging/SourceFile.hpp"
 
 namespace vornet {
 namespace {
@@ -36,7 +35,7 @@ void XCGLogger::setOutputLogLevel(LogLevel level) {
 }
 
 platform::SerialQueue& XCGLogger::logQueue() {
-  // Never destroyed, as other threads may log until the very end; but the lines of the time before are written, if
+  // Never destroyed, as other threads may log until the very end. Lines logged before the end are written, if
   // somebody reads them.
   static platform::SerialQueue& queue = *new platform::SerialQueue(std::string(constants::logQueueIdentifier));
   static const struct AtExit {
@@ -172,7 +171,7 @@ std::string XCGLogger::debugDescription() const {
   return text;
 }
 
-// The entry points of the levels, as instance form and as form of the default instance.
+// The entry points of the levels, for an instance and for the default instance.
 #define VORNET_LEVEL_ENTRY(name, level)                                                                     \
   void XCGLogger::name(std::string_view message, std::string_view function, std::string_view file,          \
                        std::int64_t line) {                                                                 \

@@ -18,8 +18,8 @@
 namespace vornet {
 
 /// A levelled logger: forms one record a call and hands it to each destination that takes records of that level. Any
-/// thread may log. Destinations and levels are set up before other threads log, without a lock. Never fails, never
-/// throws for want of a destination: a record that none takes is dropped.
+/// thread may log. Destinations and levels are set up before other threads log, without a lock. Never fails or
+/// throws without a destination: a record that none takes is dropped.
 class XCGLogger {
  public:
   using LogLevel = vornet::LogLevel;
@@ -35,7 +35,7 @@ class XCGLogger {
     static constexpr std::string_view baseFileLogDestinationIdentifier = "com.vornet.xcglogger.logdestination.file";
     static constexpr std::string_view logQueueIdentifier = "com.vornet.xcglogger.queue";
     static constexpr std::string_view nsdataFormatterCacheIdentifier = "com.vornet.xcglogger.nsdataFormatterCache";
-    /// How long the end of the process waits for the console's last lines to be written.
+    /// The time that the end of the process waits for the console's last lines.
     static constexpr std::chrono::milliseconds lastLinesAtMost{150};
   };
 
@@ -107,10 +107,10 @@ class XCGLogger {
   void errorExec(const std::function<void()>& closure) { exec(LogLevel::Error, closure); }
   void severeExec(const std::function<void()>& closure) { exec(LogLevel::Severe, closure); }
 
-  /// Whether `level` is at least the logger's own level. logln does not ask: each destination decides for itself.
+  /// True if `level` is at least the logger's own level. logln does not ask: each destination decides for itself.
   bool isEnabledForLogLevel(LogLevel level) const noexcept { return level >= outputLogLevel_; }
 
-  /// Whether any attached destination takes records of `level`; what a call site asks before it builds a message.
+  /// True if any attached destination takes records of `level`. A call site asks this before it builds a message.
   bool isWantedAtLogLevel(LogLevel level) const;
 
   /// The first attached destination whose identifier is exactly `identifier`; null when there is none.

@@ -29,7 +29,7 @@ using Constants = XCGLogger::constants;
 constexpr std::array LEVELS = {LogLevel::Verbose, LogLevel::Debug, LogLevel::Info,
                                LogLevel::Warning, LogLevel::Error, LogLevel::Severe};
 
-/// What a destination was given, in the order of all destinations that share a journal.
+/// A record that a destination was given, in the order of all destinations that share a journal.
 struct Received {
   std::string destination;
   XCGLogDetails details;
@@ -70,6 +70,28 @@ std::vector<std::string> messages(const Journal& journal) {
 
 std::string numbered(std::string text, std::size_t number) {
   return text.append(std::to_string(number));
+}
+
+/// Logs at each level through `logger` (a logger, or XCGLogger::Default) and checks the records.
+template <class Logger>
+void expectEachEntryPointAtItsLevel(Logger&& logger, const Journal& journal) {
+  logger.verbose("0", "f0", "F0", 10);
+  logger.debug("1", "f1", "F1", 11);
+  logger.info("2", "f2", "F2", 12);
+  logger.warning("3", "f3", "F3", 13);
+  logger.error("4", "f4", "F4", 14);
+  logger.severe("5", "f5", "F5", 15);
+  logger.logln("6", LogLevel::Error, "f6", "F6", 16);
+  ASSERT_EQ(journal.size(), 7u);
+  for (std::size_t i = 0; i < 7; ++i) {
+    const auto& details = journal[i].details;
+    EXPECT_EQ(details.logLevel, i < 6 ? LEVELS[i] : LogLevel::Error);
+    EXPECT_EQ(details.logMessage, std::to_string(i));
+    EXPECT_EQ(details.functionName, numbered("f", i));
+    EXPECT_EQ(details.fileName, numbered("F", i));
+    EXPECT_EQ(details.lineNumber, static_cast<std::int64_t>(10 + i));
+    EXPECT_FALSE(journal[i].internal);
+  }
 }
 
 std::string firstAppDetail(const std::string& build) {
@@ -139,17 +161,10 @@ TEST(XCGLoggerDefaultInstance, IsMadeOnceAsIsTheQueueWhenManyThreadsAskAtOnce) {
   constexpr int COUNT = 16;
   std::array<XCGLogger*, COUNT> instances{};
   std::array<platform::SerialQueue*, COUNT> queues{};
-  test::Gate gate;
-  std::vector<std::thread> threads;
-  for (std::size_t i = 0; i < COUNT; ++i) {
-    threads.emplace_back([&, i] {
-      gate.pass();
-      instances[i] = &XCGLogger::defaultInstance();
-      queues[i] = &XCGLogger::logQueue();
-    });
-  }
-  gate.open();
-  for (auto& thread : threads) thread.join();
+  test::inParallel(COUNT, [&](std::size_t i) {
+    instances[i] = &XCGLogger::defaultInstance();
+    queues[i] = &XCGLogger::logQueue();
+  });
   EXPECT_EQ(std::set<XCGLogger*>(instances.begin(), instances.end()).size(), 1u);
   EXPECT_EQ(std::set<platform::SerialQueue*>(queues.begin(), queues.end()).size(), 1u);
   EXPECT_EQ(XCGLogger::defaultInstance().identifier(), Constants::defaultInstanceIdentifier);
@@ -238,46 +253,18 @@ TEST_F(XCGLoggerTest, DoesNotAskItsOwnLevelWhenLogging) {
 
 TEST_F(XCGLoggerTest, EntryPointsLogAtTheirOwnLevel) {
   attach("r");
-  logger.verbose("0", "f0", "F0", 10);
-  logger.debug("1", "f1", "F1", 11);
-  logger.info("2", "f2", "F2", 12);
-  logger.warning("3", "f3", "F3", 13);
-  logger.error("4", "f4", "F4", 14);
-  logger.severe("5", "f5", "F5", 15);
-  ASSERT_EQ(journal.size(), LEVELS.size());
-  for (std::size_t i = 0; i < LEVELS.size(); ++i) {
-    EXPECT_EQ(journal[i].details.logLevel, LEVELS[i]);
-    EXPECT_EQ(journal[i].details.logMessage, std::to_string(i));
-    EXPECT_EQ(journal[i].details.functionName, numbered("f", i));
-    EXPECT_EQ(journal[i].details.fileName, numbered("F", i));
-    EXPECT_EQ(journal[i].details.lineNumber, static_cast<std::int64_t>(10 + i));
-    EXPECT_FALSE(journal[i].internal);
-  }
+  expectEachEntryPointAtItsLevel(logger, journal);
 }
 
 TEST(XCGLoggerDefaultForms, ForwardToTheDefaultInstance) {
   Journal journal;
   auto& instance = XCGLogger::defaultInstance();
   instance.setLogDestinations({std::make_shared<RecordingDestination>(instance, "r", journal)});
-  XCGLogger::Default::verbose("0", "f0", "F0", 10);
-  XCGLogger::Default::debug("1", "f1", "F1", 11);
-  XCGLogger::Default::info("2", "f2", "F2", 12);
-  XCGLogger::Default::warning("3", "f3", "F3", 13);
-  XCGLogger::Default::error("4", "f4", "F4", 14);
-  XCGLogger::Default::severe("5", "f5", "F5", 15);
-  XCGLogger::Default::logln("6", LogLevel::Error, "f6", "F6", 16);
-  ASSERT_EQ(journal.size(), 7u);
-  for (std::size_t i = 0; i < 7; ++i) {
-    EXPECT_EQ(journal[i].details.logLevel, i < 6 ? LEVELS[i] : LogLevel::Error);
-    EXPECT_EQ(journal[i].details.logMessage, std::to_string(i));
-    EXPECT_EQ(journal[i].details.functionName, numbered("f", i));
-    EXPECT_EQ(journal[i].details.fileName, numbered("F", i));
-    EXPECT_EQ(journal[i].details.lineNumber, static_cast<std::int64_t>(10 + i));
-  }
+  expectEachEntryPointAtItsLevel(XCGLogger::Default(), journal);
   instance.setLogDestinations({});
 }
 
-TEST_F(XCGLoggerTest, ReportsOfItsOwnHaveNoFunctionFileAndLine) {
+TEST_F(XCGLoggerTest, ItsOwnReportsHaveNoFunctionFileAndLine) {
   attach("a", LogLevel::Error);
   attach("b");
   attach("c");
@@ -296,13 +283,9 @@ TEST_F(XCGLoggerTest, TakesRecordsFromManyThreads) {
   constexpr int THREADS = 8;
   constexpr int LINES = 200;
   const auto text = consoleOutputOf([&] {
-    std::vector<std::thread> threads;
-    for (int thread = 0; thread < THREADS; ++thread) {
-      threads.emplace_back([&, thread] {
-        for (int line = 0; line < LINES; ++line) console.info("m", std::to_string(thread), "F", line);
-      });
-    }
-    for (auto& thread : threads) thread.join();
+    test::inParallel(THREADS, [&](std::size_t thread) {
+      for (int line = 0; line < LINES; ++line) console.info("m", std::to_string(thread), "F", line);
+    });
   });
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), THREADS * LINES);
 }
@@ -341,45 +324,26 @@ TEST(XCGLoggerEnd, LetsOtherThreadsLogUntilTheVeryEnd) {
 
 // --- Levels
 
-TEST_F(XCGLoggerTest, IsEnabledForLevelsThatAreAtLeastItsOwn) {
-  for (int own = rawValue(LogLevel::Verbose); own <= rawValue(LogLevel::None); ++own) {
-    logger.setOutputLogLevel(*logLevelWithRawValue(own));
-    for (const LogLevel level : LEVELS) EXPECT_EQ(logger.isEnabledForLogLevel(level), rawValue(level) >= own);
-  }
-}
-
-TEST_F(XCGLoggerTest, IsEnabledForNoRealLevelAtNone) {
-  logger.setOutputLogLevel(LogLevel::None);
-  for (const LogLevel level : LEVELS) EXPECT_FALSE(logger.isEnabledForLogLevel(level));
-}
-
-TEST_F(XCGLoggerTest, GivesItsLevelToEveryDestination) {
-  const auto a = attach("a", LogLevel::Verbose);
-  const auto b = attach("b", LogLevel::Severe);
-  logger.setOutputLogLevel(LogLevel::Warning);
-  EXPECT_EQ(logger.outputLogLevel(), LogLevel::Warning);
-  EXPECT_EQ(a->outputLogLevel(), LogLevel::Warning);
-  EXPECT_EQ(b->outputLogLevel(), LogLevel::Warning);
-}
-
-TEST_F(XCGLoggerTest, GivesItsLevelInListOrder) {
+TEST_F(XCGLoggerTest, GivesItsLevelToEveryDestinationInListOrder) {
   class Noting : public RecordingDestination {
    public:
-    Noting(XCGLogger& owner, const std::string& identifier, Journal& journal, std::vector<std::string>& order)
-        : RecordingDestination(owner, identifier, journal), order_(order) {}
+    using RecordingDestination::RecordingDestination;
+    std::vector<std::string>* order = nullptr;
     void setOutputLogLevel(LogLevel level) override {
-      order_.push_back(identifier());
+      if (order) order->push_back(identifier());
       RecordingDestination::setOutputLogLevel(level);
     }
-
-   private:
-    std::vector<std::string>& order_;
   };
   std::vector<std::string> order;
-  for (const char* name : {"b", "a", "c"})
-    logger.addLogDestination(std::make_shared<Noting>(logger, name, journal, order));
-  logger.setOutputLogLevel(LogLevel::Info);
+  for (const char* name : {"b", "a", "c"}) {
+    const auto destination = std::make_shared<Noting>(logger, name, journal, LogLevel::Severe);
+    destination->order = &order;
+    logger.addLogDestination(destination);
+  }
+  logger.setOutputLogLevel(LogLevel::Warning);
   EXPECT_THAT(order, ElementsAre("b", "a", "c"));
+  EXPECT_EQ(logger.outputLogLevel(), LogLevel::Warning);
+  for (const auto& destination : logger.logDestinations()) EXPECT_EQ(destination->outputLogLevel(), LogLevel::Warning);
 }
 
 TEST_F(XCGLoggerTest, LeavesADestinationsOwnLevelUntilItsOwnIsSetAgain) {
@@ -400,10 +364,11 @@ TEST_F(XCGLoggerTest, KnowsWhetherAnyDestinationWantsALevel) {
   EXPECT_FALSE(logger.isWantedAtLogLevel(LogLevel::Info));
 }
 
-TEST_F(XCGLoggerTest, RunsClosuresOnlyForEnabledLevels) {
+TEST_F(XCGLoggerTest, IsEnabledAndRunsClosuresForLevelsThatAreAtLeastItsOwn) {
   for (int own = rawValue(LogLevel::Verbose); own <= rawValue(LogLevel::None); ++own) {
     logger.setOutputLogLevel(*logLevelWithRawValue(own));
     for (const LogLevel level : LEVELS) {
+      EXPECT_EQ(logger.isEnabledForLogLevel(level), rawValue(level) >= own);
       bool ran = false;
       logger.exec(level, [&] { ran = true; });
       EXPECT_EQ(ran, rawValue(level) >= own);
@@ -489,7 +454,7 @@ TEST_F(XCGLoggerTest, RemovesEveryDestinationWithTheIdentifierOfAnother) {
   attach("c")->setIdentifier("a");
   logger.removeLogDestination(a);
   EXPECT_THAT(identifiers(logger), ElementsAre("b"));
-  // One that is not attached itself stands for its identifier.
+  // One that is not attached represents its identifier.
   logger.removeLogDestination(XCGLogger::Destination(std::make_shared<RecordingDestination>(logger, "b", journal)));
   EXPECT_THAT(identifiers(logger), IsEmpty());
 }
@@ -538,7 +503,7 @@ TEST_F(XCGLoggerTest, WritesNoApplicationDetailsToDestinationsAboveInfo) {
   EXPECT_THAT(messages(journal), ElementsAre(HasSubstr("info: "), HasSubstr("info: ")));
 }
 
-TEST_F(XCGLoggerTest, TellsTheLoggersLevelNotTheDestinations) {
+TEST_F(XCGLoggerTest, WritesTheLoggersLevelNotTheDestinations) {
   logger.setOutputLogLevel(LogLevel::Severe);
   attach("r", LogLevel::Verbose);
   logger.logAppDetails();
@@ -659,7 +624,7 @@ TEST_F(XCGLoggerSetup, TakesAFileURLAsWell) {
   EXPECT_EQ(withoutDates(test::readFile(path)), appDetails("Info"));
 }
 
-TEST_F(XCGLoggerSetup, LeavesTheFlagsOfADestinationThatOnlyBearsTheConsolesName) {
+TEST_F(XCGLoggerSetup, LeavesTheFlagsOfADestinationThatOnlyHasTheConsolesName) {
   Journal journal;
   auto other = std::make_shared<RecordingDestination>(
       logger, std::string(Constants::baseConsoleLogDestinationIdentifier), journal);

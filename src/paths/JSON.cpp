@@ -17,7 +17,7 @@ namespace json = boost::json;
 
 constexpr std::size_t MAX_DEPTH = 512;
 
-// What is remembered of members of another kind, in case that the right ones follow under the same keys.
+// Remembers members of another kind, in case the right ones follow under the same keys.
 constexpr std::size_t MAX_OTHERS = 64;
 constexpr std::size_t MAX_OTHER_KEY_BYTES = 4096;
 
@@ -71,7 +71,7 @@ class Members {
   bool isContainer() const { return container_; }
   bool isObjectOfKind() const { return object_ && !tooManyOthers_ && others_.empty(); }
   bool hasInfiniteNumber() const { return infinite_; }
-  /// Whether it met a member of another kind.
+  /// True if it met a member of another kind.
   bool mismatched() const { return mismatched_; }
 
   bool on_document_begin(boost::system::error_code&) { return true; }
@@ -85,7 +85,7 @@ class Members {
     return true;
   }
   bool on_key(json::string_view rest, std::size_t, boost::system::error_code&) {
-    if (partialKey_.empty() && isOfDocument(rest.data())) {  // without escapes: nothing need be copied
+    if (partialKey_.empty() && isOfDocument(rest.data())) {  // without escapes, nothing is copied
       key_ = {rest.data(), rest.size()};
       return true;
     }
@@ -102,7 +102,7 @@ class Members {
   }
   bool on_uint64(std::uint64_t, json::string_view, boost::system::error_code&) { return mismatch(); }
   bool on_double(double value, json::string_view, boost::system::error_code&) {
-    infinite_ = infinite_ || !std::isfinite(value);  // what the parser makes of 1e999
+    infinite_ = infinite_ || !std::isfinite(value);  // the parser's value for 1e999
     return mismatch();
   }
   bool on_bool(bool value, boost::system::error_code&) { return scalar(Kind::boolean, value); }
@@ -157,10 +157,10 @@ class Members {
   bool infinite_ = false;
   bool mismatched_ = false;
   bool tooManyOthers_ = false;
-  std::set<std::string, std::less<>> others_;  // the top-level keys under which a value of another kind stood last
+  std::set<std::string, std::less<>> others_;  // the top-level keys whose last value was of another kind
 };
 
-/// Reads the whole of `data`; whether it is an object of members of `kind`, and whether one of another kind was met.
+/// Reads all of `data`. Reports whether it is an object of members of `kind`, and whether one of another kind was met.
 std::pair<bool, bool> parseMembers(std::string_view data, Kind kind, const Member& member, bool pastMismatches) {
   json::basic_parser<Members> parser(parseOptions(), data, kind, member, pastMismatches);
   boost::system::error_code error;

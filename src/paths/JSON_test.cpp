@@ -40,8 +40,8 @@ bool isRefused(std::string_view data) {
   }
 }
 
-/// What integersFromJSON makes of `data`: the members when it is an object of integers; none when it has another shape
-/// or is refused.
+/// The result of integersFromJSON for `data`: its members if it is an object of integers; none when it has another
+/// shape or is refused.
 std::optional<Integers> integersIn(std::string_view data, bool& refused) {
   Integers members;
   refused = false;
@@ -66,7 +66,7 @@ std::optional<Integers> integersOf(const JSONValue& value) {
   return members;
 }
 
-/// Whether the two ways of reading `data` agree on what is refused, on its shape and on its members.
+/// True if the two ways of reading `data` agree on what is refused, on its shape and on its members.
 ::testing::AssertionResult bothWaysAgree(std::string_view data) {
   bool refused = false;
   const auto members = integersIn(data, refused);
@@ -113,60 +113,28 @@ const std::vector<std::string> REFUSED = {
     nestedArrays(513), nestedObjects(513), "{\"a\":" + nestedArrays(512) + "}", std::string(100'000, '['),
     repeated("{\"a\":", 100'000)};
 
-const std::vector<std::string> ACCEPTED = {"{}",
-                                           "[]",
-                                           " { } ",
-                                           "\n[\t]\r\n",
-                                           "[1]",
-                                           "[\"a\"]",
-                                           "[null,true,false]",
-                                           "{\"a\":1}",
-                                           "{\"a\":-1,\"b\":2}",
-                                           "{\"\":0}",
-                                           "{\"a\":0}",
-                                           "{\"a\":-0}",
-                                           "{\"a\":1.0}",
-                                           "{\"a\":1e0}",
-                                           "{\"a\":1e2}",
-                                           "{\"a\":0.5}",
-                                           "{\"a\":1e308}",
-                                           "[1e-999,-1.7e308]",
-                                           "{\"a\":\"1\"}",
-                                           "{\"a\":null}",
-                                           "{\"a\":true}",
-                                           "{\"a\":[]}",
-                                           "{\"a\":{}}",
-                                           "{\"a\":[1]}",
-                                           "{\"a\":{\"b\":1}}",
-                                           "{\"a\":1,\"b\":\"x\"}",
-                                           "{\"a\":\"x\",\"b\":1}",
-                                           "{\"a\":{\"b\":\"x\"},\"c\":1}",
-                                           "[{\"a\":1}]",
-                                           "{\"a\":9223372036854775807,\"b\":-9223372036854775808}",
-                                           "{\"a\":9223372036854775808}",
-                                           "{\"a\":18446744073709551615}",
-                                           "{\"a\":18446744073709551616}",
-                                           "{\"a\":-9223372036854775809}",
-                                           "{\"a\":1,\"a\":2}",
-                                           "{\"a\":1,\"b\":3,\"a\":2}",
-                                           "{\"a\":\"x\",\"a\":1}",
-                                           "{\"a\":1,\"a\":\"x\"}",
-                                           "{\"a\":{\"a\":\"x\",\"b\":1},\"a\":1}",
-                                           "{\"a\":[\"x\"],\"b\":2,\"a\":1}",
-                                           "{\"a\":1,\"a\":{\"a\":1}}",
-                                           "{\"a\":null,\"b\":null,\"a\":1}",
-                                           "{\"\\u0061\":1,\"a\":2}",
-                                           "{\"a\":1.5,\"\\u0061\":2}",
-                                           "{\"\\ud83d\\ude00\":1}",
-                                           "{\"\xF0\x9F\x98\x80\":1}",
-                                           "{\"\\u0000\":1}",
-                                           "{\"a\\/b\\\\c\\\"\":1}",
-                                           "[\"\\\"\\\\\\/\\b\\f\\n\\r\\t\\u00e9\"]",
-                                           "{\"\x7F\":1}",
-                                           nestedArrays(512),
-                                           nestedObjects(512)};
+const std::vector<std::string> ACCEPTED = {
+    // empty, with blanks
+    "{}", "[]", " { } ", "\n[\t]\r\n",
+    // values of every kind
+    "[1]", "[\"a\"]", "[null,true,false]", "{\"a\":1}", "{\"a\":-1,\"b\":2}", "{\"\":0}", "{\"a\":0}", "{\"a\":-0}",
+    "{\"a\":1.0}", "{\"a\":1e0}", "{\"a\":1e2}", "{\"a\":0.5}", "{\"a\":1e308}", "[1e-999,-1.7e308]", "{\"a\":\"1\"}",
+    "{\"a\":null}", "{\"a\":true}", "{\"a\":[]}", "{\"a\":{}}", "{\"a\":[1]}", "{\"a\":{\"b\":1}}",
+    "{\"a\":1,\"b\":\"x\"}", "{\"a\":\"x\",\"b\":1}", "{\"a\":{\"b\":\"x\"},\"c\":1}", "[{\"a\":1}]",
+    // integers at and beyond the limits
+    "{\"a\":9223372036854775807,\"b\":-9223372036854775808}", "{\"a\":9223372036854775808}",
+    "{\"a\":18446744073709551615}", "{\"a\":18446744073709551616}", "{\"a\":-9223372036854775809}",
+    // equal keys
+    "{\"a\":1,\"a\":2}", "{\"a\":1,\"b\":3,\"a\":2}", "{\"a\":\"x\",\"a\":1}", "{\"a\":1,\"a\":\"x\"}",
+    "{\"a\":{\"a\":\"x\",\"b\":1},\"a\":1}", "{\"a\":[\"x\"],\"b\":2,\"a\":1}", "{\"a\":1,\"a\":{\"a\":1}}",
+    "{\"a\":null,\"b\":null,\"a\":1}", "{\"\\u0061\":1,\"a\":2}", "{\"a\":1.5,\"\\u0061\":2}",
+    // escapes
+    "{\"\\ud83d\\ude00\":1}", "{\"\xF0\x9F\x98\x80\":1}", "{\"\\u0000\":1}", "{\"a\\/b\\\\c\\\"\":1}",
+    "[\"\\\"\\\\\\/\\b\\f\\n\\r\\t\\u00e9\"]", "{\"\x7F\":1}",
+    // as deep as can be
+    nestedArrays(512), nestedObjects(512)};
 
-TEST(FromJSONTest, ThrowsForWhatIsNoDocument) {
+TEST(FromJSONTest, ThrowsForTextThatIsNoDocument) {
   for (const auto& data : REFUSED) EXPECT_TRUE(isRefused(data)) << data.substr(0, 100);
 }
 
@@ -174,15 +142,7 @@ TEST(FromJSONTest, AcceptsDocumentsWithAnObjectOrArrayAtTheTop) {
   for (const auto& data : ACCEPTED) EXPECT_FALSE(isRefused(data)) << data.substr(0, 100);
 }
 
-TEST(FromJSONTest, OfTruncatedJSONThrows) {
-  EXPECT_THROW(fromJSON("[1"), JSONError);
-}
-
-TEST(FromJSONTest, OfNoBytesThrows) {
-  EXPECT_THROW(fromJSON({}), JSONError);
-}
-
-TEST(FromJSONTest, OfAnEmptyObjectIsAnEmptyObjectThatCanBeChanged) {
+TEST(FromJSONTest, AnEmptyObjectIsDecodedAndCanBeChanged) {
   JSONValue value = fromJSON("{}");
   ASSERT_TRUE(value.is_object());
   EXPECT_TRUE(value.get_object().empty());
@@ -218,18 +178,11 @@ TEST(FromJSONTest, KeepsIntegersExactly) {
   EXPECT_EQ(value.at(2), 9007199254740993);
 }
 
-TEST(FromJSONTest, OfEqualKeysTheLastHolds) {
+TEST(FromJSONTest, TheLastOfEqualKeysWins) {
   EXPECT_EQ(fromJSON("{\"a\":1,\"b\":2,\"a\":\"x\"}"), (JSONValue{{"a", "x"}, {"b", 2}}));
 }
 
-TEST(FromJSONTest, NestingOf512IsReadAndOneMoreIsNot) {
-  EXPECT_NO_THROW(fromJSON(nestedArrays(512)));
-  EXPECT_THROW(fromJSON(nestedArrays(513)), JSONError);
-  EXPECT_NO_THROW(fromJSON(nestedObjects(512)));
-  EXPECT_THROW(fromJSON(nestedObjects(513)), JSONError);
-}
-
-TEST(IntegersFromJSONTest, ThrowsForWhatIsNoDocument) {
+TEST(IntegersFromJSONTest, ThrowsForTextThatIsNoDocument) {
   for (const auto& data : REFUSED) {
     bool refused = false;
     integersIn(data, refused);
@@ -299,7 +252,7 @@ TEST(IntegersFromJSONTest, AnythingButAnObjectOfIntegersIsOfAnotherShape) {
   }
 }
 
-TEST(IntegersFromJSONTest, ALaterIntegerUnderTheSameKeyHoldsInPlaceOfAnotherValue) {
+TEST(IntegersFromJSONTest, ALaterIntegerUnderTheSameKeyReplacesAnotherValue) {
   bool refused = true;
   EXPECT_EQ(integersIn("{\"a\":\"x\",\"b\":{\"c\":\"y\"},\"a\":1,\"b\":2}", refused), (Integers{{"a", 1}, {"b", 2}}));
 }
@@ -336,11 +289,11 @@ TEST(BooleansFromJSONTest, PassesOnTheMembersOfAnObjectOfBooleans) {
   EXPECT_TRUE(booleansFromJSON("{\"1\":true,\"2\":false,\"\\u0033\":true,\"2\":true}", store));
   EXPECT_EQ(members, (std::map<std::string, bool>{{"1", true}, {"2", true}, {"3", true}}));
   EXPECT_TRUE(booleansFromJSON("{}", store));
-  EXPECT_TRUE(booleansFromJSON("{\"4\":1,\"4\":false}", store)) << "of equal keys the last one holds";
+  EXPECT_TRUE(booleansFromJSON("{\"4\":1,\"4\":false}", store)) << "of equal keys the last one wins";
   EXPECT_EQ(members.count("4"), 1U);
 }
 
-TEST(BooleansFromJSONTest, TellsAnotherShapeFromWhatIsNoJSON) {
+TEST(BooleansFromJSONTest, DistinguishesAnotherShapeFromTextThatIsNoJSON) {
   for (const char* data : {"[]", "[true]", "{\"1\":1}", "{\"1\":null}", "{\"1\":\"true\"}", "{\"1\":[true]}",
                            "{\"1\":{\"2\":true}}", "{\"1\":true,\"2\":0}", "{\"1\":true,\"1\":0}"}) {
     EXPECT_FALSE(booleansFromJSON(data, [](auto, auto) {})) << data;

@@ -13,10 +13,11 @@ const std::string& requiredPath(const FileURL& url) {
 std::string removingAll(std::string_view text, std::string_view part) {
   std::string result;
   if (part.empty()) return std::string(text);
-  std::size_t from = 0;
-  for (std::size_t at; (at = text.find(part, from)) != std::string_view::npos; from = at + part.size())
-    result.append(text, from, at - from);
-  return result.append(text, from);
+  if (text.starts_with(part)) text.remove_prefix(part.size());
+  for (std::size_t at; (at = text.find(part)) != std::string_view::npos; text.remove_prefix(at + part.size()))
+    result += text.substr(0, at);
+  result += text;
+  return result;  // by itself, or it would be copied
 }
 
 }  // namespace

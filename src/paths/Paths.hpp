@@ -12,7 +12,7 @@
 /// path stops the process.
 namespace vornet {
 
-/// The cloud path of an item. Every occurrence of the root's path is removed, wherever it stands; the root itself gives
+/// The cloud path of an item. Every occurrence of the root's path is removed, wherever it occurs; the root itself gives
 /// "".
 std::string getCloudPath(const platform::FileURL& root, const platform::FileURL& pathURL);
 std::string getCloudPath(const platform::FileURL& root, std::string_view path);
@@ -37,7 +37,7 @@ std::vector<std::string> urlsToCloudPaths(const platform::FileURL& root,
 /// Kept ready; nothing calls it yet.
 std::string escape(std::string_view text);
 
-/// Whether a folder stands at `url`; false when nothing does.
+/// True if there is a folder at `url`.
 bool isDirectory(const platform::FileURL& url);
 
 }  // namespace vornet

@@ -25,73 +25,48 @@ FileURL url(std::string_view path) {
 
 const FileURL ROOT = url("/R");
 
-TEST(CloudPathTest, OfAnItemBeginsWithASlash) {
-  EXPECT_EQ(getCloudPath(ROOT, url("/R/a/b")), "/a/b");
+struct CloudPathCase {
+  const char* name;
+  const char* root;
+  const char* item;
+  const char* cloudPath;
+};
+void PrintTo(const CloudPathCase& tested, std::ostream* out) {
+  *out << tested.name;
+}
+class CloudPath : public ::testing::TestWithParam<CloudPathCase> {};
+
+TEST_P(CloudPath, IsThePathWithoutTheRoot) {
+  const auto& [name, root, item, cloudPath] = GetParam();
+  EXPECT_EQ(getCloudPath(url(root), url(item)), cloudPath);
+  EXPECT_EQ(getCloudPath(url(root), std::string_view(*url(item).path())), cloudPath) << "of a text";
 }
 
-TEST(CloudPathTest, OfTheRootIsEmpty) {
-  EXPECT_EQ(getCloudPath(ROOT, ROOT), "");
-  EXPECT_EQ(getCloudPath(ROOT, url("/R/")), "");
-}
-
-TEST(CloudPathTest, OfAnItemOutsideTheRootIsItsPathUnchanged) {
-  EXPECT_EQ(getCloudPath(ROOT, url("/other/a")), "/other/a");
-}
-
-TEST(CloudPathTest, EveryOccurrenceOfTheRootIsRemoved) {
-  EXPECT_EQ(getCloudPath(ROOT, url("/R/x/R/y")), "/x/y");
-}
-
-TEST(CloudPathTest, TheRootIsRemovedInsideAPathOutsideIt) {
-  EXPECT_EQ(getCloudPath(ROOT, url("/other/R/a")), "/other/a");
-}
-
-TEST(CloudPathTest, TheRootIsRemovedEvenWhereItEndsWithinAName) {
-  EXPECT_EQ(getCloudPath(ROOT, url("/Rest/a")), "est/a");
-}
-
-TEST(CloudPathTest, AdjacentOccurrencesAreRemoved) {
-  EXPECT_EQ(getCloudPath(ROOT, url("/R/R/R/a")), "/a");
-}
-
-TEST(CloudPathTest, WhatARemovalJoinsIsNotRemovedAgain) {
-  EXPECT_EQ(getCloudPath(url("/R/R"), std::string_view("/R/R/R/R")), "");
-  EXPECT_EQ(getCloudPath(url("/ab"), std::string_view("/a/abb")), "/ab");
-}
-
-TEST(CloudPathTest, CaseMatters) {
-  EXPECT_EQ(getCloudPath(ROOT, url("/r/a")), "/r/a");
-}
-
-TEST(CloudPathTest, TheRootIsTakenLiterally) {
-  EXPECT_EQ(getCloudPath(url("/R.*"), url("/R.*/a")), "/a");
-  EXPECT_EQ(getCloudPath(url("/R.*"), url("/Rxx/a")), "/Rxx/a");
-}
-
-TEST(CloudPathTest, DifferentlyComposedCharactersAreDifferent) {
-  EXPECT_EQ(getCloudPath(url("/\u00e9"), url("/e\u0301/a")), "/e\u0301/a");
-  EXPECT_EQ(getCloudPath(url("/\u00e9"), url("/\u00e9/\u00fc")), "/\u00fc");
-}
-
-TEST(CloudPathTest, TrailingSlashesOfRootAndItemDoNotCount) {
-  EXPECT_EQ(getCloudPath(url("/R/"), url("/R/a/")), "/a");
-}
-
-TEST(CloudPathTest, TheRootFolderOfTheSystemAsRootLosesEverySlash) {
-  EXPECT_EQ(getCloudPath(url("/"), url("/a/b")), "ab");
-}
-
-TEST(CloudPathTest, OfAPathTextFollowsTheSameRule) {
-  EXPECT_EQ(getCloudPath(ROOT, std::string_view("/R/a/b")), "/a/b");
-  EXPECT_EQ(getCloudPath(ROOT, std::string_view("/R")), "");
-  EXPECT_EQ(getCloudPath(ROOT, std::string_view("/R/x/R/y")), "/x/y");
-  EXPECT_EQ(getCloudPath(ROOT, std::string_view("/other")), "/other");
-  EXPECT_EQ(getCloudPath(ROOT, std::string_view("")), "");
-}
+INSTANTIATE_TEST_SUITE_P(
+    , CloudPath,
+    ::testing::Values(CloudPathCase{"OfAnItemBeginsWithASlash", "/R", "/R/a/b", "/a/b"},
+                      CloudPathCase{"OfTheRootIsEmpty", "/R", "/R", ""},
+                      CloudPathCase{"OfAnItemOutsideTheRootIsItsPathUnchanged", "/R", "/other/a", "/other/a"},
+                      CloudPathCase{"EveryOccurrenceOfTheRootIsRemoved", "/R", "/R/x/R/y", "/x/y"},
+                      CloudPathCase{"TheRootIsRemovedInsideAPathOutsideIt", "/R", "/other/R/a", "/other/a"},
+                      CloudPathCase{"TheRootIsRemovedEvenWhereItEndsWithinAName", "/R", "/Rest/a", "est/a"},
+                      CloudPathCase{"AdjacentOccurrencesAreRemoved", "/R", "/R/R/R/a", "/a"},
+                      CloudPathCase{"APairOfAdjacentOccurrencesIsRemoved", "/R/R", "/R/R/R/R", ""},
+                      CloudPathCase{"AMatchThatARemovalJoinsIsNotRemoved", "/ab", "/a/abb", "/ab"},
+                      CloudPathCase{"CaseMatters", "/R", "/r/a", "/r/a"},
+                      CloudPathCase{"TheRootIsTakenLiterally", "/R.*", "/R.*/a", "/a"},
+                      CloudPathCase{"TheRootIsNoPattern", "/R.*", "/Rxx/a", "/Rxx/a"},
+                      CloudPathCase{"DifferentlyComposedCharactersAreDifferent", "/\u00e9", "/e\u0301/a", "/e\u0301/a"},
+                      CloudPathCase{"EquallyComposedCharactersAreEqual", "/\u00e9", "/\u00e9/\u00fc", "/\u00fc"},
+                      CloudPathCase{"TrailingSlashesOfRootAndItemDoNotCount", "/R/", "/R/a/", "/a"},
+                      CloudPathCase{"OfTheRootWithASlashIsEmpty", "/R", "/R/", ""},
+                      CloudPathCase{"TheRootFolderOfTheSystemAsRootLosesEverySlash", "/", "/a/b", "ab"}),
+    [](const auto& tested) { return tested.param.name; });
 
 TEST(CloudPathTest, APathTextIsTakenAsItIs) {
   EXPECT_EQ(getCloudPath(ROOT, std::string_view("/R/a/")), "/a/");
   EXPECT_EQ(getCloudPath(ROOT, std::string_view("a//R/b")), "a//b");
+  EXPECT_EQ(getCloudPath(ROOT, std::string_view("")), "");
 }
 
 class PathsOnDiskTest : public ::testing::Test {
@@ -110,73 +85,54 @@ class PathsOnDiskTest : public ::testing::Test {
   TemporaryFolder folder_;
 };
 
-TEST_F(PathsOnDiskTest, ASlashFollowsTheCloudPathOfAFolder) {
-  EXPECT_EQ(getCloudPathWithTrailingSlash(root(), item("d")), "/d/");
-  EXPECT_EQ(getCloudPathWithTrailingSlash(root(), item("to-d")), "/to-d/");
-}
-
-TEST_F(PathsOnDiskTest, NothingFollowsTheCloudPathOfAFile) {
-  EXPECT_EQ(getCloudPathWithTrailingSlash(root(), item("f")), "/f");
-  EXPECT_EQ(getCloudPathWithTrailingSlash(root(), item("to-f")), "/to-f");
-}
-
-TEST_F(PathsOnDiskTest, NothingFollowsTheCloudPathOfAnAbsentItem) {
-  EXPECT_EQ(getCloudPathWithTrailingSlash(root(), item("gone")), "/gone");
-  EXPECT_EQ(getCloudPathWithTrailingSlash(root(), item("to-nothing")), "/to-nothing");
+TEST_F(PathsOnDiskTest, ASlashFollowsTheCloudPathOfAFolderAndNothingThatOfAFileOrAnAbsentItem) {
+  for (const std::string name : {"d", "to-d", "f", "to-f", "gone", "to-nothing"}) {
+    const auto slash = name.ends_with("d") ? "/" : "";
+    EXPECT_EQ(getCloudPathWithTrailingSlash(root(), item(name)), "/" + name + slash);
+  }
 }
 
 TEST_F(PathsOnDiskTest, TheRootWithTrailingSlashIsALoneSlash) {
   EXPECT_EQ(getCloudPathWithTrailingSlash(root(), root()), "/");
 }
 
-TEST_F(PathsOnDiskTest, IsDirectoryTellsFoldersFromFilesAndAbsentItems) {
-  EXPECT_TRUE(isDirectory(item("d")));
-  EXPECT_TRUE(isDirectory(item("to-d")));
-  EXPECT_TRUE(isDirectory(url("/")));
-  EXPECT_FALSE(isDirectory(item("f")));
-  EXPECT_FALSE(isDirectory(item("to-f")));
-  EXPECT_FALSE(isDirectory(item("gone")));
-  EXPECT_FALSE(isDirectory(item("to-nothing")));
-  EXPECT_FALSE(isDirectory(item("f/below-a-file")));
+TEST_F(PathsOnDiskTest, IsDirectoryDistinguishesFoldersFromFilesDevicesAndAbsentItems) {
+  for (const auto& folder : {item("d"), item("to-d"), url("/")}) EXPECT_TRUE(isDirectory(folder)) << *folder.path();
+  for (const auto& other :
+       {item("f"), item("to-f"), item("gone"), item("to-nothing"), item("f/below-a-file"), url("/dev/null")})
+    EXPECT_FALSE(isDirectory(other)) << *other.path();
 }
 
-TEST_F(PathsOnDiskTest, IsDirectoryIsFalseForADevice) {
-  EXPECT_FALSE(isDirectory(url("/dev/null")));
-}
-
-TEST_F(PathsOnDiskTest, NoListGivesNoCloudPaths) {
+TEST_F(PathsOnDiskTest, NoListAndAnEmptyOneGiveNoCloudPaths) {
   EXPECT_THAT(urlsToCloudPaths(root(), std::nullopt), IsEmpty());
-}
-
-TEST_F(PathsOnDiskTest, AnEmptyListGivesNoCloudPaths) {
   EXPECT_THAT(urlsToCloudPaths(root(), std::vector<FileURL>{}), IsEmpty());
 }
 
-TEST_F(PathsOnDiskTest, AVanishedItemIsLeftOutAndAFolderEndsInASlash) {
-  EXPECT_THAT(urlsToCloudPaths(root(), std::vector{item("gone"), item("d")}), ElementsAre("/d/"));
+struct ListCase {
+  const char* name;
+  std::vector<std::string> items;
+  std::vector<std::string> cloudPaths;
+};
+void PrintTo(const ListCase& tested, std::ostream* out) {
+  *out << tested.name;
+}
+class CloudPathsOfAList : public PathsOnDiskTest, public ::testing::WithParamInterface<ListCase> {};
+
+TEST_P(CloudPathsOfAList, AreThoseOfItsItems) {
+  std::vector<FileURL> items;
+  for (const auto& name : GetParam().items) items.push_back(item(name));
+  EXPECT_EQ(urlsToCloudPaths(root(), items), GetParam().cloudPaths);
 }
 
-TEST_F(PathsOnDiskTest, OnlyVanishedItemsGiveNoCloudPaths) {
-  EXPECT_THAT(urlsToCloudPaths(root(), std::vector{item("gone"), item("to-nothing")}), IsEmpty());
-}
-
-TEST_F(PathsOnDiskTest, CloudPathsKeepTheOrderOfTheList) {
-  EXPECT_THAT(urlsToCloudPaths(root(), std::vector{item("to-f"), item("f"), item("gone"), item("d")}),
-              ElementsAre("/to-f", "/f", "/d/"));
-}
-
-TEST_F(PathsOnDiskTest, AnItemListedTwiceIsGivenTwice) {
-  EXPECT_THAT(urlsToCloudPaths(root(), std::vector{item("f"), item("d"), item("f"), item("d")}),
-              ElementsAre("/f", "/d/", "/f", "/d/"));
-}
-
-TEST_F(PathsOnDiskTest, ALinkToAFolderCountsAsAFolder) {
-  EXPECT_THAT(urlsToCloudPaths(root(), std::vector{item("to-d")}), ElementsAre("/to-d/"));
-}
-
-TEST_F(PathsOnDiskTest, TheRootAmongTheListIsALoneSlash) {
-  EXPECT_THAT(urlsToCloudPaths(root(), std::vector{root()}), ElementsAre("/"));
-}
+INSTANTIATE_TEST_SUITE_P(
+    , CloudPathsOfAList,
+    ::testing::Values(ListCase{"WithoutAVanishedItemAndAFolderEndsInASlash", {"gone", "d"}, {"/d/"}},
+                      ListCase{"NoneForVanishedItemsAlone", {"gone", "to-nothing"}, {}},
+                      ListCase{"InTheOrderOfTheList", {"to-f", "f", "gone", "d"}, {"/to-f", "/f", "/d/"}},
+                      ListCase{"TwiceForAnItemListedTwice", {"f", "d", "f", "d"}, {"/f", "/d/", "/f", "/d/"}},
+                      ListCase{"ALinkToAFolderCountsAsAFolder", {"to-d"}, {"/to-d/"}},
+                      ListCase{"TheRootIsALoneSlash", {""}, {"/"}}),
+    [](const auto& tested) { return tested.param.name; });
 
 TEST_F(PathsOnDiskTest, AnItemOutsideTheRootKeepsItsPath) {
   EXPECT_THAT(urlsToCloudPaths(item("d"), std::vector{item("f")}), ElementsAre(folder_ / "f"));
@@ -188,32 +144,14 @@ TEST_F(PathsOnDiskTest, CloudPathsOfAListRemoveEveryOccurrenceOfTheRoot) {
   EXPECT_THAT(urlsToCloudPaths(root(), std::vector{url((copy / "y").string())}), ElementsAre("/y"));
 }
 
-TEST(LocalPathTest, IsTheRootFollowedByTheCloudPath) {
+TEST(LocalPathTest, IsTheRootFollowedByTheCloudPathAsItIsWithoutATrailingSlash) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"/a b/c", "/R/a b/c"}, {"a", "/Ra"}, {"", "/R"}, {"/", "/R"}, {"/d/", "/R/d"}, {"/a%20b", "/R/a%20b"}};
+  for (const auto& [cloudPath, path] : cases) {
+    EXPECT_EQ(getLocalPath(ROOT, cloudPath).path(), path) << cloudPath;
+    EXPECT_EQ(getLocalPathOfObject(ROOT, cloudPath), getLocalPath(ROOT, cloudPath)) << cloudPath;
+  }
   EXPECT_EQ(getLocalPath(ROOT, "/a b/c"), url("/R/a b/c"));
-  EXPECT_EQ(getLocalPath(ROOT, "/a b/c").path(), "/R/a b/c");
-}
-
-TEST(LocalPathTest, NoSeparatorIsInserted) {
-  EXPECT_EQ(getLocalPath(ROOT, "a").path(), "/Ra");
-}
-
-TEST(LocalPathTest, OfTheEmptyCloudPathIsTheRoot) {
-  EXPECT_EQ(getLocalPath(ROOT, ""), ROOT);
-  EXPECT_EQ(getLocalPath(ROOT, "/"), ROOT);
-}
-
-TEST(LocalPathTest, OfAFolderHasNoTrailingSlash) {
-  EXPECT_EQ(getLocalPath(ROOT, "/d/").path(), "/R/d");
-}
-
-TEST(LocalPathTest, PercentSignsAreNotDecoded) {
-  EXPECT_EQ(getLocalPath(ROOT, "/a%20b").path(), "/R/a%20b");
-}
-
-TEST(LocalPathTest, OfATextObjectIsTheSame) {
-  EXPECT_EQ(getLocalPathOfObject(ROOT, "/a b/c"), getLocalPath(ROOT, "/a b/c"));
-  EXPECT_EQ(getLocalPathOfObject(ROOT, "a").path(), "/Ra");
-  EXPECT_EQ(getLocalPathOfObject(ROOT, "").path(), "/R");
 }
 
 TEST(LocalPathTest, AndCloudPathAreInverse) {
@@ -299,7 +237,7 @@ TEST_F(PathsDeathTest, EncodingOfTextThatIsNotUTF8StopsTheProcess) {
   EXPECT_DEATH(escape("\xED\xA0\x80"), "not UTF-8");
 }
 
-TEST_F(PathsDeathTest, NoByteAbove7FStandsAloneInText) {
+TEST_F(PathsDeathTest, NoByteAbove7FIsAloneInText) {
   for (int byte = 0x80; byte < 0x100; byte += 0x1F)
     EXPECT_DEATH(escape(std::string(1, static_cast<char>(byte))), "not UTF-8") << byte;
 }

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-/// What the core needs of the system's application kit: images by name, menus, running applications.
+/// The part of the system's application kit that the core needs: images by name, menus, running applications.
 namespace vornet::platform {
 
 /// An image known by name, or an empty one. A value; the host draws it.

@@ -1,5 +1,4 @@
 // The fatal stop: the same on every system.
-#include <syslog.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -12,7 +11,7 @@
 namespace vornet::platform {
 namespace {
 
-/// How long the reason may take to be written.
+/// The time limit for writing the reason.
 constexpr unsigned PATIENCE_SECONDS = 2;
 
 std::atomic<FatalErrorHandler> handler{nullptr};
@@ -39,10 +38,9 @@ void fatalError(std::string_view reason) noexcept {
   if (stopping) std::abort();  // by what the handler does
   stopping = true;
   stopInAnyCase();
-  const int length = static_cast<int>(reason.size());
-  ::syslog(LOG_USER | LOG_CRIT, "Fatal error: %.*s", length, reason.data());
+  systemLogFatal(reason);
   if (const auto handle = handler.load()) handle(reason);
-  std::fprintf(stderr, "Fatal error: %.*s\n", length, reason.data());
+  std::fprintf(stderr, "Fatal error: %.*s\n", static_cast<int>(reason.size()), reason.data());
   std::abort();
 }
 

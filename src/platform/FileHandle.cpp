@@ -19,7 +19,7 @@ namespace {
 
 constexpr mode_t OWNER_ALONE = 0600;
 
-/// Opens a regular file of the user's own; follows no link and waits for no pipe's reader. -1, with errno, on failure.
+/// Opens a regular file that the user owns; follows no link and waits for no pipe's reader. -1, with errno, on failure.
 int openOwnFile(const std::string& path) noexcept {
   const int file = ::open(path.c_str(), O_WRONLY | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (file < 0) return -1;
@@ -37,8 +37,8 @@ int openOwnFile(const std::string& path) noexcept {
   return -1;
 }
 
-/// Writes `parts`, waiting where the descriptor does not. How many bytes were written; fewer than there are when an
-/// error followed or the disk is full.
+/// Writes `parts`, waiting where the descriptor does not. Returns the bytes written: not all of them after an error or
+/// on a full disk.
 std::size_t writeOnce(int file, const iovec* parts, int count) noexcept {
   while (true) {
     const ssize_t written = count == 1 ? ::write(file, parts->iov_base, parts->iov_len) : ::writev(file, parts, count);
@@ -52,7 +52,7 @@ std::size_t writeOnce(int file, const iovec* parts, int count) noexcept {
   }
 }
 
-/// Which files this process has open through handles. Any thread.
+/// The files that this process has open through handles. Any thread.
 class OpenFiles {
  public:
   using File = std::pair<dev_t, ino_t>;
@@ -131,8 +131,8 @@ struct FileHandle::Impl {
 
   const int file;
   const std::optional<OpenFiles::File> own;  // none: a descriptor that stays open
-  std::atomic<bool> cut{false};  // whether what was written last is the beginning of a line; changed under the lock
-  std::mutex mending;            // held only while a line has been cut
+  std::atomic<bool> cut{false};              // the last write ended within a line; changed under the lock
+  std::mutex mending;                        // held only while a line has been cut
 };
 
 FileHandle::FileHandle(std::shared_ptr<Impl> impl) : impl_(std::move(impl)) {}
@@ -149,7 +149,7 @@ std::optional<FileHandle> FileHandle::forWriting(const std::string& path, std::s
 }
 
 FileHandle FileHandle::standardOutput() {
-  // One for all, as it knows whether a line was cut; never destroyed, as threads may write until the very end.
+  // One for all, as it knows if a line was cut; never destroyed, as threads may write until the very end.
   static const auto& impl = *new std::shared_ptr<Impl>(std::make_shared<Impl>(STDOUT_FILENO));
   return FileHandle(impl);
 }

@@ -11,8 +11,7 @@ namespace {
 constexpr std::string_view SCHEME = "file:";
 constexpr std::string_view AUTHORITY = "//";
 constexpr std::string_view LOCAL_HOST = "localhost";
-constexpr std::string_view KEPT =
-    "-._~!$&'()*+,=:@/";  // what stands in a URL's path as it is, besides letters and digits
+constexpr std::string_view KEPT = "-._~!$&'()*+,=:@/";  // kept unescaped in a URL's path, as are letters and digits
 
 bool isLetterOrDigit(char c) {
   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
@@ -25,7 +24,7 @@ int hexValue(char c) {
   return -1;
 }
 
-/// The bytes that `text` stands for; none for a malformed escape or an escaped NUL.
+/// The bytes that `text` encodes; none for a malformed escape or an escaped NUL.
 std::optional<std::string> percentDecoded(std::string_view text) {
   std::string out;
   out.reserve(text.size());

@@ -15,7 +15,7 @@
 /// documentation), because that is the vocabulary of such extensions; on Linux a host plays the Finder's part.
 namespace vornet::platform {
 
-/// Where a menu is asked for. Values as in the framework.
+/// The place that a menu is for. Values as in the framework.
 enum class FIMenuKind : std::uint64_t {
   contextualMenuForItems = 0,
   contextualMenuForContainer = 1,
@@ -24,24 +24,25 @@ enum class FIMenuKind : std::uint64_t {
 };
 
 /// The base class of an extension's principal class: the callbacks that the file manager makes, on threads of its
-/// choice.
+/// choice. One that is not overridden answers nothing.
 class FIFinderSync {
  public:
   virtual ~FIFinderSync() = default;
 
-  /// A window began, or ceased, to show the folder `url`.
-  virtual void beginObservingDirectoryAtURL(const FileURL& url);
-  virtual void endObservingDirectoryAtURL(const FileURL& url);
+  /// A window began or stopped showing a folder.
+  virtual void beginObservingDirectoryAtURL(const FileURL&) {}
+  virtual void endObservingDirectoryAtURL(const FileURL&) {}
 
-  /// The badge of `url` is wanted: answer through FIFinderSyncController::setBadgeIdentifier before returning, or not.
-  virtual void requestBadgeIdentifierForURL(const FileURL& url);
+  /// The badge of an item is wanted: answer through FIFinderSyncController::setBadgeIdentifier before returning, or
+  /// not.
+  virtual void requestBadgeIdentifierForURL(const FileURL&) {}
 
-  /// The menu for `kind`, or none.
-  virtual std::optional<ContextMenu> menuForMenuKind(FIMenuKind kind);
+  /// The menu for a place, or none.
+  virtual std::optional<ContextMenu> menuForMenuKind(FIMenuKind) { return std::nullopt; }
 
-  virtual std::string toolbarItemName() const;
-  virtual std::string toolbarItemToolTip() const;
-  virtual Image toolbarItemImage() const;
+  virtual std::string toolbarItemName() const { return {}; }
+  virtual std::string toolbarItemToolTip() const { return {}; }
+  virtual Image toolbarItemImage() const { return {}; }
 
  protected:
   FIFinderSync() = default;
@@ -49,7 +50,7 @@ class FIFinderSync {
   FIFinderSync& operator=(const FIFinderSync&) = delete;
 
   /// The base class's part of construction. False when the platform gives no object.
-  virtual bool initBase();
+  virtual bool initBase() { return true; }
 };
 
 /// The file manager's side: badges, observed folders, selection. Any thread.
@@ -72,7 +73,7 @@ class FIFinderSyncController {
   std::set<FileURL> directoryURLs() const;
   void setDirectoryURLs(const std::set<FileURL>& urls);
 
-  /// What the user has selected, in order, while a menu is asked for or an action is performed on this thread; none
+  /// The user's selection, in order, while a menu is requested or an action is performed on this thread; none
   /// when the file manager gives no selection.
   std::optional<std::vector<FileURL>> selectedItemURLs() const;
 

@@ -7,18 +7,18 @@
 #include <string>
 #include <string_view>
 
-/// What the core needs of the operating system's foundation: file URLs, files, the group container, property lists, the
+/// The part of the system's foundation that the core needs: file URLs, files, the group container, property lists, the
 /// bundle, the process, dates and the fatal stop. One implementation a system, chosen when linking.
 /// Every function here may be called from any thread unless it says otherwise.
 namespace vornet::platform {
 
 // --- Stopping -------------------------------------------------------------------------------------------------------
 
-/// Stops the process because of a state that cannot be. `reason` goes to the system's own log, the handler and standard
+/// Stops the process because of an impossible state. `reason` goes to the system's own log, the handler and standard
 /// error; where one of them makes the process wait, it stops after two seconds in any case.
 [[noreturn]] void fatalError(std::string_view reason) noexcept;
 
-/// Sets what else is told the reason, on the thread that stops the process; null: nothing.
+/// Sets a function that gets the reason on the thread that stops the process; null: none.
 using FatalErrorHandler = void (*)(std::string_view reason) noexcept;
 void setFatalErrorHandler(FatalErrorHandler handler) noexcept;
 
@@ -29,9 +29,12 @@ void setFatalErrorHandler(FatalErrorHandler handler) noexcept;
 /// the extension's logger.
 void systemLog(std::string_view message);
 
+/// Writes "Fatal error: " and `reason` to the system's own log, and to standard error only where that log does it.
+void systemLogFatal(std::string_view reason) noexcept;
+
 // --- Text -----------------------------------------------------------------------------------------------------------
 
-/// Whether `bytes` is well-formed UTF-8 (no overlong forms, no surrogates). Empty text is.
+/// True if `bytes` is well-formed UTF-8 (no overlong forms, no surrogates). Empty text is.
 bool isValidUTF8(std::string_view bytes) noexcept;
 
 // --- Files ----------------------------------------------------------------------------------------------------------
@@ -56,7 +59,7 @@ class FileURL {
   /// The file-system path without trailing slash ("/" for the root folder), if there is one.
   const std::optional<std::string>& path() const noexcept { return path_; }
 
-  /// Whether the URL is known to be of a folder; false also when nothing was said of it.
+  /// True if the URL is known to be of a folder; false also when nothing was said of it.
   bool hasDirectoryPath() const noexcept { return isDirectory_; }
 
   /// The URL's text, percent-encoded ("file:///home/ann/a%20b"); empty without a path.
@@ -73,14 +76,14 @@ class FileURL {
   bool isDirectory_ = false;
 };
 
-/// What stands at a path, symbolic links followed.
+/// The kind of file at a path; symbolic links are followed.
 enum class FileKind { absent, file, directory };
 
-/// What stands at `path`; absent also when it cannot be examined.
+/// The kind of the file at `path`; absent also when it cannot be examined.
 FileKind fileKindAtPath(const std::string& path) noexcept;
 
 /// The folder that the applications of `group` share; made (for its owner alone) when this process first asks for it,
-/// and not again: who removed it since may be about to put another in its place. None where it cannot be had.
+/// and not again: whoever removed it may be about to replace it. None where it is absent and cannot be made.
 std::optional<FileURL> containerURLForGroup(std::string_view group);
 
 /// Makes the folder at `path` and those above it. An existing folder is no error. None on success, else the system's
@@ -146,7 +149,7 @@ using Date = std::chrono::system_clock::time_point;
 /// The identifier of the user's locale now ("ar_EG", "en_US_POSIX").
 std::string currentLocaleIdentifier();
 
-/// A date's own description ("2016-03-01 13:05:09 +0000"), for where no formatter can be had.
+/// A date's own description ("2016-03-01 13:05:09 +0000"), for use without a formatter.
 std::string dateDescription(Date date);
 
 /// Writes dates by a pattern of Unicode's (LDML) date fields, with the digits and calendar of a locale, in the system's

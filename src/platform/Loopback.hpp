@@ -2,15 +2,16 @@
 
 #include <cstdint>
 
-/// Whose processes are at the other end of the loopback interface: any user of the machine may listen on a port there.
+/// The owners of the processes at the other end of the loopback interface: any user of the machine may listen on a
+/// port.
 namespace vornet::platform {
 
-/// Whether a connection to 127.0.0.1:`port` would reach a process of this process's effective user, or of root. False
-/// also when nobody listens, and when the system does not tell whose the listener is: whoever hears what is sent there
+/// True if a connection to 127.0.0.1:`port` would reach a process of this process's effective user, or of root. False
+/// also when nobody listens, and when the system does not report the listener's owner: a stranger who gets a request
 /// learns the user's paths, and a sync application that is not believed can only cost badges. Seen from this process's
 /// network namespace and user namespace. Any thread; takes some microseconds and never waits for the network.
 ///
-/// macOS: always true. The system tells a sandboxed process nothing of other users' sockets.
+/// macOS: always true. The system hides other users' sockets from a sandboxed process.
 bool isOwnLoopbackListener(std::uint16_t port);
 
 /// The same for a connection that is open, from the local port `localPort`: neither who listens now nor who took the

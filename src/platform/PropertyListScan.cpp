@@ -1,5 +1,5 @@
-// Looks property lists through before a reader takes them: readers recurse into what is nested, and copy what is
-// referred to twice, so that few bytes can overflow the stack or fill the memory.
+// Checks property lists before a reader takes them: readers recurse into nested objects and copy shared ones, so
+// that few bytes can overflow the stack or fill the memory.
 #include "platform/PropertyListScan.hpp"
 
 #include <algorithm>
@@ -16,7 +16,7 @@ namespace {
 
 constexpr std::string_view BINARY_HEADER = "bplist00";
 
-/// Counts down what a list may still hold.
+/// Counts down the objects and bytes that a list may still hold.
 class Budget {
  public:
   bool takeObject() { return take(objects_, 1); }
@@ -59,7 +59,7 @@ class BinaryScan {
 
  private:
   struct Container {
-    std::uint64_t next;        // where the next reference stands
+    std::uint64_t next;        // where the next reference is
     std::uint64_t references;  // left
     std::uint64_t keys;        // how many of these are a dictionary's keys
   };
@@ -74,7 +74,7 @@ class BinaryScan {
   }
   std::uint8_t byte(std::uint64_t at) const { return static_cast<std::uint8_t>(bytes_[at]); }
 
-  /// Whether `count` units of `size` bytes stand at `at`, before the table of offsets.
+  /// True if `count` units of `size` bytes fit at `at`, before the table of offsets.
   bool fits(std::uint64_t at, std::uint64_t count, std::uint64_t size) const {
     return at <= table_ && count <= (table_ - at) / size;
   }
@@ -152,13 +152,13 @@ class BinaryScan {
     return count;
   }
 
-  // No text may hold a NUL: a reader with texts of C takes what precedes it for the whole, a folder's path too.
+  // No text may hold a NUL: a reader with C strings takes the text before it for the whole, a folder's path too.
 
   static bool isASCII(std::string_view text) {
     return std::all_of(text.begin(), text.end(), [](char c) { return c != 0 && static_cast<unsigned char>(c) < 0x80; });
   }
 
-  /// Whether every surrogate among the `count` units at `at` has its other half.
+  /// True if every surrogate among the `count` units at `at` has its other half.
   bool isUTF16(std::uint64_t at, std::uint64_t count) const {
     for (std::uint64_t i = 0; i < count; ++i) {
       const auto unit = integer(at + 2 * i, 2);
@@ -247,7 +247,7 @@ class XMLScan {
     return name;
   }
 
-  /// Skips blanks, comments, and where `prolog` says so what may stand before a list.
+  /// Skips blanks and comments; with `prolog`, also what may precede a list.
   bool skipMisc(bool prolog) {
     while (true) {
       skipSpace();
@@ -258,7 +258,7 @@ class XMLScan {
       } else if (prolog && take("<!DOCTYPE")) {
         const auto declaration = rest_;
         if (!takeThrough(">")) return false;
-        // No declarations of its own: entities are made there.
+        // No internal declarations: they can define entities.
         if (declaration.substr(0, declaration.size() - rest_.size()).find_first_of("[<") != std::string_view::npos)
           return false;
       } else {

@@ -17,9 +17,9 @@ inline constexpr std::size_t MAX_PROPERTY_LIST_EXPANSION = std::size_t{1} << 20;
 enum class PropertyListFormat { none, xml, binary };
 
 /// The format of the property list `bytes`; `none` unless it is well-formed and within the limits above, so that a
-/// reader can be trusted with it. A reader may still refuse it. No text of it holds a NUL. XML is UTF-8 without
-/// entities of its own, and whole: a list that is cut off is none. Needs little memory, and time proportional to the
-/// limits, whatever the bytes are. Touches nothing; any thread.
+/// reader can be trusted with it. A reader may still refuse it. No text of it holds a NUL. XML must be UTF-8, complete,
+/// and must define no entities. Needs little memory, and time proportional to the limits, whatever the bytes are.
+/// Touches nothing; any thread.
 PropertyListFormat scanPropertyList(std::string_view bytes);
 
 }  // namespace vornet::platform

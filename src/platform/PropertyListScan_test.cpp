@@ -70,7 +70,7 @@ TEST(BinaryListScan, PassesValuesReferredToMoreThanOnce) {
   EXPECT_TRUE(isBinary(list.bytes()));
 }
 
-TEST(BinaryListScan, RefusesWhatExpandsToMuchMoreThanItIs) {
+TEST(BinaryListScan, RefusesListsThatExpandTooMuch) {
   for (const std::size_t levels : {14U, 20U, 60U}) EXPECT_FALSE(isBinary(BinaryList::doubling(levels))) << levels;
   EXPECT_TRUE(isBinary(BinaryList::doubling(10)));
   // A hundred references to a hundred thousand bytes.
@@ -172,7 +172,7 @@ TEST(BinaryListScan, RefusesBrokenText) {
 }
 
 TEST(BinaryListScan, RefusesTextThatHoldsANUL) {
-  // A reader with texts of C would take what stands before it for the whole.
+  // A reader with texts of C would take the text before it for the whole.
   for (const std::string& bytes : {"\x51\0"s, "\x58/srv\0/it"s, "\x54/it\0"s, "\x61\0\0"s, "\x63\0/\0\0\0a"s})
     EXPECT_FALSE(isBinary(holding(bytes))) << ::testing::PrintToString(bytes);
   for (const std::string& key : {"\x52k\0"s, "\x62\0k\0\0"s}) {
@@ -184,7 +184,7 @@ TEST(BinaryListScan, RefusesTextThatHoldsANUL) {
   }
 }
 
-TEST(BinaryListScan, RefusesWhatIsTooShortToBeOne) {
+TEST(BinaryListScan, RefusesTooFewBytes) {
   EXPECT_FALSE(isBinary("bplist00"));
   EXPECT_FALSE(isBinary("bplist00" + std::string(31, '\0')));
   EXPECT_FALSE(isBinary("bplist00" + std::string(32, '\0')));
@@ -206,7 +206,7 @@ TEST(XMLListScan, PassesWhatWritersMake) {
   EXPECT_EQ(scanPropertyList(xml("<dict/>") + std::string(1000, ' ')), Format::xml);
 }
 
-TEST(XMLListScan, RefusesListsThatAreNotWhole) {
+TEST(XMLListScan, RefusesIncompleteLists) {
   const std::string good = xml("<dict><key>root_dir</key><string>/home/ann</string><key>n</key><true/></dict>");
   for (std::size_t length = 0; length < good.size() - 1; ++length)
     EXPECT_EQ(scanPropertyList(std::string_view(good).substr(0, length)), Format::none) << length;
@@ -256,7 +256,7 @@ TEST(XMLListScan, RefusesOtherShapes) {
   EXPECT_EQ(scanPropertyList("{\"root_dir\": \"/home/ann\"}"), Format::none);
 }
 
-TEST(XMLListScan, RefusesEntitiesOfItsOwn) {
+TEST(XMLListScan, RefusesInternalEntities) {
   for (const char* type : {"<!DOCTYPE plist [<!ENTITY a \"aaaa\"><!ENTITY b \"&a;&a;\">]>", "<!DOCTYPE plist [ ]>",
                            "<!DOCTYPE plist <!ENTITY a \"b\"> >"}) {
     EXPECT_EQ(scanPropertyList(std::string(type) + "<plist><dict/></plist>"), Format::none) << type;

@@ -1,5 +1,5 @@
-// A server that is replaced by another user's between the first look at it and the connection. The moment is met
-// by standing in for the system's connect(), which libcurl calls.
+// A server that another user's replaces between the first look at it and the connection. The test replaces connect(),
+// which libcurl calls, to hit that moment.
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <gtest/gtest.h>
@@ -63,15 +63,15 @@ int listenAsStranger(Gate& listening) {
   return count < 0 ? 0 : static_cast<int>(count);
 }
 
-class AServerReplacedByAStrangers : public testing::Test {
+class ReplacedServer : public testing::Test {
  protected:
   void SetUp() override {
     if (::geteuid() != 0) GTEST_SKIP() << "needs root, to be another user for a while";
   }
-  ~AServerReplacedByAStrangers() override { beforeConnect() = {}; }
+  ~ReplacedServer() override { beforeConnect() = {}; }
 };
 
-TEST_F(AServerReplacedByAStrangers, IsSentNothing) {
+TEST_F(ReplacedServer, IsSentNothing) {
   Gate free;
   Gate listening;
   ChildProcess stranger([&] {

@@ -13,7 +13,7 @@ namespace vornet {
 namespace {
 
 constexpr std::size_t MAX_ITEMS = 15;
-// A menu has five; what has many more is none.
+// A menu has five; a reply with many more is no menu.
 constexpr std::size_t MAX_ENTRIES = 1000;
 
 boost::json::array jsonArray(const std::vector<std::string>& texts) {
@@ -51,6 +51,21 @@ void Menu::copyLink(const std::vector<std::string>& paths) const {
   selectContextMenu(MENU_COPY_LINK, paths);
 }
 
+std::optional<std::string> Menu::post(const char* command, const std::string& body,
+                                      const std::optional<RESTClient::Headers>& headers) const {
+  const auto report = [this](bool answered) {
+    if (sink_) sink_->syncApplicationAnswered(answered);
+  };
+  try {
+    auto reply = RESTClient::postAtPath(command, body, headers);
+    report(reply.has_value());
+    return reply;
+  } catch (const HTTPError& error) {
+    report(error.code().has_value());
+    throw;
+  }
+}
+
 std::map<std::string, bool> Menu::menuEnabledDict(const std::vector<std::string>& paths) const {
   if (paths.size() - 1 > MAX_ITEMS - 1) {  // unsigned: none wraps around to very many
     VI_INFO("No selected or too many items");
@@ -60,8 +75,8 @@ std::map<std::string, bool> Menu::menuEnabledDict(const std::vector<std::string>
   std::map<std::string, bool> enabled;
   bool ofBooleans = false;
   try {
-    const auto data = RESTClient::postAtPath("mac_populate_menu", toJSON({{"paths", jsonArray(paths)}}),
-                                             RESTClient::Headers{{"Accept", "application/json"}});
+    const auto data = post("mac_populate_menu", toJSON({{"paths", jsonArray(paths)}}),
+                           RESTClient::Headers{{"Accept", "application/json"}});
     if (!data) return {};
     VI_DEBUG("Menu status: " + printedBytes(*data));
     bool tooMany = false;
@@ -81,7 +96,7 @@ std::map<std::string, bool> Menu::menuEnabledDict(const std::vector<std::string>
 std::optional<std::string> Menu::selectContextMenu(std::string_view identifier,
                                                    const std::vector<std::string>& paths) const {
   try {
-    return RESTClient::postAtPath("select_context_menu", toJSON({{"uid", identifier}, {"paths", jsonArray(paths)}}));
+    return post("select_context_menu", toJSON({{"uid", identifier}, {"paths", jsonArray(paths)}}), std::nullopt);
   } catch (const HTTPError& error) {
     if (const auto code = error.code()) {
       VI_WARNING("Cannot fetch context menu actions, unexpected status: " + std::to_string(*code));

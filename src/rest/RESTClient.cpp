@@ -49,14 +49,14 @@ CURL* handleOfThread() {
   return handle.get();
 }
 
-/// What the calling thread's requests are driven by: unlike a blocking transfer, another thread can wake it.
+/// Drives the calling thread's requests: unlike a blocking transfer, another thread can wake it.
 CURLM* driverOfThread() {
   thread_local const std::unique_ptr<CURLM, DriverDeleter> driver(curl_multi_init());
   return driver.get();
 }
 
-/// The requests under way, and when they were all told to hurry.
-class UnderWay {
+/// The requests in flight, and the time when all were told to hurry.
+class InFlight {
  public:
   void begin(CURLM* driver) {
     const std::lock_guard guard(lock_);
@@ -71,7 +71,7 @@ class UnderWay {
     if (!hurried_) hurried_ = Clock::now();
     for (CURLM* driver : drivers_) curl_multi_wakeup(driver);
   }
-  /// How long a request that began at `begun` may wait now; 0 when its time is over.
+  /// The time that a request begun at `begun` may still wait; 0 when it is over.
   std::chrono::milliseconds wait(Clock::time_point begun) const {
     const std::lock_guard guard(lock_);
     if (!hurried_) return LONGEST_WAIT;
@@ -87,26 +87,26 @@ class UnderWay {
   std::optional<Clock::time_point> hurried_;
 };
 
-UnderWay& underWay() {
-  static auto& all = *new UnderWay;  // threads may outlive the end of main
+InFlight& inFlight() {
+  static auto& all = *new InFlight;  // threads may outlive the end of main
   return all;
 }
 
-/// Carries out the request that `handle` describes. Whether its answer came in time.
+/// Carries out the request that `handle` describes. True if its answer came in time.
 bool perform(CURL* handle) {
   CURLM* const driver = driverOfThread();
   if (!driver || curl_multi_add_handle(driver, handle) != CURLM_OK) return false;
   const auto begun = Clock::now();
-  underWay().begin(driver);
+  inFlight().begin(driver);
   int running = 1;
   bool works = curl_multi_perform(driver, &running) == CURLM_OK;
   while (works && running > 0) {
-    const auto wait = underWay().wait(begun);
+    const auto wait = inFlight().wait(begun);
     if (wait == 0ms) break;
     works = curl_multi_poll(driver, nullptr, 0, static_cast<int>(wait.count()), nullptr) == CURLM_OK &&
             curl_multi_perform(driver, &running) == CURLM_OK;
   }
-  underWay().end(driver);
+  inFlight().end(driver);
   int left = 0;
   const CURLMsg* message = curl_multi_info_read(driver, &left);
   const bool answered = message && message->msg == CURLMSG_DONE && message->data.result == CURLE_OK;
@@ -121,7 +121,7 @@ void add(CurlList& list, const std::string& line) {
   list.reset(longer);
 }
 
-/// What has come of a reply.
+/// The part of a reply that has come.
 struct Reply {
   CURL* handle;
   std::size_t limit;
@@ -137,7 +137,7 @@ long statusOf(CURL* handle) {
   return status;
 }
 
-/// Whether another reply follows that of `status`. 101 would leave HTTP, so nothing of it follows.
+/// True if another reply follows that of `status`. 101 would leave HTTP, so nothing of it follows.
 bool isInterim(long status) {
   return status >= 100 && status < 200 && status != 101;
 }
@@ -180,10 +180,10 @@ int checkPeer(void*, char*, char*, int port, int localPort) {
   return own ? 0 : 1;
 }
 
-/// Sees to it that only a server of the user's own hears of the request.
+/// Ensures that only a server that the user owns receives the request.
 void checkServer(CURL* handle, std::uint16_t port) {
   if (!platform::isOwnLoopbackListener(port)) throw HTTPError::ResourceUnavailable();
-  // Asked for by name: libcurl has it since 7.80, and with an older one the check above must do.
+  // Looked up by name: libcurl has it since 7.80; with an older one the check above must suffice.
   if (const auto* option = curl_easy_option_by_name("PREREQFUNCTION")) curl_easy_setopt(handle, option->id, &checkPeer);
 }
 
@@ -256,8 +256,8 @@ std::optional<std::string> RESTClient::postAtURL(const RequestURL& url, const st
   curl_easy_setopt(handle, CURLOPT_POSTFIELDS, postData ? postData->data() : "");
   curl_easy_setopt(handle, CURLOPT_HTTPHEADER, lines.get());
   curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
-  // On a connection that was kept the library repeats a request by itself, with a time-out of its own; and a kept
-  // connection shuts others out of a server that serves one at a time.
+  // On a kept connection the library repeats a request by itself, with a new time-out; and a kept connection shuts
+  // others out of a server that serves one at a time.
   curl_easy_setopt(handle, CURLOPT_FRESH_CONNECT, 1L);
   curl_easy_setopt(handle, CURLOPT_FORBID_REUSE, 1L);
   curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, TIMEOUT_MS);
@@ -272,14 +272,14 @@ std::optional<std::string> RESTClient::postAtURL(const RequestURL& url, const st
   if (!perform(handle)) throw HTTPError::ResourceUnavailable();
 
   const long status = statusOf(handle);
-  if (status == 0) return std::nullopt;  // answered, but not by HTTP
+  if (status == 0) return std::nullopt;  // a reply that is not HTTP
   if (!reply.headersEnded) throw HTTPError::ResourceUnavailable();
   if (status != HTTPStatusCode.OK) throw HTTPError::Non200Error(status);
   return std::move(reply.body);
 }
 
 void RESTClient::hurry() {
-  underWay().hurry();
+  inFlight().hurry();
 }
 
 }  // namespace vornet

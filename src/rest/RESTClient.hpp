@@ -22,7 +22,7 @@ class HTTPError {
  public:
   /// The server answered with a status other than 200.
   static HTTPError Non200Error(std::int64_t code) { return HTTPError(code); }
-  /// No answer could be had: refused, timed out, broken off, given up, too long, or another user's.
+  /// There was no answer: refused, timed out, broken off, given up, too long, or another user's.
   static HTTPError ResourceUnavailable() { return HTTPError(std::nullopt); }
 
   /// The status of a Non200Error; none for ResourceUnavailable.
@@ -58,9 +58,9 @@ class RequestURL {
   std::optional<std::uint16_t> loopbackPort_;
 };
 
-/// The transport to the sync application: one synchronous POST an exchange, on a connection of its own. A request is
-/// never sent twice. Without state, but for hurry(); any thread; blocks its caller for at most 3 seconds,
-/// whatever the server does. Proxies in the environment are ignored, redirects are not followed. Logs nothing.
+/// The transport to the sync application: one synchronous POST an exchange, each on a new connection. A request is
+/// never sent twice. Without state, but for hurry(); any thread; blocks its caller for at most 3 seconds, whatever the
+/// server does. Proxies in the environment are ignored, redirects are not followed. Logs nothing.
 class RESTClient {
  public:
   using Headers = std::map<std::string, std::string>;
@@ -86,7 +86,7 @@ class RESTClient {
                                               const std::optional<Headers>& headers = std::nullopt,
                                               std::size_t replyLimit = REPLY_LIMIT);
 
-  /// For a process that is to end: from now on a request, those under way included, is given up HURRIED_TIMEOUT from
+  /// For a process that is to end: from now on a request, those in flight included, is given up HURRIED_TIMEOUT from
   /// now, or from its beginning, unless its answer has come: it throws ResourceUnavailable. Does not wait. Cannot be
   /// taken back.
   static void hurry();

@@ -136,31 +136,25 @@ TEST(RESTClient, IgnoresProxiesInTheEnvironment) {
   EXPECT_TRUE(proxy.requests().empty());
 }
 
-/// Posts to a server that never finishes its answer. The time-out of 3 seconds is told from none at all by a bound that
-/// is far from both: servers of this kind would go on for ever.
-void expectGivesUp(Manner manner) {
-  const LoopbackServer server(always({.body = std::string(1000, 'x'), .manner = manner}));
+/// A server that never finishes its answer. Without the time-out of 3 seconds a post would take for ever, so a bound
+/// far above it is enough.
+class UnfinishedAnswer : public testing::TestWithParam<std::pair<std::string, Manner>> {};
+
+TEST_P(UnfinishedAnswer, IsGivenUpAndNotAskedForAgain) {
+  const LoopbackServer server(always({.body = std::string(1000, 'x'), .manner = GetParam().second}));
   const auto before = std::chrono::steady_clock::now();
   EXPECT_EQ(errorOfPost(), HTTPError::ResourceUnavailable());
   EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(30));
   EXPECT_EQ(server.requests().size(), 1u) << "a request is not made again after its time-out";
 }
 
-TEST(RESTClient, GivesUpOnAServerThatStallsBeforeTheHeaders) {
-  expectGivesUp(Manner::stall);
-}
-TEST(RESTClient, GivesUpOnAServerThatDripsBytes) {
-  expectGivesUp(Manner::drip);
-}
-TEST(RESTClient, GivesUpOnAServerThatStopsMidBody) {
-  expectGivesUp(Manner::stallMidBody);
-}
-TEST(RESTClient, FailsWhenTheConnectionIsResetMidBody) {
-  expectGivesUp(Manner::resetMidBody);
-}
-TEST(RESTClient, FailsWhenTheConnectionIsClosedWithoutAnAnswer) {
-  expectGivesUp(Manner::close);
-}
+INSTANTIATE_TEST_SUITE_P(
+    RESTClient, UnfinishedAnswer,
+    testing::Values(std::pair("StallsBeforeTheHeaders", Manner::stall), std::pair("DripsBytes", Manner::drip),
+                    std::pair("DripsABody", Manner::dripBody), std::pair("StopsMidBody", Manner::stallMidBody),
+                    std::pair("IsResetMidBody", Manner::resetMidBody), std::pair("IsResetBeforeIt", Manner::reset),
+                    std::pair("IsClosedBeforeIt", Manner::close)),
+    [](const auto& tested) { return tested.param.first; });
 
 TEST(RESTClient, WaitsLessThanTwiceAsLongForAStalledServerAsForADrippingOne) {
   const auto duration = [](Manner manner) {
@@ -175,16 +169,9 @@ TEST(RESTClient, WaitsLessThanTwiceAsLongForAStalledServerAsForADrippingOne) {
   EXPECT_LT(stalled, 2 * dripped);
 }
 
-TEST(RESTClient, GivesUpOnAServerThatDripsABody) {
-  expectGivesUp(Manner::dripBody);
-}
-TEST(RESTClient, FailsWhenTheConnectionIsResetWithoutAnAnswer) {
-  expectGivesUp(Manner::reset);
-}
+// --- Each request has its own connection ----------------------------------------------------------------------------
 
-// --- A connection of its own for each request -----------------------------------------------------------------------
-
-TEST(RESTClient, EachRequestHasAConnectionOfItsOwn) {
+TEST(RESTClient, EachRequestHasItsOwnConnection) {
   const LoopbackServer server(always({.body = "{}"}));
   for (int i = 0; i < 3; ++i) RESTClient::postAtPath("command", "{}");
   EXPECT_EQ(server.connections(), 3u);
@@ -227,7 +214,7 @@ TEST(RESTClient, AServerThatServesOneConnectionAtATimeAnswersEveryThread) {
 
 // --- What counts as a reply -----------------------------------------------------------------------------------------
 
-TEST(RESTClient, AReplyCutWithinItsHeadersIsNone) {
+TEST(RESTClient, AReplyCutWithinItsHeadersIsRejected) {
   for (const std::string status : {"200 OK", "404 Not Found", "500 Internal Server Error", "204 No Content"}) {
     const std::string head = "HTTP/1.1 " + status + "\r\nContent-Length: 0\r\nContent-Type: application/json\r\n";
     for (const std::size_t length : {head.find('\r'), head.find("Content-L"), head.find("Content-T"), head.size()}) {
@@ -242,7 +229,7 @@ TEST(RESTClient, AReplyCutWithinItsHeadersIsNone) {
   }
 }
 
-TEST(RESTClient, AnInterimReplyAloneIsNone) {
+TEST(RESTClient, AnInterimReplyAloneIsRejected) {
   const std::string interim = "HTTP/1.1 100 Continue\r\nX-Name: value\r\n\r\n";
   for (const std::string rest : {"", "HTTP/1.1 103 Early Hints\r\n\r\n", "HTTP/1.1 200 OK\r\n",
                                  "HTTP/1.1 404 Not Found\r\nContent-Length: 0\r\n"}) {
@@ -268,7 +255,7 @@ TEST(RESTClient, ABodyThatEndsWithTheConnectionIsWhole) {
   }
 }
 
-TEST(RESTClient, AReplyAboveTheLimitIsNone) {
+TEST(RESTClient, AReplyAboveTheLimitIsRejected) {
   constexpr std::size_t LIMIT = 100'000;
   const auto post = [] { return RESTClient::postAtPath("command", "{}", std::nullopt, LIMIT); };
   const std::string whole(LIMIT, ' ');
@@ -286,7 +273,7 @@ TEST(RESTClient, AReplyAboveTheLimitIsNone) {
   EXPECT_EQ(errorOf(post), HTTPError::Non200Error(404));
 }
 
-TEST(RESTClient, ARequestTakesOneMebibyteUnlessToldOtherwise) {
+TEST(RESTClient, ARequestTakesOneMebibyteByDefault) {
   LoopbackServer server(always({.body = std::string(1 << 20, ' ')}));
   EXPECT_EQ(RESTClient::postAtPath("command", "{}")->size(), std::size_t{1} << 20);
   server.setAnswer(always({.body = std::string((1 << 20) + 1, ' ')}));

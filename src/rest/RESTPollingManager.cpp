@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "base/AppConst.hpp"
+#include "db/SyncDB.hpp"
 #include "logging/Logging.hpp"
 #include "logging/PrintedForm.hpp"
 #include "paths/JSON.hpp"
@@ -16,27 +17,27 @@ namespace {
 // A folder of half a million items has a reply of this size.
 constexpr std::size_t STATUSES_LIMIT = std::size_t{64} << 20;
 
-// What the statuses of all folders may take together. A folder for which little of that is left may still have a reply
+// The limit for the statuses of all folders together. A folder for which little of that is left may still have a reply
 // of the lowest limit: some thousand items.
 constexpr std::size_t ALL_STATUSES_LIMIT = std::size_t{96} << 20;
 constexpr std::size_t LOWEST_STATUSES_LIMIT = std::size_t{1} << 20;
 
-/// How large a reply may be while the statuses of the other folders take `others` bytes.
+/// The largest reply allowed while the statuses of the other folders take `others` bytes.
 std::size_t replyLimit(std::size_t others) {
   const std::size_t left = ALL_STATUSES_LIMIT - std::min(others, ALL_STATUSES_LIMIT);
   return std::clamp(left, LOWEST_STATUSES_LIMIT, STATUSES_LIMIT);
 }
 
-// How much of a reply is looked at to guess how many entries it has, and the fewest bytes that one is taken to have.
+// The bytes of a reply that are sampled to guess its number of entries, and the fewest bytes that an entry has.
 constexpr std::size_t SAMPLE_BYTES = 4096;
 constexpr std::size_t MIN_ENTRY_BYTES = 8;
 
-/// Whether `path` can be an item's: a NUL is in no file's name, and in no URL.
+/// True if `path` can be an item's: a NUL is in no file's name, and in no URL.
 bool isNameable(std::string_view path) {
   return path.find('\0') == std::string_view::npos;
 }
 
-/// About how many entries `reply` has: as many to the byte as its beginning.
+/// Estimates the entries of `reply` from the number in its beginning.
 std::size_t expectedEntries(std::string_view reply) {
   const auto sample = reply.substr(0, SAMPLE_BYTES);
   const auto entries = static_cast<std::size_t>(std::count(sample.begin(), sample.end(), ':'));
@@ -47,7 +48,7 @@ std::size_t expectedEntries(std::string_view reply) {
 std::optional<StatusTable> statusesFromReply(const std::string& key, std::string reply) {
   StatusTable table(key);
   const std::size_t entries = expectedEntries(reply);
-  // Names are kept without their folder, where the reply's first name begins with it.
+  // Names are stored without their folder if the reply's first name begins with it.
   const bool inFolder = reply.find('"' + key) < SAMPLE_BYTES;
   table.reserve(entries, reply.size() - (inFolder ? std::min(reply.size(), entries * key.size()) : 0));
   const bool ofIntegers = integersFromJSON(reply, [&](std::string_view path, StatusCode code) {
@@ -55,6 +56,23 @@ std::optional<StatusTable> statusesFromReply(const std::string& key, std::string
   });
   if (!ofIntegers) return std::nullopt;
   return table;
+}
+
+/// Stores the statuses in a reply for the folder `key`, as LRUCache::update; none also when it is JSON of another
+/// shape. Most replies equal the one before: that is seen by a hash, a small part of the work of decoding. Throws
+/// JSONError.
+std::optional<StatusTable> store(LRUCache& cache, const std::string& key, std::string reply, bool& firstFill) {
+  const std::size_t digest = std::hash<std::string>{}(reply);
+  if (cache.holds(key, digest)) return StatusTable();
+  auto statuses = statusesFromReply(key, std::move(reply));  // frees the reply before they are compared
+  if (!statuses) return std::nullopt;
+  return cache.update(key, *std::move(statuses), &firstFill, digest);
+}
+
+/// The cache's key of the folder `dir`; none when its items' cloud paths are not that and their names.
+std::optional<std::string> listKey(const platform::FileURL* root, const std::string& dir) {
+  if (!root || *root->path() == "/") return std::nullopt;
+  return getCloudPath(*root, dir) + "/";
 }
 
 std::string printedForm(const StatusTable& changes) {
@@ -151,6 +169,38 @@ bool RESTPollingManager::isCached(const platform::FileURL& url) const {
   return root && url.path() && dirCache_.isPopulated(folderKey(getCloudPath(*root, url)));
 }
 
+RESTPollingManager::Listed RESTPollingManager::listCached(const std::string& dir, std::size_t most,
+                                                          const ItemListener& item) const {
+  const auto key = listKey(rootDir(), dir);
+  if (!key) return Listed::never;
+  const auto statuses = dirCache_.statuses(*key);
+  if (!statuses) return Listed::notYet;
+  if (statuses->size() > most) return Listed::never;
+  for (const auto& [path, code] : *statuses) {
+    if (!path.starts_with(*key)) continue;
+    const auto name = path.substr(key->size());
+    if (!name.empty() && name.find('/') == name.npos) item(name, code);
+  }
+  return Listed::all;
+}
+
+std::shared_ptr<const StatusTable> RESTPollingManager::cachedStatuses(const std::string& dir) const {
+  const auto key = listKey(rootDir(), dir);
+  return key ? dirCache_.statuses(*key) : nullptr;
+}
+
+RESTPollingManager::Listed RESTPollingManager::listStored(const std::string& dir, std::size_t most,
+                                                          const ItemListener& item) const {
+  const auto key = listKey(rootDir(), dir);
+  if (!key) return Listed::never;
+  const auto before = SyncDB::lockedQueriesOfThisThread();
+  const auto statuses = syncDB().childSyncStatus(*key, most);
+  if (!statuses) return SyncDB::lockedQueriesOfThisThread() != before ? Listed::notYet : Listed::never;
+  if (statuses->size() > most) return Listed::never;
+  for (const auto& [name, code] : *statuses) item(name, code);
+  return Listed::all;
+}
+
 void RESTPollingManager::clearDirCache() {}
 
 std::set<std::string> RESTPollingManager::currentDirs() const {
@@ -188,11 +238,11 @@ void RESTPollingManager::work() {
   }
 }
 
-/// Waits for a reason to poll. The folders to poll, longest path first; none when the worker is to end.
+/// Waits for a reason to poll. Returns the folders to poll, longest path first; none when the worker must end.
 std::vector<std::string> RESTPollingManager::waitForNextPass() {
   std::unique_lock guard(mutex_);
   while (running_) {
-    // The signal is kept in a flag: one that is given while a pass is running is taken by the wait after it.
+    // The signal is kept in a flag: the wait after a pass takes one that was given during the pass.
     updateRequiredCond_.wait_for(guard, pollingInterval_, [this] { return updateRequired_ || !running_; });
     const bool signalled = std::exchange(updateRequired_, false);
     if (!running_ || signalled || !currentDirs_.empty()) break;
@@ -229,10 +279,8 @@ void RESTPollingManager::fetch(const std::string& dir) {
                                       replyLimit(dirCache_.memoryBeside(key)));
   if (finderSync()) finderSync()->syncApplicationAnswered(reply.has_value());
   if (!reply) return;
-  auto statuses = statusesFromReply(key, *std::move(reply));  // which is gone before they are compared
-  if (!statuses) return;
   bool firstFill = false;
-  const auto changes = dirCache_.update(key, *std::move(statuses), &firstFill);
+  const auto changes = store(dirCache_, key, *std::move(reply), firstFill);
   if (!changes) return;
   VI_DEBUG("Updated: " + printedForm(*changes));
   for (const auto& [path, code] : *changes) {

@@ -4,14 +4,16 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
-#include "cache/LRUCache.hpp"
+#include "cache/DirCache.hpp"
 #include "platform/Dispatch.hpp"
 #include "platform/Foundation.hpp"
 #include "rest/MenuActions.hpp"
@@ -36,7 +38,10 @@ class RESTPollingManager : public std::enable_shared_from_this<RESTPollingManage
 
   /// The controller that receives status pushes; set before start_listener(). It must outlive the worker.
   StatusSink* finderSync() const noexcept { return finderSync_; }
-  void setFinderSync(StatusSink* controller) noexcept { finderSync_ = controller; }
+  void setFinderSync(StatusSink* controller) noexcept {
+    finderSync_ = controller;
+    menu_.setSink(controller);
+  }
 
   /// Finds the synced folder in the sync application's preferences and adopts it; true when the manager is usable, also
   /// when it was before. False while there are no readable preferences. Stops the process without a group container, or
@@ -46,10 +51,10 @@ class RESTPollingManager : public std::enable_shared_from_this<RESTPollingManage
   /// Adopts `rootPath` as the synced folder and has the controller observe it.
   void enableVI(const std::string& rootPath);
 
-  /// Whether the synced folder is known, and so a menu may be offered.
+  /// True if the synced folder is known, and so a menu may be offered.
   bool menuEnabled() const;
 
-  /// The file manager began, or ceased, to show the folder `path` (a local path).
+  /// The file manager began or stopped showing the folder `path` (a local path).
   void dirEnter(const std::string& path);
   void dirExit(const std::string& path);
 
@@ -57,9 +62,25 @@ class RESTPollingManager : public std::enable_shared_from_this<RESTPollingManage
   /// Stops the process while the synced folder is unknown.
   std::optional<StatusCode> badgeFromCache(const platform::FileURL& url);
 
-  /// Whether badgeFromCache answers for `url` from memory now: its folder has been filled. False while the synced
+  /// True if badgeFromCache answers for `url` from memory now: its folder has been filled. False while the synced
   /// folder is unknown, and for a URL without a path.
   bool isCached(const platform::FileURL& url) const;
+
+  enum class Listed {
+    all,
+    notYet,  ///< and may be asked for later
+    never,   ///< the items must be asked for one by one: there are more than `most`, or their paths decide otherwise
+  };
+  using ItemListener = std::function<void(std::string_view name, StatusCode code)>;
+
+  /// Calls `item` for the items directly in the folder `dir` (a local path) that have a status: with the one that
+  /// badgeFromCache has for each. From the cache: notYet while it has not been filled. From the sync database: notYet
+  /// while it is locked; one query; to be called for a folder that has not been filled.
+  Listed listCached(const std::string& dir, std::size_t most, const ItemListener& item) const;
+  Listed listStored(const std::string& dir, std::size_t most, const ItemListener& item) const;
+
+  /// What listCached reads; null where it has not been filled. A fetch of other statuses makes another table.
+  std::shared_ptr<const StatusTable> cachedStatuses(const std::string& dir) const;
 
   /// Does nothing.
   void clearDirCache();
@@ -79,8 +100,12 @@ class RESTPollingManager : public std::enable_shared_from_this<RESTPollingManage
   Menu& menu() noexcept { return menu_; }
   LRUCache& dirCache() noexcept { return dirCache_; }
 
-  /// The folders on screen (local paths), and those with a reserved update (always none).
+  /// The folders on screen (local paths).
+  /// Kept ready; nothing calls it yet.
   std::set<std::string> currentDirs() const;
+
+  /// The folders with a reserved update: always none.
+  /// Kept ready; nothing calls it yet.
   const std::set<std::string>& pendingUpdates() const noexcept { return pendingUpdates_; }
 
  private:
@@ -92,9 +117,8 @@ class RESTPollingManager : public std::enable_shared_from_this<RESTPollingManage
 
   const std::chrono::duration<double> pollingInterval_;
   mutable std::mutex mutex_;
-  std::condition_variable
-      updateRequiredCond_;       // with mutex_: guards what stands up to the next comment, wakes the worker
-  bool updateRequired_ = false;  // a signal that no wait has taken yet
+  std::condition_variable updateRequiredCond_;  // wakes the worker; mutex_ guards the fields up to the next comment
+  bool updateRequired_ = false;                 // a signal that no wait has taken yet
   std::set<std::string> currentDirs_;
   std::deque<platform::FileURL> rootDirs_;  // every folder adopted so far; readers may hold an older one
   // Not guarded: constant, atomic, or safe by itself.

@@ -20,8 +20,8 @@ class StatusSink {
   /// Otherwise it was refreshed, and every status that changed was reported before this call.
   virtual void folderFilled(const platform::FileURL& folder, bool first) = 0;
 
-  /// The sync application answered a request for statuses, with whatever content or HTTP status, or did not. Called
-  /// after each request, not only when this changes.
+  /// The sync application answered a request, with whatever content or HTTP status, or did not. Called after each
+  /// request, not only when this changes.
   virtual void syncApplicationAnswered(bool answered) = 0;
 
   /// Makes `dirs` the folders that are observed.

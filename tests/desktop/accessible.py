@@ -1,5 +1,5 @@
-"""What programs tell assistive technologies of their windows: found, read and acted on, by the messages of the accessibility
-bus (AT-SPI) themselves, so that every answer is of this moment."""
+"""The windows of programs as assistive technologies see them, read and operated by messages of the accessibility bus (AT-SPI)
+itself, so that every answer is current."""
 
 from gi.repository import Gio, GLib
 
@@ -47,7 +47,7 @@ class Bus:
         return answer.unpack()
 
     def application(self, process):
-        """What the program with this process id shows; none while it does not tell."""
+        """The root of the program with this process id; none until it reports one."""
         root = Node(self, "org.a11y.atspi.Registry", "/org/a11y/atspi/accessible/root")
         driver = ("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus")
         for node in root.children():
@@ -61,7 +61,7 @@ class Bus:
 
 
 class Node:
-    """One accessible. What it is asked when it has vanished has an empty answer; what it is told then raises GLib.Error."""
+    """One accessible. Once it has vanished, questions have empty answers and actions raise GLib.Error."""
 
     def __init__(self, bus, owner, path):
         self._bus, self.owner, self.path = bus, owner, path
@@ -95,8 +95,10 @@ class Node:
         LABELLED_BY = 2
         relations = self._ask(([],), _ACCESSIBLE, "GetRelationSet")[0]
         labels = [Node(self._bus, *label) for kind, targets in relations if kind == LABELLED_BY for label in targets]
-        everything = GLib.Variant("(ii)", (0, -1))
-        return [label._ask(("",), "org.a11y.atspi.Text", "GetText", everything)[0] for label in labels]
+        return [label.text() for label in labels]
+
+    def text(self):
+        return self._ask(("",), "org.a11y.atspi.Text", "GetText", GLib.Variant("(ii)", (0, -1)))[0]
 
     def parent(self):
         return Node(self._bus, *self._property(_ACCESSIBLE, "Parent", (self.owner, self.path)))
@@ -152,37 +154,39 @@ class Node:
 
 
 class AppearanceWatch:
-    """The accessibles that come to be shown, while it is entered."""
+    """The accessibles that come to be shown. Make it before the program starts: a running one may learn too late that
+    somebody listens."""
 
     EVENT = "object:state-changed:showing"
     _REGISTRY = ("org.a11y.atspi.Registry", "/org/a11y/atspi/registry", "org.a11y.atspi.Registry")
 
     def __init__(self, bus):
         self._bus = bus
-        self.nodes = []
-
-    def __enter__(self):
-        self._bus.call(*self._REGISTRY, "RegisterEvent", GLib.Variant("(sass)", (self.EVENT, [], "")))
-        self._subscription = self._bus._connection.signal_subscribe(
+        self._nodes = []
+        bus._connection.signal_subscribe(
             None, "org.a11y.atspi.Event.Object", "StateChanged", None, "showing", 0, self._seen
         )
-        return self
+        bus.call(*self._REGISTRY, "RegisterEvent", GLib.Variant("(sass)", (self.EVENT, [], "")))
 
     def _seen(self, _connection, sender, path, _interface, _signal, values):
         if values[1] == 1:
-            self.nodes.append(Node(self._bus, sender, path))
+            self._nodes.append(Node(self._bus, sender, path))
 
-    def __exit__(self, *_):
-        self._bus._connection.signal_unsubscribe(self._subscription)
-        self._bus.call(*self._REGISTRY, "DeregisterEvent", GLib.Variant("(s)", (self.EVENT,)))
+    @staticmethod
+    def _receive():
+        while GLib.MainContext.default().iteration(False):
+            pass
+
+    def forget(self):
+        """Forgets what has been shown so far."""
+        self._receive()
+        self._nodes.clear()
 
     def wait_for(self, what, wanted):
-        """The first that satisfies `wanted`."""
-        context = GLib.MainContext.default()
+        """The first since forget() that satisfies `wanted`."""
 
         def found():
-            while context.iteration(False):
-                pass
-            return next((node for node in self.nodes if wanted(node)), None)
+            self._receive()
+            return next((node for node in self._nodes if wanted(node)), None)
 
         return until(what, found)

@@ -17,7 +17,7 @@ class Calls:
         with open(self._output, "wb") as output:
             command = ["dbus-monitor", "--session", RULE]
             self._process = processes.start(command, session.environment, session.output, stdout=output)
-        # It says so itself that it has become a monitor: its own name is lost then.
+        # It has become a monitor once it reports the loss of its name.
         until("the monitor of the bus", lambda: "NameLost" in self._text() or "NameAcquired" in self._text())
 
     def _text(self):
@@ -31,7 +31,7 @@ class Calls:
         return sum(method in (None, called) for _, called, _ in self.all())
 
     def observations(self, callers):
-        """URL of the folder -> how often those of `callers` (names on the bus) have begun more than ended to observe it."""
+        """URL of the folder -> how many observations of it `callers` (names on the bus) have begun and not ended."""
         counts = collections.Counter()
         for caller, method, url in self.all():
             if caller in callers and method in ("BeginObserving", "EndObserving"):

@@ -8,18 +8,13 @@ An emblem is what changes in the picture when a file gets its badge; the ground 
 the pixels whose relative luminance is at least half as far from the ground's as that of any: colour does not count.
 """
 
-import argparse
 import contextlib
-import pathlib
-import shutil
-import signal
 import statistics
 import sys
-import tempfile
 
 import managers
-import namespaces
 import processes
+import program
 from extension import Extension
 from session import Session
 from sync import Sync
@@ -171,18 +166,11 @@ def report(theme, scale, emblems):
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--build", required=True, type=lambda text: pathlib.Path(text).resolve())
-    parser.add_argument("--keep", type=lambda text: pathlib.Path(text).resolve(), help="folder for enlarged pictures")
+    parser = program.parser(__doc__, manager=False)
+    parser.add_argument("--keep", type=program.path, help="folder for enlarged pictures")
     arguments = parser.parse_args()
-    namespaces.enter(ordinary=True)
-    namespaces.bring_up_loopback()
-    processes.adopt_orphans()
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
-    folder = pathlib.Path(tempfile.mkdtemp(prefix="vornet-"))
-    kind = managers.Nautilus
-    try:
-        namespaces.install(arguments.build, managers.plugin_files(kind, arguments.build), folder / "layer")
+    with program.own_machine(ordinary=True) as folder:
+        program.install_plugin(managers.Nautilus, arguments.build, folder)
         print("| Theme | Scale | Emblem | Contrast | Edges included | Share of its square | Least difference |\n|---|---|---|---|---|---|---|")
         kept = []
         for theme in THEMES:
@@ -190,9 +178,6 @@ def main():
                 emblems = measure(folder / f"{theme}-{scale}", arguments.build, theme, scale, arguments.keep)
                 kept.append(report(theme, scale, emblems))
                 processes.end_all()
-    finally:
-        processes.end_all()
-        shutil.rmtree(folder, ignore_errors=True)
     return 0 if all(kept) else 1
 
 

@@ -4,25 +4,22 @@ Usage: desktop_test.py --manager NAME --build DIR [--display x11|wayland] [--kee
 NAME: nautilus, nemo, caja, dolphin or thunar. DIR: the build tree. What a failed step leaves to look at goes to --keep.
 """
 
-import argparse
 import pathlib
 import shutil
-import signal
 import sys
-import tempfile
 import time
 import traceback
 
 import managers
-import namespaces
 import processes
+import program
 from calls import Calls
 from extension import Extension
 from session import DISPLAYS, REAL_COLOURS, Session
 from sync import Sync
 from waiting import until, until_equal
 
-# What the synced folder holds, and the badge of each at first; and the folders inside and above it.
+# The items of the synced folder with their first badges; and the folders inside and above it.
 ITEMS = {"sub": "SYNCED", "a one.txt": "SYNCED", "b#two.txt": "PENDING", "c%3three.txt": "SKIPPED", "d ü four.txt": ""}
 A, B, C, D = list(ITEMS)[1:]
 INNER = {"inner.txt": "PENDING"}
@@ -41,19 +38,25 @@ STEPS = []
 def step(function):
     """One behaviour, tried with every file manager. Steps begin where the one before ended."""
     STEPS.append(function)
-    function.badges = None
+    function.fits = lambda kind: True
     return function
 
 
 def badge_step(function):
     """The same, for file managers that show badges."""
-    step(function).badges = True
+    step(function).fits = lambda kind: kind.has_badges
     return function
 
 
 def menu_step(function):
     """The same, for file managers that do not."""
-    step(function).badges = False
+    step(function).fits = lambda kind: not kind.has_badges
+    return function
+
+
+def column_step(function):
+    """The same, for file managers that show our column."""
+    step(function).fits = lambda kind: kind.settings
     return function
 
 
@@ -100,6 +103,10 @@ class Desktop:
         self.manager.rest()
         self.manager.wait_for_badges(self.badges)
 
+    def wait_for_column(self):
+        words = {name: managers.LABELS[badge] for name, badge in self.badges.items()}
+        until_equal("the column", words, lambda: self.manager.column(ITEMS))
+
     def with_badge(self, badge):
         return next(name for name in (A, B, C) if self.badges[name] == badge)
 
@@ -125,8 +132,9 @@ class Desktop:
             times.append(time.monotonic() - start)
         return min(times)
 
-    def keep(self, folder):
-        """Leaves what tells of a failure in `folder`."""
+    def failed(self, what, folder):
+        """Reports a failure, and leaves in `folder` what explains it."""
+        traceback.print_exc()
         shutil.rmtree(folder, ignore_errors=True)
         folder.mkdir(parents=True)
         self.session.screen.save(folder / "screen.png")
@@ -134,6 +142,7 @@ class Desktop:
         for log in logs + list(self.session.data.glob("group-containers/*/log/vi.log")):
             if log.exists():
                 shutil.copy(log, folder)
+        print(f"FAILED  {what}\nThe screen and the logs are in {folder}", flush=True)
 
     def close(self):
         if self.extension.process():
@@ -161,14 +170,14 @@ def every_item_has_its_badge(t):
 
 
 @badge_step
-def a_change_arrives_by_itself(t):
+def a_change_arrives_automatically(t):
     for name, badge in {A: "SKIPPED", B: "SYNCED", C: "PENDING", D: "SYNCED"}.items():
         t.set(name, badge)
     t.manager.wait_for_badges(t.badges)
 
 
 @badge_step
-def a_badge_that_is_emptied_is_taken_away(t):
+def a_badge_that_is_emptied_is_removed(t):
     t.set(D, "")
     t.manager.wait_for_badges(t.badges)
 
@@ -203,7 +212,7 @@ def the_background_of_a_folder_has_no_entries(t):
 
 
 @step
-def what_lies_outside_has_no_entries_and_no_badges(t):
+def what_is_outside_has_no_entries_and_no_badges(t):
     t.up_from_root()
     assert t.manager.entries("outside.txt") == {}
     t.manager.rest()
@@ -236,11 +245,18 @@ def two_windows_on_one_folder_count_twice(t):
 
 @step
 def a_frozen_extension_does_not_slow_the_window(t):
-    before = t.time_of_a_visit()
-    t.extension.freeze()
-    frozen = t.time_of_a_visit()
-    t.extension.thaw()
-    assert frozen < 3 * before + 0.5, f"{frozen:.2f} s with the extension frozen, {before:.2f} s before"
+    def visits():
+        before = t.time_of_a_visit()
+        t.extension.freeze()
+        frozen = t.time_of_a_visit()
+        t.extension.thaw()
+        return before, frozen
+
+    # A busy machine may slow one visit; a window that waits for the extension is slow each time.
+    tried = []
+    while not tried or tried[-1][1] >= 3 * tried[-1][0] + 0.5:
+        assert len(tried) < 3, f"seconds before and with the extension frozen, three times: {tried}"
+        tried.append(visits())
     if t.manager.has_badges:
         t.show_badges()
     t.wait_for_menu(A)
@@ -287,6 +303,21 @@ def a_file_manager_killed_ends_the_observation(t):
     t.extension.wait_for_observed()
 
 
+@column_step
+def the_column_says_what_the_emblems_show(t):
+    for name, badge in {"sub": "SYNCED", A: "SKIPPED", B: "SYNCED", C: "PENDING", D: ""}.items():
+        t.set(name, badge)
+    t.manager.start(t.root, t.session.environment_with_column(t.manager.settings))
+    t.wait_for_column()
+    for name, badge in {"sub": "", A: "SYNCED", B: "PENDING", C: "SKIPPED", D: "SYNCED"}.items():
+        t.set(name, badge)
+    t.wait_for_column()
+    if t.manager.column_can_be_clicked:
+        t.manager.click_column()
+        until_equal("the files by their status", ["sub", C, B, A, D], lambda: list(t.manager.column(ITEMS)))
+    t.manager.kill()
+
+
 @badge_step
 def the_real_emblems_are_shown(t):
     for name, badge in {"sub": "", A: "SYNCED", B: "PENDING", C: "SKIPPED", D: ""}.items():
@@ -295,7 +326,7 @@ def the_real_emblems_are_shown(t):
     t.manager.wait_for_items(ITEMS)
     for badge, colour in REAL_COLOURS.items():
         until(f"the emblem of {badge}", lambda colour=colour: t.session.screen.count(colour) >= managers.FEWEST_PIXELS)
-    # It is they that have these colours, and nothing else on the screen.
+    # Only the emblems have these colours, nothing else on the screen.
     for name in (A, B, C):
         t.set(name, "")
     for badge, colour in REAL_COLOURS.items():
@@ -303,7 +334,7 @@ def the_real_emblems_are_shown(t):
 
 
 @step
-def without_the_extension_the_file_manager_works_as_ever(t):
+def without_the_extension_the_file_manager_works_as_usual(t):
     t.manager.stop()
     t.session.remove_extension()
     until("the extension is not known to the bus", lambda: not t.extension.can_be_started())
@@ -324,21 +355,17 @@ def without_the_extension_the_file_manager_works_as_ever(t):
 
 def run(arguments, folder):
     kind = managers.ALL[arguments.manager]
-    files = managers.plugin_files(kind, arguments.build)
-    if kind.plugins:
-        namespaces.install(arguments.build, files, folder / "layer")
+    program.install_plugin(kind, arguments.build, folder)
     desktop = Desktop(kind, folder / "session", arguments.build, arguments.display)
     try:
         for function in STEPS:
-            if function.badges not in (None, kind.has_badges):
+            if not function.fits(kind):
                 continue
             start = time.monotonic()
             try:
                 function(desktop)
             except Exception:  # whatever it is, the step has failed
-                traceback.print_exc()
-                desktop.keep(arguments.keep)
-                print(f"FAILED  {function.__name__}\nThe screen and the logs are in {arguments.keep}", flush=True)
+                desktop.failed(function.__name__, arguments.keep)
                 return 1
             print(f"ok      {function.__name__} ({time.monotonic() - start:.1f} s)", flush=True)
     finally:
@@ -347,23 +374,13 @@ def run(arguments, folder):
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--manager", required=True, choices=managers.ALL)
-    parser.add_argument("--build", required=True, type=lambda text: pathlib.Path(text).resolve())
+    parser = program.parser(__doc__)
     parser.add_argument("--display", default="x11", choices=DISPLAYS)
-    parser.add_argument("--keep", type=pathlib.Path, help="folder for what a failed step leaves (default: in the build tree)")
+    parser.add_argument("--keep", type=program.path, help="folder for what a failed step leaves (default: in the build tree)")
     arguments = parser.parse_args()
-    arguments.keep = (arguments.keep or arguments.build / "desktop" / f"{arguments.manager}-{arguments.display}").resolve()
-    namespaces.enter(ordinary=True)
-    namespaces.bring_up_loopback()
-    processes.adopt_orphans()
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
-    folder = pathlib.Path(tempfile.mkdtemp(prefix="vornet-desktop-"))
-    try:
+    arguments.keep = arguments.keep or arguments.build / "desktop" / f"{arguments.manager}-{arguments.display}"
+    with program.own_machine(ordinary=True) as folder:
         return run(arguments, folder)
-    finally:
-        processes.end_all()
-        shutil.rmtree(folder, ignore_errors=True)
 
 
 if __name__ == "__main__":

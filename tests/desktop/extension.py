@@ -15,7 +15,7 @@ _BUS = ("org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus")
 
 
 class Extension:
-    """Looks at the extension of `session` from outside, by a connection to the bus of its own, and never starts it."""
+    """Looks at the extension of `session` from outside, by its own connection to the bus, and never starts it."""
 
     def __init__(self, session):
         self._connection = connect(session.environment["DBUS_SESSION_BUS_ADDRESS"])
@@ -54,7 +54,7 @@ class Extension:
         return self._log.read_text(errors="replace") if self._log.exists() else ""
 
     def clients(self):
-        """The names of everybody on the bus."""
+        """All names on the bus."""
         return self._ask_bus("ListNames")[0]
 
     def observed(self):

@@ -14,6 +14,8 @@ from waiting import NotSeen, until, until_equal
 MENU_ITEMS = ("menu item", "check menu item", "radio menu item")
 FEWEST_PIXELS = 20  # of an emblem's colour, to count as one
 VIEW_PADDING = 24  # of Nautilus's grid, in pixels
+LABELS = {"SYNCED": "Synced", "PENDING": "Sync in progress", "SKIPPED": "Not synced", "": ""}
+WITHOUT_TEXT = "unknown"  # what Nemo and Caja show of a file without a text
 ENTRIES = ("Share", "Copy Link", "Comments", "View versions", "View in Cloud")
 
 
@@ -25,6 +27,8 @@ class FileManager:
     plugins = ()  # patterns of what is laid over /usr, relative to the build tree
     cells = ("icon",)  # roles of the files' accessibles
     has_badges = True
+    settings = None  # path of its settings, where it shows our column
+    column_can_be_clicked = False  # by way of its accessible
     shows_greyed = True
     pruned = ("menu bar", "tool bar")
 
@@ -34,6 +38,7 @@ class FileManager:
         self.process = None
         self._bus = accessible.Bus(session.environment["DBUS_SESSION_BUS_ADDRESS"])
         self._app = None
+        self._clicks_aside = False
         self._view = None
 
     @classmethod
@@ -116,7 +121,7 @@ class FileManager:
         until(f"the files {sorted(names)}", all_are_shown)
 
     def rectangles(self):
-        """Where the files stand on the screen: name -> rectangle."""
+        """Where the files are on the screen: name -> rectangle."""
         return {name: box for name, node in self.items().items() if (box := node.extents()) and box[2] > 0}
 
     def badges(self, names):
@@ -133,6 +138,27 @@ class FileManager:
     def wait_for_badges(self, expected):
         until_equal("the badges", expected, lambda: self.badges(expected))
 
+    def column(self, names):
+        """What our column says of the files among `names` in a list view, in the order of the list."""
+        said, name = {}, None
+        for node in self._list().walk():
+            text = node.name() or node.text()
+            if text in names:
+                name = text
+                said.setdefault(name, "")
+            elif name and text and text in (*LABELS.values(), WITHOUT_TEXT):
+                said[name] = text
+        return said
+
+    def _list(self):
+        return until("a list view", lambda: next(filter(self.is_list, self._app.walk(self.pruned)), None))
+
+    def is_list(self, node):
+        return node.role() == "tree table"
+
+    def click_column(self):
+        next(node for node in self._list().children() if node.name() == "Sync status").act()
+
     def coloured_pixels(self):
         """How many pixels of any emblem are on the whole screen."""
         return sum(self.session.screen.count(colour) for colour in COLOURS.values())
@@ -142,6 +168,15 @@ class FileManager:
     def enter(self, folder):
         """Opens a folder on screen, in the same window, as the user does."""
         raise NotImplementedError
+
+    def _enter_at(self, x, y, folder):
+        """By a click and a key: to Qt 6, two clicks within one millisecond are no double click. One soon after another
+        must not make one either, so they alternate between two places."""
+        self.activate()
+        self._clicks_aside = not self._clicks_aside
+        self.click(x + 12 * self._clicks_aside, y)
+        until(f"the selection of {folder}", lambda: (item := self.items().get(folder)) and item.has("SELECTED"))
+        self.session.display.key("Return")
 
     def go_up(self):
         self.activate()
@@ -154,7 +189,7 @@ class FileManager:
         raise NotImplementedError
 
     def menu_nodes(self):
-        """The accessibles of what the open menu shows; empty without one. A menu has a window of its own."""
+        """The accessibles of what the open menu shows; empty without one. A menu is a separate window."""
         windows = [node for node in self._app.children() if node.role() == "window"]
         return [node for window in windows for node in window.walk() if node.role() in MENU_ITEMS and node.has("SHOWING")]
 
@@ -192,11 +227,11 @@ class FileManager:
     def press(self, entry):
         entry.act()
 
-    def click(self, x, y, button=1, repeat=1):
-        self.session.display.click(x, y, button, repeat)
+    def click(self, x, y, button=1):
+        self.session.display.click(x, y, button)
 
     def rest(self):
-        """Nothing selected, the pointer off the files: emblems stand in their own colours."""
+        """Nothing selected, the pointer off the files: emblems have their own colours."""
         self.session.display.move_pointer(1, 1)
 
 
@@ -204,9 +239,13 @@ class _IconContainer(FileManager):
     """Caja and Nemo: files can be selected and opened by way of their accessibles."""
 
     pruned = ("menu bar", "tool bar", "table", "tree table", "icon")
+    column_can_be_clicked = True
 
     def is_item(self, node):
         return super().is_item(node) and node.parent().role() == "layered pane"
+
+    def is_list(self, node):
+        return super().is_list(node) and node.name() == "List View"
 
     def _select(self, item):
         until(f"the selection of {item}", lambda: self._is_selected(item))
@@ -241,14 +280,16 @@ class _IconContainer(FileManager):
 class Caja(_IconContainer):
     program = "caja"
     command = ("caja", "--no-desktop", "--browser")
+    settings = "org/mate/caja"
     plugins = ("lib/*/caja/extensions-2.0/libvornet-caja.so", "share/caja/extensions/libvornet-caja.caja-extension")
 
 
 class Nemo(_IconContainer):
-    """Its files' accessibles do not say where they are. Emblems are told apart by their order, which is that of names."""
+    """Its files' accessibles do not say where they are. Emblems are assigned by their order, which is that of names."""
 
     program = "nemo"
     command = ("nemo", "--no-desktop")
+    settings = "org/nemo"
     plugins = ("lib/*/nemo/extensions-3.0/libvornet-nemo.so",)
 
     def badges_in_order(self):
@@ -271,6 +312,7 @@ class Nemo(_IconContainer):
 class Nautilus(FileManager):
     program = "nautilus"
     command = ("nautilus", "--new-window")
+    settings = "org/gnome/nautilus"
     plugins = ("lib/*/nautilus/extensions-4/libvornet-nautilus.so",)
     cells = ("table cell",)
     pruned = ("tool bar", "list")
@@ -318,7 +360,7 @@ class Nautilus(FileManager):
         until(f"the selection of {item}", lambda: self._selection().startswith(wanted) and bool(wanted) == bool(self._selection()))
 
     def _selection(self):
-        """What the window says of the selection; "" while nothing is selected."""
+        """The window's text on the selection; "" while nothing is selected."""
         names = (node.name() for node in self._app.walk((*self.pruned, "table")))
         return next((text for text in names if " selected" in text), "")
 
@@ -367,11 +409,8 @@ class Thunar(FileManager):
         return None  # the list of places beside the files holds accessibles of the same kind
 
     def enter(self, folder):
-        self.activate()
         x, y, _, height = self.rectangles()[folder]
-        self.click(x + 20, y + height // 2)
-        until(f"the selection of {folder}", lambda: (item := self.items().get(folder)) and item.has("SELECTED"))
-        self.session.display.key("Return")
+        self._enter_at(x + 20, y + height // 2, folder)
 
     def open_menu(self, item):
         self.activate()
@@ -396,6 +435,7 @@ class Dolphin(FileManager):
     def __init__(self, session):
         super().__init__(session)
         self._menu = None
+        self._appearances = accessible.AppearanceWatch(self._bus)
 
     def is_item(self, node):
         """The list of files has its folder's name; that of places has none."""
@@ -412,9 +452,8 @@ class Dolphin(FileManager):
         return found[0].parent.parent.relative_to(build) if found else "lib/plugins"
 
     def enter(self, folder):
-        self.activate()
         x, y, width, _ = self.rectangles()[folder]
-        self.click(x + width // 2, y + 30, repeat=2)
+        self._enter_at(x + width // 2, y + 30, folder)
 
     def open_menu(self, item):
         self.activate()
@@ -423,9 +462,9 @@ class Dolphin(FileManager):
             x, y = min(box[0] for box in boxes.values()) + 20, max(box[1] + box[3] for box in boxes.values()) + 60
         else:
             x, y = boxes[item][0] + boxes[item][2] // 2, boxes[item][1] + self.menu_offset
-        with accessible.AppearanceWatch(self._bus) as appearance:
-            self.click(x, y, button=3)
-            self._menu = appearance.wait_for("the menu", lambda node: node.role() == "popup menu")
+        self._appearances.forget()
+        self.click(x, y, button=3)
+        self._menu = self._appearances.wait_for("the menu", lambda node: node.role() == "popup menu")
 
     def menu_nodes(self):
         if self._menu is None or not self._menu.has("SHOWING"):

@@ -1,4 +1,4 @@
-"""A view of the machine of one's own: the fixed port is free in it, and a file manager finds its plug-in installed. Nothing
+"""A private view of the machine: the fixed port is free in it, and a file manager finds its plug-in installed. Nothing
 outside changes. Works as root and, where the system allows user namespaces, for everybody."""
 
 import ctypes
@@ -28,7 +28,7 @@ def _command(ordinary=False):
 
 
 def are_possible():
-    """Tries all of it, in a process of its own."""
+    """Tries all of it, in another process."""
     attempt = _command() + [sys.executable, "-B", __file__, "--try"]
     return subprocess.run(attempt, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode == 0
 
@@ -68,7 +68,7 @@ def empty(folder):
 
 def install(build, files, layer, checkout=CHECKOUT):
     """Lays `files` (relative to the folder `build`, and to /usr) over /usr, by way of the empty folder `layer`. Nothing else in
-    /usr can be written afterwards than the checkout, where it lies there."""
+    /usr can be written afterwards than the checkout, if it is there."""
     for file in files:
         copy = pathlib.Path(layer, file)
         copy.parent.mkdir(parents=True, exist_ok=True)
@@ -83,5 +83,5 @@ def install(build, files, layer, checkout=CHECKOUT):
         os.close(uncovered)
 
 
-if __name__ == "__main__":  # tells by its exit status whether the system allows them
+if __name__ == "__main__":  # reports by its exit status whether the system allows them
     sys.exit(_try() if "--try" in sys.argv else 0 if are_possible() else 1)

@@ -1,4 +1,4 @@
-"""Tries what namespaces.py promises of files laid over /usr, in namespaces of its own."""
+"""Tries what namespaces.py promises of files laid over /usr, in its own namespaces."""
 
 import pathlib
 import tempfile

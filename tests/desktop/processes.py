@@ -31,7 +31,7 @@ def start(command, environment, output, **options):
         return subprocess.Popen(
             [str(part) for part in command],
             env=environment,
-            stdin=subprocess.DEVNULL,
+            stdin=options.pop("stdin", subprocess.DEVNULL),
             stdout=options.pop("stdout", file),
             stderr=file,
             preexec_fn=_in_child,
@@ -68,10 +68,15 @@ def _stat(process):
         return None
 
 
+def state(process):
+    """The letter of proc(5) for what a process does; "X" for none."""
+    fields = _stat(process)
+    return fields[0] if fields else "X"
+
+
 def is_running(process):
     """Whether there is a process of this id that has not ended; one that was not yet waited for has ended."""
-    fields = _stat(process)
-    return fields is not None and fields[0] not in "ZX"
+    return state(process) not in "ZX"
 
 
 def wait_gone(process):
@@ -79,7 +84,7 @@ def wait_gone(process):
 
 
 def resident_kib(process):
-    """The memory of a process that is its own: resident, without what it shares with files."""
+    """The private memory of a process: resident, without pages shared with files."""
     with open(f"/proc/{process}/status", encoding="utf-8") as file:
         fields = dict(line.split(":", 1) for line in file)
     return int(fields["RssAnon"].split()[0])

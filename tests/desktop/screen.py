@@ -25,7 +25,7 @@ class Screen:
         return sum(1 for row in self._rows(rectangle) for _ in _columns(row, pixel))
 
     def places(self, colour, rectangle=None):
-        """Where `colour` stands: the rectangle of each group of its pixels that touch each other."""
+        """Where `colour` is: the rectangle of each group of its pixels that touch each other."""
         red, green, blue = colour
         pixel = bytes((blue, green, red))
         left, top = (rectangle or (0, 0))[:2]

@@ -101,7 +101,7 @@ class Session:
         shutil.copy(self.build / "share/dbus-1/services" / SERVICE, services)
 
     def remove_extension(self):
-        """Takes the file away again. The bus looks itself; who must be sure waits until the name cannot be activated."""
+        """Takes the file away again. The bus notices by itself; to be sure, wait until the name cannot be activated."""
         (self.data / "dbus-1/services" / SERVICE).unlink()
 
     def environment_with_real_emblems(self):
@@ -109,6 +109,17 @@ class Session:
         for cache in (self.home / ".cache").glob("icon-cache*"):
             cache.unlink()  # Dolphin's memory of the coloured ones
         return dict(self.environment, XDG_DATA_DIRS=f"{self.build}/share:/usr/local/share:/usr/share")
+
+    def environment_with_column(self, settings):
+        """A program that is started with it, and has its settings below the path `settings`, shows lists with our column."""
+        file = self.home / ".config/glib-2.0/settings/keyfile"
+        file.parent.mkdir(parents=True, exist_ok=True)
+        columns = "['name', 'VornetVI::sync_status']"
+        file.write_text(
+            f"[{settings}/preferences]\ndefault-folder-viewer='list-view'\n"
+            f"[{settings}/list-view]\ndefault-visible-columns={columns}\ndefault-column-order={columns}\n"
+        )
+        return dict(self.environment, GSETTINGS_BACKEND="keyfile")
 
     def let_emblems_be_dimmed(self):
         """Programs started from now on draw emblems as opaque as they do for users."""

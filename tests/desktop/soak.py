@@ -5,23 +5,19 @@ Usage: soak.py --manager NAME --build DIR [--minutes N] [--seed N] [--keep DIR]
 Exit status 1 when the file manager ended, something was not seen, or memory grew beyond the bound.
 """
 
-import argparse
 import collections
-import pathlib
 import random
 import shutil
 import sys
-import tempfile
 import time
-import traceback
 
 import managers
-import namespaces
 import processes
+import program
 from desktop_test import Desktop
-from waiting import NotSeen, until
+from waiting import NotSeen
 
-# Memory of its own, in KiB, that a program may have more at the end than after the first quarter of the time.
+# KiB that a program's own memory may grow between the first quarter of the time and the end.
 MOST_GROWTH = {"file manager": 32 * 1024, "extension": 8 * 1024}
 BADGES = ("SYNCED", "PENDING", "SKIPPED", "")
 FOLDERS = ("one", "two words", "drei ü")
@@ -126,11 +122,11 @@ class Soak:
         self.t.sync.start()
 
     def stall_the_sync_application(self):
-        self.t.sync.fault("stall:2")
+        self.t.sync.stall(2)
         self.navigate()
 
     def memory(self):
-        """KiB of each program's own; of the extension, when it is running."""
+        """KiB of each program's private memory; of the extension, when it is running."""
         extension = self.t.extension.process()
         memory = {"file manager": processes.resident_kib(self.manager.process.pid)}
         if extension:
@@ -163,8 +159,7 @@ class Soak:
 
 def soak(arguments, folder):
     kind = managers.ALL[arguments.manager]
-    if kind.plugins:
-        namespaces.install(arguments.build, managers.plugin_files(kind, arguments.build), folder / "layer")
+    program.install_plugin(kind, arguments.build, folder)
     desktop = Desktop(kind, folder / "session", arguments.build)
     work = Soak(desktop, arguments.seed)
     first, last, warm = {}, {}, False
@@ -180,9 +175,7 @@ def soak(arguments, folder):
                     first.setdefault(program, size)
         work.finish()
     except Exception:  # whatever it is, the soak has failed
-        traceback.print_exc()
-        desktop.keep(arguments.keep)
-        print(f"FAILED  after {dict(work.done)}\nThe screen and the logs are in {arguments.keep}", flush=True)
+        desktop.failed(f"after {dict(work.done)}", arguments.keep)
         return 1
     finally:
         desktop.close()
@@ -203,23 +196,14 @@ def soak(arguments, folder):
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--manager", required=True, choices=managers.ALL)
-    parser.add_argument("--build", required=True, type=lambda text: pathlib.Path(text).resolve())
+    parser = program.parser(__doc__)
     parser.add_argument("--minutes", type=float, default=10)
     parser.add_argument("--seed", type=int, default=random.SystemRandom().randrange(1 << 31))
-    parser.add_argument("--keep", type=pathlib.Path, help="folder for what a failure leaves (default: in the build tree)")
+    parser.add_argument("--keep", type=program.path, help="folder for what a failure leaves (default: in the build tree)")
     arguments = parser.parse_args()
-    arguments.keep = (arguments.keep or arguments.build / "soak" / arguments.manager).resolve()
-    namespaces.enter()
-    namespaces.bring_up_loopback()
-    processes.adopt_orphans()
-    folder = pathlib.Path(tempfile.mkdtemp(prefix="vornet-soak-"))
-    try:
+    arguments.keep = arguments.keep or arguments.build / "soak" / arguments.manager
+    with program.own_machine() as folder:
         return soak(arguments, folder)
-    finally:
-        processes.end_all()
-        shutil.rmtree(folder, ignore_errors=True)
 
 
 if __name__ == "__main__":

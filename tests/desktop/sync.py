@@ -2,10 +2,12 @@
 
 import json
 import pathlib
-import socket
+import signal
+import subprocess
+import threading
 
 import processes
-from waiting import until, until_equal
+from waiting import until_equal
 
 CODES = {"SYNCED": 2, "PENDING": 1, "SKIPPED": 0, "": -1}
 
@@ -22,18 +24,13 @@ class Sync:
         self._process = None
 
     def start(self):
-        command = [self._program, "run", self.folder, "--synced", "--transfer-time", "0.2"]
-        self._process = processes.start(command, self._session.environment, self._session.output)
-        until("the stand-in", lambda: self._listens() or self._process.poll() is not None)
-        if self._process.poll() is not None:
+        command = [self._program, self.folder, "--container", self.container, "--synced", "--transfer-time", "0.2"]
+        pipes = {"stdin": subprocess.PIPE, "stdout": subprocess.PIPE, "text": True, "bufsize": 1}
+        self._process = processes.start(command, self._session.environment, self._session.output, **pipes)
+        if self._process.stdout.readline() != "started\n":
             raise RuntimeError(f"the stand-in ended: {self._session.output.read_text(errors='replace')}")
         for name, badge in self.statuses.items():
-            self._tell("status", "/" + name, CODES[badge])
-
-    def _listens(self):
-        """Whether it takes commands; the socket of one before may still lie there."""
-        with socket.socket(socket.AF_UNIX) as probe:
-            return probe.connect_ex(str(self.container / "control.sock")) == 0
+            self._tell(name, badge)
 
     def stop(self):
         processes.end(self._process)
@@ -41,13 +38,25 @@ class Sync:
     def set(self, name, badge):
         """Gives an item the status whose badge is `badge`; "" for none."""
         self.statuses[name] = badge
-        self._tell("status", "/" + name, CODES[badge])
+        self._tell(name, badge)
 
-    def fault(self, text):
-        self._tell("fault", text)
+    def _tell(self, name, badge):
+        self._process.stdin.write(f"{CODES[badge]} /{name}\n")
+        answer = self._process.stdout.readline()
+        if answer != "ok\n":
+            raise RuntimeError(f"the stand-in answered: {answer}")
 
-    def _tell(self, *words):
-        processes.run([self._program, *words], self._session.environment)
+    def freeze(self):
+        """It answers nothing any more."""
+        self._process.send_signal(signal.SIGSTOP)
+
+    def thaw(self):
+        self._process.send_signal(signal.SIGCONT)
+
+    def stall(self, seconds):
+        """It answers nothing for that time."""
+        self.freeze()
+        threading.Timer(seconds, self.thaw).start()
 
     def actions(self):
         """What the user chose, as the stand-in received it: (action, names of the items)."""

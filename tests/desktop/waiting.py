@@ -6,7 +6,7 @@ SOON = 30.0  # seconds for what is to happen at all; the machine may be busy
 
 
 class NotSeen(AssertionError):
-    """What was waited for has not come."""
+    """The awaited condition has not come true."""
 
 
 def until(what, condition, timeout=SOON):

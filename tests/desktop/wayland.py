@@ -91,7 +91,7 @@ class Wayland:
         return place["x"], place["y"], place["width"]
 
     def has_popup(self, _program):
-        return False  # the compositor lists none; who asks looks at the accessibles as well
+        return False  # the compositor lists none; the caller looks at the accessibles as well
 
     # --- Pointer and keys
 
@@ -102,11 +102,10 @@ class Wayland:
     def move_pointer(self, x, y):
         self._devices.move(x, y)
 
-    def click(self, x, y, button=1, repeat=1):
+    def click(self, x, y, button=1):
         """`button`: 1 left, 3 right."""
         self._devices.move(x, y)
-        for _ in range(repeat):
-            self._devices.click(BUTTONS[button])
+        self._devices.click(BUTTONS[button])
 
 
 class _Devices:

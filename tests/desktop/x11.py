@@ -62,7 +62,7 @@ class X11:
         return int(values["X"]), int(values["Y"]), int(values["WIDTH"])
 
     def has_popup(self, program):
-        """Whether the screen shows a window of the program that the window manager does not manage: a menu."""
+        """True if the screen shows a window of the program that the window manager does not manage: a menu."""
         lines = [line.split() for line in self._run("xwininfo", "-root", "-children").lower().splitlines() if program in line.lower()]
         try:
             return any("IsViewable" in self._run("xwininfo", "-id", line[0]) for line in lines)
@@ -78,6 +78,6 @@ class X11:
     def move_pointer(self, x, y):
         self.xdotool("mousemove", x, y)
 
-    def click(self, x, y, button=1, repeat=1):
+    def click(self, x, y, button=1):
         """`button`: 1 left, 3 right."""
-        self.xdotool("mousemove", x, y, "click", "--repeat", repeat, "--delay", 20, button)
+        self.xdotool("mousemove", x, y, "click", button)

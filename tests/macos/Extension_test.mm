@@ -1,19 +1,21 @@
 // The extension as the Finder meets it: the principal class by the name in the bundle's property list, every callback
-// and action by its selector. The classes of the host are not included: what is misspelt there is missing here.
+// and action by its selector. The host's classes are not included, so that a misspelt name is missing here.
 #import <FinderSync/FinderSync.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <objc/runtime.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <regex>
 #include <thread>
 
 #include "Finder.hpp"
-#include "SyncApplication.hpp"
 #include "base/AppConst.hpp"
 #include "platform/Foundation.hpp"
 #include "support/Databases.hpp"
+#include "support/SyncApplication.hpp"
 #include "support/TemporaryFolder.hpp"
 
 @protocol VornetOperations
@@ -53,6 +55,23 @@ void onThreadOfTheFinder(Body body) {
   }).join();
 }
 
+/// Runs `body` a number of times, each in a separate autorelease pool, as the Finder runs its callbacks. Fails when
+/// objects are still left after half a minute.
+template <class Body>
+void expectNoObjectsLeftBy(int times, Body body) {
+  std::ptrdiff_t before = 0;
+  for (int i = -1; i < times; ++i) {  // the first run makes objects that are kept
+    @autoreleasepool {
+      body(i);
+    }
+    if (i < 0) before = standin::liveObjects();
+  }
+  const auto few = times / 2;
+  for (int i = 0; standin::liveObjects() - before >= few && i < 3000; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  EXPECT_LT(standin::liveObjects() - before, few);
+}
+
 NSDictionary* extensionKeys() {
   return [[NSBundle mainBundle] objectForInfoDictionaryKey:@"NSExtension"];
 }
@@ -71,7 +90,10 @@ class MacExtension : public testing::Test {
   ~MacExtension() override { standin::setSelection(std::nullopt); }
 
   fs::path root() const { return folder_.path() / "Kelvane"; }
-  fs::path container() const { return folder_.path() / "containers" / vornet::App().APP_GROUP; }
+  fs::path container() const {
+    NSDictionary* groups = [[NSBundle mainBundle] objectForInfoDictionaryKey:@"VornetApplicationGroups"];
+    return folder_.path() / "containers" / text([groups objectForKey:string(vornet::App().APP_GROUP)]);
+  }
 
   void configure() const { vornet::test::writePreferences(container() / vornet::App().KELVANE_PLIST, root()); }
 
@@ -81,7 +103,7 @@ class MacExtension : public testing::Test {
     return [[principal alloc] init];
   }
 
-  /// The principal object of an extension whose sync application has told it of its folder.
+  /// The principal object of a configured extension.
   id<FIFinderSync> makeConfigured() const {
     configure();
     return makePrincipalObject();
@@ -135,8 +157,8 @@ TEST_F(MacExtension, ThePrincipalClassAnswersEverySelectorItself) {
 TEST_F(MacExtension, ConstructionRegistersTheBadgesInOrderAndObservesTheSyncedFolder) {
   ASSERT_TRUE(makeConfigured());
   EXPECT_THAT(standin::events(),
-              ElementsAre("init", "badge SKIPPED 'Not synced' error", "badge PENDING 'Sync in progress' sync",
-                          "badge SYNCED 'Synced' checkmark", "directories"));
+              ElementsAre("init", "directories", "badge SKIPPED 'Not synced' error",
+                          "badge PENDING 'Sync in progress' sync", "badge SYNCED 'Synced' checkmark", "directories"));
   EXPECT_THAT(standin::observedFolders(), ElementsAre(root().string() + "/"));
   EXPECT_THAT(standin::askedApplications(), ElementsAre(vornet::App().APP_CODENAME));
   EXPECT_EQ(text([[NSBundle mainBundle] bundleIdentifier]), vornet::App().APP_CODENAME);
@@ -157,15 +179,36 @@ TEST_F(MacExtension, NoPrincipalObjectIsMadeWhenTheFrameworkGivesNone) {
 TEST_F(MacExtension, StaysIdleWithoutPreferences) {
   id<FIFinderSync> extension = makePrincipalObject();
   ASSERT_TRUE(extension);
+  EXPECT_THAT(standin::events(), testing::Contains("directories")) << "the framework wants a set, if an empty one";
   EXPECT_THAT(standin::observedFolders(), IsEmpty());
   EXPECT_FALSE([extension menuForMenuKind:FIMenuKindContextualMenuForItems]);
   EXPECT_EQ(logLines().back(),
             "[Info] [RESTPollingManager] setupLocalRoot: Skipping initialization, Kevlane not configured");
 }
 
-TEST_F(MacExtension, StopsWithoutAGroupContainer) {
+TEST_F(MacExtension, TakesCallbacksFromTheMomentThatAFolderIsObserved) {
+  standin::showFoldersAtOnce();
+  makeConfigured();
+  EXPECT_THAT(logLines(), testing::Contains("[Info] [FinderSync] beginObservingDirectoryAtURL: Directory enter: " +
+                                            root().string()));
+}
+
+// NSLog begins its lines with the program and the process.
+TEST_F(MacExtension, WritesToTheSystemLogWhyItStops) {
   standin::setGroupContainers(std::nullopt);
-  EXPECT_DEATH(makePrincipalObject(), "no group container");
+  EXPECT_DEATH(makePrincipalObject(), R"(VornetVIExt\[[0-9:]+\] Fatal error: no group container)");
+}
+
+TEST_F(MacExtension, WritesToTheSystemLogThatItsOwnCannotBeWritten) {
+  const auto startAndEnd = [] {
+    makePrincipalObject();
+    ::_exit(0);
+  };
+  fs::create_directories(container() / "log" / vornet::App().LOG_FILE);
+  EXPECT_EXIT(startAndEnd(), testing::ExitedWithCode(0),
+              R"(VornetVIExt\[[0-9:]+\] Attempt to open log file for writing failed: Optional\("Is a directory"\))");
+  standin::setGroupContainers("/proc/containers");
+  EXPECT_EXIT(startAndEnd(), testing::ExitedWithCode(0), R"(VornetVIExt\[[0-9:]+\] Error creating log dir: .)");
 }
 
 TEST_F(MacExtension, WritesItsStartToTheLogFile) {
@@ -188,8 +231,9 @@ TEST_F(MacExtension, ASecondObjectRegistersTheBadgesAgainAndStartsNothing) {
   makeConfigured();
   const auto lines = logLines();
   ASSERT_TRUE(makePrincipalObject());
-  EXPECT_THAT(standin::events(), testing::SizeIs(9));
-  EXPECT_EQ(standin::events()[6], "badge SKIPPED 'Not synced' error");
+  EXPECT_THAT(standin::events(), testing::SizeIs(10));
+  EXPECT_EQ(standin::events()[7], "badge SKIPPED 'Not synced' error");
+  EXPECT_THAT(standin::observedFolders(), ElementsAre(root().string() + "/"));
   EXPECT_EQ(logLines(), lines);
 }
 
@@ -199,20 +243,84 @@ TEST_F(MacExtension, AnswersBadgeRequestsFromTheSyncDatabase) {
     for (const char* name : {"synced", "strange", "failing", "none", "absent"})
       [extension requestBadgeIdentifierForURL:fileURL(root() / name)];
   });
-  // A status without a badge takes one away; an unknown status changes nothing.
+  // A status without a badge removes one; an unknown status changes nothing.
   EXPECT_THAT(standin::badges(), ElementsAre(Badge("SYNCED", root() / "synced"), Badge("SKIPPED", root() / "failing"),
                                              Badge("", root() / "none"), Badge("", root() / "absent")));
 }
 
+TEST_F(MacExtension, SetsABadgeOnTheObjectThatItWasAskedFor) {
+  id extension = makeConfigured();
+  // A folder's URL without a slash at its end, as one may be.
+  NSURL* item = [NSURL fileURLWithPath:string(root() / "Å b") isDirectory:NO];
+  [extension requestBadgeIdentifierForURL:item];
+  ASSERT_THAT(standin::badges(), testing::SizeIs(1));
+  EXPECT_EQ(standin::lastPush().url, item);
+  NSURL* same = [NSURL fileURLWithPath:string(root() / "Å b") isDirectory:NO];
+  [extension setFileSyncStatus:same status:1];
+  EXPECT_EQ(standin::lastPush().url, same);
+}
+
+TEST_F(MacExtension, KeepsNoObjectsOfTenThousandBadgesAndAHundredMenus) {
+  SyncApplication application;
+  application.setBody("mac_populate_menu", R"({"1":true})");
+  id extension = makeConfigured();
+  NSURL* item = fileURL(root() / "synced");
+  expectNoObjectsLeftBy(10'000, [&](int) {
+    [extension requestBadgeIdentifierForURL:item];
+    [extension setFileSyncStatus:item status:1];
+  });
+  select({"synced"});
+  expectNoObjectsLeftBy(100, [&](int) {
+    [extension menuForMenuKind:FIMenuKindContextualMenuForItems];
+    [extension toolbarItemImage];
+    [extension toolbarItemName];
+  });
+}
+
+TEST_F(MacExtension, KeepsNoObjectsOfAHundredPassesEachOfWhichHasAPool) {
+  SyncApplication application;
+  application.setBody("get_icons_for_folder", R"({"/Å b/1":1})");
+  id extension = makeConfigured();
+  [extension beginObservingDirectoryAtURL:fileURL(root() / "Å b")];
+  ASSERT_TRUE(application.waitForAnswer("get_icons_for_folder", R"({"dir_name":"/Å b/"})"));
+  const auto pass = [&](int number) {
+    const auto before = standin::badges().size();
+    application.setBody("get_icons_for_folder", number % 2 ? R"({"/Å b/1":1})" : R"({"/Å b/1":2})");
+    NSURL* another = fileURL(root() / ("folder " + std::to_string(number)));
+    [extension beginObservingDirectoryAtURL:fileURL(root() / "Å b")];  // stays among the last that were entered
+    [extension beginObservingDirectoryAtURL:another];                  // wakes the worker
+    EXPECT_TRUE(standin::waitForBadges(before + 1));
+    [extension endObservingDirectoryAtURL:another];
+  };
+  pass(0);
+  const auto poolsOfAPush = standin::lastPush().pools;
+  onThreadOfTheFinder([&] { [extension setFileSyncStatus:fileURL(root() / "synced") status:1]; });
+  EXPECT_EQ(poolsOfAPush, standin::lastPush().pools) << "the push's own, and one around it";
+
+  expectNoObjectsLeftBy(100, [&](int number) { pass(number + 2); });
+}
+
+TEST_F(MacExtension, TheWorkerPushesAfterTheFirstObjectIsReleased) {
+  SyncApplication application;
+  application.setBody("get_icons_for_folder", R"({"/Å b/1":1})");
+  id<FIFinderSync> first = makeConfigured();
+  id<FIFinderSync> second = makePrincipalObject();
+  [first beginObservingDirectoryAtURL:fileURL(root() / "Å b")];
+  ASSERT_TRUE(application.waitForAnswer("get_icons_for_folder", R"({"dir_name":"/Å b/"})"));
+  application.setBody("get_icons_for_folder", R"({"/Å b/1":2})");
+  [first release];
+  [second beginObservingDirectoryAtURL:fileURL(root())];  // wakes the worker
+  EXPECT_TRUE(standin::waitForBadge({"SYNCED", root() / "Å b/1"}));
+}
+
 TEST_F(MacExtension, AsksForTheStatusesOfAFolderOnScreenAndPushesWhatChanges) {
   SyncApplication application;
-  application.answer("get_icons_for_folder", R"({"/Å b/1":1,"/Å b/2":2})");
+  application.setBody("get_icons_for_folder", R"({"/Å b/1":1,"/Å b/2":2})");
   id<FIFinderSync> extension = makeConfigured();
   onThreadOfTheFinder([&] { [extension beginObservingDirectoryAtURL:fileURL(root() / "Å b")]; });
-  const SyncApplication::Request request{"get_icons_for_folder", R"({"dir_name":"/Å b/"})"};
-  ASSERT_TRUE(application.waitFor(request));
+  ASSERT_TRUE(application.waitForAnswer("get_icons_for_folder", R"({"dir_name":"/Å b/"})"));
 
-  application.answer("get_icons_for_folder", R"({"/Å b/1":2,"/Å b/2":7,"/Å b/3":0})");
+  application.setBody("get_icons_for_folder", R"({"/Å b/1":2,"/Å b/2":7,"/Å b/3":0})");
   [extension beginObservingDirectoryAtURL:fileURL(root())];  // wakes the worker for another pass
   EXPECT_TRUE(standin::waitForBadge({"SYNCED", root() / "Å b/1"}));
   EXPECT_TRUE(standin::waitForBadge({"", root() / "Å b/2"}));
@@ -225,10 +333,10 @@ TEST_F(MacExtension, AsksForTheStatusesOfAFolderOnScreenAndPushesWhatChanges) {
 
 TEST_F(MacExtension, StopsAskingForAFolderThatLeftTheScreen) {
   SyncApplication application;
-  application.answer("get_icons_for_folder", "{}");
+  application.setBody("get_icons_for_folder", "{}");
   id<FIFinderSync> extension = makeConfigured();
   [extension beginObservingDirectoryAtURL:fileURL(root() / "Å b")];
-  ASSERT_TRUE(application.waitFor({"get_icons_for_folder", R"({"dir_name":"/Å b/"})"}));
+  ASSERT_TRUE(application.waitForAnswer("get_icons_for_folder", R"({"dir_name":"/Å b/"})"));
   onThreadOfTheFinder([&] { [extension endObservingDirectoryAtURL:fileURL(root() / "Å b")]; });
 
   const auto askedForFolder = [&] {
@@ -236,10 +344,10 @@ TEST_F(MacExtension, StopsAskingForAFolderThatLeftTheScreen) {
     return std::count(bodies.begin(), bodies.end(), R"({"dir_name":"/Å b/"})");
   };
   [extension beginObservingDirectoryAtURL:fileURL(root())];
-  ASSERT_TRUE(application.waitFor({"get_icons_for_folder", R"({"dir_name":"/"})"}));
+  ASSERT_TRUE(application.waitForAnswer("get_icons_for_folder", R"({"dir_name":"/"})"));
   const auto before = askedForFolder();
   [extension beginObservingDirectoryAtURL:fileURL(root() / "c")];  // asked for after every longer path on screen
-  ASSERT_TRUE(application.waitFor({"get_icons_for_folder", R"({"dir_name":"/c/"})"}));
+  ASSERT_TRUE(application.waitForAnswer("get_icons_for_folder", R"({"dir_name":"/c/"})"));
   EXPECT_EQ(askedForFolder(), before);
 
   const auto lines = logLines();
@@ -251,7 +359,7 @@ TEST_F(MacExtension, StopsAskingForAFolderThatLeftTheScreen) {
 
 TEST_F(MacExtension, OffersTheMenuThatTheSyncApplicationEnables) {
   SyncApplication application;
-  application.answer("mac_populate_menu", R"({"1":true,"3":false,"5":true})");
+  application.setBody("mac_populate_menu", R"({"1":true,"3":false,"5":true})");
   id<FIFinderSync> extension = makeConfigured();
   select({"synced", "Å b", "vanished"});
   NSMenu* menu = [extension menuForMenuKind:FIMenuKindContextualMenuForItems];
@@ -277,13 +385,13 @@ TEST_F(MacExtension, OffersNoMenuForAnythingButSelectedItems) {
        {FIMenuKindContextualMenuForContainer, FIMenuKindContextualMenuForSidebar, FIMenuKindToolbarItemMenu}) {
     EXPECT_FALSE([extension menuForMenuKind:kind]) << kind;
   }
-  EXPECT_THAT(application.requests(), IsEmpty());
+  EXPECT_THAT(application.bodies("mac_populate_menu"), IsEmpty());
 }
 
 TEST_F(MacExtension, EveryActionOfTheMenuReachesTheSyncApplication) {
   SyncApplication application;
-  application.answer("mac_populate_menu", "{}");
-  application.answer("select_context_menu", "{}");
+  application.setBody("mac_populate_menu", "{}");
+  application.setBody("select_context_menu", "{}");
   id<FIFinderSync> extension = makeConfigured();
   select({"synced"});
   onThreadOfTheFinder([&] {
@@ -313,7 +421,7 @@ TEST_F(MacExtension, TakesStatusesAndFoldersByMessage) {
   EXPECT_THAT(standin::observedFolders(), IsEmpty());
 }
 
-TEST_F(MacExtension, StopsWhenToldToObserveWhatIsNoURL) {
+TEST_F(MacExtension, StopsWhenAskedToObserveAnObjectThatIsNoURL) {
   EXPECT_DEATH([(id)makeConfigured() enableVI:[NSSet setWithObject:@"/a"]], "an element that is not a URL");
 }
 
@@ -340,3 +448,12 @@ TEST_F(MacExtension, HasAToolbarItemThatIsEmpty) {
 }
 
 }  // namespace
+
+/// Ends at once: the extension's worker goes on to the last, as under the system, and nothing may be taken down before
+/// it.
+int main(int argc, char** argv) {
+  testing::InitGoogleMock(&argc, argv);
+  const int result = RUN_ALL_TESTS();
+  std::fflush(nullptr);
+  ::_exit(result);
+}

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <future>
 #include <set>
 #include <thread>
 
@@ -31,7 +32,7 @@ class MacPlatform : public testing::Test {
   const test::TemporaryFolder folder_;
 };
 
-TEST_F(MacPlatform, TellsUTF8FromOtherBytes) {
+TEST_F(MacPlatform, DistinguishesUTF8FromOtherBytes) {
   for (const char* good : {"", "a", "å", "\xF0\x9F\x98\x80", "a\nb"}) EXPECT_TRUE(isValidUTF8(good)) << good;
   for (const char* bad : {"\xC0\xAF", "\xED\xA0\x80", "\xF5\x80\x80\x80", "\xE2\x82", "\xFF", "\xF4\x90\x80\x80",
                           "\xE0\x80\x80", "ok\x80"}) {
@@ -40,7 +41,7 @@ TEST_F(MacPlatform, TellsUTF8FromOtherBytes) {
   EXPECT_TRUE(isValidUTF8({"a\0b", 3}));
 }
 
-TEST_F(MacPlatform, TellsFilesFromFolders) {
+TEST_F(MacPlatform, DistinguishesFilesFromFolders) {
   test::writeFile(folder_ / "file", "x");
   fs::create_symlink(folder_ / "file", folder_ / "link");
   fs::create_symlink(folder_ / "nothing", folder_ / "dangling");
@@ -145,12 +146,25 @@ TEST_F(MacPlatform, ReadsNoPropertyListFromAnythingElse) {
 TEST_F(MacPlatform, KeepsTheMillisecondsOfEveryDate) {
   const auto formatter = DateFormatter::make("en_US_POSIX", "ss.SSS");
   ASSERT_TRUE(formatter);
-  for (int part = 0; part < 1000; ++part) {
-    const Date date(std::chrono::milliseconds(1456837509000 + part) + std::chrono::microseconds(part));
-    char expected[8];
-    std::snprintf(expected, sizeof expected, "09.%03d", part);
-    EXPECT_EQ(formatter->stringFromDate(date), expected);
+  // Which fractions a floating-point number cannot hold differs from year to year.
+  for (const long seconds : {1456837509L, 31536009L, 4102444809L}) {
+    for (int part = 0; part < 1000; ++part) {
+      const Date date(std::chrono::milliseconds(1000 * seconds + part) + std::chrono::microseconds(part));
+      char expected[8];
+      std::snprintf(expected, sizeof expected, "09.%03d", part);
+      EXPECT_EQ(formatter->stringFromDate(date), expected) << seconds;
+    }
   }
+}
+
+TEST_F(MacPlatform, KeepsNoFormatterAndNoLocale) {
+  DateFormatter::make("en_US_POSIX", "SSS");                                      // makes objects that are kept
+  NSLocale* locale = [[NSLocale alloc] initWithLocaleIdentifier:@"en_US_POSIX"];  // GNUstep has one of a kind
+  const auto owners = [locale retainCount];
+  const auto before = standin::liveObjects();
+  for (int i = 0; i < 100; ++i) DateFormatter::make("en_US_POSIX", "SSS");
+  EXPECT_LT(standin::liveObjects() - before, 50);
+  EXPECT_EQ([locale retainCount], owners);
 }
 
 TEST_F(MacPlatform, WritesDatesInTheDigitsOfTheLocale) {
@@ -206,15 +220,28 @@ TEST_F(MacPlatform, TheControllerKeepsWhatItIsGiven) {
   EXPECT_THAT(standin::badges(), testing::IsEmpty());
 }
 
+TEST_F(MacPlatform, SettingABadgeLeavesNothingToTheCallersPool) {
+  auto& controller = FIFinderSyncController::defaultController();
+  const auto url = FileURL::fileURLWithPath(folder_.path().string());
+  controller.setBadgeIdentifier("SYNCED", url);
+  const auto before = standin::liveObjects();
+  for (int i = 0; i < 100; ++i) controller.setBadgeIdentifier("SYNCED", url);
+  EXPECT_LT(standin::liveObjects() - before, 50);
+}
+
 TEST_F(MacPlatform, GivesEachGroupItsContainer) {
   standin::setGroupContainers(folder_.path().string());
+  NSDictionary* names = [[NSBundle mainBundle] objectForInfoDictionaryKey:@"VornetApplicationGroups"];
+  ASSERT_EQ([names count], 1U);
+  NSString* group = [[names allKeys] objectAtIndex:0];
+  EXPECT_EQ(containerURLForGroup(*cocoa::text(group))->path(), folder_ / *cocoa::text([names objectForKey:group]));
   EXPECT_EQ(containerURLForGroup("a.group")->path(), folder_ / "a.group");
   EXPECT_EQ(containerURLForGroup(""), std::nullopt);
   standin::setGroupContainers(std::nullopt);
   EXPECT_EQ(containerURLForGroup("a.group"), std::nullopt);
 }
 
-TEST_F(MacPlatform, ABackgroundTaskIsWaitedForAsOftenAsWanted) {
+TEST_F(MacPlatform, ABackgroundTaskMayBeWaitedForRepeatedly) {
   std::atomic<bool> ran = false;
   auto task = BackgroundTask::start([&ran] { ran = true; });
   task.wait();
@@ -249,6 +276,30 @@ TEST_F(MacPlatform, ASerialQueueRunsItsTasksInOrderAndAllOfThem) {
   EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
 }
 
+TEST_F(MacPlatform, KeepsNoQueueAndNoGroup) {
+  BackgroundTask::start([] {}).wait();  // the system's own queue stays
+  const auto before = standin::liveDispatchObjects();
+  {
+    SerialQueue queue("short-lived");
+    auto task = BackgroundTask::start([] {});
+    task.wait();
+    EXPECT_EQ(standin::liveDispatchObjects(), before + 2);
+  }
+  EXPECT_EQ(standin::liveDispatchObjects(), before);
+}
+
+TEST_F(MacPlatform, ASerialQueueTakesTasksWhileOneOfThemWaits) {
+  std::promise<void> let;
+  SerialQueue queue("busy");
+  queue.async([&let] { let.get_future().wait_for(std::chrono::seconds(30)); });
+  bool ran = false;
+  queue.async([&ran] { ran = true; });
+  EXPECT_FALSE(ran);
+  let.set_value();
+  queue.drain();
+  EXPECT_TRUE(ran);
+}
+
 TEST_F(MacPlatform, DrainingASerialQueueMayBeGivenUp) {
   std::atomic<bool> let = false;
   SerialQueue queue("stuck");
@@ -271,7 +322,7 @@ TEST_F(MacPlatform, SpeaksToTheSystemLogAndStopsWithAReason) {
         exitProcess(3);
       },
       testing::ExitedWithCode(3), "Å said");
-  EXPECT_DEATH(fatalError("a reason"), "a reason");
+  EXPECT_DEATH(fatalError("a reason"), R"(VornetVIExt\[[0-9:]+\] Fatal error: a reason)");
 }
 
 }  // namespace

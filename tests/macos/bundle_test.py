@@ -1,12 +1,14 @@
-"""The bundles as CMake lays them out, their property lists and entitlements, and the rules for the Objective-C++ sources.
+"""The bundles as CMake lays them out, their property lists and entitlements, their properties for the generators, and the
+rules for the sources.
 
-Usage: bundle_test.py SOURCE BUILD [unittest arguments]; BUILD was built with MacLayout.cmake.
+Usage: bundle_test.py SOURCE BUILD [unittest arguments]; BUILD was built with MacLayout.cmake, and BUILD-xcode configured.
 """
 
 import pathlib
 import plistlib
 import re
 import struct
+import subprocess
 import sys
 import unittest
 
@@ -29,10 +31,15 @@ def constant(name):
 
 
 def version():
-    """The version and the build number that the build is told."""
-    text = (SOURCE / "CMakeLists.txt").read_text()
-    number = re.search(r"project\(VornetVI VERSION ([\d.]+)", text).group(1)
-    return number, re.search(r"VORNET_BUILD_NUMBER (\d+)", text).group(1)
+    """The version and the build number of the build."""
+    number = re.search(r"\(([\d.]+)", (SOURCE / "debian/changelog").read_text()).group(1)
+    return number, re.search(r"VORNET_BUILD_NUMBER (\d+)", (SOURCE / "CMakeLists.txt").read_text()).group(1)
+
+
+def bundle_properties(build):
+    """What BundleProperties.cmake wrote down: target and property -> value."""
+    lines = (build / "bundle-properties").read_text().splitlines()
+    return {tuple(line.split(" ", 2)[:2]): line.split(" ", 2)[2] for line in lines}
 
 
 def files_below(folder):
@@ -66,7 +73,7 @@ class Layout(unittest.TestCase):
         self.assertRegex(link, r"-e\W+(-Xlinker )?_NSExtensionMain")
         for framework in ("Foundation", "AppKit", "FinderSync"):
             self.assertIn(f"-framework {framework}", link)
-        self.assertRegex(link, r"libboost_json\.a")
+        self.assertRegex(link, r"libvornet_boost_json\.a")
         self.assertNotIn("_NSExtensionMain", (APPLICATION / "Contents/MacOS/Kelvane").read_text())
 
     def test_the_extension_is_signed_with_its_entitlements_and_before_the_application(self):
@@ -75,6 +82,86 @@ class Layout(unittest.TestCase):
         self.assertRegex(extension, r"^--force --sign - --entitlements \S+/VornetVIExt\.entitlements ")
         self.assertRegex(application, r"^--force --sign - \S+/Kelvane\.app\n")
         self.assertIn("./Contents/PlugIns/VornetVIExt.appex/Contents/_CodeSignature/CodeResources", application)
+
+
+class Generators(unittest.TestCase):
+    XCODE = BUILD.with_name(BUILD.name + "-xcode")
+
+    def test_the_extension_is_compiled_and_linked_as_one(self):
+        for build in (BUILD, self.XCODE):
+            properties = bundle_properties(build)
+            self.assertEqual(properties["VornetVIExt", "COMPILE_OPTIONS"], "-fapplication-extension")
+            self.assertEqual(
+                properties["VornetVIExt", "LINK_OPTIONS"], "-fapplication-extension;LINKER:-e,_NSExtensionMain"
+            )
+            self.assertEqual(properties["VornetVIExt", "BUNDLE_EXTENSION"], "appex")
+        for compilation in re.split("(?m)^build ", (BUILD / "build.ninja").read_text()):
+            if re.match(r"\S+vornet_platform\S+\.o:", compilation):
+                self.assertIn("-fapplication-extension", compilation)
+
+    def test_xcode_gets_what_it_builds_how_it_signs_it_and_where_it_belongs(self):
+        properties = bundle_properties(self.XCODE)
+        extension = {name: value for (target, name), value in properties.items() if target == "VornetVIExt"}
+        application = {name: value for (target, name), value in properties.items() if target == "Kelvane"}
+        for name in ("COMPILE_OPTIONS", "LINK_OPTIONS", "BUNDLE_EXTENSION"):
+            del extension[name]
+        self.assertEqual(
+            extension,
+            {
+                "XCODE_PRODUCT_TYPE": "com.apple.product-type.app-extension",
+                "XCODE_EXPLICIT_FILE_TYPE": "wrapper.app-extension",
+                "XCODE_ATTRIBUTE_APPLICATION_EXTENSION_API_ONLY": "YES",
+                "XCODE_ATTRIBUTE_SKIP_INSTALL": "YES",
+                "XCODE_ATTRIBUTE_PRODUCT_BUNDLE_IDENTIFIER": constant("APP_CODENAME"),
+                "XCODE_ATTRIBUTE_CODE_SIGN_ENTITLEMENTS": f"{self.XCODE}/macos/bundle/VornetVIExt.entitlements",
+                "XCODE_ATTRIBUTE_CODE_SIGN_IDENTITY": "-",
+            },
+        )
+        self.assertEqual(
+            application,
+            {
+                "MANUALLY_ADDED_DEPENDENCIES": "VornetVIExt",
+                "XCODE_EMBED_APP_EXTENSIONS": "VornetVIExt",
+                "XCODE_EMBED_APP_EXTENSIONS_CODE_SIGN_ON_COPY": "NO",
+                "XCODE_ATTRIBUTE_PRODUCT_BUNDLE_IDENTIFIER": constant("APP_GROUP"),
+                "XCODE_ATTRIBUTE_CODE_SIGN_IDENTITY": "-",
+            },
+        )
+
+    def test_what_is_signed_is_signed_again_when_any_of_it_changes(self):
+        query = subprocess.run(
+            ["ninja", "-C", BUILD, "-t", "query", "macos/signed"], capture_output=True, text=True, check=True
+        )
+        inputs = {line.strip(" |").rsplit("/", 1)[-1] for line in query.stdout.split("outputs:")[0].splitlines()}
+        wanted = {"VornetVIExt", "Kelvane", "VornetVIExt.entitlements", "VornetVIExt-Info.plist", "Kelvane-Info.plist"}
+        wanted |= {path.name for path in (EXTENSION / "Contents/Resources").iterdir()}
+        self.assertGreaterEqual(inputs, wanted)
+
+
+class Group(unittest.TestCase):
+    def configure(self, group):
+        script = SOURCE / "cmake/VornetMacGroup.cmake"
+        return subprocess.run(
+            ["cmake", f"-DVORNET_MACOS_APPLICATION_GROUP={group}", "-P", script], capture_output=True, text=True
+        )
+
+    def test_an_invalid_name_is_refused(self):
+        for name in ("", "Kelvane", "com..vornet", ".com.vornet", "com.vornet.", "com/vornet", "com.vornet sync", "å.b"):
+            result = self.configure(name)
+            self.assertNotEqual(result.returncode, 0, name)
+            self.assertIn(f'VORNET_MACOS_APPLICATION_GROUP is "{name}"', result.stderr)
+
+    def test_a_name_that_macos_asks_about_is_pointed_out(self):
+        for name, pointed_out in (
+            ("com.vornet.KelvaneSync", True),
+            ("abcde12345.com.vornet.KelvaneSync", True),
+            ("groups.com.vornet.KelvaneSync", True),
+            ("group.com.vornet.KelvaneSync", False),
+            ("ABCDE12345.com.vornet.KelvaneSync", False),
+        ):
+            result = self.configure(name)
+            self.assertEqual(result.returncode, 0, result.stderr)
+            self.assertEqual("begins neither" in result.stdout, pointed_out, name)
 
 
 class PropertyLists(unittest.TestCase):
@@ -92,7 +179,7 @@ class PropertyLists(unittest.TestCase):
                 "CFBundleShortVersionString": version()[0],
                 "CFBundleSupportedPlatforms": ["MacOSX"],
                 "CFBundleVersion": version()[1],
-                "LSMinimumSystemVersion": "11.0",
+                "LSMinimumSystemVersion": "12.0",
                 "LSUIElement": True,
                 "NSAppTransportSecurity": {"NSAllowsLocalNetworking": True},
                 "NSExtension": {
@@ -101,6 +188,7 @@ class PropertyLists(unittest.TestCase):
                     "NSExtensionPrincipalClass": "FinderSync",
                 },
                 "NSPrincipalClass": "NSApplication",
+                "VornetApplicationGroups": {constant("APP_GROUP"): constant("APP_GROUP")},
             },
         )
 
@@ -117,7 +205,7 @@ class PropertyLists(unittest.TestCase):
                 "CFBundleShortVersionString": version()[0],
                 "CFBundleSupportedPlatforms": ["MacOSX"],
                 "CFBundleVersion": version()[1],
-                "LSMinimumSystemVersion": "11.0",
+                "LSMinimumSystemVersion": "12.0",
                 "NSPrincipalClass": "NSApplication",
             },
         )
@@ -163,6 +251,11 @@ class Sources(unittest.TestCase):
         for path in [*(SOURCE / "src").rglob("*.[ch]pp"), *(SOURCE / "macos").glob("*.*")]:
             if SOURCE / "src/platform" not in path.parents:
                 self.assertNotRegex(path.read_text(), r"(?m)^\s*#\s*(if|ifdef|ifndef|elif)\b(?! LIBCURL_VERSION_NUM\b)", path)
+
+    def test_no_source_uses_what_the_oldest_macos_lacks(self):
+        for path in [*(SOURCE / "src").rglob("*.[ch]pp"), *MAC_SOURCES]:
+            if "linux" not in path.parts and not path.name.endswith("_test.cpp"):
+                self.assertNotRegex(path.read_text(), r"std::pmr\b|<memory_resource>", path)
 
     def test_objects_are_autoreleased_through_the_one_macro(self):
         for path in MAC_SOURCES:

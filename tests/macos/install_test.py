@@ -13,6 +13,7 @@ import unittest
 
 SOURCE = pathlib.Path(sys.argv.pop(1))
 BUILD = pathlib.Path(sys.argv.pop(1))
+IDENTIFIER = "com.vornet.KelvaneSync.FinderBadgeExtension"
 PLUGIN = "Contents/PlugIns/VornetVIExt.appex"
 
 
@@ -26,9 +27,13 @@ class Install(unittest.TestCase):
         shutil.copytree(BUILD / "Kelvane.app", self.build / "Kelvane.app")
         shutil.copytree(BUILD / "macos/bundle", self.build / "macos/bundle")
         self.installed = self.folder / "Applications/Kelvane.app"
+        self.plugins = self.folder / "plugins"  # what pluginkit lists
+        self.plugins.touch()
+        self.running = self.folder / "running"  # there while the extension is
 
     def install(self, *arguments):
         environment = dict(os.environ, HOME=str(self.folder), VORNET_CALLS=str(self.folder / "calls"))
+        environment.update(VORNET_PLUGINS=str(self.plugins), VORNET_RUNNING=str(self.running))
         environment["PATH"] = f"{SOURCE / 'tests/macos/commands'}:{environment['PATH']}"
         return subprocess.run(
             [SOURCE / "script/macos-install", *arguments], env=environment, capture_output=True, text=True, timeout=60
@@ -49,20 +54,43 @@ class Install(unittest.TestCase):
                 f"codesign --force --sign Me --entitlements {entitlements} {application / PLUGIN}",
                 f"codesign --force --sign Me {application}",
                 f"codesign --verify --deep --strict {application}",
+                f"pluginkit -m -A -D -v -i {IDENTIFIER}",
+                "killall VornetVIExt",
+                "pgrep -x VornetVIExt",
                 f"ditto {application} {self.installed}",
                 f"pluginkit -a {self.installed / PLUGIN}",
-                "pluginkit -e use -i com.vornet.KelvaneSync.FinderBadgeExtension",
+                f"pluginkit -e use -i {IDENTIFIER}",
                 "killall Finder",
             ],
         )
         self.assertTrue((self.installed / PLUGIN / "Contents/Info.plist").is_file())
 
-    def test_replaces_an_earlier_installation(self):
+    def test_replaces_an_earlier_installation_wherever_it_is_and_may_be_repeated(self):
         (self.installed / PLUGIN).mkdir(parents=True)
         (self.installed / "old").touch()
+        registered = [self.installed / PLUGIN, self.folder / "another place/Kelvane.app" / PLUGIN]
+        self.plugins.write_text(
+            "".join(f"+    {IDENTIFIER}(1.0.0)\tE1C5\t2026-11-22 08:00:00 +0000\t{path}\n" for path in registered)
+            + " (2 plug-ins)\n"
+        )
+        self.running.touch()
         self.assertEqual(self.install(str(self.build)).returncode, 0)
         self.assertFalse((self.installed / "old").exists())
         self.assertTrue((self.installed / "Contents/Info.plist").is_file())
+        calls = self.calls()
+        steps = [*(f"pluginkit -r {path}" for path in registered), "killall VornetVIExt", "pgrep -x VornetVIExt"]
+        first = calls.index(steps[0])
+        self.assertEqual(calls[first : first + 4], steps)
+        self.assertTrue(calls[first + 4].startswith("ditto "))
+        self.assertEqual(self.install(str(self.build)).returncode, 0)
+
+    def test_waits_for_the_extension_to_end(self):
+        self.running.mkdir()  # what the stand-in cannot remove
+        result = self.install(str(self.build))
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("VornetVIExt is still running", result.stderr)
+        self.assertGreater(self.calls().count("pgrep -x VornetVIExt"), 1)
+        self.assertFalse(self.installed.exists())
 
     def test_leaves_another_application_of_the_name_alone(self):
         self.installed.mkdir(parents=True)

@@ -12,7 +12,7 @@ class BinaryList {
  public:
   static constexpr int REFERENCE_BYTES = 4;
 
-  /// Adds an object as it stands in the file; its index.
+  /// Adds an object with its bytes in the file; its index.
   std::size_t add(std::string bytes) {
     objects_.push_back(std::move(bytes));
     return objects_.size() - 1;
@@ -41,7 +41,7 @@ class BinaryList {
     return out;
   }
 
-  /// The file. `count`, `top` and `table`: instead of what is true.
+  /// The file. `count`, `top` and `table` override the true values.
   struct Trailer {
     int offsetSize = 4;
     int referenceSize = REFERENCE_BYTES;

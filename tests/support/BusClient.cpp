@@ -1,29 +1,25 @@
 #include "support/BusClient.hpp"
 
+#include <algorithm>
 #include <chrono>
 #include <stdexcept>
 
 #include "dbus/Interface.hpp"
+#include "support/Threads.hpp"
 
 namespace vornet::test {
 namespace {
 
-constexpr std::chrono::seconds PATIENCE{30};
 constexpr int CALL_TIMEOUT_MS = 30'000;
 
-std::shared_ptr<GVariant> owned(GVariant* value) {
-  return value ? std::shared_ptr<GVariant>(value, &g_variant_unref) : nullptr;
-}
-
-BusReply replyOf(GVariant* value, GError* failure) {
-  BusReply reply{"", owned(value)};
+BusReply replyOf(GVariantPtr value, const GErrorPtr& failure) {
+  BusReply reply{"", std::move(value)};
   if (failure) {
-    gchar* text = g_dbus_error_get_remote_error(failure);
-    if (!text) text = g_strdup(failure->message);  // a copy: another thread, which the sanitizer cannot see, made it
-    reply.error = text;
-    g_free(text);
+    const GCharPtr name(g_dbus_error_get_remote_error(failure.get()));
+    // A copy: another thread, which the sanitizer cannot see, made the message.
+    const GCharPtr message(g_strdup(failure->message));
+    reply.error = name ? name.get() : message.get();
     reply.error.erase(0, reply.error.rfind('.') + 1);
-    g_error_free(failure);
   }
   return reply;
 }
@@ -32,12 +28,38 @@ using Done = std::function<void(BusReply)>;
 
 void finished(GObject* connection, GAsyncResult* result, gpointer data) {
   const std::unique_ptr<Done> done(static_cast<Done*>(data));
-  GError* failure = nullptr;
-  GVariant* value = g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, &failure);
-  (*done)(replyOf(value, failure));
+  GErrorPtr failure;
+  GVariantPtr value(g_dbus_connection_call_finish(G_DBUS_CONNECTION(connection), result, ErrorTo(failure)));
+  (*done)(replyOf(std::move(value), failure));
 }
 
 }  // namespace
+
+GObjectPtr<GDBusConnection> connectToBus(const std::string& address) {
+  constexpr auto FLAGS = static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                                           G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION);
+  GErrorPtr failure;
+  GObjectPtr<GDBusConnection> connection(
+      g_dbus_connection_new_for_address_sync(address.c_str(), FLAGS, nullptr, nullptr, ErrorTo(failure)));
+  if (!connection) throw std::runtime_error(replyOf(nullptr, failure).error);
+  return connection;
+}
+
+GVariant* textList(const std::vector<std::string>& texts) {
+  GVariantBuilder builder;
+  g_variant_builder_init(&builder, G_VARIANT_TYPE_STRING_ARRAY);
+  for (const auto& text : texts) g_variant_builder_add(&builder, "s", text.c_str());
+  return g_variant_builder_end(&builder);
+}
+
+std::string bytesOf(const GObjectPtr<GDBusMessage>& message) {
+  gsize size = 0;
+  GErrorPtr error;
+  const GCharPtr bytes(reinterpret_cast<gchar*>(
+      g_dbus_message_to_blob(message.get(), &size, G_DBUS_CAPABILITY_FLAGS_NONE, ErrorTo(error))));
+  if (!bytes) throw std::runtime_error(replyOf(nullptr, error).error);
+  return {bytes.get(), size};
+}
 
 std::vector<std::string> BusReply::texts() const {
   std::vector<std::string> result;
@@ -49,15 +71,24 @@ std::vector<std::string> BusReply::texts() const {
   return result;
 }
 
+std::vector<MenuEntry> BusReply::entries() const {
+  std::vector<MenuEntry> result;
+  if (!value) return result;
+  GVariantIter* iterator = nullptr;
+  g_variant_get(value.get(), "(a(ssbs))", &iterator);
+  const gchar* title = nullptr;
+  const gchar* action = nullptr;
+  gboolean enabled = FALSE;
+  const gchar* image = nullptr;
+  while (g_variant_iter_next(iterator, "(&s&sb&s)", &title, &action, &enabled, &image))
+    result.push_back({title, action, enabled != FALSE, image});
+  g_variant_iter_free(iterator);
+  return result;
+}
+
 BusClient::BusClient(const std::string& address) : context_(g_main_context_new()) {
-  g_main_context_push_thread_default(context_);
-  GError* failure = nullptr;
-  connection_ = g_dbus_connection_new_for_address_sync(
-      address.c_str(),
-      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-      nullptr, nullptr, &failure);
-  if (!connection_) throw std::runtime_error(replyOf(nullptr, failure).error);
+  g_main_context_push_thread_default(context_.get());
+  connection_ = connectToBus(address);
   const auto changed = +[](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
                            GVariant* arguments, gpointer data) {
     auto& client = *static_cast<BusClient*>(data);
@@ -69,43 +100,76 @@ BusClient::BusClient(const std::string& address) : context_(g_main_context_new()
     while (g_variant_iter_next(iterator, "(&s&s)", &item, &identifier)) client.changes_[item] = identifier;
     g_variant_iter_free(iterator);
   };
-  g_dbus_connection_signal_subscribe(connection_, nullptr, dbus::INTERFACE, "BadgesChanged", dbus::OBJECT_PATH, nullptr,
-                                     G_DBUS_SIGNAL_FLAGS_NONE, changed, this, nullptr);
-  g_main_context_pop_thread_default(context_);
+  g_dbus_connection_signal_subscribe(connection_.get(), nullptr, dbus::INTERFACE, "BadgesChanged", dbus::OBJECT_PATH,
+                                     nullptr, G_DBUS_SIGNAL_FLAGS_NONE, changed, this, nullptr);
+  const auto folder = +[](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* values,
+                          gpointer data) { static_cast<BusClient*>(data)->takeFolder(values); };
+  g_dbus_connection_signal_subscribe(connection_.get(), nullptr, dbus::INTERFACE, "FolderBadges", dbus::OBJECT_PATH,
+                                     nullptr, G_DBUS_SIGNAL_FLAGS_NONE, folder, this, nullptr);
+  g_main_context_pop_thread_default(context_.get());
+}
+
+void BusClient::takeFolder(GVariant* values) {
+  static const std::vector<std::string> identifiers = {"", "SKIPPED", "PENDING", "SYNCED"};  // as they are registered
+  guint64 number = 0;
+  guchar flags = 0;
+  const gchar* names = nullptr;
+  g_variant_get(values, "(ty&s@ay)", &number, &flags, &names, nullptr);
+  const GVariantPtr list = childOf(values, 3);
+  gsize count = 0;
+  const auto* badges = static_cast<const guchar*>(g_variant_get_fixed_array(list.get(), &count, 1));
+  Stream& stream = streams_[number];
+  stream.messages.push_back(count);
+  stream.last = ++folderMessages_;
+  if (flags & dbus::NO_SNAPSHOT) stream.isRefused = true;
+  if (flags & dbus::SNAPSHOT_BEGINS) stream.badges.clear();
+  if (flags & dbus::SNAPSHOT_BEGINS) stream.isOpen = true;
+  std::string_view rest = names;
+  for (gsize i = 0; i < count; ++i) {
+    const std::string name(rest.substr(0, rest.find('/')));
+    rest.remove_prefix(std::min(name.size() + 1, rest.size()));
+    const auto& identifier = identifiers.at(badges[i]);
+    stream.history.emplace_back(name, identifier);
+    if (identifier.empty())
+      stream.badges.erase(name);
+    else
+      stream.badges[name] = identifier;
+  }
+  if (flags & dbus::SNAPSHOT_ENDS) ++stream.snapshots;
+  if (flags & dbus::SNAPSHOT_ENDS) stream.isOpen = false;
 }
 
 BusClient::~BusClient() {
   disconnect();
-  g_main_context_unref(context_);
 }
 
 void BusClient::disconnect() {
   if (!connection_) return;
-  g_dbus_connection_close_sync(connection_, nullptr, nullptr);
-  while (g_main_context_iteration(context_, FALSE)) continue;
-  g_object_unref(connection_);
-  connection_ = nullptr;
+  g_dbus_connection_close_sync(connection_.get(), nullptr, nullptr);
+  while (g_main_context_iteration(context_.get(), FALSE)) continue;
+  connection_.reset();
 }
 
 GVariant* BusClient::urlArguments(const std::vector<std::string>& urls) {
-  GVariantBuilder builder;
-  g_variant_builder_init(&builder, G_VARIANT_TYPE("as"));
-  for (const auto& url : urls) g_variant_builder_add(&builder, "s", url.c_str());
-  return g_variant_new("(as)", &builder);
+  return g_variant_new("(@as)", textList(urls));
+}
+
+GVariant* BusClient::actionArguments(const std::string& action, const std::vector<std::string>& urls) {
+  return g_variant_new("(s@as)", action.c_str(), textList(urls));
 }
 
 void BusClient::call(const std::string& method, GVariant* arguments, Done done) {
-  g_main_context_push_thread_default(context_);
-  g_dbus_connection_call(connection_, dbus::BUS_NAME, dbus::OBJECT_PATH, dbus::INTERFACE, method.c_str(), arguments,
-                         nullptr, G_DBUS_CALL_FLAGS_NONE, CALL_TIMEOUT_MS, nullptr, &finished,
+  g_main_context_push_thread_default(context_.get());
+  g_dbus_connection_call(connection_.get(), dbus::BUS_NAME, dbus::OBJECT_PATH, dbus::INTERFACE, method.c_str(),
+                         arguments, nullptr, G_DBUS_CALL_FLAGS_NONE, CALL_TIMEOUT_MS, nullptr, &finished,
                          new Done(std::move(done)));
-  g_main_context_pop_thread_default(context_);
+  g_main_context_pop_thread_default(context_.get());
 }
 
 BusReply BusClient::callAndWait(const std::string& method, GVariant* arguments) {
   std::shared_ptr<BusReply> reply;
   call(method, arguments, [&reply](BusReply given) { reply = std::make_shared<BusReply>(std::move(given)); });
-  while (!reply) g_main_context_iteration(context_, TRUE);
+  while (!reply) g_main_context_iteration(context_.get(), TRUE);
   return *reply;
 }
 
@@ -117,91 +181,73 @@ BusReply BusClient::endObserving(const std::string& url) {
   return callAndWait("EndObserving", g_variant_new("(s)", url.c_str()));
 }
 
+BusReply BusClient::requestSnapshot(const std::string& url, guint64 stream) {
+  return callAndWait("RequestSnapshot", g_variant_new("(st)", url.c_str(), stream));
+}
+
 BusReply BusClient::requestBadges(const std::vector<std::string>& urls) {
   return callAndWait("RequestBadges", urlArguments(urls));
 }
 
 BusReply BusClient::performAction(const std::string& action, const std::vector<std::string>& urls) {
-  GVariantBuilder builder;
-  g_variant_builder_init(&builder, G_VARIANT_TYPE("as"));
-  for (const auto& url : urls) g_variant_builder_add(&builder, "s", url.c_str());
-  return callAndWait("PerformAction", g_variant_new("(sas)", action.c_str(), &builder));
+  return callAndWait("PerformAction", actionArguments(action, urls));
 }
 
 BusReply BusClient::menu(const std::vector<std::string>& urls, std::vector<MenuEntry>& entries) {
   auto reply = callAndWait("GetMenu", urlArguments(urls));
-  entries.clear();
-  if (!reply.value) return reply;
-  GVariantIter* iterator = nullptr;
-  g_variant_get(reply.value.get(), "(a(ssbs))", &iterator);
-  const gchar* title = nullptr;
-  const gchar* action = nullptr;
-  gboolean enabled = FALSE;
-  const gchar* image = nullptr;
-  while (g_variant_iter_next(iterator, "(&s&sb&s)", &title, &action, &enabled, &image))
-    entries.push_back({title, action, enabled != FALSE, image});
-  g_variant_iter_free(iterator);
+  entries = reply.entries();
   return reply;
 }
 
 std::string BusClient::property(const std::string& name) {
-  GVariant* value =
-      g_dbus_connection_call_sync(connection_, dbus::BUS_NAME, dbus::OBJECT_PATH, "org.freedesktop.DBus.Properties",
-                                  "Get", g_variant_new("(ss)", dbus::INTERFACE, name.c_str()), nullptr,
-                                  G_DBUS_CALL_FLAGS_NONE, CALL_TIMEOUT_MS, nullptr, nullptr);
-  if (!value) return "";
-  const auto holder = owned(value);
-  GVariant* inner = nullptr;
-  g_variant_get(value, "(v)", &inner);
-  const auto innerHolder = owned(inner);
-  gchar* text = g_variant_print(inner, FALSE);
-  std::string result(text);
-  g_free(text);
-  return result;
+  const GVariantPtr values(g_dbus_connection_call_sync(
+      connection_.get(), dbus::BUS_NAME, dbus::OBJECT_PATH, "org.freedesktop.DBus.Properties", "Get",
+      g_variant_new("(ss)", dbus::INTERFACE, name.c_str()), G_VARIANT_TYPE("(v)"), G_DBUS_CALL_FLAGS_NONE,
+      CALL_TIMEOUT_MS, nullptr, nullptr));
+  if (!values) return "";
+  const GVariantPtr value(g_variant_get_variant(childOf(values.get(), 0).get()));
+  return GCharPtr(g_variant_print(value.get(), FALSE)).get();
 }
 
 int BusClient::extensionProcess() {
-  GVariant* value =
-      g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                                  "GetConnectionUnixProcessID", g_variant_new("(s)", dbus::BUS_NAME), nullptr,
-                                  G_DBUS_CALL_FLAGS_NONE, CALL_TIMEOUT_MS, nullptr, nullptr);
-  if (!value) return 0;
   guint32 process = 0;
-  g_variant_get(value, "(u)", &process);
-  g_variant_unref(value);
+  if (const auto values = askBusAboutExtension("org.freedesktop.DBus", "GetConnectionUnixProcessID"))
+    g_variant_get(values.get(), "(u)", &process);
   return static_cast<int>(process);
 }
 
 std::optional<unsigned> BusClient::extensionsMatchRules() {
-  const auto stats = owned(g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus",
-                                                       "org.freedesktop.DBus.Debug.Stats", "GetConnectionStats",
-                                                       g_variant_new("(s)", dbus::BUS_NAME), nullptr,
-                                                       G_DBUS_CALL_FLAGS_NONE, CALL_TIMEOUT_MS, nullptr, nullptr));
+  const auto stats = askBusAboutExtension("org.freedesktop.DBus.Debug.Stats", "GetConnectionStats");
   if (!stats) return std::nullopt;
-  const auto values = owned(g_variant_get_child_value(stats.get(), 0));
+  const GVariantPtr values = childOf(stats.get(), 0);
   guint32 count = 0;
   if (!g_variant_lookup(values.get(), "MatchRules", "u", &count)) return std::nullopt;
   return count;
 }
 
+GVariantPtr BusClient::askBusAboutExtension(const char* interface, const char* method) {
+  return GVariantPtr(g_dbus_connection_call_sync(connection_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                 interface, method, g_variant_new("(s)", dbus::BUS_NAME), nullptr,
+                                                 G_DBUS_CALL_FLAGS_NONE, CALL_TIMEOUT_MS, nullptr, nullptr));
+}
+
 void BusClient::forgetChanges() {
-  while (g_main_context_iteration(context_, FALSE)) continue;
+  while (g_main_context_iteration(context_.get(), FALSE)) continue;
   changes_.clear();
   signals_ = 0;
 }
 
 bool BusClient::waitUntil(const std::function<bool()>& condition) {
   const auto until = std::chrono::steady_clock::now() + PATIENCE;
-  GSource* tick = g_timeout_source_new(10);
-  g_source_set_callback(tick, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
-  g_source_attach(tick, context_);
+  const GSourcePtr tick(g_timeout_source_new(10));
+  g_source_set_callback(tick.get(), [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
+  g_source_attach(tick.get(), context_.get());
   bool holds = condition();
   while (!holds && std::chrono::steady_clock::now() < until) {
-    g_main_context_iteration(context_, TRUE);
+    g_main_context_iteration(context_.get(), TRUE);
     holds = condition();
   }
-  g_source_destroy(tick);
-  g_source_unref(tick);
+  g_source_destroy(tick.get());
   return holds;
 }
 

@@ -9,7 +9,25 @@
 #include <string>
 #include <vector>
 
+#include "dbus/GLibPtr.hpp"
+
 namespace vornet::test {
+
+struct MenuEntry {
+  std::string title;
+  std::string action;
+  bool enabled = false;
+  std::string image;
+};
+
+/// A new connection to the bus at `address`. Throws std::runtime_error when there is no bus.
+GObjectPtr<GDBusConnection> connectToBus(const std::string& address);
+
+/// A floating list of texts.
+GVariant* textList(const std::vector<std::string>& texts);
+
+/// The message as it passes over the bus. Throws std::runtime_error for one that none may send.
+std::string bytesOf(const GObjectPtr<GDBusMessage>& message);
 
 /// The result of a call on the bus: its error's name without the domain's prefix ("InvalidURL"; "" for none), and its
 /// values.
@@ -20,16 +38,11 @@ struct BusReply {
   explicit operator bool() const { return error.empty(); }
   /// The only value, a list of texts.
   std::vector<std::string> texts() const;
+  /// The only value, the entries of a menu.
+  std::vector<MenuEntry> entries() const;
 };
 
-struct MenuEntry {
-  std::string title;
-  std::string action;
-  bool enabled = false;
-  std::string image;
-};
-
-/// A client of the extension on a bus, with a connection of its own. Signals arrive while it waits. One thread.
+/// A client of the extension on a bus, with a separate connection. Signals arrive while it waits. One thread.
 class BusClient {
  public:
   explicit BusClient(const std::string& address);
@@ -39,6 +52,7 @@ class BusClient {
 
   BusReply beginObserving(const std::string& url);
   BusReply endObserving(const std::string& url);
+  BusReply requestSnapshot(const std::string& url, guint64 stream);
   BusReply requestBadges(const std::vector<std::string>& urls);
   BusReply performAction(const std::string& action, const std::vector<std::string>& urls);
   BusReply menu(const std::vector<std::string>& urls, std::vector<MenuEntry>& entries);
@@ -46,6 +60,7 @@ class BusClient {
   /// Makes the call without waiting; `done` is called, while this client waits for something, with the reply.
   void call(const std::string& method, GVariant* arguments, std::function<void(BusReply)> done);
   static GVariant* urlArguments(const std::vector<std::string>& urls);
+  static GVariant* actionArguments(const std::string& action, const std::vector<std::string>& urls);
 
   /// A property of the extension, printed as GVariant text; "" when it cannot be read.
   std::string property(const std::string& name);
@@ -53,11 +68,23 @@ class BusClient {
   /// The process that owns the extension's name; 0 for none.
   int extensionProcess();
 
-  /// How many match rules the owner of the extension's name has on the bus; none when the bus does not tell.
+  /// How many match rules the owner of the extension's name has on the bus; none when the bus does not say.
   std::optional<unsigned> extensionsMatchRules();
 
   /// This client's name on the bus.
-  std::string name() const { return g_dbus_connection_get_unique_name(connection_); }
+  std::string name() const { return g_dbus_connection_get_unique_name(connection_.get()); }
+
+  /// A stream of a folder's badges, as it has come so far.
+  struct Stream {
+    std::map<std::string, std::string> badges;  ///< name -> identifier; without those that have none
+    std::vector<std::size_t> messages;          ///< the items of each
+    std::size_t snapshots = 0;                  ///< that have ended
+    bool isOpen = false;                        ///< one has begun and not ended
+    bool isRefused = false;
+    std::vector<std::pair<std::string, std::string>> history;  ///< every item that came
+    std::size_t last = 0;  ///< the last message's number, among those of all streams
+  };
+  const Stream& stream(guint64 stream) { return streams_[stream]; }
 
   /// The changes that came by signal: item -> identifier, the last one of each; and how many signals they came in.
   const std::map<std::string, std::string>& changes() const { return changes_; }
@@ -73,11 +100,15 @@ class BusClient {
 
  private:
   BusReply callAndWait(const std::string& method, GVariant* arguments);
+  void takeFolder(GVariant* values);
+  GVariantPtr askBusAboutExtension(const char* interface, const char* method);
 
-  GMainContext* context_;
-  GDBusConnection* connection_ = nullptr;
+  const GMainContextPtr context_;
+  GObjectPtr<GDBusConnection> connection_;
   std::map<std::string, std::string> changes_;
+  std::map<guint64, Stream> streams_;
   std::size_t signals_ = 0;
+  std::size_t folderMessages_ = 0;
 };
 
 }  // namespace vornet::test

@@ -52,7 +52,7 @@ class CapturedOutput {
   int file_;
 };
 
-/// What `work` makes the console destinations write.
+/// The text that `work` makes the console destinations write.
 inline std::string consoleOutputOf(const std::function<void()>& work) {
   CapturedOutput output(STDOUT_FILENO);
   work();

@@ -21,7 +21,7 @@ struct Probe : Reader {
   using Reader::disconnect;
   using Reader::lock;
 
-  /// Whether some thread holds the instance's lock, other than a thread made for asking.
+  /// True if some thread holds the instance's lock, other than a thread made for asking.
   bool isLocked() {
     return onAnotherThread([this] {
       if (!lock().try_lock()) return true;

@@ -1,5 +1,5 @@
 // The extension's interface with nothing behind it: each call is answered at once, badges with empty identifiers, menus
-// with no entries. What a flood costs here, it costs by the bus and GDBus alone.
+// with no entries. A flood costs here only what the bus and GDBus cost.
 // Usage: vornet-echo NAME (on the bus of DBUS_SESSION_BUS_ADDRESS, until the bus goes away).
 #include <FinderSync1.h>
 

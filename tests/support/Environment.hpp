@@ -20,8 +20,8 @@ class ScopedVariable {
   std::optional<std::string> before_;
 };
 
-/// A user's surroundings of a test's own: group containers, runtime folder and home in a temporary folder, the bundle
-/// of the extension with the images of the build tree, and the locale "C".
+/// A test's private user environment: group containers, runtime folder and home in a temporary folder, the bundle of
+/// the extension with the images of the build tree, and the locale "C".
 class Environment {
  public:
   Environment();

@@ -5,19 +5,15 @@
 #include <utility>
 
 #include "dbus/Interface.hpp"
+#include "support/BusClient.hpp"
 
 namespace vornet::test {
 namespace {
 
 std::vector<std::string> texts(GVariant* arguments, gsize index) {
-  GVariant* list = g_variant_get_child_value(arguments, index);
+  const GVariantPtr list = childOf(arguments, index);
   std::vector<std::string> result;
-  for (gsize i = 0; i < g_variant_n_children(list); ++i) {
-    const gchar* text = nullptr;
-    g_variant_get_child(list, i, "&s", &text);
-    result.emplace_back(text);
-  }
-  g_variant_unref(list);
+  for (gsize i = 0; i < g_variant_n_children(list.get()); ++i) result.emplace_back(textOf(childOf(list.get(), i)));
   return result;
 }
 
@@ -26,6 +22,8 @@ std::string text(GVariant* arguments) {
   g_variant_get_child(arguments, 0, "&s", &result);
   return result;
 }
+
+const std::vector<std::string> BADGES = {"SKIPPED", "PENDING", "SYNCED"};
 
 const std::map<std::string, std::string> TITLES = {{"share:", "Share"},
                                                    {"copyLink:", "Copy Link"},
@@ -40,27 +38,18 @@ bool isWithin(const std::string& folder, const std::string& url) {
 }  // namespace
 
 std::string urlOf(const std::string& path) {
-  gchar* url = g_filename_to_uri(path.c_str(), nullptr, nullptr);
-  const std::string result = url ? url : "";
-  g_free(url);
-  return result;
+  const GCharPtr url(g_filename_to_uri(path.c_str(), nullptr, nullptr));
+  return url ? url.get() : "";
 }
 
 const std::vector<std::pair<std::string, bool>> FakeExtension::ALL = {
     {"share:", true}, {"copyLink:", true}, {"notes:", true}, {"viewVersions:", false}, {"viewInCloud:", true}};
 
 FakeExtension::FakeExtension(const std::string& address, std::vector<std::string> folders)
-    : folders_(std::move(folders)) {
-  GError* failure = nullptr;
-  connection_ = g_dbus_connection_new_for_address_sync(
-      address.c_str(),
-      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-      nullptr, nullptr, &failure);
-  if (!connection_) throw std::runtime_error(failure->message);
+    : connection_(connectToBus(address)), folders_(std::move(folders)) {
   static const GDBusInterfaceVTable table = {&take, &property, nullptr, {}};
   registration_ = g_dbus_connection_register_object(
-      connection_, dbus::OBJECT_PATH, vornet_finder_sync1_interface_info(), &table, this, nullptr, nullptr);
+      connection_.get(), dbus::OBJECT_PATH, vornet_finder_sync1_interface_info(), &table, this, nullptr, nullptr);
   if (!callBus("RequestName", g_variant_new("(su)", dbus::BUS_NAME, 4)))
     throw std::runtime_error("the name is not given");
 }
@@ -71,13 +60,10 @@ FakeExtension::~FakeExtension() {
 
 void FakeExtension::die() {
   if (!connection_) return;
-  g_dbus_connection_unregister_object(connection_, registration_);
-  for (const auto& held : std::exchange(waiting_, {})) {
-    g_variant_unref(held.arguments);
-    g_object_unref(held.invocation);
-  }
-  g_dbus_connection_close_sync(connection_, nullptr, nullptr);
-  g_clear_object(&connection_);
+  g_dbus_connection_unregister_object(connection_.get(), registration_);
+  for (const auto& held : std::exchange(waiting_, {})) g_object_unref(held.invocation);
+  g_dbus_connection_close_sync(connection_.get(), nullptr, nullptr);
+  connection_.reset();
 }
 
 void FakeExtension::take(GDBusConnection*, const gchar* sender, const gchar*, const gchar*, const gchar* method,
@@ -90,7 +76,7 @@ void FakeExtension::take(GDBusConnection*, const gchar* sender, const gchar*, co
   self.note(method, arguments);
   const bool dies = self.diesIn == method;
   if (dies || self.held_.contains(method))
-    self.waiting_.push_back({method, invocation, g_variant_ref(arguments)});
+    self.waiting_.push_back({method, invocation, std::shared_ptr<GVariant>(GVariantPtr(g_variant_ref(arguments)))});
   else
     self.answer(method, arguments, invocation);
   if (dies) self.die();
@@ -132,29 +118,35 @@ void FakeExtension::answer(const std::string& method, GVariant* arguments, GDBus
   }
   if (const auto found = nonsense.find(method); found != nonsense.end()) {
     // As a message: GDBus would not let an answer of another type pass.
-    GDBusMessage* reply = g_dbus_message_new_method_reply(g_dbus_method_invocation_get_message(invocation));
-    g_dbus_message_set_body(reply, found->second());
-    g_dbus_connection_send_message(connection_, reply, G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
-    g_object_unref(reply);
-    g_object_unref(invocation);
+    const GObjectPtr<GDBusMethodInvocation> answered(invocation);
+    const GObjectPtr<GDBusMessage> reply(
+        g_dbus_message_new_method_reply(g_dbus_method_invocation_get_message(invocation)));
+    g_dbus_message_set_body(reply.get(), found->second());
+    g_dbus_connection_send_message(connection_.get(), reply.get(), G_DBUS_SEND_MESSAGE_FLAGS_NONE, nullptr, nullptr);
     return;
   }
   GVariant* values = nullptr;
   if (method == "BeginObserving") {
     if (observed.size() >= places) return refuse("TooManyFolders");
     observed.insert(text(arguments));
+  } else if (method == "RequestSnapshot") {
+    if (!observed.contains(text(arguments))) return refuse("NotObserving");
+    g_variant_get_child(arguments, 1, "t", &streams[text(arguments)]);
+    g_dbus_method_invocation_return_value(invocation, nullptr);
+    if (sendsSnapshots) sendSnapshot(text(arguments));
+    return;
   } else if (method == "EndObserving") {
     if (const auto found = observed.find(text(arguments)); found != observed.end()) observed.erase(found);
+    if (!observed.contains(text(arguments))) streams.erase(text(arguments));
   } else if (method == "RequestBadges") {
     for (const auto& item : answering)
       if (invalidItems.contains(item)) return refuse("InvalidURL");
-    GVariantBuilder identifiers;
-    g_variant_builder_init(&identifiers, G_VARIANT_TYPE_STRING_ARRAY);
+    std::vector<std::string> identifiers;
     for (const auto& item : answering) {
       const auto found = badges.find(item);
-      g_variant_builder_add(&identifiers, "s", found == badges.end() ? "" : found->second.c_str());
+      identifiers.push_back(found == badges.end() ? "" : found->second);
     }
-    values = g_variant_new("(as)", &identifiers);
+    values = g_variant_new("(@as)", textList(identifiers));
   } else if (method == "GetMenu") {
     values = menuOf(texts(arguments, 0));
   }
@@ -188,8 +180,7 @@ void FakeExtension::release(const std::string& method) {
       waiting_.push_back(held);
       continue;
     }
-    answer(held.method, held.arguments, held.invocation);
-    g_variant_unref(held.arguments);
+    answer(held.method, held.arguments.get(), held.invocation);
   }
 }
 
@@ -199,7 +190,7 @@ std::size_t FakeExtension::heldCalls(const std::string& method) const {
 }
 
 void FakeExtension::freeze() {
-  held_ = {"BeginObserving", "EndObserving", "RequestBadges", "GetMenu", "PerformAction"};
+  held_ = {"BeginObserving", "EndObserving", "RequestSnapshot", "RequestBadges", "GetMenu", "PerformAction"};
 }
 
 std::size_t FakeExtension::count(const std::string& text) const {
@@ -212,18 +203,56 @@ void FakeExtension::setBadge(const std::string& item, const std::string& identif
   if (observed.contains(item.substr(0, item.rfind('/')))) sendChanges({{item, identifier}});
 }
 
-void FakeExtension::sendChanges(const std::vector<std::pair<std::string, std::string>>& changes) {
+void FakeExtension::sendSnapshot(const std::string& folder) {
+  Changes items;
+  for (const auto& [item, identifier] : badges)
+    if (item.substr(0, item.rfind('/')) == folder && !identifier.empty()) items.emplace_back(item, identifier);
+  unsigned char flags = dbus::SNAPSHOT_BEGINS;
+  for (std::size_t from = 0; !(flags & dbus::SNAPSHOT_ENDS); from += itemsASignal) {
+    const auto end = std::min(items.size(), from + itemsASignal);
+    if (end == items.size()) flags |= dbus::SNAPSHOT_ENDS;
+    sendFolderBadges(
+        folder, {items.begin() + static_cast<std::ptrdiff_t>(from), items.begin() + static_cast<std::ptrdiff_t>(end)},
+        flags);
+    flags &= static_cast<unsigned char>(~dbus::SNAPSHOT_BEGINS);
+  }
+}
+
+void FakeExtension::sendFolderBadges(const std::string& folder, const Changes& items, unsigned char flags) {
+  std::string names;
+  std::string numbers;
+  for (const auto& [item, identifier] : items) {
+    const GCharPtr path(g_filename_from_uri(item.c_str(), nullptr, nullptr));
+    if (!numbers.empty()) names += '/';
+    names += GCharPtr(g_path_get_basename(path ? path.get() : item.c_str())).get();
+    const auto found = std::find(BADGES.begin(), BADGES.end(), identifier);
+    numbers += static_cast<char>(found == BADGES.end() ? 0 : found - BADGES.begin() + 1);
+  }
+  send(dbus::INTERFACE, "FolderBadges",
+       g_variant_new("(tys@ay)", streams[folder], flags, names.c_str(),
+                     g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, numbers.data(), numbers.size(), 1)));
+}
+
+void FakeExtension::sendChanges(const Changes& changes) {
+  std::map<std::string, Changes> streamed;
+  Changes others;
+  for (const auto& change : changes) {
+    const auto folder = change.first.substr(0, change.first.rfind('/'));
+    (streams.contains(folder) ? streamed[folder] : others).push_back(change);
+  }
+  for (const auto& [folder, items] : streamed) sendFolderBadges(folder, items);
+  if (others.empty()) return;
   GVariantBuilder list;
   g_variant_builder_init(&list, G_VARIANT_TYPE("a(ss)"));
-  for (const auto& [item, identifier] : changes) g_variant_builder_add(&list, "(ss)", item.c_str(), identifier.c_str());
+  for (const auto& [item, identifier] : others) g_variant_builder_add(&list, "(ss)", item.c_str(), identifier.c_str());
   send(dbus::INTERFACE, "BadgesChanged", g_variant_new("(a(ss))", &list));
 }
 
 void FakeExtension::send(const char* interface, const char* signal, GVariant* values) {
-  g_variant_ref_sink(values);
+  const GVariantPtr owned(g_variant_ref_sink(values));
   for (const auto& caller : callers_)
-    g_dbus_connection_emit_signal(connection_, caller.c_str(), dbus::OBJECT_PATH, interface, signal, values, nullptr);
-  g_variant_unref(values);
+    g_dbus_connection_emit_signal(connection_.get(), caller.c_str(), dbus::OBJECT_PATH, interface, signal, values,
+                                  nullptr);
 }
 
 void FakeExtension::giveUpName() {
@@ -237,18 +266,14 @@ bool FakeExtension::clientIsConnected() const {
   return connected != FALSE;
 }
 
-std::shared_ptr<GVariant> FakeExtension::callBus(const char* method, GVariant* arguments) const {
-  GVariant* values =
-      g_dbus_connection_call_sync(connection_, "org.freedesktop.DBus", "/org/freedesktop/DBus", "org.freedesktop.DBus",
-                                  method, arguments, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr);
-  return values ? std::shared_ptr<GVariant>(values, g_variant_unref) : nullptr;
+GVariantPtr FakeExtension::callBus(const char* method, GVariant* arguments) const {
+  return GVariantPtr(g_dbus_connection_call_sync(connection_.get(), "org.freedesktop.DBus", "/org/freedesktop/DBus",
+                                                 "org.freedesktop.DBus", method, arguments, nullptr,
+                                                 G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr));
 }
 
 GVariant* FakeExtension::foldersValue() const {
-  GVariantBuilder list;
-  g_variant_builder_init(&list, G_VARIANT_TYPE_STRING_ARRAY);
-  for (const auto& folder : folders_) g_variant_builder_add(&list, "s", folder.c_str());
-  return g_variant_builder_end(&list);
+  return textList(folders_);
 }
 
 GVariant* FakeExtension::property(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* name,
@@ -257,16 +282,34 @@ GVariant* FakeExtension::property(GDBusConnection*, const gchar*, const gchar*, 
   const auto found = extension.nonsense.find(name);
   if (found != extension.nonsense.end()) return g_variant_ref_sink(found->second());
   if (g_str_equal(name, "ObservedFolders")) return extension.foldersValue();
+  if (g_str_equal(name, "InterfaceVersion") && extension.interfaceVersion > 1)
+    return g_variant_new_uint32(extension.interfaceVersion);
+  if (g_str_equal(name, "Badges")) {
+    GVariantBuilder badges;
+    g_variant_builder_init(&badges, G_VARIANT_TYPE("a(sss)"));
+    for (const auto& badge : BADGES) g_variant_builder_add(&badges, "(sss)", badge.c_str(), "", "");
+    return g_variant_builder_end(&badges);
+  }
   g_set_error(error, G_DBUS_ERROR, G_DBUS_ERROR_UNKNOWN_PROPERTY, "no property %s", name);
   return nullptr;
 }
 
 void FakeExtension::setFolders(const std::vector<std::string>& folders) {
   folders_ = folders;
+  sendChange("ObservedFolders", foldersValue());
+}
+
+void FakeExtension::changeProperty(const std::string& name, GVariant* value) {
+  const std::shared_ptr<GVariant> owned(GVariantPtr(g_variant_ref_sink(value)));
+  nonsense[name] = [owned] { return g_variant_ref(owned.get()); };
+  sendChange(name, value);
+}
+
+void FakeExtension::sendChange(const std::string& property, GVariant* value) {
   GVariantBuilder changed;
   g_variant_builder_init(&changed, G_VARIANT_TYPE_VARDICT);
-  g_variant_builder_add(&changed, "{sv}", "ObservedFolders", foldersValue());
-  g_dbus_connection_emit_signal(connection_, nullptr, dbus::OBJECT_PATH, "org.freedesktop.DBus.Properties",
+  g_variant_builder_add(&changed, "{sv}", property.c_str(), value);
+  g_dbus_connection_emit_signal(connection_.get(), nullptr, dbus::OBJECT_PATH, "org.freedesktop.DBus.Properties",
                                 "PropertiesChanged", g_variant_new("(sa{sv}as)", dbus::INTERFACE, &changed, nullptr),
                                 nullptr);
 }

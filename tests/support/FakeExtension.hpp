@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "FinderSync1.h"
+#include "dbus/GLibPtr.hpp"
 
 namespace vornet::test {
 
@@ -21,13 +22,15 @@ std::string urlOf(const std::string& path);
 /// lives on the thread's default main context, like the client that is tested. URLs are as they came.
 class FakeExtension {
  public:
+  using Changes = std::vector<std::pair<std::string, std::string>>;  ///< item and identifier
+
   /// Owns the name on the bus at `address` when this returns. `folders`: URLs of the observed folders.
   FakeExtension(const std::string& address, std::vector<std::string> folders);
   ~FakeExtension();
   FakeExtension(const FakeExtension&) = delete;
   FakeExtension& operator=(const FakeExtension&) = delete;
 
-  // What it answers.
+  // Its answers.
   std::map<std::string, std::string> badges;       ///< URL -> identifier; "" for others
   std::map<std::string, std::vector<bool>> menus;  ///< first URL of the selection -> which of two entries are enabled
   /// The entries of any other selection within the folders: action, and whether it is enabled. ALL: as for a folder.
@@ -37,15 +40,19 @@ class FakeExtension {
   std::size_t busyRequests = 0;                 ///< so many RequestBadges are refused with Busy
   std::string diesIn;                           ///< method in which it leaves the bus without an answer
   /// Changes that are sent just before the answer to the next RequestBadges.
-  std::vector<std::pair<std::string, std::string>> changesBeforeAnswer;
+  Changes changesBeforeAnswer;
+  bool sendsSnapshots = true;          ///< at once, when they are requested
   std::set<std::string> invalidItems;  ///< URLs because of which a RequestBadges is refused
   std::size_t places = 1000;           ///< observations that it takes; others are refused
-  /// Method, or "ObservedFolders" -> what it answers in place of what it should; of any type.
+  unsigned interfaceVersion = 1;       ///< from 2 on it has snapshots, of what `badges` has
+  std::size_t itemsASignal = 5'000;    ///< of a snapshot
+  /// Method, or "ObservedFolders" -> its answer instead of the right one; of any type.
   std::map<std::string, std::function<GVariant*()>> nonsense;
   std::vector<std::string> answering;  ///< the items of the RequestBadges that is being answered
 
-  // What it was asked.
+  // The calls that it got.
   std::multiset<std::string> observed;                  ///< folders begun and not ended
+  std::map<std::string, guint64> streams;               ///< of folders with a snapshot requested
   std::vector<std::string> calls;                       ///< in their order: "GetMenu URL URL", but "RequestBadges"
   std::set<std::string> methodsByBusName;               ///< addressed to whoever has the bus name, not to this process
   std::vector<std::vector<std::string>> badgeRequests;  ///< the items of each
@@ -62,31 +69,38 @@ class FakeExtension {
   /// Holds every method.
   void freeze();
 
-  /// The badge of the item is `identifier` from now on; whoever observes its folder is sent the change.
+  /// Sets the badge of the item, and sends the change to whoever observes its folder.
   void setBadge(const std::string& item, const std::string& identifier);
 
-  /// Sends changes, item and identifier, to every caller so far.
-  void sendChanges(const std::vector<std::pair<std::string, std::string>>& changes);
+  /// Ends the wait of a folder's snapshot: sends what `badges` has of it, in its stream.
+  void sendSnapshot(const std::string& folder);
+  /// Sends a FolderBadges in the stream of `folder`: names and identifiers.
+  void sendFolderBadges(const std::string& folder, const Changes& items, unsigned char flags = 0);
+
+  /// Sends changes to every caller so far; in the streams of those that have one.
+  void sendChanges(const Changes& changes);
 
   void setFolders(const std::vector<std::string>& folders);
+  /// Sets the property, and sends its change to every caller so far.
+  void changeProperty(const std::string& name, GVariant* value);
 
   /// Sends a signal, of any type, to every caller so far.
   void send(const char* interface, const char* signal, GVariant* values);
 
-  /// Gives the bus name up, and stays on the bus: calls that it holds can still be answered.
+  /// Releases the bus name and stays on the bus: calls that it holds can still be answered.
   void giveUpName();
 
   /// Leaves the bus as a crashed process does.
   void die();
 
-  /// Whether the client that called last is on the bus still.
+  /// True while the client that called last is still on the bus.
   bool clientIsConnected() const;
 
  private:
   struct Held {
     std::string method;
     GDBusMethodInvocation* invocation;
-    GVariant* arguments;
+    std::shared_ptr<GVariant> arguments;
   };
   static void take(GDBusConnection*, const gchar* sender, const gchar*, const gchar*, const gchar* method,
                    GVariant* arguments, GDBusMethodInvocation* invocation, gpointer self);
@@ -96,9 +110,10 @@ class FakeExtension {
   void answer(const std::string& method, GVariant* arguments, GDBusMethodInvocation* invocation);
   GVariant* menuOf(const std::vector<std::string>& selection) const;
   GVariant* foldersValue() const;
-  std::shared_ptr<GVariant> callBus(const char* method, GVariant* arguments) const;
+  void sendChange(const std::string& property, GVariant* value);
+  GVariantPtr callBus(const char* method, GVariant* arguments) const;
 
-  GDBusConnection* connection_ = nullptr;
+  GObjectPtr<GDBusConnection> connection_;
   guint registration_ = 0;
   std::vector<std::string> folders_;
   std::set<std::string> held_;

@@ -12,12 +12,13 @@
 #include <string_view>
 
 #include "dbus/Interface.hpp"
+#include "support/BusClient.hpp"
+#include "support/Threads.hpp"
 
 namespace vornet::test {
 namespace {
 
 constexpr std::size_t SERIAL = 8;  // where a message has it
-constexpr std::chrono::seconds PATIENCE{30};
 
 bool sendAll(int socket, std::string_view bytes) {
   while (!bytes.empty()) {
@@ -38,24 +39,13 @@ std::string receiveLine(int socket) {
 
 std::string Flood::callTo(const std::string& name, const std::string& path, const std::string& interface,
                           const std::string& member, GVariant* arguments, bool replies) {
-  GDBusMessage* message = g_dbus_message_new_method_call(
-      name.c_str(), path.c_str(), interface.empty() ? nullptr : interface.c_str(), member.c_str());
-  g_dbus_message_set_serial(message, 1);
-  g_dbus_message_set_byte_order(message, G_DBUS_MESSAGE_BYTE_ORDER_LITTLE_ENDIAN);
-  if (!replies) g_dbus_message_set_flags(message, G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
-  if (arguments) g_dbus_message_set_body(message, arguments);
-  gsize size = 0;
-  GError* error = nullptr;
-  guchar* blob = g_dbus_message_to_blob(message, &size, G_DBUS_CAPABILITY_FLAGS_NONE, &error);
-  g_object_unref(message);
-  if (!blob) {
-    const std::string text = error->message;
-    g_error_free(error);
-    throw std::runtime_error(text);
-  }
-  std::string result(reinterpret_cast<const char*>(blob), size);
-  g_free(blob);
-  return result;
+  const GObjectPtr<GDBusMessage> message(g_dbus_message_new_method_call(
+      name.c_str(), path.c_str(), interface.empty() ? nullptr : interface.c_str(), member.c_str()));
+  g_dbus_message_set_serial(message.get(), 1);
+  g_dbus_message_set_byte_order(message.get(), G_DBUS_MESSAGE_BYTE_ORDER_LITTLE_ENDIAN);
+  if (!replies) g_dbus_message_set_flags(message.get(), G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
+  if (arguments) g_dbus_message_set_body(message.get(), arguments);
+  return bytesOf(message);
 }
 
 std::string Flood::call(const std::string& member, GVariant* arguments, bool replies) {
@@ -67,12 +57,8 @@ Flood::Flood(const std::string& address) : socket_(::socket(AF_UNIX, SOCK_STREAM
   place.sun_family = AF_UNIX;
   const std::string path = address.substr(address.find('=') + 1);
   path.copy(place.sun_path, sizeof place.sun_path - 1);
-  std::string id;
-  for (const char digit : std::to_string(::getuid())) {
-    constexpr std::string_view HEX = "0123456789abcdef";
-    id += HEX[static_cast<unsigned char>(digit) / 16];
-    id += HEX[static_cast<unsigned char>(digit) % 16];
-  }
+  std::string id;  // digits in hexadecimal
+  for (const char digit : std::to_string(::getuid())) id.append("3") += digit;
   const bool joined = ::connect(socket_, reinterpret_cast<const sockaddr*>(&place), sizeof place) == 0 &&
                       sendAll(socket_, std::string_view("\0", 1)) && sendAll(socket_, "AUTH EXTERNAL " + id + "\r\n") &&
                       receiveLine(socket_).starts_with("OK") &&
@@ -85,6 +71,7 @@ Flood::Flood(const std::string& address) : socket_(::socket(AF_UNIX, SOCK_STREAM
 }
 
 Flood::~Flood() {
+  ending_ = true;
   ::shutdown(socket_, SHUT_RDWR);
   if (reader_.joinable()) reader_.join();
   ::close(socket_);
@@ -131,6 +118,7 @@ void Flood::read() {
   std::string bytes;
   std::array<char, 64 * 1024> piece{};
   for (;;) {
+    while (deaf_ && !ending_) std::this_thread::sleep_for(std::chrono::milliseconds(2));
     const auto count = ::recv(socket_, piece.data(), piece.size(), 0);
     if (count <= 0) return;
     bytes.append(piece.data(), static_cast<std::size_t>(count));
@@ -143,9 +131,8 @@ void Flood::read() {
       constexpr guchar ERROR_TYPE = 3;
       constexpr guchar SIGNAL_TYPE = 4;
       if (start[1] == ERROR_TYPE) {
-        const std::unique_ptr<GDBusMessage, void (*)(gpointer)> message(
-            g_dbus_message_new_from_blob(start, static_cast<gsize>(size), G_DBUS_CAPABILITY_FLAGS_NONE, nullptr),
-            &g_object_unref);
+        const GObjectPtr<GDBusMessage> message(
+            g_dbus_message_new_from_blob(start, static_cast<gsize>(size), G_DBUS_CAPABILITY_FLAGS_NONE, nullptr));
         const std::string name = message ? g_dbus_message_get_error_name(message.get()) : "malformed";
         const std::lock_guard guard(lock_);
         ++errors_[name.substr(name.rfind('.') + 1)];

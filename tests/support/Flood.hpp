@@ -11,8 +11,8 @@
 
 namespace vornet::test {
 
-/// A client of a bus at the level of bytes, for sending faster than any library does. Reads what it is sent on a thread
-/// of its own and counts it; sends from one thread at a time.
+/// A client of a bus at the level of bytes, for sending faster than any library does. Reads and counts what it is sent
+/// on another thread; sends from one thread at a time.
 class Flood {
  public:
   /// Joins the bus at `address`, which is "unix:path=…". Throws std::runtime_error when that fails.
@@ -28,12 +28,15 @@ class Flood {
   /// A call of the extension's interface.
   static std::string call(const std::string& member, GVariant* arguments, bool replies = true);
 
-  /// Sends `message` so many times, each with a serial of its own. False when the bus hung up.
+  /// Sends `message` so many times, each with a different serial. False when the bus hung up.
   bool send(std::string message, std::size_t times);
 
   /// How many answers have come: all, and the errors with the name that ends in `error`.
   std::size_t answers() const { return answers_; }
   std::size_t errors(const std::string& error) const;
+
+  /// Reads nothing from now on.
+  void becomeDeaf() { deaf_ = true; }
 
   /// Waits until so many answers have come; false after half a minute without any new one.
   bool waitForAnswers(std::size_t count) const;
@@ -44,6 +47,8 @@ class Flood {
   int socket_ = -1;
   std::uint32_t serial_ = 1;
   std::atomic<std::size_t> answers_{0};
+  std::atomic<bool> deaf_{false};
+  std::atomic<bool> ending_{false};
   mutable std::mutex lock_;
   std::map<std::string, std::size_t> errors_;  // by the name's last part
   std::thread reader_;

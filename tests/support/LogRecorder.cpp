@@ -1,22 +1,18 @@
 #include "support/LogRecorder.hpp"
 
 #include <algorithm>
-#include <chrono>
 #include <condition_variable>
+#include <cstdio>
 #include <mutex>
 
 #include "logging/Logging.hpp"
+#include "support/Threads.hpp"
 
 namespace vornet::test {
-namespace {
-
-constexpr std::chrono::seconds PATIENCE{30};
-
-}  // namespace
 
 class LogRecorder::Destination : public XCGLogDestinationProtocol {
  public:
-  Destination(XCGLogger& owner, LogLevel level) : owner_(&owner), level_(level) {}
+  Destination(XCGLogger& owner, LogLevel level, Echo echo) : owner_(&owner), level_(level), echo_(echo) {}
 
   XCGLogger& owner() const override { return *owner_; }
   void setOwner(XCGLogger& owner) override { owner_ = &owner; }
@@ -27,6 +23,8 @@ class LogRecorder::Destination : public XCGLogDestinationProtocol {
   bool isEnabledForLogLevel(LogLevel level) const override { return level >= level_; }
   std::string debugDescription() const override { return "LogRecorder"; }
   void processLogDetails(const XCGLogDetails& details) override {
+    if (echo_ == Echo::toStandardError)
+      std::fprintf(stderr, "<%s> %s\n", std::string(description(details.logLevel)).c_str(), details.logMessage.c_str());
     const std::lock_guard guard(lock);
     records.push_back(details);
     changed.notify_all();
@@ -46,10 +44,12 @@ class LogRecorder::Destination : public XCGLogDestinationProtocol {
  private:
   XCGLogger* owner_;
   std::string identifier_ = "com.vornet.test.recorder";
-  LogLevel level_;
+  const LogLevel level_;
+  const Echo echo_;
 };
 
-LogRecorder::LogRecorder(LogLevel level) : destination_(std::make_shared<Destination>(logger(), level)) {
+LogRecorder::LogRecorder(LogLevel level, Echo echo)
+    : destination_(std::make_shared<Destination>(logger(), level, echo)) {
   if (const auto console = logger().logDestination(XCGLogger::constants::baseConsoleLogDestinationIdentifier))
     console->setOutputLogLevel(LogLevel::None);
   logger().addLogDestination(destination_);

@@ -13,7 +13,9 @@ namespace vornet::test {
 /// other threads log. Records may be read at any time, from any thread.
 class LogRecorder {
  public:
-  explicit LogRecorder(LogLevel level = LogLevel::Verbose);
+  enum class Echo { none, toStandardError };
+
+  explicit LogRecorder(LogLevel level = LogLevel::Verbose, Echo echo = Echo::none);
   ~LogRecorder();
   LogRecorder(const LogRecorder&) = delete;
   LogRecorder& operator=(const LogRecorder&) = delete;
@@ -35,6 +37,13 @@ class LogRecorder {
  private:
   class Destination;
   std::shared_ptr<Destination> destination_;
+};
+
+/// Writes each of the logger's records to standard error too, as "<Level> message": for tests of what a process says
+/// before it stops.
+class StandardErrorLog {
+ private:
+  LogRecorder recorder_{LogLevel::Verbose, LogRecorder::Echo::toStandardError};
 };
 
 }  // namespace vornet::test

@@ -12,12 +12,13 @@
 #include <string_view>
 #include <utility>
 
+#include "support/Threads.hpp"
+
 namespace vornet::test {
 namespace {
 
 using Manner = WireReply::Manner;
 
-constexpr std::chrono::seconds PATIENCE{30};
 constexpr std::chrono::milliseconds DRIP{100};
 
 void resetWhenClosed(int connection) {

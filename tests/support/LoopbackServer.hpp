@@ -23,7 +23,7 @@ struct WireRequest {
   std::vector<std::string> header(const std::string& name) const;
 };
 
-/// What a server does with a request.
+/// A server's behaviour for a request.
 struct WireReply {
   enum class Manner {
     whole,         ///< send it and keep the connection
@@ -43,19 +43,19 @@ struct WireReply {
   std::chrono::milliseconds silence{0};  ///< how long nothing at all happens first
 };
 
-/// A server of a test's own on 127.0.0.1, written at the level of bytes so that it can misbehave. Requests may be read
-/// from any thread. Stops at once, whatever its connections are doing.
+/// A private server on 127.0.0.1, written at the level of bytes so that it can misbehave. Requests may be read from any
+/// thread. Stops at once, whatever its connections are doing.
 class LoopbackServer {
  public:
   using Answer = std::function<WireReply(const WireRequest&)>;
 
   static constexpr int SYNC_APPLICATION_PORT = 8806;
 
-  /// Whether connections are served at the same time, or each only when the one before has ended.
+  /// Connections are served at the same time, or each only when the one before has ended.
   enum class Serving { together, oneByOne };
 
-  /// Listens on `port` (0: any free one) and answers each request with `answer`, called on threads of the server's.
-  /// Throws std::runtime_error when the port is taken.
+  /// Listens on `port` (0: any free one) and answers each request with `answer`, called on the server's threads. Throws
+  /// std::runtime_error when the port is taken.
   explicit LoopbackServer(Answer answer, int port = SYNC_APPLICATION_PORT, Serving serving = Serving::together);
   ~LoopbackServer();
   LoopbackServer(const LoopbackServer&) = delete;

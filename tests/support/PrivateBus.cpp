@@ -1,20 +1,11 @@
 #include "support/PrivateBus.hpp"
 
-#include <chrono>
 #include <csignal>
 #include <stdexcept>
-#include <thread>
 
-#include "support/TemporaryFolder.hpp"
+#include "support/Threads.hpp"
 
 namespace vornet::test {
-namespace {
-
-using namespace std::chrono_literals;
-constexpr auto PATIENCE = 30s;
-constexpr auto GLANCE = 5ms;
-
-}  // namespace
 
 std::filesystem::path PrivateBus::buildTreeServices() {
   return VORNET_TEST_SERVICES;
@@ -50,11 +41,8 @@ PrivateBus::PrivateBus(const std::filesystem::path& folder, const std::filesyste
       std::vector<std::string>{"dbus-daemon", "--nofork", "--nopidfile", "--print-address",
                                "--config-file=" + configuration.string()},
       std::vector<std::string>{"DBUS_SESSION_BUS_ADDRESS=" + address_}, output());
-  const auto until = std::chrono::steady_clock::now() + PATIENCE;
-  while (readFile(output()).find(address_) == std::string::npos) {  // printed once it listens
-    if (std::chrono::steady_clock::now() > until) throw std::runtime_error("no message bus: " + readFile(output()));
-    std::this_thread::sleep_for(GLANCE);
-  }
+  const auto listens = [this] { return daemon_->output().find(address_) != std::string::npos; };
+  if (!becomesTrue(listens)) throw std::runtime_error("no message bus: " + daemon_->output());
 }
 
 PrivateBus::~PrivateBus() {

@@ -8,8 +8,8 @@
 
 namespace vornet::test {
 
-/// A message bus of a test's own, which starts the extension on demand: that of the build tree, unless told otherwise.
-/// What it starts sees the environment that this process had when the bus was made.
+/// A private message bus, which starts the extension on demand: that of the build tree, unless told otherwise. What it
+/// starts sees the environment that this process had when the bus was made.
 class PrivateBus {
  public:
   /// `folder`: where its files go. `services`: the folder of the files that say what it starts.
@@ -22,7 +22,7 @@ class PrivateBus {
 
   const std::string& address() const { return address_; }
 
-  /// What the bus and the programs that it started wrote to standard output and standard error.
+  /// The file with the standard output and standard error of the bus and the programs that it started.
   std::filesystem::path output() const { return folder_ / "bus.output"; }
 
   /// Ends the bus.

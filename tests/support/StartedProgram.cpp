@@ -5,19 +5,13 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <csignal>
 #include <stdexcept>
-#include <thread>
 
-#include "support/TemporaryFolder.hpp"
+#include "support/Threads.hpp"
 
 namespace vornet::test {
 namespace {
-
-using namespace std::chrono_literals;
-constexpr auto PATIENCE = 30s;
-constexpr auto GLANCE = 5ms;
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
   std::vector<char*> result;
@@ -29,7 +23,8 @@ std::vector<char*> pointers(std::vector<std::string>& texts) {
 }  // namespace
 
 StartedProgram::StartedProgram(std::vector<std::string> arguments, std::vector<std::string> environment,
-                               const std::filesystem::path& output) {
+                               const std::filesystem::path& output)
+    : output_(output) {
   for (char** variable = ::environ; *variable; ++variable) {
     const std::string given(*variable);
     const auto name = given.substr(0, given.find('=') + 1);
@@ -59,27 +54,17 @@ void StartedProgram::signal(int number) const {
 }
 
 int StartedProgram::wait() {
-  const auto until = std::chrono::steady_clock::now() + PATIENCE;
   int status = 0;
-  while (::waitpid(pid_, &status, WNOHANG) != pid_) {
-    if (std::chrono::steady_clock::now() > until) return -1;
-    std::this_thread::sleep_for(GLANCE);
-  }
+  if (!becomesTrue([&] { return ::waitpid(pid_, &status, WNOHANG) == pid_; })) return -1;
   pid_ = -1;
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 bool waitForEnd(pid_t pid) {
-  const auto hasEnded = [pid] {
-    const auto status = readFile("/proc/" + std::to_string(pid) + "/status");
+  return becomesTrue([pid] {
+    const auto status = pid > 0 ? readFile("/proc/" + std::to_string(pid) + "/status") : "";
     return status.empty() || status.find("State:\tZ") != std::string::npos;  // a zombie only waits for its parent
-  };
-  const auto until = std::chrono::steady_clock::now() + PATIENCE;
-  while (pid > 0 && !hasEnded()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(GLANCE);
-  }
-  return true;
+  });
 }
 
 }  // namespace vornet::test

@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+#include "support/TemporaryFolder.hpp"
+
 namespace vornet::test {
 
 /// A child process. Killed and reaped at the end of its life, if it still runs.
@@ -20,6 +22,8 @@ class StartedProgram {
   StartedProgram& operator=(const StartedProgram&) = delete;
 
   pid_t pid() const { return pid_; }
+  /// Its output so far.
+  std::string output() const { return readFile(output_); }
   void signal(int number) const;
 
   /// Waits for its end, half a minute at most. The exit status; 128 + the signal's number when a signal ended it; -1
@@ -27,6 +31,7 @@ class StartedProgram {
   int wait();
 
  private:
+  const std::filesystem::path output_;
   pid_t pid_ = -1;
 };
 

@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <stdexcept>
 
 namespace vornet::test {
@@ -33,7 +33,9 @@ void writeFile(const fs::path& path, std::string_view content) {
 
 std::string readFile(const fs::path& path) {
   std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>()};
+  std::ostringstream content;
+  content << file.rdbuf();  // other ways throw when a process ends while its file in /proc is read
+  return content.str();
 }
 
 }  // namespace vornet::test

@@ -6,7 +6,7 @@
 
 namespace vornet::test {
 
-/// A new folder of a test's own, removed with all its content at the end.
+/// A new folder, removed with all its content at the end.
 class TemporaryFolder {
  public:
   TemporaryFolder();

@@ -16,7 +16,18 @@
 namespace vornet::test {
 
 /// How long a test waits for what must happen before it gives up.
-inline constexpr std::chrono::seconds PATIENCE{30};
+inline constexpr std::chrono::seconds PATIENCE{60};
+
+/// Waits until `condition` holds, asking it again and again; false when it does not in the test's patience.
+template <typename Condition>
+bool becomesTrue(const Condition& condition) {
+  const auto until = std::chrono::steady_clock::now() + PATIENCE;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > until) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return true;
+}
 
 /// A door for threads, and for processes that are forked after it was made. Once opened it stays open.
 class Gate {
@@ -70,7 +81,7 @@ inline void inParallel(std::size_t threads, const std::function<void(std::size_t
   for (auto& thread : running) thread.join();
 }
 
-/// What `work` returns, run on a thread of its own.
+/// The result of `work`, run on another thread.
 template <typename Work>
 auto onAnotherThread(Work work) {
   return std::async(std::launch::async, std::move(work)).get();

@@ -1,5 +1,6 @@
 """What the attacks share: how one becomes a row of the table."""
 
+import contextlib
 import dataclasses
 import pathlib
 import shutil
@@ -25,7 +26,7 @@ class Impossible(Exception):
 
 
 def attack(name, target):
-    """Makes of `function(torture, row)` a row of the table. It fills the row; what of the target is missed it notes there."""
+    """Makes of `function(torture, row)` a row of the table. It fills the row and adds the targets that were missed."""
 
     def register(function):
         ATTACKS.append((name, target, function))
@@ -36,7 +37,7 @@ def attack(name, target):
 
 @dataclasses.dataclass
 class Torture:
-    """What an attack needs to know of the run."""
+    """The run, as its attacks need to know it."""
 
     build: pathlib.Path
     folder: pathlib.Path
@@ -87,13 +88,11 @@ class Torture:
         return row.judge()
 
 
-def watch(process):
-    """Watches the memory of the extension from now on."""
-    return Memory(process.pid)
-
-
-def note_memory(row, memory, most=None):
-    """Ends the watch; the peak must be below `most` MiB."""
+@contextlib.contextmanager
+def watched(row, process, most=None):
+    """Watches the memory of a process meanwhile; the peak must be below `most` MiB."""
+    memory = Memory(process.pid)
+    yield memory
     memory.settle()
     row.memory(memory)
     row.require(not memory.killed, f"ended by the test at {memory.peak:,.0f} MiB, before the machine suffered")
@@ -101,16 +100,30 @@ def note_memory(row, memory, most=None):
         row.require(memory.peak < most, f"peak {memory.peak:,.0f} MiB")
 
 
-def note_answers(row, answers, bare=None):
-    """The honest client's figures and losses, against the target of the floods."""
+@contextlib.contextmanager
+def watched_room(torture, row, most=None, **options):
+    """A room where the extension, `room.extension`, runs and its memory is watched."""
+    with torture.room(**options) as room:
+        room.extension = room.start_extension()
+        with watched(row, room.extension, most):
+            yield room
+
+
+def note_losses(row, answers):
+    """The honest client's figures; it must have lost nothing."""
     row.times(answers.badges)
     row.lost += answers.lost()
+    row.require(not row.lost, "something was lost")
+
+
+def note_answers(row, answers, bare=None):
+    """The honest client's figures and losses, against the target of the floods."""
+    note_losses(row, answers)
     limit = BADGE
     if bare is not None:
         row.bare = bare.badges.p99
         limit = max(BADGE, 2 * row.bare)
     row.require(row.p99 is not None and row.p99 < limit, f"p99 {row.p99 or 0:,.0f} ms")
-    row.require(not answers.lost(), "something was lost")
     row.notes.append(f"{answers.report['badges']['answered']} badges answered")
     if len(answers.menus):
         row.require(answers.menus.most < PATIENCE, f"a menu took {answers.menus.most / 1000:.1f} s")

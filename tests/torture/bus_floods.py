@@ -3,9 +3,9 @@ the same name, so that what the bus itself costs is known."""
 
 import time
 
-from attacks import attack, note_answers, note_memory, watch
+from attacks import attack, note_answers, watched, watched_room
 from helpers import Flood, HonestClient
-from room import FOLDERS
+from room import FOLDERS, Memory
 
 MOST_MEMORY = 100  # MiB
 # Badge p99 below 100 ms or twice the bare one; peak below MOST_MEMORY; no honest call refused, wrong or unanswered; menus
@@ -33,9 +33,8 @@ def flooded(torture, row, kind, urls, prepare=lambda room: None, fill=False, **s
         client = room.keep(HonestClient(room))
         prepare(room)
         flood = room.keep(Flood(room, kind, urls(room), **settings))
-        memory = watch(process)
-        answers, done = measure(torture, client, flood)
-        note_memory(row, memory, MOST_MEMORY)
+        with watched(row, process, MOST_MEMORY) as memory:
+            answers, done = measure(torture, client, flood)
         row.notes.append(f"{done['sent']} calls sent, {done['answered']} answered")
         row.require(process.poll() is None or memory.killed, f"the extension ended with status {process.returncode}")
         if done["errors"]:
@@ -44,7 +43,7 @@ def flooded(torture, row, kind, urls, prepare=lambda room: None, fill=False, **s
         echo = room.start_echo()
         client = room.keep(HonestClient(room, badges=("",), entries=0))
         flood = room.keep(Flood(room, kind, urls(room), **settings))
-        memory = watch(echo)
+        memory = Memory(echo.pid)
         bare, done = measure(torture, client, flood)
         memory.settle(0)
         row.notes.append(f"bare: peak {memory.peak:.0f} MiB, {done['answered']} answered")
@@ -52,17 +51,13 @@ def flooded(torture, row, kind, urls, prepare=lambda room: None, fill=False, **s
 
 
 def filled(room):
-    return [room.url(f"fill/e{number:05}") for number in range(MANY)]
+    return room.urls("fill", MANY)
 
 
 @attack("quiet", "steady")
 def quiet(torture, row):
-    with torture.room() as room:
-        process = room.start_extension()
-        client = room.keep(HonestClient(room))
-        memory = watch(process)
-        answers, _ = measure(torture, client, None)
-        note_memory(row, memory, MOST_MEMORY)
+    with watched_room(torture, row, MOST_MEMORY) as room:
+        answers, _ = measure(torture, room.keep(HonestClient(room)), None)
     with torture.room() as room:
         room.start_echo()
         client = room.keep(HonestClient(room, badges=("",), entries=0))
@@ -99,8 +94,7 @@ def cached(torture, row):
 
 @attack("flood: 50 clients, sync.db", TARGET)
 def from_database(torture, row):
-    urls = lambda room: [room.url(f"cold/e{number:05}") for number in range(MANY)]
-    flooded(torture, row, "badges", urls, connections=50)
+    flooded(torture, row, "badges", lambda room: room.urls("cold", MANY), connections=50)
 
 
 @attack("flood: menus, application hangs", TARGET)

@@ -4,7 +4,7 @@ import contextlib
 import sqlite3
 import time
 
-from attacks import attack, note_answers, note_memory, watch
+from attacks import attack, note_answers, watched_room
 from helpers import Flood, HonestClient
 
 BATCH = 500
@@ -12,12 +12,9 @@ BATCH = 500
 
 @attack("sync.db locked, batches under way", "cached badges steady; right 2 s later")
 def locked(torture, row):
-    with torture.room() as room:
-        process = room.start_extension()
+    with watched_room(torture, row) as room:
         client = room.keep(HonestClient(room))
-        urls = [room.url(f"cold/e{number:05}") for number in range(BATCH)]
-        flood = room.keep(Flood(room, "badges", urls, connections=2))
-        memory = watch(process)
+        flood = room.keep(Flood(room, "badges", room.urls("cold", BATCH), connections=2))
         with contextlib.closing(sqlite3.connect(room.container / "sync.db", isolation_level=None)) as writer:
             writer.execute("BEGIN EXCLUSIVE")
             client.go()
@@ -26,7 +23,6 @@ def locked(torture, row):
             answers = client.stop()
             writer.execute("ROLLBACK")
         done = flood.stop()
-        note_memory(row, memory)
         took = room.wait_for_badge("cold/item.txt", "SYNCED")
         row.require(took < 2, f"right badge {took:.1f} s after the lock")
         row.notes.append(f"{done['answered']} of {done['sent']} batches answered under the lock; right badge {took:.2f} s after")
@@ -35,10 +31,8 @@ def locked(torture, row):
 
 @attack("sync.db replaced every 50 ms", "steady; right 2 s later")
 def replaced(torture, row):
-    with torture.room() as room:
-        process = room.start_extension()
+    with watched_room(torture, row) as room:
         client = room.keep(HonestClient(room, badges=("SYNCED", "PENDING"), item=room.url("cold/item.txt"), menu=False))
-        memory = watch(process)
         client.go()
         end, count = time.monotonic() + torture.window, 0
         while time.monotonic() < end:
@@ -48,7 +42,6 @@ def replaced(torture, row):
         answers = client.stop()
         room.write_database({"/cold/item.txt": 0})
         took = room.wait_for_badge("cold/item.txt", "SKIPPED")
-        note_memory(row, memory)
         row.require(took < 2, f"right badge {took:.1f} s after the last one")
         row.notes.append(f"replaced {count} times, right badge after {took:.2f} s")
     note_answers(row, answers)

@@ -1,35 +1,33 @@
-"""An attacker, a process of its own: connections to the bus that send calls without regard for anybody. Its first
-line of input is its settings as JSON; "go" starts it, "stop" or the end of the input ends it. Reports as JSON."""
+"""An attacker, in its own process: connections to the bus that send calls without regard for anybody. The first line of input
+is its settings as JSON; "go" starts it, "stop" or the end of the input ends it. Reports as JSON."""
 
+import collections
 import json
 import selectors
 import sys
-import time
 
 from gi.repository import GLib
 
 import wire
+
 
 def malformed(name, settings):
     """Calls that nobody may make, of many kinds."""
     texts = lambda *urls: GLib.Variant("(as)", (list(urls),))
     folder, properties = settings["urls"][0], "org.freedesktop.DBus.Properties"
     nested = GLib.Variant("v", GLib.Variant("av", [GLib.Variant("s", folder)] * 50))
+    wrong = ("not a URL", "http://localhost/x", "file:///a/../b", "file://elsewhere/a", "file:///%00")
     return [
-        wire.Call(name, "RequestBadges", texts("not a URL")),
-        wire.Call(name, "RequestBadges", texts("http://localhost/x")),
-        wire.Call(name, "RequestBadges", texts("file:///a/../b")),
-        wire.Call(name, "RequestBadges", texts("file://elsewhere/a")),
-        wire.Call(name, "RequestBadges", texts("file:///%00")),
-        wire.Call(name, "RequestBadges", texts(*[folder] * 20, "")),
+        *(wire.badges(name, [url]) for url in wrong),
+        wire.badges(name, [folder] * 20 + [""]),
         wire.Call(name, "RequestBadges", GLib.Variant("(s)", (folder,))),
         wire.Call(name, "RequestBadges", GLib.Variant("(a{sv})", ({"a": GLib.Variant("i", 1)},))),
         wire.Call(name, "RequestBadges"),
         wire.Call(name, "RequestBadges", GLib.Variant.new_tuple(nested)),
         wire.Call(name, "GetMenu", texts("relative/path")),
         wire.Call(name, "GetMenu", GLib.Variant("(u)", (7,))),
-        wire.Call(name, "PerformAction", GLib.Variant("(sas)", ("init", [folder]))),
-        wire.Call(name, "PerformAction", GLib.Variant("(sas)", ("copyLink:", ["file:///etc/passwd"]))),
+        wire.perform(name, "init", [folder]),
+        wire.perform(name, "copyLink:", ["file:///etc/passwd"]),
         wire.Call(name, "BeginObserving", GLib.Variant("(s)", ("file:///proc/self",))),
         wire.Call(name, "BeginObserving", GLib.Variant("(s)", ("file:///" + "%2e" * 2000,))),
         wire.Call(name, "EndObserving", GLib.Variant("(s)", (folder,))),
@@ -65,7 +63,7 @@ class Attacker:
         self.connection.socket.setblocking(False)
         self._calls, self._round, self._at_once = calls, settings["calls"], settings["at_once"]
         self._unsent, self._received, self._skip = [], bytearray(), 0
-        self.sent, self.answered, self.errors, self._sent_in_round, self._open = 0, 0, {}, 0, 0
+        self.sent, self.answered, self.errors, self._sent_in_round, self._open = 0, 0, collections.Counter(), 0, 0
 
     def wants_to_send(self):
         return bool(self._unsent) or (self._open < self._at_once and self._sent_in_round < self._round)
@@ -99,8 +97,7 @@ class Attacker:
             if self._received[1] == wire.ERROR:
                 if len(self._received) < size:
                     return
-                error = wire.Message(bytes(self._received[:size])).error.rpartition(".")[2]
-                self.errors[error] = self.errors.get(error, 0) + 1
+                self.errors[wire.Message(bytes(self._received[:size])).error.rpartition(".")[2]] += 1
             if self._received[1] in (wire.ERROR, wire.RETURN):
                 self._answered()
             self._skip = max(0, size - len(self._received))
@@ -118,12 +115,11 @@ def main():
     attackers = [Attacker(settings, calls) for _ in range(settings["connections"])]
     print("ready", flush=True)
     sys.stdin.readline()  # "go"
-    begun = time.monotonic()
     waiting = selectors.DefaultSelector()
     waiting.register(sys.stdin, selectors.EVENT_READ)
     for attacker in attackers:
         waiting.register(attacker.connection, selectors.EVENT_READ | selectors.EVENT_WRITE, attacker)
-    broken, stopped = 0, False
+    stopped = False
     while not stopped:
         for key, events in waiting.select():
             attacker = key.data
@@ -136,19 +132,14 @@ def main():
                 if events & selectors.EVENT_WRITE and attacker.wants_to_send():
                     attacker.write()
             except (wire.Closed, OSError):
-                broken += 1
                 waiting.unregister(attacker.connection)
                 continue
             interest = selectors.EVENT_READ | (selectors.EVENT_WRITE if attacker.wants_to_send() else 0)
             if interest != key.events:
                 waiting.modify(attacker.connection, interest, attacker)
-    seconds = time.monotonic() - begun
-    errors = {}
-    for attacker in attackers:
-        for error, count in attacker.errors.items():
-            errors[error] = errors.get(error, 0) + count
-    total = {"sent": sum(a.sent for a in attackers), "answered": sum(a.answered for a in attackers)}
-    print(json.dumps({**total, "errors": errors, "broken": broken, "seconds": seconds}), flush=True)
+    total = {figure: sum(getattr(attacker, figure) for attacker in attackers) for figure in ("sent", "answered")}
+    errors = sum((attacker.errors for attacker in attackers), collections.Counter())
+    print(json.dumps({**total, "errors": errors}), flush=True)
 
 
 if __name__ == "__main__":

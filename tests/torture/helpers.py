@@ -1,5 +1,5 @@
-"""The helper programs of the attacks: the honest client, the attackers, and the sync application. Each is a process of its
-own, told what to do by lines on its standard input; it ends when that is closed."""
+"""The helper programs of the attacks: the honest client, the attackers, and the sync application. Each is a process
+that takes commands as lines on its standard input, and ends when that is closed."""
 
 import json
 import pathlib
@@ -36,7 +36,7 @@ class Helper:
             self.process.stdin.write(line + "\n")
             self.process.stdin.flush()
         except OSError:
-            pass  # what it has to say tells why it ended
+            pass  # its output says why it ended
 
     def hear(self, timeout=60):
         if not select.select([self.process.stdout], [], [], timeout)[0]:
@@ -155,6 +155,10 @@ class SyncApplication(Helper):
 
     def received(self):
         return self.tell(tell=True)
+
+    def polls(self):
+        """How many requests for statuses have come."""
+        return self.received()["requests"].get("get_icons_for_folder", 0)
 
     def fault(self, name, command="*"):
         self.tell(fault={command: name})

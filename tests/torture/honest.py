@@ -1,7 +1,7 @@
-"""The honest client, a process of its own: every 20 ms it asks for the badge of one item, twice a second for the menu of one,
-as a file manager does, one call of a kind at a time. Its first line of input is its
-settings as JSON; it reports as JSON."""
+"""The honest client, in its own process: every 20 ms it asks for the badge of one item, twice a second for the menu of one,
+as a file manager does, one call of a kind at a time. Its first line of input is its settings as JSON; it reports as JSON."""
 
+import collections
 import json
 import select
 import sys
@@ -22,7 +22,7 @@ class Question:
         self.call, self.period = call, period
         self.next = time.monotonic()
         self.serial, self.asked = None, 0.0
-        self.milliseconds, self.errors, self.wrong, self.answered = [], {}, 0, 0
+        self.milliseconds, self.errors, self.wrong, self.answered = [], collections.Counter(), 0, 0
 
     def is_due(self, now):
         return self.serial is None and now >= self.next
@@ -36,7 +36,7 @@ class Question:
         self._note(time.monotonic() - self.asked)
         self.serial = None
         if message.kind == wire.ERROR:
-            self.errors[message.error] = self.errors.get(message.error, 0) + 1
+            self.errors[message.error] += 1
         else:
             self.answered += 1
             self.wrong += not expected(message.arguments()[0])

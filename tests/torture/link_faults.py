@@ -4,7 +4,7 @@ import os
 import time
 
 import wire
-from attacks import CHANGE, Impossible, attack, note_answers, note_memory, watch
+from attacks import CHANGE, Impossible, attack, note_answers, note_losses, watched, watched_room
 from helpers import HonestClient, SyncApplication, Times
 from room import run_vornet_vi
 from waiting import NotSeen, until
@@ -34,7 +34,7 @@ def enabled_in(reply):
 
 
 def keep_connections(room, clients):
-    """An extension that keeps connections has one for each of its threads now: all of these menus are under way together."""
+    """An extension that keeps connections has one for each of its threads now: all of these menus are in flight together."""
     room.sync.fault("slow")
     replies = menus_at_once(room, clients)
     room.sync.fault("")
@@ -60,24 +60,19 @@ def slow_menus(row, room, faults, rounds):
 
 @attack("application: silent 2.79 s, then closing", "menu within 3.3 s")
 def silent(torture, row):
-    with torture.room() as room:
-        memory = watch(room.start_extension())
+    with watched_room(torture, row) as room:
         slow_menus(row, room, ["silent_then_close"], torture.some(5, 1))
-        note_memory(row, memory)
 
 
 @attack("application: dripping headers, body", "menu within 3.3 s")
 def dripping(torture, row):
-    with torture.room() as room:
-        memory = watch(room.start_extension())
+    with watched_room(torture, row) as room:
         slow_menus(row, room, ["drip_headers", "drip_body"], torture.some(3, 1))
-        note_memory(row, memory)
 
 
 @attack("application: reply cut in headers", "badges stay; changes come later")
 def cut(torture, row):
-    with torture.room() as room:
-        memory = watch(room.start_extension())
+    with watched_room(torture, row) as room:
         room.observe("honest")
         statuses = {"/honest/item.txt": 1, "/honest/other": 1}
         room.sync.tell(items={"/honest/": statuses})
@@ -85,11 +80,10 @@ def cut(torture, row):
         seconds = []
         changes = (("cut_200", "PENDING", "SKIPPED"), ("cut_404", "SKIPPED", "SYNCED"))
         for number, (fault, shown, badge) in enumerate(changes):
-            before = room.sync.received()["requests"]["get_icons_for_folder"]
+            before = room.sync.polls()
             room.sync.fault(fault)
-            (room.root / f"new{number}").mkdir()
-            room.observe(f"new{number}")  # has all be polled
-            until("polls that are cut", lambda: room.sync.received()["requests"]["get_icons_for_folder"] >= before + 2)
+            room.observe_new(f"new{number}")
+            until("polls that are cut", lambda: room.sync.polls() >= before + 2)
             kept = room.badge("honest/other")
             row.require(kept == shown, f"the badge {kept!r} after {fault}, not {shown}")
             room.sync.tell(items={"/honest/": {key: (0, 2)[number] for key in statuses}})
@@ -100,14 +94,12 @@ def cut(torture, row):
             except NotSeen:
                 row.lost.append(f"the folder's changes after {fault}")
         row.require(not row.lost, "something was lost")
-        note_memory(row, memory)
 
 
 @attack("application: serves one connection at a time", "menus within 1 s, none greyed")
 def one_at_a_time(torture, row):
-    with torture.room() as room:
+    with watched_room(torture, row) as room:
         room.sync.tell(one_at_a_time=True)
-        memory = watch(room.start_extension())
         room.observe("honest")
         clients = [wire.Connection(room.address) for _ in range(4)]
         milliseconds, greyed = [], 0
@@ -117,21 +109,18 @@ def one_at_a_time(torture, row):
             milliseconds.append(1000 * (time.monotonic() - begun))  # of the last of them
             greyed += sum(enabled_in(reply) != 5 for reply in replies)
             if number % 3 == 0:
-                (room.root / f"another{number}").mkdir()
-                room.observe(f"another{number}")
+                room.observe_new(f"another{number}")
             if milliseconds[-1] > 10_000:
                 break  # enough was seen
         row.times(Times(milliseconds))
         row.lost += [f"{greyed} of {len(clients) * len(milliseconds)} menus greyed"] if greyed else []
         row.require(not greyed, "menus greyed")
         row.require(max(milliseconds) < 1000 * AT_ONCE, f"longest {max(milliseconds) / 1000:.1f} s")
-        note_memory(row, memory)
 
 
 @attack("application: resets after an action", "each action received once")
 def actions(torture, row):
-    with torture.room() as room:
-        memory = watch(room.start_extension())
+    with watched_room(torture, row) as room:
         clients = [wire.Connection(room.address) for _ in range(4)]
         count = torture.some(40, 10)
         for number in range(count):
@@ -139,8 +128,7 @@ def actions(torture, row):
         for number in range(count):
             keep_connections(room, clients)
             room.sync.fault(("close", "reset")[number % 2], "select_context_menu")
-            arguments = ("copyLink:", [room.url(f"action{number}")])
-            room.client.ask(wire.Call(wire.NAME, "PerformAction", wire.GLib.Variant("(sas)", arguments)), 30)
+            room.client.ask(wire.perform(wire.NAME, "copyLink:", [room.url(f"action{number}")]), 30)
             room.sync.fault("", "select_context_menu")
         received = room.sync.received()["actions"]
         times = [received.count([f"/action{number}"]) for number in range(count)]
@@ -148,7 +136,6 @@ def actions(torture, row):
         row.lost += [f"{never} actions"] if never else []
         row.require(not never and not twice, f"{twice} received more than once, {never} never")
         row.notes.append(f"{count} performed, {len(received)} received")
-        note_memory(row, memory)
 
 
 def huge(row, room, fault, most, taken=None):
@@ -158,28 +145,27 @@ def huge(row, room, fault, most, taken=None):
     room.observe("honest")
     room.force_pass()
     menu_time(room)  # what the first exchange needs is there
-    memory = watch(process)
-    client = room.keep(HonestClient(room, menu=False))
-    client.go()
-    before = room.sync.received()["requests"]["get_icons_for_folder"]
-    room.sync.fault(fault)
-    (room.root / "huge").mkdir()
-    room.observe("huge")
-    until("huge replies", lambda: memory.killed or room.sync.received()["requests"]["get_icons_for_folder"] >= before + 1)
-    if taken and not memory.killed:
-        room.wait_for_badge(taken, "SYNCED")
-    time.sleep(3.2)  # the time of an exchange: it has come, or has been given up
-    room.sync.fault("")
-    answers = client.stop()
-    if not memory.killed:
-        room.force_pass()
-        room.force_pass()
-    note_memory(row, memory)
-    row.require(memory.peak < most, f"peak {memory.peak:,.0f} MiB")
+    with watched(row, process, most) as memory:
+        client = room.keep(HonestClient(room, menu=False))
+        client.go()
+        before = room.sync.polls()
+        room.sync.fault(fault)
+        room.observe_new("huge")
+        until("huge replies", lambda: memory.killed or room.sync.polls() > before)
+        if taken and not memory.killed:
+            room.wait_for_badge(taken, "SYNCED")
+        time.sleep(3.2)  # the time of an exchange: it has come, or has been given up
+        room.sync.fault("")
+        answers = client.stop()
+        if not memory.killed:
+            room.force_pass()
+            room.force_pass()
+    require_memory_back(row, memory)
+    note_losses(row, answers)
+
+
+def require_memory_back(row, memory):
     row.require(memory.after is None or memory.after < 1.1 * memory.before + 1, f"{memory.after or 0:,.0f} MiB kept")
-    row.times(answers.badges)
-    row.lost += answers.lost()
-    row.require(not row.lost, "something was lost")
 
 
 @attack("application: 250 MiB of non-statuses", "peak < 192 MiB; memory back")
@@ -199,25 +185,22 @@ def huge_menus(torture, row):
     with torture.room() as room:
         process = room.start_extension()
         menu_time(room)  # what the first exchange needs is there
-        memory = watch(process)
-        room.sync.fault("huge_menu", "mac_populate_menu")
-        clients = [wire.Connection(room.address) for _ in range(4)]
-        replies = menus_at_once(room, clients, 60)
-        row.require(all(replies), "not every menu was answered")
-        enabled = sum(enabled_in(reply) > 0 for reply in replies)
-        row.require(not enabled, f"{enabled} menus took the reply")
-        room.sync.fault("", "mac_populate_menu")
-        if not memory.killed:
-            took, after = menu_time(room)
-            row.require(after == 5, "the next menu is greyed")
-        note_memory(row, memory, 50)
-        row.require(memory.after is None or memory.after < 1.1 * memory.before + 1, f"{memory.after or 0:,.0f} MiB kept")
+        with watched(row, process, 50) as memory:
+            room.sync.fault("huge_menu", "mac_populate_menu")
+            clients = [wire.Connection(room.address) for _ in range(4)]
+            replies = menus_at_once(room, clients, 60)
+            row.require(all(replies), "not every menu was answered")
+            enabled = sum(enabled_in(reply) > 0 for reply in replies)
+            row.require(not enabled, f"{enabled} menus took the reply")
+            room.sync.fault("", "mac_populate_menu")
+            if not memory.killed:
+                row.require(menu_time(room)[1] == 5, "the next menu is greyed")
+        require_memory_back(row, memory)
 
 
 @attack("application: flapping every 100 ms", "steady; change within 15 s")
 def flapping(torture, row):
-    with torture.room() as room:
-        memory = watch(room.start_extension())
+    with watched_room(torture, row) as room:
         room.observe("honest")
         room.sync.tell(items={"/honest/": {"/honest/item.txt": 2, "/honest/other": 1}})
         room.wait_for_badge("honest/other", "PENDING")
@@ -231,7 +214,6 @@ def flapping(torture, row):
         room.sync.tell(flap=0)
         room.sync.tell(items={"/honest/": {"/honest/item.txt": 0, "/honest/other": 1}})
         took = room.wait_for_badge("honest/item.txt", "SKIPPED", CHANGE)
-        note_memory(row, memory)
         row.require(max(seconds for seconds, _ in menus) < EXCHANGE, "a menu took longer than an exchange may")
         given = sum(enabled == 5 for _, enabled in menus)
         row.notes.append(f"{len(menus)} menus, {given} of them while it listened; change after {took:.1f} s")
@@ -242,15 +224,13 @@ def flapping(torture, row):
 def another_user(torture, row):
     if os.geteuid() != 0:
         raise Impossible("only root can start another user's process")
-    with torture.room(sync=False) as room:
+    with watched_room(torture, row, sync=False) as room:
         nobody = ["setpriv", "--reuid", "65534", "--regid", "65534", "--clear-groups", "--"]
         stranger = room.keep(SyncApplication(room, wrapper=nobody))
         stranger.tell(items={"/honest/": {"/honest/item.txt": 0}})
-        memory = watch(room.start_extension())
         room.observe("honest")
         took, enabled = menu_time(room)
-        arguments = wire.GLib.Variant("(sas)", ("copyLink:", [room.url("honest/item.txt")]))
-        room.client.ask(wire.Call(wire.NAME, "PerformAction", arguments), 30)
+        room.client.ask(wire.perform(wire.NAME, "copyLink:", [room.url("honest/item.txt")]), 30)
         until("a poll in the log", lambda: "ds not connected" in room.log_text() or stranger.received()["bytes"] > 0)
         report = stranger.received()
         row.lost += [f"{count} x {command}" for command, count in report["requests"].items()]
@@ -262,4 +242,3 @@ def another_user(torture, row):
         row.require(room.badge("honest/item.txt") == "SYNCED", "its badge was believed")
         row.require(took < AT_ONCE, f"menu after {took:.1f} s")
         row.require("another user" in status.lower(), "vornet-vi status does not say so")
-        note_memory(row, memory)

@@ -4,7 +4,7 @@ import threading
 import time
 
 import wire
-from attacks import attack, note_memory, watch
+from attacks import attack, note_losses, watched
 from helpers import HonestClient
 from room import resident
 from waiting import until
@@ -54,26 +54,23 @@ def never_reads(torture, row):
         observer = Observer(room, "big")
         try:
             client = room.keep(HonestClient(room, menu=False))
-            memory = watch(process)
-            client.go()
             sizes, seconds = [], []
-            for _ in range(torture.some(12, 5)):
-                begun = time.monotonic()
-                count = room.sync.received()["turned"].get("/big/", [0])[0]
-                room.force_pass()
-                until("the pass", lambda: room.sync.received()["turned"].get("/big/", [0])[0] > count)
-                if count:  # the first one is no change
-                    until("all changes at the honest observer", lambda: all_seen(room, observer))
-                    seconds.append(time.monotonic() - begun)
-                sizes.append(resident(process.pid))
-            answers = client.stop()
-            until("all changes at the end", lambda: all_seen(room, observer))
-            note_memory(row, memory)
+            with watched(row, process):
+                client.go()
+                for _ in range(torture.some(12, 5)):
+                    begun = time.monotonic()
+                    count = room.sync.received()["turned"].get("/big/", [0])[0]
+                    room.force_pass()
+                    until("the pass", lambda: room.sync.received()["turned"].get("/big/", [0])[0] > count)
+                    if count:  # the first one is no change
+                        until("all changes at the honest observer", lambda: all_seen(room, observer))
+                        seconds.append(time.monotonic() - begun)
+                    sizes.append(resident(process.pid))
+                answers = client.stop()
+                until("all changes at the end", lambda: all_seen(room, observer))
         finally:
             observer.end()
-        row.times(answers.badges)
-        row.lost += answers.lost()
-        row.require(not row.lost, "something was lost")
+        note_losses(row, answers)
         row.require(not observer.closed, "the honest observer lost its connection")
         grown = max(sizes[3:]) / sizes[2] - 1
         row.require(grown < 0.1, f"memory grew by {100 * grown:.0f} % after pass 3")

@@ -6,8 +6,9 @@ import time
 
 import processes
 import wire
-from attacks import attack, note_memory, watch
+from attacks import attack, watched_room
 from helpers import Times
+from room import Memory
 from waiting import NotSeen, until
 
 NOTICED = 10.0  # seconds
@@ -15,14 +16,14 @@ PROPERTIES = "org.freedesktop.DBus.Properties"
 
 
 def observed(room, start=True):
-    """The roots, as the extension tells them; none while it does not answer."""
+    """The roots, as the extension reports them; none while it does not answer."""
     arguments = wire.GLib.Variant("(ss)", (wire.INTERFACE, "ObservedFolders"))
     reply = room.client.ask(wire.Call(wire.NAME, "Get", arguments, interface=PROPERTIES, start=start))
     return reply.arguments()[0] if reply and reply.kind == wire.RETURN else None
 
 
 def seconds_until_observed(room, path):
-    """Until it says so itself, asked all the time; how many seconds."""
+    """Asks the extension until it observes `path`; the seconds that this took."""
     begun = time.monotonic()
     expected = [path.as_uri()]
     until(f"the root {path.name}", lambda: [one.rstrip("/") for one in observed(room) or []] == expected, NOTICED)
@@ -43,19 +44,16 @@ def badge_of(room, path):
 
 @attack("preferences: another root_dir", "status 0; new badges within 10 s")
 def another_root(torture, row):
-    with torture.room() as room:
+    with watched_room(torture, row) as room:
         other = make_other_root(room)
         room.write_database({"/honest/item.txt": 2, "/item.txt": 1})
-        process = room.start_extension()
-        memory = watch(process)
         room.wait_for_badge("honest/item.txt", "SYNCED")
         room.write_preferences(other)
         seconds = seconds_until_observed(room, other)
         until("the badge in the new folder", lambda: badge_of(room, other / "item.txt") == "PENDING", NOTICED)
         row.require(badge_of(room, room.root / "honest/item.txt") == "", "the old folder still has badges")
-        row.require(process.wait(10) == 0, f"ended with status {process.returncode}")
+        row.require(room.extension.wait(10) == 0, f"ended with status {room.extension.returncode}")
         row.times(Times([1000 * seconds]))
-        note_memory(row, memory)
 
 
 @attack("preferences: written after the start", "noticed within 10 s")
@@ -63,8 +61,7 @@ def written_late(torture, row):
     milliseconds, count = [], torture.some(8, 3)
     for _ in range(count):
         with torture.room(configured=False) as room:
-            command = [room.build / "libexec/VornetVIExt"]
-            process = processes.start(command, room.environment, room.output)
+            process = processes.start([room.program], room.environment, room.output)
             try:
                 while "Skipping initialization" not in room.log_text():  # at once, so no pause
                     row.require(process.poll() is None, "ended before it was configured")
@@ -84,10 +81,8 @@ def written_late(torture, row):
 
 @attack("container remade", "preferences, badges, log within 10 s")
 def new_container(torture, row):
-    with torture.room() as room:
+    with watched_room(torture, row) as room:
         other = make_other_root(room)
-        process = room.start_extension()
-        memory = watch(process)
         room.wait_for_badge("honest/item.txt", "SYNCED")
         shutil.rmtree(room.container)
         time.sleep(1.5)  # as an installer takes, so that nobody mistakes it for a renaming
@@ -98,7 +93,6 @@ def new_container(torture, row):
         until("the badge of the new database", lambda: badge_of(room, other / "item.txt") == "PENDING", NOTICED)
         until("the log in the new container", lambda: badge_of(room, other / "item.txt") and room.log_text(), NOTICED)
         row.times(Times([1000 * seconds]))
-        note_memory(row, memory)
 
 
 def binary_list(objects):
@@ -136,9 +130,9 @@ def bombs(torture, row):
     for name, content in (("shared", shared_references()), ("deep", nested()), ("deep binary", nested_binary())):
         with torture.room(configured=False) as room:
             room.write_preferences_bytes(content)
-            process = processes.start([room.build / "libexec/VornetVIExt"], room.environment, room.output)
+            process = processes.start([room.program], room.environment, room.output)
             try:
-                memory = watch(process)
+                memory = Memory(process.pid)
                 memory.before = memory.before or 0.0
                 begun = time.monotonic()
                 while not room.extension_process() and process.poll() is None and time.monotonic() < begun + 15:

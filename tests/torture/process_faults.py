@@ -5,15 +5,14 @@ import pathlib
 import re
 import signal
 import subprocess
-import threading
 import time
 
 import namespaces
 import processes
 import wire
-from attacks import ENDING, Impossible, ask_to_end, attack, end_status, note_answers, note_memory, watch
+from attacks import ENDING, Impossible, ask_to_end, attack, end_status, note_answers, note_losses, watched
 from helpers import Flood, HonestClient, Times
-from link_faults import menu_time
+from link_faults import menu_time, menus_at_once
 from room import FOLDERS
 from waiting import until
 
@@ -37,7 +36,7 @@ def killed(torture, row):
     with torture.room() as room:
         room.badge("honest/item.txt", start=True)
         room.wait_for_badge("honest/item.txt", "SYNCED")
-        flood = room.keep(Flood(room, "badges", [room.url(f"cold/e{number:05}") for number in range(500)], connections=4))
+        flood = room.keep(Flood(room, "badges", room.urls("cold", 500), connections=4))
         flood.go()
         milliseconds = []
         for number in range(torture.some(100, 10)):
@@ -88,12 +87,11 @@ def in_a_request(room):
     for _ in range(20):
         room.client.send(call)
     until("menus under way", lambda: room.sync.received()["requests"].get("mac_populate_menu", 0) >= 1)
-    until("a poll under way", lambda: room.sync.received()["requests"].get("get_icons_for_folder", 0) >= 1)
+    until("a poll under way", room.sync.polls)
 
 
 def in_a_flood(room):
-    urls = [room.url(f"cold/e{number:05}") for number in range(10_000)]
-    flood = room.keep(Flood(room, "badges", urls, connections=4, at_once=10))
+    flood = room.keep(Flood(room, "badges", room.urls("cold", 10_000), connections=4, at_once=10))
     flood.go()
     time.sleep(0.5)
 
@@ -164,12 +162,14 @@ def joined_records(room):
     return bad
 
 
-def keep_writing(room, seconds):
-    """Hundreds of records, over so many seconds."""
-    end = time.monotonic() + seconds
+def measure_while_writing(torture, room, client):
+    """The honest client's answers while hundreds of records are written."""
+    client.go()
+    end = time.monotonic() + torture.window
     while time.monotonic() < end:
         write_records(room, 10)
         time.sleep(0.05)
+    return client.stop()
 
 
 @attack("disk full, then room", "steady; later records on own lines")
@@ -191,17 +191,14 @@ def disk_full(torture, row):
                         file.write(b"x" * 512)
                 except OSError:
                     pass  # full
-            memory = watch(process)
-            client.go()
-            keep_writing(room, torture.window)
-            answers = client.stop()
-            size = room.log.stat().st_size
-            filler.unlink()
-            write_records(room)
-            grown = room.log.stat().st_size - size
-            row.notes.append(f"the log: {size} bytes when it was full, {grown} more for 20 records with room again")
-            row.require(grown > 20 * 50, "no records with room again")
-            note_memory(row, memory)
+            with watched(row, process):
+                answers = measure_while_writing(torture, room, client)
+                size = room.log.stat().st_size
+                filler.unlink()
+                write_records(room)
+                grown = room.log.stat().st_size - size
+                row.notes.append(f"the log: {size} bytes when it was full, {grown} more for 20 records with room again")
+                row.require(grown > 20 * 50, "no records with room again")
             bad = joined_records(room)
             row.require(not bad, f"{bad} records in another's line")
             row.require(process.poll() is None, f"ended with status {process.returncode}")
@@ -216,11 +213,8 @@ def small_files(torture, row):
     with torture.room() as room:
         process = room.start_extension(["prlimit", "--fsize=8192", "--"], stdout=subprocess.DEVNULL)
         client = room.keep(HonestClient(room))
-        memory = watch(process)
-        client.go()
-        keep_writing(room, torture.window)
-        answers = client.stop()
-        note_memory(row, memory)
+        with watched(row, process):
+            answers = measure_while_writing(torture, room, client)
         row.require(process.poll() is None, f"ended with status {process.returncode}")
         row.require(process.poll() is not None or room.log.stat().st_size > 8000, "the log has not reached the limit")
     note_answers(row, answers)
@@ -233,28 +227,22 @@ def few_descriptors(torture, row):
         for number in range(FOLDERS):
             room.observe(f"f{number:02}")
         client = room.keep(HonestClient(room))
-        memory = watch(process)
-        others = [wire.Connection(room.address) for _ in range(40)]
-        flood = room.keep(Flood(room, "badges", [room.url(f"cold/e{number:05}") for number in range(500)], connections=8))
-        client.go()
-        flood.go()
-        end = time.monotonic() + torture.window
-        menus = threading.Thread(target=ask_for_menus, args=(room, others, end))
-        menus.start()
-        menus.join()
-        answers = client.stop()
-        flood.stop()
-        row.notes.append(f"{count_descriptors(process)} descriptors at the end")
-        if process.poll() is None:
-            look_at_what_needs_descriptors(room, row)
-        note_memory(row, memory)
+        with watched(row, process):
+            others = [wire.Connection(room.address) for _ in range(40)]
+            flood = room.keep(Flood(room, "badges", room.urls("cold", 500), connections=8))
+            client.go()
+            flood.go()
+            ask_for_menus(room, others, time.monotonic() + torture.window)
+            answers = client.stop()
+            flood.stop()
+            row.notes.append(f"{count_descriptors(process)} descriptors at the end")
+            if process.poll() is None:
+                look_at_what_needs_descriptors(room, row)
         if process.poll() is not None and process.returncode > 0:
             row.notes.append(f"it ended and said: {room.last_words()}")
             return
         row.require(process.poll() is None, f"ended with status {process.returncode}")
-    row.times(answers.badges)
-    row.lost += answers.lost()
-    row.require(not row.lost, "something was lost")
+    note_losses(row, answers)
 
 
 def look_at_what_needs_descriptors(room, row):
@@ -269,11 +257,8 @@ def look_at_what_needs_descriptors(room, row):
 
 
 def ask_for_menus(room, clients, end):
-    call = wire.menu(wire.NAME, [room.url("honest/item.txt")])
     while time.monotonic() < end:
-        serials = [client.send(call) for client in clients]
-        for client, serial in zip(clients, serials):
-            client.reply(serial, 10)
+        menus_at_once(room, clients, 10)
 
 
 def count_descriptors(process):

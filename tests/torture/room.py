@@ -32,7 +32,7 @@ class Room:
     def __init__(self, folder, build, sync=True, configured=True):
         self.folder, self.build = pathlib.Path(folder), pathlib.Path(build)
         self.root, self.data = self.folder / "Kelvane", self.folder / "home/.local/share"
-        self.container = self.data / CONTAINER
+        self.container, self.program = self.data / CONTAINER, self.build / "libexec/VornetVIExt"
         self.output = self.folder / "output.log"
         self._open = contextlib.ExitStack()
         for path in (self.root / "honest", self.root / "fill", self.root / "cold", self.container, self.folder / "runtime"):
@@ -131,7 +131,7 @@ class Room:
 
     def start_extension(self, wrapper=(), **options):
         """Starts it directly, by way of the command `wrapper`, and waits until it serves. Its Popen."""
-        command = [*wrapper, self.build / "libexec/VornetVIExt"]
+        command = [*wrapper, self.program]
         process = processes.start(command, self.environment, self.output, **options)
         self._open.callback(processes.end, process, signal.SIGKILL)
         until("the extension on the bus", lambda: self.extension_process() or process.poll() is not None)
@@ -163,6 +163,15 @@ class Room:
         until(f"the badge {badge} of {name}", lambda: self.badge(name) == badge, timeout)
         return time.monotonic() - begun
 
+    def urls(self, folder, count):
+        """The URLs of the first items that `fill` makes, or that the database has of "cold"."""
+        return [self.url(f"{folder}/e{number:05}") for number in range(count)]
+
+    def observe_new(self, name):
+        """A folder that is new on screen has all folders polled at once."""
+        (self.root / name).mkdir()
+        self.observe(name)
+
     def observe(self, name, client=None):
         return (client or self.client).ask(wire.observe(wire.NAME, self.url(name)))
 
@@ -171,15 +180,13 @@ class Room:
         self.sync.tell(folders={f"/{name}/": {"prefix": "e", "count": count, "code": 1}})
         self.observe(name, client)
         self.wait_for_badge(f"{name}/e{count - 1:05}", "PENDING")
-        return [self.url(f"{name}/e{number:05}") for number in range(count)]
 
     def force_pass(self):
-        """Has every folder on screen polled now: a folder that is new on screen does that. Waits until it was."""
+        """Has every folder on screen polled now, and waits until it was."""
         self._passes = getattr(self, "_passes", 0) + 1
         name = f"pass{self._passes}"
-        (self.root / name).mkdir()
         self.sync.tell(items={f"/{name}/": {f"/{name}/x": 1}})
-        self.observe(name)
+        self.observe_new(name)
         self.wait_for_badge(f"{name}/x", "PENDING")
 
 
@@ -225,7 +232,7 @@ class Memory:
                 return
 
     def settle(self, seconds=2.0):
-        """Gives the process some time to give memory back, then looks a last time."""
+        """Gives the process some time to return memory, then measures a last time."""
         end = time.monotonic() + seconds
         while time.monotonic() < end and (now := resident(self._process)) and now > self.before * 1.1:
             time.sleep(0.05)

@@ -1,4 +1,4 @@
-"""A sync application that misbehaves on command, a process of its own that serves the fixed port on bare sockets. It reads
+"""A sync application that misbehaves on command, in its own process, which serves the fixed port on bare sockets. It reads
 commands from standard input and answers each on standard output, a line of JSON for a line of JSON; it ends with its input.
 
 {"folders": {"/a/": {"prefix": "e", "count": 3, "code": 2}}}   what the folders hold: /a/e00000 to /a/e00002, synced. With
@@ -37,7 +37,7 @@ class Application:
         self.requests, self.actions, self.turned, self.received = {}, [], {}, 0
         self.one_at_a_time, self.listener, self.flapping = False, None, None
 
-    # --- What it is told --------------------------------------------------------------------------------------------
+    # --- Commands ---------------------------------------------------------------------------------------------------
 
     def command(self, order):
         with self.lock:
@@ -87,7 +87,7 @@ class Application:
             self.listen()
             time.sleep(seconds)
 
-    # --- What it serves ---------------------------------------------------------------------------------------------
+    # --- Requests ---------------------------------------------------------------------------------------------------
 
     def accept(self, listener):
         while True:

@@ -79,6 +79,6 @@ def markdown(rows):
     yield "| Attack | p50 | p99 | bare p99 | before | peak | after | Lost | Target | |"
     yield "|---|--:|--:|--:|--:|--:|--:|---|---|---|"
     for row in rows:
-        details = dict(row.details())
-        cells = [row.attack, *row.figures(), details["lost"], row.target, row.result]
+        figures = ["" if figure == "-" else figure for figure in row.figures()]
+        cells = [row.attack, *figures, ", ".join(row.lost), row.target, row.result]
         yield "| " + " | ".join(cell.replace("|", "\\|") for cell in cells) + " |"

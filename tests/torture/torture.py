@@ -4,16 +4,14 @@
 import argparse
 import os
 import pathlib
-import shutil
 import signal
 import socket
 import sys
-import tempfile
 import time
 
 sys.path.insert(1, str(pathlib.Path(__file__).resolve().parent.parent / "desktop"))
 import namespaces
-import processes
+import program
 import table
 from attacks import ATTACKS, Torture
 from sync_application import PORT
@@ -33,7 +31,7 @@ LONG_FORM_ONLY = (
 
 
 def take_the_port():
-    """With namespaces of its own the port is free. Without, it is the machine's and must be."""
+    """In its own namespaces the port is free. Elsewhere it must be."""
     if os.environ.get(namespaces.MARK) == str(os.getpid()) or namespaces.are_possible():
         namespaces.enter()  # restarts this program, the first time
         namespaces.bring_up_loopback()
@@ -48,7 +46,7 @@ def take_the_port():
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--build", required=True, type=lambda text: pathlib.Path(text).resolve())
+    parser.add_argument("--build", required=True, type=program.path)
     parser.add_argument("--short", action="store_true", help="short windows, fewer rounds: about three minutes")
     parser.add_argument("--only", action="append", default=[], help="only the attacks whose names hold this text")
     parser.add_argument("--markdown", type=pathlib.Path, help="also writes the table to this file")
@@ -60,14 +58,11 @@ def main():
     if not chosen:
         parser.error("no attack has such a name")
     take_the_port()
-    processes.adopt_orphans()
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
     signal.signal(signal.SIGINT, signal.default_int_handler)  # also when it was started to ignore it
-    folder = pathlib.Path(tempfile.mkdtemp(prefix="vornet-torture-"))
-    folder.chmod(0o755)  # another user's process starts from here
-    torture = Torture(arguments.build, folder, arguments.short, arguments.verbose)
     rows, begun = [], time.monotonic()
-    try:
+    with program.workplace() as folder:
+        folder.chmod(0o755)  # another user's process starts from here
+        torture = Torture(arguments.build, folder, arguments.short, arguments.verbose)
         print(table.header(), flush=True)
         for name, target, function in chosen:
             row = torture.run(name, target, function)
@@ -77,9 +72,6 @@ def main():
                 row = torture.run(name, target, function)
             rows.append(row)
             print("\n".join(table.lines(row)), flush=True)
-    finally:
-        processes.end_all()
-        shutil.rmtree(folder, ignore_errors=True)
     print(table.footer(rows))
     for name in left_out:
         print(f"LEFT OUT: {name} (the long form has it)")

@@ -44,12 +44,16 @@ def badges(destination, urls, start=False):
     return Call(destination, "RequestBadges", GLib.Variant("(as)", (urls,)), start=start)
 
 
-def menu(destination, urls, start=False):
-    return Call(destination, "GetMenu", GLib.Variant("(as)", (urls,)), start=start)
+def menu(destination, urls):
+    return Call(destination, "GetMenu", GLib.Variant("(as)", (urls,)))
 
 
-def observe(destination, url, start=False):
-    return Call(destination, "BeginObserving", GLib.Variant("(s)", (url,)), start=start)
+def observe(destination, url):
+    return Call(destination, "BeginObserving", GLib.Variant("(s)", (url,)))
+
+
+def perform(destination, action, urls):
+    return Call(destination, "PerformAction", GLib.Variant("(sas)", (action, urls)))
 
 
 def frame_size(data):

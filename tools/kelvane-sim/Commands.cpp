@@ -1,11 +1,11 @@
 #include "kelvane-sim/Commands.hpp"
 
 #include <algorithm>
+#include <array>
 #include <boost/json.hpp>
-#include <cstdio>
-#include <optional>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace vornet::sim {
@@ -14,169 +14,142 @@ namespace json = boost::json;
 
 namespace {
 
-struct BadRequest : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
+using Paths = std::vector<std::string>;
 
 HttpReply errorReply(int status, const std::string& text) {
   return {status, json::serialize(json::object{{"error", text}})};
 }
 
-json::object objectOf(std::string_view body) {
-  boost::system::error_code error;
-  json::value value = json::parse(json::string_view(body.data(), body.size()), error);
-  if (error) throw BadRequest{"the body is not JSON"};
-  if (!value.is_object()) throw BadRequest{"the body is not an object"};
-  return std::move(value.get_object());
-}
-
-std::string textOf(const json::object& object, const char* key, const char* complaint) {
-  const json::value* value = object.if_contains(key);
-  if (value == nullptr || !value->is_string()) throw BadRequest{complaint};
-  return std::string(value->get_string());
-}
-
-std::vector<std::string> pathsOf(const json::object& object) {
-  const json::value* value = object.if_contains("paths");
-  if (value == nullptr || !value->is_array()) throw BadRequest{"\"paths\" is not an array"};
-  std::vector<std::string> paths;
-  for (const json::value& path : value->get_array()) {
-    if (!path.is_string()) throw BadRequest{"\"paths\" holds something that is no text"};
-    if (!path.get_string().starts_with('/')) throw BadRequest{"\"paths\" holds something that is no cloud path"};
-    paths.emplace_back(path.get_string());
-  }
+Paths pathsOf(const json::value& body) {
+  auto paths = json::value_to<Paths>(body.at("paths"));
+  if (!std::all_of(paths.begin(), paths.end(), [](const std::string& path) { return path.starts_with('/'); }))
+    throw std::invalid_argument("\"paths\" holds something other than cloud paths");
   return paths;
 }
 
-// --- The menu
+/// Names of the actions "1" to "5".
+constexpr std::array<const char*, 5> ACTIONS{"Share", "Copy Link", "View in Cloud", "Comments", "View versions"};
 
-/// One action: its identifier on the wire and its name in the journal.
-struct MenuAction {
-  std::string_view uid;
-  std::string_view name;
-};
-
-/// The five actions in the order of their identifiers "1" to "5".
-constexpr std::array<MenuAction, 5> MENU_ACTIONS{{
-    {"1", "Share"},
-    {"2", "Copy Link"},
-    {"3", "View in Cloud"},
-    {"4", "Comments"},
-    {"5", "View versions"},
-}};
-
-/// The action with the identifier `uid`; none for any other text.
-std::optional<MenuAction> menuActionWithUid(std::string_view uid) {
-  const auto found =
-      std::find_if(MENU_ACTIONS.begin(), MENU_ACTIONS.end(), [&](const MenuAction& a) { return a.uid == uid; });
-  if (found == MENU_ACTIONS.end()) return std::nullopt;
-  return *found;
+/// Which of ACTIONS are enabled. None for an empty selection, and unless every item is known and pending or synced.
+std::array<bool, ACTIONS.size()> enabledActions(const Paths& paths, const SyncedFolder& folder) {
+  const bool single = paths.size() == 1;
+  bool syncedFile = single;  // only it has versions
+  for (const std::string& path : paths) {
+    const auto item = folder.find(path);
+    if (!item || (item->code != CODE_PENDING && item->code != CODE_SYNCED)) return {};
+    syncedFile = syncedFile && !item->folder && item->code == CODE_SYNCED;
+  }
+  return {!paths.empty(), single, !paths.empty(), single, syncedFile};
 }
 
-/// Which of MENU_ACTIONS are enabled for a selection. `items`: one element for each selected path, none for a path that
-/// is not known. Nothing is enabled for an empty selection, nor when an item is unknown or its code is neither 1
-/// (pending) nor 2 (synced). Otherwise
-/// - "1" share as link:  one or more items
-/// - "2" copy link:      exactly one item
-/// - "3" view in cloud:  one or more items
-/// - "4" comments:       exactly one item
-/// - "5" view versions:  exactly one item that is a synced file (folders have no versions).
-std::array<bool, 5> enabledActions(const std::vector<std::optional<FolderModel::Item>>& items) {
-  const bool allInCloud = std::all_of(items.begin(), items.end(), [](const std::optional<FolderModel::Item>& item) {
-    return item && (item->code == CODE_PENDING || item->code == CODE_SYNCED);
-  });
-  if (items.empty() || !allInCloud) return {};
-  const bool single = items.size() == 1;
-  const bool syncedFile = single && !items.front()->folder && items.front()->code == CODE_SYNCED;
-  return {true, single, true, single, syncedFile};
+HttpReply icons(const json::value& body, const SyncedFolder& folder) {
+  const auto name = json::value_to<std::string>(body.at("dir_name"));
+  if (!name.starts_with('/') || !name.ends_with('/'))
+    throw std::invalid_argument("\"dir_name\" does not begin and end with /");
+  const auto children = folder.children(name);
+  if (!children) return errorReply(404, "no such folder");
+  return {200, json::serialize(json::value_from(*children))};
+}
+
+HttpReply menu(const json::value& body, const SyncedFolder& folder) {
+  json::object entries;
+  int uid = 0;
+  for (const bool enabled : enabledActions(pathsOf(body), folder)) entries[std::to_string(++uid)] = enabled;
+  return {200, json::serialize(entries)};
+}
+
+HttpReply select(const json::value& body, const Perform& perform) {
+  const auto uid = json::value_to<std::string>(body.at("uid"));
+  if (uid.size() != 1 || uid < "1" || uid > "5") throw std::invalid_argument("\"uid\" is none of \"1\" to \"5\"");
+  const Action action{uid, ACTIONS.at(static_cast<std::size_t>(uid[0] - '1')), pathsOf(body)};
+  try {
+    perform(action);
+  } catch (const std::exception& error) {
+    return errorReply(500, error.what());
+  }
+  return {200, "{}"};
+}
+
+HttpReply properAnswer(const HttpRequest& request, const SyncedFolder& folder, const Perform& perform) {
+  const std::string_view command = commandOf(request);
+  try {
+    if (command == "get_icons_for_folder") return icons(json::parse(request.body), folder);
+    if (command == "mac_populate_menu") return menu(json::parse(request.body), folder);
+    if (command == "select_context_menu") return select(json::parse(request.body), perform);
+  } catch (const std::exception& error) {
+    return errorReply(400, error.what());
+  }
+  return errorReply(404, "no such command");
 }
 
 // --- Spoilt replies
-// ---------------------------------------------------------------------------------------------------
 
-json::value wrongValue(const json::value& value, bool odd) {
-  if (value.is_bool()) return value.get_bool() ? 1 : 0;
-  if (odd) return true;
-  return 1.5;
-}
-
-void addHugeEntries(json::object& entries, const HttpRequest& request) {
+// Written as text, so that even a loaded machine makes it before a client gives up.
+std::string hugeEntries(std::string entries, const HttpRequest& request) {
   constexpr int COUNT = 100'000;
-  std::string prefix;
-  json::value value = false;
-  if (commandOf(request) == COMMAND_ICONS) {
-    prefix = textOf(objectOf(request.body), "dir_name", "");
-    value = CODE_SYNCED;
-  }
-  entries.reserve(entries.size() + COUNT);
+  const bool codes = commandOf(request) == "get_icons_for_folder";
+  std::string begin = json::serialize(codes ? json::parse(request.body).at("dir_name") : json::value(""));
+  begin.pop_back();  // the closing quote
+  entries.pop_back();
   for (int i = 0; i < COUNT; ++i) {
-    std::array<char, 32> number{};
-    std::snprintf(number.data(), number.size(), "entry-%06d", i);
-    entries.emplace(prefix + number.data(), value);
+    if (entries.size() > 1) entries += ',';
+    entries.append(begin).append("entry-").append(std::to_string(i)).append(codes ? "\":2" : "\":false");
   }
+  return entries += '}';
 }
 
-// The entries of a good reply, changed as `fault` has it.
-std::string spoiltEntries(json::object entries, Fault fault, const HttpRequest& request) {
-  if (fault == Fault::HUGE_REPLY) {
-    addHugeEntries(entries, request);
-    return json::serialize(entries);
-  }
-  if (entries.empty()) entries["/entry"] = CODE_SYNCED;  // there must be something to be wrong
+std::string wrongEntries(json::object entries, Fault fault) {
+  if (entries.empty()) entries["/entry"] = CODE_SYNCED;  // something must be wrong
   json::array list;
   bool odd = false;
   for (auto& entry : entries) {
     json::value& value = entry.value();
     odd = !odd;
-    switch (fault) {
-      case Fault::ARRAY:
-        list.emplace_back(entry.key());
-        list.push_back(value);
-        break;
-      case Fault::STRING_VALUES:
-        value = json::string(json::serialize(value));
-        break;
-      case Fault::NESTED:
-        value = json::object{{"value", value}};
-        break;
-      default:
-        value = wrongValue(value, odd);
-    }
+    if (fault == Fault::array)
+      list.insert(list.end(), {entry.key(), value});
+    else if (fault == Fault::stringValues)
+      value = json::serialize(value);
+    else if (fault == Fault::nested)
+      value = json::object{{"value", value}};
+    else
+      value = value.is_bool() ? json::value(1) : odd ? json::value(true) : json::value(1.5);
   }
-  return fault == Fault::ARRAY ? json::serialize(list) : json::serialize(entries);
+  return fault == Fault::array ? json::serialize(list) : json::serialize(entries);
 }
 
 HttpReply spoilt(HttpReply reply, Fault fault, const HttpRequest& request) {
   switch (fault) {
-    case Fault::STALL:
-      reply.delivery = Delivery::STALL;
+    case Fault::stall:
+      reply.delivery = Delivery::stall;
       break;
-    case Fault::DRIP:
-      reply.delivery = Delivery::DRIP;
+    case Fault::drip:
+      reply.delivery = Delivery::drip;
       break;
-    case Fault::DRIP_HEADERS:
-      reply.delivery = Delivery::DRIP_HEADERS;
+    case Fault::dripHeaders:
+      reply.delivery = Delivery::dripHeaders;
       break;
-    case Fault::RESET:
-      reply.delivery = Delivery::RESET;
+    case Fault::reset:
+      reply.delivery = Delivery::reset;
       break;
-    case Fault::NOT_FOUND:
+    case Fault::notFound:
       return errorReply(404, "not found");
-    case Fault::SERVER_ERROR:
+    case Fault::serverError:
       return errorReply(500, "server error");
-    case Fault::NOT_JSON:
+    case Fault::notJSON:
       return {200, "<html>not JSON"};
-    case Fault::EMPTY_BODY:
+    case Fault::emptyBody:
       return {200, ""};
-    case Fault::ARRAY:
-    case Fault::STRING_VALUES:
-    case Fault::NESTED:
-    case Fault::WRONG_VALUES:
-    case Fault::HUGE_REPLY:
-      if (reply.status == 200) reply.body = spoiltEntries(objectOf(reply.body), fault, request);
+    case Fault::hugeReply:
+      if (reply.status == 200) reply.body = hugeEntries(std::move(reply.body), request);
       break;
-    case Fault::NONE:
-    case Fault::REFUSE:  // the server's matter: no request comes in
+    case Fault::array:
+    case Fault::stringValues:
+    case Fault::nested:
+    case Fault::wrongValues:
+      if (reply.status == 200) reply.body = wrongEntries(json::parse(reply.body).as_object(), fault);
+      break;
+    case Fault::none:
+    case Fault::refuse:  // no request comes in
       break;
   }
   return reply;
@@ -185,61 +158,12 @@ HttpReply spoilt(HttpReply reply, Fault fault, const HttpRequest& request) {
 }  // namespace
 
 std::string_view commandOf(const HttpRequest& request) {
-  std::string_view target = request.target;
-  if (target.starts_with('/')) target.remove_prefix(1);
-  return target;
+  return std::string_view(request.target).substr(request.target.starts_with('/') ? 1 : 0);
 }
 
-Commands::Commands(const SyncEngine& engine, Perform perform) : engine_(engine), perform_(std::move(perform)) {}
-
-HttpReply Commands::answer(const HttpRequest& request, Fault fault) const {
-  const bool act = fault != Fault::STALL && fault != Fault::NOT_FOUND && fault != Fault::SERVER_ERROR;
-  return spoilt(properAnswer(request, act), fault, request);
-}
-
-HttpReply Commands::properAnswer(const HttpRequest& request, bool act) const {
-  const std::string_view command = commandOf(request);
-  if (std::find(COMMANDS.begin(), COMMANDS.end(), command) == COMMANDS.end()) return errorReply(404, "no such command");
-  if (request.method != "POST") return errorReply(405, "only POST");
-  try {
-    if (command == COMMAND_ICONS) return icons(request.body);
-    if (command == COMMAND_MENU) return menu(request.body);
-    return select(request.body, act);
-  } catch (const BadRequest& bad) {
-    return errorReply(400, bad.what());
-  } catch (const std::exception& error) {
-    return errorReply(500, error.what());
-  }
-}
-
-HttpReply Commands::icons(std::string_view body) const {
-  const std::string folder = textOf(objectOf(body), "dir_name", "\"dir_name\" is not a text");
-  if (!folder.starts_with('/') || !folder.ends_with('/'))
-    throw BadRequest{"\"dir_name\" does not begin and end with /"};
-  const auto children = engine_.children(folder);
-  if (!children) return errorReply(404, "no such folder");
-  json::object entries;
-  entries.reserve(children->size());
-  for (const auto& [path, code] : *children) entries.emplace(path, code);
-  return {200, json::serialize(entries)};
-}
-
-HttpReply Commands::menu(std::string_view body) const {
-  const auto enabled = enabledActions(engine_.findAll(pathsOf(objectOf(body))));
-  json::object entries;
-  for (std::size_t i = 0; i < MENU_ACTIONS.size(); ++i)
-    entries[json::string_view(MENU_ACTIONS[i].uid.data(), MENU_ACTIONS[i].uid.size())] = enabled[i];
-  return {200, json::serialize(entries)};
-}
-
-HttpReply Commands::select(std::string_view body, bool act) const {
-  const json::object object = objectOf(body);
-  const auto action = menuActionWithUid(textOf(object, "uid", "\"uid\" is not a text"));
-  if (!action) throw BadRequest{"\"uid\" is none of \"1\" to \"5\""};
-  std::vector<std::string> paths = pathsOf(object);
-  if (paths.empty()) throw BadRequest{"\"paths\" is empty"};
-  if (act) perform_({timeNow(), std::string(action->uid), std::string(action->name), std::move(paths)});
-  return {200, "{}"};
+HttpReply answer(const HttpRequest& request, Fault fault, const SyncedFolder& folder, const Perform& perform) {
+  const bool act = fault != Fault::stall && fault != Fault::notFound && fault != Fault::serverError;
+  return spoilt(properAnswer(request, folder, act ? perform : [](const Action&) {}), fault, request);
 }
 
 }  // namespace vornet::sim

@@ -1,210 +1,105 @@
 // kelvane-sim: the stand-in sync application as a program.
 
+#include <unistd.h>
+
 #include <CLI/CLI.hpp>
-#include <algorithm>
+#include <boost/asio.hpp>
 #include <charconv>
 #include <chrono>
 #include <cmath>
 #include <csignal>
-#include <cstdint>
 #include <cstdio>
 #include <exception>
-#include <optional>
+#include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
-#include <vector>
 
-#include "kelvane-sim/ActionJournal.hpp"
-#include "kelvane-sim/ControlSocket.hpp"
-#include "kelvane-sim/Fault.hpp"
+#include "HelpFormatter.hpp"
 #include "kelvane-sim/KelvaneSim.hpp"
-#include "kelvane-sim/Places.hpp"
-#include "kelvane-sim/Printable.hpp"
 
 namespace {
 
-using namespace vornet::sim;
-
-constexpr int EXIT_DONE = 0;
-constexpr int EXIT_FAILED = 1;
-constexpr int EXIT_USAGE = 2;
-
-struct Arguments {
-  std::string folder;
-  std::string container;
-  std::string state;
-  std::uint16_t port = KelvaneSim::DEFAULT_PORT;
-  double transferTime = 1.5;
-  std::size_t parallel = 4;
-  bool synced = false;
-  bool force = false;
-  std::string fault;
-  std::string path;
-  std::string status;
-};
-
-std::string stateFolder(const Arguments& arguments) {
-  if (!arguments.state.empty()) return absolutePath(arguments.state);
-  return arguments.container.empty() ? groupContainerPath() : absolutePath(arguments.container);
-}
+namespace asio = boost::asio;
+using vornet::sim::KelvaneSim;
 
 void print(const std::string& line) {
   std::puts(line.c_str());
   std::fflush(stdout);
 }
 
-std::optional<int> parseStatus(std::string_view text) {
+/// "CODE PATH", as "2 /Reports/May.md".
+std::string setStatus(KelvaneSim& sim, std::string_view line) {
   int code = 0;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), code);
-  return error == std::errc() && end == text.data() + text.size() ? std::optional(code) : std::nullopt;
-}
-
-/// "fault FAULT" or "status CODE PATH".
-std::string handleControl(KelvaneSim& sim, const std::string& line) {
-  const std::size_t blank = std::min(line.find(' '), line.size());
-  const std::string rest = line.substr(std::min(blank + 1, line.size()));
-  if (line.starts_with("fault ")) {
-    const auto request = parseFault(rest);
-    if (!request) return "error: not understood";
-    try {
-      sim.setFault(request->fault, request->duration);
-    } catch (const std::exception& error) {
-      return std::string("error: ") + error.what();
-    }
-  } else if (line.starts_with("status ")) {
-    const std::size_t end = std::min(rest.find(' '), rest.size());
-    const auto code = parseStatus(std::string_view(rest).substr(0, end));
-    const std::string path = rest.substr(std::min(end + 1, rest.size()));
-    if (!code) return "error: not understood";
-    if (!path.starts_with('/')) return "error: not a cloud path: " + path;
-    sim.setStatus(path, *code);
-  } else {
-    return "error: not understood";
-  }
-  std::string shown = line.substr(0, blank);
-  shown.resize(11, ' ');
-  print(shown + printable(rest));
+  const auto [end, error] = std::from_chars(line.data(), line.data() + line.size(), code);
+  const std::string_view path = line.substr(static_cast<std::size_t>(end - line.data()));
+  if (error != std::errc() || !path.starts_with(" /")) return "error: not \"CODE PATH\": " + std::string(line);
+  sim.setStatus(std::string(path.substr(1)), code);
   return "ok";
 }
 
-int run(const Arguments& arguments) {
-  // Before there is any thread, so that only the wait below gets the signals.
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-
-  KelvaneSim::Options options;
-  options.root = arguments.folder;
-  options.container = arguments.container;
-  options.state = arguments.state;
-  options.port = arguments.port;
-  options.transferTime = std::chrono::milliseconds(std::llround(arguments.transferTime * 1000));
-  options.parallelTransfers = arguments.parallel;
-  options.assumeSynced = arguments.synced;
-  options.force = arguments.force;
-  options.notice = print;
+void run(const KelvaneSim::Options& options) {
+  asio::io_context context;
+  asio::signal_set signals(context, SIGINT, SIGTERM);
+  signals.async_wait([&](const auto&, int) { context.stop(); });
   KelvaneSim sim(options);
   sim.start();
-  const ControlSocket control(sim.state(), [&](const std::string& line) { return handleControl(sim, line); });
-  print("started    " + printable(sim.root()) + ", " + std::to_string(sim.items()) +
-        " items, 127.0.0.1:" + std::to_string(sim.port()));
-  print("container  " + printable(sim.container()));
-  int signal = 0;
-  sigwait(&signals, &signal);
-  print("stopped");
-  return EXIT_DONE;
-}
+  print("started");
 
-int showJournal(const Arguments& arguments) {
-  const std::vector<Action> actions = ActionJournal(stateFolder(arguments)).read();
-  for (const Action& action : actions) {
-    std::string line = action.time;
-    line.append("  ").append(action.name).append(":");
-    for (const std::string& path : action.paths) line.append(" ").append(path);
-    print(printable(line));
-  }
-  if (actions.empty()) print("no actions yet");
-  return EXIT_DONE;
-}
-
-int tell(const Arguments& arguments, const std::string& line) {
-  const std::string answer = ControlSocket::ask(stateFolder(arguments), line);
-  if (answer == "ok") return EXIT_DONE;
-  std::fprintf(stderr, "kelvane-sim: %s\n", printable(answer).c_str());
-  return EXIT_FAILED;
-}
-
-std::string faultList() {
-  std::string text = "Faults, given as NAME[:SECONDS]:\n";
-  for (const FaultName& fault : FAULT_NAMES) {
-    text +=
-        "  " + std::string(fault.name) + std::string(14 - fault.name.size(), ' ') + std::string(fault.meaning) + "\n";
-  }
-  text.pop_back();
-  return text;
+  asio::posix::stream_descriptor input(context, ::dup(STDIN_FILENO));
+  std::string text;
+  const std::function<void()> read = [&] {
+    asio::async_read_until(input, asio::dynamic_buffer(text), '\n', [&](const auto& error, std::size_t length) {
+      if (error) return;
+      print(setStatus(sim, std::string_view(text).substr(0, length - 1)));
+      text.erase(0, length);
+      read();
+    });
+  };
+  read();
+  context.run();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  Arguments arguments;
+  constexpr int EXIT_USAGE = 2;
+  KelvaneSim::Options options;
+  double transferTime = 1.5;
   CLI::App app{
-      "Stands in for the sync application: keeps a folder \"synced\" and answers for it. It only reads the folder.",
+      "Stands in for the sync application: answers for the folder DIR on port 8806\n"
+      "until SIGINT or SIGTERM. It only reads the folder.\n\n"
+      "A line \"CODE PATH\" on standard input, such as \"2 /Reports/May.md\", sets the\n"
+      "status of an item: 2 synced, 1 in progress, 0 not synced, -1 none. The answer\n"
+      "is \"ok\".\n",
       "kelvane-sim"};
-  app.require_subcommand(1);
-  const CLI::Validator fault([](std::string& text) { return parseFault(text) ? "" : "no such fault: " + text; },
-                             "FAULT");
-  const auto addPlaces = [&](CLI::App* command) {
-    command->add_option("--container", arguments.container, "Group container (default: the user's)");
-    command->add_option("--state", arguments.state, "Folder of the action journal (default: the container)");
-  };
-
-  CLI::App* runCommand = app.add_subcommand("run", "Keep a folder, until SIGINT or SIGTERM");
-  runCommand->add_option("DIR", arguments.folder, "The folder to keep")->required();
-  addPlaces(runCommand);
-  runCommand->add_option("--port", arguments.port, "Port on 127.0.0.1; 0 for any free one")->capture_default_str();
-  runCommand->add_option("--transfer-time", arguments.transferTime, "Seconds that the transfer of one file takes")
+  app.formatter(std::make_shared<vornet::HelpFormatter>());
+  app.set_help_flag("-h,--help", "Print this help and exit");
+  app.add_option("DIR", options.root, "The synced folder")->type_name("")->required();
+  app.add_option("--container", options.container, "The group container, for preferences and statuses")
+      ->type_name("FOLDER")
+      ->required();
+  app.add_option("--transfer-time", transferTime, "Duration of the transfer of one file")
+      ->type_name("SECONDS")
       ->capture_default_str()
-      ->check(CLI::Range(0.0, 86400.0));
-  runCommand->add_option("--parallel", arguments.parallel, "Transfers at a time")
+      ->check(CLI::Range(0.0, 86400.0).description(""));
+  app.add_option("--parallel", options.parallelTransfers, "Number of simultaneous transfers")
+      ->type_name("NUMBER")
       ->capture_default_str()
-      ->check(CLI::Range(1, 10000));
-  runCommand->add_flag("--synced", arguments.synced, "Take the files found at the start for synced");
-  runCommand->add_flag("--force", arguments.force,
-                       "Use the container even if the real sync application has written its files there: replace them");
-
-  CLI::App* journalCommand = app.add_subcommand("journal", "Show the actions received");
-  addPlaces(journalCommand);
-
-  CLI::App* faultCommand =
-      app.add_subcommand("fault", "Make the running program misbehave, or behave again with \"none\"");
-  faultCommand->add_option("FAULT", arguments.fault, "NAME[:SECONDS]")->required()->check(fault);
-  addPlaces(faultCommand);
-  faultCommand->footer(faultList());
-
-  CLI::App* statusCommand =
-      app.add_subcommand("status", "Make the running program give an item a status, whatever its own is");
-  statusCommand->add_option("PATH", arguments.path, "Cloud path, as \"/Reports/May.md\"")->required();
-  statusCommand
-      ->add_option("STATUS", arguments.status, "2 synced, 1 in progress, 0 not synced, -1 none, or any other integer")
-      ->required()
-      ->check([](const std::string& text) { return parseStatus(text) ? std::string() : "no status: " + text; });
-  addPlaces(statusCommand);
-
+      ->check(CLI::Range(1, 10000).description(""));
+  app.add_flag("--synced", options.assumeSynced, "Treat the files found at the start as synced");
+  app.add_flag("--force", options.force, "Replace another application's files");
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? EXIT_DONE : EXIT_USAGE;
+    return app.exit(error) == 0 ? EXIT_SUCCESS : EXIT_USAGE;
   }
+  options.transferTime = std::chrono::milliseconds(std::llround(transferTime * 1000));
   try {
-    if (*runCommand) return run(arguments);
-    if (*journalCommand) return showJournal(arguments);
-    if (*statusCommand) return tell(arguments, "status " + arguments.status + " " + arguments.path);
-    return tell(arguments, "fault " + arguments.fault);
+    run(options);
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "kelvane-sim: %s\n", printable(error.what()).c_str());
-    return EXIT_FAILED;
+    std::fprintf(stderr, "kelvane-sim: %s\n", error.what());
+    return EXIT_FAILURE;
   }
+  return EXIT_SUCCESS;
 }

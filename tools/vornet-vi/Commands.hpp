@@ -1,11 +1,13 @@
 #pragma once
 
+#include <chrono>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "Extension.hpp"
+#include "Notices.hpp"
 #include "Options.hpp"
 #include "Printer.hpp"
 
@@ -13,8 +15,21 @@
 /// extension refuses or fails, std::runtime_error for the disk; what Output throws passes through.
 namespace vornet::vi {
 
-/// Shows a folder's entries and badges once. `folder`: absolute.
-void listFolder(Extension& extension, Printer& printer, const std::string& folder);
+/// Shows a folder's entries and badges once, and warns when these may be old because the sync application is silent.
+/// `folder`: absolute.
+void listFolder(Extension& extension, Printer& printer, const Notices& notices, const std::string& folder);
+
+/// Shows `folder` (absolute), then every change of its badges and entries. When the extension ends it is restarted, the
+/// folder observed and all badges requested again. Where the extension has no room to observe the folder, badges are
+/// requested every few seconds; where it is too busy, requests are retried after a second. `notices` gets a warning
+/// when the sync application falls silent, and when it answers again.
+///
+/// Returns when `duration` is over or SIGINT or SIGTERM came, having ended the observation. Throws Failure when the
+/// folder cannot be observed, or the extension stops answering, std::runtime_error when the folder vanishes, BrokenPipe
+/// when nobody reads `outputDescriptor` any more, and what Output throws. One thread, the extension's; takes SIGINT and
+/// SIGTERM.
+void watchFolder(Extension& extension, Printer& printer, const Notices& notices, const std::string& folder,
+                 int outputDescriptor, std::optional<std::chrono::milliseconds> duration);
 
 /// Shows the menu of `selection` (absolute paths).
 void showMenu(Extension& extension, Printer& printer, const std::vector<std::string>& selection);
@@ -23,8 +38,8 @@ void showMenu(Extension& extension, Printer& printer, const std::vector<std::str
 void performEntry(Extension& extension, Printer& printer, const std::string& wanted,
                   const std::vector<std::string>& selection);
 
-/// Shows what runs. Starts the extension only when `start`. Throws after printing when the extension cannot be started,
-/// or runs without answering.
+/// Shows what runs and what is wrong. Starts the extension only when `start`. Throws after printing when anything is
+/// wrong.
 void showStatus(Extension& extension, Printer& printer, bool start);
 
 /// The entry that `wanted` names: by its title, letter case apart, or by its action with or without the final ":".

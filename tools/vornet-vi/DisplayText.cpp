@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <vector>
 
-#include "client/GLibPtr.hpp"
+#include "dbus/GLibPtr.hpp"
 
 namespace vornet::vi {
 namespace {
@@ -111,7 +111,7 @@ std::size_t displayWidth(std::string_view safe) {
 }
 
 std::string elided(std::string_view safe, std::size_t columns, bool unicode) {
-  if (displayWidth(safe) <= columns) return std::string{safe};
+  if (displayWidth(safe) <= columns) return std::string(safe);
   const std::string_view mark = unicode ? "\u2026" : "...";
   const std::size_t markWidth = unicode ? 1 : 3;
   if (columns <= markWidth) return std::string(mark.substr(0, unicode && columns > 0 ? mark.size() : columns));
@@ -154,7 +154,7 @@ std::string elided(std::string_view safe, std::size_t columns, bool unicode) {
 }
 
 std::string validUTF8(std::string_view raw) {
-  const client::GCharPtr valid{g_utf8_make_valid(raw.data(), static_cast<gssize>(raw.size()))};
+  const GCharPtr valid{g_utf8_make_valid(raw.data(), static_cast<gssize>(raw.size()))};
   return valid.get();
 }
 

@@ -11,15 +11,14 @@ namespace vornet::vi {
 
 /// `raw` with everything unprintable escaped: "\n", "\t", "\r", "\e", a backslash as "\\", other ASCII control
 /// characters and bytes that are not UTF-8 as "\xHH", other characters that draw nothing or turn the text's direction
-/// as
-/// "\u{HEX}". With `unicode` false (a locale that is not UTF-8) every character beyond ASCII is escaped too.
+/// as "\u{HEX}". With `unicode` false (a locale that is not UTF-8) every character beyond ASCII is escaped too.
 std::string safeText(std::string_view raw, bool unicode);
 
 /// The columns that `safe`, a result of safeText, takes: two for a wide character, none for a combining one.
 std::size_t displayWidth(std::string_view safe);
 
-/// `safe` in at most `columns` columns: what does not fit is cut out of the middle, "…" (or "...") standing for it, and
-/// no combining character is parted from its base. An escape may be cut.
+/// `safe` in at most `columns` columns: what does not fit is cut out of the middle and replaced by "…" (or "..."); no
+/// combining character is separated from its base. An escape may be cut.
 std::string elided(std::string_view safe, std::size_t columns, bool unicode);
 
 /// `raw` as UTF-8: each byte that is not is replaced by U+FFFD.

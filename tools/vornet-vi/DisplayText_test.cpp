@@ -15,7 +15,7 @@ TEST(DisplayTextTest, EscapesEverythingThatCouldDriveATerminal) {
                      "31m",
                      true),
             "\\u{9b}31m");  // a control character beyond ASCII
-  EXPECT_EQ(safeText(std::string_view{"a\0b", 3}, true), "a\\x00b");
+  EXPECT_EQ(safeText(std::string_view("a\0b", 3), true), "a\\x00b");
 }
 
 TEST(DisplayTextTest, EscapesBytesThatAreNotUTF8OneByOne) {
@@ -65,7 +65,7 @@ TEST(DisplayTextTest, ElidesTheMiddleAndKeepsTheEnding) {
   EXPECT_EQ(elided("a-very-long-name.txt", 11, false), "a-ve....txt");
 }
 
-TEST(DisplayTextTest, NeverExceedsTheColumnsNorPartsAMarkFromItsBase) {
+TEST(DisplayTextTest, NeverExceedsTheColumnsNorSeparatesAMarkFromItsBase) {
   const std::string name = "e\u0301報告e\u0301報告e\u0301報告e\u0301報告e\u0301";
   for (std::size_t columns = 0; columns <= displayWidth(name); ++columns) {
     for (const bool unicode : {true, false}) {

@@ -4,19 +4,19 @@
 #include <array>
 #include <cstdio>
 #include <memory>
+#include <set>
 #include <string_view>
 
+#include "client/MenuPrefetch.hpp"
 #include "client/Paths.hpp"
-#include "client/Values.hpp"
+#include "dbus/GLibPtr.hpp"
 #include "dbus/Interface.hpp"
 
 namespace vornet::vi {
 namespace {
 
 using client::CallError;
-using client::childOf;
-using client::GVariantPtr;
-using client::textOf;
+using client::urlsOf;
 
 constexpr std::chrono::milliseconds FIRST_RETRY{1000};
 constexpr std::chrono::milliseconds LAST_RETRY{30'000};
@@ -25,7 +25,23 @@ std::string about(const std::string& subject, const std::string& text) {
   return subject.empty() ? text : subject + ": " + text;
 }
 
-/// What a call's `error` means. `subject`: what the call was about (a path, an action), or empty.
+std::vector<std::string> textsOf(GVariant* list) {
+  std::vector<std::string> texts;
+  for (gsize i = 0; i < g_variant_n_children(list); ++i) texts.emplace_back(textOf(childOf(list, i)));
+  return texts;
+}
+
+std::string textIn(GVariant* properties, const char* name) {
+  const gchar* text = nullptr;
+  return g_variant_lookup(properties, name, "&s", &text) ? text : "";
+}
+
+std::string subjectOf(const client::Selection& selection) {
+  return selection.size() == 1 ? selection.front() : std::string();
+}
+
+}  // namespace
+
 Failure failureOf(const CallError& error, const std::string& subject) {
   namespace its = dbus::error;
   struct Meaning {
@@ -45,7 +61,8 @@ Failure failureOf(const CallError& error, const std::string& subject) {
       Meaning{its::TOO_MANY_FOLDERS, FailureKind::noRoom,
               about(subject, "the extension observes as many folders as it takes")},
       Meaning{its::BUSY, FailureKind::busy, "the extension is too busy; try again later"},
-      Meaning{"Disconnected", FailureKind::noBus, "the session bus went away"},
+      Meaning{client::INVALID_REPLY, FailureKind::refused, "the extension answered wrongly: " + error.message},
+      Meaning{client::DISCONNECTED, FailureKind::noBus, "the session bus went away"},
       Meaning{"org.freedesktop.DBus.Error.ServiceUnknown", FailureKind::notInstalled,
               "the extension is not installed (the session bus knows no such service)"},
       Meaning{"org.freedesktop.DBus.Error.NameHasNoOwner", FailureKind::notInstalled,
@@ -65,30 +82,6 @@ Failure failureOf(const CallError& error, const std::string& subject) {
   return {FailureKind::refused,
           about(subject, (isItsOwn ? "the extension refused: " : "the extension failed: ") + error.message)};
 }
-
-GVariant* urlsOf(const std::vector<std::string>& paths) {
-  GVariantBuilder urls;
-  g_variant_builder_init(&urls, G_VARIANT_TYPE_STRING_ARRAY);
-  for (const auto& path : paths) g_variant_builder_add(&urls, "s", client::urlOfPath(path).c_str());
-  return g_variant_builder_end(&urls);
-}
-
-std::vector<std::string> textsOf(GVariant* list) {
-  std::vector<std::string> texts;
-  for (gsize i = 0; i < g_variant_n_children(list); ++i) texts.emplace_back(textOf(childOf(list, i)));
-  return texts;
-}
-
-std::string textIn(GVariant* properties, const char* name) {
-  const gchar* text = nullptr;
-  return g_variant_lookup(properties, name, "&s", &text) ? text : "";
-}
-
-std::string subjectOf(const client::Selection& selection) {
-  return selection.size() == 1 ? selection.front() : std::string();
-}
-
-}  // namespace
 
 Extension::Extension(std::chrono::milliseconds timeout)
     : timeout_(timeout), link_(nullptr, {FIRST_RETRY, LAST_RETRY}, *this) {
@@ -122,7 +115,7 @@ Failure Extension::timeoutFailure() const {
   return {FailureKind::timedOut, text.data()};
 }
 
-/// The values of the call that `begin` begins.
+/// Waits for the call that `begin` starts; its values.
 GVariantPtr Extension::await(const std::function<void(client::ExtensionLink::Done)>& begin, const std::string& subject,
                              std::optional<std::chrono::milliseconds> limit) {
   struct Answer {
@@ -153,6 +146,8 @@ ExtensionInfo Extension::readInfo(bool mayStart) {
   ExtensionInfo info;
   info.version = textIn(properties.get(), "Version");
   info.logFile = textIn(properties.get(), "LogFile");
+  if (gint64 since = 0; g_variant_lookup(properties.get(), "SyncApplicationSilentSince", "x", &since))
+    info.silentSince = since;
   if (const GVariantPtr folders{
           g_variant_lookup_value(properties.get(), "ObservedFolders", G_VARIANT_TYPE_STRING_ARRAY)}) {
     for (const auto& url : textsOf(folders.get()))
@@ -202,13 +197,7 @@ void Extension::endObserving(const std::string& folder, std::optional<std::chron
 
 client::Menu Extension::menu(const client::Selection& selection) {
   const auto reply = call("GetMenu", g_variant_new("(@as)", urlsOf(selection)), "(a(ssbs))", subjectOf(selection));
-  const auto entries = childOf(reply.get(), 0);
-  client::Menu menu;
-  for (gsize i = 0; i < g_variant_n_children(entries.get()); ++i) {
-    const auto entry = childOf(entries.get(), i);
-    menu.push_back({textOf(childOf(entry.get(), 0)), textOf(childOf(entry.get(), 1)),
-                    g_variant_get_boolean(childOf(entry.get(), 2).get()) != FALSE, textOf(childOf(entry.get(), 3))});
-  }
+  client::Menu menu = client::menuOf(childOf(reply.get(), 0).get());
   if (menu.empty()) throw outsideFailure(selection);
   return menu;
 }
@@ -225,8 +214,12 @@ void Extension::start() {
 }
 
 std::optional<std::uint32_t> Extension::process() {
-  const auto begin = [this](auto done) {
-    link_.callBus("GetConnectionUnixProcessID", g_variant_new("(s)", dbus::BUS_NAME), "(u)", std::move(done));
+  return processOf(dbus::BUS_NAME);
+}
+
+std::optional<std::uint32_t> Extension::processOf(const std::string& busName) {
+  const auto begin = [&](auto done) {
+    link_.callBus("GetConnectionUnixProcessID", g_variant_new("(s)", busName.c_str()), "(u)", std::move(done));
   };
   try {
     return g_variant_get_uint32(childOf(await(begin, "").get(), 0).get());
@@ -242,42 +235,22 @@ bool Extension::canBeStarted() {
   return std::find(names.begin(), names.end(), dbus::BUS_NAME) != names.end();
 }
 
-void Extension::requestBadges(const std::vector<std::string>& items, BadgesAnswer answered) {
-  const unsigned id = ++lastRequest_;
-  auto limit = std::make_unique<client::Timer>(nullptr);
-  limit->start(timeout_, [this, id] { answer(id, {}, timeoutFailure()); });
-  requests_[id] = {std::move(answered), std::move(limit)};
-  const auto done = [this, id, count = items.size()](GVariant* values, const CallError& error) {
-    if (!values) return answer(id, {}, failureOf(error, ""));
-    auto identifiers = textsOf(childOf(values, 0).get());
-    if (identifiers.size() == count) return answer(id, std::move(identifiers), std::nullopt);
-    answer(id, {}, Failure(FailureKind::refused, "the extension answered for another number of items than asked"));
-  };
-  link_.call("RequestBadges", g_variant_new("(@as)", urlsOf(items)), "(as)", done);
-}
-
-void Extension::answer(unsigned request, std::vector<std::string> identifiers, std::optional<Failure> failure) {
-  const auto found = requests_.extract(request);
-  if (found) found.mapped().answer(std::move(identifiers), std::move(failure));
+std::vector<std::uint32_t> Extension::processesOnBus() {
+  const auto begin = [this](auto done) { link_.callBus("ListNames", nullptr, "(as)", std::move(done)); };
+  std::set<std::uint32_t> processes;
+  for (const auto& name : textsOf(childOf(await(begin, "").get(), 0).get()))
+    if (const auto process = name.starts_with(':') ? processOf(name) : std::nullopt) processes.insert(*process);
+  return {processes.begin(), processes.end()};
 }
 
 // --- What happens ---------------------------------------------------------------------------------------------------
 
-void Extension::badgesChanged(GVariant* changes) {
-  if (!badgeChanged_) return;
-  for (gsize i = 0; i < g_variant_n_children(changes); ++i) {
-    const auto change = childOf(changes, i);
-    const auto path = client::pathOfURL(textOf(childOf(change.get(), 0)));
-    if (path) badgeChanged_(*path, textOf(childOf(change.get(), 1)));
-  }
-}
-
 void Extension::extensionGone() {
-  if (keepsRunning_ && !isBusGone()) link_.wantAgain();
+  if (keepsRunning_ && !isBusGone()) link_.restartWithBackoff();
 }
 
 void Extension::startFailed(const CallError&, bool, bool willRetry) {
-  if (keepsRunning_ && !willRetry && !isBusGone()) link_.wantAgain();
+  if (keepsRunning_ && !willRetry && !isBusGone()) link_.restartWithBackoff();
 }
 
 }  // namespace vornet::vi

@@ -3,7 +3,6 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
-#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -11,13 +10,13 @@
 #include <vector>
 
 #include "client/ExtensionLink.hpp"
-#include "client/Menu.hpp"
+#include "client/FileManager.hpp"
 
 namespace vornet::vi {
 
 using client::MenuEntry;
 
-/// What went wrong with the extension, as far as a caller treats it differently.
+/// Failures of the extension that callers treat differently.
 enum class FailureKind {
   noBus,         ///< there is no session bus, or it went away
   notInstalled,  ///< nobody owns the extension's bus name and the bus cannot start it
@@ -28,6 +27,7 @@ enum class FailureKind {
   outside,       ///< the folder is outside the observed ones
   busy,          ///< the extension, or the bus, has too much to do; later it may not
   noRoom,        ///< the extension observes as many folders as it takes; badges can be asked for all the same
+  unhealthy,     ///< `status` found something wrong
   refused,       ///< the extension refused the call for another reason, or answered wrongly
 };
 
@@ -42,20 +42,26 @@ class Failure : public std::runtime_error {
   FailureKind kind_;
 };
 
+/// What a call's `error` means. `subject`: what the call was about (a path, an action), or empty.
+Failure failureOf(const client::CallError& error, const std::string& subject);
+
 /// A registered badge.
 struct Badge {
   std::string identifier, label, image;
 };
 
-/// What the extension says of itself.
+/// The extension's properties.
 struct ExtensionInfo {
   std::vector<std::string> observedFolders;  ///< paths; empty while the sync application is not configured
   std::vector<Badge> badges;
   std::string version;
   std::string logFile;  ///< a path; empty when there is none
+  /// Since when the sync application has not answered, in seconds since 1970; 0: it answers; -1: it has not been asked
+  /// lately. None: an older extension, which does not say.
+  std::optional<std::int64_t> silentSince;
 };
 
-/// The extension for a program that has nothing else to do than to wait for it.
+/// The extension for a program that does nothing but wait for it.
 ///
 /// One thread, whose default main context delivers everything. Blocking operations run that context until their answer
 /// is there, so handlers are called meanwhile, in the order in which the bus delivered; a handler must not call a
@@ -63,11 +69,6 @@ struct ExtensionInfo {
 /// Failures are thrown as Failure.
 class Extension : private client::ExtensionLink::Listener {
  public:
-  /// An item's path and its new badge identifier.
-  using BadgeChanged = std::function<void(const std::string& path, const std::string& identifier)>;
-  /// The identifiers in the order asked, or why there are none.
-  using BadgesAnswer = std::function<void(std::vector<std::string>, std::optional<Failure>)>;
-
   /// Connects to the session bus; does not start the extension. `timeout`: the limit for every single operation.
   explicit Extension(std::chrono::milliseconds timeout);
   Extension(const Extension&) = delete;
@@ -90,59 +91,55 @@ class Extension : private client::ExtensionLink::Listener {
 
   /// The process; none when the extension does not run.
   std::optional<std::uint32_t> process();
-  /// What the running extension says; fails when it does not run.
+  /// The running extension's properties; fails when it does not run.
   ExtensionInfo infoIfRunning() { return readInfo(false); }
-  /// Whether the bus can start the extension.
+  /// True if the bus can start the extension.
   bool canBeStarted();
+  /// The processes of all clients of the bus, each once.
+  std::vector<std::uint32_t> processesOnBus();
 
   // Without blocking.
 
-  /// Asks for the badges of `items`, at most 10,000. `answer` is called later, once, unless this object goes first.
-  void requestBadges(const std::vector<std::string>& items, BadgesAnswer answer);
+  /// For several calls in flight at a time. Owned by this object.
+  client::ExtensionLink& link() { return link_; }
 
-  /// Called when the badge of an item of an observed folder changed.
-  void onBadgeChanged(BadgeChanged handler) { badgeChanged_ = std::move(handler); }
+  /// The limit for every operation, and why one failed that took longer.
+  std::chrono::milliseconds timeout() const { return timeout_; }
+  Failure timeoutFailure() const;
 
-  /// The unique name of the process that owns the extension's bus name; empty for none. What was observed through
-  /// another one is void.
+  /// The unique name of the process that owns the extension's bus name; empty for none. Observations of an earlier
+  /// process no longer count.
   const std::string& owner() const { return link_.owner(); }
 
-  /// From now on an extension that ended is started again: at once, then ever later while it keeps ending.
+  /// As client::ExtensionLink's.
+  std::optional<std::int64_t> syncApplicationSilentSince() const { return link_.syncApplicationSilentSince(); }
+
+  /// From now on an extension that ended is restarted: at once, then with back-off while it keeps ending.
   void keepRunning() { keepsRunning_ = true; }
 
-  /// Whether the bus itself went away; nothing works any more.
+  /// True if the bus itself went away; nothing works any more.
   bool isBusGone() const { return busProblem_.has_value(); }
 
   /// Makes the blocking operation in progress, if any, fail with FailureKind::interrupted. For handlers.
   void interrupt() { interrupted_ = true; }
 
  private:
-  struct Request {
-    BadgesAnswer answer;
-    std::unique_ptr<client::Timer> limit;
-  };
-
   void extensionReady() override {}
   void extensionGone() override;
   void observedFoldersChanged() override {}
-  void badgesChanged(GVariant* changes) override;
   void busOpened() override { isOpen_ = true; }
   void busLost(const std::string& message) override { busProblem_ = message; }
   void startFailed(const client::CallError& error, bool isFirst, bool willRetry) override;
 
   void waitUntil(const std::function<bool()>& done, std::optional<std::chrono::milliseconds> limit = std::nullopt);
-  client::GVariantPtr await(const std::function<void(client::ExtensionLink::Done)>& begin, const std::string& subject,
-                            std::optional<std::chrono::milliseconds> limit = std::nullopt);
-  client::GVariantPtr call(const char* method, GVariant* arguments, const char* type, const std::string& subject);
+  GVariantPtr await(const std::function<void(client::ExtensionLink::Done)>& begin, const std::string& subject,
+                    std::optional<std::chrono::milliseconds> limit = std::nullopt);
+  GVariantPtr call(const char* method, GVariant* arguments, const char* type, const std::string& subject);
   ExtensionInfo readInfo(bool mayStart);
-  Failure timeoutFailure() const;
   Failure outsideFailure(const client::Selection& selection);
-  void answer(unsigned request, std::vector<std::string> identifiers, std::optional<Failure> failure);
+  std::optional<std::uint32_t> processOf(const std::string& busName);
 
   const std::chrono::milliseconds timeout_;
-  std::map<unsigned, Request> requests_;  ///< those in flight
-  unsigned lastRequest_ = 0;
-  BadgeChanged badgeChanged_;
   std::optional<std::string> busProblem_;
   bool isOpen_ = false;
   bool interrupted_ = false;

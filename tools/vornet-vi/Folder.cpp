@@ -11,8 +11,8 @@
 #include <tuple>
 
 #include "DisplayText.hpp"
-#include "client/GLibPtr.hpp"
 #include "client/Paths.hpp"
+#include "dbus/GLibPtr.hpp"
 
 namespace vornet::vi {
 namespace {
@@ -116,10 +116,10 @@ std::vector<Entry> readFolder(const std::string& folder) {
     if (name == "." || name == "..") continue;
     struct stat status{};
     if (fstatat(dirfd(open.get()), next->d_name, &status, AT_SYMLINK_NOFOLLOW) == 0) {
-      entries.push_back(entryOf(std::string{name}, status));
+      entries.push_back(entryOf(std::string(name), status));
     } else if (errno != ENOENT) {
       // Its name is known all the same, and the extension may know its badge.
-      entries.push_back(Entry{std::string{name}, EntryKind::other, 0});
+      entries.push_back(Entry{std::string(name), EntryKind::other, 0});
     }
   }
 }
@@ -139,7 +139,7 @@ std::vector<Item> sortedItems(const std::map<std::string, Item>& items) {
   std::vector<Keyed> keyed;
   keyed.reserve(items.size());
   for (const auto& [name, item] : items) {
-    const client::GCharPtr key{g_utf8_collate_key_for_filename(validUTF8(name).c_str(), -1)};
+    const GCharPtr key{g_utf8_collate_key_for_filename(validUTF8(name).c_str(), -1)};
     keyed.push_back({item.entry.kind == EntryKind::folder, key.get(), &item});
   }
   std::sort(keyed.begin(), keyed.end(), [](const Keyed& a, const Keyed& b) {

@@ -28,8 +28,8 @@ struct Item {
   std::string badge;
 };
 
-/// `given` as an absolute path, relative to `currentFolder` (absolute): "." and ".." are removed by their letters
-/// alone, no link is followed, slashes are never doubled, and only "/" ends in one. `given` is not empty.
+/// `given` as an absolute path, relative to `currentFolder` (absolute): "." and ".." are removed as text, no link is
+/// followed, slashes are never doubled, and only "/" ends in one. `given` is not empty.
 std::string absolutePath(std::string_view given, std::string_view currentFolder);
 
 /// The failure of a file operation on `path`, as one line for the user; `number`: its errno.
@@ -40,11 +40,10 @@ std::runtime_error fileFailure(const std::string& path, int number);
 /// Throws unless `path` is an existing folder that may be read.
 void requireFolder(const std::string& path);
 
-/// Throws unless something, be it a broken link, exists at `path`.
+/// Throws unless something exists at `path`; a broken link counts.
 void requireExisting(const std::string& path);
 
-/// What lies in `folder`, hidden entries included, in no order. An entry that vanishes meanwhile is
-/// left out.
+/// The entries of `folder`, hidden ones included, in no order. An entry that vanishes meanwhile is left out.
 std::vector<Entry> readFolder(const std::string& folder);
 
 /// The entry `name` of `folder`; none when there is no such entry.

@@ -5,7 +5,7 @@
 namespace vornet::vi {
 namespace {
 
-TEST(FolderTest, MakesPathsAbsoluteByTheirLetters) {
+TEST(FolderTest, MakesPathsAbsoluteWithoutFollowingLinks) {
   EXPECT_EQ(absolutePath("a", "/home/ann"), "/home/ann/a");
   EXPECT_EQ(absolutePath(".", "/home/ann"), "/home/ann");
   EXPECT_EQ(absolutePath("../b/./c", "/home/ann"), "/home/b/c");

@@ -1,4 +1,5 @@
 #include <boost/json.hpp>
+#include <cmath>
 
 #include "DisplayText.hpp"
 #include "Printer.hpp"
@@ -92,6 +93,10 @@ class JSONPrinter final : public Printer {
       object["log_file"] = nullptr;
     }
     object["sync_application"] = syncApplication(status.syncApplication);
+    json::array problems;
+    for (const Problem& problem : status.problems)
+      problems.push_back({{"id", problem.id}, {"problem", text(problem.text)}, {"remedy", text(problem.remedy)}});
+    object["problems"] = std::move(problems);
     write(object);
     output_.flush();
   }
@@ -128,7 +133,7 @@ class JSONPrinter final : public Printer {
         break;
     }
     object["http_status"] = state.httpStatus == 0 ? json::value(nullptr) : json::value(state.httpStatus);
-    object["milliseconds"] = state.milliseconds;
+    object["milliseconds"] = std::llround(state.milliseconds);
     return object;
   }
 

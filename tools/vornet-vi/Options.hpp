@@ -7,13 +7,13 @@
 
 namespace vornet::vi {
 
-/// What the command line asks for. Paths are as given.
+/// The command line. Paths are as given.
 struct Options {
   enum class Command { list, watch, menu, perform, status };
   enum class Colour { automatic, always, never };
 
   Command command = Command::list;
-  std::string folder;                                 ///< list, watch
+  std::string folder = ".";                           ///< list, watch
   std::vector<std::string> paths;                     ///< menu, perform
   std::string action;                                 ///< perform
   bool start = false;                                 ///< status
@@ -24,7 +24,7 @@ struct Options {
 };
 
 /// Reads the command line. None when there is nothing to run: help or the version was printed (`exitCode` 0), or the
-/// usage is wrong (`exitCode` 2, one line on standard error).
+/// usage is wrong (`exitCode` 2, a notice).
 std::optional<Options> readOptions(int argc, const char* const* argv, int& exitCode);
 
 }  // namespace vornet::vi

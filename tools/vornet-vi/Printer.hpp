@@ -3,12 +3,12 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Extension.hpp"
 #include "Folder.hpp"
-#include "Output.hpp"
-#include "SyncApplication.hpp"
+#include "Status.hpp"
 #include "Table.hpp"
 
 namespace vornet::vi {
@@ -21,13 +21,24 @@ struct Change {
   std::string was;  ///< the badge before; for Kind::badge
 };
 
-/// What `status` found out.
-struct Status {
-  bool canBeStarted = false;
-  std::optional<std::uint32_t> process;   ///< its pid; none: the extension does not run
-  std::optional<ExtensionInfo> info;      ///< none: it does not run, or does not answer
-  std::optional<std::string> stopReason;  ///< why it stopped itself, when it does not run; none: it did not
-  SyncApplicationState syncApplication;
+/// Thrown when nobody reads the output any more. Not a failure to report.
+struct BrokenPipe {};
+
+/// A file descriptor to write lines to, collected until flushed. SIGPIPE must be ignored. Not thread-safe.
+class Output {
+ public:
+  explicit Output(int descriptor) : descriptor_(descriptor) {}
+
+  /// Adds `text`; writes when enough is collected.
+  void write(std::string_view text);
+  /// Writes everything. Throws BrokenPipe, or std::runtime_error when the output cannot be written.
+  void flush();
+
+  int descriptor() const { return descriptor_; }
+
+ private:
+  int descriptor_;
+  std::string pending_;
 };
 
 /// How results are shown; one implementation for each kind of reader. Whatever is shown is safe for a terminal.
@@ -55,11 +66,7 @@ class Printer {
   explicit Printer(Output& output) : output_(output) {}
 
   /// What a badge is called: its label as registered, the identifier itself when it is not.
-  std::string labelOf(const std::string& identifier) const {
-    for (const Badge& badge : badges_)
-      if (badge.identifier == identifier) return badge.label;
-    return identifier;
-  }
+  std::string labelOf(const std::string& identifier) const;
 
   Output& output_;
   std::vector<Badge> badges_;

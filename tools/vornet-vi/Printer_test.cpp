@@ -24,7 +24,7 @@ const std::vector<Item> ITEMS{
     item("Photos", EntryKind::folder, 0, "SYNCED"), item("a\x1b[31m", EntryKind::file, 12, ""),
     item("caf\xE9", EntryKind::file, 2'500'000, "PENDING"), item("報告", EntryKind::link, 0, "SKIPPED")};
 
-/// What a printer wrote.
+/// Collects what a printer writes.
 class PrinterTest : public ::testing::Test {
  protected:
   PrinterTest() : descriptor_(memfd_create("output", MFD_CLOEXEC)), output_(descriptor_) {}
@@ -253,7 +253,7 @@ TEST_F(PrinterTest, JsonNamesTheEventsOfWatching) {
   EXPECT_EQ(lines[6], (boost::json::object{{"event", "extension"}, {"running", true}}));
 }
 
-TEST_F(PrinterTest, StatusTellsARefusalFromATimeOut) {
+TEST_F(PrinterTest, StatusDistinguishesARefusalFromATimeOut) {
   Status status;
   status.canBeStarted = true;
   status.syncApplication.outcome = SyncApplicationState::Outcome::refused;
@@ -275,7 +275,7 @@ TEST_F(PrinterTest, StatusSaysThatAnotherUsersProcessListens) {
   EXPECT_NE(written().find("another user's process (of uid 65534) listens on 127.0.0.1:8806"), std::string::npos);
 }
 
-TEST(OutputTest, TellsABrokenPipeFromAFailure) {
+TEST(OutputTest, DistinguishesABrokenPipeFromAFailure) {
   std::signal(SIGPIPE, SIG_IGN);
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);

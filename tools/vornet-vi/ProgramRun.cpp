@@ -5,9 +5,11 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
+#include <utility>
 
 #include "dbus/Interface.hpp"
 
@@ -20,7 +22,7 @@ std::filesystem::path writeServices(const std::filesystem::path& folder, const s
   std::filesystem::create_directories(services);
   if (startCommand.empty()) return services;
   const auto script = folder / "start";
-  vornet::test::writeFile(script, "#!/bin/sh\n" + startCommand + "\n");
+  vornet::test::writeFile(script, "#!/bin/sh\necho >> '" + (folder / "starts").string() + "'\n" + startCommand + "\n");
   std::filesystem::permissions(script, std::filesystem::perms::owner_all);
   vornet::test::writeFile(services / (std::string(dbus::BUS_NAME) + ".service"),
                           "[D-BUS Service]\nName=" + std::string(dbus::BUS_NAME) + "\nExec=" + script.string() + "\n");
@@ -46,6 +48,10 @@ void TestBus::install(const std::string& startCommand) const {
   writeServices(TemporaryFolder::path(), startCommand);
 }
 
+std::size_t TestBus::starts() const {
+  return vornet::test::readFile(TemporaryFolder::path() / "starts").size();
+}
+
 TestExtension::TestExtension(const TestBus& bus, const std::string& folder)
     : FakeExtension(bus.address(),
                     folder.empty() ? std::vector<std::string>() : std::vector{vornet::test::urlOf(folder) + "/"}) {
@@ -66,14 +72,13 @@ std::vector<std::size_t> TestExtension::requestSizes() const {
 }
 
 struct ProgramRun::Reading {
-  std::string* into;
-  std::size_t* open;
-  GCancellable* cancellable;
+  ProgramRun& run;
+  std::string& into;
 };
 
 ProgramRun::ProgramRun(const Settings& settings, const std::vector<std::string>& arguments) {
   const bool onTerminal = settings.terminalColumns > 0;
-  const client::GObjectPtr<GSubprocessLauncher> launcher{g_subprocess_launcher_new(static_cast<GSubprocessFlags>(
+  const GObjectPtr<GSubprocessLauncher> launcher{g_subprocess_launcher_new(static_cast<GSubprocessFlags>(
       G_SUBPROCESS_FLAGS_STDERR_PIPE | (onTerminal ? 0 : G_SUBPROCESS_FLAGS_STDOUT_PIPE)))};
   for (const char* variable : {"DBUS_SESSION_BUS_ADDRESS", "DISPLAY", "NO_COLOR", "LANG", "LANGUAGE"})
     g_subprocess_launcher_unsetenv(launcher.get(), variable);
@@ -97,11 +102,13 @@ ProgramRun::ProgramRun(const Settings& settings, const std::vector<std::string>&
     outputStream_.reset(g_unix_input_stream_new(master, TRUE));
   }
 
-  std::vector<const gchar*> command{VORNET_VI_PROGRAM};
+  std::vector<const gchar*> command;
+  for (const std::string& word : settings.wrapper) command.push_back(word.c_str());
+  command.push_back(VORNET_VI_PROGRAM);
   for (const std::string& argument : arguments) command.push_back(argument.c_str());
   command.push_back(nullptr);
-  client::GErrorPtr error;
-  process_.reset(g_subprocess_launcher_spawnv(launcher.get(), command.data(), client::ErrorTo(error)));
+  GErrorPtr error;
+  process_.reset(g_subprocess_launcher_spawnv(launcher.get(), command.data(), ErrorTo(error)));
   if (error) throw std::runtime_error(error->message);
   if (!onTerminal) outputStream_.reset(G_INPUT_STREAM(g_object_ref(g_subprocess_get_stdout_pipe(process_.get()))));
   g_subprocess_launcher_close(launcher.get());
@@ -119,32 +126,41 @@ ProgramRun::ProgramRun(const Settings& settings, const std::vector<std::string>&
 ProgramRun::~ProgramRun() {
   if (!ended_) g_subprocess_force_exit(process_.get());
   g_cancellable_cancel(cancellable_.get());
-  waitUntil([this] { return ended_ && openStreams_ == 0; });
+  releaseOutput();
+  runUntil([this] { return ended_ && openStreams_ == 0; });
 }
 
 void ProgramRun::read(GInputStream* stream, std::string* into) {
   ++openStreams_;
-  g_input_stream_read_bytes_async(stream, 65536, G_PRIORITY_DEFAULT, cancellable_.get(), takeBytes,
-                                  new Reading{into, &openStreams_, cancellable_.get()});
+  readOn(stream, new Reading{*this, *into});
+}
+
+void ProgramRun::readOn(GInputStream* stream, Reading* reading) {
+  g_input_stream_read_bytes_async(stream, 65536, G_PRIORITY_DEFAULT, reading->run.cancellable_.get(), takeBytes,
+                                  reading);
 }
 
 void ProgramRun::takeBytes(GObject* stream, GAsyncResult* result, gpointer data) {
-  std::unique_ptr<Reading> reading{static_cast<Reading*>(data)};
-  GBytes* bytes = g_input_stream_read_bytes_finish(G_INPUT_STREAM(stream), result, nullptr);
-  const gsize size = bytes == nullptr ? 0 : g_bytes_get_size(bytes);
-  if (size > 0) reading->into->append(static_cast<const char*>(g_bytes_get_data(bytes, nullptr)), size);
-  if (bytes != nullptr) g_bytes_unref(bytes);
-  if (size == 0) {
-    --*reading->open;
-    return;
-  }
-  GCancellable* cancellable = reading->cancellable;
-  g_input_stream_read_bytes_async(G_INPUT_STREAM(stream), 65536, G_PRIORITY_DEFAULT, cancellable, takeBytes,
-                                  reading.release());
+  std::unique_ptr<Reading> reading(static_cast<Reading*>(data));
+  ProgramRun& run = reading->run;
+  const GBytesPtr bytes(g_input_stream_read_bytes_finish(G_INPUT_STREAM(stream), result, nullptr));
+  const gsize size = bytes ? g_bytes_get_size(bytes.get()) : 0;
+  if (size > 0) reading->into.append(static_cast<const char*>(g_bytes_get_data(bytes.get(), nullptr)), size);
+  if (size == 0)
+    --run.openStreams_;
+  else if (run.isHeld_ && &reading->into == &run.output)
+    run.held_ = reading.release();
+  else
+    readOn(G_INPUT_STREAM(stream), reading.release());
+}
+
+void ProgramRun::releaseOutput() {
+  isHeld_ = false;
+  if (held_) readOn(outputStream_.get(), std::exchange(held_, nullptr));
 }
 
 int ProgramRun::wait() {
-  if (!waitUntil([this] { return ended_ && openStreams_ == 0; }) || !g_subprocess_get_if_exited(process_.get()))
+  if (!runUntil([this] { return ended_ && openStreams_ == 0; }) || !g_subprocess_get_if_exited(process_.get()))
     return -1;
   return g_subprocess_get_exit_status(process_.get());
 }
@@ -155,7 +171,7 @@ void ProgramRun::sendSignal(int number) {
 
 void ProgramRun::closeOutput() {
   g_cancellable_cancel(cancellable_.get());
-  waitUntil([this] { return openStreams_ == 0; });
+  runUntil([this] { return openStreams_ == 0; });
   g_input_stream_close(outputStream_.get(), nullptr, nullptr);
 }
 
@@ -168,6 +184,23 @@ std::vector<std::string> ProgramRun::lines() const {
     start = end + 1;
   }
   return lines;
+}
+
+ProgramRun::Settings ProgramTest::settings() const {
+  ProgramRun::Settings settings;
+  settings.busAddress = bus.address();
+  return settings;
+}
+
+int ProgramTest::run(const ProgramRun::Settings& how, const std::vector<std::string>& arguments) {
+  ProgramRun program(how, arguments);
+  const int code = program.wait();
+  output = program.output;
+  lines = program.lines();
+  errors = program.errors;
+  EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), code == 0 ? 0 : 1) << errors;
+  EXPECT_TRUE(code == 0 || errors.starts_with("vornet-vi: ") || errors.starts_with(R"({"error":{)")) << errors;
+  return code;
 }
 
 }  // namespace vornet::vi::test

@@ -1,36 +1,30 @@
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <cstddef>
 #include <map>
 #include <string>
 #include <vector>
 
-#include "client/GLibPtr.hpp"
+#include "dbus/GLibPtr.hpp"
 #include "support/FakeExtension.hpp"
+#include "support/LoopbackServer.hpp"
+#include "support/MainContext.hpp"
 #include "support/PrivateBus.hpp"
 #include "support/TemporaryFolder.hpp"
 
-/// For tests: the program, run against a message bus of its own and an extension that does what a test says. All lives
-/// in the default main context of the test's only thread.
+/// For tests: the program on a private message bus, with an extension that does what a test says. All runs in the
+/// default main context of the test's only thread.
 namespace vornet::vi::test {
 
-/// Runs the default main context until `done`, for at most a minute. False when it never was.
-template <typename Condition>
-bool waitUntil(const Condition& done) {
-  bool late = false;
-  const guint timer = g_timeout_add_seconds(
-      60,
-      [](gpointer flag) -> gboolean {
-        *static_cast<bool*>(flag) = true;
-        return G_SOURCE_CONTINUE;
-      },
-      &late);
-  while (!late && !done()) g_main_context_iteration(nullptr, TRUE);
-  g_source_remove(timer);
-  return !late;
-}
+using vornet::test::LoopbackServer;
+using vornet::test::runUntil;
+using vornet::test::urlOf;
+using vornet::test::WireReply;
+using vornet::test::WireRequest;
 
-/// A folder of its own, to be shown.
+/// A temporary folder, to be shown.
 class ShownTestFolder {
  public:
   std::string path() const { return folder_.path().string(); }
@@ -49,8 +43,14 @@ class TestBus : private vornet::test::TemporaryFolder, public vornet::test::Priv
   /// nothing.
   explicit TestBus(const std::string& startCommand = "");
 
-  /// From soon on the bus runs `startCommand`.
+  /// A command that ends with this object.
+  static constexpr const char* STAYS = "while [ -e \"$0\" ]; do sleep 0.1; done";
+
+  /// Has the bus run `startCommand` for calls that come soon after this returns.
   void install(const std::string& startCommand) const;
+
+  /// How often the bus has run a command.
+  std::size_t starts() const;
 };
 
 /// An extension with the usual badges and menu; observes `folder`, or nothing when it is "".
@@ -70,7 +70,8 @@ class ProgramRun {
     std::string locale = "C.UTF-8";
     std::string currentFolder = "/";
     std::map<std::string, std::string> environment;
-    int terminalColumns = 0;  ///< its output is a terminal of this width; 0: a pipe
+    std::vector<std::string> wrapper;  ///< what runs it: a program, and arguments before its own
+    int terminalColumns = 0;           ///< its output is a terminal of this width; 0: a pipe
   };
   ProgramRun(const Settings& settings, const std::vector<std::string>& arguments);
   ~ProgramRun();
@@ -82,20 +83,54 @@ class ProgramRun {
   void sendSignal(int number);
   /// Stops reading its output, as head does when it has enough.
   void closeOutput();
+  /// Reads only a little of its output until released.
+  void holdOutput() { isHeld_ = true; }
+  void releaseOutput();
 
-  std::string output;  ///< what came so far
+  std::string output;  ///< so far
   std::string errors;
   std::vector<std::string> lines() const;
 
  private:
   struct Reading;
   void read(GInputStream* stream, std::string* into);
+  static void readOn(GInputStream* stream, Reading* reading);
   static void takeBytes(GObject* stream, GAsyncResult* result, gpointer data);
   bool ended_ = false;
   std::size_t openStreams_ = 0;
-  client::GObjectPtr<GSubprocess> process_;
-  client::GObjectPtr<GInputStream> outputStream_;
-  client::GObjectPtr<GCancellable> cancellable_{g_cancellable_new()};
+  bool isHeld_ = false;
+  Reading* held_ = nullptr;  ///< that of the output, while it waits to be released
+  GObjectPtr<GSubprocess> process_;
+  GObjectPtr<GInputStream> outputStream_;
+  GObjectPtr<GCancellable> cancellable_{g_cancellable_new()};
+};
+
+/// The program on a bus without an extension, except one that `startCommand` starts (see TestBus).
+class ProgramTest : public ::testing::Test {
+ protected:
+  explicit ProgramTest(const std::string& startCommand = "") : bus(startCommand) {}
+
+  ProgramRun::Settings settings() const;
+
+  /// Runs the program to its end; its standard error is exactly one line, or empty when it succeeds.
+  int run(const std::vector<std::string>& arguments) { return run(settings(), arguments); }
+  int run(const ProgramRun::Settings& how, const std::vector<std::string>& arguments);
+
+  static bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+  }
+
+  TestBus bus;
+  ShownTestFolder root;
+  std::string output;
+  std::vector<std::string> lines;
+  std::string errors;
+};
+
+/// With an extension that observes the root.
+class ServedTest : public ProgramTest {
+ protected:
+  TestExtension extension{bus, root.path()};
 };
 
 }  // namespace vornet::vi::test

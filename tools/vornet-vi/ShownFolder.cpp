@@ -8,25 +8,12 @@
 #include "dbus/Interface.hpp"
 
 namespace vornet::vi {
-namespace {
-
-constexpr std::size_t BATCHES_IN_FLIGHT = 4;
-
-}  // namespace
 
 ShownFolder::ShownFolder(Extension& extension, std::string path, Changed changed)
-    : extension_(extension), path_(std::move(path)), changed_(std::move(changed)) {
-  extension_.onBadgeChanged([this](const std::string& item, const std::string& identifier) {
-    if (client::folderOf(item) != path_) return;
-    // The first badge of an item is the answer to our request, which comes after this.
-    const std::string name(client::nameOf(item));
-    if (!unanswered_.contains(name)) setBadge(name, identifier);
-  });
-}
-
-ShownFolder::~ShownFolder() {
-  extension_.onBadgeChanged(nullptr);
-}
+    : extension_(extension),
+      path_(std::move(path)),
+      changed_(std::move(changed)),
+      stream_(nullptr, extension.link(), work_, *this) {}
 
 // --- Observing ------------------------------------------------------------------------------------------------------
 
@@ -38,11 +25,11 @@ void ShownFolder::observe() {
     if (failure.kind() != FailureKind::noRoom) throw;
     hasRoom_ = false;
   }
+  // The process that answers now may have sent changes already.
+  if (!observedBy_.empty() && observedBy_ != extension_.owner()) forgetRequests();
   observedBy_ = extension_.owner();
-  forgetRequests();
-  std::vector<std::string> names;
-  for (const auto& [name, item] : items_) names.push_back(name);
-  ask(names);
+  failure_.reset();
+  askForAll();
 }
 
 void ShownFolder::forgetObserver() {
@@ -80,59 +67,84 @@ void ShownFolder::update(const std::set<std::string>& names, const std::function
   if (!observedBy_.empty()) ask(fresh);
 }
 
+// --- Asking ---------------------------------------------------------------------------------------------------------
+
+void ShownFolder::ask(const std::vector<std::string>& names) {
+  queue_.insert(queue_.end(), names.begin(), names.end());
+  stream_.ask();
+}
+
+void ShownFolder::askForAll() {
+  queue_.clear();
+  for (const auto& [name, item] : items_) queue_.push_back(name);
+  stream_.ask();
+}
+
+void ShownFolder::retry() {
+  failure_.reset();
+  stream_.ask();
+}
+
+void ShownFolder::forgetRequests() {
+  stream_.reset();
+  limit_.stop();
+  queue_.clear();
+  awaited_ = 0;
+  failure_.reset();
+}
+
+void ShownFolder::waitForAnswers() {
+  limit_.start(extension_.timeout(), [this, progress = stream_.progress()] {
+    // Runs after all that arrived while a slow reader held up this program.
+    work_.add([this, progress] {
+      if (stream_.isWaiting() && stream_.progress() == progress) failure_.emplace(extension_.timeoutFailure());
+      return false;
+    });
+  });
+}
+
+std::optional<ShownFolder::Batch> ShownFolder::nextBatch() {
+  if (failure_ || queue_.empty()) return std::nullopt;
+  const auto end = queue_.begin() + static_cast<std::ptrdiff_t>(std::min(dbus::BATCH, queue_.size()));
+  Batch batch{path_, 0, {std::make_move_iterator(queue_.begin()), std::make_move_iterator(end)}, {}};
+  queue_.erase(queue_.begin(), end);
+  awaited_ += batch.names.size();
+  waitForAnswers();
+  return batch;
+}
+
+bool ShownFolder::badgesAnswered(const Batch& batch, std::size_t begin, std::size_t end) {
+  awaited_ -= end - begin;
+  waitForAnswers();
+  for (; begin < end; ++begin) setBadge(batch.names[begin], batch.identifiers[begin]);
+  return true;
+}
+
+void ShownFolder::requestFailed(Batch batch, const client::CallError& error) {
+  awaited_ -= batch.names.size();
+  if (!failure_) failure_.emplace(failureOf(error, ""));
+  std::move(batch.names.begin(), batch.names.end(), std::back_inserter(queue_));
+}
+
+// --- Badges ---------------------------------------------------------------------------------------------------------
+
+void ShownFolder::badgeChanged(const std::string& path, const std::string& identifier) {
+  if (client::folderOf(path) != path_) return;
+  // The first badge of an item is the answer to our request, which comes after this.
+  const std::string name(client::nameOf(path));
+  if (!unanswered_.contains(name)) setBadge(name, identifier);
+}
+
+void ShownFolder::changesMissed() {
+  askForAll();
+}
+
 void ShownFolder::setBadge(const std::string& name, const std::string& identifier) {
   const auto found = items_.find(name);
   if (found == items_.end()) return;
   const std::string was = std::exchange(found->second.badge, identifier);
   const bool isNew = unanswered_.erase(name) > 0;
   if (isNew || was != identifier) changed_(found->second, isNew, was);
-}
-
-// --- Asking ---------------------------------------------------------------------------------------------------------
-
-void ShownFolder::ask(const std::vector<std::string>& names) {
-  queue_.insert(queue_.end(), names.begin(), names.end());
-  askNext();
-}
-
-void ShownFolder::retry() {
-  failure_.reset();
-  askNext();
-}
-
-void ShownFolder::forgetRequests() {
-  ++generation_;
-  queue_.clear();
-  inFlight_ = 0;
-  failure_.reset();
-}
-
-void ShownFolder::askNext() {
-  while (!failure_ && inFlight_ < BATCHES_IN_FLIGHT && !queue_.empty()) {
-    const auto end = queue_.begin() + static_cast<std::ptrdiff_t>(std::min(dbus::BATCH, queue_.size()));
-    std::vector<std::string> names(std::make_move_iterator(queue_.begin()), std::make_move_iterator(end));
-    queue_.erase(queue_.begin(), end);
-    std::vector<std::string> paths;
-    for (const std::string& name : names) paths.push_back(client::childPath(path_, name));
-    ++inFlight_;
-    const auto answer = [this, generation = generation_, names = std::move(names)](
-                            const std::vector<std::string>& identifiers, const std::optional<Failure>& failure) {
-      if (generation == generation_) answered(names, identifiers, failure);
-    };
-    extension_.requestBadges(paths, answer);
-  }
-}
-
-void ShownFolder::answered(const std::vector<std::string>& names, const std::vector<std::string>& identifiers,
-                           const std::optional<Failure>& failure) {
-  --inFlight_;
-  if (failure) {
-    if (!failure_) failure_.emplace(*failure);
-    queue_.insert(queue_.end(), names.begin(), names.end());
-    return;
-  }
-  for (std::size_t i = 0; i < names.size(); ++i) setBadge(names[i], identifiers[i]);
-  askNext();
 }
 
 }  // namespace vornet::vi

@@ -15,7 +15,7 @@ struct Look {
   std::optional<std::size_t> width;  ///< columns of the terminal; none where lines may be of any length
 };
 
-/// What a text is, which decides its colour.
+/// The kind of a text, which decides its colour.
 enum class Tint { plain, good, busy, bad, strong, faint };
 
 /// `safe` in the colour for `tint`, when `look` has colours.

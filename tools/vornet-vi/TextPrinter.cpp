@@ -6,7 +6,7 @@
 
 #include "DisplayText.hpp"
 #include "Printer.hpp"
-#include "client/GLibPtr.hpp"
+#include "dbus/GLibPtr.hpp"
 
 namespace vornet::vi {
 namespace {
@@ -16,7 +16,7 @@ using Column = Table::Column;
 
 constexpr const char* NOTHING = "-";
 
-// A name is not elided to less than this; and lines of "watch" have the time where as much is left for the name.
+// Names are not elided below this; lines of "watch" have the time where as much is left for the name.
 constexpr std::size_t NARROWEST_NAME = 8;
 constexpr std::size_t ROOM_BESIDE_TIME = 24;
 
@@ -110,7 +110,7 @@ Cell TextPrinter::nameCell(const Entry& entry) const {
 std::string TextPrinter::sizeText(const Entry& entry) const {
   if (entry.kind != EntryKind::file) return isTerminal() ? "" : NOTHING;
   if (!isTerminal()) return std::to_string(entry.size);
-  const client::GCharPtr formatted(g_format_size(entry.size));
+  const GCharPtr formatted(g_format_size(entry.size));
   std::string text = formatted.get();
   // GLib separates the unit by a no-break space, which not every locale can show.
   if (const auto space = text.find("\u00A0"); space != std::string::npos) text.replace(space, 2, " ");
@@ -288,6 +288,11 @@ void TextPrinter::status(const Status& status) {
   if (isComplete) add("Log file", {hasLog ? safe(status.info->logFile) : status.info ? "none" : "unknown"});
   // Whole: paths and reasons are copied from here.
   output_.write(table.text({look_.colour, look_.unicode, std::nullopt}));
+  for (const Problem& problem : status.problems) {
+    line("");
+    line(tinted(safe(problem.text), Tint::bad, look_));
+    line("  " + safe(problem.remedy));
+  }
   output_.flush();
 }
 

@@ -1,4 +1,4 @@
-#include "Watch.hpp"
+#include "Commands.hpp"
 
 #include <glib-unix.h>
 
@@ -8,19 +8,17 @@
 #include <utility>
 
 #include "ShownFolder.hpp"
+#include "Status.hpp"
 #include "client/Paths.hpp"
 
 namespace vornet::vi {
 namespace {
 
-using client::GCharPtr;
-using client::GErrorPtr;
-using client::GObjectPtr;
 using client::Timer;
 
 constexpr std::chrono::milliseconds FAREWELL{2000};
 
-// How often badges are asked for, and observing is tried again, where the extension has no room to observe the folder.
+// How often badges are requested, and observing is retried, where the extension has no room to observe the folder.
 constexpr std::chrono::milliseconds UNOBSERVED_REFRESH{5000};
 
 // After the extension was too busy, or could not observe the folder again.
@@ -40,9 +38,10 @@ class Source {
 
 class Watch {
  public:
-  Watch(Extension& extension, Printer& printer, const std::string& folder, int outputDescriptor)
+  Watch(Extension& extension, Printer& printer, const Notices& notices, const std::string& folder, int outputDescriptor)
       : extension_(extension),
         printer_(printer),
+        notices_(notices),
         folder_(extension, folder,
                 [this](const Item& item, bool isNew, const std::string& was) {
                   if (!isListed_) return;
@@ -55,14 +54,14 @@ class Watch {
   void run(std::optional<std::chrono::milliseconds> duration);
 
  private:
-  // What happens. Handlers only take notes; follow() acts on them.
+  // Events. Handlers only record them; follow() acts on them.
   static gboolean handleEnd(gpointer self);
   static gboolean handleDeadReader(gint, GIOCondition, gpointer self);
   static void handleDisk(GFileMonitor*, GFile* file, GFile* other, GFileMonitorEvent event, gpointer self);
   void end();
   void touch(GFile* file);
 
-  // What is done about it.
+  // Reactions.
   void watchDisk();
   void showList();
   void follow();
@@ -70,10 +69,12 @@ class Watch {
   bool observeAgain();
   void retryLater();
   void printChanges();
+  void reportSilence();
   void check() const;
 
   Extension& extension_;
   Printer& printer_;
+  const Notices& notices_;
   ShownFolder folder_;
   std::set<std::string> touched_;  ///< names that the disk reported
   std::deque<Change> changes_;     ///< to print, in order
@@ -81,7 +82,8 @@ class Watch {
   Timer refresh_{nullptr};  ///< where the extension has no room
   Timer retry_{nullptr};    ///< where it is too busy
   Timer end_{nullptr};
-  std::string refusedBy_;  ///< the process with which observing again has just failed
+  std::string refusedBy_;  ///< the process with which observing has just failed again
+  bool isSilent_ = false;  ///< the sync application, as last reported
   bool isRefreshDue_ = false;
   bool isListed_ = false;
   bool isStopped_ = false;
@@ -93,7 +95,7 @@ class Watch {
   const Source deadReader_;
 };
 
-// --- What happens ---------------------------------------------------------------------------------------------------
+// --- Events ---------------------------------------------------------------------------------------------------------
 
 void Watch::end() {
   isStopped_ = true;
@@ -136,12 +138,12 @@ void Watch::touch(GFile* file) {
     touched_.emplace(client::nameOf(path.get()));
 }
 
-// --- What is done about it ------------------------------------------------------------------------------------------
+// --- Reactions ------------------------------------------------------------------------------------------------------
 
 void Watch::watchDisk() {
   const GObjectPtr<GFile> file(g_vfs_get_file_for_path(g_vfs_get_local(), folder_.path().c_str()));
   GErrorPtr error;
-  monitor_.reset(g_file_monitor_directory(file.get(), G_FILE_MONITOR_WATCH_MOVES, nullptr, client::ErrorTo(error)));
+  monitor_.reset(g_file_monitor_directory(file.get(), G_FILE_MONITOR_WATCH_MOVES, nullptr, ErrorTo(error)));
   if (!monitor_) throw std::runtime_error(folder_.path() + ": cannot be watched: " + error->message);
   g_signal_connect(monitor_.get(), "changed", G_CALLBACK(handleDisk), this);
 }
@@ -169,7 +171,7 @@ void Watch::showList() {
   isListed_ = true;
 }
 
-/// Asks again, a little later, for what the extension was too busy for.
+/// Retries after a pause what the extension was too busy for.
 void Watch::retryLater() {
   const auto& failure = folder_.failure();
   if (retry_.isRunning() || !failure || failure->kind() != FailureKind::busy) return;
@@ -182,7 +184,7 @@ bool Watch::hasExtensionLeft() const {
          (folder_.failure() && folder_.failure()->kind() == FailureKind::gone);
 }
 
-/// False when the extension cannot be had now, though it may be later.
+/// False when the extension is not available now, though it may be later.
 bool Watch::observeAgain() {
   try {
     folder_.observe();
@@ -205,6 +207,15 @@ bool Watch::observeAgain() {
 
 void Watch::printChanges() {
   for (; !changes_.empty(); changes_.pop_front()) printer_.change(folder_.path(), changes_.front());
+}
+
+void Watch::reportSilence() {
+  const auto since = extension_.syncApplicationSilentSince();
+  if (!since || std::exchange(isSilent_, *since > 0) == (*since > 0)) return;
+  if (isSilent_)
+    notices_.warning(SILENT, silenceSince(*since) + ": badges may be old");
+  else
+    notices_.warning(ANSWERING, "the sync application answers again");
 }
 
 void Watch::follow() {
@@ -241,6 +252,7 @@ void Watch::follow() {
                      [this](const Item& item) { changes_.push_back({Change::Kind::vanished, item, ""}); });
     }
     printChanges();
+    reportSilence();
     g_main_context_iteration(nullptr, TRUE);
   }
   printChanges();
@@ -262,8 +274,7 @@ void Watch::run(std::optional<std::chrono::milliseconds> duration) {
     check();
   }
   if (isUnread_) throw BrokenPipe();
-  if (isTimeUp_ && !isListed_)
-    throw Failure(FailureKind::timedOut, "the time was up before the extension had answered");
+  if (isTimeUp_ && !isListed_) throw Failure(FailureKind::timedOut, "the time ran out before the extension answered");
   if (folder_.isObserved() && extension_.owner() == folder_.observedBy()) {
     try {
       extension_.endObserving(folder_.path(), FAREWELL);
@@ -275,9 +286,9 @@ void Watch::run(std::optional<std::chrono::milliseconds> duration) {
 
 }  // namespace
 
-void watchFolder(Extension& extension, Printer& printer, const std::string& folder, int outputDescriptor,
-                 std::optional<std::chrono::milliseconds> duration) {
-  Watch(extension, printer, folder, outputDescriptor).run(duration);
+void watchFolder(Extension& extension, Printer& printer, const Notices& notices, const std::string& folder,
+                 int outputDescriptor, std::optional<std::chrono::milliseconds> duration) {
+  Watch(extension, printer, notices, folder, outputDescriptor).run(duration);
 }
 
 }  // namespace vornet::vi

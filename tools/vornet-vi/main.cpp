@@ -4,7 +4,6 @@
 
 #include <clocale>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <memory>
@@ -15,10 +14,10 @@
 #include "DisplayText.hpp"
 #include "Extension.hpp"
 #include "Folder.hpp"
+#include "Notices.hpp"
 #include "Options.hpp"
 #include "Printer.hpp"
-#include "Watch.hpp"
-#include "client/GLibPtr.hpp"
+#include "dbus/GLibPtr.hpp"
 
 namespace {
 
@@ -37,7 +36,7 @@ bool wantsColour(Options::Colour colour, bool isTerminal) {
   const char* noColour = std::getenv("NO_COLOR");
   const char* terminal = std::getenv("TERM");
   return isTerminal && (noColour == nullptr || *noColour == '\0') &&
-         (terminal == nullptr || std::string{terminal} != "dumb");
+         (terminal == nullptr || std::string(terminal) != "dumb");
 }
 
 std::unique_ptr<vornet::vi::Printer> makePrinter(const Options& options, vornet::vi::Output& output) {
@@ -52,14 +51,41 @@ std::unique_ptr<vornet::vi::Printer> makePrinter(const Options& options, vornet:
   return vornet::vi::makeTextPrinter(output, look);
 }
 
+const char* kindName(vornet::vi::FailureKind kind) {
+  using vornet::vi::FailureKind;
+  switch (kind) {
+    case FailureKind::noBus:
+      return "no-bus";
+    case FailureKind::notInstalled:
+      return "not-installed";
+    case FailureKind::notStarted:
+      return "not-started";
+    case FailureKind::gone:
+      return "gone";
+    case FailureKind::timedOut:
+      return "timed-out";
+    case FailureKind::outside:
+      return "outside";
+    case FailureKind::busy:
+    case FailureKind::noRoom:
+      return "busy";
+    case FailureKind::unhealthy:
+      return "unhealthy";
+    case FailureKind::interrupted:
+    case FailureKind::refused:
+      break;
+  }
+  return "refused";
+}
+
 std::string absolute(const std::string& given) {
   if (given.empty()) throw std::runtime_error("an empty path names nothing");
-  // As the shell calls it, its links unresolved, where that is still true.
-  const vornet::client::GCharPtr currentFolder(g_get_current_dir());
+  // The shell's path, with links unresolved, where that is still true.
+  const vornet::GCharPtr currentFolder(g_get_current_dir());
   return vornet::vi::absolutePath(given, currentFolder.get());
 }
 
-void run(const Options& options, vornet::vi::Output& output) {
+void run(const Options& options, vornet::vi::Output& output, const vornet::vi::Notices& notices) {
   const auto printer = makePrinter(options, output);
   std::vector<std::string> selection;
   for (const std::string& path : options.paths) {
@@ -67,15 +93,15 @@ void run(const Options& options, vornet::vi::Output& output) {
     vornet::vi::requireExisting(selection.back());
   }
   const bool hasFolder = options.command == Options::Command::list || options.command == Options::Command::watch;
-  const std::string folder = hasFolder ? absolute(options.folder) : std::string{};
+  const std::string folder = hasFolder ? absolute(options.folder) : std::string();
   if (hasFolder) vornet::vi::requireFolder(folder);
 
   vornet::vi::Extension extension(options.timeout);
   switch (options.command) {
     case Options::Command::list:
-      return vornet::vi::listFolder(extension, *printer, folder);
+      return vornet::vi::listFolder(extension, *printer, notices, folder);
     case Options::Command::watch:
-      return vornet::vi::watchFolder(extension, *printer, folder, output.descriptor(), options.duration);
+      return vornet::vi::watchFolder(extension, *printer, notices, folder, output.descriptor(), options.duration);
     case Options::Command::menu:
       return vornet::vi::showMenu(extension, *printer, selection);
     case Options::Command::perform:
@@ -85,12 +111,6 @@ void run(const Options& options, vornet::vi::Output& output) {
   }
 }
 
-int complain(const char* message) {
-  const std::string line = "vornet-vi: " + vornet::vi::safeText(message, vornet::vi::localeIsUTF8()) + "\n";
-  std::fputs(line.c_str(), stderr);
-  return EXIT_FAILURE;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -98,15 +118,20 @@ int main(int argc, char** argv) {
   std::signal(SIGPIPE, SIG_IGN);
   curl_global_init(CURL_GLOBAL_DEFAULT);
   int exitCode = EXIT_SUCCESS;
-  try {
-    if (const auto options = vornet::vi::readOptions(argc, argv, exitCode)) {
+  if (const auto options = vornet::vi::readOptions(argc, argv, exitCode)) {
+    const vornet::vi::Notices notices(options->json);
+    exitCode = EXIT_FAILURE;
+    try {
       vornet::vi::Output output{STDOUT_FILENO};
-      run(*options, output);
+      run(*options, output, notices);
+      exitCode = EXIT_SUCCESS;
+    } catch (const vornet::vi::BrokenPipe&) {
+      exitCode = EXIT_SUCCESS;
+    } catch (const vornet::vi::Failure& failure) {
+      notices.error(kindName(failure.kind()), failure.what());
+    } catch (const std::exception& error) {
+      notices.error("failed", error.what());
     }
-  } catch (const vornet::vi::BrokenPipe&) {
-    exitCode = EXIT_SUCCESS;
-  } catch (const std::exception& error) {
-    exitCode = complain(error.what());
   }
   curl_global_cleanup();
   return exitCode;

@@ -29,7 +29,7 @@ Host::Host() {
 }
 
 Host::~Host() {
-  settle();  // KDE's jobs that were given up
+  settle();  // abandoned jobs of KDE
   QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
 }
 

@@ -1,8 +1,5 @@
 // The built plug-ins in a program that does with them what Dolphin does, with the real extension on a private bus and
 // the stand-in sync application.
-#include <gmock/gmock.h>
-#include <signal.h>
-
 #include <KFileItemActions>
 #include <KFileItemListProperties>
 #include <QElapsedTimer>
@@ -15,23 +12,16 @@
 #include <filesystem>
 #include <optional>
 
-#include "DolphinView.hpp"
 #include "Host.hpp"
-#include "kelvane-sim/KelvaneSim.hpp"
-#include "support/BusClient.hpp"
-#include "support/Environment.hpp"
-#include "support/PrivateBus.hpp"
+#include "support/DesktopTest.hpp"
+#include "support/dolphin/DolphinView.hpp"
 
 namespace vornet::dolphin {
 namespace {
 
 using namespace std::chrono_literals;
 using sim::Fault;
-using sim::KelvaneSim;
-using test::BusClient;
-using test::Environment;
-using test::PrivateBus;
-using test::readFile;
+using test::DesktopTest;
 using test::ScopedVariable;
 using test::writeFile;
 using testing::ElementsAre;
@@ -41,26 +31,12 @@ using testing::Not;
 
 namespace fs = std::filesystem;
 
-constexpr auto PATIENCE = 30s;
-constexpr const char* SYNCED = "emblem-vornet-synced";
-constexpr const char* PENDING = "emblem-vornet-pending";
-constexpr const char* SKIPPED = "emblem-vornet-skipped";
-
-class Plugins : public testing::Test {
+class Plugins : public DesktopTest {
  protected:
-  explicit Plugins(bool extensionInstalled = true) {
-    fs::create_directories(root + "/folder/deep");
-    for (const char* file : {"/file", "/other", "/folder/inside", "/folder/deep/down"}) writeFile(root + file, "text");
-    writeFile(root + "/lock.tmp", "");
+  explicit Plugins(Extension extension = Extension::real)
+      : DesktopTest({"/file", "/other", "/lock.tmp", "/folder/inside", "/folder/deep/down"}) {
     writeFile(outside + "/stranger", "text");
-    if (extensionInstalled) {
-      bus.emplace(environment.folder().path() / "bus");
-    } else {
-      fs::create_directories(environment.folder() / "no services");
-      bus.emplace(environment.folder().path() / "bus", environment.folder() / "no services");
-    }
-    busAddress.emplace("DBUS_SESSION_BUS_ADDRESS", bus->address());
-    client.emplace(bus->address());
+    startBus(extension);
     g_log_set_default_handler(
         [](const gchar* domain, GLogLevelFlags level, const gchar* message, gpointer data) {
           if (level <= G_LOG_LEVEL_WARNING) static_cast<std::vector<std::string>*>(data)->emplace_back(message);
@@ -70,24 +46,12 @@ class Plugins : public testing::Test {
   }
   ~Plugins() override {
     host.reset();
-    const int process = client->extensionProcess();
-    if (process) ::kill(process, SIGCONT);
-    client->disconnect();
-    bus->stop();
-    test::waitForEnd(process);
     g_log_set_default_handler(g_log_default_handler, nullptr);
-    EXPECT_THAT(readFile(bus->output()), Not(HasSubstr("Sanitizer"))) << "in the extension's process";
-    if (HasFailure()) std::fputs(readFile(bus->output()).c_str(), stderr);
   }
 
   /// Starts the sync application, with everything synced when this returns, and then the program.
   void start() {
-    application = std::make_unique<KelvaneSim>(KelvaneSim::Options{.root = root,
-                                                                   .container = environment.container().string(),
-                                                                   .state = environment.folder() / "state",
-                                                                   .transferTime = 0ms});
-    application->start();
-    ASSERT_TRUE(application->waitUntilIdle(PATIENCE));
+    startApplication();
     startHost();
   }
   void startHost() { host = std::make_unique<Host>(); }
@@ -106,6 +70,14 @@ class Plugins : public testing::Test {
     return view;
   }
 
+  /// Starts all, with a view of the synced folder and an emblem in it.
+  std::unique_ptr<DolphinView> startWithView() {
+    start();
+    auto view = openView("", "file");
+    EXPECT_TRUE(waitForEmblem(*view, "file", SYNCED));
+    return view;
+  }
+
   QUrl url(const std::string& name) const {
     return QUrl::fromLocalFile(QFile::decodeName((root + (name.empty() ? "" : "/" + name)).c_str()));
   }
@@ -118,12 +90,6 @@ class Plugins : public testing::Test {
     return Host::waitUntil([&] { return emblem(view, name) == icon; });
   }
 
-  std::size_t logged(const std::string& text) const {
-    const auto log = readFile(environment.logFile());
-    std::size_t count = 0;
-    for (auto at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++count;
-    return count;
-  }
   std::size_t entered(const std::string& folder) const { return logged("Directory enter: " + path(folder) + "\n"); }
   std::size_t left(const std::string& folder) const { return logged("Directory exit: " + path(folder) + "\n"); }
   bool waitForEntered(const std::string& folder, std::size_t times = 1) const {
@@ -147,17 +113,11 @@ class Plugins : public testing::Test {
     }));
   }
 
-  Environment environment;
-  const std::string root = environment.folder() / "root";
   const std::string outside = environment.folder() / "outside";
   const std::string outsideView = root + "/folder/deep";  // what is made in it, no view shows
   const ScopedVariable platform{"QT_QPA_PLATFORM", "offscreen"};
   const ScopedVariable config{"XDG_CONFIG_HOME", environment.folder() / "config"};
   const ScopedVariable cache{"XDG_CACHE_HOME", environment.folder() / "cache"};
-  std::optional<ScopedVariable> busAddress;
-  std::unique_ptr<KelvaneSim> application;
-  std::optional<PrivateBus> bus;
-  std::optional<BusClient> client;
   std::vector<std::string> warnings;
   std::unique_ptr<Host> host;
   int newFolders = 0;
@@ -167,8 +127,7 @@ const std::vector<std::string> ALL = {"Share", "Copy Link", "Comments", "View ve
 const std::vector<std::string> GREYED = {"(Share)", "(Copy Link)", "(Comments)", "(View versions)", "(View in Cloud)"};
 const std::vector<std::string> FOLDERS = {"Share", "Copy Link", "Comments", "(View versions)", "View in Cloud"};
 
-// --- Both event loops
-// -------------------------------------------------------------------------------------------------
+// --- Both event loops -----------------------------------------------------------------------------------------------
 
 enum class Loop { GLIB, QT };
 
@@ -176,7 +135,7 @@ class PluginsOnLoop : public Plugins, public testing::WithParamInterface<Loop> {
   const ScopedVariable loop{"QT_NO_GLIB", GetParam() == Loop::QT ? std::optional<std::string>("1") : std::nullopt};
 };
 
-TEST_P(PluginsOnLoop, ShowsAllThreeEmblemsAndAChangeByItself) {
+TEST_P(PluginsOnLoop, ShowsAllThreeEmblemsAndAChangeAutomatically) {
   start();
   application->setStatus("/other", 1);
   const auto view = openView("", "other");
@@ -210,23 +169,22 @@ TEST_P(PluginsOnLoop, CarriesOutAnEntryOnTheSelectionThatItWasShownFor) {
 INSTANTIATE_TEST_SUITE_P(Plugins, PluginsOnLoop, testing::Values(Loop::GLIB, Loop::QT),
                          [](const auto& tested) { return tested.param == Loop::GLIB ? "GLib" : "Qt"; });
 
-// --- Emblems
-// ----------------------------------------------------------------------------------------------------------
+// --- Emblems --------------------------------------------------------------------------------------------------------
 
-TEST_F(Plugins, AnEmptiedIdentifierTakesTheEmblemAway) {
+TEST_F(Plugins, AnEmptiedIdentifierRemovesAnEmblem) {
   start();
   const auto view = openView("", "file");
-  QStringList told{QStringLiteral("nothing was told")};
+  QStringList reported{QStringLiteral("nothing was reported")};
   QObject::connect(host->overlays(), &KOverlayIconPlugin::overlaysChanged, view.get(),
                    [&](const QUrl& item, const QStringList& icons) {
-                     if (item == url("file")) told = icons;
+                     if (item == url("file")) reported = icons;
                    });
   ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
-  EXPECT_EQ(told, QStringList(QString::fromLatin1(SYNCED)));
+  EXPECT_EQ(reported, QStringList(QString::fromLatin1(SYNCED)));
   application->setStatus("/file", -1);
   pollNow();
   EXPECT_TRUE(waitForEmblem(*view, "file", ""));
-  EXPECT_TRUE(told.isEmpty());
+  EXPECT_TRUE(reported.isEmpty());
 }
 
 TEST_F(Plugins, NothingOutsideTheSyncedFolderHasAnEmblem) {
@@ -281,7 +239,7 @@ TEST_F(Plugins, OddNamesHaveTheirEmblemsAndNamesThatAreNotUTF8HaveNone) {
                                         : SYNCED))
         << name;
   }
-  EXPECT_EQ(application->status("/folder/cafe\xCC\x81"), 2) << "a name of its own";
+  EXPECT_EQ(application->status("/folder/cafe\xCC\x81"), 2) << "another name";
   const QUrl bytes = url("folder/bytes\xFF");
   EXPECT_TRUE(view->lists(bytes));
   EXPECT_TRUE(view->emblem(bytes).isEmpty());
@@ -289,8 +247,7 @@ TEST_F(Plugins, OddNamesHaveTheirEmblemsAndNamesThatAreNotUTF8HaveNone) {
   EXPECT_TRUE(waitForEmblem(*below, deep + "/bottom", SYNCED));
 }
 
-// --- What is on screen
-// ------------------------------------------------------------------------------------------------
+// --- What is on screen ----------------------------------------------------------------------------------------------
 
 TEST_F(Plugins, AFolderIsObservedAsLongAsAViewShowsIt) {
   start();
@@ -299,7 +256,7 @@ TEST_F(Plugins, AFolderIsObservedAsLongAsAViewShowsIt) {
   auto two = openView("", "file");
   ASSERT_TRUE(waitForEmblem(*two, "file", SYNCED));
   one->hide();
-  two->open(url("folder"));  // leaves it, the other one has left it
+  two->open(url("folder"));  // the last view leaves it
   ASSERT_TRUE(waitForEntered("folder"));
   ASSERT_TRUE(waitForLeft(""));
   one->show();
@@ -310,6 +267,13 @@ TEST_F(Plugins, AFolderIsObservedAsLongAsAViewShowsIt) {
   one.reset();
   ASSERT_TRUE(waitForLeft("", 2));
   EXPECT_EQ(entered(""), 3u);
+}
+
+TEST_F(Plugins, AFolderIsObservedBeforeTheViewThatGoesThereListsIt) {
+  const auto view = startWithView();
+  Q_EMIT view->urlChanged(url("folder"));  // and nothing else
+  EXPECT_TRUE(waitForEntered("folder"));
+  EXPECT_TRUE(waitForLeft("folder")) << "it was not shown";
 }
 
 TEST_F(Plugins, TwoViewsOfOneFolderCountTwice) {
@@ -341,7 +305,7 @@ TEST_F(Plugins, AViewInAHiddenTabShowsNothing) {
   window.show();
   ASSERT_TRUE(waitForEmblem(*tab, "file", SYNCED));
   EXPECT_TRUE(hidden->emblem(url("folder/inside")).isEmpty());
-  bool later = false;  // than a folder would be taken to be on screen that no view shows
+  bool later = false;  // true once the library would have inferred a folder that no view shows
   QTimer::singleShot(500, &window, [&] { later = true; });
   ASSERT_TRUE(Host::waitUntil([&] { return later; }));
   EXPECT_EQ(entered("folder"), 0u);
@@ -370,10 +334,8 @@ TEST_F(Plugins, AnOpenBranchOfATreeIsObserved) {
   ASSERT_TRUE(waitForLeft(""));
 }
 
-TEST_F(Plugins, WhatChangedWhileAViewWasHiddenIsToldWhenItIsShownAgain) {
-  start();
-  const auto view = openView("", "file");
-  ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
+TEST_F(Plugins, ChangesWhileAViewWasHiddenAppearWhenItIsShownAgain) {
+  const auto view = startWithView();
   ASSERT_TRUE(waitForEmblem(*view, "other", SYNCED));
   view->hide();
   ASSERT_TRUE(waitForLeft(""));
@@ -415,13 +377,13 @@ TEST_F(Plugins, ItemsOfAFolderThatNoViewShowsHaveEmblemsToo) {
   QObject::connect(&lister, qOverload<>(&KCoreDirLister::completed), &lister, [&] { listed = true; });
   lister.openUrl(url("folder"));
   ASSERT_TRUE(Host::waitUntil([&] { return listed; }));
-  QStringList told;
+  QStringList reported;
   QObject::connect(host->overlays(), &KOverlayIconPlugin::overlaysChanged, &lister,
                    [&](const QUrl& item, const QStringList& icons) {
-                     if (item == url("folder/inside")) told = icons;
+                     if (item == url("folder/inside")) reported = icons;
                    });
   host->overlays()->getOverlays(url("folder/inside"));
-  EXPECT_TRUE(Host::waitUntil([&] { return told == QStringList(QString::fromLatin1(SYNCED)); }));
+  EXPECT_TRUE(Host::waitUntil([&] { return reported == QStringList(QString::fromLatin1(SYNCED)); }));
   EXPECT_TRUE(waitForEntered("folder"));
 }
 
@@ -439,13 +401,10 @@ TEST_F(Plugins, TheEndOfTheProgramEndsObservingAndNothingIsAskedAfterwards) {
   EXPECT_TRUE(client->waitUntil([&] { return left("") == 1; }));
 }
 
-// --- The menu
-// ---------------------------------------------------------------------------------------------------------
+// --- The menu -------------------------------------------------------------------------------------------------------
 
 TEST_F(Plugins, EntriesAreGreyedUntilTheAnswerComesAndChangeInTheOpenMenu) {
-  start();
-  const auto view = openView("", "file");
-  ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
+  const auto view = startWithView();
   const auto actions = host->newActions();
   QMenu menu;
   menu.addActions(entriesFor(*actions, {url("folder")}, view.get()));
@@ -457,12 +416,20 @@ TEST_F(Plugins, EntriesAreGreyedUntilTheAnswerComesAndChangeInTheOpenMenu) {
   for (const auto* entry : before) EXPECT_FALSE(entry->isVisible() && entry->isSeparator());
 }
 
-TEST_F(Plugins, SelectingAsksAheadSoThatTheMenuOpensAnswered) {
-  start();
-  const auto view = openView("", "file");
-  ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
+TEST_F(Plugins, AGreyedEntryHasTheTipThatTheSyncApplicationIsAway) {
+  const auto view = startWithView();
+  application->stop();
+  const auto actions = host->newActions();
+  EXPECT_TRUE(Host::waitUntil([&] {
+    const auto entries = entriesFor(*actions, {url("folder")}, view.get());
+    return !entries.isEmpty() && entries.front()->toolTip() == QLatin1String("Kelvane is not running");
+  }));
+}
+
+TEST_F(Plugins, SelectingPrefetchesTheMenu) {
+  const auto view = startWithView();
   view->select({url("folder")});
-  ASSERT_TRUE(application->waitForRequest("mac_populate_menu", PATIENCE));
+  ASSERT_TRUE(application->waitForRequest("mac_populate_menu", vornet::test::PATIENCE));
   const auto actions = host->newActions();
   EXPECT_TRUE(Host::waitUntil([&] { return shown(entriesFor(*actions, {url("folder")}, view.get())) == FOLDERS; }));
   view->hide();
@@ -473,9 +440,7 @@ TEST_F(Plugins, SelectingAsksAheadSoThatTheMenuOpensAnswered) {
 }
 
 TEST_F(Plugins, AnAnswerToAnOlderSelectionIsDropped) {
-  start();
-  const auto view = openView("", "file");
-  ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
+  const auto view = startWithView();
   const auto actions = host->newActions();
   view->select({url("folder")});
   view->select({url("file")});
@@ -500,9 +465,7 @@ TEST_F(Plugins, AnAnswerToAnOlderSelectionIsDropped) {
 }
 
 TEST_F(Plugins, OnlyItemsOfTheSyncedFolderHaveEntries) {
-  start();
-  const auto view = openView("", "file");
-  ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
+  const auto view = startWithView();
   const auto actions = host->newActions();
   EXPECT_THAT(shown(entriesFor(*actions, {urlOf(outside + "/stranger")}, view.get())), IsEmpty());
   EXPECT_THAT(shown(entriesFor(*actions, {url("file"), urlOf(outside + "/stranger")}, view.get())), IsEmpty());
@@ -534,7 +497,7 @@ TEST_F(Plugins, AViewsBackgroundHasNoEntriesAndTheSameFolderAsAnItemHas) {
   EXPECT_THAT(shown(entriesFor(*actions, {url("")}, &window)), IsEmpty());
 }
 
-TEST_F(Plugins, InASplitWindowTheViewInUseTellsABackgroundFromAnItem) {
+TEST_F(Plugins, InASplitWindowTheViewInUseSeparatesABackgroundFromAnItem) {
   start();
   QWidget window;
   window.resize(400, 400);
@@ -576,9 +539,7 @@ TEST_F(Plugins, TheActionPluginAloneFillsTheFirstMenuWhileItIsOpen) {
 }
 
 TEST_F(Plugins, EntriesOfFormerMenusDoNotPileUp) {
-  start();
-  const auto view = openView("", "file");
-  ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
+  const auto view = startWithView();
   const auto actions = host->newActions();
   int alive = 0;
   for (int menu = 0; menu < 10; ++menu) {
@@ -591,9 +552,7 @@ TEST_F(Plugins, EntriesOfFormerMenusDoNotPileUp) {
 }
 
 TEST_F(Plugins, ASelectionThatIsTooLargeIsGreyedAndNotAskedFor) {
-  start();
-  const auto view = openView("", "file");
-  ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
+  const auto view = startWithView();
   QList<QUrl> many;
   for (int item = 0; item < 10'000; ++item) many.append(url("item" + std::to_string(item)));
   const auto actions = host->newActions();
@@ -620,13 +579,10 @@ TEST_F(Plugins, KDEsOwnMenuHasTheEntriesAtItsTopLevel) {
   }
 }
 
-// --- Faults
-// -----------------------------------------------------------------------------------------------------------
+// --- Faults ---------------------------------------------------------------------------------------------------------
 
-TEST_F(Plugins, AFrozenExtensionHoldsNothingUp) {
-  start();
-  const auto view = openView("", "file");
-  ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
+TEST_F(Plugins, AFrozenExtensionHoldsUpNothing) {
+  const auto view = startWithView();
   ASSERT_EQ(::kill(client->extensionProcess(), SIGSTOP), 0);
   const auto actions = host->newActions();
   QElapsedTimer elapsed;
@@ -645,9 +601,7 @@ TEST_F(Plugins, AFrozenExtensionHoldsNothingUp) {
 }
 
 TEST_F(Plugins, AKilledExtensionComesBackAndNoEmblemIsLostMeanwhile) {
-  start();
-  const auto view = openView("", "file");
-  ASSERT_TRUE(waitForEmblem(*view, "file", SYNCED));
+  const auto view = startWithView();
   const int process = client->extensionProcess();
   ASSERT_EQ(::kill(process, SIGKILL), 0);
   application->setStatus("/file", 1);
@@ -662,7 +616,7 @@ TEST_F(Plugins, AKilledExtensionComesBackAndNoEmblemIsLostMeanwhile) {
 
 class PluginsWithoutExtension : public Plugins {
  protected:
-  PluginsWithoutExtension() : Plugins(false) {}
+  PluginsWithoutExtension() : Plugins(Extension::none) {}
 };
 
 TEST_F(PluginsWithoutExtension, AreSilent) {

@@ -1,20 +1,16 @@
 // The built plug-in as the file manager loads it, on a real message bus: emblems and menus. Compiled for each file
 // manager.
-#include <gmock/gmock.h>
-#include <signal.h>
-
 #include <algorithm>
 #include <chrono>
 #include <filesystem>
+#include <map>
 #include <optional>
 
-#include "TestHost.hpp"
-#include "kelvane-sim/KelvaneSim.hpp"
-#include "support/BusClient.hpp"
 #include "support/CapturedOutput.hpp"
-#include "support/Environment.hpp"
+#include "support/DesktopTest.hpp"
 #include "support/FakeExtension.hpp"
-#include "support/PrivateBus.hpp"
+#include "support/MainContext.hpp"
+#include "support/gtk/TestHost.hpp"
 
 namespace {
 
@@ -27,68 +23,35 @@ using testing::IsEmpty;
 using testing::Not;
 using testing::SizeIs;
 using vornet::gtk::manager::COMPLETE;
-using vornet::sim::KelvaneSim;
 using vornet::test::BusClient;
 using vornet::test::CapturedOutput;
-using vornet::test::Environment;
+using vornet::test::DesktopTest;
 using vornet::test::FakeExtension;
 using vornet::test::FakeFile;
-using vornet::test::PrivateBus;
 using vornet::test::readFile;
-using vornet::test::ScopedVariable;
+using vornet::test::runUntil;
 using vornet::test::TestHost;
 using vornet::test::urlOf;
 using vornet::test::writeFile;
 
 namespace fs = std::filesystem;
 
-constexpr auto PATIENCE = 30s;
-constexpr const char* SYNCED = "emblem-vornet-synced";
-constexpr const char* PENDING = "emblem-vornet-pending";
-constexpr const char* SKIPPED = "emblem-vornet-skipped";
-
 // VORNET_PLUGIN_SUITE: the suite's name, with the file manager's in it.
-class VORNET_PLUGIN_SUITE : public testing::Test {
+class VORNET_PLUGIN_SUITE : public DesktopTest {
  protected:
-  VORNET_PLUGIN_SUITE() {
-    fs::create_directories(root + "/folder");
-    for (const char* name : {"/file", "/other", "/third"}) writeFile(root + name, "content");
-  }
-  ~VORNET_PLUGIN_SUITE() override {
-    host.reset();
-    fake.reset();
-    if (!bus) return;
-    const int process = BusClient(bus->address()).extensionProcess();
-    if (process) ::kill(process, SIGCONT);
-    bus->stop();
-    vornet::test::waitForEnd(process);
-    EXPECT_THAT(readFile(bus->output()), Not(HasSubstr("Sanitizer"))) << "in the extension's process";
-  }
+  VORNET_PLUGIN_SUITE() : DesktopTest({"/file", "/other", "/third", "/folder/"}) {}
 
-  /// A bus that starts the real extension, or none.
-  void startBus(bool withExtension) {
-    const auto folder = environment.folder().path() / "bus";
-    const auto none = environment.folder().path() / "no-services";
-    fs::create_directories(none);
-    if (withExtension)
-      bus.emplace(folder);
-    else
-      bus.emplace(folder, none);
-    address.emplace("DBUS_SESSION_BUS_ADDRESS", bus->address());
+  /// A bus with the real extension, or with none, and the plug-in.
+  void start(Extension extension) {
+    startBus(extension);
     host.emplace();
   }
-  /// The real extension, and the stand-in sync application with everything synced.
   void startReal() {
-    application.emplace(KelvaneSim::Options{.root = root,
-                                            .container = environment.container().string(),
-                                            .state = environment.folder() / "state",
-                                            .transferTime = 0ms});
-    application->start();
-    ASSERT_TRUE(application->waitUntilIdle(PATIENCE));
-    startBus(true);
+    startApplication();
+    start(Extension::real);
   }
   void startFake() {
-    startBus(false);
+    start(Extension::none);
     startFakeOnly();
   }
   void startFakeOnly() {
@@ -100,34 +63,35 @@ class VORNET_PLUGIN_SUITE : public testing::Test {
   }
 
   std::unique_ptr<FakeFile> shown(const std::string& name) { return host->watchedFile(root + "/" + name); }
-  /// Whether the file gets this emblem, and no other; "" for none.
+  /// True if the file gets this emblem, and no other, and its words; "" for none.
   bool becomes(const FakeFile& file, const std::string& emblem) {
     std::vector<std::string> wanted;
     if (!emblem.empty()) wanted.push_back(emblem);
-    return host->waitUntil([&] { return file.questions() > 0 && file.emblems() == wanted; });
+    if (!runUntil([&] { return file.questions() > 0 && file.emblems() == wanted; })) return false;
+    EXPECT_EQ(file.text(COLUMN), WORDS.at(emblem));
+    return true;
   }
   /// The menu of `files` once the extension has answered.
   std::vector<TestHost::Entry> answeredMenu(const std::vector<FakeFile*>& files) {
     std::vector<TestHost::Entry> entries;
-    host->waitUntil([&] {
+    runUntil([&] {
       entries = host->menu(files);
       return std::ranges::any_of(entries, &TestHost::Entry::sensitive);
     });
     return entries;
   }
 
-  Environment environment;
-  const std::string root = environment.folder() / "root";
-  std::optional<KelvaneSim> application;
-  std::optional<PrivateBus> bus;
-  std::optional<ScopedVariable> address;
+  static constexpr const char* COLUMN = "VornetVI::sync_status";  // users write it into settings
+  const std::map<std::string, std::string> WORDS = {
+      {SYNCED, "Synced"}, {PENDING, "Sync in progress"}, {SKIPPED, "Not synced"}, {"", ""}};
+
   std::optional<TestHost> host;
   std::optional<FakeExtension> fake;
 };
 
 // --- Emblems --------------------------------------------------------------------------------------------------------
 
-TEST_F(VORNET_PLUGIN_SUITE, ShowsTheEmblemsOfAllThreeKindsByItself) {
+TEST_F(VORNET_PLUGIN_SUITE, ShowsTheEmblemsOfAllThreeKindsAutomatically) {
   writeFile(root + "/lock.tmp", "");
   startReal();
   application->setStatus("/other", 1);
@@ -138,13 +102,13 @@ TEST_F(VORNET_PLUGIN_SUITE, ShowsTheEmblemsOfAllThreeKindsByItself) {
   EXPECT_TRUE(becomes(*folder, SYNCED));
 }
 
-TEST_F(VORNET_PLUGIN_SUITE, ShowsAChangeByItself) {
+TEST_F(VORNET_PLUGIN_SUITE, ShowsAChangeAutomatically) {
   startReal();
   const auto file = shown("file");
   ASSERT_TRUE(becomes(*file, SYNCED));
   application->setStatus("/file", 1);
   EXPECT_TRUE(becomes(*file, PENDING));
-  application->clearStatus("/file");
+  application->setStatus("/file", 2);
   EXPECT_TRUE(becomes(*file, SYNCED));
 }
 
@@ -227,7 +191,38 @@ TEST_F(VORNET_PLUGIN_SUITE, KeepsNoFileAliveAndForgetsThoseThatAreGone) {
   other.reset();
   setBadge("other", "PENDING");
   setBadge("file", "PENDING");
-  EXPECT_TRUE(becomes(*file, PENDING)) << "told after the one that is gone";
+  EXPECT_TRUE(becomes(*file, PENDING)) << "reported after the one that is gone";
+}
+
+// --- The column -----------------------------------------------------------------------------------------------------
+
+TEST_F(VORNET_PLUGIN_SUITE, OffersTheColumnSyncStatus) {
+  start(Extension::none);
+  const auto columns = host->columns();
+  ASSERT_THAT(columns, SizeIs(1));
+  EXPECT_EQ(columns[0].name, COLUMN);
+  EXPECT_EQ(columns[0].attribute, COLUMN);
+  EXPECT_EQ(columns[0].label, "Sync status");
+  EXPECT_EQ(columns[0].description, "Whether the item is synced");
+}
+
+TEST_F(VORNET_PLUGIN_SUITE, SaysInTheColumnWhatTheEmblemShows) {
+  startFake();
+  const auto file = shown("file");
+  for (const auto& [badge, emblem] :
+       {std::pair{"SYNCED", SYNCED}, {"PENDING", PENDING}, {"SKIPPED", SKIPPED}, {"", ""}}) {
+    setBadge("file", badge);
+    EXPECT_TRUE(becomes(*file, emblem)) << badge;
+  }
+}
+
+TEST_F(VORNET_PLUGIN_SUITE, HasTheWordsOfTheExtensionInTheColumn) {
+  startReal();
+  const auto file = shown("file");
+  ASSERT_TRUE(becomes(*file, SYNCED));
+  const auto labels = BusClient(bus->address()).property("Badges");
+  for (const auto& [badge, emblem] : {std::pair{"SYNCED", SYNCED}, {"PENDING", PENDING}, {"SKIPPED", SKIPPED}})
+    EXPECT_THAT(labels, HasSubstr(std::string("('") + badge + "', '" + WORDS.at(emblem) + "', "));
 }
 
 // --- The menu -------------------------------------------------------------------------------------------------------
@@ -236,12 +231,12 @@ TEST_F(VORNET_PLUGIN_SUITE, GreysTheEntriesUntilTheExtensionHasAnsweredAndSaysWh
   startFake();
   fake->hold("GetMenu");
   const auto file = shown("file");
-  ASSERT_TRUE(host->waitUntil([&] { return host->menu({file.get()}).size() == 5; })) << "the synced folder is known";
-  ASSERT_TRUE(host->waitUntil([&] { return !fake->menuRequests.empty(); }));
+  ASSERT_TRUE(runUntil([&] { return host->menu({file.get()}).size() == 5; })) << "the synced folder is known";
+  ASSERT_TRUE(runUntil([&] { return !fake->menuRequests.empty(); }));
   EXPECT_THAT(host->menu({file.get()}), Each(Field(&TestHost::Entry::sensitive, false)));
   const int updates = host->itemsUpdated();
   fake->release("GetMenu");
-  ASSERT_TRUE(host->waitUntil([&] { return host->itemsUpdated() > updates; }));
+  ASSERT_TRUE(runUntil([&] { return host->itemsUpdated() > updates; }));
   const auto entries = host->menu({file.get()});
   ASSERT_THAT(entries, SizeIs(5));
   std::vector<std::string> labels, names;
@@ -255,6 +250,17 @@ TEST_F(VORNET_PLUGIN_SUITE, GreysTheEntriesUntilTheExtensionHasAnsweredAndSaysWh
   EXPECT_EQ(std::ranges::adjacent_find(names), names.end()) << "each is found by its name";
 }
 
+TEST_F(VORNET_PLUGIN_SUITE, TheTipOfAGreyedEntrySaysThatTheSyncApplicationIsAway) {
+  startFake();
+  const auto file = shown("file");
+  const auto tip = [&](std::size_t entry) { return host->menu({file.get()}).at(entry).tip; };
+  ASSERT_THAT(answeredMenu({file.get()}), SizeIs(5));
+  EXPECT_EQ(tip(3), "View versions");
+  fake->changeProperty("SyncApplicationSilentSince", g_variant_new_int64(1'772'354'460));
+  EXPECT_TRUE(runUntil([&] { return tip(3) == "Kelvane is not running"; }));
+  EXPECT_EQ(tip(0), "Share");
+}
+
 TEST_F(VORNET_PLUGIN_SUITE, PerformsAChoiceOnExactlyTheSelectionThatItWasShownFor) {
   startReal();
   const auto file = shown("file"), other = shown("other"), third = shown("third");
@@ -262,7 +268,7 @@ TEST_F(VORNET_PLUGIN_SUITE, PerformsAChoiceOnExactlyTheSelectionThatItWasShownFo
   ASSERT_THAT(entries, SizeIs(5));
   ASSERT_THAT(host->menu({third.get()}), SizeIs(5)) << "selected since";
   entries[1].activate();
-  ASSERT_TRUE(host->waitUntil([&] { return application->waitForActions(1, 0ms); }));
+  ASSERT_TRUE(runUntil([&] { return application->waitForActions(1, 0ms); }));
   EXPECT_THAT(application->actions()[0].paths, ElementsAre("/file", "/other"));
   EXPECT_EQ(application->actions().size(), 1u);
 }
@@ -275,7 +281,7 @@ TEST_F(VORNET_PLUGIN_SUITE, PerformsAChoiceOfAMenuWhoseFilesAreGone) {
   shownFile.reset();
   entries[0].activate();
   entries[4].activate();
-  ASSERT_TRUE(host->waitUntil([&] { return fake->actions.size() == 2; }));
+  ASSERT_TRUE(runUntil([&] { return fake->actions.size() == 2; }));
   const auto file = urlOf(root + "/with space#");
   EXPECT_THAT(fake->actions,
               testing::UnorderedElementsAre(ElementsAre("share:", file), ElementsAre("viewInCloud:", file)));
@@ -309,14 +315,14 @@ TEST_F(VORNET_PLUGIN_SUITE, DoesNotAskForTheMenuOfAnEnormousSelection) {
   const auto entries = host->menu(selection);
   ASSERT_THAT(entries, SizeIs(5));
   EXPECT_THAT(entries, Each(Field(&TestHost::Entry::sensitive, false)));
-  // Another one's question is the next to arrive.
+  // The next request to arrive is another selection's.
   const auto other = shown("other");
   host->menu({other.get()});
-  ASSERT_TRUE(host->waitUntil([&] { return fake->menuRequests.size() > asked; }));
+  ASSERT_TRUE(runUntil([&] { return fake->menuRequests.size() > asked; }));
   EXPECT_THAT(fake->menuRequests[asked], ElementsAre(urlOf(root + "/other")));
 }
 
-TEST_F(VORNET_PLUGIN_SUITE, ComesToRestWithSeveralWindowsThatEachAskForTheirOwnSelection) {
+TEST_F(VORNET_PLUGIN_SUITE, StopsAskingWithSeveralWindowsThatEachAskForTheirOwnSelection) {
   startFake();
   const auto first = shown("file"), second = shown("other"), third = shown("third");
   const auto outside = host->file(environment.folder() / "outside");
@@ -330,17 +336,17 @@ TEST_F(VORNET_PLUGIN_SUITE, ComesToRestWithSeveralWindowsThatEachAskForTheirOwnS
     for (std::size_t i = 0; i < selections.size(); ++i) menus[i] = host->menu(selections[i]);
   };
   const auto isAnswered = [&](std::size_t i) { return std::ranges::any_of(menus[i], &TestHost::Entry::sensitive); };
-  ASSERT_TRUE(host->waitUntil([&] {
+  ASSERT_TRUE(runUntil([&] {
     askAgain();
     return isAnswered(0) && isAnswered(1) && isAnswered(3);
   })) << fake->menuRequests.size();
   EXPECT_THAT(menus[2], IsEmpty());
   EXPECT_THAT(menus[4], IsEmpty());
-  // The questions of one more window arrive, and no others.
+  // Only the requests of one more window arrive.
   const auto asked = fake->menuRequests.size();
   const auto last = shown("last");
   host->menu({last.get()});
-  ASSERT_TRUE(host->waitUntil([&] {
+  ASSERT_TRUE(runUntil([&] {
     askAgain();
     return std::ranges::count(fake->menuRequests, std::vector{urlOf(root + "/last")}) > 0;
   }));
@@ -355,26 +361,25 @@ TEST_F(VORNET_PLUGIN_SUITE, KeepsTheEmblemsOfAKilledExtensionAndShowsWhatItsSucc
   const auto file = shown("file"), other = shown("other");
   ASSERT_TRUE(becomes(*file, SYNCED));
   ASSERT_TRUE(becomes(*other, SYNCED));
-  BusClient client(bus->address());
-  const int process = client.extensionProcess();
+  const int process = client->extensionProcess();
   ASSERT_GT(process, 0);
   const int questions = other->questions();
   ::kill(process, SIGKILL);
   ASSERT_TRUE(vornet::test::waitForEnd(process));
   application->setStatus("/file", 1);
   EXPECT_TRUE(becomes(*file, PENDING));
-  EXPECT_NE(client.extensionProcess(), process);
+  EXPECT_NE(client->extensionProcess(), process);
   EXPECT_THAT(other->emblems(), ElementsAre(SYNCED));
   EXPECT_EQ(other->questions(), questions) << "its emblem was never taken away";
 }
 
 TEST_F(VORNET_PLUGIN_SUITE, IsSilentWhereTheExtensionIsNotInstalled) {
-  startBus(false);
+  start(Extension::none);
   CapturedOutput said(STDERR_FILENO);
   std::vector<std::unique_ptr<FakeFile>> files;
   for (int i = 0; i < 100; ++i) files.push_back(shown(std::to_string(i)));
   for (int round = 0; round < 3; ++round) {
-    ASSERT_TRUE(host->waitUntil(
+    ASSERT_TRUE(runUntil(
         [&] { return std::ranges::all_of(files, [&](const auto& file) { return file->questions() > round; }); }));
     for (const auto& file : files) {
       EXPECT_THAT(file->emblems(), IsEmpty());
@@ -424,7 +429,7 @@ TEST_F(VORNET_PLUGIN_SUITE, LeavesTheBusWhenItIsUnloaded) {
   const auto entries = answeredMenu({file.get()});
   ASSERT_TRUE(fake->clientIsConnected());
   host->unload();
-  EXPECT_TRUE(host->waitUntil([&] { return !fake->clientIsConnected(); }));
+  EXPECT_TRUE(runUntil([&] { return !fake->clientIsConnected(); }));
   entries[0].activate();  // a menu that is open still
   EXPECT_EQ(file->otherReferences(), 0u);
 }

@@ -3,34 +3,30 @@
 #include <gtk/gtk.h>
 
 #include <algorithm>
-#include <filesystem>
 #include <memory>
 #include <optional>
 
-#include "FakeTab.hpp"
-#include "TestHost.hpp"
-#include "support/Environment.hpp"
+#include "support/DesktopTest.hpp"
 #include "support/FakeExtension.hpp"
-#include "support/PrivateBus.hpp"
+#include "support/MainContext.hpp"
+#include "support/gtk/FakeTab.hpp"
+#include "support/gtk/TestHost.hpp"
 
 namespace {
 
 using vornet::gtk::manager::LocationWidgetProvider;
-using vornet::test::Environment;
+using vornet::test::DesktopTest;
 using vornet::test::FakeExtension;
 using vornet::test::FakeWindows;
-using vornet::test::PrivateBus;
-using vornet::test::ScopedVariable;
+using vornet::test::runUntil;
 using vornet::test::TestHost;
 using vornet::test::urlOf;
 
 // VORNET_LOCATIONS_SUITE: the suite's name, with the file manager's in it.
-class VORNET_LOCATIONS_SUITE : public testing::Test {
+class VORNET_LOCATIONS_SUITE : public DesktopTest {
  protected:
   VORNET_LOCATIONS_SUITE() {
-    std::filesystem::create_directories(environment.folder().path() / "no-services");
-    bus.emplace(environment.folder().path() / "bus", environment.folder().path() / "no-services");
-    address.emplace("DBUS_SESSION_BUS_ADDRESS", bus->address());
+    startBus(Extension::none);
     windows.emplace();
     host.emplace();
     window = gtk_window_new(GTK_WINDOW_TOPLEVEL);
@@ -41,17 +37,14 @@ class VORNET_LOCATIONS_SUITE : public testing::Test {
   }
   ~VORNET_LOCATIONS_SUITE() override { gtk_widget_destroy(window); }
 
-  GtkWidget* place() {
+  GtkWidget* place(const std::string& url = "file:///folder") {
     GtkWidget* widget = VORNET_CALL(location_widget_provider_get_widget)(
-        reinterpret_cast<LocationWidgetProvider*>(host->provider()), "file:///folder", window);
+        reinterpret_cast<LocationWidgetProvider*>(host->provider()), url.c_str(), window);
     gtk_box_pack_start(GTK_BOX(box), widget, TRUE, TRUE, 0);
     return widget;
   }
   guint border() const { return gtk_container_get_border_width(GTK_CONTAINER(box)); }
 
-  Environment environment;
-  std::optional<PrivateBus> bus;
-  std::optional<ScopedVariable> address;
   std::optional<FakeWindows> windows;
   std::optional<TestHost> host;
   GtkWidget* window = nullptr;
@@ -75,17 +68,26 @@ TEST_F(VORNET_LOCATIONS_SUITE, LeavesTheRoomOfOtherWidgets) {
   EXPECT_EQ(border(), 6u);
 }
 
+TEST_F(VORNET_LOCATIONS_SUITE, TheFolderOfANewWindowIsObservedBeforeTheWindowIsToBeSeen) {
+  FakeExtension fake(bus->address(), {urlOf(root)});
+  gtk_widget_hide(window);
+  place(urlOf(root));
+  EXPECT_TRUE(runUntil([&] { return fake.observed.count(urlOf(root)) == 1; }));
+  gtk_widget_show(window);
+  EXPECT_TRUE(runUntil([&] { return gtk_widget_get_mapped(window) != FALSE; }));
+  EXPECT_EQ(fake.count("BeginObserving"), 1u) << "the same goes on";
+}
+
 #if defined(VORNET_FOR_NEMO)
 G_GNUC_BEGIN_IGNORE_DEPRECATIONS  // Nemo's menus are made of these
 
 TEST_F(VORNET_LOCATIONS_SUITE, AnOpenMenuTakesTheAnswerThatCameLater) {
-  const std::string root = environment.folder() / "root";
   FakeExtension fake(bus->address(), {urlOf(root)});
   fake.menu = FakeExtension::ALL;
   fake.hold("GetMenu");
   const auto file = host->watchedFile(root + "/file");
   std::vector<TestHost::Entry> entries;
-  ASSERT_TRUE(host->waitUntil([&] {
+  ASSERT_TRUE(runUntil([&] {
     entries = host->menu({file.get()});
     return !entries.empty() && !fake.menuRequests.empty();
   }));
@@ -103,11 +105,11 @@ TEST_F(VORNET_LOCATIONS_SUITE, AnOpenMenuTakesTheAnswerThatCameLater) {
   gtk_widget_show_all(menu);
   gtk_menu_attach_to_widget(GTK_MENU(menu), window, nullptr);
   gtk_menu_popup(GTK_MENU(menu), nullptr, nullptr, nullptr, nullptr, 0, GDK_CURRENT_TIME);
-  ASSERT_TRUE(host->waitUntil([&] { return gtk_widget_get_mapped(menu) != FALSE; }));
+  ASSERT_TRUE(runUntil([&] { return gtk_widget_get_mapped(menu) != FALSE; }));
 
   fake.release("GetMenu");
   const auto isSensitive = [](const auto& action) { return gtk_action_get_sensitive(action.get()) != FALSE; };
-  ASSERT_TRUE(host->waitUntil([&] { return std::ranges::any_of(actions, isSensitive); }));
+  ASSERT_TRUE(runUntil([&] { return std::ranges::any_of(actions, isSensitive); }));
   std::vector<bool> sensitive;
   std::ranges::transform(actions, std::back_inserter(sensitive), isSensitive);
   EXPECT_THAT(sensitive, testing::ElementsAre(true, true, true, false, true, false));

@@ -1,25 +1,22 @@
-// Nautilus with other internals than the plug-in knows: it goes by the items asked for, and nothing breaks.
-#include <gmock/gmock.h>
-
-#include <filesystem>
+// Nautilus with internals that the plug-in does not know: folders are inferred from the items asked for; nothing
+// breaks.
 #include <vector>
 
-#include "FakeSlots.hpp"
-#include "FakeTab.hpp"
-#include "TestHost.hpp"
-#include "support/Environment.hpp"
+#include "support/DesktopTest.hpp"
 #include "support/FakeExtension.hpp"
-#include "support/PrivateBus.hpp"
+#include "support/MainContext.hpp"
+#include "support/gtk/FakeSlots.hpp"
+#include "support/gtk/FakeTab.hpp"
+#include "support/gtk/TestHost.hpp"
 
 namespace {
 
-using vornet::test::Environment;
+using vornet::test::DesktopTest;
 using vornet::test::FakeExtension;
 using vornet::test::FakeSlots;
 using vornet::test::FakeWindow;
 using vornet::test::FakeWindows;
-using vornet::test::PrivateBus;
-using vornet::test::ScopedVariable;
+using vornet::test::runUntil;
 using vornet::test::TestHost;
 using vornet::test::urlOf;
 
@@ -30,24 +27,20 @@ struct MissingPart {
   friend void PrintTo(const MissingPart& part, std::ostream* out) { *out << part.name; }
 };
 
-class OtherNautilus : public testing::TestWithParam<MissingPart> {};
+class OtherNautilus : public DesktopTest, public testing::WithParamInterface<MissingPart> {};
 
-TEST_P(OtherNautilus, IsServedByTheItemsThatItAsksFor) {
+TEST_P(OtherNautilus, HasItsFoldersInferredFromTheItemsThatItAsksFor) {
   for (bool* exists : GetParam().exists) *exists = false;
-  const Environment environment;
-  const std::string root = environment.folder() / "root";
-  std::filesystem::create_directories(environment.folder().path() / "no-services");
-  const PrivateBus bus(environment.folder().path() / "bus", environment.folder().path() / "no-services");
-  const ScopedVariable address("DBUS_SESSION_BUS_ADDRESS", bus.address());
+  startBus(Extension::none);
   FakeWindows windows;
   TestHost host;
-  FakeExtension fake(bus.address(), {urlOf(root)});
+  FakeExtension fake(bus->address(), {urlOf(root)});
   fake.setBadge(urlOf(root + "/file"), "SYNCED");
   {
     FakeWindow window(windows, host);
     const auto tab = window.open("file://" + root + "/folder");
     const auto file = host.watchedFile(root + "/file");
-    EXPECT_TRUE(host.waitUntil([&] { return file->emblems() == std::vector<std::string>{"emblem-vornet-synced"}; }));
+    EXPECT_TRUE(runUntil([&] { return file->emblems() == std::vector<std::string>{SYNCED}; }));
     EXPECT_EQ(fake.observed, (std::multiset{urlOf(root)})) << "inferred, and nothing else";
     window.sendToBack(tab);
     window.bringToFront(tab);
@@ -56,10 +49,10 @@ TEST_P(OtherNautilus, IsServedByTheItemsThatItAsksFor) {
 }
 
 INSTANTIATE_TEST_SUITE_P(NautilusWindows, OtherNautilus,
-                         testing::Values(MissingPart{"ApplicationSignals", {&FakeSlots::applicationTellsOfWindows}},
+                         testing::Values(MissingPart{"ApplicationSignals", {&FakeSlots::applicationReportsWindows}},
                                          MissingPart{
                                              "WindowSignalsAndActiveSlot",
-                                             {&FakeSlots::windowsTellOfSlots, &FakeSlots::windowsHaveActiveSlot}},
+                                             {&FakeSlots::windowsReportSlots, &FakeSlots::windowsHaveActiveSlot}},
                                          MissingPart{"SlotLocation", {&FakeSlots::slotsHaveLocations}},
                                          MissingPart{"SlotActive", {&FakeSlots::slotsAreActive}}),
                          [](const auto& tested) { return std::string(tested.param.name); });

@@ -1,4 +1,4 @@
-// What the sanitizers ask for before anything else.
+// Options that the sanitizers ask for before anything else.
 extern "C" {
 const char* __lsan_default_suppressions();
 const char* __tsan_default_suppressions();
@@ -8,8 +8,8 @@ __attribute__((visibility("default"))) const char* __lsan_default_suppressions()
   return "leak:libfontconfig.so";
 }
 
-/// The functions that register types take GObject's lock, which the thread sanitizer does not see, and give it back
-/// with their last jump, which it takes for one of their callers.
+/// The functions that register types take GObject's lock, which the thread sanitizer does not see, and release it with
+/// their last jump, which it takes for one of their callers.
 __attribute__((visibility("default"))) const char* __tsan_default_suppressions() {
   return "mutex:plugins/gtk/*\n"
          "mutex:libnautilus-extension.so\n"

@@ -1,42 +1,31 @@
 // The built plug-in beside windows and tabs: which folders it has observed, and what it shows in those that the user
 // comes back to. Compiled for each file manager.
-#include <gmock/gmock.h>
-
 #include <algorithm>
-#include <filesystem>
 #include <optional>
 
-#include "FakeTab.hpp"
-#include "TestHost.hpp"
-#include "support/Environment.hpp"
+#include "support/DesktopTest.hpp"
 #include "support/FakeExtension.hpp"
-#include "support/PrivateBus.hpp"
+#include "support/MainContext.hpp"
+#include "support/gtk/FakeTab.hpp"
+#include "support/gtk/TestHost.hpp"
 
 namespace {
 
 using testing::ElementsAre;
-using vornet::test::Environment;
+using vornet::test::DesktopTest;
 using vornet::test::FakeExtension;
 using vornet::test::FakeFile;
 using vornet::test::FakeWindow;
 using vornet::test::FakeWindows;
-using vornet::test::PrivateBus;
-using vornet::test::ScopedVariable;
+using vornet::test::runUntil;
 using vornet::test::TestHost;
 using vornet::test::urlOf;
 
-namespace fs = std::filesystem;
-
-constexpr const char* SYNCED = "emblem-vornet-synced";
-constexpr const char* PENDING = "emblem-vornet-pending";
-
 // VORNET_TABS_SUITE: the suite's name, with the file manager's in it.
-class VORNET_TABS_SUITE : public testing::Test {
+class VORNET_TABS_SUITE : public DesktopTest {
  protected:
   VORNET_TABS_SUITE() {
-    fs::create_directories(environment.folder().path() / "no-services");
-    bus.emplace(environment.folder().path() / "bus", environment.folder().path() / "no-services");
-    address.emplace("DBUS_SESSION_BUS_ADDRESS", bus->address());
+    startBus(Extension::none);
     windows.emplace();
     host.emplace();
     fake.emplace(bus->address(), std::vector{urlOf(root)});
@@ -45,12 +34,12 @@ class VORNET_TABS_SUITE : public testing::Test {
 
   std::string url(const std::string& name = "") const { return "file://" + root + (name.empty() ? "" : "/" + name); }
 
-  /// Whether these are the folders that get observed, with the times.
+  /// True if exactly these folders are observed, so many times each.
   bool observes(const std::map<std::string, int>& folders) {
     std::multiset<std::string> urls;
     for (const auto& [folder, times] : folders)
       for (int i = 0; i < times; ++i) urls.insert(urlOf(folder));
-    return host->waitUntil([&] { return fake->observed == urls; });
+    return runUntil([&] { return fake->observed == urls; });
   }
   /// How often a folder's observation began, or ended.
   std::ptrdiff_t begun(const std::string& folder) const { return count("BeginObserving", folder); }
@@ -70,9 +59,9 @@ class VORNET_TABS_SUITE : public testing::Test {
   }
 
   bool becomes(const FakeFile& file, const std::vector<std::string>& emblems) {
-    return host->waitUntil([&] { return file.questions() > 0 && file.emblems() == emblems; });
+    return runUntil([&] { return file.questions() > 0 && file.emblems() == emblems; });
   }
-  /// The file named so in a folder that is on screen, with the emblem SYNCED.
+  /// The file `name` in a folder that is on screen, with the emblem SYNCED.
   std::unique_ptr<FakeFile> syncedFile(const std::string& name) {
     setBadge(name, "SYNCED");
     auto file = host->watchedFile(root + "/" + name);
@@ -80,10 +69,6 @@ class VORNET_TABS_SUITE : public testing::Test {
     return file;
   }
 
-  Environment environment;
-  const std::string root = environment.folder() / "root";
-  std::optional<PrivateBus> bus;
-  std::optional<ScopedVariable> address;
   std::optional<FakeWindows> windows;
   std::optional<TestHost> host;
   std::optional<FakeExtension> fake;
@@ -172,7 +157,7 @@ TEST_F(VORNET_TABS_SUITE, LeavesTheWindowsAloneOnceItIsUnloaded) {
   ASSERT_TRUE(observes({{root, 1}}));
   const auto file = syncedFile("file");
   host->unload();
-  ASSERT_TRUE(host->waitUntil([&] { return !fake->clientIsConnected(); }));
+  ASSERT_TRUE(runUntil([&] { return !fake->clientIsConnected(); }));
   window->sendToBack(tab);
   window->bringToFront(tab);
   window->close(tab);
@@ -183,14 +168,14 @@ TEST_F(VORNET_TABS_SUITE, LeavesTheWindowsAloneOnceItIsUnloaded) {
 
 // --- Coming back ----------------------------------------------------------------------------------------------------
 
-TEST_F(VORNET_TABS_SUITE, AFolderThatTheUserComesBackToLaterIsAskedForAnew) {
+TEST_F(VORNET_TABS_SUITE, AFolderThatTheUserComesBackToLaterIsAskedForAgain) {
   const auto tab = window->open(url());
   const auto file = syncedFile("file");
   window->go(tab, url("folder"));
   file->unwatch();
   ASSERT_TRUE(observes({{root + "/folder", 1}}));
   setBadge("file", "PENDING");
-  ASSERT_TRUE(host->waitUntil([&] { return !file->isValid(); })) << "the file manager is to ask when it comes back";
+  ASSERT_TRUE(runUntil([&] { return !file->isValid(); })) << "the file manager is to ask when it comes back";
   window->go(tab, url());
   file->watch();
   EXPECT_TRUE(becomes(*file, {PENDING}));
@@ -208,7 +193,7 @@ TEST_F(VORNET_TABS_SUITE, AFolderThatTheUserComesBackToAtOnceIsShownAsItIsNow) {
   EXPECT_TRUE(becomes(*file, {SYNCED})) << "and changes arrive again";
 }
 
-TEST_F(VORNET_TABS_SUITE, ATabInTheBackgroundKeepsItsEmblemsAndTakesNoQuestionToTheExtension) {
+TEST_F(VORNET_TABS_SUITE, ATabInTheBackgroundKeepsItsEmblemsAndSendsNoRequest) {
   const auto tab = window->open(url());
   const auto file = syncedFile("file");
   window->sendToBack(tab);
@@ -219,7 +204,7 @@ TEST_F(VORNET_TABS_SUITE, ATabInTheBackgroundKeepsItsEmblemsAndTakesNoQuestionTo
   file->ask();  // it changed on the disk
   EXPECT_THAT(file->emblems(), ElementsAre(SYNCED));
   const auto other = syncedFile("folder/other");
-  ASSERT_TRUE(host->waitUntil([&] { return asked().size() > before; })) << "a question would have come before";
+  ASSERT_TRUE(runUntil([&] { return asked().size() > before; })) << "a question would have come before";
   window->go(front, url("third"));
   ASSERT_TRUE(observes({{root + "/third", 1}}));
   EXPECT_THAT(asked(before), ElementsAre(urlOf(root + "/folder/other")));
@@ -234,7 +219,7 @@ TEST_F(VORNET_TABS_SUITE, ATabThatComesToTheFrontShowsWhatHasChangedAndNeverLose
   setBadge("changed", "PENDING");
   bool lost = false;
   window->bringToFront(tab);
-  ASSERT_TRUE(host->waitUntil([&] {
+  ASSERT_TRUE(runUntil([&] {
     lost = lost || changed->emblems().empty() || same->emblems().empty();
     return changed->emblems() == std::vector<std::string>{PENDING};
   }));
@@ -242,7 +227,7 @@ TEST_F(VORNET_TABS_SUITE, ATabThatComesToTheFrontShowsWhatHasChangedAndNeverLose
   EXPECT_THAT(same->emblems(), ElementsAre(SYNCED));
 }
 
-TEST_F(VORNET_TABS_SUITE, ATabThatComesToTheFrontLosesTheEmblemsThatAreNoMore) {
+TEST_F(VORNET_TABS_SUITE, ATabThatComesToTheFrontLosesOutdatedEmblems) {
   const auto tab = window->open(url());
   const auto file = syncedFile("file");
   window->sendToBack(tab);

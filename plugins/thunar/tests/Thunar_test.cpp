@@ -1,24 +1,17 @@
 // The plug-in as Thunar has it: the built library, loaded by Thunar's own one, on a real message bus with
 // the real extension and the stand-in sync application. Without a display, so without the menu's widgets.
 #include <dlfcn.h>
-#include <gmock/gmock.h>
-#include <signal.h>
 
 #include <algorithm>
-#include <chrono>
-#include <filesystem>
 #include <memory>
-#include <optional>
 
-#include "FakeFiles.hpp"
 #include "Thunarx.hpp"
-#include "kelvane-sim/KelvaneSim.hpp"
-#include "support/BusClient.hpp"
-#include "support/Environment.hpp"
-#include "support/PrivateBus.hpp"
-#include "support/StartedProgram.hpp"
+#include "dbus/GLibPtr.hpp"
+#include "support/DesktopTest.hpp"
+#include "support/MainContext.hpp"
+#include "support/thunar/FakeFiles.hpp"
 
-// What Thunar's library loads plug-ins with; the collective header leaves it out.
+// Thunar's library loads plug-ins with this; the collective header leaves it out.
 #define THUNARX_INSIDE_THUNARX_H
 extern "C" {
 #include <thunarx/thunarx-provider-module.h>
@@ -27,23 +20,17 @@ extern "C" {
 
 namespace {
 
-using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
-using vornet::sim::KelvaneSim;
-using vornet::test::BusClient;
-using vornet::test::Environment;
-using vornet::test::PrivateBus;
+using vornet::test::DesktopTest;
 using vornet::test::readFile;
+using vornet::test::runUntil;
 using vornet::test::ScopedVariable;
+using vornet::test::settle;
 using vornet::test::writeFile;
 using vornet::thunar::FakeFiles;
-
-namespace fs = std::filesystem;
-
-constexpr auto PATIENCE = 30s;
 
 /// A menu that Thunar shows: the entries, which it frees when the menu closes.
 class ShownMenu {
@@ -77,7 +64,7 @@ class ShownMenu {
   static std::string text(ThunarxMenuItem* item, const char* property) {
     gchar* value = nullptr;
     g_object_get(item, property, &value, nullptr);
-    const std::unique_ptr<gchar, decltype(&g_free)> owned(value, g_free);
+    const vornet::GCharPtr owned(value);
     return value ? value : "";
   }
 
@@ -85,42 +72,22 @@ class ShownMenu {
   std::unique_ptr<GList, decltype(&thunarx_menu_item_list_free)> items_;
 };
 
-class Thunar : public testing::Test {
+class Thunar : public DesktopTest {
  protected:
-  Thunar() {
-    fs::create_directories(root + "/folder");
-    writeFile(root + "/file", "content");
-    writeFile(root + "/other", "content");
-  }
+  Thunar() : DesktopTest({"/file", "/other", "/folder/"}) {}
   ~Thunar() override {
     if (loaded) g_object_unref(loaded);
     unload();
-    if (!bus) return;
-    const int process = BusClient(bus->address()).extensionProcess();
-    if (process > 0) ::kill(process, SIGCONT);
-    bus->stop();
-    vornet::test::waitForEnd(process);
-    EXPECT_THAT(readFile(bus->output()), Not(HasSubstr("Sanitizer"))) << "in the extension's process";
-    if (HasFailure()) std::fputs(readFile(bus->output()).c_str(), stderr);
   }
 
   /// Everything is synced when this returns; the plug-in is loaded.
   void start() {
-    application.emplace(KelvaneSim::Options{.root = root,
-                                            .container = environment.container().string(),
-                                            .state = environment.folder() / "state",
-                                            .transferTime = 0ms});
-    application->start();
-    ASSERT_TRUE(application->waitUntilIdle(PATIENCE));
-    startBus(PrivateBus::buildTreeServices());
-  }
-  void startBus(const fs::path& services) {
-    bus.emplace(environment.folder().path() / "bus", services);
+    startApplication();
+    startBus(Extension::real);
     load();
   }
   void load() {
-    address.emplace("DBUS_SESSION_BUS_ADDRESS", bus->address());
-    // Thunar's library looks in its own folder only; the way from there goes through the root folder.
+    // Thunar's library looks in its own folder only; the path from there leads through the root folder.
     std::string way;
     for (int i = 0; i < 16; ++i) way += "../";
     auto* module = thunarx_provider_module_new((way + VORNET_THUNAR).c_str());
@@ -155,22 +122,13 @@ class Thunar : public testing::Test {
     return made.get();
   }
 
-  /// Runs Thunar's main loop until `condition` holds; false after half a minute without.
-  static bool waitUntil(const std::function<bool()>& condition) {
-    const auto until = std::chrono::steady_clock::now() + PATIENCE;
-    const guint glance = g_timeout_add(5, [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr);
-    while (!condition() && std::chrono::steady_clock::now() < until) {
-      g_main_context_iteration(nullptr, TRUE);
-      while (g_main_context_iteration(nullptr, FALSE)) {
-      }
-    }
-    g_source_remove(glance);
-    return condition();
-  }
   /// Asks until the sync application's answer is there, as a user would who opens the menu again.
   ShownMenu answeredMenuOf(const std::vector<std::string>& urls) const {
     ShownMenu menu;
-    EXPECT_TRUE(waitUntil([&] { return (menu = menuOf(urls)).enabled() > 0; }));
+    EXPECT_TRUE(runUntil([&] {
+      settle();  // each menu leaves work that comes before the answer
+      return (menu = menuOf(urls)).enabled() > 0;
+    }));
     return menu;
   }
   bool isDone(const std::string& name, const std::vector<std::string>& paths) const {
@@ -179,12 +137,7 @@ class Thunar : public testing::Test {
                        [&](const auto& action) { return action.name == name && action.paths == paths; });
   }
 
-  Environment environment;
-  const std::string root = environment.folder() / "root";
   const ScopedVariable display{"DISPLAY", std::nullopt};
-  std::optional<KelvaneSim> application;
-  std::optional<PrivateBus> bus;
-  std::optional<ScopedVariable> address;
   ThunarxMenuProvider* loaded = nullptr;
 };
 
@@ -204,17 +157,35 @@ TEST_F(Thunar, EntriesShownBeforeTheAnswerAreGreyedAndFollowIt) {
   const auto menu = menuOf({url("folder")});
   EXPECT_EQ(menu.size(), 5u);
   EXPECT_EQ(menu.enabled(), 0u);
-  ASSERT_TRUE(waitUntil([&] { return menu.enabled() > 0; }));
+  ASSERT_TRUE(runUntil([&] { return menu.enabled() > 0; }));
   EXPECT_EQ(menu.enabled(), 4u);
   EXPECT_FALSE(thunarx_menu_item_get_sensitive(menu.item("View versions")));
+}
+
+TEST_F(Thunar, AGreyedEntryHasTheTipThatTheSyncApplicationIsAway) {
+  start();
+  EXPECT_EQ(ShownMenu::text(answeredMenuOf({url("file")}).item("Share"), "tooltip"), "");
+  application->stop();
+  EXPECT_TRUE(runUntil([&] {
+    settle();  // each menu leaves work that comes before the answer
+    const auto menu = menuOf({url("file")});
+    return menu.item("Share") && ShownMenu::text(menu.item("Share"), "tooltip") == "Kelvane is not running";
+  }));
 }
 
 TEST_F(Thunar, AnOlderMenuDoesNotFollowTheAnswerToANewerSelection) {
   start();
   answeredMenuOf({url("other")});
+  // The older one may follow its own answer, in which a folder has no versions.
   const auto older = menuOf({url("folder")});
-  answeredMenuOf({url("file")});
-  EXPECT_EQ(older.enabled(), 0u);
+  bool followedNewer = false;
+  const auto follow = +[](ThunarxMenuItem* item, GParamSpec*, bool* followed) {
+    *followed = *followed || thunarx_menu_item_get_sensitive(item);
+  };
+  g_signal_connect(older.item("View versions"), "notify::sensitive", G_CALLBACK(follow), &followedNewer);
+  const auto newer = answeredMenuOf({url("file")});
+  EXPECT_TRUE(thunarx_menu_item_get_sensitive(newer.item("View versions")));
+  EXPECT_FALSE(followedNewer);
 }
 
 TEST_F(Thunar, AChoiceIsPerformedOnTheSelectionThatTheMenuWasShownFor) {
@@ -222,7 +193,7 @@ TEST_F(Thunar, AChoiceIsPerformedOnTheSelectionThatTheMenuWasShownFor) {
   const auto menu = answeredMenuOf({url("file"), url("folder")});
   answeredMenuOf({url("other")});
   menu.choose("Share");
-  EXPECT_TRUE(waitUntil([&] { return isDone("Share", {"/file", "/folder/"}); }));
+  EXPECT_TRUE(runUntil([&] { return isDone("Share", {"/file", "/folder/"}); }));
   EXPECT_EQ(application->actions().size(), 1u);
 }
 
@@ -239,7 +210,7 @@ TEST_F(Thunar, HasNoEntriesOutsideTheSyncedFolderNorForNothingNorForABackground)
   EXPECT_GT(menuOf({url("file")}).size(), 0u);
 }
 
-TEST_F(Thunar, HasNoEntriesForMoreFilesThanAreWorthReading) {
+TEST_F(Thunar, HasNoEntriesForAVeryLargeSelection) {
   start();
   answeredMenuOf({url("file")});
   std::vector<std::string> many(1000, url("file"));
@@ -264,10 +235,10 @@ TEST_F(Thunar, OddNamesReachTheSyncApplicationAsTheyAre) {
   for (const auto& name : names) writeFile(root + "/" + name, "content");
   start();
   for (const auto& name : names) {
-    application->setStatus("/" + name, 2);  // it takes not all of them by itself
+    application->setStatus("/" + name, 2);  // it does not sync all of them by itself
     const auto menu = answeredMenuOf({url(name)});
     menu.choose("Copy Link");
-    EXPECT_TRUE(waitUntil([&] { return isDone("Copy Link", {"/" + name}); })) << name;
+    EXPECT_TRUE(runUntil([&] { return isDone("Copy Link", {"/" + name}); })) << name;
   }
 }
 
@@ -282,8 +253,7 @@ TEST_F(Thunar, HasNoEntriesForANameThatIsNotUtf8) {
 TEST_F(Thunar, WaitsForNothingWhileTheExtensionIsFrozen) {
   start();
   answeredMenuOf({url("file")});
-  BusClient client(bus->address());
-  const int process = client.extensionProcess();
+  const int process = client->extensionProcess();
   ASSERT_GT(process, 0);
   ASSERT_EQ(::kill(process, SIGSTOP), 0);
   // Two thousand questions to a frozen process: had one waited for it, the test would not come to its end.
@@ -296,26 +266,25 @@ TEST_F(Thunar, WaitsForNothingWhileTheExtensionIsFrozen) {
   const auto menu = menuOf({url("folder")});
   menu.choose("Share");
   ASSERT_EQ(::kill(process, SIGCONT), 0);
-  EXPECT_TRUE(waitUntil([&] { return isDone("Share", {"/folder/"}); }));
-  EXPECT_TRUE(waitUntil([&] { return menu.enabled() == 4; }));
+  EXPECT_TRUE(runUntil([&] { return isDone("Share", {"/folder/"}); }));
+  EXPECT_TRUE(runUntil([&] { return menu.enabled() == 4; }));
 }
 
 TEST_F(Thunar, SurvivesTheExtensionsDeath) {
   start();
   answeredMenuOf({url("file")});
-  BusClient client(bus->address());
-  const int process = client.extensionProcess();
+  const int process = client->extensionProcess();
   ASSERT_EQ(::kill(process, SIGKILL), 0);
-  ASSERT_TRUE(waitUntil([&] { return client.extensionProcess() != process; }));
+  ASSERT_TRUE(runUntil([&] { return client->extensionProcess() != process; }));
   const auto menu = answeredMenuOf({url("folder")});
   menu.choose("Share");
-  EXPECT_TRUE(waitUntil([&] { return isDone("Share", {"/folder/"}); }));
-  EXPECT_NE(client.extensionProcess(), process);
+  EXPECT_TRUE(runUntil([&] { return isDone("Share", {"/folder/"}); }));
+  EXPECT_NE(client->extensionProcess(), process);
 }
 
 TEST_F(Thunar, IsSilentWhereTheExtensionIsNotInstalled) {
-  fs::create_directories(environment.folder() / "none");
-  startBus(environment.folder() / "none");
+  startBus(Extension::none);
+  load();
   ::testing::internal::CaptureStderr();
   for (int i = 0; i < 20; ++i) {
     EXPECT_EQ(menuOf({url(i % 2 == 0 ? "file" : "folder")}).size(), 0u);
@@ -329,12 +298,12 @@ TEST_F(Thunar, ObservesNoFolder) {
   start();
   answeredMenuOf({url("file")});
   answeredMenuOf({url("folder")}).choose("Share");
-  ASSERT_TRUE(waitUntil([&] { return isDone("Share", {"/folder/"}); }));
+  ASSERT_TRUE(runUntil([&] { return isDone("Share", {"/folder/"}); }));
   EXPECT_THAT(readFile(environment.logFile()), Not(IsEmpty()));
   EXPECT_THAT(readFile(environment.logFile()), Not(HasSubstr("ObservingDirectoryAtURL")));
 }
 
-TEST_F(Thunar, KeepsNothingOfWhatThunarHandsOutAndTakesBack) {
+TEST_F(Thunar, LeaksNothingThatThunarHandsOut) {
   start();
   answeredMenuOf({url("file")});
   int living = 0;

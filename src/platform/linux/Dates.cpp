@@ -1,11 +1,17 @@
 #include <unicode/dcfmtsym.h>
 #include <unicode/fieldpos.h>
+#include <unicode/localpointer.h>
+#include <unicode/numsys.h>
 #include <unicode/simpletz.h>
 #include <unicode/smpdtfmt.h>
+#include <unicode/ucal.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <ctime>
+#include <iterator>
 #include <mutex>
+#include <utility>
 
 #include "platform/Foundation.hpp"
 
@@ -18,8 +24,8 @@ using std::chrono::seconds;
 
 constexpr std::string_view POSIX_LOCALE = "en_US_POSIX";
 
-/// How far the system's time zone is ahead of universal time at `second`. The library brings zone data of its own,
-/// which is older than the system's and knows no zones described by rules.
+/// The system time zone's offset from universal time at `second`. ICU brings its own zone data, which is older than
+/// the system's and knows no zones described by rules.
 seconds offsetAt(seconds second) {
   using namespace std::chrono;
   static std::mutex& oneAtATime = *new std::mutex;  // as in the C library, where the thread sanitizer cannot see it
@@ -28,7 +34,7 @@ seconds offsetAt(seconds second) {
   const auto time = static_cast<std::time_t>(second.count());
   std::tm local{};
   if (!::localtime_r(&time, &local)) return seconds(0);
-  // From the fields, as zones that count leap seconds are ahead by other than they say.
+  // From the fields: the stated offset of zones that count leap seconds is wrong.
   const sys_days day = year(local.tm_year + 1900) / (local.tm_mon + 1) / local.tm_mday;
   return day.time_since_epoch() + hours(local.tm_hour) + minutes(local.tm_min) + seconds(local.tm_sec) - second;
 }
@@ -37,6 +43,14 @@ std::string utf8(const icu::UnicodeString& text) {
   std::string out;
   text.toUTF8String(out);
   return out;
+}
+
+bool isGregorian(const icu::Locale& locale) {
+  UErrorCode status = U_ZERO_ERROR;
+  const icu::LocalUEnumerationPointer calendars(
+      ucal_getKeywordValuesForLocale("calendar", locale.getBaseName(), true, &status));
+  const char* usual = U_SUCCESS(status) ? uenum_next(calendars.getAlias(), nullptr, &status) : nullptr;
+  return usual && std::string_view(usual) == "gregorian";
 }
 
 }  // namespace
@@ -60,26 +74,89 @@ std::string dateDescription(Date date) {
   return std::string(text, std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S +0000", &parts));
 }
 
-/// Formatting by ICU costs more than a microsecond, and the lines of a log come many a second: the text of a second is
-/// kept, and only its three digits of milliseconds are replaced.
+/// Formatting by ICU costs more than a microsecond, and many log lines share a second. So the text of a second is kept,
+/// and only its three digits of milliseconds are replaced. Most locales have the Gregorian calendar and ten digits:
+/// their dates are written without ICU's formatter, which would take two megabytes of memory.
 struct DateFormatter::Impl {
-  explicit Impl(std::unique_ptr<icu::SimpleDateFormat> made) : format(std::move(made)) {}
+  Impl(const icu::Locale& in, std::string_view by) : locale(in), pattern(by) {}
 
-  std::unique_ptr<icu::SimpleDateFormat> format;
+  const icu::Locale locale;
+  const std::string pattern;
+  std::unique_ptr<icu::SimpleDateFormat> format;  // null where it is not needed
   std::string digits[10];
-  std::optional<seconds> offset;  // of the zone that `format` has
-  bool splits = false;  // whether texts can be put together: three digits of milliseconds, of one code point each
+  std::optional<seconds> offset;  // of the system's zone
+  bool splits = false;            // milliseconds can be replaced: three digits, of one code point each
 
   seconds second{seconds::min()};
   std::string before;  // the text of `second` up to its milliseconds, and after them
   std::string after;
 
+  /// True if `pattern` in `locale` needs no ICU formatter.
+  bool makePlain() {
+    UErrorCode status = U_ZERO_ERROR;
+    const bool hasKeywords = std::string_view(locale.getName()).find('@') != std::string_view::npos;
+    const std::unique_ptr<icu::NumberingSystem> system(icu::NumberingSystem::createInstance(locale, status));
+    if (hasKeywords || U_FAILURE(status) || system->isAlgorithmic() || !isGregorian(locale)) return false;
+    const icu::UnicodeString symbols = system->getDescription();
+    if (symbols.countChar32() != 10) return false;
+    for (int digit = 0; digit < 10; ++digit)
+      digits[digit] = utf8(icu::UnicodeString(symbols.char32At(symbols.moveIndex32(0, digit))));
+    splits = writePlain(seconds(0));
+    return splits;
+  }
+
+  bool makeFormat() {
+    UErrorCode status = U_ZERO_ERROR;
+    format = std::make_unique<icu::SimpleDateFormat>(icu::UnicodeString::fromUTF8(pattern), locale, status);
+    if (U_FAILURE(status)) return false;
+    readDigits();
+    return true;
+  }
+
   void setZoneAt(seconds moment) {
     const seconds now = offsetAt(moment);
     if (offset == now) return;
     offset = now;
+    if (!format) return;
     const auto ahead = std::chrono::duration_cast<std::chrono::duration<std::int32_t, std::milli>>(now);
     format->adoptTimeZone(new icu::SimpleTimeZone(ahead.count(), icu::UnicodeString("System")));
+  }
+
+  std::string written(int value, std::size_t width) const {
+    std::string text;
+    for (; width > 0; --width, value /= 10) text.insert(0, digits[value % 10]);
+    return text;
+  }
+
+  /// Writes the text of the local time `moment`; false when `pattern` has other fields than those below, or
+  /// milliseconds not once.
+  bool writePlain(seconds moment) {
+    const auto day = floor<std::chrono::days>(moment);
+    const std::chrono::year_month_day date{std::chrono::sys_days(day)};
+    const std::chrono::hh_mm_ss time(moment - day);
+    const std::pair<std::string_view, int> fields[] = {
+        {"yyyy", static_cast<int>(date.year())},          {"MM", static_cast<int>(unsigned{date.month()})},
+        {"dd", static_cast<int>(unsigned{date.day()})},   {"HH", static_cast<int>(time.hours().count())},
+        {"mm", static_cast<int>(time.minutes().count())}, {"ss", static_cast<int>(time.seconds().count())}};
+    before.clear();
+    after.clear();
+    std::string* text = &before;
+    for (std::size_t at = 0; at < pattern.size();) {
+      const auto next = std::min(pattern.find_first_not_of(pattern[at], at), pattern.size());
+      const auto piece = std::string_view(pattern).substr(at, next - at);
+      const auto* const field =
+          std::find_if(std::begin(fields), std::end(fields), [&](const auto& known) { return known.first == piece; });
+      if (field != std::end(fields))
+        *text += written(field->second, piece.size());
+      else if (piece == "SSS" && text == &before)
+        text = &after;
+      else if (piece.find_first_not_of("-: .") == std::string_view::npos)
+        *text += piece;
+      else
+        return false;
+      at = next;
+    }
+    return text == &after;
   }
 
   std::string formatted(milliseconds date) const {
@@ -116,8 +193,8 @@ struct DateFormatter::Impl {
     if (utf8(text.tempSubStringBetween(field.getBeginIndex(), field.getEndIndex())) != fraction(part)) return false;
     before = utf8(text.tempSubStringBetween(0, field.getBeginIndex()));
     after = utf8(text.tempSubString(field.getEndIndex()));
-    // Put together for milliseconds of which every digit is another, it must be what the library writes: a pattern may
-    // hold them twice, or otherwise.
+    // Assembled for milliseconds of three different digits, it must equal the library's text: a pattern may hold them
+    // twice, or differently.
     const auto next = [](auto digit) { return (digit + 1) % 10; };
     const auto value = part.count();
     const milliseconds other(next(value / 100) * 100 + next(value / 10 % 10) * 10 + next(value % 10));
@@ -129,13 +206,8 @@ DateFormatter::DateFormatter(std::unique_ptr<Impl> impl) : impl_(std::move(impl)
 DateFormatter::~DateFormatter() = default;
 
 std::unique_ptr<DateFormatter> DateFormatter::make(const std::string& localeIdentifier, std::string_view pattern) {
-  UErrorCode status = U_ZERO_ERROR;
-  auto format = std::make_unique<icu::SimpleDateFormat>(
-      icu::UnicodeString::fromUTF8(icu::StringPiece(pattern.data(), static_cast<std::int32_t>(pattern.size()))),
-      icu::Locale::createCanonical(localeIdentifier.c_str()), status);
-  if (U_FAILURE(status)) return nullptr;
-  auto impl = std::make_unique<Impl>(std::move(format));
-  impl->readDigits();
+  auto impl = std::make_unique<Impl>(icu::Locale::createCanonical(localeIdentifier.c_str()), pattern);
+  if (!impl->makePlain() && !impl->makeFormat()) return nullptr;
   return std::unique_ptr<DateFormatter>(new DateFormatter(std::move(impl)));
 }
 
@@ -146,7 +218,7 @@ std::string DateFormatter::stringFromDate(Date date) {
   const milliseconds part = whole - second;
   if (impl.second != second || !impl.splits) impl.setZoneAt(second);
   if (impl.splits && impl.second != second) {
-    impl.splits = impl.split(whole, part);
+    impl.splits = impl.format ? impl.split(whole, part) : impl.writePlain(second + *impl.offset);
     impl.second = second;
   }
   if (!impl.splits) return impl.formatted(whole);

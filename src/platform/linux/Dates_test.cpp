@@ -114,7 +114,7 @@ TEST_F(DateFormatterTest, WritesTheLocalesDigitsAndCalendar) {
   EXPECT_EQ(formatted("fa_IR"), "۱۳۹۴-۱۲-۱۱ ۱۴:۰۵:۰۹.۱۲۳");
 }
 
-TEST_F(DateFormatterTest, CutsOffWhatIsShorterThanAMillisecond) {
+TEST_F(DateFormatterTest, CutsOffFractionsOfAMillisecond) {
   const auto formatter = DateFormatter::make("en_US_POSIX", PATTERN);
   const Date date = dateAt(MOMENT) + std::chrono::nanoseconds(999999);
   EXPECT_EQ(formatter->stringFromDate(date), "2016-03-01 14:05:09.123");
@@ -186,6 +186,48 @@ TEST_P(DateFormatterLocales, AgreesWithTheLibraryOnManyDates) {
   }
 }
 
+/// The library's locales, and every language and country.
+std::vector<std::string> manyLocales() {
+  std::vector<std::string> names;
+  std::int32_t count = 0;
+  const icu::Locale* locales = icu::Locale::getAvailableLocales(count);
+  for (std::int32_t i = 0; i < count; ++i) names.emplace_back(locales[i].getName());
+  for (const char* const* language = icu::Locale::getISOLanguages(); *language; ++language)
+    names.emplace_back(*language);
+  for (const char* const* country = icu::Locale::getISOCountries(); *country; ++country)
+    for (const char* language : {"en_", "ar_", "xx_"}) names.push_back(std::string(language) + *country);
+  return names;
+}
+
+TEST_F(DateFormatterTest, AgreesWithTheLibraryInEveryLocale) {
+  // The ends of what a clock can hold, of the epoch's day, of leap years and days, of other calendars' years.
+  const milliseconds moments[] = {milliseconds(-9'223'372'036'854),
+                                  milliseconds(-2'208'988'800'001),
+                                  milliseconds(-1),
+                                  milliseconds(0),
+                                  milliseconds(951'782'399'999),
+                                  MOMENT,
+                                  milliseconds(1'710'892'800'000),
+                                  milliseconds(1'735'689'599'000),
+                                  milliseconds(1'767'225'600'000),
+                                  milliseconds(4'107'542'400'010),
+                                  milliseconds(9'223'372'036'854)};
+  const auto locales = manyLocales();
+  ASSERT_GT(locales.size(), 1500U);
+  const icu::Locale own = icu::Locale::getDefault();
+  for (const char* usual : {"en_US_POSIX", "fa_IR"}) {  // which the library takes for an unknown language
+    UErrorCode status = U_ZERO_ERROR;
+    icu::Locale::setDefault(usual, status);
+    for (const auto& name : locales) {
+      const auto formatter = DateFormatter::make(name, PATTERN);
+      const Reference reference(name);
+      for (const auto& moment : moments)
+        ASSERT_EQ(formatter->stringFromDate(dateAt(moment)), reference(moment)) << name << ' ' << moment.count();
+    }
+    icu::Locale::setDefault(own, status);
+  }
+}
+
 class DateFormatterZones : public testing::TestWithParam<const char*> {};
 
 INSTANTIATE_TEST_SUITE_P(, DateFormatterZones,
@@ -236,7 +278,7 @@ std::vector<milliseconds> instantsOfAYear() {
   return instants;
 }
 
-/// What the program `date` writes for each of `instants` in each of `zones`, to the second.
+/// The output of the program `date` for each of `instants` in each of `zones`, to the second.
 std::vector<std::string> writtenByDate(const std::vector<std::string>& zones,
                                        const std::vector<milliseconds>& instants) {
   const test::TemporaryFolder folder;
@@ -294,7 +336,7 @@ TEST(DateFormatterZone, MayBeDescribedInsteadOfNamed) {
   EXPECT_EQ(formatted("en_US_POSIX"), "2016-03-01 17:35:09.123");
 }
 
-/// Makes `zone` the system's, as this process sees it, which has a mount namespace of its own.
+/// Makes `zone` the system's for this process, which has a separate mount namespace.
 bool setSystemZone(const std::string& zone) {
   return ::mount(("/usr/share/zoneinfo/" + zone).c_str(), "/etc/localtime", nullptr, MS_BIND, nullptr) == 0;
 }

@@ -14,7 +14,7 @@
 namespace vornet::platform {
 namespace {
 
-constexpr int NICER = 10;  // than the process, which may be nice already
+constexpr int NICER = 10;  // above the process's own niceness
 constexpr int NICEST = 19;
 
 void nameThread(const std::string& name) {
@@ -37,7 +37,7 @@ BackgroundTask BackgroundTask::start(std::function<void()> work) {
   task.impl_ = std::make_shared<Impl>();
   task.impl_->thread = std::thread([work = std::move(work)] {
     nameThread("background");
-    // On Linux: of this thread alone. Never less than it was, which only root could ask for.
+    // On Linux: of this thread alone. Never lowered, which only root may do.
     const int own = std::max(0, ::getpriority(PRIO_PROCESS, 0));
     ::setpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()), std::min(own + NICER, NICEST));
     work();
@@ -100,7 +100,7 @@ void SerialQueue::async(std::function<void()> task) {
 
 void SerialQueue::drain() {
   std::unique_lock guard(impl_->lock);
-  // Not until the queue is empty: others may go on giving tasks for ever.
+  // Does not wait for an empty queue: others may add tasks for ever.
   impl_->changed.wait(guard, [this, given = impl_->given] { return impl_->done >= given; });
 }
 

@@ -25,7 +25,7 @@ std::string nameOfThisThread() {
 
 // --- The background task
 
-TEST(BackgroundTask, RunsOnAThreadOfItsOwn) {
+TEST(BackgroundTask, RunsOnItsOwnThread) {
   std::thread::id thread;
   BackgroundTask::start([&] { thread = std::this_thread::get_id(); }).wait();
   EXPECT_NE(thread, std::thread::id());
@@ -242,7 +242,7 @@ TEST(SerialQueue, TakesTasksFromWithinATask) {
   EXPECT_EQ(order, (std::vector<int>{1, 2, 3}));
 }
 
-TEST(SerialQueue, TakesATaskFromWhatATaskHeldWhenThatGoes) {
+TEST(SerialQueue, TakesATaskThatTheEndOfAnotherQueues) {
   bool ran = false;
   {
     SerialQueue queue("held");
@@ -254,7 +254,7 @@ TEST(SerialQueue, TakesATaskFromWhatATaskHeldWhenThatGoes) {
   }
 }
 
-TEST(SerialQueue, RunsWhatIsQueuedWhenItEnds) {
+TEST(SerialQueue, RunsQueuedTasksWhenItEnds) {
   Gate gate;
   std::vector<int> order;
   {

@@ -26,17 +26,21 @@ namespace fs = std::filesystem;
 using test::readFile;
 using test::writeFile;
 
-bool isDoneInTime(const std::future<bool>& result) {
-  return result.wait_for(std::chrono::seconds(30)) == std::future_status::ready;
-}
-
 class FilesTest : public testing::Test {
  protected:
   std::string at(std::string_view name) const { return folder / name; }
+
+  /// A new file "file", open for writing.
+  FileHandle newFile() const {
+    EXPECT_TRUE(createFile(at("file")));
+    std::string error;
+    return FileHandle::forWriting(at("file"), error).value();
+  }
+
   test::TemporaryFolder folder;
 };
 
-// --- What stands at a path
+// --- The kind of file at a path
 
 TEST_F(FilesTest, KindKnowsFilesAndDirectories) {
   writeFile(at("file"), "");
@@ -65,7 +69,7 @@ TEST_F(FilesTest, KindIsAbsentForLinksToNowhere) {
   EXPECT_EQ(fileKindAtPath(at("loop")), FileKind::absent);
 }
 
-TEST_F(FilesTest, KindIsAbsentWhereNothingCanStand) {
+TEST_F(FilesTest, KindIsAbsentWhereNothingCanBe) {
   writeFile(at("file"), "");
   for (const auto& path : {at("missing"), at("file/below"), at("file/"), std::string(), at(std::string(300, 'x'))})
     EXPECT_EQ(fileKindAtPath(path), FileKind::absent) << path;
@@ -109,16 +113,13 @@ TEST_F(FilesTest, DirectoryThatCannotBeMadeIsDescribed) {
 
 // --- Making and writing files
 
-TEST_F(FilesTest, FileIsMadeEmpty) {
-  EXPECT_TRUE(createFile(at("file")));
-  EXPECT_TRUE(fs::is_regular_file(at("file")));
-  EXPECT_EQ(fs::file_size(at("file")), 0u);
-}
-
-TEST_F(FilesTest, FileTakesThePlaceOfAnother) {
-  writeFile(at("file"), std::string(10000, 'x'));
-  EXPECT_TRUE(createFile(at("file")));
-  EXPECT_EQ(fs::file_size(at("file")), 0u);
+TEST_F(FilesTest, FileIsMadeEmptyAlsoInPlaceOfAnother) {
+  for (const std::size_t before : {0u, 10'000u}) {
+    if (before > 0) writeFile(at("file"), std::string(before, 'x'));
+    EXPECT_TRUE(createFile(at("file")));
+    EXPECT_TRUE(fs::is_regular_file(at("file")));
+    EXPECT_EQ(fs::file_size(at("file")), 0u);
+  }
 }
 
 TEST_F(FilesTest, FileIsANewOneSoThatAProcessThatHasTheOldOneOpenKeepsThat) {
@@ -161,7 +162,7 @@ TEST_F(FilesTest, FileIsForItsOwnerAloneWhateverWasThereAndWhateverTheMask) {
   const auto modeOf = [](const std::string& path) { return fs::status(path).permissions(); };
   writeFile(at("file"), "x");
   fs::permissions(at("file"), fs::perms::all);
-  for (const mode_t mask : {0000, 0022, 0777}) {
+  for (const mode_t mask : {0000u, 0022u, 0777u}) {
     const mode_t before = ::umask(mask);
     const bool made = createFile(at("file"));
     ::umask(before);
@@ -189,7 +190,7 @@ TEST_F(FilesTest, FileTakesThePlaceOfALinkAndLeavesItsTarget) {
 TEST_F(FilesTest, FileTakesThePlaceOfAPipeWithoutWaitingForItsReader) {
   ASSERT_EQ(::mkfifo(at("pipe").c_str(), 0600), 0);
   auto made = std::async(std::launch::async, [path = at("pipe")] { return createFile(path); });
-  const bool inTime = isDoneInTime(made);
+  const bool inTime = test::isDoneInTime(made);
   if (!inTime) ::close(::open(at("pipe").c_str(), O_RDONLY | O_NONBLOCK));  // lets it go
   EXPECT_TRUE(inTime);
   EXPECT_TRUE(made.get());
@@ -270,11 +271,9 @@ TEST_F(FilesTest, HandleWritesAtTheEnd) {
 }
 
 TEST_F(FilesTest, HandleWritesBytesOfAllKindsAndSizes) {
-  createFile(at("file"));
-  std::string error;
-  const auto handle = FileHandle::forWriting(at("file"), error);
+  const auto file = newFile();
   const std::string bytes = std::string("\0\xFF\n", 3) + std::string(3 << 20, 'x');
-  handle->write(bytes);
+  file.write(bytes);
   EXPECT_TRUE(readFile(at("file")) == bytes);
 }
 
@@ -306,7 +305,7 @@ TEST_F(FilesTest, HandleOpensNeitherLinksNorPipesNorDevices) {
     std::string error;
     auto opened = std::async(std::launch::async,
                              [&error, &opening = path] { return FileHandle::forWriting(opening, error).has_value(); });
-    if (!isDoneInTime(opened)) ::close(::open(path.c_str(), O_RDONLY | O_NONBLOCK));  // lets it go
+    if (!test::isDoneInTime(opened)) ::close(::open(path.c_str(), O_RDONLY | O_NONBLOCK));  // lets it go
     EXPECT_FALSE(opened.get()) << path;
     EXPECT_EQ(error, reason) << path;
   }
@@ -338,51 +337,44 @@ class FullDisk {
 };
 
 TEST_F(FilesTest, HandleBeginsALineAfterOneThatAFullDiskCut) {
-  createFile(at("file"));
-  std::string error;
-  const auto handle = FileHandle::forWriting(at("file"), error);
+  const auto file = newFile();
   {
     const FullDisk full(10);
-    handle->write("first\n");
-    handle->write("second\n");
-    handle->write("third\n");
+    file.write("first\n");
+    file.write("second\n");
+    file.write("third\n");
     EXPECT_EQ(readFile(at("file")), "first\nseco");
   }
-  handle->write("fourth\n");
-  handle->write("fifth\n");
+  file.write("fourth\n");
+  file.write("fifth\n");
   EXPECT_EQ(readFile(at("file")), "first\nseco\nfourth\nfifth\n");
-  EXPECT_EQ(error, "");
 }
 
 TEST_F(FilesTest, HandleBeginsALineAfterOneThatWasCutMoreThanOnce) {
-  createFile(at("file"));
-  std::string error;
-  const auto handle = FileHandle::forWriting(at("file"), error);
-  for (const rlim_t size : {3, 4, 6}) {
+  const auto file = newFile();
+  for (const rlim_t size : {3u, 4u, 6u}) {
     const FullDisk full(size);
-    handle->write("long\n");
+    file.write("long\n");
   }
   // "lon" was cut; the line feed found room, then nothing did; then a letter did.
   EXPECT_EQ(readFile(at("file")), "lon\nlo");
-  handle->write("end\n");
+  file.write("end\n");
   EXPECT_EQ(readFile(at("file")), "lon\nlo\nend\n");
 }
 
 TEST_F(FilesTest, HandleLeavesNoEmptyLineWhereNothingWasCut) {
-  createFile(at("file"));
-  std::string error;
-  const auto handle = FileHandle::forWriting(at("file"), error);
+  const auto file = newFile();
   {
     const FullDisk full(6);
-    handle->write("first\n");
-    handle->write("second\n");
+    file.write("first\n");
+    file.write("second\n");
   }
-  handle->write("third\n");
+  file.write("third\n");
   {
     const FullDisk full(14);
-    handle->write("4\n5\n");  // room for a whole line of two
+    file.write("4\n5\n");  // room for a whole line of two
   }
-  handle->write("6\n");
+  file.write("6\n");
   EXPECT_EQ(readFile(at("file")), "first\nthird\n4\n6\n");
 }
 
@@ -422,18 +414,13 @@ TEST_F(FilesTest, HandleKeepsTheLinesOfManyThreadsApartAfterAFullDisk) {
 }
 
 TEST_F(FilesTest, HandleKeepsWritesOfManyThreadsWhole) {
-  createFile(at("file"));
-  std::string error;
-  const auto handle = FileHandle::forWriting(at("file"), error);
+  const auto file = newFile();
   constexpr std::size_t THREADS = 8;
   constexpr std::size_t LINES = 500;
-  std::vector<std::thread> threads;
-  for (std::size_t thread = 0; thread < THREADS; ++thread) {
-    threads.emplace_back([&, line = std::string(100 * (thread + 1), static_cast<char>('a' + thread)) + "\n"] {
-      for (std::size_t i = 0; i < LINES; ++i) handle->write(line);
-    });
-  }
-  for (auto& thread : threads) thread.join();
+  test::inParallel(THREADS, [&](std::size_t thread) {
+    const auto line = std::string(100 * (thread + 1), static_cast<char>('a' + thread)) + "\n";
+    for (std::size_t i = 0; i < LINES; ++i) file.write(line);
+  });
   std::vector<std::size_t> counts(THREADS);
   std::istringstream lines(readFile(at("file")));
   for (std::string line; std::getline(lines, line);) {

@@ -22,7 +22,36 @@ FileURL at(std::string_view path) {
   return FileURL::fileURLWithPath(path);
 }
 
-/// Notes what it is told.
+// --- The base class of extensions
+
+class Plain : public FIFinderSync {
+ public:
+  using FIFinderSync::initBase;
+};
+
+TEST(FIFinderSync, AnswersNothingWhereNothingIsOverridden) {
+  Plain plain;
+  const auto url = FileURL::fileURLWithPath("/a");
+  plain.beginObservingDirectoryAtURL(url);
+  plain.endObservingDirectoryAtURL(url);
+  plain.requestBadgeIdentifierForURL(url);
+  EXPECT_FALSE(plain.menuForMenuKind(FIMenuKind::contextualMenuForItems));
+  EXPECT_EQ(plain.toolbarItemName(), "");
+  EXPECT_EQ(plain.toolbarItemToolTip(), "");
+  EXPECT_TRUE(plain.toolbarItemImage().isEmpty());
+  EXPECT_TRUE(plain.initBase());
+}
+
+TEST(FIMenuKind, HasTheFrameworksValues) {
+  EXPECT_EQ(static_cast<std::uint64_t>(FIMenuKind::contextualMenuForItems), 0u);
+  EXPECT_EQ(static_cast<std::uint64_t>(FIMenuKind::contextualMenuForContainer), 1u);
+  EXPECT_EQ(static_cast<std::uint64_t>(FIMenuKind::contextualMenuForSidebar), 2u);
+  EXPECT_EQ(static_cast<std::uint64_t>(FIMenuKind::toolbarItemMenu), 3u);
+}
+
+// --- The controller
+
+/// Records its calls.
 class NotingListener : public host::Listener {
  public:
   bool badgeChanged(const FileURL& url, const std::string& identifier) override {
@@ -88,7 +117,7 @@ TEST_F(FinderSyncController, KeepsABadgeWhileItsFolderIsOnScreen) {
   EXPECT_EQ(host::badgeIdentifier(at("/a/file")), std::nullopt) << "forgotten";
 }
 
-TEST_F(FinderSyncController, KeepsAndTellsNoBadgeOfAFolderThatIsNotOnScreen) {
+TEST_F(FinderSyncController, KeepsAndReportsNoBadgeOfAFolderThatIsNotOnScreen) {
   host::folderShown("/a");
   for (const char* path : {"/b/file", "/a/folder/file", "/a", "/ab/file"}) {
     controller.setBadgeIdentifier("SYNCED", at(path));
@@ -107,9 +136,10 @@ TEST_F(FinderSyncController, ShowsBadgesInTheRootFolder) {
   host::folderShown("/");
   controller.setBadgeIdentifier("SYNCED", at("/file"));
   EXPECT_EQ(host::badgeIdentifier(at("/file")), "SYNCED");
+  EXPECT_THAT(host::itemsOnScreen("/"), ElementsAre(at("/file")));
 }
 
-TEST_F(FinderSyncController, TellsEachChangeOnce) {
+TEST_F(FinderSyncController, ReportsEachChangeOnce) {
   host::folderShown("/a");
   controller.setBadgeIdentifier("PENDING", at("/a/file"));
   controller.setBadgeIdentifier("PENDING", at("/a/file"));
@@ -122,7 +152,7 @@ TEST_F(FinderSyncController, TellsEachChangeOnce) {
   EXPECT_EQ(host::badgeIdentifier(at("/a/file")), "");
 }
 
-TEST_F(FinderSyncController, TellsABadgeAgainAfterItsFolderWasAway) {
+TEST_F(FinderSyncController, ReportsABadgeAgainAfterItsFolderWasAway) {
   host::folderShown("/a");
   controller.setBadgeIdentifier("SYNCED", at("/a/file"));
   host::folderHidden("/a");
@@ -203,7 +233,7 @@ TEST_F(FinderSyncController, TakesNoAnswerFromBeforeTheFolderWasShownAgain) {
   EXPECT_EQ(host::badgeIdentifier(url), "SYNCED");
 }
 
-TEST_F(FinderSyncController, RemembersWhatWasAskedForWhateverTheAnswer) {
+TEST_F(FinderSyncController, RemembersRequestedItemsWhateverTheAnswer) {
   host::folderShown("/a");
   const auto unknown = at("/a/unknown");
   const auto withdrawn = at("/a/withdrawn");
@@ -225,7 +255,7 @@ TEST_F(FinderSyncController, RemembersWhatWasAskedForWhateverTheAnswer) {
   EXPECT_THAT(host::itemsOnScreen("/a"), IsEmpty());
 }
 
-TEST_F(FinderSyncController, TellsTheFirstBadgeOfAnItemThatWasAnsweredWithoutOne) {
+TEST_F(FinderSyncController, ReportsTheFirstBadgeOfAnItemThatWasAnsweredWithoutOne) {
   host::folderShown("/a");
   const auto url = at("/a/file");
   {
@@ -249,7 +279,7 @@ TEST_F(FinderSyncController, RemembersABoundedNumberOfItemsThatWereAskedFor) {
   host::BadgeRequest(url).apply();
   EXPECT_THAT(host::itemsOnScreen("/b"), IsEmpty());
   controller.setBadgeIdentifier("SYNCED", url);
-  EXPECT_EQ(host::badgeIdentifier(url), "SYNCED") << "what is pushed is no question";
+  EXPECT_EQ(host::badgeIdentifier(url), "SYNCED") << "a pushed badge is no question";
   host::folderHidden("/a");
   const auto other = at("/b/other");
   host::BadgeRequest(other).apply();
@@ -262,7 +292,7 @@ TEST_F(FinderSyncController, RemembersABoundedNumberOfItemsThatNobodyAskedFor) {
   constexpr std::size_t COUNT = 10 * host::MAX_ITEMS_ONLY_SET;
   for (std::size_t i = 0; i < COUNT; ++i) controller.setBadgeIdentifier("SYNCED", at("/a/" + std::to_string(i)));
   EXPECT_EQ(host::itemsOnScreen("/a").size(), host::MAX_ITEMS_ONLY_SET);
-  EXPECT_EQ(listener.badges.size(), COUNT) << "each was told";
+  EXPECT_EQ(listener.badges.size(), COUNT) << "each was reported";
 
   const auto url = at("/b/file");
   controller.setBadgeIdentifier("PENDING", url);
@@ -282,7 +312,7 @@ TEST_F(FinderSyncController, RemembersABoundedNumberOfItemsThatNobodyAskedFor) {
   EXPECT_FALSE(host::isOverlooked(at("/a/1"))) << "not on screen";
 }
 
-TEST_F(FinderSyncController, TellsAnAnswerThatAWaitingChangeMustNotFollow) {
+TEST_F(FinderSyncController, ReportsAnAnswerThatAWaitingChangeMustNotFollow) {
   host::folderShown("/a");
   for (std::size_t i = 0; i < host::MAX_ITEMS_ONLY_SET; ++i)
     controller.setBadgeIdentifier("", at("/a/" + std::to_string(i)));
@@ -303,7 +333,7 @@ TEST_F(FinderSyncController, TellsAnAnswerThatAWaitingChangeMustNotFollow) {
   EXPECT_EQ(listener.badges.back(), std::pair(std::string("/a/file"), std::string("SKIPPED"))) << "a change";
 }
 
-TEST_F(FinderSyncController, TellsNoAnswerThatMayBeOlderThanAWaitingChange) {
+TEST_F(FinderSyncController, ReportsNoAnswerThatMayBeOlderThanAWaitingChange) {
   host::folderShown("/a");
   for (std::size_t i = 0; i < host::MAX_ITEMS_ASKED_FOR; ++i) {
     const auto asked = at("/a/" + std::to_string(i));
@@ -326,7 +356,7 @@ TEST_F(FinderSyncController, TellsNoAnswerThatMayBeOlderThanAWaitingChange) {
   EXPECT_THAT(listener.answers, ElementsAre(Pair("/a/file", "SYNCED")));
 }
 
-TEST_F(FinderSyncController, MakesWhoSetsBadgesWaitForRoom) {
+TEST_F(FinderSyncController, MakesTheSettingOfBadgesWaitForRoom) {
   host::folderShown("/a");
   listener.hasRoom = false;
   controller.setBadgeIdentifier("SYNCED", at("/a/1"));
@@ -354,7 +384,7 @@ TEST_F(FinderSyncController, MakesWhoSetsBadgesWaitForRoom) {
   host::setListener(nullptr);
 }
 
-TEST_F(FinderSyncController, TellsWhichFoldersBadgesAreInvalid) {
+TEST_F(FinderSyncController, ReportsWhichFoldersBadgesAreInvalid) {
   controller.invalidateBadges(at("/a"));
   controller.invalidateBadges(FileURL());
   EXPECT_THAT(listener.invalidated, ElementsAre("/a"));
@@ -376,7 +406,7 @@ TEST_F(FinderSyncController, AnswersWithTheEmptyIdentifierToo) {
   EXPECT_EQ(request.answer(), "");
 }
 
-TEST_F(FinderSyncController, TellsAnAnswerThatDiffersFromTheBadgeBefore) {
+TEST_F(FinderSyncController, ReportsAnAnswerThatDiffersFromTheBadgeBefore) {
   host::folderShown("/a");
   const auto url = at("/a/file");
   controller.setBadgeIdentifier("PENDING", url);
@@ -415,7 +445,7 @@ TEST_F(FinderSyncController, TakesNoBadgeFromAnotherThreadAsTheAnswer) {
   EXPECT_THAT(listener.badges, ElementsAre(Pair("/a/file", "SYNCED")));
 }
 
-TEST_F(FinderSyncController, EndsARequestWithItsLife) {
+TEST_F(FinderSyncController, EndsARequestWhenItIsDestroyed) {
   host::folderShown("/a");
   const auto url = at("/a/file");
   {
@@ -441,7 +471,7 @@ TEST_F(FinderSyncController, GoesBackToTheOuterRequestAfterAnInnerOne) {
 
 // --- Observed folders
 
-TEST_F(FinderSyncController, ReplacesTheObservedFoldersAndTells) {
+TEST_F(FinderSyncController, ReplacesTheObservedFoldersAndReportsIt) {
   EXPECT_THAT(controller.directoryURLs(), IsEmpty());
   controller.setDirectoryURLs({at("/a"), at("/b")});
   EXPECT_THAT(controller.directoryURLs(), ElementsAre(at("/a"), at("/b")));
@@ -455,7 +485,7 @@ TEST_F(FinderSyncController, ReplacesTheObservedFoldersAndTells) {
 
 // --- Listeners
 
-TEST_F(FinderSyncController, TellsTheLastListenerAlone) {
+TEST_F(FinderSyncController, CallsOnlyTheLastListener) {
   host::folderShown("/a");
   NotingListener second;
   host::setListener(&second);
@@ -476,7 +506,7 @@ TEST_F(FinderSyncController, WorksWithoutAListener) {
   EXPECT_EQ(host::badgeIdentifier(at("/a/file")), "SYNCED");
 }
 
-TEST_F(FinderSyncController, CallsAListenerNoMoreOnceAnotherIsSet) {
+TEST_F(FinderSyncController, CallsNoReplacedListener) {
   host::folderShown("/a");
   std::atomic<bool> more = true;
   std::thread setter([&] {
@@ -504,7 +534,7 @@ TEST_F(FinderSyncController, HasASelectionOnlyWhileOneLives) {
   EXPECT_EQ(controller.selectedItemURLs(), std::nullopt);
 }
 
-TEST_F(FinderSyncController, TellsAnEmptySelectionFromNone) {
+TEST_F(FinderSyncController, DistinguishesAnEmptySelectionFromNone) {
   const std::vector<FileURL> nothing;
   const host::Selection selection(nothing);
   EXPECT_EQ(controller.selectedItemURLs(), nothing);
@@ -521,7 +551,7 @@ TEST_F(FinderSyncController, GoesBackToTheOuterSelectionAfterAnInnerOne) {
   EXPECT_EQ(controller.selectedItemURLs(), outerItems);
 }
 
-TEST_F(FinderSyncController, HasASelectionOfItsOwnForEachThread) {
+TEST_F(FinderSyncController, HasOneSelectionPerThread) {
   const std::vector<FileURL> mine = {at("/mine")};
   const host::Selection selection(mine);
   std::thread([&] {

@@ -8,6 +8,7 @@
 #include <set>
 
 #include "platform/Foundation.hpp"
+#include "platform/linux/Host.hpp"
 
 namespace vornet::platform {
 namespace {
@@ -33,7 +34,7 @@ std::string containersFolder() {
 
 std::mutex madeLock;
 
-/// The containers that stood there when this process asked for them.
+/// The containers that existed when this process requested them.
 std::set<std::string>& made() {
   static auto& paths = *new std::set<std::string>;  // never destroyed, as other threads may ask until the very end
   return paths;
@@ -44,9 +45,9 @@ bool wasMadeBefore(const std::string& container) {
   return made().contains(container);
 }
 
-bool makeContainer(const std::string& folder, const std::string& container) {
+bool makeContainer(const std::string& container) {
   std::error_code error;
-  std::filesystem::create_directories(folder, error);
+  std::filesystem::create_directories(std::filesystem::path(container).parent_path(), error);
   ::mkdir(container.c_str(), 0700);
   if (fileKindAtPath(container) != FileKind::directory) return false;
   const std::lock_guard guard(madeLock);
@@ -56,11 +57,14 @@ bool makeContainer(const std::string& folder, const std::string& container) {
 
 }  // namespace
 
-std::optional<FileURL> containerURLForGroup(std::string_view group) {
+std::string host::containerPath(std::string_view group) {
   const auto folder = containersFolder();
-  if (folder.empty() || group.empty()) return std::nullopt;
-  const std::string container = folder + "/" + std::string(group);
-  if (!wasMadeBefore(container) && !makeContainer(folder, container)) return std::nullopt;
+  return folder.empty() || group.empty() ? "" : folder + "/" + std::string(group);
+}
+
+std::optional<FileURL> containerURLForGroup(std::string_view group) {
+  const std::string container = host::containerPath(group);
+  if (container.empty() || (!wasMadeBefore(container) && !makeContainer(container))) return std::nullopt;
   return FileURL::fileURLWithPath(container, true);
 }
 

@@ -23,7 +23,7 @@ class GroupContainer : public testing::Test {
   ScopedVariable containers{"VORNET_GROUP_CONTAINERS", std::nullopt};
 };
 
-TEST_F(GroupContainer, StandsWhereItsOwnVariableSays) {
+TEST_F(GroupContainer, IsWhereItsOwnVariableSays) {
   const ScopedVariable both("XDG_DATA_HOME", at("data"));
   const ScopedVariable own("VORNET_GROUP_CONTAINERS", at("own"));
   EXPECT_EQ(containerURLForGroup("com.example.group"), FileURL::fileURLWithPath(at("own/com.example.group")));
@@ -32,13 +32,13 @@ TEST_F(GroupContainer, StandsWhereItsOwnVariableSays) {
   EXPECT_FALSE(fs::exists(at("home")));
 }
 
-TEST_F(GroupContainer, StandsInTheDataFolderOtherwise) {
+TEST_F(GroupContainer, IsInTheDataFolderOtherwise) {
   const ScopedVariable set("XDG_DATA_HOME", at("data"));
   EXPECT_EQ(containerURLForGroup("g"), FileURL::fileURLWithPath(at("data/group-containers/g")));
   EXPECT_TRUE(fs::is_directory(at("data/group-containers/g")));
 }
 
-TEST_F(GroupContainer, StandsBelowTheHomeFolderOtherwise) {
+TEST_F(GroupContainer, IsBelowTheHomeFolderOtherwise) {
   EXPECT_EQ(containerURLForGroup("g"), FileURL::fileURLWithPath(at("home/.local/share/group-containers/g")));
   EXPECT_TRUE(fs::is_directory(at("home/.local/share/group-containers/g")));
 }

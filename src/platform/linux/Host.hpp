@@ -2,9 +2,10 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
-/// What a program on Linux says of itself before it makes the principal class.
+/// Settings that a program on Linux makes before the principal class.
 namespace vornet::platform::host {
 
 /// The main bundle: what a bundle's information dictionary and resources hold elsewhere.
@@ -20,21 +21,27 @@ struct Bundle {
 void setMainBundle(Bundle bundle);
 const Bundle& mainBundle();
 
-/// Has the allocator give memory back that one large reply or call needed, rather than keep it for the next. Before
-/// other threads run.
+/// Has the allocator return memory that one large reply or call needed, rather than keep it for the next. Before other
+/// threads run.
 void keepLittleFreeMemory();
 
-/// Gives what is free in this process's memory back to the system, also what lies between what is used. Takes about a
-/// millisecond.
+/// Spares the process most of what the libraries for TLS load, which libcurl brings though nothing here uses it: nearly
+/// two megabytes. Before the first request.
+void declineTLS();
+
+/// Returns this process's free memory to the system, also that between blocks in use. Takes about a millisecond.
 void giveFreeMemoryBack();
 
-/// Says which other processes of the main bundle's application run: runningApplicationsWithBundleIdentifier() answers
+/// Sets which other processes of the main bundle's application run: runningApplicationsWithBundleIdentifier() returns
 /// these and this process. None until it is called. Before other threads ask.
 void setOtherRunningApplications(std::vector<std::int64_t> processes);
 
 /// The image folders that belong to the program file of this process: <prefix>/share/vornet-vi/images for
 /// <prefix>/bin/NAME or <prefix>/libexec/NAME.
 std::vector<std::string> imageFoldersOfProgram();
+
+/// Where the container of `group` is, whether it exists or not; empty where none can be named. Any thread.
+std::string containerPath(std::string_view group);
 
 /// The file of the image `name` at `size` pixels; empty when there is none. Any thread.
 std::string imageFile(const std::string& name, int size);

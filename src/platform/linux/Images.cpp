@@ -6,7 +6,7 @@
 namespace vornet::platform {
 namespace {
 
-// The size that every image resource comes in, whatever others there are.
+// The size that every image resource has, besides others.
 constexpr int COMMON_SIZE = 16;
 
 }  // namespace

@@ -24,7 +24,7 @@ namespace {
 
 constexpr std::uint32_t LOOPBACK_INTERFACE = 1;  // in every network namespace
 
-/// A question to the kernel about TCP's sockets. Those of IPv6 that take IPv4 are among what is found.
+/// A question to the kernel about TCP sockets. It also finds those of IPv6 that take IPv4.
 struct Question {
   explicit Question(std::uint16_t flags) {
     header.nlmsg_len = sizeof *this;
@@ -73,7 +73,7 @@ class Answer {
   ssize_t size_ = 0;
 };
 
-/// How a table's line for a socket ranks among those that could take a connection to 127.0.0.1: the kernel prefers an
+/// The rank of a table's line among the sockets that could take a connection to 127.0.0.1: the kernel prefers an
 /// address to none, and IPv4 to IPv6. 0: not at all.
 int rankOfAddress(std::string_view address) {
   char loopback[9];
@@ -121,7 +121,7 @@ bool hasDiagnosis() {
     question.request.idiag_states = 1U << TCP_LISTEN;
     const Answer answer(question);
     if (answer.type() == SOCK_DIAG_BY_FAMILY) return true;
-    // An error may stand at the end of an empty list.
+    // An empty list may end with an error.
     const auto error = answer.type() == NLMSG_DONE ? answer.content<std::int32_t>() : std::nullopt;
     return error && *error >= 0;
   }();
@@ -140,7 +140,7 @@ std::optional<uid_t> ownerByDiagnosis(std::uint16_t port, std::uint16_t otherPor
   const Answer answer(question);
   if (answer.type() != SOCK_DIAG_BY_FAMILY) return std::nullopt;
   const auto found = answer.content<inet_diag_msg>();
-  // Asked for a connection that is gone, the kernel names the listener.
+  // For a closed connection, the kernel names the listener.
   if (!found || (otherPort == 0) != (found->idiag_state == TCP_LISTEN)) return std::nullopt;
   return found->idiag_uid;
 }

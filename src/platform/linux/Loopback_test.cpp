@@ -112,7 +112,7 @@ TEST(Loopback, WithoutAListenerThereIsNoOwner) {
   }
 }
 
-TEST(Loopback, AListenerOnAnotherAddressIsNone) {
+TEST(Loopback, AListenerOnAnotherAddressDoesNotCount) {
   const Socket other("127.0.0.2");
   ASSERT_TRUE(other.listen());
   EXPECT_FALSE(isOwnLoopbackListener(other.port()));
@@ -166,7 +166,7 @@ TEST_F(LoopbackOfTwoUsers, AStrangersListenerIsNotOwn) {
   }
 }
 
-TEST_F(LoopbackOfTwoUsers, RootsListenerIsBelievedByEveryUser) {
+TEST_F(LoopbackOfTwoUsers, RootsListenerIsTrustedByEveryUser) {
   const Socket listener("127.0.0.1");
   ASSERT_TRUE(listener.listen());
   asUser(STRANGER, [&] { return isOwnLoopbackListener(listener.port()); });

@@ -1,4 +1,5 @@
 #include <malloc.h>
+#include <openssl/crypto.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -9,6 +10,11 @@
 
 #include "platform/Foundation.hpp"
 #include "platform/linux/Host.hpp"
+
+// GnuTLS calls this when it is loaded: the program that defines it wants no initialisation.
+extern "C" __attribute__((visibility("default"))) int _gnutls_global_init_skip() {
+  return 1;
+}
 
 namespace vornet::platform {
 
@@ -23,11 +29,22 @@ void systemLog(std::string_view message) {
                message.data());
 }
 
+void systemLogFatal(std::string_view reason) noexcept {
+  ::syslog(LOG_USER | LOG_CRIT, "Fatal error: %.*s", static_cast<int>(reason.size()), reason.data());
+}
+
 void host::keepLittleFreeMemory() {
-  // By itself it takes the largest block that was ever freed for the measure of both.
-  ::mallopt(M_MMAP_THRESHOLD, 1 << 20);
+  // By default the allocator derives both from the largest block ever freed.
+  ::mallopt(M_MMAP_THRESHOLD, 1 << 17);
   ::mallopt(M_TRIM_THRESHOLD,
-            1 << 18);  // each of the threads' arenas keeps as much, which malloc_trim does not give back
+            1 << 18);  // each of the threads' arenas keeps as much, which malloc_trim does not return
+}
+
+void host::declineTLS() {
+  // Of these OpenSSL loads nothing from now on, although libcurl asks for them.
+  ::OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CRYPTO_STRINGS | OPENSSL_INIT_NO_LOAD_CONFIG |
+                            OPENSSL_INIT_NO_ADD_ALL_CIPHERS | OPENSSL_INIT_NO_ADD_ALL_DIGESTS,
+                        nullptr);
 }
 
 void host::giveFreeMemoryBack() {

@@ -26,7 +26,7 @@ TEST_F(ProcessDeathTest, FatalErrorAbortsWithItsReasonOnStandardError) {
               "Fatal error: not all\n");
 }
 
-TEST_F(ProcessDeathTest, FatalErrorTellsTheHandlerTheReason) {
+TEST_F(ProcessDeathTest, FatalErrorCallsTheHandlerWithTheReason) {
   EXPECT_EXIT(
       {
         setFatalErrorHandler([](std::string_view reason) noexcept {

@@ -113,7 +113,7 @@ TEST_F(PropertyListTest, HasNoTextForOtherValues) {
 }
 
 TEST_F(PropertyListTest, IsAbsentWhenATextHoldsANUL) {
-  for (const char* text : {"/home/ann", "/\u65e5/ann"}) {  // the second one stands in two-byte units
+  for (const char* text : {"/home/ann", "/\u65e5/ann"}) {  // the second one is in two-byte units
     auto bytes = binary("<dict><key>root_dir</key><string>"s + text + "</string></dict>");
     bytes.at(bytes.find("ann") != std::string::npos ? bytes.find("ann") : bytes.find("a\0n\0n"s)) = '\0';
     EXPECT_FALSE(read(bytes)) << text;
@@ -221,7 +221,7 @@ TEST_F(PropertyListTest, IsAbsentWithoutMuchStackOrMemoryWhenItIsBuiltToTakeThem
 
 TEST_F(PropertyListTest, IsAbsentWhenItIsNoRegularFile) {
   ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
-  EXPECT_FALSE(PropertyList::dictionaryAtPath(path)) << "and nothing waits for who might write to it";
+  EXPECT_FALSE(PropertyList::dictionaryAtPath(path)) << "without waiting for a writer";
 }
 
 TEST_F(PropertyListTest, MayBeCopiedAndReadByManyThreads) {

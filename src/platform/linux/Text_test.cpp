@@ -44,7 +44,7 @@ TEST(UTF8, RefusesTornSequences) {
 }
 
 TEST(UTF8, RefusesOneBadByteAnywhere) {
-  const std::string good = "Ünïcode 日本 🙂";
+  const std::string good = "Ünïcode 日本 🙂, and ASCII without an end";
   ASSERT_TRUE(isValidUTF8(good));
   for (std::size_t i = 0; i <= good.size(); ++i) {
     std::string bad = good;

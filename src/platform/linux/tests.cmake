@@ -1,7 +1,6 @@
 find_package(ICU REQUIRED COMPONENTS uc i18n)
 vornet_test(vornet_platform_test
   SOURCES
-    platform/FIFinderSync_test.cpp
     platform/FileURL_test.cpp
     platform/PropertyListScan_test.cpp
     platform/linux/Bundle_test.cpp

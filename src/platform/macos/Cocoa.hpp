@@ -29,6 +29,16 @@ NSURL* url(const FileURL& url);
 /// The file URL `url`; one without a path for nil and for a URL that has none.
 FileURL fileURL(NSURL* url);
 
+/// While it lives, a badge that this thread sets on the file URL of `url` goes out on that object: a new one would be
+/// looked up on disk, and might not equal it. Lives on the stack.
+class BadgedObject {
+ public:
+  explicit BadgedObject(NSURL* url);
+  ~BadgedObject();
+  BadgedObject(const BadgedObject&) = delete;
+  BadgedObject& operator=(const BadgedObject&) = delete;
+};
+
 /// The image resource that `image` names; a new, empty image for an empty one.
 NSImage* image(const Image& image);
 

@@ -1,6 +1,16 @@
 #import "platform/macos/Cocoa.hpp"
 
-namespace vornet::platform::cocoa {
+namespace vornet::platform {
+
+bool isValidUTF8(std::string_view bytes) noexcept {
+  if (bytes.empty()) return true;
+  NSString* text = [[NSString alloc] initWithBytes:bytes.data() length:bytes.size() encoding:NSUTF8StringEncoding];
+  const bool valid = text != nil;
+  [text release];
+  return valid;
+}
+
+namespace cocoa {
 
 NSString* string(std::string_view text) {
   return VORNET_AUTORELEASED([[NSString alloc] initWithBytes:text.data()
@@ -27,4 +37,5 @@ FileURL fileURL(NSURL* url) {
   return FileURL::fileURLWithPath(*path, [[url absoluteString] hasSuffix:@"/"]);
 }
 
-}  // namespace vornet::platform::cocoa
+}  // namespace cocoa
+}  // namespace vornet::platform

@@ -10,9 +10,18 @@ FIFinderSyncController* frameworkController() {
   return [FIFinderSyncController defaultController];
 }
 
+thread_local NSURL* badgedObject = nil;
+
 }  // namespace
 
 namespace vornet::platform {
+
+cocoa::BadgedObject::BadgedObject(NSURL* url) {
+  badgedObject = url;
+}
+cocoa::BadgedObject::~BadgedObject() {
+  badgedObject = nil;
+}
 
 /// Nothing: the framework keeps all of it.
 struct FIFinderSyncController::Impl {};
@@ -36,7 +45,9 @@ void FIFinderSyncController::setBadgeImage(const Image& image, std::string_view 
 
 void FIFinderSyncController::setBadgeIdentifier(std::string_view identifier, const FileURL& url) {
   @autoreleasepool {
-    if (NSURL* item = cocoa::url(url)) [frameworkController() setBadgeIdentifier:cocoa::string(identifier) forURL:item];
+    if (!url.path()) return;
+    NSURL* item = badgedObject && cocoa::fileURL(badgedObject) == url ? badgedObject : cocoa::url(url);
+    if (item) [frameworkController() setBadgeIdentifier:cocoa::string(identifier) forURL:item];
   }
 }
 

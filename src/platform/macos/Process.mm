@@ -16,6 +16,18 @@ void systemLog(std::string_view message) {
   }
 }
 
+void systemLogFatal(std::string_view reason) noexcept {
+  systemLog("Fatal error: " + std::string(reason));
+}
+
+std::optional<std::string> bundleInfoText(const std::string& key) {
+  @autoreleasepool {
+    id value = [[[NSBundle mainBundle] infoDictionary] objectForKey:cocoa::string(key)];
+    if (![value isKindOfClass:[NSString class]]) return std::nullopt;
+    return cocoa::text(value);
+  }
+}
+
 std::string processName() {
   @autoreleasepool {
     return cocoa::text([[NSProcessInfo processInfo] processName]).value_or("");

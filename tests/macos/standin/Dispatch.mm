@@ -9,9 +9,21 @@
 #include <mutex>
 #include <thread>
 
+#include "Finder.hpp"
+
 namespace {
 
-/// How many pieces of work are under way; shared by the group and its work.
+std::atomic<std::ptrdiff_t> live = 0;
+
+/// A queue or a group; counted.
+struct DispatchObject {
+  DispatchObject() { ++live; }
+  ~DispatchObject() { --live; }
+  DispatchObject(const DispatchObject&) = delete;
+  DispatchObject& operator=(const DispatchObject&) = delete;
+};
+
+/// The number of pieces of work in flight; shared by the group and its work.
 struct Counter {
   std::mutex lock;
   std::condition_variable changed;
@@ -28,7 +40,7 @@ struct Counter {
   }
 };
 
-/// Runs `body` on a thread of its own that Foundation knows from the start.
+/// Runs `body` on a new thread that Foundation knows from the start.
 template <class Body>
 void startThread(Body body) {
   std::thread([body = std::move(body)] {
@@ -66,11 +78,15 @@ struct Tasks {
 
 }  // namespace
 
-struct dispatch_group_s {
+std::ptrdiff_t vornet::standin::liveDispatchObjects() {
+  return live;
+}
+
+struct dispatch_group_s : DispatchObject {
   std::shared_ptr<Counter> counter = std::make_shared<Counter>();
 };
 
-struct dispatch_queue_s {
+struct dispatch_queue_s : DispatchObject {
   std::shared_ptr<Tasks> tasks = std::make_shared<Tasks>();
 };
 

@@ -6,13 +6,17 @@
 #include <utility>
 #include <vector>
 
-/// The Finder's side of the stand-ins, for tests: what the extension told it, in plain C++, and what it tells the
-/// extension. Any thread.
+/// The Finder's side of the stand-ins, for tests: records the extension's calls in plain C++, and calls the extension.
+/// Any thread.
 namespace vornet::standin {
 
 /// What happened to the stand-ins, in order: "init" (the base class's part of an object's construction),
 /// "badge SYNCED 'Synced' checkmark" (a registration) and "directories".
 std::vector<std::string> events();
+
+/// From now on the Finder shows each folder as soon as the extension observes it: it makes the callback, on another
+/// thread, before the call that set the folders returns.
+void showFoldersAtOnce();
 
 /// The paths of the observed folders, each with "/" at its end when its URL says that it is a folder; sorted.
 std::vector<std::string> observedFolders();
@@ -21,8 +25,20 @@ std::vector<std::string> observedFolders();
 using Badge = std::pair<std::string, std::string>;
 std::vector<Badge> badges();
 
-/// Waits until `badge` was set; false after half a minute without.
+/// The object that the last badge was set on, and how many autorelease pools the thread had then.
+struct Push {
+  const void* url = nullptr;
+  std::size_t pools = 0;
+};
+Push lastPush();
+
+/// How many Objective-C objects there are more than at the first call, and how many queues and groups of Dispatch.
+std::ptrdiff_t liveObjects();
+std::ptrdiff_t liveDispatchObjects();
+
+/// Wait until `badge` was set, or `count` badges were; false after half a minute without.
 bool waitForBadge(const Badge& badge);
+bool waitForBadges(std::size_t count);
 
 /// Makes these paths the selection; none: there is no selection at all.
 void setSelection(const std::optional<std::vector<std::string>>& paths);

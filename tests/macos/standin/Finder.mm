@@ -6,9 +6,16 @@
 #include <algorithm>
 #include <chrono>
 #include <condition_variable>
+#include <cstdlib>
 #include <mutex>
+#include <thread>
 
+#import <Foundation/NSDebug.h>
 #import "Additions.h"
+
+@interface NSAutoreleasePool (Depth)
+- (id)enclosingPool;
+@end
 
 namespace {
 
@@ -22,6 +29,9 @@ struct State {
   std::vector<std::string> events;
   std::vector<std::string> folders;
   std::vector<Badge> badges;
+  vornet::standin::Push lastPush;
+  id<FIFinderSync> principal = nil;
+  bool showing = false;
   std::optional<std::vector<std::string>> selection;
   std::size_t running = 1;
   std::vector<std::string> asked;
@@ -46,12 +56,26 @@ void requireFileURL(NSURL* url) {
   if (![url isFileURL]) [NSException raise:NSInvalidArgumentException format:@"not a file URL: %@", url];
 }
 
+std::size_t poolsOfThread() {
+  std::size_t count = 0;
+  for (id pool = [NSAutoreleasePool currentPool]; pool; pool = [pool enclosingPool]) ++count;
+  return count;
+}
+
 void note(const std::string& event) {
   const std::lock_guard guard(state().lock);
   state().events.push_back(event);
 }
 
 }  // namespace
+
+@implementation NSAutoreleasePool (Depth)
+
+- (id)enclosingPool {
+  return _parent;
+}
+
+@end
 
 @implementation FIFinderSync
 
@@ -61,7 +85,9 @@ void note(const std::string& event) {
     [self release];
     return nil;
   }
-  return [super init];
+  self = [super init];
+  state().principal = self;
+  return self;
 }
 
 @end
@@ -89,8 +115,16 @@ void note(const std::string& event) {
   }
   std::sort(folders.begin(), folders.end());
   note("directories");
-  const std::lock_guard guard(state().lock);
-  state().folders = folders;
+  {
+    const std::lock_guard guard(state().lock);
+    state().folders = folders;
+  }
+  if (!state().showing) return;
+  std::thread([urls] {
+    @autoreleasepool {
+      for (NSURL* url in urls) [state().principal beginObservingDirectoryAtURL:url];
+    }
+  }).join();
 }
 
 - (void)setBadgeImage:(NSImage*)image label:(NSString*)label forBadgeIdentifier:(NSString*)badgeID {
@@ -103,6 +137,7 @@ void note(const std::string& event) {
   requireFileURL(url);
   const std::lock_guard guard(state().lock);
   state().badges.emplace_back(text(badgeID), text([url path]));
+  state().lastPush = {url, poolsOfThread()};
   state().changed.notify_all();
 }
 
@@ -119,10 +154,12 @@ void note(const std::string& event) {
 }
 
 + (BOOL)isExtensionEnabled {
-  return YES;
+  const char* enabled = std::getenv("VORNET_EXTENSION");
+  return enabled && std::string(enabled) == "on";
 }
 
 + (void)showExtensionManagementInterface {
+  std::puts("settings opened");
 }
 
 @end
@@ -151,7 +188,11 @@ NSArray* runningApplications(id, SEL, NSString* bundleIdentifier) {
   return applications;
 }
 
-/// GNUstep makes a panel and a view with every menu, and both need a window server: they are left out.
+/// GNUstep's application needs a window server, and so do the panel and the view that it makes with every menu: they
+/// are left out.
+id noApplication(id, SEL) {
+  return nil;
+}
 id nothing(id self, SEL) {
   [self release];
   return nil;
@@ -182,6 +223,9 @@ void replace(Class owner, SEL selector, Function* implementation) {
 + (void)load {
   replace(object_getClass(objc_getClass("NSRunningApplication")), @selector(runningApplicationsWithBundleIdentifier:),
           &runningApplications);
+  Class application = object_getClass(objc_getClass("NSApplication"));
+  replace(application, @selector(initialize), &noApplication);
+  replace(application, @selector(sharedApplication), &noApplication);
   Class panel = objc_getClass("NSMenuPanel");
   replace(panel, @selector(init), &nothing);
   replace(panel, @selector(initWithContentRect:styleMask:backing:defer:), &noPanel);
@@ -207,11 +251,34 @@ std::vector<Badge> badges() {
   return state().badges;
 }
 
+void showFoldersAtOnce() {
+  state().showing = true;
+}
+
+Push lastPush() {
+  const std::lock_guard guard(state().lock);
+  return state().lastPush;
+}
+
+std::ptrdiff_t liveObjects() {
+  GSDebugAllocationActive(YES);
+  std::ptrdiff_t count = 0;
+  Class* classes = GSDebugAllocationClassList();
+  for (const Class* each = classes; each && *each; ++each) count += GSDebugAllocationCount(*each);
+  NSZoneFree(NSDefaultMallocZone(), classes);
+  return count;
+}
+
 bool waitForBadge(const Badge& badge) {
   std::unique_lock guard(state().lock);
   return state().changed.wait_for(guard, PATIENCE, [&] {
     return std::find(state().badges.begin(), state().badges.end(), badge) != state().badges.end();
   });
+}
+
+bool waitForBadges(std::size_t count) {
+  std::unique_lock guard(state().lock);
+  return state().changed.wait_for(guard, PATIENCE, [&] { return state().badges.size() >= count; });
 }
 
 void setSelection(const std::optional<std::vector<std::string>>& paths) {
