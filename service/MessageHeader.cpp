@@ -13,6 +13,9 @@ constexpr std::uint32_t LONGEST_ARRAY = 64U * 1024 * 1024;
 
 enum Field : unsigned char { MEMBER = 3, SENDER = 7, SIGNATURE = 8 };
 
+// The type of each known field, at the place of its number (D-Bus Specification, "Header Fields").
+constexpr std::string_view TYPES_OF_FIELDS = " osssussgu";
+
 constexpr std::uint64_t aligned(std::uint64_t position, std::uint64_t to) {
   return (position + to - 1) / to * to;
 }
@@ -74,10 +77,13 @@ class Reader {
   std::size_t position_ = 0;
 };
 
-/// The value of a header's field, where it is a text; otherwise empty. None when it is of a type that no field has.
-std::optional<std::string_view> readFieldValue(Reader& reader) {
+/// The value of the header's field `field`, where it is a text; otherwise empty. None when it is of a type that no
+/// field has, or not of the known field's.
+std::optional<std::string_view> readFieldValue(Reader& reader, unsigned char field) {
   const auto type = reader.signature();
   if (!type || type->size() != 1) return std::nullopt;
+  const bool isKnown = field > 0 && field < TYPES_OF_FIELDS.size();
+  if (isKnown && type->front() != TYPES_OF_FIELDS[field]) return std::nullopt;
   switch (type->front()) {
     case 's':
     case 'o':
@@ -142,7 +148,7 @@ std::optional<MessageHeader> readMessageHeader(std::string_view header) {
   while (reader.position() < end) {
     if (!reader.align(STRUCT_ALIGNMENT)) return std::nullopt;
     const auto field = reader.byte();
-    const auto value = field ? readFieldValue(reader) : std::nullopt;
+    const auto value = field ? readFieldValue(reader, *field) : std::nullopt;
     if (!value) return std::nullopt;
     if (*field == MEMBER) result.member = *value;
     if (*field == SENDER) result.sender = *value;

@@ -35,7 +35,7 @@ struct MessageHeader {
 };
 
 /// Reads `header`, the bytes of a message up to its body. None when it is malformed, of an unknown type, or holds a
-/// field of a type that no known field has.
+/// known field of another type than that field's, or a field of a type that no known field has.
 std::optional<MessageHeader> readMessageHeader(std::string_view header);
 
 /// How many texts the list in `body` has; `body` belongs to a message of the signature "as" or, with a text before the

@@ -86,6 +86,20 @@ TEST(MessageHeader, RefusesATextThatHoldsANul) {
   EXPECT_FALSE(countIn(listed));
 }
 
+TEST(MessageHeader, RefusesAKnownFieldOfAnotherType) {
+  const std::vector<std::pair<std::string, char>> numbers{
+      {"/a/path", 3}, {":1.7", 1}, {"com.example.I", 8}, {"com.example.Name", 5}};
+  for (const auto& [value, number] : numbers) {
+    auto bytes = messageOf(nullptr);
+    const std::size_t field = bytes.find(value) - 8;  // the number, the type as a signature, and the value's length
+    ASSERT_TRUE(readMessageHeader(bytes)) << value;
+    bytes[field] = number;
+    EXPECT_FALSE(readMessageHeader(bytes)) << value;
+    bytes[field] = 99;  // an unknown field may have any type
+    EXPECT_TRUE(readMessageHeader(bytes)) << value;
+  }
+}
+
 TEST(MessageHeader, SurvivesAnyWrongByte) {
   const auto good = messageOf(g_variant_new("(@as)", textList({"one", "two", "three"})));
   for (std::size_t place = 0; place < good.size(); ++place) {
