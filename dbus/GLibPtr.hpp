@@ -31,6 +31,9 @@ struct GMainLoopUnref {
 struct GBytesUnref {
   void operator()(GBytes* bytes) const { g_bytes_unref(bytes); }
 };
+struct GListFree {
+  void operator()(GList* list) const { g_list_free(list); }
+};
 struct GStrvFree {
   void operator()(gchar** texts) const { g_strfreev(texts); }
 };
@@ -44,6 +47,8 @@ using GSourcePtr = std::unique_ptr<GSource, GSourceUnref>;
 using GMainContextPtr = std::unique_ptr<GMainContext, GMainContextUnref>;
 using GMainLoopPtr = std::unique_ptr<GMainLoop, GMainLoopUnref>;
 using GBytesPtr = std::unique_ptr<GBytes, GBytesUnref>;
+/// Owns a list, not its elements.
+using GListPtr = std::unique_ptr<GList, GListFree>;
 using GStrvPtr = std::unique_ptr<gchar*, GStrvFree>;
 
 /// Hands a GLib call's `GError**` to a GErrorPtr: `f(ErrorTo(error))`.

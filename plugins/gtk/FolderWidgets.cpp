@@ -11,6 +11,7 @@
 #include "Module.hpp"
 #include "client/Log.hpp"
 #include "client/Paths.hpp"
+#include "dbus/GLibPtr.hpp"
 
 namespace vornet::gtk {
 namespace {
@@ -56,10 +57,8 @@ class FolderWidgets : public FolderWatch {
   }
 
   static bool isAlone(GtkWidget* parent) {
-    GList* children = gtk_container_get_children(GTK_CONTAINER(parent));
-    const bool alone = children && !children->next;
-    g_list_free(children);
-    return alone;
+    const GListPtr children(gtk_container_get_children(GTK_CONTAINER(parent)));
+    return children && !children->next;
   }
 
   static void mapped(GtkWidget*, gpointer data) {

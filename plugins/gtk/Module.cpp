@@ -7,6 +7,7 @@
 #include "FolderWatch.hpp"
 #include "Manager.hpp"
 #include "client/Log.hpp"
+#include "dbus/GLibPtr.hpp"
 
 namespace vornet::gtk {
 namespace {
@@ -56,10 +57,8 @@ client::Menu Module::menu(const client::Selection& selection) {
 void Module::menuChanged(const client::Selection& selection) {
   client::guarded([&] {
     if (selection == menuSelection_) refreshOpenMenu(plugin().menu(selection));
-    auto* provider = static_cast<manager::MenuProvider*>(g_weak_ref_get(&provider_));
-    if (!provider) return;
-    VORNET_CALL(menu_provider_emit_items_updated_signal)(provider);
-    g_object_unref(provider);
+    const GObjectPtr<manager::MenuProvider> provider(static_cast<manager::MenuProvider*>(g_weak_ref_get(&provider_)));
+    if (provider) VORNET_CALL(menu_provider_emit_items_updated_signal)(provider.get());
   });
 }
 

@@ -10,6 +10,7 @@
 #include "Module.hpp"
 #include "client/Log.hpp"
 #include "client/Paths.hpp"
+#include "dbus/GLibPtr.hpp"
 
 namespace vornet::gtk {
 namespace {
@@ -92,8 +93,8 @@ class Slot {
     gboolean active = FALSE;
     GFile* location = nullptr;
     g_object_get(slot_.object(), "active", &active, "location", &location, nullptr);
-    const std::unique_ptr<char, decltype(&g_free)> url(location ? g_file_get_uri(location) : nullptr, g_free);
-    g_clear_object(&location);
+    const GObjectPtr<GFile> owned(location);
+    const GCharPtr url(location ? g_file_get_uri(location) : nullptr);
     tab_.update(client::pathOfURL(url.get()), active);
   }
 
@@ -146,8 +147,8 @@ class Window {
   void addActive() {
     GObject* slot = nullptr;
     g_object_get(object(), "active-slot", &slot, nullptr);
+    const GObjectPtr<GObject> owned(slot);
     if (slot) add(slot);
-    g_clear_object(&slot);
   }
 
   void add(GObject* slot) {

@@ -9,6 +9,7 @@
 #include "Module.hpp"
 #include "client/Log.hpp"
 #include "client/Paths.hpp"
+#include "dbus/GLibPtr.hpp"
 
 namespace vornet::gtk {
 namespace {
@@ -17,7 +18,7 @@ using namespace manager;
 
 /// The path of `file`; none when it is no local file (trash, network, recent files).
 std::optional<std::string> pathOf(FileInfo* file) {
-  const std::unique_ptr<char, decltype(&g_free)> url(VORNET_CALL(file_info_get_uri)(file), g_free);
+  const GCharPtr url(VORNET_CALL(file_info_get_uri)(file));
   return client::pathOfURL(url.get());
 }
 
@@ -33,15 +34,13 @@ class ShownFile : public client::ShownItem {
 
   /// Emblems are only ever added to a file; the file manager drops all and asks again for a file that is invalidated.
   void redraw(const std::string&, const std::string&) override {
-    if (const Reference file = get()) VORNET_CALL(file_info_invalidate_extension_info)(file.get());
+    if (const auto file = get()) VORNET_CALL(file_info_invalidate_extension_info)(file.get());
   }
 
   bool isGone() const override { return !get(); }
 
  private:
-  using Reference = std::unique_ptr<FileInfo, decltype(&g_object_unref)>;
-
-  Reference get() const { return {static_cast<FileInfo*>(g_weak_ref_get(&file_)), g_object_unref}; }
+  GObjectPtr<FileInfo> get() const { return GObjectPtr<FileInfo>(static_cast<FileInfo*>(g_weak_ref_get(&file_))); }
 
   mutable GWeakRef file_;  // reading it takes a reference
 };
