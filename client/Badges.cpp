@@ -104,8 +104,9 @@ std::string_view Badges::emblem(Folder& folder, std::string_view name, std::uniq
   return entry.emblem;
 }
 
-/// Forgets items that were deleted or renamed while their folder was held. The stream does not repeat the badge of one
-/// that is made anew. While a snapshot comes, badges that it has not named yet may be out of date.
+/// Forgets items that were deleted or renamed while their folder was held. Their badges are kept, because the stream
+/// does not repeat the badge of an item that is made anew. Until a snapshot has ended, a badge that it has not named
+/// may be out of date.
 void Badges::forgetGone(Folder& folder) {
   bool isRoom = true;
   std::erase_if(folder.entries, [&](const auto& named) {

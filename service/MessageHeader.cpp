@@ -13,7 +13,7 @@ constexpr std::uint32_t LONGEST_ARRAY = 64U * 1024 * 1024;
 
 enum Field : unsigned char { MEMBER = 3, SENDER = 7, SIGNATURE = 8 };
 
-// The type of each known field, at the place of its number (D-Bus Specification, "Header Fields").
+// The type of each known field, at the place of its number, as D-Bus defines them under "Header Fields".
 constexpr std::string_view TYPES_OF_FIELDS = " osssussgu";
 
 constexpr std::uint64_t aligned(std::uint64_t position, std::uint64_t to) {

@@ -23,8 +23,8 @@ class SharedThreads {
   SharedThreads(const SharedThreads&) = delete;
   SharedThreads& operator=(const SharedThreads&) = delete;
 
-  /// Runs `work` at once, whatever else is running; only if the system gives no more threads, when one is free. `work`
-  /// must not throw. Does nothing after stop().
+  /// Runs `work` at once, whatever else is running. If the system gives no more threads, `work` waits until one is
+  /// free. It must not throw. Does nothing after stop().
   void run(std::function<void()> work);
 
   /// For timers. Their handlers should only give work to a pool: they run on the thread that waits.

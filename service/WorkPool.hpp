@@ -38,7 +38,8 @@ class WorkPool {
   /// Waits until all that was given has run.
   void join();
 
-  /// Begins no more work: what is running finishes, what is waiting or given later is dropped. Does not wait.
+  /// Begins no more work, and does not wait. Work that is running finishes; work that is waiting, or is given later, is
+  /// dropped.
   void requestStop();
 
   /// The same, and waits for what is running.

@@ -23,7 +23,7 @@ PAINT = (
     ("Badges gone again, ms", "gone", 0, ALL[1:], {"filled": "0", "unfilled": "0"}),
     ("CPU of the extension, s", "extension", 2, OURS, {"unfilled": "0.1"}),
     ("Longest stall, ms", "stall", 0, ALL, {"filled": "1.1 C", "unfilled": "1.1 C"}),
-    ("Longest turn of ours, ms", "turn", 1, OURS, {"filled": "4", "unfilled": "4"}),
+    ("Longest turn of the plug-in, ms", "turn", 1, OURS, {"filled": "4", "unfilled": "4"}),
     ("Items asked for", "items", 0, ALL, {}),
     ("Of these asked for again, %", "again", 1, ALL, {"filled": "1"}),
 )
