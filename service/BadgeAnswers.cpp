@@ -78,6 +78,7 @@ BadgeAnswers::Outcome BadgeAnswers::answer(GDBusMethodInvocation* call, const st
   std::vector<std::optional<std::string>> found(items.size());
   for (std::size_t i = 0; i < items.size(); ++i) {
     if (i % ITEMS_A_TURN == ITEMS_A_TURN - 1) pool.giveWay();
+    if (pool.isStopping()) return Outcome::givenUp;
     if (carriesBadge(roots, items[i])) found[i] = ask(items[i]);
   }
 
@@ -114,8 +115,10 @@ BadgeAnswers::Outcome BadgeAnswers::answer(GDBusMethodInvocation* call, const st
 void BadgeAnswers::askAgain(const std::string& folder) {
   lookUps_.postOwn([this, folder] {
     const auto roots = FIFinderSyncController::defaultController().directoryURLs();
-    for (const auto& item : platform::host::itemsOnScreen(folder))
+    for (const auto& item : platform::host::itemsOnScreen(folder)) {
+      if (lookUps_.isStopping()) return;
       if (carriesBadge(roots, item)) ask(item);
+    }
   });
 }
 

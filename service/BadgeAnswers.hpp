@@ -29,6 +29,7 @@ class BadgeAnswers {
     answered,
     inDoubt,  ///< answered; some items will be looked up again, and the caller gets those that differ
     tooMuch,  ///< not answered: too many items wait to be looked up again already
+    givenUp,  ///< not answered: `pool` is stopping
   };
 
   /// Answers `call`, a RequestBadges for `items`: the identifier of each, "" for none. On the thread of look-ups,

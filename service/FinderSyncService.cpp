@@ -386,6 +386,8 @@ void FinderSyncService::answerBadges(GDBusMethodInvocation* invocation, const UR
   switch (answers_.answer(invocation, items, pool)) {
     case BadgeAnswers::Outcome::tooMuch:
       return refuse(invocation, dbus::error::BUSY, "too much is to be looked up in a locked database");
+    case BadgeAnswers::Outcome::givenUp:
+      return refuse(invocation, dbus::error::BUSY, "the extension is ending");
     case BadgeAnswers::Outcome::inDoubt:
       return watchClient(client);
     case BadgeAnswers::Outcome::answered:

@@ -501,6 +501,26 @@ TEST_F(SnapshotsTest, AClientThatHasLeftCostsNoLookUp) {
   EXPECT_TRUE(log.waitFor(LogLevel::Warning, "Cannot prepare SQL statement"));
 }
 
+TEST_F(FinderSyncServiceTest, AStopDoesNotWaitForTheRestOfALongCall) {
+  constexpr int ITEMS = 5000;
+  extension.asked = [this](const FileURL&) {
+    ++questions;
+    gate.open();
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));  // a slow disk
+  };
+  startService();
+  ASSERT_TRUE(client->beginObserving(url()));
+  std::vector<std::string> items;
+  for (int i = 0; i < ITEMS; ++i) items.push_back(url("x" + std::to_string(i)));
+  std::optional<BusReply> reply;
+  client->call("RequestBadges", BusClient::urlArguments(items), [&](const BusReply& answer) { reply = answer; });
+  gate.pass();
+  service.reset();
+  EXPECT_LT(questions, ITEMS);
+  ASSERT_TRUE(client->waitUntil([&] { return reply.has_value(); }));
+  EXPECT_EQ(reply->error, "Busy");
+}
+
 TEST_F(FinderSyncServiceTest, StoppedItLeavesNothingInTheMainContext) {
   startBus();
   const auto connection = test::connectToBus(bus->address());

@@ -94,7 +94,7 @@ class ProcessLife : public ExtensionTest {
   }
 
   /// Waits for the end of the extension, which must not take long: its exit status. That is 1 where it gave up waiting,
-  /// as it does 3.4 s after it was asked; a busy machine may make it do so after requests.
+  /// as it does 3.3 s after it was asked; a busy machine may make it do so after requests.
   int end() {
     const auto begun = Clock::now();
     const int status = extension->wait();

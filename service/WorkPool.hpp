@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <functional>
@@ -38,9 +39,12 @@ class WorkPool {
   /// Waits until all that was given has run.
   void join();
 
-  /// Begins no more work, and does not wait. Work that is running finishes; work that is waiting, or is given later, is
+  /// Begins no more work, and does not wait. Work that is running goes on, unless it asks isStopping(); work that is waiting, or is given later, is
   /// dropped.
   void requestStop();
+
+  /// True once it has been asked to stop. Work of many items should ask after every few dozen, and give up then.
+  bool isStopping() const { return stopped_; }
 
   /// The same, and waits for what is running.
   void stop();
@@ -65,7 +69,7 @@ class WorkPool {
   FairQueue<Work> waiting_;
   std::size_t running_ = 0;  // threads
   std::size_t longRunning_ = 0;
-  bool stopped_ = false;
+  std::atomic<bool> stopped_ = false;  // changed with the lock held, read without it, too
 };
 
 }  // namespace vornet::service

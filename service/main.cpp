@@ -31,9 +31,11 @@ namespace {
 
 using vornet::platform::systemLog;
 
-// Longer than answering and the last console lines take, shorter than anybody waits.
-constexpr std::chrono::milliseconds LONGEST_END{3400};
+using Clock = std::chrono::steady_clock;
+
+// Both are counted from when the process is asked to end. The second is shorter than anybody waits.
 constexpr std::chrono::milliseconds LONGEST_ANSWERING{2000};
+constexpr std::chrono::milliseconds LONGEST_END{3300};
 
 timer_t lastResort{};
 
@@ -66,11 +68,16 @@ class Run {
   Run(const Run&) = delete;
   Run& operator=(const Run&) = delete;
 
-  void untilAskedToEnd() { g_main_loop_run(loop_.get()); }
+  /// When it was asked to.
+  Clock::time_point untilAskedToEnd() {
+    g_main_loop_run(loop_.get());
+    return asked_;
+  }
 
   /// On the thread of the main context, while it runs.
   void end() {
     endInAnyCase();
+    asked_ = Clock::now();
     vornet::statusManager()->request_stop();
     vornet::RESTClient::hurry();
     g_main_loop_quit(loop_.get());
@@ -78,6 +85,7 @@ class Run {
 
  private:
   GDBusConnection* const connection_;
+  Clock::time_point asked_;
   const vornet::GMainLoopPtr loop_{g_main_loop_new(nullptr, FALSE)};
 };
 
@@ -110,12 +118,10 @@ void endOnSignals(Run& run) {
   for (const int signal : {SIGTERM, SIGINT}) handle(signal, &noteSignal);
 }
 
-/// Waits until the calls that have come are answered, within a limit.
-void answerWhatHasCome(GDBusConnection* connection) {
-  using Clock = std::chrono::steady_clock;
-  const auto until = Clock::now() + LONGEST_ANSWERING;
-  while (vornet::service::hasUnansweredCalls(connection) && Clock::now() < until) {
-    while (g_main_context_iteration(nullptr, FALSE)) continue;
+/// Waits until the calls that have come are answered, at most until `limit`.
+void answerWhatHasCome(GDBusConnection* connection, Clock::time_point limit) {
+  while (vornet::service::hasUnansweredCalls(connection) && Clock::now() < limit) {
+    while (g_main_context_iteration(nullptr, FALSE) && Clock::now() < limit) continue;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
 }
@@ -151,10 +157,10 @@ int serve(GDBusConnection* connection) {
   service.publishProperties();
   preferences.start([&run] { run.end(); });
 
-  run.untilAskedToEnd();
+  const auto asked = run.untilAskedToEnd();
   vornet::service::releaseBusName(connection, name);  // from here on the bus gives calls to the next process
   preferences.stop();
-  answerWhatHasCome(connection);
+  answerWhatHasCome(connection, asked + LONGEST_ANSWERING);
   service.stop();
   g_dbus_connection_flush_sync(connection, nullptr, nullptr);  // answers may be waiting to be written
   vornet::statusManager()->stop_listener();
