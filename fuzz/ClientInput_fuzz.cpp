@@ -491,6 +491,9 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     ++warnings;
   };
   g_log_set_default_handler(take, nullptr);
+  // GLib's threads stay: what one of them is about to free as it ends would count as a leak at the end of the process.
+  g_thread_pool_set_max_idle_time(0);
+  g_thread_pool_set_max_unused_threads(-1);
   ::setenv("DBUS_SESSION_BUS_ADDRESS", bus().address().c_str(), 1);
   const rlimit few = {MOST_DESCRIPTORS, MOST_DESCRIPTORS};
   require(::setrlimit(RLIMIT_NOFILE, &few) == 0, "descriptors can be limited");
