@@ -34,8 +34,10 @@ function(vornet_test name)
   add_executable(${name} ${arg_SOURCES})
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/tests")
   target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} GTest::gmock GTest::gtest_main vornet_options)
+  # What is tested is optimised; the tests themselves compile faster without, under sanitizers in half the time.
   # GCC takes the "else" within GoogleTest's macros for one that might belong to an "if" before them.
-  target_compile_options(${name} PRIVATE $<$<CXX_COMPILER_ID:GNU>:-Wno-dangling-else>)
+  target_compile_options(${name} PRIVATE -O0 $<$<CXX_COMPILER_ID:GNU>:-Wno-dangling-else>)
+  vornet_precompile(${name})
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 120)
   endif()
