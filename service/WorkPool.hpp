@@ -39,8 +39,8 @@ class WorkPool {
   /// Waits until all that was given has run.
   void join();
 
-  /// Begins no more work, and does not wait. Work that is running goes on, unless it asks isStopping(); work that is
-  /// waiting, or is given later, is dropped.
+  /// Begins no more work, and does not wait. Work that is waiting, or is given later, is dropped. Running work goes on,
+  /// or asks isStopping() and gives up.
   void requestStop();
 
   /// True once it has been asked to stop. Work of many items should ask after every few dozen, and give up then.
