@@ -13,16 +13,10 @@ namespace vornet::client {
 namespace {
 
 // With batches of the size that the extension advises, four keep its threads busy.
-constexpr unsigned MOST_IN_FLIGHT = 4;
-
-// Items reported between two looks at the clock.
-constexpr std::size_t STEP = 16;
+constexpr unsigned MOST_BATCHES = 4;
 
 // Changes of one message that are read. The extension sends 2,000 at a time.
 constexpr std::size_t MOST_READ = 20'000;
-
-// Messages with more changes are freed on another thread.
-constexpr std::size_t LARGE = 5000;
 
 // Memory of the changes that wait to be read, all messages together, in bytes: enough for 50,000 items. Beside its
 // text, a change is three values.
@@ -31,8 +25,6 @@ constexpr std::size_t BYTES_OF_A_CHANGE = 256;
 
 // No item with a longer URL is on screen: every byte of its path takes three at most.
 constexpr std::size_t LONGEST_URL = 3 * PATH_MAX + 32;
-
-constexpr std::size_t LONGEST_IDENTIFIER = 200;
 
 // No item has a longer name; most file systems have 255 at most.
 constexpr std::size_t LONGEST_NAME = 1024;
@@ -100,7 +92,7 @@ void BadgeStream::reset() {
 }
 
 bool BadgeStream::isFull() const {
-  return inFlight_ >= MOST_IN_FLIGHT;
+  return inFlight_ >= MOST_BATCHES;
 }
 
 // --- Answers --------------------------------------------------------------------------------------------------------
@@ -139,7 +131,7 @@ void BadgeStream::answered(Batch batch, GVariant* values, const CallError& error
   work_.add([this, batch = std::move(batch), session = std::weak_ptr(session_), next = std::size_t(0)]() mutable {
     if (session.expired()) return false;
     const std::size_t begin = next;
-    next = std::min(begin + STEP, batch.names.size());
+    next = std::min(begin + SlicedWork::STEP, batch.names.size());
     return listener_.badgesAnswered(batch, begin, next) && next < batch.names.size();
   });
   ask();
@@ -149,7 +141,7 @@ void BadgeStream::answered(Batch batch, GVariant* values, const CallError& error
 
 void BadgeStream::take(GVariant* changes) {
   const std::size_t count = g_variant_n_children(changes);
-  const bool isLarge = count > LARGE;
+  const bool isLarge = count > Disposal::LARGE;
   const bool isTooLarge = count > MOST_READ;
   if (isLarge) disposal_.add(changes);
   if (isTooLarge) listener_.changesMissed();
@@ -175,7 +167,7 @@ void BadgeStream::take(GVariant* changes) {
 
 /// False when all have been reported.
 bool BadgeStream::report(Changes& changes) {
-  const std::size_t end = std::min(changes.next + STEP, changes.count);
+  const std::size_t end = std::min(changes.next + SlicedWork::STEP, changes.count);
   for (; changes.next < end; ++changes.next) {
     const GVariantPtr change = childOf(changes.values.get(), changes.next);
     const GVariantPtr url = childOf(change.get(), 0);
@@ -204,7 +196,7 @@ void BadgeStream::takeFolder(GVariant* values) {
 bool BadgeStream::report(FolderMessage& message) {
   auto flags = message.flags;
   if (message.next > 0) flags &= static_cast<unsigned char>(~dbus::SNAPSHOT_BEGINS);
-  const gsize end = std::min<gsize>(message.next + STEP, message.count);
+  const gsize end = std::min<gsize>(message.next + SlicedWork::STEP, message.count);
   items_.clear();
   for (; message.next < end; ++message.next) {
     const auto slash = std::min(message.rest.find('/'), message.rest.size());

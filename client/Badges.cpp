@@ -11,9 +11,6 @@
 namespace vornet::client {
 namespace {
 
-// Items handled between two looks at the clock.
-constexpr std::size_t STEP = 16;
-
 // The bus's name for Busy.
 constexpr const char* TOO_MANY_CALLS = "org.freedesktop.DBus.Error.LimitsExceeded";
 
@@ -518,7 +515,7 @@ void Badges::applyBadge(Folder& folder, const std::string& name, std::string_vie
   folder.changed.push_back(name);
   if (std::exchange(isRedrawing_, true)) return;
   work_.add([this] {
-    for (std::size_t i = 0; i < STEP; ++i)
+    for (std::size_t i = 0; i < SlicedWork::STEP; ++i)
       if (!redrawNext()) return isRedrawing_ = false;
     return true;
   });
@@ -551,7 +548,7 @@ void Badges::redrawAll(const Folder& folder) {
   items->reserve(folder.entries.size());
   for (const auto& [name, entry] : folder.entries) items->push_back({name, entry.item, entry.emblem});
   work_.add([this, items, path = folder.path, id = folder.id] {
-    for (std::size_t i = 0; i < STEP && !items->empty(); ++i) {
+    for (std::size_t i = 0; i < SlicedWork::STEP && !items->empty(); ++i) {
       const Item one = std::move(items->back());
       items->pop_back();
       auto emblem = one.emblem;

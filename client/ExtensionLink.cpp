@@ -26,11 +26,6 @@ constexpr std::size_t MOST_FOLDERS = 1000;
 // Changed properties that are read; it has five.
 constexpr gsize MOST_PROPERTIES = 100;
 
-constexpr std::size_t LONGEST_IDENTIFIER = 200;
-
-// Values with more entries are freed on another thread.
-constexpr gsize LARGE = 5000;
-
 gint64 microseconds(std::chrono::milliseconds time) {
   return std::chrono::microseconds(time).count();
 }
@@ -67,7 +62,7 @@ bool isLarge(GVariant* values) {
   if (g_variant_n_children(values) == 0) return false;
   const GVariantPtr first = childOf(values, 0);
   return g_variant_is_of_type(first.get(), G_VARIANT_TYPE_VARIANT) ||
-         (g_variant_is_container(first.get()) && g_variant_n_children(first.get()) > LARGE);
+         (g_variant_is_container(first.get()) && g_variant_n_children(first.get()) > Disposal::LARGE);
 }
 
 using WeakLink = std::weak_ptr<ExtensionLink*>;

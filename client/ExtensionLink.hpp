@@ -17,6 +17,9 @@ namespace vornet::client {
 inline constexpr const char* INVALID_REPLY = "InvalidReply";
 inline constexpr const char* DISCONNECTED = "Disconnected";
 
+/// In bytes; longer texts are no badge identifiers.
+inline constexpr std::size_t LONGEST_IDENTIFIER = 200;
+
 /// Why a call has no values.
 struct CallError {
   /// The extension's errors without their prefix ("Busy"); INVALID_REPLY for values of another type, DISCONNECTED

@@ -69,6 +69,9 @@ class Backoff {
 /// Work that is done in order, a few milliseconds at a time, so that the file manager gets its turn in between.
 class SlicedWork {
  public:
+  /// Items that a step may handle before the next look at the clock.
+  static constexpr std::size_t STEP = 16;
+
   explicit SlicedWork(GMainContext* context) : context_(context) {}
   ~SlicedWork();
   SlicedWork(const SlicedWork&) = delete;
@@ -88,6 +91,9 @@ class SlicedWork {
 /// Frees large values on another thread: one of 200,000 entries held the window for 175 ms.
 class Disposal {
  public:
+  /// Values with more entries are worth it.
+  static constexpr std::size_t LARGE = 5000;
+
   explicit Disposal(GMainContext* context) : context_(context) {}
   ~Disposal();
   Disposal(const Disposal&) = delete;

@@ -12,7 +12,7 @@ namespace vornet::client {
 namespace {
 
 // The extension works at so many menus at a time; more would only queue up behind a sync application that hangs.
-constexpr unsigned MOST_IN_FLIGHT = 4;
+constexpr unsigned MOST_MENUS = 4;
 
 // So many windows can each ask for the menu of their own selection without replacing one another's.
 constexpr std::size_t MOST_REMEMBERED = 8;
@@ -106,7 +106,7 @@ Menu MenuPrefetch::entriesFor(const Selection& selection) {
 /// When too many requests are in flight, the last selection waits for room. Earlier ones are requested when the file
 /// manager asks again.
 void MenuPrefetch::ask(Remembered& menu) {
-  if (!link_.isReady() || inFlight_ >= MOST_IN_FLIGHT) {
+  if (!link_.isReady() || inFlight_ >= MOST_MENUS) {
     waiting_ = menu.selection;
     return;
   }

@@ -10,7 +10,7 @@ using SharedLink = std::shared_ptr<GatedLink>;
 constexpr const char* INVALID_ARGUMENTS = "org.freedesktop.DBus.Error.InvalidArgs";
 
 // After so many bytes without a message for GDBus, its thread goes on to write.
-constexpr std::size_t MOST_AT_ONCE = 1024 * 1024;
+constexpr std::size_t MOST_READ = 1024 * 1024;
 
 // Refusals that GDBus holds at a time; the others take less room in the gate.
 constexpr int REFUSALS_AT_ONCE = 16;
@@ -152,7 +152,7 @@ gssize GatedLink::read(char* buffer, gsize size, GCancellable* cancellable, GErr
 }
 
 gssize GatedLink::readNonblocking(char* buffer, gsize size, GError** error) {
-  for (std::size_t all = 0; all < MOST_AT_ONCE;) {
+  for (std::size_t all = 0; all < MOST_READ;) {
     GErrorPtr failure;
     const gssize taken =
         g_pollable_input_stream_read_nonblocking(input(), piece_.data(), PIECE, nullptr, ErrorTo(failure));

@@ -25,7 +25,7 @@ FIFinderSyncController& finder() {
   return FIFinderSyncController::defaultController();
 }
 
-const std::string& requiredPath(const FileURL& url) {
+const std::string& pathOfFolder(const FileURL& url) {
   if (!url.path()) platform::fatalError("an observed folder without a path");
   return *url.path();
 }
@@ -104,13 +104,13 @@ void FinderSync::disableVI() {
 }
 
 void FinderSync::beginObservingDirectoryAtURL(const FileURL& url) {
-  const std::string& path = requiredPath(url);
+  const std::string& path = pathOfFolder(url);
   VI_INFO("Directory enter: " + path);
   requiredStatusManager().dirEnter(path);
 }
 
 void FinderSync::endObservingDirectoryAtURL(const FileURL& url) {
-  const std::string& path = requiredPath(url);
+  const std::string& path = pathOfFolder(url);
   VI_INFO("Directory exit: " + path);
   requiredStatusManager().dirExit(path);
 }

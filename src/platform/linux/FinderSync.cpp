@@ -15,14 +15,6 @@ namespace {
 thread_local host::BadgeRequest* currentRequest = nullptr;
 thread_local const std::vector<FileURL>* currentSelection = nullptr;
 
-struct TextHash {
-  using is_transparent = void;
-  using is_avalanching = void;
-  std::size_t operator()(std::string_view text) const noexcept { return std::hash<std::string_view>{}(text); }
-};
-template <class Value>
-using TextMap = boost::unordered_flat_map<std::string, Value, TextHash, std::equal_to<>>;
-
 /// An absolute path, parted at its last separator: {"/a/b", "c"}, {"/", "a"}.
 struct Place {
   explicit Place(std::string_view path) {
@@ -39,6 +31,14 @@ struct Place {
 }  // namespace
 
 struct FIFinderSyncController::Impl {
+  struct TextHash {
+    using is_transparent = void;
+    using is_avalanching = void;
+    std::size_t operator()(std::string_view text) const noexcept { return std::hash<std::string_view>{}(text); }
+  };
+  template <class Value>
+  using TextMap = boost::unordered_flat_map<std::string, Value, TextHash, std::equal_to<>>;
+
   /// An item of a folder on screen.
   struct Item {
     std::uint64_t version;                  // new after each setting of its badge; never used twice
