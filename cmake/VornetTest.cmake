@@ -32,7 +32,7 @@ function(vornet_test name)
   endif()
   cmake_parse_arguments(arg "PORT" "TIMEOUT" "SOURCES;LIBRARIES;ENVIRONMENT" ${ARGN})
   add_executable(${name} ${arg_SOURCES})
-  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/tests")
+  set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/tests" UNITY_BUILD OFF)
   target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} GTest::gmock GTest::gtest_main vornet_options)
   # What is tested is optimised; the tests themselves compile faster without, under sanitizers in half the time.
   # GCC takes the "else" within GoogleTest's macros for one that might belong to an "if" before them.
