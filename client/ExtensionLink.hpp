@@ -17,7 +17,7 @@ namespace vornet::client {
 inline constexpr const char* INVALID_REPLY = "InvalidReply";
 inline constexpr const char* DISCONNECTED = "Disconnected";
 
-/// In bytes; longer texts are no badge identifiers.
+/// The longest badge identifier that is kept, in bytes.
 inline constexpr std::size_t LONGEST_IDENTIFIER = 200;
 
 /// Why a call has no values.
