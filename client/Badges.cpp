@@ -48,7 +48,8 @@ const char* labelOf(std::string_view emblem) {
   return "";
 }
 
-Badges::Badges(GMainContext* context, ExtensionLink& link, FoldersOnScreen& folders, const Pace& pace)
+Badges::Badges(GMainContext* context, ExtensionLink& link, FoldersOnScreen& folders, const Pace& pace,
+               std::function<void(const std::string&)> came)
     : link_(link),
       folders_(folders),
       work_(context),
@@ -60,6 +61,7 @@ Badges::Badges(GMainContext* context, ExtensionLink& link, FoldersOnScreen& fold
       unobserved_(context),
       leaving_(context),
       expecting_(context),
+      coming_(context),
       tracing_(context),
       busyRetries_(pace.retries),
       failureRetries_(pace.retries),
@@ -67,7 +69,9 @@ Badges::Badges(GMainContext* context, ExtensionLink& link, FoldersOnScreen& fold
       missedPause_(Backoff(pace.retries).next()),
       unobservedPace_(pace.unobserved),
       leavingTime_(pace.leaving),
-      expectingTime_(pace.expecting) {}
+      expectingTime_(pace.expecting),
+      comingTime_(pace.coming),
+      came_(std::move(came)) {}
 
 bool Badges::mayCarryBadges(std::string_view path) const {
   return !link_.foldersKnown() || link_.observedFolders().empty() || link_.isObserved(path);
@@ -99,6 +103,42 @@ std::string_view Badges::emblem(Folder& folder, std::string_view name, std::uniq
     }
   }
   return entry.emblem;
+}
+
+bool Badges::areComing(Folder& folder) {
+  if (folder.awaited != 0) return true;
+  const bool isOnScreen = folder.shown > 0 || folder.expected != 0;
+  const bool isFirst = !folder.came && folder.entries.empty() && folder.remembered.empty() && !left_.has(folder.path);
+  const bool arePossible =
+      (link_.isReady() ? hasStream(folder) && !folder.refused : link_.isStarting()) && mayCarryBadges(folder.path);
+  if (!isOnScreen || !isFirst || !arePossible) return false;
+  folder.awaited = g_get_monotonic_time();
+  if (!coming_.isRunning()) coming_.start(comingTime_, [this] { forgetAwaited(); });
+  return true;
+}
+
+/// The first badges of `folder` are known, or nobody should wait for them.
+void Badges::awaitNoLonger(Folder& folder) {
+  folder.came = true;
+  if (std::exchange(folder.awaited, 0) == 0) return;
+  work_.add([this, path = folder.path] {  // after what is to be drawn, and not within a call of the file manager
+    guarded([&] { came_(path); });
+    return false;
+  });
+}
+
+void Badges::forgetAwaited() {
+  const std::chrono::microseconds now(g_get_monotonic_time());
+  std::chrono::microseconds next(0);
+  for (const auto& [path, folder] : folders_.all()) {
+    if (folder->awaited == 0) continue;
+    const auto left = std::chrono::microseconds(folder->awaited) + comingTime_ - now;
+    if (left.count() <= 0)
+      awaitNoLonger(*folder);
+    else if (next.count() == 0 || left < next)
+      next = left;
+  }
+  if (next.count() > 0) coming_.start(std::chrono::ceil<std::chrono::milliseconds>(next), [this] { forgetAwaited(); });
 }
 
 /// Forgets items that were deleted or renamed while their folder was held. Their badges are kept, because the stream
@@ -136,6 +176,7 @@ void Badges::syncObservations(Folder& folder) {
   }
   if (wanted == 0) folder.tooMany = false;
   if (folder.begun > 0 && folder.stream == 0 && hasStream(folder)) requestSnapshot(folder);
+  if (folder.awaited != 0 && link_.isReady() && !hasStream(folder)) awaitNoLonger(folder);
 }
 
 void Badges::begin(Folder& folder) {
@@ -165,12 +206,14 @@ void Badges::notBegun(Folder& folder, const std::string& error) {
     if (folder.observed) return;
     if (!std::exchange(folder.tooMany, true)) {
       endStream(folder);
+      awaitNoLonger(folder);
       askForAll(folder);
     }
     refreshUnobservedLater();
     askSoon();
   } else if (isFinal(error)) {
     folder.refused = true;
+    awaitNoLonger(folder);
   } else {
     pause();
   }
@@ -236,6 +279,7 @@ void Badges::snapshotRefused(Folder& folder, const std::string& error) {
 void Badges::askSingly(Folder& folder) {
   endStream(folder);
   folder.singly = true;
+  awaitNoLonger(folder);
   askForAll(folder);
   askSoon();
 }
@@ -296,6 +340,7 @@ bool Badges::keep(Folder& folder, std::string name, std::string_view emblem) {
 /// No other item has a badge.
 void Badges::snapshotEnded(Folder& folder) {
   folder.isComplete = true;
+  awaitNoLonger(folder);
   folder.remembered.clear();
   for (const auto& name : std::exchange(folder.waiting, {}))
     if (const auto found = folder.entries.find(name); found != folder.entries.end()) found->second.waiting = false;
@@ -372,6 +417,7 @@ void Badges::forget(Folder& folder) {
   folder.expected = 0;
   const bool isComplete = folder.isComplete;
   const bool isKnown = isComplete || folder.entries.empty();  // what is remembered; otherwise it is out of date
+  awaitNoLonger(folder);
   syncObservations(folder);
   if (folder.isHeld()) return;
   Emblems emblems = isKnown ? std::move(folder.remembered) : Emblems();
@@ -566,6 +612,7 @@ void Badges::redrawAll(const Folder& folder) {
 /// badges when it is inside again, and the file manager does not ask for them then.
 void Badges::clear(Folder& folder) {
   endStream(folder);
+  awaitNoLonger(folder);
   folder.remembered.clear();
   if (folder.shown > 0 || folder.isHeld() || link_.observedFolders().empty()) {
     for (const auto& [name, entry] : folder.entries) applyBadge(folder, name, {});

@@ -3,6 +3,7 @@
 #include <gio/gio.h>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -28,14 +29,20 @@ class Badges : private BadgeStream::Listener {
     std::chrono::milliseconds unobserved;  ///< between requests for folders that the extension has no room to observe
     std::chrono::milliseconds leaving;     ///< how long the items of a folder are kept after its last tab has left it
     std::chrono::milliseconds expecting;   ///< how long a folder is expected
+    std::chrono::milliseconds coming;      ///< how long the file manager waits for a folder's first badges
   };
 
-  Badges(GMainContext* context, ExtensionLink& link, FoldersOnScreen& folders, const Pace& pace);
+  /// `came` is called with each folder for which areComing() was true, once.
+  Badges(GMainContext* context, ExtensionLink& link, FoldersOnScreen& folders, const Pace& pace,
+         std::function<void(const std::string& folder)> came);
   Badges(const Badges&) = delete;
   Badges& operator=(const Badges&) = delete;
 
   /// The emblem of an item of `folder`, if known; from now on `item` is redrawn when it changes.
   std::string_view emblem(Folder& folder, std::string_view name, std::unique_ptr<ShownItem> item);
+
+  /// True while the first badges of `folder` are on their way to a window, and for `Pace::coming` at most.
+  bool areComing(Folder& folder);
 
   /// True if items of the folder at `path` may carry badges, and while that is unknown.
   bool mayCarryBadges(std::string_view path) const;
@@ -82,6 +89,8 @@ class Badges : private BadgeStream::Listener {
   bool applyStreamed(Folder& folder, std::string_view name, std::string_view emblem);
   static bool keep(Folder& folder, std::string name, std::string_view emblem);
   void snapshotEnded(Folder& folder);
+  void awaitNoLonger(Folder& folder);
+  void forgetAwaited();
   void forgetExpected();
   void observe(Folder& folder);
   void begin(Folder& folder);
@@ -114,6 +123,7 @@ class Badges : private BadgeStream::Listener {
   Timer unobserved_;
   Timer leaving_;
   Timer expecting_;
+  Timer coming_;
   Timer tracing_;
   Backoff busyRetries_;
   Backoff failureRetries_;
@@ -122,6 +132,8 @@ class Badges : private BadgeStream::Listener {
   const std::chrono::milliseconds unobservedPace_;
   const std::chrono::milliseconds leavingTime_;
   const std::chrono::milliseconds expectingTime_;
+  const std::chrono::milliseconds comingTime_;
+  const std::function<void(const std::string&)> came_;
   guint64 lastStream_ = 0;
   unsigned generation_ = 0;  ///< counts the extension's processes: answers of earlier ones are ignored
   bool isRedrawing_ = false;

@@ -73,6 +73,9 @@ class ExtensionLink {
 
   bool isReady() const { return ready_; }
 
+  /// True while it may soon be ready.
+  bool isStarting() const { return !ready_ && (connecting_ || starting_ || !owner_.empty()); }
+
   /// The unique name of the process that owns the extension's bus name; empty for none.
   const std::string& owner() const { return owner_; }
 

@@ -50,6 +50,10 @@ class FileManager {
   /// The entries of `selection`, one of the last few that Plugin::menu() was asked for, have changed: ask again if they
   /// are still shown.
   virtual void menuChanged(const Selection& selection) = 0;
+
+  /// The badges of `folder`, which Plugin::areBadgesComing() said were on their way, are known, or come too late to
+  /// wait for them.
+  virtual void badgesCame(const std::string& /*folder*/) {}
 };
 
 }  // namespace vornet::client

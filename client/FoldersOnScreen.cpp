@@ -68,6 +68,10 @@ Emblems LeftFolders::take(const std::string& path) {
   return emblems;
 }
 
+bool LeftFolders::has(const std::string& path) const {
+  return std::any_of(folders_.begin(), folders_.end(), [&](const auto& folder) { return folder.first == path; });
+}
+
 void LeftFolders::keepOnly(const std::function<bool(const std::string& path)>& keep) {
   folders_.remove_if([&](const auto& folder) {
     if (keep(folder.first)) return false;

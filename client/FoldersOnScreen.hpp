@@ -38,6 +38,8 @@ struct Folder {
   bool inferred = false;  ///< no window reports it; observed all the same
   bool wasInferred = false;
   gint64 expected = 0;  ///< when it was said that it will soon be shown; monotonic, in microseconds; 0 for not expected
+  gint64 awaited = 0;   ///< since when the file manager waits for its first badges; the same; 0 unless it does
+  bool came = false;    ///< they have come, or nobody waits for them any more
 
   int begun = 0;          ///< observations begun and not ended, with the extension that runs now
   bool observed = false;  ///< one of them has succeeded
@@ -112,6 +114,9 @@ class LeftFolders {
 
   /// Removes and returns the emblems of the folder at `path`; empty for a folder that is not remembered.
   Emblems take(const std::string& path);
+
+  /// True if the folder at `path` is remembered.
+  bool has(const std::string& path) const;
 
   /// Forgets the folders for which `keep` returns false.
   void keepOnly(const std::function<bool(const std::string& path)>& keep);

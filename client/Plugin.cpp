@@ -20,7 +20,9 @@ class Plugin::Impl : public ExtensionLink::Listener {
                 {options.firstRetry, options.lastRetry},
                 options.unobservedRefresh,
                 options.leaving,
-                options.expecting}),
+                options.expecting,
+                options.coming},
+               [&fileManager](const std::string& folder) { fileManager.badgesCame(folder); }),
         inferred(options.context, folders, badges, options.beforeInferring, options.inferredFor),
         menus(link, [&fileManager](const Selection& selection) { fileManager.menuChanged(selection); }) {}
 
@@ -130,6 +132,13 @@ std::string Plugin::emblem(const std::string& path, std::unique_ptr<ShownItem> i
       impl_->inferred.asked(folder);
     }
     return std::string(impl_->badges.emblem(folder, name, std::move(item)));
+  });
+}
+
+bool Plugin::areBadgesComing(const std::string& path) {
+  return guarded(false, [&] {
+    Folder* folder = impl_->folders.find(folderOf(path));
+    return folder && impl_->badges.areComing(*folder);
   });
 }
 

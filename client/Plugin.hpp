@@ -44,6 +44,9 @@ class Plugin {
     std::chrono::milliseconds leaving{1'000};
     /// How long a folder is observed that is expected and not shown.
     std::chrono::milliseconds expecting{2'000};
+    /// How long the first badges of a folder may be on their way. The extension sends them within 150 ms, though the
+    /// sync application may be silent.
+    std::chrono::milliseconds coming{250};
   };
 
   /// Does not touch the bus before the first call that needs it. `fileManager` outlives it.
@@ -74,6 +77,10 @@ class Plugin {
   /// The icon name of the emblem of the item at `path`; "" for none, or while it is unknown. The last one known where
   /// the item's folder has just come back to the screen. `item` replaces the one given for the same path before.
   std::string emblem(const std::string& path, std::unique_ptr<ShownItem> item);
+
+  /// True while the first badges of the folder that has the item at `path` are on their way to a window. A file manager
+  /// that can answer later calls emblem() after FileManager::badgesCame(), and then draws the folder's items once.
+  bool areBadgesComing(const std::string& path);
 
   /// The largest selection that is sent to the extension; the entries of a larger one are greyed.
   static constexpr std::size_t LARGEST_SELECTION = 1000;

@@ -31,6 +31,9 @@ struct GMainLoopUnref {
 struct GBytesUnref {
   void operator()(GBytes* bytes) const { g_bytes_unref(bytes); }
 };
+struct GClosureUnref {
+  void operator()(GClosure* closure) const { g_closure_unref(closure); }
+};
 struct GListFree {
   void operator()(GList* list) const { g_list_free(list); }
 };
@@ -46,6 +49,7 @@ using GVariantPtr = std::unique_ptr<GVariant, GVariantUnref>;
 using GSourcePtr = std::unique_ptr<GSource, GSourceUnref>;
 using GMainContextPtr = std::unique_ptr<GMainContext, GMainContextUnref>;
 using GMainLoopPtr = std::unique_ptr<GMainLoop, GMainLoopUnref>;
+using GClosurePtr = std::unique_ptr<GClosure, GClosureUnref>;
 using GBytesPtr = std::unique_ptr<GBytes, GBytesUnref>;
 /// Owns a list, not its elements.
 using GListPtr = std::unique_ptr<GList, GListFree>;

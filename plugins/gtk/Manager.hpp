@@ -58,5 +58,6 @@ using LocationWidgetProviderInterface = VORNET_INTERFACE(LocationWidgetProvider)
 #endif
 
 inline constexpr OperationResult COMPLETE = VORNET_CONSTANT(OPERATION_COMPLETE);
+inline constexpr OperationResult IN_PROGRESS = VORNET_CONSTANT(OPERATION_IN_PROGRESS);
 
 }  // namespace vornet::gtk::manager

@@ -62,6 +62,10 @@ void Module::menuChanged(const client::Selection& selection) {
   });
 }
 
+void Module::badgesCame(const std::string& folder) {
+  client::guarded([&] { unanswered_.answer(folder, fill); });
+}
+
 }  // namespace vornet::gtk
 
 // The plug-in's entry points.

@@ -4,7 +4,9 @@
 
 #include <memory>
 #include <optional>
+#include <string>
 
+#include "UnansweredFiles.hpp"
 #include "client/Plugin.hpp"
 
 namespace vornet::gtk {
@@ -29,6 +31,8 @@ class Module : public client::FileManager {
 
   FolderWatch& folders() { return *folders_; }
 
+  UnansweredFiles& unanswered() { return unanswered_; }
+
   /// `provider` is the object by which the file manager asks for menus.
   void setProvider(GObject* provider);
 
@@ -36,11 +40,13 @@ class Module : public client::FileManager {
   client::Menu menu(const client::Selection& selection);
 
   void menuChanged(const client::Selection& selection) override;
+  void badgesCame(const std::string& folder) override;
 
  private:
   Module();
 
   std::optional<client::Plugin> plugin_;
+  UnansweredFiles unanswered_;
   std::unique_ptr<FolderWatch> folders_;
   GWeakRef provider_;
   client::Selection menuSelection_;  ///< that of the menu that was built last
@@ -49,6 +55,9 @@ class Module : public client::FileManager {
 /// Registers the type of the object that the file manager makes, and asks for emblems and menus. The type; 0 if it
 /// cannot be registered. In Provider.cpp.
 GType registerProvider(GTypeModule* types);
+
+/// Gives `file` its emblem and the text of the column. In Provider.cpp.
+void fill(manager::FileInfo* file);
 
 /// The beginning of the names of our entries; their action follows.
 inline constexpr const char* ENTRY_NAME = "Vornet::";

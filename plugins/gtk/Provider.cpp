@@ -16,8 +16,15 @@ namespace {
 
 using namespace manager;
 
-/// The path of `file`; none when it is no local file (trash, network, recent files).
+/// The path of `file`; none when it is no local file (trash, network, recent files). Put together from its folder's and
+/// its name, because the file manager would make a URL for each file. It has no folder where it is itself one on
+/// screen.
 std::optional<std::string> pathOf(FileInfo* file) {
+  const GObjectPtr<GFile> folder(VORNET_CALL(file_info_get_parent_location)(file));
+  if (folder && g_file_is_native(folder.get())) {
+    const GCharPtr name(VORNET_CALL(file_info_get_name)(file));
+    if (const char* path = g_file_peek_path(folder.get()); path && name) return client::childPath(path, name.get());
+  }
   const GCharPtr url(VORNET_CALL(file_info_get_uri)(file));
   return client::pathOfURL(url.get());
 }
@@ -45,27 +52,36 @@ class ShownFile : public client::ShownItem {
   mutable GWeakRef file_;  // reading it takes a reference
 };
 
-std::string emblemOf(FileInfo* file) {
-  Module* module = Module::current();
-  const auto path = pathOf(file);
-  return module && path ? module->plugin().emblem(*path, std::make_unique<ShownFile>(file)) : std::string();
-}
-
 /// The column's name and that of the attribute with its text.
 constexpr const char* COLUMN = "VornetVI::sync_status";
 
-/// Always complete: a file that is left unfinished holds back all others of its folder.
-OperationResult updateFileInfo(InfoProvider*, FileInfo* file, GClosure*, OperationHandle**) {
-  return client::guarded(COMPLETE, [file] {
-    const auto emblem = emblemOf(file);
-    if (!emblem.empty()) VORNET_CALL(file_info_add_emblem)(file, emblem.c_str());
-    // Also "": without a text Nemo and Caja show "unknown".
-    VORNET_CALL(file_info_add_string_attribute)(file, COLUMN, client::labelOf(emblem));
+void fill(FileInfo* file, const std::optional<std::string>& path) {
+  Module* module = Module::current();
+  const auto emblem =
+      module && path ? module->plugin().emblem(*path, std::make_unique<ShownFile>(file)) : std::string();
+  if (!emblem.empty()) VORNET_CALL(file_info_add_emblem)(file, emblem.c_str());
+  // Also "": without a text Nemo and Caja show "unknown".
+  VORNET_CALL(file_info_add_string_attribute)(file, COLUMN, client::labelOf(emblem));
+}
+
+/// Leaves the first file of a folder unanswered while its badges are on their way. That holds back all others of the
+/// folder, so that each is drawn once, with its emblem.
+OperationResult updateFileInfo(InfoProvider* provider, FileInfo* file, GClosure* complete, OperationHandle** handle) {
+  return client::guarded(COMPLETE, [=] {
+    Module* module = Module::current();
+    const auto path = pathOf(file);
+    if (module && path && module->plugin().areBadgesComing(*path)) {
+      *handle = module->unanswered().add(provider, file, complete, std::string(client::folderOf(*path)));
+      return IN_PROGRESS;
+    }
+    fill(file, path);
     return COMPLETE;
   });
 }
 
-void cancelUpdate(InfoProvider*, OperationHandle*) {}
+void cancelUpdate(InfoProvider*, OperationHandle* handle) {
+  if (Module* module = Module::current()) module->unanswered().cancel(handle);
+}
 
 /// The list is the file manager's, which drops its reference to the column, too. The column itself stays: Nemo 6.4's
 /// library frees a column twice.
@@ -160,6 +176,10 @@ void initialise(GTypeInstance* provider, gpointer) {
 }
 
 }  // namespace
+
+void fill(FileInfo* file) {
+  fill(file, pathOf(file));
+}
 
 GType registerProvider(GTypeModule* types) {
   constexpr GTypeInfo description = {sizeof(GObjectClass), nullptr, nullptr,    nullptr, nullptr, nullptr,

@@ -31,6 +31,7 @@ class FakeFileManager : public client::FileManager {
 
   int menuChanges = 0;
   std::vector<client::Selection> changedMenus;
+  std::vector<std::string> came;  ///< folders whose first badges are awaited no longer
   int contradictions = 0;         ///< redraws whose emblem differs from the answer to a question within the call
   std::set<std::string> goneFor;  ///< items that it has freed
   std::unique_ptr<client::Plugin> plugin;
@@ -39,6 +40,8 @@ class FakeFileManager : public client::FileManager {
     ++menuChanges;
     changedMenus.push_back(selection);
   }
+
+  void badgesCame(const std::string& folder) override { came.push_back(folder); }
 
  private:
   class Item;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <optional>
 
+#include "dbus/Interface.hpp"
 #include "support/DesktopTest.hpp"
 #include "support/FakeExtension.hpp"
 #include "support/MainContext.hpp"
@@ -12,6 +13,7 @@
 namespace {
 
 using testing::ElementsAre;
+using testing::IsEmpty;
 using vornet::test::DesktopTest;
 using vornet::test::FakeExtension;
 using vornet::test::FakeFile;
@@ -68,6 +70,19 @@ class VORNET_TABS_SUITE : public DesktopTest {
     EXPECT_TRUE(becomes(*file, {SYNCED}));
     return file;
   }
+
+  /// A file with the badge SYNCED, which the extension does not send yet.
+  std::unique_ptr<FakeFile> waitingFile() {
+    fake->interfaceVersion = vornet::dbus::INTERFACE_VERSION;
+    fake->sendsSnapshots = false;
+    setBadge("file", "SYNCED");
+    window->open(url());
+    auto file = host->watchedFile(root + "/file");
+    EXPECT_TRUE(runUntil([&] { return file->isWaiting() && count("RequestSnapshot", root) == 1; }));
+    return file;
+  }
+
+  static constexpr const char* COLUMN = "VornetVI::sync_status";
 
   std::optional<FakeWindows> windows;
   std::optional<TestHost> host;
@@ -164,6 +179,45 @@ TEST_F(VORNET_TABS_SUITE, LeavesTheWindowsAloneOnceItIsUnloaded) {
   window.reset();
   EXPECT_EQ(begun(root), 1);
   EXPECT_EQ(ended(root), 0);
+}
+
+// --- First badges ---------------------------------------------------------------------------------------------------
+
+TEST_F(VORNET_TABS_SUITE, TheFirstFileOfAFolderWaitsForTheBadgesAndIsDrawnOnce) {
+  const auto file = waitingFile();
+  EXPECT_THAT(file->emblems(), IsEmpty());
+  fake->sendSnapshot(urlOf(root));
+  EXPECT_TRUE(becomes(*file, {SYNCED}));
+  EXPECT_EQ(file->text(COLUMN), "Synced");
+  EXPECT_FALSE(file->isWaiting());
+  EXPECT_EQ(file->questions(), 1);
+  EXPECT_EQ(file->otherReferences(), 0u);
+}
+
+TEST_F(VORNET_TABS_SUITE, AFileWhoseBadgeIsLateIsDrawnWithoutIt) {
+  const auto file = waitingFile();
+  EXPECT_TRUE(runUntil([&] { return !file->isWaiting(); }));
+  EXPECT_THAT(file->emblems(), IsEmpty());
+  EXPECT_EQ(file->text(COLUMN), "");
+  fake->sendSnapshot(urlOf(root));
+  EXPECT_TRUE(becomes(*file, {SYNCED}));
+}
+
+TEST_F(VORNET_TABS_SUITE, AFileThatTheFileManagerNoLongerWaitsForIsForgotten) {
+  const auto file = waitingFile();
+  file->unwatch();
+  EXPECT_EQ(file->otherReferences(), 0u);
+  fake->sendSnapshot(urlOf(root));
+  const auto other = host->watchedFile(root + "/other");
+  EXPECT_TRUE(runUntil([&] { return other->text(COLUMN) == ""; }));
+  EXPECT_THAT(file->emblems(), IsEmpty());
+}
+
+TEST_F(VORNET_TABS_SUITE, IsUnloadedWhileAFileWaits) {
+  const auto file = waitingFile();
+  host->unload();
+  EXPECT_EQ(file->otherReferences(), 0u);
+  EXPECT_TRUE(runUntil([&] { return !fake->clientIsConnected(); }));
 }
 
 // --- Coming back ----------------------------------------------------------------------------------------------------

@@ -1,10 +1,37 @@
 #include "support/gtk/FakeFile.hpp"
 
 #include <map>
+#include <utility>
+
+#include "dbus/GLibPtr.hpp"
 
 namespace vornet::test {
 
 using namespace gtk::manager;
+
+namespace {
+
+/// The path that `url` names; null for none on this machine.
+GCharPtr localPath(const std::string& url) {
+  gchar* host = nullptr;
+  GCharPtr path(g_filename_from_uri(url.c_str(), &host, nullptr));
+  return GCharPtr(host) ? nullptr : std::move(path);
+}
+
+GCharPtr nameIn(const std::string& url) {
+  const auto path = localPath(url);
+  return GCharPtr(g_path_get_basename(path ? path.get() : url.c_str()));
+}
+
+/// The folder's location: one whose files are local, or another.
+GObjectPtr<GFile> parentOf(const std::string& url) {
+  const auto path = localPath(url);
+  if (!path) return GObjectPtr<GFile>(url.empty() ? nullptr : g_file_new_for_uri("trash:///"));
+  const GObjectPtr<GFile> location(g_file_new_for_path(path.get()));
+  return GObjectPtr<GFile>(g_file_get_parent(location.get()));
+}
+
+}  // namespace
 
 struct FakeFile::Object {
   struct State {
@@ -16,6 +43,7 @@ struct FakeFile::Object {
     bool valid = false;
     bool watched = false;
     guint idle = 0;
+    OperationHandle* waiting = nullptr;  // for the plug-in's answer
   };
 
   GObject parent;
@@ -24,19 +52,29 @@ struct FakeFile::Object {
   static Object* of(gpointer file) { return static_cast<Object*>(file); }
 
   OperationResult ask() {
+    cancel();
     state->emblems.clear();
     state->attributes.clear();
     state->valid = true;
     ++state->questions;
     if (!*state->provider) return COMPLETE;
-    GClosure* closure = g_cclosure_new(G_CALLBACK(+[] {}), nullptr, nullptr);
-    g_closure_ref(closure);
-    g_closure_sink(closure);
+    const GClosurePtr closure(g_closure_ref(g_closure_new_simple(sizeof(GClosure), this)));
+    g_closure_sink(closure.get());
+    g_closure_set_marshal(closure.get(),
+                          [](GClosure* answered, GValue*, guint count, const GValue* values, gpointer, gpointer) {
+                            auto& waiting = of(answered->data)->state->waiting;
+                            if (count == 3 && waiting && g_value_get_pointer(&values[1]) == waiting) waiting = nullptr;
+                          });
     OperationHandle* handle = nullptr;
     const auto result = VORNET_CALL(info_provider_update_file_info)(*state->provider, reinterpret_cast<FileInfo*>(this),
-                                                                    closure, &handle);
-    g_closure_unref(closure);
+                                                                    closure.get(), &handle);
+    if (result == IN_PROGRESS) state->waiting = handle;
     return result;
+  }
+
+  void cancel() {
+    if (auto* handle = std::exchange(state->waiting, nullptr); handle && *state->provider)
+      VORNET_CALL(info_provider_cancel_update)(*state->provider, handle);
   }
 
   void askSoon() {
@@ -66,7 +104,8 @@ GType FakeFile::type() {
     const auto initialiseInterface = [](gpointer interface, gpointer) {
       auto* functions = static_cast<FileInfoInterface*>(interface);
       functions->get_uri = [](FileInfo* file) { return g_strdup(Object::of(file)->state->url.c_str()); };
-      functions->get_name = [](FileInfo* file) { return g_path_get_basename(Object::of(file)->state->url.c_str()); };
+      functions->get_name = [](FileInfo* file) { return nameIn(Object::of(file)->state->url).release(); };
+      functions->get_parent_location = [](FileInfo* file) { return parentOf(Object::of(file)->state->url).release(); };
       functions->get_location = [](FileInfo* file) { return g_file_new_for_uri(Object::of(file)->state->url.c_str()); };
       functions->add_emblem = [](FileInfo* file, const char* emblem) {
         Object::of(file)->state->emblems.push_back(emblem);
@@ -111,6 +150,7 @@ void FakeFile::watch() {
 
 void FakeFile::unwatch() {
   object_->state->watched = false;
+  object_->cancel();
 }
 
 OperationResult FakeFile::ask() {
@@ -125,6 +165,10 @@ std::optional<std::string> FakeFile::text(const std::string& column) const {
   const auto found = object_->state->attributes.find(column);
   if (found == object_->state->attributes.end()) return {};
   return found->second;
+}
+
+bool FakeFile::isWaiting() const {
+  return object_->state->waiting != nullptr;
 }
 
 bool FakeFile::isValid() const {

@@ -23,7 +23,7 @@ class FakeFile {
 
   /// The file manager begins to watch the file's folder: the plug-in is asked if the emblem is not known.
   void watch();
-  /// The file manager stops watching it: the present emblem is kept.
+  /// The file manager stops watching it: the present emblem is kept, and no answer awaited.
   void unwatch();
 
   /// Drops emblem and texts and asks the plug-in at once. What it returned.
@@ -33,6 +33,8 @@ class FakeFile {
   const std::vector<std::string>& emblems() const;
   /// Its text in a column; none when the plug-in gave none, which Nemo and Caja show as "unknown".
   std::optional<std::string> text(const std::string& column) const;
+  /// True if the plug-in has not answered the last question yet.
+  bool isWaiting() const;
   /// True if it has not been invalidated since.
   bool isValid() const;
   /// How often the plug-in was asked.
