@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <thread>
+#include <latch>
 
 #include "logging/XCGLogger.hpp"
 #include "support/Environment.hpp"
@@ -28,29 +28,20 @@ TEST_F(DateFormatterCacheTest, WritesYearToMillisecond) {
 }
 
 TEST_F(DateFormatterCacheTest, GivesTheSameFormatterWithinAThread) {
-  DateFormatter* const first = dateFormatterOfThread();
-  EXPECT_EQ(dateFormatterOfThread(), first);
-  EXPECT_EQ(XCGLogger().dateFormatter(), first);
+  EXPECT_EQ(dateFormatterOfThread(), dateFormatterOfThread());
+  EXPECT_EQ(XCGLogger().dateFormatter(), dateFormatterOfThread());
 }
 
 TEST_F(DateFormatterCacheTest, GivesEachThreadItsOwn) {
   DateFormatter* const mine = dateFormatterOfThread();
   DateFormatter* others[2] = {};
-  test::Gate bothMade;
-  test::Gate end;
-  std::thread threads[2];
-  for (int i = 0; i < 2; ++i) {
-    threads[i] = std::thread([&, i] {
-      others[i] = dateFormatterOfThread();
-      EXPECT_EQ(others[i]->stringFromDate(DATE), "2016-03-01 14:05:09.123");
-      EXPECT_EQ(dateFormatterOfThread(), others[i]);
-      bothMade.open();
-      end.pass();  // alive until both were made, so that no address serves twice
-    });
-  }
-  bothMade.pass(2);
-  end.open();
-  for (auto& thread : threads) thread.join();
+  std::latch bothMade(2);
+  test::inParallel(2, [&](std::size_t i) {
+    others[i] = dateFormatterOfThread();
+    EXPECT_EQ(others[i]->stringFromDate(DATE), "2016-03-01 14:05:09.123");
+    EXPECT_EQ(dateFormatterOfThread(), others[i]);
+    bothMade.arrive_and_wait();  // alive until both were made, so that no address serves twice
+  });
   EXPECT_NE(others[0], mine);
   EXPECT_NE(others[1], mine);
   EXPECT_NE(others[0], others[1]);

@@ -11,9 +11,10 @@
 #include <array>
 #include <csignal>
 #include <filesystem>
-#include <map>
+#include <span>
 #include <sstream>
 #include <thread>
+#include <tuple>
 
 #include "support/CapturedOutput.hpp"
 #include "support/ChildProcess.hpp"
@@ -28,6 +29,8 @@ using platform::FileURL;
 using test::consoleOutputOf;
 using test::readFile;
 using test::withoutDates;
+using testing::_;
+using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 
@@ -43,9 +46,9 @@ XCGLogDetails record(LogLevel level = LogLevel::Info) {
           .lineNumber = 34};
 }
 
-/// The function name under which a thread logs.
-std::string functionOf(std::size_t thread) {
-  return std::string("t").append(std::to_string(thread));
+/// What a destination writes, after the date, of info(message, function, "F", line).
+std::string infoLine(std::size_t line, const std::string& message, const std::string& function = "f") {
+  return "[Info] [F:" + std::to_string(line) + "] " + function + ": " + message + "\n";
 }
 
 std::vector<std::string> linesOf(const std::string& text) {
@@ -54,6 +57,49 @@ std::vector<std::string> linesOf(const std::string& text) {
   for (std::string line; std::getline(stream, line);) lines.push_back(line);
   return lines;
 }
+
+constexpr std::size_t THREADS = 8;
+constexpr std::size_t LINES = 400;
+
+/// Lets threads log at once, each LINES lines through one of `loggers`: x's, by `width` more than the thread before it,
+/// and a bar as their end.
+void logFromManyThreads(std::span<XCGLogger> loggers, std::size_t width) {
+  test::inParallel(THREADS, [&](std::size_t thread) {
+    for (std::size_t line = 0; line < LINES; ++line)
+      loggers[thread % loggers.size()].info(std::string(thread * width, 'x') + "|", std::to_string(thread), "F",
+                                            static_cast<std::int64_t>(line));
+  });
+}
+
+void expectWholeLinesInEachThreadsOrder(const std::string& text, std::size_t width) {
+  std::array<std::size_t, THREADS> next{};
+  const auto lines = linesOf(withoutDates(text));
+  ASSERT_EQ(lines.size(), THREADS * LINES);
+  for (const auto& line : lines) {
+    const std::size_t thread = static_cast<std::size_t>(line.at(line.find(": ") - 1) - '0');
+    ASSERT_LT(thread, THREADS) << line;
+    EXPECT_EQ(line + "\n", infoLine(next[thread]++, std::string(thread * width, 'x') + "|", std::to_string(thread)));
+  }
+}
+
+// --- Source files
+
+TEST(SourceFile, LosesItsExtension) {
+  const std::pair<const char*, const char*> cases[] = {{"src/logging/Logging.cpp", "src/logging/Logging"},
+                                                       {"Logging.cpp", "Logging"},
+                                                       {"src/Logging.test.cpp", "src/Logging.test"},
+                                                       {"src/Logging", "src/Logging"},
+                                                       {"src.d/Logging", "src.d/Logging"},
+                                                       {"", ""},
+                                                       {"src/.hidden", "src/.hidden"},
+                                                       {".hidden", ".hidden"}};
+  for (const auto& [file, shown] : cases) EXPECT_EQ(sourceFile(file), shown);
+}
+
+// --- Both destinations
+
+/// Whether level, file name and line number are shown.
+using Flags = std::array<bool, 3>;
 
 /// Both kinds of destination, and what each writes.
 class BothDestinations : public testing::TestWithParam<const char*> {
@@ -66,10 +112,18 @@ class BothDestinations : public testing::TestWithParam<const char*> {
       destination = std::make_shared<XCGFileLogDestination>(logger, path, "d");
   }
 
-  void show(bool level, bool file, bool line) {
-    destination->setShowLogLevel(level);
-    destination->setShowFileName(file);
-    destination->setShowLineNumber(line);
+  void show(const Flags& shown) {
+    destination->setShowLogLevel(shown[0]);
+    destination->setShowFileName(shown[1]);
+    destination->setShowLineNumber(shown[2]);
+  }
+
+  /// The destination's description of itself with this level and these flags.
+  static std::string described(const std::string& level, const Flags& shown) {
+    const auto text = [](bool flag) { return flag ? "true" : "false"; };
+    return "XCG" + std::string(GetParam()) + "LogDestination: d - LogLevel: " + level +
+           " showLogLevel: " + text(shown[0]) + " showFileName: " + text(shown[1]) +
+           " showLineNumber: " + text(shown[2]);
   }
 
   std::string outputOf(const std::function<void()>& work) const {
@@ -96,11 +150,7 @@ INSTANTIATE_TEST_SUITE_P(, BothDestinations, testing::Values("Console", "File"),
 
 TEST_P(BothDestinations, BeginAtDebugWithAllFlags) {
   EXPECT_EQ(&destination->owner(), &logger);
-  EXPECT_EQ(destination->identifier(), "d");
-  EXPECT_EQ(destination->outputLogLevel(), LogLevel::Debug);
-  EXPECT_TRUE(destination->showLogLevel());
-  EXPECT_TRUE(destination->showFileName());
-  EXPECT_TRUE(destination->showLineNumber());
+  EXPECT_EQ(destination->debugDescription(), described("Debug", {true, true, true}));
 }
 
 TEST_P(BothDestinations, CanBeGivenAnotherOwnerAndIdentifier) {
@@ -120,81 +170,51 @@ TEST_P(BothDestinations, AreEnabledForLevelsThatAreAtLeastTheirOwn) {
   }
 }
 
-TEST_P(BothDestinations, WriteACallersLineForEachCombinationOfFlags) {
-  const std::string date = "2016-03-01 14:05:09.123 ";
-  const std::string end = "function: the message\n";
-  const std::pair<std::array<bool, 3>, std::string> cases[] = {{{true, true, true}, "[Info] [Logging:34] "},
-                                                               {{true, true, false}, "[Info] [Logging] "},
-                                                               {{true, false, true}, "[Info] [34] "},
-                                                               {{true, false, false}, "[Info] "},
-                                                               {{false, true, true}, "[Logging:34] "},
-                                                               {{false, true, false}, "[Logging] "},
-                                                               {{false, false, true}, "[34] "},
-                                                               {{false, false, false}, ""}};
-  for (const auto& [shown, text] : cases) {
-    show(shown[0], shown[1], shown[2]);
-    EXPECT_EQ(lineOf(record()), date + text + end);
-  }
-}
-
-TEST_P(BothDestinations, WriteAnInternalLineWithTheLevelAlone) {
-  const std::string date = "2016-03-01 14:05:09.123 ";
-  for (const bool file : {true, false}) {
-    for (const bool line : {true, false}) {
-      show(true, file, line);
-      EXPECT_EQ(internalLineOf(record()), date + "[Info] : the message\n");
-      show(false, file, line);
-      EXPECT_EQ(internalLineOf(record()), date + ": the message\n");
-    }
+TEST_P(BothDestinations, WriteACallersLineWithWhatTheFlagsShowAndAnInternalLineWithTheLevelAlone) {
+  const std::tuple<const char*, Flags, const char*, std::int64_t, const char*> cases[] = {
+      {"all", {true, true, true}, "src/logging/Logging", 34, "[Info] [Logging:34] "},
+      {"no line number", {true, true, false}, "src/logging/Logging", 34, "[Info] [Logging] "},
+      {"no file name", {true, false, true}, "src/logging/Logging", 34, "[Info] [34] "},
+      {"level alone", {true, false, false}, "src/logging/Logging", 34, "[Info] "},
+      {"no level", {false, true, true}, "src/logging/Logging", 34, "[Logging:34] "},
+      {"file name alone", {false, true, false}, "src/logging/Logging", 34, "[Logging] "},
+      {"line number alone", {false, false, true}, "src/logging/Logging", 34, "[34] "},
+      {"nothing", {false, false, false}, "src/logging/Logging", 34, ""},
+      {"empty file name with line number", {false, true, true}, "", 0, "[:0] "},
+      {"empty file name alone", {false, true, false}, "", 0, "[] "},
+      {"empty file name that is not shown", {true, false, true}, "", 0, "[Info] [0] "},
+      {"file name with extension", {false, true, false}, "/a/b/File.cpp", 34, "[File.cpp] "},
+      {"file name without folder", {false, true, false}, "File", 34, "[File] "},
+      {"file name with spaces", {false, true, false}, "a b/c d", 34, "[c d] "},
+      {"file name in the root folder", {false, true, false}, "/File", 34, "[File] "},
+      {"negative line number", {false, false, true}, "src/logging/Logging", -1, "[-1] "},
+      {"line number 0", {false, false, true}, "src/logging/Logging", 0, "[0] "},
+      {"greatest line number", {false, false, true}, "src/logging/Logging", INT64_MAX, "[9223372036854775807] "},
+      {"least line number", {false, false, true}, "src/logging/Logging", INT64_MIN, "[-9223372036854775808] "}};
+  for (const auto& [name, shown, file, line, text] : cases) {
+    auto details = record();
+    details.fileName = file;
+    details.lineNumber = line;
+    show(shown);
+    const std::string date = "2016-03-01 14:05:09.123 ";
+    EXPECT_EQ(lineOf(details), date + text + "function: the message\n") << name;
+    EXPECT_EQ(internalLineOf(details), date + (shown[0] ? "[Info] " : "") + ": the message\n") << name;
   }
 }
 
 TEST_P(BothDestinations, NameEachLevel) {
-  show(true, false, false);
-  constexpr std::array names = {"[Verbose] ", "[Debug] ", "[Info] ", "[Warning] ", "[Error] ", "[Severe] "};
+  show({true, false, false});
   for (int level = 0; level <= 5; ++level) {
-    const std::string name = names[static_cast<std::size_t>(level)];
     const auto details = record(*logLevelWithRawValue(level));
+    const auto name = "[" + std::string(description(details.logLevel)) + "] ";
     EXPECT_EQ(withoutDates(lineOf(details)), name + "function: the message\n");
     EXPECT_EQ(withoutDates(internalLineOf(details)), name + ": the message\n");
   }
 }
 
-TEST_P(BothDestinations, ShowEmptyBracketsForAnEmptyFileName) {
-  auto details = record();
-  details.fileName.clear();
-  details.lineNumber = 0;
-  show(false, true, true);
-  EXPECT_EQ(withoutDates(lineOf(details)), "[:0] function: the message\n");
-  show(false, true, false);
-  EXPECT_EQ(withoutDates(lineOf(details)), "[] function: the message\n");
-  show(true, false, true);
-  EXPECT_EQ(withoutDates(lineOf(details)), "[Info] [0] function: the message\n");
-}
-
-TEST_P(BothDestinations, ShowTheLastPathComponentOfTheFileName) {
-  auto details = record();
-  show(false, true, false);
-  const std::pair<const char*, const char*> cases[] = {
-      {"/a/b/File.cpp", "[File.cpp] "}, {"File", "[File] "}, {"a b/c d", "[c d] "}, {"/File", "[File] "}};
-  for (const auto& [name, shown] : cases) {
-    details.fileName = name;
-    EXPECT_EQ(withoutDates(lineOf(details)), std::string(shown) + "function: the message\n");
-  }
-}
-
-TEST_P(BothDestinations, ShowLinesOfEverySize) {
-  auto details = record();
-  show(false, false, true);
-  for (const std::int64_t line : {std::int64_t{-1}, std::int64_t{0}, INT64_MAX, INT64_MIN}) {
-    details.lineNumber = line;
-    EXPECT_EQ(withoutDates(lineOf(details)), "[" + std::to_string(line) + "] function: the message\n");
-  }
-}
-
 TEST_P(BothDestinations, KeepTextAsItIs) {
   auto details = record();
-  show(false, false, false);
+  show({false, false, false});
   for (const std::string& message :
        {std::string(), std::string("two\nlines"), std::string("100 %s %n"), std::string("Ünïcode 日本 🙂"),
         std::string("a\0b", 3), std::string(1 << 20, 'x')}) {
@@ -207,19 +227,12 @@ TEST_P(BothDestinations, KeepTextAsItIs) {
 }
 
 TEST_P(BothDestinations, DescribeThemselvesWithLevelAndFlags) {
-  const std::string kind = "XCG" + std::string(GetParam()) + "LogDestination: ";
-  EXPECT_EQ(destination->debugDescription(),
-            kind + "d - LogLevel: Debug showLogLevel: true showFileName: true showLineNumber: true");
   destination->setOutputLogLevel(LogLevel::None);
-  show(false, true, true);
-  EXPECT_EQ(destination->debugDescription(),
-            kind + "d - LogLevel: None showLogLevel: false showFileName: true showLineNumber: true");
-  show(true, false, true);
-  EXPECT_EQ(destination->debugDescription(),
-            kind + "d - LogLevel: None showLogLevel: true showFileName: false showLineNumber: true");
-  show(true, true, false);
-  EXPECT_EQ(destination->debugDescription(),
-            kind + "d - LogLevel: None showLogLevel: true showFileName: true showLineNumber: false");
+  for (const Flags shown : {Flags{false, true, true}, Flags{true, false, true}, Flags{true, true, false}}) {
+    show(shown);
+    EXPECT_EQ(destination->debugDescription(), described("None", shown));
+    EXPECT_EQ((Flags{destination->showLogLevel(), destination->showFileName(), destination->showLineNumber()}), shown);
+  }
 }
 
 TEST_P(BothDestinations, UseTheLoggersFormatterOfTheThread) {
@@ -229,7 +242,7 @@ TEST_P(BothDestinations, UseTheLoggersFormatterOfTheThread) {
 
 TEST_P(BothDestinations, WriteDatesInTheCurrentLocale) {
   const test::ScopedVariable arabic("LC_ALL", "ar_EG.UTF-8");
-  show(false, false, false);
+  show({false, false, false});
   EXPECT_EQ(lineOf(record()), "٢٠١٦-٠٣-٠١ ١٤:٠٥:٠٩.١٢٣ function: the message\n");
   const test::ScopedVariable thai("LC_ALL", "th_TH.UTF-8");
   EXPECT_EQ(lineOf(record()), "2559-03-01 14:05:09.123 function: the message\n");
@@ -246,25 +259,6 @@ TEST_P(BothDestinations, IgnoreInfoAndApplicationDetailsAtWarning) {
             }),
             "");
   EXPECT_EQ(withoutDates(outputOf([&] { logger.warning("m", "f", "F", 1); })), "[Warning] [F:1] f: m\n");
-}
-
-// --- Without a formatter
-
-template <class Destination>
-class WithoutFormatter : public Destination {
- public:
-  using Destination::Destination;
-  platform::DateFormatter* dateFormatter() const override { return nullptr; }
-};
-
-TEST(DestinationWithoutFormatter, WritesTheDatesOwnDescription) {
-  const test::Environment environment;
-  XCGLogger logger;
-  WithoutFormatter<XCGConsoleLogDestination> console(logger, "c");
-  EXPECT_EQ(consoleOutputOf([&] { console.processLogDetails(record()); }),
-            "2016-03-01 14:05:09 +0000 [Info] [Logging:34] function: the message\n");
-  EXPECT_EQ(consoleOutputOf([&] { console.processInternalLogDetails(record()); }),
-            "2016-03-01 14:05:09 +0000 [Info] : the message\n");
 }
 
 // --- The console
@@ -319,11 +313,10 @@ class SmallPipe {
     return {part, static_cast<std::size_t>(std::max<ssize_t>(count, 0))};
   }
 
-  /// All up to `lines` lines.
-  std::string readLines(std::ptrdiff_t lines) const {
+  /// All up to the text `last`.
+  std::string readTo(std::string_view last) const {
     std::string text;
-    for (std::string part; std::count(text.begin(), text.end(), '\n') < lines && !(part = read()).empty();)
-      text += part;
+    for (std::string part; text.find(last) == std::string::npos && !(part = read()).empty();) text += part;
     return text;
   }
 
@@ -332,82 +325,58 @@ class SmallPipe {
   int room_ = 0;
 };
 
-TEST(ConsoleDestination, KeepsTheOrderOfAllLoggersAndThreads) {
-  const test::Environment environment;
-  XCGLogger a;
-  XCGLogger b;
+class ConsoleDestination : public testing::Test {
+ protected:
+  test::Environment environment;
+  XCGLogger logger;
+};
+
+class ConsoleWithoutFormatter : public XCGConsoleLogDestination {
+ public:
+  using XCGConsoleLogDestination::XCGConsoleLogDestination;
+  platform::DateFormatter* dateFormatter() const override { return nullptr; }
+};
+
+TEST_F(ConsoleDestination, WritesTheDatesOwnDescriptionWithoutAFormatter) {
+  ConsoleWithoutFormatter console(logger, "c");
+  EXPECT_EQ(consoleOutputOf([&] { console.processLogDetails(record()); }),
+            "2016-03-01 14:05:09 +0000 [Info] [Logging:34] function: the message\n");
+  EXPECT_EQ(consoleOutputOf([&] { console.processInternalLogDetails(record()); }),
+            "2016-03-01 14:05:09 +0000 [Info] : the message\n");
+}
+
+TEST_F(ConsoleDestination, KeepsTheOrderOfAllLoggersAndThreads) {
+  XCGLogger other;
   std::string expected;
   const auto text = consoleOutputOf([&] {
-    for (int i = 0; i < 200; ++i) {
-      XCGLogger& logger = i % 2 ? a : b;
+    for (std::size_t i = 0; i < 200; ++i) {
       // Each line is queued by another thread, after the thread of the line before has ended.
-      std::thread([&] { logger.info(std::to_string(i), "f", "F", 1); }).join();
-      expected += "[Info] [F:1] f: " + std::to_string(i) + "\n";
+      std::thread([&] { (i % 2 ? logger : other).info(std::to_string(i), "f", "F", 1); }).join();
+      expected += infoLine(1, std::to_string(i));
     }
   });
   EXPECT_EQ(withoutDates(text), expected);
 }
 
-TEST(ConsoleDestination, KeepsLinesWholeAndEachThreadsOrderWhenManyLogAtOnce) {
-  const test::Environment environment;
-  constexpr std::size_t THREADS = 8;
-  constexpr std::size_t LINES = 300;
+TEST_F(ConsoleDestination, KeepsLinesWholeAndEachThreadsOrderWhenManyLogAtOnce) {
   std::array<XCGLogger, 2> loggers;
-  const auto text = consoleOutputOf([&] {
-    test::inParallel(THREADS, [&](std::size_t thread) {
-      const auto message = std::string(thread * 20, 'x') + "|";
-      for (std::int64_t line = 0; line < std::int64_t{LINES}; ++line)
-        loggers[thread % 2].info(message, functionOf(thread), "F", line);
-    });
-  });
-  std::array<std::size_t, THREADS> next{};
-  const auto lines = linesOf(withoutDates(text));
-  ASSERT_EQ(lines.size(), THREADS * LINES);
-  for (const auto& line : lines) {
-    const std::size_t thread = static_cast<std::size_t>(line.at(line.find("] t") + 3) - '0');
-    ASSERT_LT(thread, THREADS) << line;
-    EXPECT_EQ(line, "[Info] [F:" + std::to_string(next[thread]++) + "] " + functionOf(thread) + ": " +
-                        std::string(thread * 20, 'x') + "|");
-  }
+  expectWholeLinesInEachThreadsOrder(consoleOutputOf([&] { logFromManyThreads(loggers, 20); }), 20);
 }
 
-TEST(ConsoleDestination, LetsNoCallerWaitForAFullPipe) {
-  const test::Environment environment;
-  constexpr int LINES = 64;
+TEST_F(ConsoleDestination, LetsNoCallerWaitAndDropsAndCountsLinesWhileNobodyReads) {
+  constexpr std::size_t COUNT = 3000;
+  const std::string message(1000, 'x');
   const SmallPipe pipe;
-  XCGLogger logger;
-  std::string text;
-  {
-    const RedirectedOutput redirected(pipe.input());
-    // Nobody reads yet: a caller that wrote would wait here for ever.
-    for (int i = 0; i < LINES; ++i) logger.info(std::string(4000, 'x'), "f", "F", i);
-    text = pipe.readLines(LINES);
-  }
-  std::string expected;
-  for (int i = 0; i < LINES; ++i)
-    expected += "[Info] [F:" + std::to_string(i) + "] f: " + std::string(4000, 'x') + "\n";
-  EXPECT_TRUE(withoutDates(text) == expected);
-}
-
-TEST(ConsoleDestination, DropsLinesAndCountsThemWhileNobodyReads) {
-  const test::Environment environment;
-  constexpr std::size_t LINES = 3000;
-  constexpr std::size_t LENGTH = 1000;
-  const SmallPipe pipe;
-  const auto room = pipe.room();
-  XCGLogger logger;
+  const std::string tooLong(2 * pipe.room(), 'o');
   std::string text;
   {
     const RedirectedOutput redirected(pipe.input());
     // The writer is stuck in this line before the others come, so that none of them finds room that others have left.
-    logger.info(std::string(2 * room, 'o'), "f", "F", 1);
+    logger.info(tooLong, "f", "F", 1);
     pipe.waitUntilFull();
-    for (std::size_t i = 0; i < LINES; ++i)
-      logger.info(std::string(LENGTH, 'x'), "f", "F", static_cast<std::int64_t>(i));
-    std::thread reader([&] {
-      for (std::string part; text.find("the second\n") == std::string::npos && !(part = pipe.read()).empty();)
-        text += part;
-    });
+    // Nobody reads yet: a caller that wrote would wait here for ever.
+    for (std::size_t i = 0; i < COUNT; ++i) logger.info(message, "f", "F", static_cast<std::int64_t>(i));
+    std::thread reader([&] { text = pipe.readTo("the second\n"); });
     XCGLogger::logQueue().drain();
     logger.info("the first that finds room", "f", "F", 1);
     logger.info("the second", "f", "F", 1);
@@ -415,28 +384,22 @@ TEST(ConsoleDestination, DropsLinesAndCountsThemWhileNobodyReads) {
   }
 
   // Oldest first, none missing in between; then the count of the others.
-  auto lines = linesOf(withoutDates(text));
-  ASSERT_EQ(lines.front(), "[Info] [F:1] f: " + std::string(2 * room, 'o'));
-  lines.erase(lines.begin());
-  ASSERT_GT(lines.size(), 500u);
-  const std::size_t written = lines.size() - 3;
-  for (std::size_t i = 0; i < written; ++i)
-    ASSERT_EQ(lines[i], "[Info] [F:" + std::to_string(i) + "] f: " + std::string(LENGTH, 'x'));
-  EXPECT_EQ(lines[written],
-            "[Warning] : Lines dropped because nobody read the output: " + std::to_string(LINES - written));
-  EXPECT_EQ(lines[written + 1], "[Info] [F:1] f: the first that finds room");
-  EXPECT_EQ(lines[written + 2], "[Info] [F:1] f: the second");
-  EXPECT_LE(text.size(), XCGConsoleLogDestination::MAX_WAITING_BYTES + 2 * room + 4 * LENGTH);
+  const auto lines = static_cast<std::size_t>(std::count(text.begin(), text.end(), '\n'));
+  ASSERT_GT(lines, 501u);
+  const std::size_t written = lines - 4;
+  std::string expected = infoLine(1, tooLong);
+  for (std::size_t i = 0; i < written; ++i) expected += infoLine(i, message);
+  expected += "[Warning] : Lines dropped because nobody read the output: " + std::to_string(COUNT - written) + "\n";
+  expected += infoLine(1, "the first that finds room") + infoLine(1, "the second");
+  EXPECT_TRUE(withoutDates(text) == expected) << text.substr(text.size() - 400);
+  EXPECT_LE(text.size(), XCGConsoleLogDestination::MAX_WAITING_BYTES + tooLong.size() + 4 * message.size());
 }
 
-TEST(ConsoleDestination, BeginsALineAfterOneThatAFullDiskCut) {
-  const test::Environment environment;
-  const test::ScopedVariable zone("TZ", "UTC");
+TEST_F(ConsoleDestination, BeginsALineAfterOneThatAFullDiskCut) {
   const std::string path = environment.folder() / "console";
   const auto action = std::signal(SIGXFSZ, SIG_IGN);
   rlimit limit{};
   ::getrlimit(RLIMIT_FSIZE, &limit);
-  XCGLogger logger;
   {
     const RedirectedOutput redirected(::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600));
     const rlimit full{10, limit.rlim_max};
@@ -449,13 +412,16 @@ TEST(ConsoleDestination, BeginsALineAfterOneThatAFullDiskCut) {
   std::signal(SIGXFSZ, action);
   const auto text = readFile(path);
   EXPECT_EQ(text.substr(10, 1), "\n") << text;
-  EXPECT_EQ(withoutDates(text.substr(11)), "[Info] [F:2] f: whole\n");
+  EXPECT_EQ(withoutDates(text.substr(11)), infoLine(2, "whole"));
 }
 
 // --- The file
 
 class FileDestination : public testing::Test {
  protected:
+  /// A logger whose destinations are only those that the test attaches.
+  void SetUp() override { logger.setLogDestinations({}); }
+
   /// Makes the descriptor by which this process has `path` open one of `other`'s file; closes `other`.
   static void putInPlaceOfOpenFile(const std::string& path, int other) {
     for (const auto& entry : fs::directory_iterator("/proc/self/fd")) {
@@ -469,95 +435,66 @@ class FileDestination : public testing::Test {
     logger.addLogDestination(destination);
     return destination;
   }
+  /// What the logger's console, its only destination before `work`, shows of that.
+  std::string consoleTextOf(const std::function<void()>& work) {
+    logger.setLogDestinations({std::make_shared<XCGConsoleLogDestination>(logger, "console")});
+    return withoutDates(consoleOutputOf(work));
+  }
 
   test::Environment environment;
-  test::ScopedVariable zone{"TZ", "UTC"};
   const std::string path = environment.folder() / "d.log";
   XCGLogger logger;
 };
 
 TEST_F(FileDestination, OpensAtOnceReportsToTheOthersAndWritesTheApplicationDetailsToItself) {
-  std::shared_ptr<XCGFileLogDestination> file;
-  const auto text = consoleOutputOf([&] { file = open(path); });
-  EXPECT_EQ(withoutDates(text), "[Info] : XCGLogger writing to log to: file://" + path + "\n");
+  EXPECT_EQ(consoleTextOf([&] { open(path); }), "[Info] : XCGLogger writing to log to: file://" + path + "\n");
   EXPECT_EQ(withoutDates(readFile(path)), "[Info] : " + platform::processName() +
                                               " Version: 1.0.0 Build: 1 PID: " + std::to_string(::getpid()) +
                                               "\n[Info] : XCGLogger Version: 1.8.1 - LogLevel: Debug\n");
 }
 
 TEST_F(FileDestination, TakesAPathOrAURL) {
-  consoleOutputOf([&] {
-    const auto byPath = open(path);
-    EXPECT_EQ(byPath->writeToFileURL(), FileURL::fileURLWithPath(path));
-    const auto url = FileURL::fileURLWithPath(environment.folder() / "e.log");
-    const auto byURL = open(url);
-    EXPECT_EQ(byURL->writeToFileURL(), url);
-  });
-  EXPECT_TRUE(fs::exists(environment.folder() / "e.log"));
+  const auto byURL = environment.folder() / "e.log";
+  EXPECT_EQ(open(path)->writeToFileURL(), FileURL::fileURLWithPath(path));
+  EXPECT_EQ(open(FileURL::fileURLWithPath(byURL))->writeToFileURL(), FileURL::fileURLWithPath(byURL));
+  EXPECT_TRUE(fs::exists(byURL));
 }
 
 TEST_F(FileDestination, DescribesItsFileByTheURLsText) {
   const auto strange = environment.folder() / "a b#?%ü.log";
-  const auto text = consoleOutputOf([&] { open(strange); });
-  EXPECT_EQ(withoutDates(text), "[Info] : XCGLogger writing to log to: file://" + environment.folder().path().string() +
-                                    "/a%20b%23%3F%25%C3%BC.log\n");
+  EXPECT_EQ(consoleTextOf([&] { open(strange); }), "[Info] : XCGLogger writing to log to: file://" +
+                                                       environment.folder().path().string() +
+                                                       "/a%20b%23%3F%25%C3%BC.log\n");
   EXPECT_TRUE(fs::exists(strange));
 }
 
-TEST_F(FileDestination, LeavesOnlyTheNewLinesInAnExistingFile) {
-  test::writeFile(path, std::string(100000, 'x') + "\nold\n");
-  consoleOutputOf([&] { open(path); });
-  const auto lines = linesOf(readFile(path));
-  ASSERT_EQ(lines.size(), 2u);
-  EXPECT_THAT(lines[0], HasSubstr("[Info] : " + platform::processName()));
-}
-
 TEST_F(FileDestination, WritesEachLineAtOnceOnTheCallersThread) {
-  consoleOutputOf([&] {
-    const auto file = open(path);
-    for (int i = 0; i < 20; ++i) {
-      logger.info(std::to_string(i), "f", "F", 1);
-      // No wait between the call and the look into the file.
-      EXPECT_THAT(readFile(path), EndsWith(" [Info] [F:1] f: " + std::to_string(i) + "\n"));
-    }
-  });
+  const auto file = open(path);
+  for (int i = 0; i < 20; ++i) {
+    logger.info(std::to_string(i), "f", "F", 1);
+    // No wait between the call and the look into the file.
+    EXPECT_THAT(readFile(path), EndsWith(" " + infoLine(1, std::to_string(i))));
+  }
 }
 
-TEST_F(FileDestination, KeepsLinesWholeWhenManyThreadsLog) {
-  constexpr std::size_t THREADS = 8;
-  constexpr std::size_t LINES = 400;
-  logger.setLogDestinations({});
+TEST_F(FileDestination, KeepsLinesWholeAndEachThreadsOrderWhenManyLogAtOnce) {
   open(path);
-  test::inParallel(THREADS, [&](std::size_t thread) {
-    for (std::size_t line = 0; line < LINES; ++line)
-      logger.info(std::string(thread * 200, 'x') + "|", functionOf(thread), "F", static_cast<std::int64_t>(line));
-  });
-
-  std::multiset<std::string> expected;
-  for (std::size_t thread = 0; thread < THREADS; ++thread) {
-    for (std::size_t line = 0; line < LINES; ++line) {
-      expected.insert("[Info] [F:" + std::to_string(line) + "] " + functionOf(thread) + ": " +
-                      std::string(thread * 200, 'x') + "|");
-    }
-  }
-  const auto lines = linesOf(withoutDates(readFile(path)));
-  ASSERT_GE(lines.size(), 2u);
-  const std::multiset<std::string> written(lines.begin() + 2, lines.end());
-  EXPECT_TRUE(written == expected) << written.size();
+  const auto before = readFile(path);
+  logFromManyThreads({&logger, 1}, 200);
+  expectWholeLinesInEachThreadsOrder(readFile(path).substr(before.size()), 200);
 }
 
 TEST_F(FileDestination, WritesEachLineByOneWrite) {
   // In a pipe with room for less than two lines, each read gives what one write gave: a line in two parts would show.
-  logger.setLogDestinations({});
   open(path);
   const SmallPipe pipe;
   putInPlaceOfOpenFile(path, pipe.input());
 
-  constexpr int LINES = 200;
+  constexpr int COUNT = 200;
   std::thread writer([&] {
-    for (int i = 0; i < LINES; ++i) logger.info(std::string(3000, 'x'), "f", "F", i);
+    for (int i = 0; i < COUNT; ++i) logger.info(std::string(3000, 'x'), "f", "F", i);
   });
-  for (int i = 0; i < LINES;) {
+  for (int i = 0; i < COUNT;) {
     const auto part = pipe.read();
     EXPECT_THAT(part, EndsWith("\n"));
     if (part.empty()) break;
@@ -567,17 +504,15 @@ TEST_F(FileDestination, WritesEachLineByOneWrite) {
 }
 
 TEST_F(FileDestination, DropsALineThatIsNotUTF8) {
-  consoleOutputOf([&] {
-    open(path);
-    const auto before = readFile(path);
-    logger.info("bad \xFF", "f", "F", 1);
-    logger.info("bad \xC3", "f", "F", 1);
-    logger.info("m", "f", "bad \xED\xA0\x80", 1);
-    logger._logln("bad \xC0\x80", LogLevel::Info);
-    EXPECT_EQ(readFile(path), before);
-    logger.info("good", "f", "F", 1);
-    EXPECT_THAT(readFile(path), EndsWith("f: good\n"));
-  });
+  open(path);
+  const auto before = readFile(path);
+  logger.info("bad \xFF", "f", "F", 1);
+  logger.info("bad \xC3", "f", "F", 1);
+  logger.info("m", "f", "bad \xED\xA0\x80", 1);
+  logger._logln("bad \xC0\x80", LogLevel::Info);
+  EXPECT_EQ(readFile(path), before);
+  logger.info("good", "f", "F", 1);
+  EXPECT_THAT(readFile(path), EndsWith("f: good\n"));
 }
 
 TEST_F(FileDestination, ReportsThatAFileCannotBeOpenedAndDropsItsLines) {
@@ -588,15 +523,13 @@ TEST_F(FileDestination, ReportsThatAFileCannotBeOpenedAndDropsItsLines) {
       {environment.folder() / "missing/d.log", "No such file or directory"},
       {environment.folder() / std::string(300, 'x'), "File name too long"}};
   for (const auto& [target, description] : cases) {
-    logger.removeLogDestination("file");
-    const auto text = consoleOutputOf([this, &given = target] {
+    const auto text = consoleTextOf([this, &given = target] {
       const auto file = open(given);
       file->processLogDetails(record());
       file->processInternalLogDetails(record());
       logger.logAppDetails(file.get());
     });
-    EXPECT_EQ(withoutDates(text),
-              "[Error] : Attempt to open log file for writing failed: Optional(\"" + description + "\")\n");
+    EXPECT_EQ(text, "[Error] : Attempt to open log file for writing failed: Optional(\"" + description + "\")\n");
     EXPECT_NE(logger.logDestination("file"), nullptr);
   }
   EXPECT_TRUE(fs::is_empty(folder));
@@ -604,103 +537,93 @@ TEST_F(FileDestination, ReportsThatAFileCannotBeOpenedAndDropsItsLines) {
 
 TEST_F(FileDestination, DoesNotTryAFailedFileAgain) {
   const std::string folder = environment.folder() / "later";
-  consoleOutputOf([&] {
-    open(folder + "/d.log");
-    fs::create_directories(folder);
-    logger.error("m", "f", "F", 1);
-  });
+  open(folder + "/d.log");
+  fs::create_directories(folder);
+  logger.error("m", "f", "F", 1);
   EXPECT_TRUE(fs::is_empty(folder));
 }
 
 TEST_F(FileDestination, SaysNothingAndOpensNothingWithoutAPath) {
-  EXPECT_EQ(consoleOutputOf([&] {
-              const auto file = open(FileURL());
+  std::shared_ptr<XCGFileLogDestination> file;
+  EXPECT_EQ(consoleTextOf([&] {
+              file = open(FileURL());
               file->processLogDetails(record());
-              EXPECT_EQ(file->writeToFileURL(), FileURL());
             }),
             "");
+  EXPECT_EQ(file->writeToFileURL(), FileURL());
 }
 
 TEST_F(FileDestination, OpensAnotherFileWhenGivenAnotherURL) {
   const std::string other = environment.folder() / "other.log";
-  const auto text = consoleOutputOf([&] {
+  const std::string report = "[Info] : XCGLogger writing to log to: file://" + other;
+  std::string old;
+  const auto text = consoleTextOf([&] {
     const auto file = open(path);
     logger.info("first", "f", "F", 1);
-    const auto old = readFile(path);
+    old = readFile(path);
     file->setWriteToFileURL(FileURL::fileURLWithPath(other));
     logger.info("second", "f", "F", 1);
-    // The destination is attached by now, so it gets the report on itself, too.
-    EXPECT_EQ(readFile(path), old);
   });
-  EXPECT_THAT(withoutDates(text), HasSubstr("[Info] : XCGLogger writing to log to: file://" + other + "\n"));
-  const auto lines = linesOf(withoutDates(readFile(other)));
-  ASSERT_EQ(lines.size(), 4u);
-  EXPECT_EQ(lines[0], "[Info] : XCGLogger writing to log to: file://" + other);
-  EXPECT_THAT(lines[1], HasSubstr("PID: "));
-  EXPECT_EQ(lines[2], "[Info] : XCGLogger Version: 1.8.1 - LogLevel: Debug");
-  EXPECT_EQ(lines[3], "[Info] [F:1] f: second");
+  EXPECT_EQ(readFile(path), old);
+  EXPECT_THAT(text, HasSubstr(report + "\n"));
+  // The destination is attached by now, so it gets the report on itself, too.
+  EXPECT_THAT(linesOf(withoutDates(readFile(other))),
+              ElementsAre(report, HasSubstr("PID: "), "[Info] : XCGLogger Version: 1.8.1 - LogLevel: Debug",
+                          "[Info] [F:1] f: second"));
 }
 
-TEST_F(FileDestination, EmptiesTheFileWhenGivenTheSameURLAgain) {
-  consoleOutputOf([&] {
-    const auto file = open(path);
-    logger.info("first", "f", "F", 1);
-    file->setWriteToFileURL(file->writeToFileURL());
-    logger.info("second", "f", "F", 1);
-  });
-  EXPECT_THAT(readFile(path), testing::Not(HasSubstr("first")));
-  EXPECT_THAT(readFile(path), EndsWith("f: second\n"));
+TEST_F(FileDestination, EmptiesTheFileWhenGivenTheSameURLAgainAndIgnoresTheApplicationDetailsAtWarning) {
+  const auto file = open(path);
+  logger.warning("first", "f", "F", 1);
+  file->setOutputLogLevel(LogLevel::Warning);
+  file->setWriteToFileURL(file->writeToFileURL());
+  EXPECT_EQ(readFile(path), "");
+  logger.warning("second", "f", "F", 1);
+  EXPECT_EQ(withoutDates(readFile(path)), "[Warning] [F:1] f: second\n");
 }
 
-TEST_F(FileDestination, ClosesItsFileWhenGivenNoURL) {
+TEST_F(FileDestination, ClosesItsFileWhenGivenNoURLOrOneThatCannotBeOpened) {
   const auto descriptors = [] {
     return std::distance(fs::directory_iterator("/proc/self/fd"), fs::directory_iterator());
   };
-  consoleOutputOf([&] {
+  const std::optional<FileURL> urls[] = {std::nullopt,
+                                         FileURL::fileURLWithPath(environment.folder() / "missing/d.log")};
+  for (const auto& url : urls) {
+    SCOPED_TRACE(url ? "one that cannot be opened" : "no URL");
+    logger.setLogDestinations({});
     const auto before = descriptors();
     const auto file = open(path);
     EXPECT_EQ(descriptors(), before + 1);
     const auto old = readFile(path);
-    file->setWriteToFileURL(std::nullopt);
+    file->setWriteToFileURL(url);
     EXPECT_EQ(descriptors(), before);
     logger.info("dropped", "f", "F", 1);
     EXPECT_EQ(readFile(path), old);
-    EXPECT_EQ(file->writeToFileURL(), std::nullopt);
-  });
-}
-
-TEST_F(FileDestination, ClosesTheOldFileWhenTheNewOneCannotBeOpened) {
-  consoleOutputOf([&] {
-    const auto file = open(path);
-    const auto old = readFile(path);
-    file->setWriteToFileURL(FileURL::fileURLWithPath(environment.folder() / "missing/d.log"));
-    logger.info("dropped", "f", "F", 1);
-    EXPECT_EQ(readFile(path), old);
-  });
+    EXPECT_EQ(file->writeToFileURL(), url);
+  }
 }
 
 TEST_F(FileDestination, SurvivesAFullDiskInSilence) {
-  const auto text = consoleOutputOf([&] {
+  const auto text = consoleTextOf([&] {
     const auto file = open(path);
     putInPlaceOfOpenFile(path, ::open("/dev/full", O_WRONLY | O_CLOEXEC));
     file->processLogDetails(record());
   });
-  EXPECT_EQ(withoutDates(text), "[Info] : XCGLogger writing to log to: file://" + path + "\n");
+  EXPECT_EQ(text, "[Info] : XCGLogger writing to log to: file://" + path + "\n");
 }
 
-TEST_F(FileDestination, TakesThePlaceOfALinkAndOfAPipe) {
+TEST_F(FileDestination, LeavesOnlyTheNewLinesInThePlaceOfAnExistingFileALinkOrAPipe) {
   const std::string target = environment.folder() / "target";
+  const std::string link = environment.folder() / "link";
+  const std::string pipe = environment.folder() / "pipe";
+  test::writeFile(path, std::string(100000, 'x') + "\nold\n");
   test::writeFile(target, "kept");
-  for (const bool link : {true, false}) {
-    fs::remove(path);
-    if (link)
-      fs::create_symlink(target, path);
-    else
-      ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
-    logger.removeLogDestination("file");
-    consoleOutputOf([&] { open(path); });
-    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(path)));
-    EXPECT_EQ(linesOf(readFile(path)).size(), 2u);
+  fs::create_symlink(target, link);
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  for (const auto& taken : {path, link, pipe}) {
+    open(taken);
+    EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(taken))) << taken;
+    EXPECT_THAT(linesOf(readFile(taken)), ElementsAre(HasSubstr("[Info] : " + platform::processName()), _)) << taken;
   }
   EXPECT_EQ(readFile(target), "kept");
 }
@@ -708,7 +631,6 @@ TEST_F(FileDestination, TakesThePlaceOfALinkAndOfAPipe) {
 TEST_F(FileDestination, LeavesTheLastLinesOfAnEarlierProcessToItsOwnFile) {
   test::Gate begun, replaced;
   test::ChildProcess earlier([&] {
-    logger.setLogDestinations({});
     open(path);
     begun.open();
     replaced.pass();
@@ -716,20 +638,10 @@ TEST_F(FileDestination, LeavesTheLastLinesOfAnEarlierProcessToItsOwnFile) {
     return 0;
   });
   begun.pass();
-  logger.setLogDestinations({});
   open(path);
   replaced.open();
   EXPECT_EQ(earlier.wait(), 0);
   EXPECT_EQ(linesOf(readFile(path)).size(), 2u) << readFile(path);
-}
-
-TEST_F(FileDestination, IgnoresTheApplicationDetailsOfAReopeningAtWarning) {
-  consoleOutputOf([&] {
-    const auto file = open(path);
-    file->setOutputLogLevel(LogLevel::Warning);
-    file->setWriteToFileURL(file->writeToFileURL());
-  });
-  EXPECT_EQ(readFile(path), "");
 }
 
 }  // namespace

@@ -10,8 +10,11 @@ namespace {
 constexpr std::array LEVELS = {LogLevel::Verbose, LogLevel::Debug,  LogLevel::Info, LogLevel::Warning,
                                LogLevel::Error,   LogLevel::Severe, LogLevel::None};
 
-TEST(LogLevel, HasTheRawValuesZeroToSix) {
-  for (std::size_t i = 0; i < LEVELS.size(); ++i) EXPECT_EQ(rawValue(LEVELS[i]), static_cast<int>(i));
+TEST(LogLevel, HasTheRawValuesZeroToSixAndIsMadeFromThem) {
+  for (std::size_t i = 0; i < LEVELS.size(); ++i) {
+    EXPECT_EQ(rawValue(LEVELS[i]), static_cast<int>(i));
+    EXPECT_EQ(logLevelWithRawValue(static_cast<int>(i)), LEVELS[i]);
+  }
 }
 
 TEST(LogLevel, DescribesItselfByItsName) {
@@ -34,10 +37,6 @@ TEST(LogLevel, ComparesByRawValue) {
 TEST(LogLevel, HashesToItsRawValue) {
   for (const LogLevel level : LEVELS)
     EXPECT_EQ(std::hash<LogLevel>()(level), static_cast<std::size_t>(rawValue(level)));
-}
-
-TEST(LogLevel, IsMadeFromItsRawValue) {
-  for (const LogLevel level : LEVELS) EXPECT_EQ(logLevelWithRawValue(rawValue(level)), level);
 }
 
 TEST(LogLevel, IsAbsentForOtherRawValues) {

@@ -5,20 +5,18 @@
 namespace vornet {
 namespace {
 
-TEST(PrintedForm, QuotesText) {
-  EXPECT_EQ(printedForm(std::string_view("/home/ann")), "\"/home/ann\"");
-  EXPECT_EQ(printedForm(std::string_view("")), "\"\"");
+using namespace std::string_view_literals;
+
+TEST(PrintedForm, QuotesTextOfAllLanguages) {
+  EXPECT_EQ(printedForm("/home/ann"sv), "\"/home/ann\"");
+  EXPECT_EQ(printedForm(""sv), "\"\"");
+  EXPECT_EQ(printedForm("Ünïcode 日本 🙂"sv), "\"Ünïcode 日本 🙂\"");
 }
 
 TEST(PrintedForm, EscapesQuotesBackslashesAndControls) {
-  using namespace std::string_view_literals;
   EXPECT_EQ(printedForm("a\"b\\c"sv), R"("a\"b\\c")");
   EXPECT_EQ(printedForm("\n\r\t\0"sv), R"("\n\r\t\0")");
   EXPECT_EQ(printedForm("\x1B\x7F"sv), R"("\u{1B}\u{7F}")");
-}
-
-TEST(PrintedForm, KeepsTextOfAllLanguages) {
-  EXPECT_EQ(printedForm(std::string_view("Ünïcode 日本 🙂")), "\"Ünïcode 日本 🙂\"");
 }
 
 TEST(PrintedForm, ShowsLists) {
@@ -33,7 +31,6 @@ TEST(PrintedForm, ShowsMaps) {
 }
 
 TEST(PrintedForm, ShowsBytesInGroupsOfFour) {
-  using namespace std::string_view_literals;
   EXPECT_EQ(printedBytes(""), "<>");
   EXPECT_EQ(printedBytes("\0\xFF"sv), "<00ff>");
   EXPECT_EQ(printedBytes("{\"1\""), "<7b223122>");

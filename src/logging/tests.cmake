@@ -5,6 +5,5 @@ vornet_test(vornet_logging_test
     logging/LogLevel_test.cpp
     logging/Logging_test.cpp
     logging/PrintedForm_test.cpp
-    logging/SourceFile_test.cpp
     logging/XCGLogger_test.cpp
   LIBRARIES vornet_core vornet_test_support)
