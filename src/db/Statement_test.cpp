@@ -17,17 +17,11 @@ class StatementTest : public ::testing::Test {
   sqlite3* db_ = nullptr;
 };
 
-TEST_F(StatementTest, IsPreparedWhenItsTextIsRight) {
+TEST_F(StatementTest, IsPreparedWhenItsTextIsRightUpToTheGivenLength) {
   EXPECT_TRUE(Statement(db_, "SELECT 1").prepared());
-}
-
-TEST_F(StatementTest, IsNotPreparedWhenItsTextIsWrong) {
+  EXPECT_TRUE(Statement(db_, std::string_view("SELECT 1 nonsense, nonsense").substr(0, 8)).prepared());
   EXPECT_FALSE(Statement(db_, "SELECT FROM WHERE").prepared());
   EXPECT_FALSE(Statement(db_, "SELECT path FROM absent").prepared());
-}
-
-TEST_F(StatementTest, TextBeyondTheGivenLengthIsNotRead) {
-  EXPECT_TRUE(Statement(db_, std::string_view("SELECT 1 nonsense, nonsense").substr(0, 8)).prepared());
 }
 
 TEST_F(StatementTest, FinalisingTwiceIsHarmless) {
@@ -38,12 +32,11 @@ TEST_F(StatementTest, FinalisingTwiceIsHarmless) {
 
 TEST_F(StatementTest, StepsThroughItsRows) {
   Statement statement(db_, "SELECT 'a', 5 UNION ALL SELECT 'b', -6");
-  ASSERT_TRUE(statement.stepToRow());
-  EXPECT_EQ(statement.text(0), "a");
-  EXPECT_EQ(statement.integer(1), 5);
-  ASSERT_TRUE(statement.stepToRow());
-  EXPECT_EQ(statement.text(0), "b");
-  EXPECT_EQ(statement.integer(1), -6);
+  for (const auto& [text, integer] : {std::pair("a", 5), std::pair("b", -6)}) {
+    ASSERT_TRUE(statement.stepToRow());
+    EXPECT_EQ(statement.text(0), text);
+    EXPECT_EQ(statement.integer(1), integer);
+  }
   EXPECT_FALSE(statement.stepToRow());
 }
 
@@ -58,47 +51,27 @@ TEST_F(StatementTest, BindsTextsByTheirLength) {
   EXPECT_EQ(statement.text(2), "\u00fc");
 }
 
-TEST_F(StatementTest, AnEmptyTextIsAText) {
-  Statement statement(db_, "SELECT ''");
+TEST_F(StatementTest, AnEmptyTextIsATextButNullAndBytesThatAreNotUTF8AreNone) {
+  Statement statement(db_, "SELECT '', NULL, CAST(X'61FF' AS TEXT), CAST(X'EDA080' AS TEXT)");
   ASSERT_TRUE(statement.stepToRow());
   EXPECT_EQ(statement.text(0), "");
-}
-
-TEST_F(StatementTest, NullAndBytesThatAreNotUTF8AreNoText) {
-  Statement statement(db_, "SELECT NULL, CAST(X'61FF' AS TEXT), CAST(X'EDA080' AS TEXT)");
-  ASSERT_TRUE(statement.stepToRow());
-  EXPECT_EQ(statement.text(0), std::nullopt);
-  EXPECT_EQ(statement.text(1), std::nullopt);
-  EXPECT_EQ(statement.text(2), std::nullopt);
+  for (const int column : {1, 2, 3}) EXPECT_EQ(statement.text(column), std::nullopt) << column;
 }
 
 TEST_F(StatementTest, IntegersAreReadWith32Bits) {
   Statement statement(db_, "SELECT 4294967298, -1, NULL, '2', 'text', 1.9");
   ASSERT_TRUE(statement.stepToRow());
-  EXPECT_EQ(statement.integer(0), 2);
-  EXPECT_EQ(statement.integer(1), -1);
-  EXPECT_EQ(statement.integer(2), 0);
-  EXPECT_EQ(statement.integer(3), 2);
-  EXPECT_EQ(statement.integer(4), 0);
-  EXPECT_EQ(statement.integer(5), 1);
+  int column = 0;
+  for (const int expected : {2, -1, 0, 2, 0, 1}) EXPECT_EQ(statement.integer(column++), expected) << column;
 }
 
 using StatementDeathTest = ProcessStops;
 
-TEST_F(StatementDeathTest, ALengthThatDoesNotFitAnIntStopsTheProcess) {
+TEST_F(StatementDeathTest, ATextOrABoundTextWhoseLengthDoesNotFitAnIntStopsTheProcess) {
   // Only the length is looked at: no such text is made.
   const std::string_view endless("SELECT 1", std::size_t{1} << 31);
   EXPECT_DEATH(Statement(nullptr, endless), "too long");
-}
-
-TEST_F(StatementDeathTest, ABoundTextWhoseLengthDoesNotFitAnIntStopsTheProcess) {
-  sqlite3* db = nullptr;
-  sqlite3_open(":memory:", &db);
-  {
-    Statement statement(db, "SELECT ?");
-    EXPECT_DEATH(statement.bind(1, std::string_view("a", std::size_t{1} << 31)), "too long");
-  }
-  sqlite3_close(db);
+  EXPECT_DEATH(Statement(nullptr, "").bind(1, endless), "too long");
 }
 
 }  // namespace
