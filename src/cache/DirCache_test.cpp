@@ -1,11 +1,11 @@
 #include "cache/DirCache.hpp"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <atomic>
-#include <map>
+#include <deque>
+#include <random>
 
 #include "db/SyncDB.hpp"
 #include "support/Databases.hpp"
@@ -30,9 +30,9 @@ using Messages = std::vector<std::string>;
 
 // --- DirNode --------------------------------------------------------------------------------------------------------
 
-/// A node of "/a/" after these updates.
+/// A node of "/" after these updates.
 DirNode nodeAfter(const std::vector<Entries>& updates) {
-  DirNode node("/a/");
+  DirNode node("/");
   for (const auto& items : updates) node.update(tableOf(items));
   return node;
 }
@@ -67,115 +67,80 @@ struct Update {
   std::vector<Entries> before;  // the updates that the node has had
   Entries items;
   Entries reported;
-  Messages changed;  // logged first, in any order
-  Messages added;    // logged then
+  Messages changed;  // logged first, in any order, as "Cached path changed: …"
+  Messages added;    // logged then, as "Cache path added: …"
 };
 
-void PrintTo(const Update& update, std::ostream* out) {
-  *out << update.name;
+const Update UPDATES[] = {
+    {"a first fill", {}, {{"/x", 1}, {"/y", 2}}, {}, {}, {}},
+    {"an empty first fill", {}, {}, {}, {}, {}},
+    {"the first item of an empty folder", {{}}, {{"/x", 0}}, {{"/x", 0}}, {}, {"/x 0"}},
+    {"the same content", {{{"/x", 1}, {"/y", 2}}}, {{"/x", 1}, {"/y", 2}}, {}, {}, {}},
+    {"a changed status", {{{"/x", 1}, {"/y", 2}}}, {{"/x", 2}, {"/y", 2}}, {{"/x", 2}}, {"/x 1 -> Optional(2)"}, {}},
+    {"a negative status", {{{"/x", 0}}}, {{"/x", -1}}, {{"/x", -1}}, {"/x 0 -> Optional(-1)"}, {}},
+    {"a big status", {{{"/x", -1}}}, {{"/x", 5000000000}}, {{"/x", 5000000000}}, {"/x -1 -> Optional(5000000000)"}, {}},
+    {"a vanished path", {{{"/x", 1}, {"/y", 2}}}, {{"/y", 2}}, {}, {"/x 1 -> nil"}, {}},
+    {"the last path vanished", {{{"/x", 1}}}, {}, {}, {"/x 1 -> nil"}, {}},
+    {"a new path", {{{"/x", 1}}}, {{"/x", 1}, {"/new", 0}}, {{"/new", 0}}, {}, {"/new 0"}},
+    {"changes before additions",
+     {{{"/x", 1}, {"/gone", 2}, {"/same", 0}}},
+     {{"/x", 2}, {"/same", 0}, {"/new", -1}, {"/c/", 1}},
+     {{"/x", 2}, {"/new", -1}, {"/c/", 1}},
+     {"/x 1 -> Optional(2)", "/gone 2 -> nil"},
+     {"/new -1", "/c/ 1"}}};
+
+TEST(DirNodeTest, AnUpdateReplacesAllAndReportsAndLogsTheDifference) {
+  for (const auto& [name, before, items, reported, changed, added] : UPDATES) {
+    SCOPED_TRACE(name);
+    DirNode node = nodeAfter(before);
+    const LogRecorder log;
+    EXPECT_EQ(entriesOf(node.update(tableOf(items))), reported);
+    EXPECT_EQ(entriesOf(node.items()), items);
+    EXPECT_TRUE(node.populated());
+    Messages expected;
+    for (const auto& change : changed) expected.push_back("Cached path changed: " + change);
+    for (const auto& addition : added) expected.push_back("Cache path added: " + addition);
+    const auto messages = log.messages(LogLevel::Debug);
+    EXPECT_THAT(messages, UnorderedElementsAreArray(expected));
+    const auto isChange = [](const std::string& message) { return message.starts_with("Cached path changed"); };
+    EXPECT_TRUE(std::is_partitioned(messages.begin(), messages.end(), isChange)) << "changes come first";
+    EXPECT_EQ(log.messages(), messages);
+  }
 }
-
-class DirNodeUpdate : public ::testing::TestWithParam<Update> {};
-
-TEST_P(DirNodeUpdate, ReplacesAllAndReportsAndLogsTheDifference) {
-  const auto& [name, before, items, reported, changed, added] = GetParam();
-  DirNode node = nodeAfter(before);
-  const LogRecorder log;
-  EXPECT_EQ(entriesOf(node.update(tableOf(items))), reported);
-  EXPECT_EQ(entriesOf(node.items()), items);
-  EXPECT_TRUE(node.populated());
-  const auto messages = log.messages(LogLevel::Debug);
-  ASSERT_EQ(messages.size(), changed.size() + added.size());
-  ASSERT_EQ(messages.size(), log.messages().size());
-  const auto middle = messages.begin() + static_cast<std::ptrdiff_t>(changed.size());
-  EXPECT_THAT(Messages(messages.begin(), middle), UnorderedElementsAreArray(changed));
-  EXPECT_THAT(Messages(middle, messages.end()), UnorderedElementsAreArray(added));
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Of, DirNodeUpdate,
-    ::testing::Values(
-        Update{"AFirstFill", {}, {{"/a/x", 1}, {"/a/y", 2}}, {}, {}, {}},
-        Update{"AnEmptyFirstFill", {}, {}, {}, {}, {}},
-        Update{"TheFirstItemOfAnEmptyFolder", {{}}, {{"/a/x", 0}}, {{"/a/x", 0}}, {}, {"Cache path added: /a/x 0"}},
-        Update{"TheSameContent", {{{"/a/x", 1}, {"/a/y", 2}}}, {{"/a/x", 1}, {"/a/y", 2}}, {}, {}, {}},
-        Update{"AChangedStatus",
-               {{{"/a/x", 1}, {"/a/y", 2}}},
-               {{"/a/x", 2}, {"/a/y", 2}},
-               {{"/a/x", 2}},
-               {"Cached path changed: /a/x 1 -> Optional(2)"},
-               {}},
-        Update{"ANegativeStatus",
-               {{{"/a/x", 0}}},
-               {{"/a/x", -1}},
-               {{"/a/x", -1}},
-               {"Cached path changed: /a/x 0 -> Optional(-1)"},
-               {}},
-        Update{"ALargeStatus",
-               {{{"/a/x", -1}}},
-               {{"/a/x", 1234567890123}},
-               {{"/a/x", 1234567890123}},
-               {"Cached path changed: /a/x -1 -> Optional(1234567890123)"},
-               {}},
-        Update{"AVanishedPath",
-               {{{"/a/x", 1}, {"/a/y", 2}}},
-               {{"/a/y", 2}},
-               {},
-               {"Cached path changed: /a/x 1 -> nil"},
-               {}},
-        Update{"TheLastPathVanished", {{{"/a/x", 1}}}, {}, {}, {"Cached path changed: /a/x 1 -> nil"}, {}},
-        Update{"ANewPath",
-               {{{"/a/x", 1}}},
-               {{"/a/x", 1}, {"/a/new", 0}},
-               {{"/a/new", 0}},
-               {},
-               {"Cache path added: /a/new 0"}},
-        Update{"ChangesBeforeAdditions",
-               {{{"/a/x", 1}, {"/a/gone", 2}, {"/a/same", 0}}},
-               {{"/a/x", 2}, {"/a/same", 0}, {"/a/new", -1}, {"/a/c/", 1}},
-               {{"/a/x", 2}, {"/a/new", -1}, {"/a/c/", 1}},
-               {"Cached path changed: /a/x 1 -> Optional(2)", "Cached path changed: /a/gone 2 -> nil"},
-               {"Cache path added: /a/new -1", "Cache path added: /a/c/ 1"}}),
-    [](const auto& update) { return update.param.name; });
 
 TEST(DirNodeTest, ALogLineOfAnUpdateNamesItsSource) {
-  DirNode node = nodeAfter({{{"/a/x", 1}}});
+  DirNode node = nodeAfter({{{"/x", 1}}});
   const LogRecorder log;
-  node.update({{"/a/x", 2}});
+  node.update({{"/x", 2}});
   ASSERT_EQ(log.records().size(), 1U);
   EXPECT_EQ(log.records().front().functionName, "update");
   EXPECT_EQ(log.records().front().fileName, "src/cache/DirCache");
 }
 
 TEST(DirNodeTest, TheReportOutlivesTheNode) {
-  const std::string path = "/a/a path that is longer than a short text";
-  StatusTable changes;
-  {
-    DirNode node = nodeAfter({{{path, 1}}});
-    changes = node.update({{path, 2}});
-  }
+  const std::string path = "/a path that is longer than a short text";
+  const StatusTable changes = nodeAfter({{{path, 1}}}).update({{path, 2}});
   EXPECT_THAT(entriesOf(changes), UnorderedElementsAre(Pair(path, 2)));
 }
 
 TEST(DirNodeTest, LooksUpExactlyThePathWithoutAMessage) {
-  const DirNode node = nodeAfter({{{"/a/c/", 2}, {"/a/x", 1}, {"/a/none", -1}}});
+  const Entries entries = {{"/c/", 2}, {"/x", 1}, {"/none", -1}};
+  const DirNode node = nodeAfter({entries});
   const LogRecorder log;
-  EXPECT_EQ(node.statusForPath("/a/c/"), 2);
-  EXPECT_EQ(node.statusForPath("/a/x"), 1);
-  EXPECT_EQ(node.statusForPath("/a/none"), -1);
-  for (const char* other : {"/a/c", "/a/x/", "/a//x", "/A/x"}) EXPECT_EQ(node.statusForPath(other), std::nullopt);
+  for (const auto& [path, status] : entries) EXPECT_EQ(node.statusForPath(path), status) << path;
+  for (const char* other : {"/c", "/x/", "//x", "/X"}) EXPECT_EQ(node.statusForPath(other), std::nullopt) << other;
   EXPECT_THAT(log.messages(), IsEmpty());
 }
 
 TEST(DirNodeTest, ClearingMakesTheNodeEmptyAndUnpopulated) {
-  for (const auto& updates : std::vector<std::vector<Entries>>{{}, {{}}, {{{"/a/x", 1}}}}) {
+  for (const auto& updates : std::vector<std::vector<Entries>>{{}, {{}}, {{{"/x", 1}}}}) {
     DirNode node = nodeAfter(updates);
     const LogRecorder log;
     node.clear();
     EXPECT_FALSE(node.populated());
     EXPECT_TRUE(node.items().empty());
-    EXPECT_EQ(node.dir(), "/a/");
-    EXPECT_TRUE(node.update({{"/a/x", 2}, {"/a/y", 1}}).empty()) << "a first fill again";
+    EXPECT_EQ(node.dir(), "/");
+    EXPECT_TRUE(node.update({{"/x", 2}, {"/y", 1}}).empty()) << "a first fill again";
     EXPECT_TRUE(node.populated());
     EXPECT_THAT(log.messages(), IsEmpty());
   }
@@ -206,7 +171,7 @@ struct CacheProbe : LRUCache {
   std::vector<std::string> order() const {
     std::vector<std::string> dirs;
     std::shared_ptr<DirNode> before;
-    for (auto at = first_; at; at = at->suc.lock()) {
+    for (auto at = first_; at && dirs.size() <= dirs_.size(); at = at->suc.lock()) {
       EXPECT_EQ(at->pre.lock(), before);
       EXPECT_EQ(node(at->dir()), at);
       dirs.push_back(at->dir());
@@ -219,54 +184,45 @@ struct CacheProbe : LRUCache {
   }
 };
 
-TEST(LRUCacheTest, TheSizeIsTwoWhenNoneIsGiven) {
-  EXPECT_EQ(CacheProbe(50).maxSize(), 50U);
-  EXPECT_EQ(CacheProbe().maxSize(), 2U);
-  EXPECT_THAT(CacheProbe(std::nullopt, {"/a/", "/b/", "/c/"}).order(), ElementsAre("/c/", "/b/"));
-}
-
 struct Entering {
   const char* name;
-  std::size_t size;
+  std::optional<std::size_t> size;  // two when none is given
   std::vector<const char*> dirs;
   std::vector<std::string> order;
   std::size_t dropped;
 };
 
-void PrintTo(const Entering& entering, std::ostream* out) {
-  *out << entering.name;
-}
+const Entering ENTERINGS[] = {
+    {"no size given", {}, {"/a/", "/b/", "/c/"}, {"/c/", "/b/"}, 1},
+    {"no folder", 3, {}, {}, 0},
+    {"one folder", 3, {"/a/"}, {"/a/"}, 0},
+    {"two folders", 3, {"/a/", "/b/"}, {"/b/", "/a/"}, 0},
+    {"one too many", 2, {"/a/", "/b/", "/c/"}, {"/c/", "/b/"}, 1},
+    {"many too many", 3, {"/0/", "/1/", "/2/", "/3/", "/4/", "/5/"}, {"/5/", "/4/", "/3/"}, 3},
+    {"one entered again", 2, {"/a/", "/b/", "/a/", "/c/"}, {"/c/", "/a/"}, 1},
+    {"no room", 0, {"/a/", "/a/"}, {}, 2},
+    {"room for one", 1, {"/a/", "/b/", "/b/"}, {"/b/"}, 1},
+    {"the same twice", 2, {"/a/", "/a/"}, {"/a/"}, 0},
+    {"the back again", 4, {"/a/", "/b/", "/c/", "/d/", "/a/"}, {"/a/", "/d/", "/c/", "/b/"}, 0},
+    {"the middle again", 4, {"/a/", "/b/", "/c/", "/d/", "/c/"}, {"/c/", "/d/", "/b/", "/a/"}, 0},
+    {"the front again", 4, {"/a/", "/b/", "/c/", "/d/", "/d/"}, {"/d/", "/c/", "/b/", "/a/"}, 0},
+    {"similar names", 5, {"/a/", "/a", "/A/", "", "/"}, {"/", "", "/A/", "/a", "/a/"}, 0}};
 
-class LRUCacheOrder : public ::testing::TestWithParam<Entering> {};
-
-TEST_P(LRUCacheOrder, IsThatOfEnteringAndTheBackIsDropped) {
-  const auto& [name, size, dirs, order, dropped] = GetParam();
-  const LogRecorder log;
-  CacheProbe cache(size);
-  for (const char* dir : dirs) {
-    EXPECT_TRUE(cache.enterNewDir(dir)) << "none of them is filled";
-    EXPECT_LE(cache.order().size(), size);
+TEST(LRUCacheTest, TheOrderIsThatOfEnteringAndTheBackIsDropped) {
+  for (const auto& [name, size, dirs, order, dropped] : ENTERINGS) {
+    SCOPED_TRACE(name);
+    const LogRecorder log;
+    CacheProbe cache(size);
+    EXPECT_EQ(cache.maxSize(), size.value_or(2));
+    for (const char* dir : dirs) {
+      EXPECT_TRUE(cache.enterNewDir(dir)) << "none of them is filled";
+      EXPECT_LE(cache.order().size(), cache.maxSize());
+    }
+    EXPECT_EQ(cache.order(), order);
+    EXPECT_EQ(log.messages(LogLevel::Debug), Messages(dropped, DROPPING));
+    EXPECT_EQ(log.messages().size(), dropped);
   }
-  EXPECT_EQ(cache.order(), order);
-  EXPECT_EQ(log.messages(LogLevel::Debug), Messages(dropped, DROPPING));
-  EXPECT_EQ(log.messages().size(), dropped);
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    For, LRUCacheOrder,
-    ::testing::Values(
-        Entering{"None", 3, {}, {}, 0}, Entering{"One", 3, {"/a/"}, {"/a/"}, 0},
-        Entering{"Two", 3, {"/a/", "/b/"}, {"/b/", "/a/"}, 0},
-        Entering{"OneTooMany", 2, {"/a/", "/b/", "/c/"}, {"/c/", "/b/"}, 1},
-        Entering{"ManyTooMany", 3, {"/0/", "/1/", "/2/", "/3/", "/4/", "/5/"}, {"/5/", "/4/", "/3/"}, 3},
-        Entering{"OneEnteredAgain", 2, {"/a/", "/b/", "/a/", "/c/"}, {"/c/", "/a/"}, 1},
-        Entering{"NoRoom", 0, {"/a/", "/a/"}, {}, 2}, Entering{"RoomForOne", 1, {"/a/", "/b/", "/b/"}, {"/b/"}, 1},
-        Entering{"TheSameTwice", 2, {"/a/", "/a/"}, {"/a/"}, 0},
-        Entering{"TheBackAgain", 4, {"/a/", "/b/", "/c/", "/d/", "/a/"}, {"/a/", "/d/", "/c/", "/b/"}, 0},
-        Entering{"TheMiddleAgain", 4, {"/a/", "/b/", "/c/", "/d/", "/c/"}, {"/c/", "/d/", "/b/", "/a/"}, 0},
-        Entering{"TheFrontAgain", 4, {"/a/", "/b/", "/c/", "/d/", "/d/"}, {"/d/", "/c/", "/b/", "/a/"}, 0},
-        Entering{"SimilarNames", 5, {"/a/", "/a", "/A/", "", "/"}, {"/", "", "/A/", "/a", "/a/"}, 0}),
-    [](const auto& entering) { return entering.param.name; });
 
 TEST(LRUCacheTest, ALogLineOfADropNamesItsSource) {
   const LogRecorder log;
@@ -335,7 +291,7 @@ TEST(LRUCacheTest, UpdatingAFolderThatIsNotCachedGivesNoValueAndStoresNothing) {
   EXPECT_THAT(log.messages(), IsEmpty());
 }
 
-TEST(LRUCacheTest, ClearingDropsEveryFolderFromTheBack) {
+TEST(LRUCacheTest, ClearingDropsEveryFolderFromTheBackAlsoWhenThereIsNone) {
   CacheProbe cache(3, {"/a/", "/b/", "/c/"});
   cache.update("/b/", {{"/b/x", 1}});
   const auto node = cache.node("/b/");
@@ -343,28 +299,20 @@ TEST(LRUCacheTest, ClearingDropsEveryFolderFromTheBack) {
   cache.clearCache();
   EXPECT_THAT(cache.order(), IsEmpty());
   EXPECT_FALSE(node->populated());
-  EXPECT_THAT(log.messages(), ElementsAre(DROPPING, DROPPING, DROPPING, "Directory cache purged"));
-  EXPECT_EQ(log.count(LogLevel::Info, "Directory cache purged"), 1U);
+  cache.clearCache();
+  EXPECT_THAT(cache.order(), IsEmpty());
+  const std::string purged = "Directory cache purged";
+  EXPECT_THAT(log.messages(), ElementsAre(DROPPING, DROPPING, DROPPING, purged, purged));
+  EXPECT_EQ(log.count(LogLevel::Info, purged), 2U);
   EXPECT_EQ(log.records().back().functionName, "clearCache");
   for (const char* dir : {"/b/", "/c/", "/d/", "/e/"}) EXPECT_TRUE(cache.enterNewDir(dir));
   EXPECT_THAT(cache.order(), ElementsAre("/e/", "/d/", "/c/"));
 }
 
-TEST(LRUCacheTest, ClearingAnEmptyCacheSaysSoAndLeavesItEmpty) {
-  const LogRecorder log;
-  CacheProbe cache(2);
-  cache.clearCache();
-  EXPECT_THAT(cache.order(), IsEmpty());
-  EXPECT_THAT(log.messages(), ElementsAre("Directory cache purged"));
-  EXPECT_EQ(log.records().front().logLevel, LogLevel::Info);
-}
-
 TEST(LRUCacheTest, KnowsTheMemoryOfTheOtherFolders) {
   CacheProbe cache(2, {"/a/", "/b/"});
   const auto none = cache.memoryBeside("/a/");
-  StatusTable large;
-  large.set("/b/" + std::string(100'000, 'x'), 1);
-  cache.update("/b/", std::move(large));
+  cache.update("/b/", {{"/b/" + std::string(100'000, 'x'), 1}});
   EXPECT_GE(cache.memoryBeside("/a/"), none + 100'000);
   EXPECT_LT(cache.memoryBeside("/b/"), 1'000u);
   cache.update("/b/", {});
@@ -377,18 +325,12 @@ TEST_F(LRUCacheDeathTest, ABackNodeWithoutPredecessorStopsTheProcessWithAWarning
   const StandardErrorLog log;
   CacheProbe cache(2, {"/a/", "/b/"});
   cache.last_->pre.reset();
-  EXPECT_DEATH(cache.enterNewDir("/c/"),
-               "<Debug> Dropping last cached directory\n"
-               "<Warning> Last item has no predecessor, and it should have\n"
-               "Fatal error: ");
-}
-
-TEST_F(LRUCacheDeathTest, PurgingABrokenListStopsTheProcessBeforeItSaysPurged) {
-  const StandardErrorLog log;
-  CacheProbe cache(2, {"/a/", "/b/"});
-  cache.last_->pre.reset();
-  EXPECT_DEATH(cache.clearCache(), AllOf(HasSubstr("<Warning> Last item has no predecessor, and it should have\n"),
-                                         Not(HasSubstr("purged"))));
+  const std::string warning =
+      "<Debug> Dropping last cached directory\n"
+      "<Warning> Last item has no predecessor, and it should have\n"
+      "Fatal error: ";
+  EXPECT_DEATH(cache.enterNewDir("/c/"), warning);
+  EXPECT_DEATH(cache.clearCache(), AllOf(HasSubstr(warning), Not(HasSubstr("purged"))));
 }
 
 // --- Statuses -------------------------------------------------------------------------------------------------------
@@ -423,12 +365,11 @@ class StatusForPathTest : public ::testing::Test {
 TEST_F(StatusForPathTest, InAFilledFolderIsTheEntryOfExactlyThatPath) {
   storeInDatabase({{"/a/x", 0}, {"/a/y", 0}});
   cache_.enterNewDir("/b/");
-  cache_.update("/a/", {{"/a/x", 2}, {"/a/c/", 1}, {"/a/z", -1}});
-  EXPECT_EQ(cache_.statusForPath("/a/x"), 2);
-  EXPECT_EQ(cache_.statusForPath("/a/c/"), 1);
+  const Entries entries = {{"/a/x", 2}, {"/a/c/", 1}, {"/a/z", -1}};
+  cache_.update("/a/", tableOf(entries));
+  for (const auto& [path, status] : entries) EXPECT_EQ(cache_.statusForPath(path), status) << path;
   EXPECT_EQ(cache_.statusForPath("/a/c"), std::nullopt);
   EXPECT_EQ(cache_.statusForPath("/a/y"), std::nullopt) << "even though the database has one";
-  EXPECT_EQ(cache_.statusForPath("/a/z"), -1);
   EXPECT_THAT(log_.messages(), IsEmpty());
   EXPECT_THAT(cache_.order(), ElementsAre("/b/", "/a/")) << "neither an update nor a look-up moves a folder";
 }
@@ -459,13 +400,10 @@ TEST_F(StatusForPathTest, IsMinusOneWhenTheDatabaseCannotBeQueried) {
 }
 
 TEST_F(StatusForPathTest, OfTheRootIsLookedUpInTheRoot) {
+  const Entries entries = {{"/", 2}, {"/a", 1}, {"/d/", 0}, {"", -1}, {"b", 3}};
   cache_.enterNewDir("/");
-  cache_.update("/", {{"/", 2}, {"/a", 1}, {"/d/", 0}, {"", -1}, {"b", 3}});
-  EXPECT_EQ(cache_.statusForPath("/"), 2);
-  EXPECT_EQ(cache_.statusForPath("/a"), 1);
-  EXPECT_EQ(cache_.statusForPath("/d/"), 0);
-  EXPECT_EQ(cache_.statusForPath(""), -1);
-  EXPECT_EQ(cache_.statusForPath("b"), 3);
+  cache_.update("/", tableOf(entries));
+  for (const auto& [path, status] : entries) EXPECT_EQ(cache_.statusForPath(path), status) << path;
 }
 
 TEST_F(StatusForPathTest, AMissNamesTheFolderKeyAndThePathAsGiven) {
@@ -479,18 +417,120 @@ TEST_F(StatusForPathTest, AMissNamesTheFolderKeyAndThePathAsGiven) {
 
 TEST_F(StatusForPathTest, AfterAnEvictionOrAPurgeIsTheDatabasesAnswer) {
   storeInDatabase({{"/a/x", 0}});
-  const auto fill = [this] {
+  for (const bool purged : {false, true}) {
     cache_.enterNewDir("/a/");
     cache_.update("/a/", {{"/a/x", 2}});
     EXPECT_EQ(cache_.statusForPath("/a/x"), 2);
-  };
-  fill();
-  for (const char* dir : {"/b/", "/c/", "/d/"}) cache_.enterNewDir(dir);
-  EXPECT_EQ(cache_.statusForPath("/a/x"), 0);
-  fill();
-  cache_.clearCache();
-  EXPECT_EQ(cache_.statusForPath("/a/x"), 0);
+    for (const char* dir : {"/b/", "/c/", "/d/"})
+      if (!purged) cache_.enterNewDir(dir);
+    if (purged) cache_.clearCache();
+    EXPECT_EQ(cache_.statusForPath("/a/x"), 0) << (purged ? "purged" : "evicted");
+  }
 }
+
+// --- Random operations, on a cache and on a simple model of one -----------------------------------------------------
+
+/// The cache as one would write it without regard for speed.
+struct Model {
+  struct Folder {
+    std::string dir;
+    bool populated = false;
+    Entries items{};
+  };
+  std::size_t maxSize;
+  std::deque<Folder> folders{};  // the most recently entered first
+
+  std::deque<Folder>::iterator position(const std::string& dir) {
+    return std::find_if(folders.begin(), folders.end(), [&](const Folder& folder) { return folder.dir == dir; });
+  }
+
+  bool enter(const std::string& dir) {
+    Folder folder{dir};
+    if (const auto at = position(dir); at != folders.end()) {
+      folder = *at;
+      folders.erase(at);
+    }
+    folders.push_front(folder);
+    if (folders.size() > maxSize) folders.pop_back();
+    return !folder.populated;
+  }
+
+  std::optional<Entries> update(const std::string& dir, const Entries& items) {
+    const auto at = position(dir);
+    if (at == folders.end()) return std::nullopt;
+    Entries changes;
+    for (const auto& [path, code] : items) {
+      const auto old = at->items.find(path);
+      if (at->populated && (old == at->items.end() || old->second != code)) changes[path] = code;
+    }
+    *at = {dir, true, items};
+    return changes;
+  }
+
+  std::optional<StatusCode> status(const std::string& dir, const std::string& path, StatusCode stored) {
+    const auto at = position(dir);
+    if (at == folders.end() || !at->populated) return stored;
+    const auto found = at->items.find(path);
+    return found == at->items.end() ? std::nullopt : std::optional(found->second);
+  }
+
+  /// Checks that `cache` holds the same.
+  void expectIn(const CacheProbe& cache) const {
+    std::vector<std::string> order;
+    for (const auto& [dir, populated, items] : folders) {
+      order.push_back(dir);
+      const auto node = cache.node(dir);
+      ASSERT_NE(node, nullptr) << dir;
+      EXPECT_EQ(node->populated(), populated) << dir;
+      EXPECT_EQ(entriesOf(node->items()), items) << dir;
+    }
+    EXPECT_EQ(cache.order(), order);
+  }
+};
+
+class LRUCacheModelTest : public ::testing::TestWithParam<std::size_t> {};
+
+TEST_P(LRUCacheModelTest, BehavesAsTheModelOverRandomOperations) {
+  constexpr StatusCode STORED = 7;
+  const Environment environment;
+  const LogRecorder log(LogLevel::Warning);
+  const std::vector<std::string> dirs = {"/", "/a/", "/b/", "/c/", "/d/", "/e/", "/f/", "/g/"};
+  std::vector<std::pair<std::string, int>> rows;
+  for (const auto& dir : dirs) rows.emplace_back(dir + "x", STORED);
+  makeSyncDatabase(environment.container() / "sync.db", rows);
+
+  std::mt19937 random(20'240'501U + static_cast<std::mt19937::result_type>(GetParam()));
+  const auto below = [&](std::size_t limit) {
+    return std::uniform_int_distribution<std::size_t>(0, limit - 1)(random);
+  };
+  CacheProbe cache(GetParam());
+  Model model{GetParam()};
+  for (int step = 0; step < 4'000; ++step) {
+    SCOPED_TRACE(step);
+    const std::string& dir = dirs[below(dirs.size())];
+    const std::size_t operation = below(100);
+    if (operation < 45) {
+      EXPECT_EQ(cache.enterNewDir(dir), model.enter(dir));
+    } else if (operation < 80) {
+      Entries items;
+      for (const char* name : {"x", "y", "z/"})
+        if (below(3) > 0) items[dir + name] = static_cast<StatusCode>(below(4)) - 1;
+      const auto changes = cache.update(dir, tableOf(items));
+      EXPECT_EQ(changes ? std::optional(entriesOf(*changes)) : std::nullopt, model.update(dir, items));
+    } else if (operation < 99) {
+      EXPECT_EQ(cache.statusForPath(dir + "x"), model.status(dir, dir + "x", STORED));
+    } else {
+      cache.clearCache();
+      model.folders.clear();
+    }
+    model.expectIn(cache);
+    ASSERT_FALSE(HasFailure());
+  }
+  EXPECT_TRUE(log.messages().empty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, LRUCacheModelTest, ::testing::Values(0, 1, 2, 3, 5, 50),
+                         [](const auto& size) { return "Of" + std::to_string(size.param); });
 
 // --- Threads --------------------------------------------------------------------------------------------------------
 
@@ -556,44 +596,34 @@ TEST_F(LRUCacheThreadsTest, HitsAreAnsweredWhileTheSyncApplicationLocksTheDataba
 }
 
 TEST_F(LRUCacheThreadsTest, EveryOperationMayRunBesideEveryOther) {
-  constexpr int ROUNDS = 400;
   const LogRecorder log(LogLevel::Warning);
   std::atomic<int> wrong = 0;
-  const auto dir = [](int i) { return std::string("/").append(std::to_string(i % 5)).append("/"); };
-
   inParallel(6, [&](std::size_t number) {
-    for (int i = 0; i < ROUNDS; ++i) {
-      const auto folder = dir(i + static_cast<int>(number));
-      switch (number) {
-        case 0:
-          cache_.enterNewDir(folder);
-          break;
-        case 1:
-        case 2:
-          if (const auto changes = cache_.update(folder, {{folder + "x", i % 4 - 1}, {folder + "y", 2}}))
-            for (const auto& [path, code] : *changes) wrong += !path.starts_with(folder) || code < -1 || code > 2;
-          break;
-        case 3:
-        case 4:
-          if (const auto status = cache_.statusForPath(folder + "x")) wrong += *status < -1 || *status > 2;
-          break;
-        default:
-          if (i % 20 == 0) cache_.clearCache();
-          wrong += cache_.curSize() > cache_.maxSize();
+    for (std::size_t i = 0; i < 400; ++i) {
+      const auto folder = std::string("/").append(std::to_string((i + number) % 5)).append("/");
+      if (number == 0) {
+        cache_.enterNewDir(folder);
+      } else if (number <= 2) {
+        const auto code = static_cast<StatusCode>(i % 4) - 1;
+        if (const auto changes = cache_.update(folder, {{folder + "x", code}, {folder + "y", 2}}))
+          for (const auto& [path, change] : *changes) wrong += !path.starts_with(folder) || change < -1 || change > 2;
+      } else if (number <= 4) {
+        if (const auto status = cache_.statusForPath(folder + "x")) wrong += *status < -1 || *status > 2;
+      } else {
+        if (i % 20 == 0) cache_.clearCache();
+        wrong += cache_.curSize() > cache_.maxSize();
       }
     }
   });
-
   EXPECT_EQ(wrong, 0);
   EXPECT_TRUE(log.messages().empty());
   cache_.order();
 }
 
 TEST_F(LRUCacheThreadsTest, AFilledFolderIsReadWhileItIsReplaced) {
-  constexpr int ROUNDS = 2000;
   std::atomic<int> wrong = 0;
   inParallel(4, [&](std::size_t number) {
-    for (int i = 0; i < ROUNDS; ++i) {
+    for (int i = 0; i < 2000; ++i) {
       if (number == 0) {
         cache_.update("/a/", {{"/a/x", i % 3}, {"/a/" + std::to_string(i), 1}});
       } else {

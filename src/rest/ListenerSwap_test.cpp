@@ -31,13 +31,8 @@ extern "C" __attribute__((visibility("default"))) int connect(int descriptor, co
   return real(descriptor, address, size);
 }
 
-namespace vornet {
+namespace vornet::test {
 namespace {
-
-using test::ChildProcess;
-using test::Gate;
-using test::LoopbackServer;
-using test::WireRequest;
 
 constexpr uid_t STRANGER = 65534;
 
@@ -47,10 +42,10 @@ int listenAsStranger(Gate& listening) {
   const int listener = ::socket(AF_INET, SOCK_STREAM, 0);
   const int on = 1;
   ::setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  sockaddr_in name{};
-  name.sin_family = AF_INET;
-  name.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  name.sin_port = htons(LoopbackServer::SYNC_APPLICATION_PORT);
+  const sockaddr_in name{.sin_family = AF_INET,
+                         .sin_port = htons(LoopbackServer::SYNC_APPLICATION_PORT),
+                         .sin_addr = {htonl(INADDR_LOOPBACK)},
+                         .sin_zero = {}};
   const bool ready =
       ::bind(listener, reinterpret_cast<const sockaddr*>(&name), sizeof name) == 0 && ::listen(listener, 8) == 0;
   listening.open();
@@ -63,23 +58,16 @@ int listenAsStranger(Gate& listening) {
   return count < 0 ? 0 : static_cast<int>(count);
 }
 
-class ReplacedServer : public testing::Test {
- protected:
-  void SetUp() override {
-    if (::geteuid() != 0) GTEST_SKIP() << "needs root, to be another user for a while";
-  }
-  ~ReplacedServer() override { beforeConnect() = {}; }
-};
-
-TEST_F(ReplacedServer, IsSentNothing) {
+TEST(ReplacedServer, IsSentNothing) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root, to be another user for a while";
   Gate free;
   Gate listening;
   ChildProcess stranger([&] {
-    if (!test::becomeUser(STRANGER)) return 101;
+    if (!becomeUser(STRANGER)) return 101;
     free.pass();
     return listenAsStranger(listening);
   });
-  std::optional<LoopbackServer> own(std::in_place, [](const WireRequest&) { return test::WireReply{.body = "own"}; });
+  std::optional<LoopbackServer> own(std::in_place, [](const WireRequest&) { return WireReply{.body = "own"}; });
   ASSERT_EQ(RESTClient::postAtPath("command", "{}"), "own");
   bool replaced = false;
   beforeConnect() = [&] {
@@ -89,9 +77,10 @@ TEST_F(ReplacedServer, IsSentNothing) {
     listening.pass();
   };
   EXPECT_THROW(RESTClient::postAtPath("command", "{}"), HTTPError);
+  beforeConnect() = {};
   ASSERT_TRUE(replaced) << "the library's connections do not pass here";
   EXPECT_EQ(stranger.wait(), 0) << "bytes sent";
 }
 
 }  // namespace
-}  // namespace vornet
+}  // namespace vornet::test

@@ -7,10 +7,8 @@
 #include <algorithm>
 #include <atomic>
 #include <future>
-#include <map>
 #include <mutex>
 
-#include "base/AppConst.hpp"
 #include "paths/JSON.hpp"
 #include "support/Databases.hpp"
 #include "support/Environment.hpp"
@@ -18,16 +16,12 @@
 #include "support/LoopbackServer.hpp"
 #include "support/Threads.hpp"
 
-namespace vornet {
+namespace vornet::test {
 namespace {
 
 using platform::FileURL;
-using test::LogRecorder;
-using test::LoopbackServer;
-using test::PATIENCE;
-using test::WireReply;
-using test::WireRequest;
 using testing::Contains;
+using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Pair;
@@ -54,12 +48,18 @@ struct Seen {
   std::vector<std::pair<std::string, std::size_t>> refreshed;  // with the number of pushes before
   std::vector<bool> answers;
   std::set<FileURL> observed;
+  pid_t pusher = 0;  // the thread of the last push
+  int niceness = -1;
 };
 
 class Controller : public StatusSink {
  public:
   void setFileSyncStatus(const FileURL& item, std::int64_t status) override {
-    note([&] { seen_.pushes.emplace_back(*item.path(), status); });
+    note([&] {
+      seen_.pushes.emplace_back(*item.path(), status);
+      seen_.pusher = ::gettid();
+      seen_.niceness = ::getpriority(PRIO_PROCESS, static_cast<id_t>(seen_.pusher));
+    });
   }
   void folderFilled(const FileURL& folder, bool first) override {
     note([&] {
@@ -78,14 +78,10 @@ class Controller : public StatusSink {
     const std::lock_guard guard(lock_);
     return seen_;
   }
-  bool waitForPushes(std::size_t count) const {
-    return waitUntil([&] { return seen_.pushes.size() >= count; });
-  }
-  bool waitForFilled(std::size_t count) const {
-    return waitUntil([&] { return seen_.filled.size() >= count; });
-  }
-  bool waitForRefreshed(std::size_t count) const {
-    return waitUntil([&] { return seen_.refreshed.size() >= count; });
+  /// Waits until there were so many `calls`.
+  template <class Calls>
+  bool waitFor(Calls Seen::* calls, std::size_t count) const {
+    return waitUntil([&] { return (seen_.*calls).size() >= count; });
   }
   /// Waits until the last exchange is reported to have been answered, or not.
   bool waitForAnswer(bool answered) const {
@@ -137,16 +133,23 @@ class RESTPollingManagerTest : public testing::Test {
     manager->enableVI("/R");
   }
 
-  /// Makes the manager with the synced folder "/R", starts its worker and enters `dir`.
-  void pollFolder(std::chrono::duration<double> interval, const std::string& dir = "/R/a") {
+  /// Makes the manager with the synced folder "/R", enters `dirs` and starts the worker.
+  void poll(std::chrono::duration<double> interval, const std::vector<std::string>& dirs = {"/R/a"}) {
     makeConfigured(interval);
+    for (const auto& dir : dirs) manager->dirEnter(dir);
     manager->start_listener();
-    manager->dirEnter(dir);
   }
 
-  LoopbackServer& serve(LoopbackServer::Answer answer) { return server.emplace(std::move(answer)); }
-  LoopbackServer& serve(const std::string& body, int code = 200) {
-    return serve([=](const WireRequest&) { return WireReply{.status = code, .body = body}; });
+  void serve(LoopbackServer::Answer answer) { server.emplace(std::move(answer)); }
+  void serve(const std::string& body, int code = 200) {
+    serve([=](const WireRequest&) { return WireReply{.status = code, .body = body}; });
+  }
+
+  /// Answers each request with a new status of the item "x" in its folder.
+  void serveChanges() {
+    serve([this](const WireRequest& request) {
+      return WireReply{.body = "{\"" + dirName(request) + "x\":" + std::to_string(++pass) + "}"};
+    });
   }
 
   /// Answers "{}", the first request only once `release` is open. `arrived` opens when that one has come.
@@ -163,13 +166,11 @@ class RESTPollingManagerTest : public testing::Test {
   std::string preferences() const { return environment.container() / "VornetKelvane.plist"; }
 
   // For the server's answers, which go on after a test's own variables are gone.
-  test::Gate arrived;
-  test::Gate release;
+  Gate arrived;
+  Gate release;
   std::atomic<int> pass{0};
-  std::atomic<int> status{200};
-  std::mutex passesLock;
-  std::map<std::string, int> passes;  // by folder
-  test::Environment environment;
+  std::atomic<bool> tooLong{true};
+  Environment environment;
   LogRecorder log;
   Controller controller;
   std::optional<LoopbackServer> server;
@@ -187,14 +188,13 @@ TEST_F(RESTPollingManagerTest, BeginsIdleAndUnconfigured) {
   EXPECT_THAT(manager->pendingUpdates(), IsEmpty());
   EXPECT_EQ(manager->dirCache().maxSize(), 50u);
   EXPECT_EQ(RESTPollingManager::POLLING_INTERVAL.count(), 5.0);
-  EXPECT_EQ(RESTPollingManager::MAX_CACHE_DIRS, 50u);
   EXPECT_FALSE(RESTPollingManager().finderSync());
 }
 
 // --- Finding the synced folder --------------------------------------------------------------------------------------
 
-TEST_F(RESTPollingManagerTest, AdoptsTheSyncedFolderOfThePreferences) {
-  test::writePreferences(preferences(), "/home/ann/Kelvane");
+TEST_F(RESTPollingManagerTest, AdoptsTheSyncedFolderOfThePreferencesAndKeepsIt) {
+  writePreferences(preferences(), "/home/ann/Kelvane");
   make(NEVER);
   EXPECT_TRUE(manager->setupLocalRoot());
   EXPECT_TRUE(manager->menuEnabled());
@@ -202,53 +202,44 @@ TEST_F(RESTPollingManagerTest, AdoptsTheSyncedFolderOfThePreferences) {
   EXPECT_EQ(manager->rootDir()->description(), "file:///home/ann/Kelvane/") << "it is the URL of a folder";
   EXPECT_EQ(manager->menu().rootDir(), url("/home/ann/Kelvane"));
   EXPECT_THAT(controller.seen().observed, ElementsAre(url("/home/ann/Kelvane")));
+  const auto messages = log.messages();
   EXPECT_THAT(log.messages(LogLevel::Info),
               ElementsAre("Initialized Kevlane Finder plugin for path /home/ann/Kelvane", "Finder plugin enabled"));
-}
 
-TEST_F(RESTPollingManagerTest, StaysIdleWithoutPreferencesAndSucceedsOnceTheyExist) {
-  make(NEVER);
-  EXPECT_FALSE(manager->setupLocalRoot());
-  EXPECT_FALSE(manager->menuEnabled());
-  EXPECT_THAT(log.messages(LogLevel::Info), ElementsAre(NOT_CONFIGURED));
-  test::writePreferences(preferences(), "/R");
+  writePreferences(preferences(), "/other");
   EXPECT_TRUE(manager->setupLocalRoot());
-  EXPECT_TRUE(manager->menuEnabled());
+  EXPECT_EQ(*manager->rootDir(), url("/home/ann/Kelvane"));
+  EXPECT_EQ(log.messages(), messages) << "nothing more is said";
 }
 
-TEST_F(RESTPollingManagerTest, StaysIdleWithUnreadablePreferences) {
+TEST_F(RESTPollingManagerTest, StaysIdleWithoutReadablePreferencesAndSucceedsOnceTheyExist) {
   make(NEVER);
-  for (const char* content : {"", "no property list", "<plist><dict><key>root_dir</key>"}) {
+  const std::optional<std::string> contents[] = {std::nullopt, "", "no property list",
+                                                 "<plist><dict><key>root_dir</key>"};
+  for (const auto& content : contents) {
     log.clear();
-    test::writeFile(preferences(), content);
-    EXPECT_FALSE(manager->setupLocalRoot()) << content;
+    if (content) writeFile(preferences(), *content);
+    EXPECT_FALSE(manager->setupLocalRoot()) << content.value_or("none");
+    EXPECT_FALSE(manager->menuEnabled());
     EXPECT_THAT(log.messages(LogLevel::Info), ElementsAre(NOT_CONFIGURED));
   }
-}
-
-TEST_F(RESTPollingManagerTest, KeepsTheSyncedFolderOnceItIsKnown) {
-  test::writePreferences(preferences(), "/R");
-  make(NEVER);
-  ASSERT_TRUE(manager->setupLocalRoot());
-  test::writePreferences(preferences(), "/other");
-  log.clear();
+  writePreferences(preferences(), "/R");
   EXPECT_TRUE(manager->setupLocalRoot());
-  EXPECT_EQ(*manager->rootDir(), url("/R"));
-  EXPECT_THAT(log.messages(), IsEmpty());
+  EXPECT_TRUE(manager->menuEnabled());
 }
 
 TEST_F(RESTPollingManagerDeathTest, PreferencesWithoutTextUnderRootDirStopTheProcess) {
   make(NEVER);
   for (const char* dictionary :
        {"", "<key>root_dir</key><integer>1</integer>", "<key>other</key><string>/R</string>"}) {
-    test::writeFile(preferences(), std::string("<plist version=\"1.0\"><dict>") + dictionary + "</dict></plist>");
+    writeFile(preferences(), std::string("<plist version=\"1.0\"><dict>") + dictionary + "</dict></plist>");
     EXPECT_DEATH(manager->setupLocalRoot(), "root_dir") << dictionary;
   }
 }
 
 TEST_F(RESTPollingManagerDeathTest, AnAbsentGroupContainerStopsTheProcess) {
   make(NEVER);
-  const test::ScopedVariable nowhere("VORNET_GROUP_CONTAINERS", "/dev/null/containers");
+  const ScopedVariable nowhere("VORNET_GROUP_CONTAINERS", "/dev/null/containers");
   EXPECT_DEATH(manager->setupLocalRoot(), "group container");
 }
 
@@ -258,7 +249,7 @@ TEST_F(RESTPollingManagerDeathTest, EnablingWithoutAControllerStopsTheProcess) {
 
 TEST_F(RESTPollingManagerDeathTest, AChangeWithoutAControllerStopsTheProcess) {
   const auto pollAlone = [this] {
-    serve([this](const WireRequest&) { return WireReply{.body = "{\"/a/x\":" + std::to_string(++pass % 3) + "}"}; });
+    serveChanges();
     makeConfigured(SHORT);
     manager->setFinderSync(nullptr);
     manager->start_listener();
@@ -271,7 +262,7 @@ TEST_F(RESTPollingManagerDeathTest, AChangeWithoutAControllerStopsTheProcess) {
 // --- Badges ---------------------------------------------------------------------------------------------------------
 
 TEST_F(RESTPollingManagerTest, AnswersBadgesFromTheDatabaseUntilTheFolderIsFilledAndFromTheCacheThen) {
-  test::makeSyncDatabase(environment.container() / "sync.db", {{"/a/x", 1}, {"/a/d/", 0}});
+  makeSyncDatabase(environment.container() / "sync.db", {{"/a/x", 1}, {"/a/d/", 0}});
   serve(R"({"/a/x":2})");
   makeConfigured(NEVER);
   EXPECT_EQ(manager->badgeFromCache(url("/R/a/x")), 1);
@@ -284,11 +275,13 @@ TEST_F(RESTPollingManagerTest, AnswersBadgesFromTheDatabaseUntilTheFolderIsFille
   ASSERT_TRUE(log.waitFor(LogLevel::Debug, NO_CHANGE));
   EXPECT_EQ(manager->badgeFromCache(url("/R/a/x")), 2);
   EXPECT_EQ(manager->badgeFromCache(url("/R/a/unknown")), std::nullopt);
+  manager->clearDirCache();
+  EXPECT_EQ(manager->badgeFromCache(url("/R/a/x")), 2) << "clearing the folders' cache does nothing";
 }
 
 TEST_F(RESTPollingManagerTest, AnswersBadgesWithoutWaitingForARequestOfTheWorker) {
   serve([](const WireRequest&) { return WireReply{.manner = WireReply::Manner::stall}; });
-  pollFolder(NEVER);
+  poll(NEVER);
   ASSERT_TRUE(server->waitForRequests(1));
   // The worker's request goes on until this test's end: what follows would never return if it waited for it.
   EXPECT_EQ(manager->badgeFromCache(url("/R/a/x")), -1);
@@ -305,16 +298,18 @@ TEST_F(RESTPollingManagerDeathTest, ABadgeAskedForWithoutSyncedFolderStopsThePro
 
 // --- The worker -----------------------------------------------------------------------------------------------------
 
-TEST_F(RESTPollingManagerTest, TheFirstFillPushesNothingAndLaterChangesArePushed) {
+TEST_F(RESTPollingManagerTest, TheFirstFillPushesNothingAndEachRefreshIsReportedAfterItsChanges) {
   serve([this](const WireRequest&) {
     return WireReply{.body = ++pass == 1 ? R"({"/a/x":1,"/a/y":2})" : R"({"/a/x":2,"/a/y":2,"/a/n":0})"};
   });
-  pollFolder(SHORT);
-  ASSERT_TRUE(controller.waitForPushes(2));
-  EXPECT_THAT(controller.seen().pushes, UnorderedElementsAre(Pair("/R/a/x", 2), Pair("/R/a/n", 0)));
-  EXPECT_GE(log.count(LogLevel::Debug, NO_CHANGE), 1u);
-  const auto messages = log.messages(LogLevel::Debug);
-  EXPECT_THAT(messages,
+  poll(SHORT);
+  ASSERT_TRUE(controller.waitFor(&Seen::refreshed, 2));
+  const auto seen = controller.seen();
+  EXPECT_THAT(seen.pushes, UnorderedElementsAre(Pair("/R/a/x", 2), Pair("/R/a/n", 0)));
+  EXPECT_THAT(seen.filled, ElementsAre("/R/a"));
+  EXPECT_THAT(seen.refreshed, Each(Pair("/R/a", 2u))) << "also when nothing has changed";
+  EXPECT_GE(log.count(LogLevel::Debug, NO_CHANGE), 2u);
+  EXPECT_THAT(log.messages(LogLevel::Debug),
               Contains(testing::AnyOf(R"(Updated: ["/a/x": 2, "/a/n": 0])", R"(Updated: ["/a/n": 0, "/a/x": 2])")));
 }
 
@@ -323,76 +318,48 @@ TEST_F(RESTPollingManagerTest, AReplyThatEqualsAnEarlierOneButNotTheLastIsPushed
     const bool inProgress = ++pass / 2 % 2 == 1;  // twice, so that each reply is also followed by an equal one
     return WireReply{.body = inProgress ? R"({"/a/x":1})" : R"({"/a/x":2})"};
   });
-  pollFolder(SHORT);
-  ASSERT_TRUE(controller.waitForPushes(3));
+  poll(SHORT);
+  ASSERT_TRUE(controller.waitFor(&Seen::pushes, 3));
   EXPECT_THAT(controller.seen().pushes,
               testing::IsSupersetOf({Pair("/R/a/x", 1), Pair("/R/a/x", 2), Pair("/R/a/x", 1)}));
   EXPECT_GE(log.count(LogLevel::Debug, NO_CHANGE), 3u);
 }
 
-TEST_F(RESTPollingManagerTest, TheFirstFillOfAFolderIsReportedOnce) {
-  serve([this](const WireRequest& request) {
-    return WireReply{.body = "{\"" + dirName(request) + "x\":" + std::to_string(++pass % 3) + "}"};
-  });
+TEST_F(RESTPollingManagerTest, TheFirstFillOfAFolderIsReportedOnceAndAgainAfterItsEviction) {
+  serveChanges();
   makeConfigured(SHORT);
   EXPECT_FALSE(manager->isCached(url("/R/a/x")));
   manager->start_listener();
   manager->dirEnter("/R/a");
-  ASSERT_TRUE(controller.waitForFilled(1));
+  ASSERT_TRUE(controller.waitFor(&Seen::filled, 1));
   EXPECT_TRUE(manager->isCached(url("/R/a/x")));
   EXPECT_FALSE(manager->isCached(url("/R/a/b/x")));
   EXPECT_FALSE(manager->isCached(FileURL()));
-  ASSERT_TRUE(controller.waitForPushes(2));
+  ASSERT_TRUE(controller.waitFor(&Seen::pushes, 2));
   manager->dirEnter("/R/a");
   manager->dirEnter("/R/b");
-  ASSERT_TRUE(controller.waitForFilled(2));
-  EXPECT_THAT(controller.seen().filled, ElementsAre("/R/a", "/R/b"));
-}
-
-TEST_F(RESTPollingManagerTest, AFolderThatWasEvictedAndEnteredAgainIsReportedAgainWhenFilled) {
-  serve(R"({"/a/x":2})");
-  pollFolder(NEVER);
-  ASSERT_TRUE(controller.waitForFilled(1));
+  ASSERT_TRUE(controller.waitFor(&Seen::filled, 2));
   manager->dirCache().clearCache();
   EXPECT_FALSE(manager->isCached(url("/R/a/x")));
   manager->dirEnter("/R/a");
-  ASSERT_TRUE(controller.waitForFilled(2));
-  EXPECT_THAT(controller.seen().filled, ElementsAre("/R/a", "/R/a"));
-}
-
-TEST_F(RESTPollingManagerTest, ARefreshOfAFolderIsReportedAfterItsChanges) {
-  serve([this](const WireRequest&) {
-    return WireReply{.body = ++pass == 1 ? R"({"/a/x":1,"/a/y":2})" : R"({"/a/x":2,"/a/y":1})"};
-  });
-  pollFolder(SHORT);
-  ASSERT_TRUE(controller.waitForRefreshed(2));
-  EXPECT_THAT(controller.seen().filled, ElementsAre("/R/a"));
-  EXPECT_THAT(controller.seen().refreshed[0], Pair("/R/a", 2u));
-  EXPECT_THAT(controller.seen().refreshed[1], Pair("/R/a", 2u)) << "also when nothing has changed";
+  ASSERT_TRUE(controller.waitFor(&Seen::filled, 3));
+  EXPECT_THAT(controller.seen().filled, ElementsAre("/R/a", "/R/b", "/R/a"));
 }
 
 TEST_F(RESTPollingManagerTest, ReportsWhetherTheSyncApplicationAnswers) {
-  pollFolder(SHORT);
-  ASSERT_TRUE(controller.waitForAnswer(false)) << "nobody listens";
-  for (const char* body : {"{}", "no JSON", "[]"}) {
-    serve(body);
-    EXPECT_TRUE(controller.waitForAnswer(true)) << body;
+  const std::pair<std::string, int> answers[] = {{"{}", 200}, {"no JSON", 200}, {"[]", 200}, {"", 500}, {"", 404}};
+  poll(SHORT);
+  for (const auto& [body, code] : answers) {
+    ASSERT_TRUE(controller.waitForAnswer(false)) << "nobody listens";
+    serve(body, code);
+    EXPECT_TRUE(controller.waitForAnswer(true)) << code << ' ' << body;
     server.reset();
-    EXPECT_TRUE(controller.waitForAnswer(false));
   }
-  serve("", 500);
-  EXPECT_TRUE(controller.waitForAnswer(true));
-}
-
-TEST_F(RESTPollingManagerTest, AFolderThatTheSyncApplicationDoesNotKnowIsAnAnswer) {
-  serve("", 404);
-  pollFolder(NEVER);
-  EXPECT_TRUE(controller.waitForAnswer(true));
 }
 
 TEST_F(RESTPollingManagerTest, ReportsNoAnswerOfARequestThatItsStopEnded) {
   serve([](const WireRequest&) { return WireReply{.manner = WireReply::Manner::stall}; });
-  pollFolder(NEVER);
+  poll(NEVER);
   ASSERT_TRUE(server->waitForRequests(1));
   manager->stop_listener();
   EXPECT_THAT(controller.seen().answers, IsEmpty());
@@ -400,24 +367,19 @@ TEST_F(RESTPollingManagerTest, ReportsNoAnswerOfARequestThatItsStopEnded) {
 
 TEST_F(RESTPollingManagerTest, PostsTheCloudPathWithOneSlashAndNoExtraHeaders) {
   serve("{}");
-  pollFolder(NEVER, "/R/a b");
-  ASSERT_TRUE(server->waitForRequests(1));
-  const auto request = server->requests()[0];
-  EXPECT_EQ(request.target, "/get_icons_for_folder");
-  EXPECT_EQ(request.body, R"({"dir_name":"/a b/"})");
-  EXPECT_THAT(request.header("Accept"), IsEmpty());
-}
-
-TEST_F(RESTPollingManagerTest, TheSyncedFolderItselfIsPolledAsASlash) {
-  serve("{}");
-  pollFolder(NEVER, "/R");
-  ASSERT_TRUE(server->waitForRequests(1));
-  EXPECT_THAT(dirNames(server->requests()), ElementsAre("/"));
+  poll(NEVER, {"/R/a b", "/R"});
+  ASSERT_TRUE(server->waitForRequests(2));
+  for (const auto& request : server->requests()) {
+    EXPECT_EQ(request.target, "/get_icons_for_folder");
+    EXPECT_THAT(request.header("Accept"), IsEmpty());
+  }
+  EXPECT_EQ(server->requests()[0].body, R"({"dir_name":"/a b/"})");
+  EXPECT_EQ(server->requests()[1].body, R"({"dir_name":"/"})") << "the synced folder itself";
 }
 
 TEST_F(RESTPollingManagerTest, ANewFolderWakesTheWorkerAtOnceAndAllFoldersArePolledThen) {
   serve("{}");
-  pollFolder(NEVER);
+  poll(NEVER);
   ASSERT_TRUE(server->waitForRequests(1));
   manager->dirEnter("/R/b/c");
   ASSERT_TRUE(server->waitForRequests(3));
@@ -426,7 +388,7 @@ TEST_F(RESTPollingManagerTest, ANewFolderWakesTheWorkerAtOnceAndAllFoldersArePol
 
 TEST_F(RESTPollingManagerTest, ASignalGivenWhileAPassIsRunningIsNotLost) {
   serveOnceReleased();
-  pollFolder(NEVER);
+  poll(NEVER);
   ASSERT_TRUE(arrived.passInTime());
   manager->dirEnter("/R/bb");  // the worker is in its request, not in its wait
   release.open();
@@ -436,7 +398,7 @@ TEST_F(RESTPollingManagerTest, ASignalGivenWhileAPassIsRunningIsNotLost) {
 
 TEST_F(RESTPollingManagerTest, EnteringAFilledFolderAgainDoesNotWakeTheWorker) {
   serve("{}");
-  pollFolder(NEVER);
+  poll(NEVER);
   ASSERT_TRUE(log.waitFor(LogLevel::Debug, NO_CHANGE));
   manager->dirExit("/R/a");
   log.clear();
@@ -447,17 +409,9 @@ TEST_F(RESTPollingManagerTest, EnteringAFilledFolderAgainDoesNotWakeTheWorker) {
   EXPECT_THAT(dirNames(server->requests()), UnorderedElementsAre("/a/", "/a/", "/b/"));
 }
 
-TEST_F(RESTPollingManagerTest, AFolderOnScreenIsPolledAgainAfterEachInterval) {
-  serve("{}");
-  pollFolder(SHORT);
-  EXPECT_TRUE(server->waitForRequests(4));
-}
-
 TEST_F(RESTPollingManagerTest, PollsLongestPathFirstByBytes) {
   serve("{}");
-  makeConfigured(NEVER);
-  for (const char* dir : {"/R/a", "/R/a/bb", "/R/a/bb/c", "/R/a/\xC3\xA9\xC3\xA9"}) manager->dirEnter(dir);
-  manager->start_listener();
+  poll(NEVER, {"/R/a", "/R/a/bb", "/R/a/bb/c", "/R/a/\xC3\xA9\xC3\xA9"});
   ASSERT_TRUE(server->waitForRequests(4));
   // Two letters of two bytes each are longer than two of one byte, and as long as "bb/c".
   const auto names = dirNames(server->requests());
@@ -467,22 +421,19 @@ TEST_F(RESTPollingManagerTest, PollsLongestPathFirstByBytes) {
 
 TEST_F(RESTPollingManagerTest, WithNothingOnScreenItPostsNothingAndSaysSoAfterEachInterval) {
   serve("{}");
-  makeConfigured(SHORT);
+  make(SHORT);
   manager->start_listener();
+  EXPECT_TRUE(log.waitFor(LogLevel::Debug, NOTHING_ON_SCREEN, 2)) << "while the synced folder is unknown";
+  manager->enableVI("/R");
+  log.clear();
   EXPECT_TRUE(log.waitFor(LogLevel::Debug, NOTHING_ON_SCREEN, 3));
   EXPECT_THAT(server->requests(), IsEmpty());
 }
 
-TEST_F(RESTPollingManagerTest, UnconfiguredTheWorkerOnlyWaits) {
-  make(SHORT);
-  manager->start_listener();
-  EXPECT_TRUE(log.waitFor(LogLevel::Debug, NOTHING_ON_SCREEN, 2));
-}
-
-TEST_F(RESTPollingManagerTest, AFolderThatWasLeftIsNotPolledAnyMore) {
+TEST_F(RESTPollingManagerTest, AFolderOnScreenIsPolledAgainAfterEachIntervalUntilItIsLeft) {
   serve("{}");
-  pollFolder(SHORT);
-  ASSERT_TRUE(server->waitForRequests(2));
+  poll(SHORT);
+  ASSERT_TRUE(server->waitForRequests(4));
   manager->dirExit("/R/a");
   EXPECT_THAT(manager->currentDirs(), IsEmpty());
   manager->dirExit("/R/a");  // absent already: no error
@@ -505,29 +456,28 @@ TEST_F(RESTPollingManagerTest, EnteringLogsTheRequestAndTheNumberOfFolders) {
 }
 
 TEST_F(RESTPollingManagerTest, A404DropsTheFolderUntilItIsEnteredAgain) {
-  status = 404;
-  serve([this](const WireRequest&) { return WireReply{.status = status, .body = "{}"}; });
-  pollFolder(SHORT, "/R/gone");
+  serve("{}", 404);
+  poll(SHORT, {"/R/gone"});
   ASSERT_TRUE(log.waitFor(LogLevel::Info, "Directory /R/gone does not exist (404), ignoring subscription"));
   ASSERT_TRUE(log.waitFor(LogLevel::Debug, NOTHING_ON_SCREEN));
   EXPECT_THAT(manager->currentDirs(), IsEmpty());
   EXPECT_EQ(server->requests().size(), 1u);
-  status = 200;
+  serve("{}");
   manager->dirEnter("/R/gone");
-  ASSERT_TRUE(server->waitForRequests(2));
+  ASSERT_TRUE(server->waitForRequests(1));
   EXPECT_THAT(manager->currentDirs(), ElementsAre("/R/gone"));
 }
 
 TEST_F(RESTPollingManagerTest, AnotherStatusKeepsTheFolderAndIsLoggedWithItsClosingParenthesis) {
   serve("", 500);
-  pollFolder(SHORT);
+  poll(SHORT);
   EXPECT_TRUE(log.waitFor(LogLevel::Info, "Cannot fetch directory status: unexpected HTTP code: 500)", 2));
   EXPECT_THAT(manager->currentDirs(), ElementsAre("/R/a"));
 }
 
 TEST_F(RESTPollingManagerTest, WithoutSyncApplicationEachPollWarnsAndBadgesKeepTheirCachedValues) {
   serve(R"({"/a/x":2})");
-  pollFolder(SHORT);
+  poll(SHORT);
   ASSERT_TRUE(log.waitFor(LogLevel::Debug, NO_CHANGE));
   server.reset();
   EXPECT_TRUE(log.waitFor(LogLevel::Warning, NOT_CONNECTED, 2));
@@ -538,7 +488,7 @@ TEST_F(RESTPollingManagerTest, WithoutSyncApplicationEachPollWarnsAndBadgesKeepT
 TEST_F(RESTPollingManagerTest, AReplyThatIsNotJSONIsWarnedOfAndKeepsTheFolder) {
   for (const char* body : {"", "no json", "{\"/a/x\":1", "3"}) {
     serve(body);
-    pollFolder(SHORT);
+    poll(SHORT);
     EXPECT_TRUE(log.waitFor(LogLevel::Warning, "Unable to parse VI status tuple from DS", 2)) << body;
     manager->stop_listener();
     log.clear();
@@ -549,7 +499,7 @@ TEST_F(RESTPollingManagerTest, AReplyOfAnotherShapeIsSkippedSilentlyAndStoresNot
   for (const char* body : {"[1,2]", R"({"/a/x":"2"})", R"({"/a/x":{"y":1}})", R"({"/a/x":1,"/a/y":true})",
                            R"({"/a/x":1.5})", R"({"/a/x":null})", "[]"}) {
     serve(body);
-    pollFolder(SHORT);
+    poll(SHORT);
     ASSERT_TRUE(server->waitForRequests(3)) << body;
     manager->stop_listener();
     EXPECT_THAT(log.messages(LogLevel::Warning), IsEmpty()) << body;
@@ -562,10 +512,7 @@ TEST_F(RESTPollingManagerTest, OneFailingFolderDoesNotKeepTheOthersFromBeingPoll
     if (dirName(request) == "/long/path/") return WireReply{.status = 500};
     return WireReply{.body = R"({"/a/x":1})"};
   });
-  makeConfigured(NEVER);
-  manager->dirEnter("/R/long/path");
-  manager->dirEnter("/R/a");
-  manager->start_listener();
+  poll(NEVER, {"/R/long/path", "/R/a"});
   ASSERT_TRUE(log.waitFor(LogLevel::Debug, NO_CHANGE));
   EXPECT_THAT(dirNames(server->requests()), ElementsAre("/long/path/", "/a/"));
 }
@@ -583,26 +530,28 @@ TEST_F(RESTPollingManagerTest, AFolderEvictedFromTheCacheIsPolledButStoresAndLog
   EXPECT_EQ(log.count(LogLevel::Debug, NO_CHANGE), 50u);
 }
 
-TEST_F(RESTPollingManagerTest, StartingIsLoggedAndStoppingEndsTheWorkerFromItsWait) {
-  make(NEVER);
+TEST_F(RESTPollingManagerTest, StartingIsLoggedStoppingEndsTheWorkerFromItsWaitAndItCanBeStartedAgain) {
+  serve("{}");
+  makeConfigured(NEVER);
   manager->start_listener();
   EXPECT_TRUE(manager->running());
   EXPECT_EQ(log.count(LogLevel::Info, "Starting REST status polling"), 1u);
   manager->stop_listener();  // returns although the wait would be an hour long
   EXPECT_FALSE(manager->running());
+  manager->start_listener();
+  manager->dirEnter("/R/a");
+  EXPECT_TRUE(server->waitForRequests(1));
 }
 
 TEST_F(RESTPollingManagerTest, StoppedInARequestTheWorkerPollsNoFurtherFolder) {
   serveOnceReleased();
-  makeConfigured(SHORT);
-  for (const char* dir : {"/R/a", "/R/b", "/R/c"}) manager->dirEnter(dir);
-  manager->start_listener();
+  poll(SHORT, {"/R/a", "/R/b", "/R/c"});
   ASSERT_TRUE(arrived.passInTime());
   auto stopped = std::async(std::launch::async, [this] { manager->stop_listener(); });
   while (manager->running()) std::this_thread::yield();
-  EXPECT_FALSE(test::isDone(stopped)) << "it waits for the request to end";
+  EXPECT_FALSE(isDone(stopped)) << "it waits for the request to end";
   release.open();
-  ASSERT_TRUE(test::isDoneInTime(stopped));
+  ASSERT_TRUE(isDoneInTime(stopped));
   EXPECT_EQ(server->requests().size(), 1u);
 }
 
@@ -612,19 +561,18 @@ TEST_F(RESTPollingManagerTest, AReplyOfHalfAMillionItemsIsTaken) {
   body += "\"/a/x\":1}";
   ASSERT_GT(body.size(), std::size_t{20} << 20);
   serve(body);
-  pollFolder(SHORT);  // a busy machine may need more than one request's 3 seconds
+  poll(SHORT);  // a busy machine may need more than one request's 3 seconds
   ASSERT_TRUE(log.waitFor(LogLevel::Debug, NO_CHANGE));
   EXPECT_EQ(manager->badgeFromCache(url("/R/a/x")), 1);
 }
 
 TEST_F(RESTPollingManagerTest, AReplyAbove64MebibytesIsRejected) {
-  status = 1;
   serve([this](const WireRequest&) {
-    const std::string length = std::to_string((std::int64_t{64} << 20) + status);
+    const std::string length = std::to_string((std::int64_t{64} << 20) + tooLong);
     return WireReply{.manner = WireReply::Manner::stall,
                      .raw = "HTTP/1.1 200 OK\r\nContent-Length: " + length + "\r\n\r\n"};
   });
-  pollFolder(SHORT);
+  poll(SHORT);
   const auto timeOfRequest = [this] {
     const auto begun = server->requests().size() + 2;  // those in flight may be of the state before
     EXPECT_TRUE(server->waitForRequests(begun));
@@ -634,7 +582,7 @@ TEST_F(RESTPollingManagerTest, AReplyAbove64MebibytesIsRejected) {
   };
   const auto refused = timeOfRequest();
   EXPECT_GE(log.count(LogLevel::Warning, NOT_CONNECTED), 1u);
-  status = 0;  // the largest size is waited for, which takes 3 seconds here
+  tooLong = false;  // the largest size is waited for, which takes 3 seconds here
   EXPECT_LT(2 * refused, timeOfRequest());
 }
 
@@ -647,101 +595,57 @@ TEST_F(RESTPollingManagerTest, AReplyCountsAsNoneWhileTheOtherFoldersLeaveNoRoom
     return WireReply{.body = reply("/few", 0)};
   });
   makeConfigured(SHORT);
-  StatusTable large;
-  large.set("/large/" + std::string(std::size_t{95} << 20, 'x'), 2);
   auto& cache = manager->dirCache();
   cache.enterNewDir("/large/");
-  ASSERT_TRUE(cache.update("/large/", std::move(large)));
+  ASSERT_TRUE(cache.update("/large/", {{"/large/" + std::string(std::size_t{95} << 20, 'x'), 2}}));
 
   manager->dirEnter("/R/also");
   manager->start_listener();
   ASSERT_TRUE(log.waitFor(LogLevel::Warning, NOT_CONNECTED));
   manager->dirEnter("/R/few");
   const auto badge = [this](const char* item) { return manager->badgeFromCache(url(item)); };
-  EXPECT_TRUE(test::becomesTrue([&] { return badge("/R/few/x") == 1; }));
+  EXPECT_TRUE(becomesTrue([&] { return badge("/R/few/x") == 1; }));
   EXPECT_EQ(badge("/R/also/x"), -1) << "what the database knows";
 
   cache.clearCache();
   manager->dirEnter("/R/also");
-  EXPECT_TRUE(test::becomesTrue([&] { return badge("/R/also/x") == 1; })) << "there is room again";
-}
-
-TEST_F(RESTPollingManagerTest, AWorkerCanBeStartedAgain) {
-  serve("{}");
-  makeConfigured(NEVER);
-  manager->start_listener();
-  manager->stop_listener();
-  manager->start_listener();
-  manager->dirEnter("/R/a");
-  EXPECT_TRUE(server->waitForRequests(1));
+  EXPECT_TRUE(becomesTrue([&] { return badge("/R/also/x") == 1; })) << "there is room again";
 }
 
 TEST_F(RESTPollingManagerTest, TheWorkerKeepsTheManagerAliveUntilItEnds) {
   make(NEVER);
   manager->start_listener();
   const std::weak_ptr<RESTPollingManager> watched = manager;
-  RESTPollingManager* bare = manager.get();
   manager.reset();
-  ASSERT_FALSE(watched.expired());
-  auto held = bare->shared_from_this();
+  auto held = watched.lock();
+  ASSERT_TRUE(held);
   held->stop_listener();
   held.reset();
   EXPECT_TRUE(watched.expired());
 }
 
 TEST_F(RESTPollingManagerTest, TheWorkerRunsAtBackgroundPriorityAndPushesFromItsOwnThread) {
-  struct Prioritised : Controller {
-    void setFileSyncStatus(const FileURL& item, std::int64_t status) override {
-      niceness = ::getpriority(PRIO_PROCESS, static_cast<id_t>(::gettid()));
-      thread = ::gettid();
-      Controller::setFileSyncStatus(item, status);
-    }
-    std::atomic<int> niceness{-1};
-    std::atomic<pid_t> thread{0};
-  } prioritised;
-  serve([this](const WireRequest&) { return WireReply{.body = "{\"/a/x\":" + std::to_string(++pass % 3) + "}"}; });
-  makeConfigured(SHORT);
-  manager->setFinderSync(&prioritised);
-  manager->start_listener();
-  manager->dirEnter("/R/a");
-  EXPECT_TRUE(prioritised.waitForPushes(1));
+  serveChanges();
+  poll(SHORT);
+  ASSERT_TRUE(controller.waitFor(&Seen::pushes, 1));
   // Where the test itself is as nice as can be, the worker cannot be nicer.
-  EXPECT_EQ(prioritised.niceness, std::min(19, 10 + std::max(0, ::getpriority(PRIO_PROCESS, 0))));
-  EXPECT_NE(prioritised.thread, ::gettid());
-  manager->stop_listener();
-}
-
-TEST_F(RESTPollingManagerTest, ClearingTheFoldersCacheDoesNothing) {
-  serve(R"({"/a/x":2})");
-  pollFolder(NEVER);
-  ASSERT_TRUE(log.waitFor(LogLevel::Debug, NO_CHANGE));
-  manager->clearDirCache();
-  EXPECT_EQ(manager->badgeFromCache(url("/R/a/x")), 2);
+  EXPECT_EQ(controller.seen().niceness, std::min(19, 10 + std::max(0, ::getpriority(PRIO_PROCESS, 0))));
+  EXPECT_NE(controller.seen().pusher, ::gettid());
 }
 
 TEST_F(RESTPollingManagerTest, ManyThreadsEnterLeaveAndAskWhileTheWorkerPolls) {
-  serve([this](const WireRequest& request) {
-    const auto dir = dirName(request);
-    // Counted by folder, so that each poll of a folder brings a change, however many folders are polled.
-    const std::lock_guard guard(passesLock);
-    return WireReply{.body = "{\"" + dir + "x\":" + std::to_string(++passes[dir] % 3) + "}"};
+  serveChanges();
+  poll(SHORT, {});
+  inParallel(4, [this](std::size_t thread) {
+    for (std::size_t i = 0; i < 100; ++i) {
+      const std::string dir = "/R/" + std::to_string((thread + i) % 60);
+      manager->dirEnter(dir);
+      manager->badgeFromCache(url(dir + "/x"));
+      if (i % 3 == 0) manager->dirExit(dir);
+    }
   });
-  makeConfigured(SHORT);
-  manager->start_listener();
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([this, i] {
-      for (int j = 0; j < 100; ++j) {
-        const std::string dir = "/R/" + std::to_string((i + j) % 60);
-        manager->dirEnter(dir);
-        manager->badgeFromCache(url(dir + "/x"));
-        if (j % 3 == 0) manager->dirExit(dir);
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  EXPECT_TRUE(controller.waitForPushes(10));
+  EXPECT_TRUE(controller.waitFor(&Seen::pushes, 10));
 }
 
 }  // namespace
-}  // namespace vornet
+}  // namespace vornet::test
