@@ -11,13 +11,12 @@ using namespace std::string_literals;
 using test::BinaryList;
 using Format = PropertyListFormat;
 
-constexpr std::string_view HEAD =
-    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-    "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
-    "<plist version=\"1.0\">\n";
-
 std::string xml(std::string_view content) {
-  return std::string(HEAD).append(content).append("\n</plist>\n");
+  constexpr std::string_view head =
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+      "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+      "<plist version=\"1.0\">\n";
+  return std::string(head).append(content).append("\n</plist>\n");
 }
 std::string repeated(std::string_view text, std::size_t times) {
   std::string out;
@@ -34,21 +33,24 @@ bool isBinary(const std::string& bytes) {
 
 // --- Binary
 
-/// A dictionary with one text.
-BinaryList plain() {
-  BinaryList list;
-  list.dictionary({1}, {2});
-  list.text("root_dir");
-  list.text("/home/ann");
-  return list;
-}
-/// A dictionary whose value is the object `bytes`.
-std::string holding(const std::string& bytes) {
+/// A dictionary with one key, whose value is added next: the object 2.
+BinaryList withKey() {
   BinaryList list;
   list.dictionary({1}, {2});
   list.text("k");
+  return list;
+}
+/// One whose value is the object `bytes`.
+std::string holding(const std::string& bytes) {
+  BinaryList list = withKey();
   list.add(bytes);
   return list.bytes();
+}
+/// One with a text.
+BinaryList plain() {
+  BinaryList list = withKey();
+  list.text("/home/ann");
+  return list;
 }
 
 TEST(BinaryListScan, PassesWhatWritersMake) {
@@ -73,19 +75,13 @@ TEST(BinaryListScan, PassesValuesReferredToMoreThanOnce) {
 TEST(BinaryListScan, RefusesListsThatExpandTooMuch) {
   for (const std::size_t levels : {14U, 20U, 60U}) EXPECT_FALSE(isBinary(BinaryList::doubling(levels))) << levels;
   EXPECT_TRUE(isBinary(BinaryList::doubling(10)));
-  // A hundred references to a hundred thousand bytes.
-  BinaryList list;
-  list.dictionary({1}, {2});
-  list.text("k");
-  list.array(std::vector<std::size_t>(100, 3));
-  list.text(std::string(100'000, 'x'));
-  EXPECT_FALSE(isBinary(list.bytes()));
-  BinaryList wide;
-  wide.dictionary({1}, {2});
-  wide.text("k");
-  wide.array(std::vector<std::size_t>(100, 3));
-  wide.add(BinaryList::object(6, 50'000) + std::string(100'000, 'x'));
-  EXPECT_FALSE(isBinary(wide.bytes()));
+  // A hundred references to a hundred thousand bytes, of either kind of text.
+  for (const auto& start : {BinaryList::object(5, 100'000), BinaryList::object(6, 50'000)}) {
+    BinaryList list = withKey();
+    list.array(std::vector<std::size_t>(100, 3));
+    list.add(start + std::string(100'000, 'x'));
+    EXPECT_FALSE(isBinary(list.bytes())) << ::testing::PrintToString(start);
+  }
 }
 
 TEST(BinaryListScan, RefusesCycles) {
@@ -93,9 +89,7 @@ TEST(BinaryListScan, RefusesCycles) {
   self.dictionary({1}, {0});
   self.text("k");
   EXPECT_FALSE(isBinary(self.bytes()));
-  BinaryList round;
-  round.dictionary({1}, {2});
-  round.text("k");
+  BinaryList round = withKey();
   round.array({3});
   round.array({2});
   EXPECT_FALSE(isBinary(round.bytes()));
@@ -142,11 +136,8 @@ TEST(BinaryListScan, RefusesObjectsThatReachBeyondTheirPlace) {
   const std::string half = BinaryList::bigEndian(std::uint64_t{1} << 63, 8);
   for (const unsigned kind : {0x4U, 0x5U, 0x6U, 0xAU, 0xCU, 0xDU}) {
     const std::string marker(1, static_cast<char>(kind << 4 | 0xF));
-    for (const auto& count : {much, half}) EXPECT_FALSE(isBinary(holding(marker + '\x13' + count))) << kind;
-    EXPECT_FALSE(isBinary(holding(marker + '\x14' + much + much))) << kind;
-    EXPECT_FALSE(isBinary(holding(marker + '\x23' + much))) << kind;
-    EXPECT_FALSE(isBinary(holding(marker))) << kind;
-    EXPECT_FALSE(isBinary(holding(marker + '\x13'))) << kind;
+    for (const auto& count : {"\x13" + much, "\x13" + half, "\x14" + much + much, "\x23" + much, "\x13"s, ""s})
+      EXPECT_FALSE(isBinary(holding(marker + count))) << kind << ' ' << ::testing::PrintToString(count);
     EXPECT_FALSE(isBinary(holding(std::string(1, static_cast<char>(kind << 4 | 1))))) << kind;
   }
   for (const std::string& bytes : {"\x13"s, "\x15"s + std::string(32, '\0'), "\x23\0"s, "\x33"s, "\x8F"s, ""s})
@@ -185,9 +176,8 @@ TEST(BinaryListScan, RefusesTextThatHoldsANUL) {
 }
 
 TEST(BinaryListScan, RefusesTooFewBytes) {
-  EXPECT_FALSE(isBinary("bplist00"));
-  EXPECT_FALSE(isBinary("bplist00" + std::string(31, '\0')));
-  EXPECT_FALSE(isBinary("bplist00" + std::string(32, '\0')));
+  for (const std::string& rest : {""s, std::string(31, '\0'), std::string(32, '\0')})
+    EXPECT_FALSE(isBinary("bplist00" + rest)) << rest.size();
   std::string other = plain().bytes();
   other[7] = '1';
   EXPECT_EQ(scanPropertyList(other), Format::none);
@@ -210,50 +200,32 @@ TEST(XMLListScan, RefusesIncompleteLists) {
   const std::string good = xml("<dict><key>root_dir</key><string>/home/ann</string><key>n</key><true/></dict>");
   for (std::size_t length = 0; length < good.size() - 1; ++length)
     EXPECT_EQ(scanPropertyList(std::string_view(good).substr(0, length)), Format::none) << length;
-  EXPECT_EQ(scanPropertyList(good + "x"), Format::none);
-  EXPECT_EQ(scanPropertyList(good + good), Format::none);
-  EXPECT_EQ(scanPropertyList(good + '\0'), Format::none);
+  for (const std::string& more : {"x"s, good, "\0"s}) EXPECT_EQ(scanPropertyList(good + more), Format::none) << more;
 }
 
 TEST(XMLListScan, RefusesOtherShapes) {
-  for (const char* content : {"",
-                              "text",
-                              "<dict>text</dict>",
-                              "<dict></array>",
-                              "<dict/></dict>",
-                              "<dict><key>a</dict>",
-                              "<html/>",
-                              "<string><b/></string>",
-                              "<dict/><dict/>",
-                              "<plist><dict/></plist>",
-                              "<string>&</string>",
-                              "<string>&nbsp;</string>",
-                              "<string>&#0;</string>",
-                              "<string>&#xD800;</string>",
-                              "<string>&#x110000;</string>",
-                              "<string>&#99999999999999999999;</string>",
-                              "<string>&#-1;</string>",
-                              "<string>&#x;</string>",
-                              "<string>&#65</string>",
-                              "<string>&a;</string>",
-                              "<string a=\"<\">x</string>",
-                              "<string a=b>x</string>",
-                              "<string a>x</string>",
-                              "<string a=\"1>x</string>",
-                              "< string>x</string>",
-                              "<string>x</string a=\"b\">",
-                              "<string>x<!-- </string>",
-                              "<string>x<![CDATA[ </string>",
-                              "<?php?><dict/>",
-                              "<!DOCTYPE a><dict/>",
-                              "</string/>",
-                              "<!ENTITY a \"b\"><dict/>"}) {
+  for (const char* content :
+       {"", "text", "<dict>text</dict>", "<dict></array>", "<dict/></dict>", "<dict><key>a</dict>", "<html/>",
+        "<string><b/></string>", "<dict/><dict/>", "<plist><dict/></plist>", "< string>x</string>",
+        "<string>x</string a=\"b\">", "</string/>", "<string>x<!-- </string>", "<string>x<![CDATA[ </string>",
+        "<?php?><dict/>", "<!DOCTYPE a><dict/>", "<!ENTITY a \"b\"><dict/>"}) {
     EXPECT_FALSE(isXML(content)) << content;
   }
-  EXPECT_EQ(scanPropertyList("<dict><key>root_dir</key><string>x</string></dict>"), Format::none);
-  EXPECT_EQ(scanPropertyList("<plist/>"), Format::none);
-  EXPECT_EQ(scanPropertyList("{ root_dir = \"/home/ann\"; }"), Format::none);
-  EXPECT_EQ(scanPropertyList("{\"root_dir\": \"/home/ann\"}"), Format::none);
+  for (const char* list : {"<dict><key>root_dir</key><string>x</string></dict>", "<plist/>",
+                           "{ root_dir = \"/home/ann\"; }", "{\"root_dir\": \"/home/ann\"}"}) {
+    EXPECT_EQ(scanPropertyList(list), Format::none) << list;
+  }
+}
+
+TEST(XMLListScan, RefusesBrokenReferencesToCharacters) {
+  for (const std::string& text : {"&"s, "&nbsp;"s, "&a;"s, "&#0;"s, "&#xD800;"s, "&#x110000;"s,
+                                  "&#99999999999999999999;"s, "&#-1;"s, "&#x;"s, "&#65"s})
+    EXPECT_FALSE(isXML("<string>" + text + "</string>")) << text;
+}
+
+TEST(XMLListScan, RefusesBrokenAttributes) {
+  for (const std::string& attribute : {"a=\"<\""s, "a=b"s, "a"s, "a=\"1"s})
+    EXPECT_FALSE(isXML("<string " + attribute + ">x</string>")) << attribute;
 }
 
 TEST(XMLListScan, RefusesInternalEntities) {
@@ -264,9 +236,8 @@ TEST(XMLListScan, RefusesInternalEntities) {
 }
 
 TEST(XMLListScan, RefusesTextThatIsNotUTF8) {
-  EXPECT_FALSE(isXML("<string>\xFF</string>"));
-  EXPECT_FALSE(isXML("<string>\xED\xA0\x80</string>"));
-  EXPECT_FALSE(isXML("<string>\0</string>"s));
+  for (const std::string& text : {"\xFF"s, "\xED\xA0\x80"s, "\0"s})
+    EXPECT_FALSE(isXML("<string>" + text + "</string>")) << ::testing::PrintToString(text);
   EXPECT_EQ(scanPropertyList("\xFF\xFE<\0p\0l\0i\0s\0t\0"s), Format::none);
 }
 

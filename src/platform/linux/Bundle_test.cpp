@@ -30,10 +30,8 @@ TEST(Bundle, GivesTheTextsThatWereSet) {
 
 TEST(Bundle, LacksEmptyTextsAndUnknownKeys) {
   host::setMainBundle({.identifier = "com.example.app", .version = "", .build = "", .imageFolders = {}});
-  EXPECT_EQ(bundleInfoText("CFBundleShortVersionString"), std::nullopt);
-  EXPECT_EQ(bundleInfoText("CFBundleVersion"), std::nullopt);
-  EXPECT_EQ(bundleInfoText("CFBundleName"), std::nullopt);
-  EXPECT_EQ(bundleInfoText(""), std::nullopt);
+  for (const char* key : {"CFBundleShortVersionString", "CFBundleVersion", "CFBundleName", ""})
+    EXPECT_EQ(bundleInfoText(key), std::nullopt) << key;
 }
 
 TEST(RunningApplications, AreThisProcessAndThoseThatWereSet) {
@@ -50,9 +48,8 @@ TEST(RunningApplications, AreThisProcessAndThoseThatWereSet) {
 
 TEST(Bundle, FindsImageFoldersBesideTheProgramsFolder) {
   const auto program = std::filesystem::read_symlink("/proc/self/exe");
-  const auto folders = host::imageFoldersOfProgram();
-  ASSERT_EQ(folders.size(), 1u);
-  EXPECT_EQ(folders[0], program.parent_path().parent_path().string() + "/share/vornet-vi/images");
+  EXPECT_THAT(host::imageFoldersOfProgram(),
+              ElementsAre(program.parent_path().parent_path() / "share/vornet-vi/images"));
 }
 
 }  // namespace

@@ -1,11 +1,13 @@
 #include "platform/Dispatch.hpp"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/resource.h>
 
 #include <algorithm>
 #include <atomic>
+#include <numeric>
 #include <thread>
 #include <vector>
 
@@ -17,12 +19,6 @@ namespace {
 
 using test::Gate;
 
-std::string nameOfThisThread() {
-  char name[16] = {};
-  ::pthread_getname_np(::pthread_self(), name, sizeof name);
-  return name;
-}
-
 // --- The background task
 
 TEST(BackgroundTask, RunsOnItsOwnThread) {
@@ -32,63 +28,42 @@ TEST(BackgroundTask, RunsOnItsOwnThread) {
   EXPECT_NE(thread, std::this_thread::get_id());
 }
 
-TEST(BackgroundTask, StartsWithoutWaitingForItsWork) {
-  Gate gate;
-  std::atomic<bool> ran = false;
-  auto task = BackgroundTask::start([&] {
-    gate.pass();
-    ran = true;
-  });
-  EXPECT_FALSE(ran);  // the work cannot have ended: it waits for this thread
-  gate.open();
-  task.wait();
-  EXPECT_TRUE(ran);
-}
-
-TEST(BackgroundTask, RunsAtBackgroundPriorityAndLeavesTheOthers) {
+TEST(BackgroundTask, LeavesThePriorityOfTheOtherThreads) {
   const int own = ::getpriority(PRIO_PROCESS, 0);
-  int inside = -100;
-  BackgroundTask::start([&] { inside = ::getpriority(PRIO_PROCESS, 0); }).wait();
-  EXPECT_EQ(inside, std::min(std::max(own, 0) + 10, 19));
+  BackgroundTask::start([] {}).wait();
   EXPECT_EQ(::getpriority(PRIO_PROCESS, 0), own);
-  int other = -100;
-  std::thread([&] { other = ::getpriority(PRIO_PROCESS, 0); }).join();
-  EXPECT_EQ(other, own);
+  EXPECT_EQ(test::onAnotherThread([] { return ::getpriority(PRIO_PROCESS, 0); }), own);
 }
 
-TEST(BackgroundTask, IsNicerThanANiceProcessAndNeverLessNice) {
-  for (const int own : {0, 5, 12, 19}) {
+TEST(BackgroundTask, IsNicerThanItsProcessAndNeverLessNice) {
+  for (const int least : {-20, 0, 5, 12, 19}) {
+    const int own = std::max(least, ::getpriority(PRIO_PROCESS, 0));
     test::ChildProcess process([own] {
-      if (::setpriority(PRIO_PROCESS, 0, std::max(own, ::getpriority(PRIO_PROCESS, 0))) != 0) return 100;
+      if (::setpriority(PRIO_PROCESS, 0, own) != 0) return 100;
       int inside = -100;
       BackgroundTask::start([&inside] { inside = ::getpriority(PRIO_PROCESS, 0); }).wait();
       return inside;
     });
-    EXPECT_EQ(process.wait(), std::min(std::max(own, ::getpriority(PRIO_PROCESS, 0)) + 10, 19)) << own;
+    EXPECT_EQ(process.wait(), std::min(std::max(own, 0) + 10, 19)) << own;
   }
 }
 
-TEST(BackgroundTask, LetsSeveralThreadsWaitMoreThanOnce) {
+TEST(BackgroundTask, StartsWithoutWaitingForItsWorkAndLetsSeveralThreadsWaitMoreThanOnce) {
   Gate gate;
   std::atomic<bool> ended = false;
-  auto task = BackgroundTask::start([&] {
+  const auto task = BackgroundTask::start([&] {
     gate.pass();
     ended = true;
   });
+  EXPECT_FALSE(ended);  // the work cannot have ended: it waits for this thread
   std::atomic<int> early = 0;
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 6; ++i) {
-    threads.emplace_back([&, copy = task]() mutable {
-      copy.wait();
-      if (!ended) ++early;
-      copy.wait();
-    });
-  }
-  gate.open();
-  task.wait();
-  EXPECT_TRUE(ended);
-  task.wait();
-  for (auto& thread : threads) thread.join();
+  test::inParallel(6, [&, task](std::size_t thread) {
+    if (thread == 0) gate.open();
+    auto copy = task;
+    copy.wait();
+    if (!ended) ++early;
+    copy.wait();
+  });
   EXPECT_EQ(early, 0);
 }
 
@@ -112,62 +87,36 @@ TEST(BackgroundTask, EndsByItselfWhenDropped) {
 
 // --- The serial queue
 
-TEST(SerialQueue, RunsTasksInTheOrderGiven) {
-  std::vector<int> order;
-  SerialQueue queue("order");
-  for (int i = 0; i < 1000; ++i) queue.async([&order, i] { order.push_back(i); });
-  queue.drain();
-  ASSERT_EQ(order.size(), 1000u);
-  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
-}
-
-TEST(SerialQueue, RunsOneTaskAtATimeAndKeepsEachThreadsOrder) {
+TEST(SerialQueue, RunsOneTaskAtATimeInTheOrderInWhichEachThreadGaveThem) {
   constexpr std::size_t THREADS = 8;
-  constexpr int TASKS = 500;
+  std::vector<int> numbers(500);
+  std::iota(numbers.begin(), numbers.end(), 0);
   std::vector<std::vector<int>> order(THREADS);
-  int unguarded = 0;  // two tasks at once would lose some, and be seen by the thread sanitizer
+  std::size_t unguarded = 0;  // two tasks at once would lose some, and be seen by the thread sanitizer
   SerialQueue queue("threads");
-  std::vector<std::thread> threads;
-  for (std::size_t thread = 0; thread < THREADS; ++thread) {
-    threads.emplace_back([&, thread] {
-      for (int i = 0; i < TASKS; ++i) {
-        queue.async([&, thread, i] {
-          ++unguarded;
-          order[thread].push_back(i);
-        });
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  queue.drain();
-  EXPECT_EQ(unguarded, static_cast<int>(THREADS) * TASKS);
-  for (const auto& tasks : order) EXPECT_TRUE(std::is_sorted(tasks.begin(), tasks.end()));
-}
-
-TEST(SerialQueue, TakesATaskWithoutWaitingForIt) {
-  Gate gate;
-  bool ran = false;
-  SerialQueue queue("async");
-  queue.async([&] {
-    gate.pass();
-    ran = true;
+  test::inParallel(THREADS, [&](std::size_t thread) {
+    for (const int number : numbers) {
+      queue.async([&, thread, number] {
+        ++unguarded;
+        order[thread].push_back(number);
+      });
+    }
   });
-  queue.async([] {});
-  gate.open();  // not reached if the first task had to end before
   queue.drain();
-  EXPECT_TRUE(ran);
+  EXPECT_EQ(unguarded, THREADS * numbers.size());
+  EXPECT_THAT(order, testing::Each(numbers));
 }
 
 TEST(SerialQueue, RunsTasksOnAThreadWithItsLabelAsName) {
-  std::string name;
+  char name[16] = {};
   std::thread::id thread;
   SerialQueue queue("a label longer than a thread's name");
   queue.async([&] {
-    name = nameOfThisThread();
+    ::pthread_getname_np(::pthread_self(), name, sizeof name);
     thread = std::this_thread::get_id();
   });
   queue.drain();
-  EXPECT_EQ(name, "a label longer ");
+  EXPECT_STREQ(name, "a label longer ");
   EXPECT_NE(thread, std::this_thread::get_id());
 }
 
@@ -177,7 +126,7 @@ TEST(SerialQueue, DrainsAtOnceWhenNothingWasGiven) {
   queue.drain();
 }
 
-TEST(SerialQueue, GivesUpDrainingAfterTheGivenTimeAndRunsTheRestAllTheSame) {
+TEST(SerialQueue, TakesTasksWithoutWaitingForThemAndDrainsForNoLongerThanTheGivenTime) {
   Gate gate;
   bool ran = false;
   SerialQueue queue("stuck");
@@ -192,21 +141,17 @@ TEST(SerialQueue, GivesUpDrainingAfterTheGivenTimeAndRunsTheRestAllTheSame) {
 TEST(SerialQueue, DrainsForSeveralThreads) {
   std::atomic<int> ran = 0;
   SerialQueue queue("drain");
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&] {
-      for (int round = 0; round < 50; ++round) {
-        bool own = false;
-        queue.async([&] {
-          own = true;
-          ++ran;
-        });
-        queue.drain();
-        EXPECT_TRUE(own);
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
+  test::inParallel(4, [&](std::size_t) {
+    for (int round = 0; round < 50; ++round) {
+      bool own = false;
+      queue.async([&] {
+        own = true;
+        ++ran;
+      });
+      queue.drain();
+      EXPECT_TRUE(own);
+    }
+  });
   EXPECT_EQ(ran, 200);
 }
 
@@ -244,14 +189,12 @@ TEST(SerialQueue, TakesTasksFromWithinATask) {
 
 TEST(SerialQueue, TakesATaskThatTheEndOfAnotherQueues) {
   bool ran = false;
-  {
-    SerialQueue queue("held");
-    const auto atEnd = [&](void*) { queue.async([&] { ran = true; }); };
-    queue.async([held = std::shared_ptr<void>(nullptr, atEnd)] {});
-    queue.drain();
-    queue.drain();
-    EXPECT_TRUE(ran);
-  }
+  SerialQueue queue("held");
+  const auto atEnd = [&](void*) { queue.async([&] { ran = true; }); };
+  queue.async([held = std::shared_ptr<void>(nullptr, atEnd)] {});
+  queue.drain();
+  queue.drain();
+  EXPECT_TRUE(ran);
 }
 
 TEST(SerialQueue, RunsQueuedTasksWhenItEnds) {

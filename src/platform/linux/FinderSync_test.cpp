@@ -4,17 +4,18 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <mutex>
 #include <thread>
 
 #include "platform/linux/FinderSyncHost.hpp"
 #include "platform/linux/Host.hpp"
 #include "support/TemporaryFolder.hpp"
+#include "support/Threads.hpp"
 
 namespace vornet::platform {
 namespace {
 
 using testing::ElementsAre;
+using testing::FieldsAre;
 using testing::IsEmpty;
 using testing::Pair;
 
@@ -31,7 +32,7 @@ class Plain : public FIFinderSync {
 
 TEST(FIFinderSync, AnswersNothingWhereNothingIsOverridden) {
   Plain plain;
-  const auto url = FileURL::fileURLWithPath("/a");
+  const auto url = at("/a");
   plain.beginObservingDirectoryAtURL(url);
   plain.endObservingDirectoryAtURL(url);
   plain.requestBadgeIdentifierForURL(url);
@@ -71,13 +72,31 @@ class NotingListener : public host::Listener {
   int directories = 0;
 };
 
+/// The folder "/a" is on screen.
 class FinderSyncController : public testing::Test {
  protected:
-  FinderSyncController() { host::setListener(&listener); }
-  ~FinderSyncController() override { host::setListener(nullptr); }
+  FinderSyncController() {
+    host::setListener(&listener);
+    host::folderShown("/a");
+  }
+  ~FinderSyncController() override {
+    host::folderHidden("/a");
+    host::setListener(nullptr);
+  }
+
+  /// Requests the badge of `item`, which gets no answer; false when that may be outdated.
+  static bool ask(const FileURL& item) { return host::BadgeRequest(item).apply(); }
+
+  /// Requests the badge of `item` and answers with `badge`; false when the answer may be outdated.
+  bool answer(const FileURL& item, std::string_view badge) {
+    host::BadgeRequest request(item);
+    controller.setBadgeIdentifier(badge, item);
+    return request.apply();
+  }
 
   FIFinderSyncController& controller = FIFinderSyncController::defaultController();
   NotingListener listener;
+  const FileURL url = at("/a/file");
 };
 
 TEST_F(FinderSyncController, IsOne) {
@@ -96,29 +115,24 @@ TEST_F(FinderSyncController, RegistersBadgesInTheOrderOfTheirFirstRegistration) 
   controller.setBadgeImage(Image(), "Synced", "SYNCED");
   controller.setBadgeImage(Image(), "Not synced", "SKIPPED");
   controller.setBadgeImage(*image, "Synced again", "SYNCED");
-  const auto badges = host::registeredBadges();
-  ASSERT_EQ(badges.size(), 2u);
-  EXPECT_EQ(badges[0].identifier, "SYNCED");
-  EXPECT_EQ(badges[0].label, "Synced again");
-  EXPECT_EQ(badges[0].image, *image);
-  EXPECT_EQ(badges[1].identifier, "SKIPPED");
-  EXPECT_EQ(badges[1].label, "Not synced");
+  EXPECT_THAT(host::registeredBadges(),
+              ElementsAre(FieldsAre("SYNCED", "Synced again", *image), FieldsAre("SKIPPED", "Not synced", Image())));
 }
 
 // --- Badges of items
 
 TEST_F(FinderSyncController, KeepsABadgeWhileItsFolderIsOnScreen) {
+  controller.setBadgeIdentifier("SYNCED", url);
+  EXPECT_EQ(host::badgeIdentifier(url), "SYNCED");
   host::folderShown("/a");
-  controller.setBadgeIdentifier("SYNCED", at("/a/file"));
-  EXPECT_EQ(host::badgeIdentifier(at("/a/file")), "SYNCED");
+  EXPECT_EQ(host::badgeIdentifier(url), "SYNCED") << "shown in a second window";
   host::folderHidden("/a");
-  EXPECT_EQ(host::badgeIdentifier(at("/a/file")), std::nullopt);
+  EXPECT_EQ(host::badgeIdentifier(url), std::nullopt);
   host::folderShown("/a");
-  EXPECT_EQ(host::badgeIdentifier(at("/a/file")), std::nullopt) << "forgotten";
+  EXPECT_EQ(host::badgeIdentifier(url), std::nullopt) << "forgotten";
 }
 
 TEST_F(FinderSyncController, KeepsAndReportsNoBadgeOfAFolderThatIsNotOnScreen) {
-  host::folderShown("/a");
   for (const char* path : {"/b/file", "/a/folder/file", "/a", "/ab/file"}) {
     controller.setBadgeIdentifier("SYNCED", at(path));
     EXPECT_EQ(host::badgeIdentifier(at(path)), std::nullopt) << path;
@@ -127,8 +141,7 @@ TEST_F(FinderSyncController, KeepsAndReportsNoBadgeOfAFolderThatIsNotOnScreen) {
 }
 
 TEST_F(FinderSyncController, KnowsNoBadgeThatWasNotSet) {
-  host::folderShown("/a");
-  EXPECT_EQ(host::badgeIdentifier(at("/a/file")), std::nullopt);
+  EXPECT_EQ(host::badgeIdentifier(url), std::nullopt);
   EXPECT_EQ(host::badgeIdentifier(FileURL()), std::nullopt);
 }
 
@@ -140,33 +153,20 @@ TEST_F(FinderSyncController, ShowsBadgesInTheRootFolder) {
 }
 
 TEST_F(FinderSyncController, ReportsEachChangeOnce) {
-  host::folderShown("/a");
-  controller.setBadgeIdentifier("PENDING", at("/a/file"));
-  controller.setBadgeIdentifier("PENDING", at("/a/file"));
-  controller.setBadgeIdentifier("SYNCED", at("/a/file"));
-  controller.setBadgeIdentifier("", at("/a/file"));
-  controller.setBadgeIdentifier("", at("/a/file"));
+  for (const char* badge : {"PENDING", "PENDING", "SYNCED", "", ""}) controller.setBadgeIdentifier(badge, url);
   controller.setBadgeIdentifier("SYNCED", at("/a/other"));
   EXPECT_THAT(listener.badges, ElementsAre(Pair("/a/file", "PENDING"), Pair("/a/file", "SYNCED"), Pair("/a/file", ""),
                                            Pair("/a/other", "SYNCED")));
-  EXPECT_EQ(host::badgeIdentifier(at("/a/file")), "");
+  EXPECT_EQ(host::badgeIdentifier(url), "");
 }
 
 TEST_F(FinderSyncController, ReportsABadgeAgainAfterItsFolderWasAway) {
-  host::folderShown("/a");
-  controller.setBadgeIdentifier("SYNCED", at("/a/file"));
+  controller.setBadgeIdentifier("SYNCED", url);
   host::folderHidden("/a");
-  controller.setBadgeIdentifier("SYNCED", at("/a/file"));
+  controller.setBadgeIdentifier("SYNCED", url);
   host::folderShown("/a");
-  controller.setBadgeIdentifier("SYNCED", at("/a/file"));
+  controller.setBadgeIdentifier("SYNCED", url);
   EXPECT_EQ(listener.badges.size(), 2u);
-}
-
-TEST_F(FinderSyncController, KeepsItsBadgesWhenAFolderIsShownAgain) {
-  host::folderShown("/a");
-  controller.setBadgeIdentifier("SYNCED", at("/a/file"));
-  host::folderShown("/a");
-  EXPECT_EQ(host::badgeIdentifier(at("/a/file")), "SYNCED");
 }
 
 TEST_F(FinderSyncController, HidesAFolderThatWasNotShown) {
@@ -184,8 +184,6 @@ TEST_F(FinderSyncController, IgnoresURLsWithoutPath) {
 // --- Answers to requests
 
 TEST_F(FinderSyncController, TakesABadgeOfTheAskedItemAsTheAnswer) {
-  host::folderShown("/a");
-  const auto url = at("/a/file");
   host::BadgeRequest request(url);
   EXPECT_EQ(request.answer(), std::nullopt);
   controller.setBadgeIdentifier("SYNCED", at("/a/file"));
@@ -197,8 +195,6 @@ TEST_F(FinderSyncController, TakesABadgeOfTheAskedItemAsTheAnswer) {
 }
 
 TEST_F(FinderSyncController, TakesNoAnswerThatMayBeOlderThanTheBadge) {
-  host::folderShown("/a");
-  const auto url = at("/a/file");
   host::BadgeRequest overtaken(url);
   std::thread([&] { controller.setBadgeIdentifier("SYNCED", url); }).join();
   controller.setBadgeIdentifier("PENDING", url);
@@ -207,17 +203,13 @@ TEST_F(FinderSyncController, TakesNoAnswerThatMayBeOlderThanTheBadge) {
   EXPECT_THAT(listener.badges, ElementsAre(Pair("/a/file", "SYNCED")));
 
   host::BadgeRequest again(url);
-  {
-    host::BadgeRequest other(url);
-    controller.setBadgeIdentifier("SYNCED", url);
-    EXPECT_TRUE(other.apply());
-  }
+  EXPECT_TRUE(answer(url, "SYNCED"));
   controller.setBadgeIdentifier("PENDING", url);
   EXPECT_FALSE(again.apply()) << "the same badge was set meanwhile, but later";
 }
 
 TEST_F(FinderSyncController, TakesNoAnswerFromBeforeTheFolderWasShownAgain) {
-  const auto url = at("/a/file");
+  host::folderHidden("/a");
   host::BadgeRequest before(url);
   controller.setBadgeIdentifier("PENDING", url);
   host::folderShown("/a");
@@ -234,15 +226,14 @@ TEST_F(FinderSyncController, TakesNoAnswerFromBeforeTheFolderWasShownAgain) {
 }
 
 TEST_F(FinderSyncController, RemembersRequestedItemsWhateverTheAnswer) {
-  host::folderShown("/a");
   const auto unknown = at("/a/unknown");
   const auto withdrawn = at("/a/withdrawn");
   const auto pending = at("/a/pending");
   const auto elsewhere = at("/b/file");
   const host::BadgeRequest running(pending);
-  for (const auto* url : {&unknown, &withdrawn, &elsewhere}) {
-    host::BadgeRequest request(*url);
-    if (url == &withdrawn) controller.setBadgeIdentifier("", *url);
+  for (const auto* item : {&unknown, &withdrawn, &elsewhere}) {
+    host::BadgeRequest request(*item);
+    if (item == &withdrawn) controller.setBadgeIdentifier("", *item);
     request.withdraw();
     EXPECT_EQ(request.answer(), std::nullopt);
     EXPECT_TRUE(request.apply());
@@ -256,54 +247,41 @@ TEST_F(FinderSyncController, RemembersRequestedItemsWhateverTheAnswer) {
 }
 
 TEST_F(FinderSyncController, ReportsTheFirstBadgeOfAnItemThatWasAnsweredWithoutOne) {
-  host::folderShown("/a");
-  const auto url = at("/a/file");
-  {
-    EXPECT_TRUE(host::BadgeRequest(url).apply());
-  }
+  EXPECT_TRUE(ask(url));
   EXPECT_THAT(listener.badges, IsEmpty());
-  host::BadgeRequest second(url);
-  controller.setBadgeIdentifier("SYNCED", url);
-  EXPECT_TRUE(second.apply());
+  EXPECT_TRUE(answer(url, "SYNCED"));
   EXPECT_THAT(listener.badges, ElementsAre(Pair("/a/file", "SYNCED")));
 }
 
 TEST_F(FinderSyncController, RemembersABoundedNumberOfItemsThatWereAskedFor) {
-  host::folderShown("/a");
   host::folderShown("/b");
-  for (std::size_t i = 0; i < host::MAX_ITEMS_ASKED_FOR; ++i) {
-    const auto url = at("/a/" + std::to_string(i));
-    host::BadgeRequest(url).apply();
-  }
-  const auto url = at("/b/file");
-  host::BadgeRequest(url).apply();
+  for (std::size_t i = 0; i < host::MAX_ITEMS_ASKED_FOR; ++i) ask(at("/a/" + std::to_string(i)));
+  ask(at("/b/file"));
   EXPECT_THAT(host::itemsOnScreen("/b"), IsEmpty());
-  controller.setBadgeIdentifier("SYNCED", url);
-  EXPECT_EQ(host::badgeIdentifier(url), "SYNCED") << "a pushed badge is no question";
+  controller.setBadgeIdentifier("SYNCED", at("/b/file"));
+  EXPECT_EQ(host::badgeIdentifier(at("/b/file")), "SYNCED") << "a pushed badge is no question";
   host::folderHidden("/a");
-  const auto other = at("/b/other");
-  host::BadgeRequest(other).apply();
+  ask(at("/b/other"));
   EXPECT_EQ(host::itemsOnScreen("/b").size(), 2u);
 }
 
 TEST_F(FinderSyncController, RemembersABoundedNumberOfItemsThatNobodyAskedFor) {
-  host::folderShown("/a");
   host::folderShown("/b");
   constexpr std::size_t COUNT = 10 * host::MAX_ITEMS_ONLY_SET;
   for (std::size_t i = 0; i < COUNT; ++i) controller.setBadgeIdentifier("SYNCED", at("/a/" + std::to_string(i)));
   EXPECT_EQ(host::itemsOnScreen("/a").size(), host::MAX_ITEMS_ONLY_SET);
   EXPECT_EQ(listener.badges.size(), COUNT) << "each was reported";
 
-  const auto url = at("/b/file");
-  controller.setBadgeIdentifier("PENDING", url);
-  EXPECT_EQ(host::badgeIdentifier(url), std::nullopt);
-  EXPECT_TRUE(host::isOverlooked(url));
-  host::BadgeRequest(url).apply();
-  EXPECT_FALSE(host::isOverlooked(url)) << "somebody asked";
-  controller.setBadgeIdentifier("SYNCED", url);
-  EXPECT_EQ(host::badgeIdentifier(url), "SYNCED");
+  const auto item = at("/b/file");
+  controller.setBadgeIdentifier("PENDING", item);
+  EXPECT_EQ(host::badgeIdentifier(item), std::nullopt);
+  EXPECT_TRUE(host::isOverlooked(item));
+  ask(item);
+  EXPECT_FALSE(host::isOverlooked(item)) << "somebody asked";
+  controller.setBadgeIdentifier("SYNCED", item);
+  EXPECT_EQ(host::badgeIdentifier(item), "SYNCED");
 
-  host::BadgeRequest(at("/a/0")).apply();
+  ask(at("/a/0"));
   controller.setBadgeIdentifier("SYNCED", at("/b/other"));
   EXPECT_EQ(host::badgeIdentifier(at("/b/other")), "SYNCED") << "one of the others was asked for, which leaves room";
   host::folderHidden("/a");
@@ -313,36 +291,25 @@ TEST_F(FinderSyncController, RemembersABoundedNumberOfItemsThatNobodyAskedFor) {
 }
 
 TEST_F(FinderSyncController, ReportsAnAnswerThatAWaitingChangeMustNotFollow) {
-  host::folderShown("/a");
   for (std::size_t i = 0; i < host::MAX_ITEMS_ONLY_SET; ++i)
     controller.setBadgeIdentifier("", at("/a/" + std::to_string(i)));
-  const auto url = at("/a/file");
   const auto gone = at("/a/gone");
   const auto locked = at("/a/locked");
   for (const auto* item : {&url, &gone, &locked}) controller.setBadgeIdentifier("PENDING", *item);
-  for (const char* badge : {"SYNCED", "SKIPPED"}) {
-    host::BadgeRequest request(url);
-    controller.setBadgeIdentifier(badge, url);
-    EXPECT_TRUE(request.apply());
-  }
-  EXPECT_TRUE(host::BadgeRequest(gone).apply());
+  for (const char* badge : {"SYNCED", "SKIPPED"}) EXPECT_TRUE(answer(url, badge));
+  EXPECT_TRUE(ask(gone));
   host::BadgeRequest inDoubt(locked);
   inDoubt.withdraw();
   EXPECT_TRUE(inDoubt.apply());
   EXPECT_THAT(listener.answers, ElementsAre(Pair("/a/file", "SYNCED"), Pair("/a/gone", "")));
-  EXPECT_EQ(listener.badges.back(), std::pair(std::string("/a/file"), std::string("SKIPPED"))) << "a change";
+  EXPECT_THAT(listener.badges.back(), Pair("/a/file", "SKIPPED")) << "a change";
 }
 
 TEST_F(FinderSyncController, ReportsNoAnswerThatMayBeOlderThanAWaitingChange) {
-  host::folderShown("/a");
-  for (std::size_t i = 0; i < host::MAX_ITEMS_ASKED_FOR; ++i) {
-    const auto asked = at("/a/" + std::to_string(i));
-    host::BadgeRequest(asked).apply();
-  }
+  for (std::size_t i = 0; i < host::MAX_ITEMS_ASKED_FOR; ++i) ask(at("/a/" + std::to_string(i)));
   for (std::size_t i = 0; i < host::MAX_ITEMS_ONLY_SET; ++i)
     controller.setBadgeIdentifier("", at("/a/set" + std::to_string(i)));
   listener.answers.clear();
-  const auto url = at("/a/file");
   {
     host::BadgeRequest overtaken(url);
     controller.setBadgeIdentifier("PENDING", url);
@@ -350,14 +317,11 @@ TEST_F(FinderSyncController, ReportsNoAnswerThatMayBeOlderThanAWaitingChange) {
     EXPECT_TRUE(overtaken.apply()) << "nothing is remembered of the item";
   }
   EXPECT_THAT(listener.answers, IsEmpty()) << "the waiting change would become what was before it";
-  host::BadgeRequest again(url);
-  controller.setBadgeIdentifier("SYNCED", url);
-  EXPECT_TRUE(again.apply());
+  EXPECT_TRUE(answer(url, "SYNCED"));
   EXPECT_THAT(listener.answers, ElementsAre(Pair("/a/file", "SYNCED")));
 }
 
 TEST_F(FinderSyncController, MakesTheSettingOfBadgesWaitForRoom) {
-  host::folderShown("/a");
   listener.hasRoom = false;
   controller.setBadgeIdentifier("SYNCED", at("/a/1"));
   std::atomic<int> set = 0;
@@ -367,12 +331,7 @@ TEST_F(FinderSyncController, MakesTheSettingOfBadgesWaitForRoom) {
       ++set;
     }
   });
-  const auto url = at("/a/asked");
-  for (const char* badge : {"PENDING", "SYNCED"}) {
-    host::BadgeRequest request(url);
-    controller.setBadgeIdentifier(badge, url);
-    EXPECT_TRUE(request.apply()) << "an answer does not wait";
-  }
+  for (const char* badge : {"PENDING", "SYNCED"}) EXPECT_TRUE(answer(url, badge)) << "an answer does not wait";
   EXPECT_EQ(set, 0);
   host::listenerHasRoom();
   while (set < 1) std::this_thread::yield();
@@ -381,7 +340,6 @@ TEST_F(FinderSyncController, MakesTheSettingOfBadgesWaitForRoom) {
   host::setListener(&second);
   setter.join();
   EXPECT_THAT(second.badges, ElementsAre(Pair("/a/3", "SYNCED"), Pair("/a/4", "SYNCED")));
-  host::setListener(nullptr);
 }
 
 TEST_F(FinderSyncController, ReportsWhichFoldersBadgesAreInvalid) {
@@ -390,82 +348,50 @@ TEST_F(FinderSyncController, ReportsWhichFoldersBadgesAreInvalid) {
   EXPECT_THAT(listener.invalidated, ElementsAre("/a"));
 }
 
-TEST_F(FinderSyncController, AnswersForFoldersThatAreNotOnScreenToo) {
-  const auto url = at("/b/file");
-  const host::BadgeRequest request(url);
-  controller.setBadgeIdentifier("SYNCED", url);
-  EXPECT_EQ(request.answer(), "SYNCED");
-  EXPECT_EQ(host::badgeIdentifier(url), std::nullopt);
+TEST_F(FinderSyncController, AnswersForFoldersThatAreNotOnScreenAndWithTheEmptyIdentifierToo) {
+  host::folderHidden("/a");
+  for (const char* badge : {"SYNCED", ""}) {
+    const host::BadgeRequest request(url);
+    controller.setBadgeIdentifier(badge, url);
+    EXPECT_EQ(request.answer(), badge);
+    EXPECT_EQ(host::badgeIdentifier(url), std::nullopt);
+  }
   EXPECT_THAT(listener.badges, IsEmpty());
-}
-
-TEST_F(FinderSyncController, AnswersWithTheEmptyIdentifierToo) {
-  const auto url = at("/a/file");
-  const host::BadgeRequest request(url);
-  controller.setBadgeIdentifier("", url);
-  EXPECT_EQ(request.answer(), "");
 }
 
 TEST_F(FinderSyncController, ReportsAnAnswerThatDiffersFromTheBadgeBefore) {
-  host::folderShown("/a");
-  const auto url = at("/a/file");
   controller.setBadgeIdentifier("PENDING", url);
   listener.badges.clear();
-  {
-    host::BadgeRequest request(url);
-    controller.setBadgeIdentifier("PENDING", url);
-    EXPECT_EQ(request.answer(), "PENDING");
-    EXPECT_TRUE(request.apply());
-  }
+  EXPECT_TRUE(answer(url, "PENDING"));
   EXPECT_THAT(listener.badges, IsEmpty());
-  {
-    host::BadgeRequest request(url);
-    controller.setBadgeIdentifier("SYNCED", url);
-    EXPECT_EQ(request.answer(), "SYNCED");
-    EXPECT_TRUE(request.apply());
-  }
+  EXPECT_TRUE(answer(url, "SYNCED"));
   EXPECT_THAT(listener.badges, ElementsAre(Pair("/a/file", "SYNCED")));
 }
 
-TEST_F(FinderSyncController, TakesNoBadgeOfAnotherItemAsTheAnswer) {
-  host::folderShown("/a");
-  const auto url = at("/a/file");
+TEST_F(FinderSyncController, TakesNoBadgeOfAnotherItemNorFromAnotherThreadAsTheAnswer) {
   const host::BadgeRequest request(url);
   controller.setBadgeIdentifier("SYNCED", at("/a/other"));
-  EXPECT_EQ(request.answer(), std::nullopt);
-  EXPECT_THAT(listener.badges, ElementsAre(Pair("/a/other", "SYNCED")));
-}
-
-TEST_F(FinderSyncController, TakesNoBadgeFromAnotherThreadAsTheAnswer) {
-  host::folderShown("/a");
-  const auto url = at("/a/file");
-  const host::BadgeRequest request(url);
   std::thread([&] { controller.setBadgeIdentifier("SYNCED", url); }).join();
   EXPECT_EQ(request.answer(), std::nullopt);
-  EXPECT_THAT(listener.badges, ElementsAre(Pair("/a/file", "SYNCED")));
+  EXPECT_THAT(listener.badges, ElementsAre(Pair("/a/other", "SYNCED"), Pair("/a/file", "SYNCED")));
 }
 
 TEST_F(FinderSyncController, EndsARequestWhenItIsDestroyed) {
-  host::folderShown("/a");
-  const auto url = at("/a/file");
-  {
-    const host::BadgeRequest request(url);
-  }
+  host::BadgeRequest{url};
   controller.setBadgeIdentifier("SYNCED", url);
   EXPECT_THAT(listener.badges, ElementsAre(Pair("/a/file", "SYNCED")));
 }
 
 TEST_F(FinderSyncController, GoesBackToTheOuterRequestAfterAnInnerOne) {
-  const auto outerURL = at("/a/outer");
-  const auto innerURL = at("/a/inner");
-  const host::BadgeRequest outer(outerURL);
+  const host::BadgeRequest outer(url);
   {
+    const auto innerURL = at("/a/inner");
     const host::BadgeRequest inner(innerURL);
     controller.setBadgeIdentifier("PENDING", innerURL);
     EXPECT_EQ(inner.answer(), "PENDING");
   }
   EXPECT_EQ(outer.answer(), std::nullopt);
-  controller.setBadgeIdentifier("SYNCED", outerURL);
+  controller.setBadgeIdentifier("SYNCED", url);
   EXPECT_EQ(outer.answer(), "SYNCED");
 }
 
@@ -486,31 +412,27 @@ TEST_F(FinderSyncController, ReplacesTheObservedFoldersAndReportsIt) {
 // --- Listeners
 
 TEST_F(FinderSyncController, CallsOnlyTheLastListener) {
-  host::folderShown("/a");
   NotingListener second;
   host::setListener(&second);
-  controller.setBadgeIdentifier("SYNCED", at("/a/file"));
+  controller.setBadgeIdentifier("SYNCED", url);
   controller.setDirectoryURLs({});
   EXPECT_THAT(listener.badges, IsEmpty());
   EXPECT_EQ(listener.directories, 0);
   EXPECT_EQ(second.badges.size(), 1u);
   EXPECT_EQ(second.directories, 1);
-  host::setListener(nullptr);
 }
 
 TEST_F(FinderSyncController, WorksWithoutAListener) {
   host::setListener(nullptr);
-  host::folderShown("/a");
-  controller.setBadgeIdentifier("SYNCED", at("/a/file"));
+  controller.setBadgeIdentifier("SYNCED", url);
   controller.setDirectoryURLs({at("/a")});
-  EXPECT_EQ(host::badgeIdentifier(at("/a/file")), "SYNCED");
+  EXPECT_EQ(host::badgeIdentifier(url), "SYNCED");
 }
 
 TEST_F(FinderSyncController, CallsNoReplacedListener) {
-  host::folderShown("/a");
   std::atomic<bool> more = true;
   std::thread setter([&] {
-    for (int i = 0; more; ++i) controller.setBadgeIdentifier(std::to_string(i), at("/a/file"));
+    for (int i = 0; more; ++i) controller.setBadgeIdentifier(std::to_string(i), url);
   });
   for (int i = 0; i < 200; ++i) {
     // Gone after each round: a call to it would be seen by the sanitizers.
@@ -524,31 +446,20 @@ TEST_F(FinderSyncController, CallsNoReplacedListener) {
 
 // --- The selection
 
-TEST_F(FinderSyncController, HasASelectionOnlyWhileOneLives) {
-  EXPECT_EQ(controller.selectedItemURLs(), std::nullopt);
+TEST_F(FinderSyncController, HasTheInnermostSelectionWhileItLives) {
   const std::vector<FileURL> items = {at("/b"), at("/a"), at("/b")};
+  const std::vector<FileURL> nothing;
+  EXPECT_EQ(controller.selectedItemURLs(), std::nullopt);
   {
-    const host::Selection selection(items);
+    const host::Selection outer(items);
     EXPECT_EQ(controller.selectedItemURLs(), items) << "in the order of the user";
+    {
+      const host::Selection inner(nothing);
+      EXPECT_EQ(controller.selectedItemURLs(), nothing) << "an empty selection is not none";
+    }
+    EXPECT_EQ(controller.selectedItemURLs(), items) << "back to the outer one";
   }
   EXPECT_EQ(controller.selectedItemURLs(), std::nullopt);
-}
-
-TEST_F(FinderSyncController, DistinguishesAnEmptySelectionFromNone) {
-  const std::vector<FileURL> nothing;
-  const host::Selection selection(nothing);
-  EXPECT_EQ(controller.selectedItemURLs(), nothing);
-}
-
-TEST_F(FinderSyncController, GoesBackToTheOuterSelectionAfterAnInnerOne) {
-  const std::vector<FileURL> outerItems = {at("/a")};
-  const std::vector<FileURL> innerItems = {at("/b")};
-  const host::Selection outer(outerItems);
-  {
-    const host::Selection inner(innerItems);
-    EXPECT_EQ(controller.selectedItemURLs(), innerItems);
-  }
-  EXPECT_EQ(controller.selectedItemURLs(), outerItems);
 }
 
 TEST_F(FinderSyncController, HasOneSelectionPerThread) {
@@ -566,31 +477,26 @@ TEST_F(FinderSyncController, HasOneSelectionPerThread) {
 // --- Threads
 
 TEST_F(FinderSyncController, MayBeUsedByManyThreadsAtOnce) {
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([&, i] {
-      std::string folder = "/folder";
-      folder.append(std::to_string(i % 2));
-      const auto url = at(folder + "/file");
-      for (int round = 0; round < 200; ++round) {
-        host::folderShown(folder);
-        {
-          host::BadgeRequest request(url);
-          controller.setBadgeIdentifier("SYNCED", url);
-          EXPECT_EQ(request.answer(), "SYNCED");
-          request.apply();
-        }
-        controller.setBadgeIdentifier("PENDING", url);
-        host::badgeIdentifier(url);
-        controller.setDirectoryURLs({url});
-        controller.directoryURLs();
-        controller.setBadgeImage(Image(), "label", "SYNCED");
-        host::registeredBadges();
-        host::folderHidden(folder);
+  test::inParallel(4, [&](std::size_t thread) {
+    const std::string folder = thread % 2 == 0 ? "/even" : "/odd";
+    const auto item = at(folder + "/file");
+    for (int round = 0; round < 200; ++round) {
+      host::folderShown(folder);
+      {
+        host::BadgeRequest request(item);
+        controller.setBadgeIdentifier("SYNCED", item);
+        EXPECT_EQ(request.answer(), "SYNCED");
+        request.apply();
       }
-    });
-  }
-  for (auto& thread : threads) thread.join();
+      controller.setBadgeIdentifier("PENDING", item);
+      host::badgeIdentifier(item);
+      controller.setDirectoryURLs({item});
+      controller.directoryURLs();
+      controller.setBadgeImage(Image(), "label", "SYNCED");
+      host::registeredBadges();
+      host::folderHidden(folder);
+    }
+  });
   EXPECT_EQ(listener.directories, 800);
   EXPECT_EQ(host::registeredBadges().size(), 1u);
 }

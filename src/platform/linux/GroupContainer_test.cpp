@@ -19,58 +19,47 @@ class GroupContainer : public testing::Test {
 
   test::TemporaryFolder folder;
   ScopedVariable home{"HOME", folder / "home"};
-  ScopedVariable data{"XDG_DATA_HOME", std::nullopt};
-  ScopedVariable containers{"VORNET_GROUP_CONTAINERS", std::nullopt};
+  ScopedVariable data{"XDG_DATA_HOME", folder / "data"};
+  ScopedVariable own{"VORNET_GROUP_CONTAINERS", folder / "own"};
 };
 
+/// The path of the container of `group`, which is a folder then.
+std::string pathOfContainer(std::string_view group) {
+  const auto path = containerURLForGroup(group).value().path().value();
+  EXPECT_TRUE(fs::is_directory(path)) << path;
+  return path;
+}
+
 TEST_F(GroupContainer, IsWhereItsOwnVariableSays) {
-  const ScopedVariable both("XDG_DATA_HOME", at("data"));
-  const ScopedVariable own("VORNET_GROUP_CONTAINERS", at("own"));
-  EXPECT_EQ(containerURLForGroup("com.example.group"), FileURL::fileURLWithPath(at("own/com.example.group")));
-  EXPECT_TRUE(fs::is_directory(at("own/com.example.group")));
+  EXPECT_EQ(pathOfContainer("com.example.group"), at("own/com.example.group"));
+  EXPECT_EQ(pathOfContainer("another"), at("own/another"));
   EXPECT_FALSE(fs::exists(at("data")));
   EXPECT_FALSE(fs::exists(at("home")));
 }
 
-TEST_F(GroupContainer, IsInTheDataFolderOtherwise) {
-  const ScopedVariable set("XDG_DATA_HOME", at("data"));
-  EXPECT_EQ(containerURLForGroup("g"), FileURL::fileURLWithPath(at("data/group-containers/g")));
-  EXPECT_TRUE(fs::is_directory(at("data/group-containers/g")));
-}
-
-TEST_F(GroupContainer, IsBelowTheHomeFolderOtherwise) {
-  EXPECT_EQ(containerURLForGroup("g"), FileURL::fileURLWithPath(at("home/.local/share/group-containers/g")));
-  EXPECT_TRUE(fs::is_directory(at("home/.local/share/group-containers/g")));
-}
-
-TEST_F(GroupContainer, PassesOverVariablesThatAreNotAbsolutePaths) {
-  for (const char* value : {"", "relative/folder", "~", "."}) {
-    const ScopedVariable own("VORNET_GROUP_CONTAINERS", value);
-    const ScopedVariable set("XDG_DATA_HOME", at("data"));
-    EXPECT_EQ(containerURLForGroup("g")->path(), at("data/group-containers/g"));
-    const ScopedVariable dataToo("XDG_DATA_HOME", value);
-    EXPECT_EQ(containerURLForGroup("g")->path(), at("home/.local/share/group-containers/g"));
+TEST_F(GroupContainer, IsInTheDataFolderThenBelowTheHomeFolderWhereVariablesAreNoAbsolutePaths) {
+  for (const auto& value : std::vector<std::optional<std::string>>{std::nullopt, "", "relative/folder", "~", "."}) {
+    SCOPED_TRACE(value.value_or("not set"));
+    const ScopedVariable notOwn("VORNET_GROUP_CONTAINERS", value);
+    EXPECT_EQ(pathOfContainer("g"), at("data/group-containers/g"));
+    const ScopedVariable noData("XDG_DATA_HOME", value);
+    EXPECT_EQ(pathOfContainer("g"), at("home/.local/share/group-containers/g"));
   }
 }
 
 TEST_F(GroupContainer, IsMadeForItsOwnerAlone) {
-  const ScopedVariable own("VORNET_GROUP_CONTAINERS", at("own"));
   const auto before = ::umask(0);
   const auto url = containerURLForGroup("g");
   ::umask(before);
   ASSERT_TRUE(url);
-  struct stat found;
-  ASSERT_EQ(::stat(url->path()->c_str(), &found), 0);
-  EXPECT_EQ(found.st_mode & 07777, 0700u);
+  EXPECT_EQ(fs::status(*url->path()).permissions(), fs::perms::owner_all);
 }
 
 TEST_F(GroupContainer, IsADirectoryInItsDescription) {
-  const ScopedVariable own("VORNET_GROUP_CONTAINERS", at("own"));
   EXPECT_EQ(containerURLForGroup("g")->description(), "file://" + at("own/g/"));
 }
 
 TEST_F(GroupContainer, IsKeptWhenItExists) {
-  const ScopedVariable own("VORNET_GROUP_CONTAINERS", at("own"));
   test::writeFile(at("own/g/kept"), "x");
   fs::permissions(at("own/g"), fs::perms(0750));
   EXPECT_TRUE(containerURLForGroup("g"));
@@ -80,7 +69,6 @@ TEST_F(GroupContainer, IsKeptWhenItExists) {
 }
 
 TEST_F(GroupContainer, IsNotMadeAgainWhenSomebodyRemovesIt) {
-  const ScopedVariable own("VORNET_GROUP_CONTAINERS", at("own"));
   ASSERT_TRUE(containerURLForGroup("g"));
   fs::remove_all(at("own"));
   EXPECT_EQ(containerURLForGroup("g")->path(), at("own/g"));
@@ -90,7 +78,6 @@ TEST_F(GroupContainer, IsNotMadeAgainWhenSomebodyRemovesIt) {
 }
 
 TEST_F(GroupContainer, MayBeALinkToAFolder) {
-  const ScopedVariable own("VORNET_GROUP_CONTAINERS", at("own"));
   fs::create_directories(at("own"));
   fs::create_directories(at("elsewhere"));
   fs::create_symlink(at("elsewhere"), at("own/g"));
@@ -101,32 +88,17 @@ TEST_F(GroupContainer, IsAbsentWhereItCannotBe) {
   test::writeFile(at("file"), "");
   test::writeFile(at("own/taken"), "");
   fs::create_symlink("nothing", at("own/dangling"));
-  {
-    const ScopedVariable own("VORNET_GROUP_CONTAINERS", at("file"));
-    EXPECT_FALSE(containerURLForGroup("g"));
+  for (const std::string& elsewhere : {at("file"), at("file/below"), std::string("/proc/self")}) {
+    const ScopedVariable notOwn("VORNET_GROUP_CONTAINERS", elsewhere);
+    EXPECT_FALSE(containerURLForGroup("g")) << elsewhere;
   }
-  {
-    const ScopedVariable own("VORNET_GROUP_CONTAINERS", at("file/below"));
-    EXPECT_FALSE(containerURLForGroup("g"));
-  }
-  {
-    const ScopedVariable own("VORNET_GROUP_CONTAINERS", "/proc/self");
-    EXPECT_FALSE(containerURLForGroup("g"));
-  }
-  const ScopedVariable own("VORNET_GROUP_CONTAINERS", at("own"));
   EXPECT_FALSE(containerURLForGroup("taken"));
   EXPECT_FALSE(containerURLForGroup("dangling"));
 }
 
 TEST_F(GroupContainer, IsAbsentForAGroupWithoutName) {
-  const ScopedVariable own("VORNET_GROUP_CONTAINERS", at("own"));
   EXPECT_FALSE(containerURLForGroup(""));
   EXPECT_FALSE(fs::exists(at("own")));
-}
-
-TEST_F(GroupContainer, IsOneForEachGroup) {
-  const ScopedVariable own("VORNET_GROUP_CONTAINERS", at("own"));
-  EXPECT_NE(containerURLForGroup("a"), containerURLForGroup("b"));
 }
 
 }  // namespace

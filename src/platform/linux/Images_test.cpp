@@ -57,8 +57,7 @@ TEST_F(ImagesTest, HaveAFileForEachSizeFromTheFirstFolderThatHoldsIt) {
   EXPECT_EQ(host::imageFile("second", 16), folder / "second/16/second.png");
   EXPECT_EQ(host::imageFile("second", 64), folder / "second/64/second.png");
   EXPECT_EQ(host::imageFile("second", 32), "");
-  EXPECT_EQ(host::imageFile("missing", 16), "");
-  EXPECT_EQ(host::imageFile("folder", 16), "");
+  for (const char* name : {"missing", "folder"}) EXPECT_EQ(host::imageFile(name, 16), "") << name;
 }
 
 }  // namespace

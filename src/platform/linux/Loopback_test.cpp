@@ -1,15 +1,17 @@
 #include "platform/Loopback.hpp"
 
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdio>
+#include <list>
+#include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "platform/linux/LoopbackSockets.hpp"
 #include "support/ChildProcess.hpp"
@@ -25,23 +27,31 @@ using test::Gate;
 
 constexpr uid_t STRANGER = 65534;
 
+/// The socket name of `port` at `address`, which is in the numeric form of IPv4 or IPv6.
+std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)> nameOf(const std::string& address, std::uint16_t port) {
+  addrinfo numeric{};
+  numeric.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
+  addrinfo* found = nullptr;
+  ::getaddrinfo(address.c_str(), std::to_string(port).c_str(), &numeric, &found);
+  return {found, &::freeaddrinfo};
+}
+
 /// A socket on some address of this machine.
 class Socket {
  public:
-  /// `address`: in the numeric form of IPv4 or IPv6. `port` 0: any free one.
-  explicit Socket(const std::string& address, std::uint16_t port = 0, bool onlyIPv6 = false)
-      : family_(address.find(':') == std::string::npos ? AF_INET : AF_INET6),
-        descriptor_(::socket(family_, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+  /// `port` 0: any free one.
+  explicit Socket(const std::string& address, std::uint16_t port = 0, bool onlyIPv6 = false) {
+    const auto name = nameOf(address, port);
+    descriptor_ = ::socket(name->ai_family, SOCK_STREAM | SOCK_CLOEXEC, 0);
     const int on = 1;
     const int only = onlyIPv6 ? 1 : 0;
     ::setsockopt(descriptor_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    if (family_ == AF_INET6) ::setsockopt(descriptor_, IPPROTO_IPV6, IPV6_V6ONLY, &only, sizeof only);
-    sockaddr_storage name{};
-    socklen_t size = fill(name, address, port);
-    bound_ = ::bind(descriptor_, reinterpret_cast<sockaddr*>(&name), size) == 0;
-    size = sizeof name;
-    ::getsockname(descriptor_, reinterpret_cast<sockaddr*>(&name), &size);
-    port_ = ntohs(reinterpret_cast<const sockaddr_in*>(&name)->sin_port);  // in the same place in both families
+    if (name->ai_family == AF_INET6) ::setsockopt(descriptor_, IPPROTO_IPV6, IPV6_V6ONLY, &only, sizeof only);
+    bound_ = ::bind(descriptor_, name->ai_addr, name->ai_addrlen) == 0;
+    sockaddr_in6 own{};
+    socklen_t size = sizeof own;
+    ::getsockname(descriptor_, reinterpret_cast<sockaddr*>(&own), &size);
+    port_ = ntohs(own.sin6_port);  // in the same place in both families
   }
   explicit Socket(int descriptor) : descriptor_(descriptor), bound_(descriptor >= 0) {}
   ~Socket() { ::close(descriptor_); }
@@ -53,29 +63,12 @@ class Socket {
   bool listen() const { return ::listen(descriptor_, 8) == 0; }
   int accept() const { return ::accept4(descriptor_, nullptr, nullptr, SOCK_CLOEXEC); }
   bool connect(std::uint16_t port) const {
-    sockaddr_storage name{};
-    const socklen_t size = fill(name, "127.0.0.1", port);
-    return ::connect(descriptor_, reinterpret_cast<sockaddr*>(&name), size) == 0;
+    const auto name = nameOf("127.0.0.1", port);
+    return ::connect(descriptor_, name->ai_addr, name->ai_addrlen) == 0;
   }
 
  private:
-  static socklen_t fill(sockaddr_storage& name, const std::string& address, std::uint16_t port) {
-    if (address.find(':') == std::string::npos) {
-      auto& ipv4 = reinterpret_cast<sockaddr_in&>(name);
-      ipv4.sin_family = AF_INET;
-      ipv4.sin_port = htons(port);
-      ::inet_pton(AF_INET, address.c_str(), &ipv4.sin_addr);
-      return sizeof ipv4;
-    }
-    auto& ipv6 = reinterpret_cast<sockaddr_in6&>(name);
-    ipv6.sin6_family = AF_INET6;
-    ipv6.sin6_port = htons(port);
-    ::inet_pton(AF_INET6, address.c_str(), &ipv6.sin6_addr);
-    return sizeof ipv6;
-  }
-
-  int family_ = AF_INET;
-  int descriptor_;
+  int descriptor_ = -1;
   bool bound_ = false;
   std::uint16_t port_ = 0;
 };
@@ -103,20 +96,16 @@ TEST(Loopback, TheSystemHasSocketDiagnosis) {
   EXPECT_TRUE(linux_sockets::hasDiagnosis()) << "the tables serve as well, but take a thousand times as long";
 }
 
-TEST(Loopback, WithoutAListenerThereIsNoOwner) {
+TEST(Loopback, WithoutAListenerOnTheAddressThereIsNoOwner) {
   const Socket bound("127.0.0.1");  // but it does not listen
-  for (const auto port : {freePort(), bound.port()}) {
-    EXPECT_FALSE(isOwnLoopbackListener(port));
-    EXPECT_EQ(ownerByDiagnosis(port, 0), std::nullopt);
-    EXPECT_EQ(ownerByTables(port, 0), std::nullopt);
-  }
-}
-
-TEST(Loopback, AListenerOnAnotherAddressDoesNotCount) {
   const Socket other("127.0.0.2");
   ASSERT_TRUE(other.listen());
-  EXPECT_FALSE(isOwnLoopbackListener(other.port()));
-  EXPECT_EQ(ownerByTables(other.port(), 0), std::nullopt);
+  for (const auto& [port, kind] : {std::pair(freePort(), "free"), std::pair(bound.port(), "bound, but not listening"),
+                                   std::pair(other.port(), "of a listener on another address")}) {
+    EXPECT_FALSE(isOwnLoopbackListener(port)) << kind;
+    EXPECT_EQ(ownerByDiagnosis(port, 0), std::nullopt) << kind;
+    EXPECT_EQ(ownerByTables(port, 0), std::nullopt) << kind;
+  }
 }
 
 TEST(Loopback, AnOwnConnectionIsOwnBeforeAndAfterItIsAccepted) {
@@ -143,21 +132,29 @@ class LoopbackOfTwoUsers : public testing::Test {
     ChildProcess child([&] { return test::becomeUser(user) && test() ? 0 : 1; });
     EXPECT_EQ(child.wait(), 0);
   }
+
+  /// Starts a stranger's process that listens on `port` at each of `addresses`, and waits until it does.
+  static std::unique_ptr<ChildProcess> startStrangersListeners(std::uint16_t port,
+                                                               const std::vector<const char*>& addresses,
+                                                               bool onlyIPv6 = false) {
+    Gate listening;
+    auto stranger = std::make_unique<ChildProcess>([&] {
+      if (!test::becomeUser(STRANGER)) return 1;
+      std::list<Socket> listeners;
+      for (const char* address : addresses)
+        if (!listeners.emplace_back(address, port, onlyIPv6).listen()) return 1;
+      listening.open();
+      return ::pause();
+    });
+    listening.pass();
+    return stranger;
+  }
 };
 
 TEST_F(LoopbackOfTwoUsers, AStrangersListenerIsNotOwn) {
   for (const char* address : {"127.0.0.1", "0.0.0.0", "::", "::ffff:127.0.0.1"}) {
     const auto port = freePort();
-    Gate listening;
-    ChildProcess stranger([&] {
-      if (!test::becomeUser(STRANGER)) return 1;
-      const Socket listener(address, port);
-      if (!listener.listen()) return 1;
-      listening.open();
-      ::pause();
-      return 0;
-    });
-    listening.pass();
+    const auto stranger = startStrangersListeners(port, {address});
     EXPECT_FALSE(isOwnLoopbackListener(port)) << address;
     EXPECT_EQ(ownerByDiagnosis(port, 0), STRANGER) << address;
     EXPECT_EQ(ownerByTables(port, 0), STRANGER) << address;
@@ -174,17 +171,7 @@ TEST_F(LoopbackOfTwoUsers, RootsListenerIsTrustedByEveryUser) {
 
 TEST_F(LoopbackOfTwoUsers, AStrangersListenerOnAnAddressThatTakesNoConnectionHidesNoOwnOne) {
   const auto port = freePort();
-  Gate listening;
-  ChildProcess stranger([&] {
-    if (!test::becomeUser(STRANGER)) return 1;
-    const Socket other("127.0.0.2", port);
-    const Socket onlyIPv6("::", port, true);
-    if (!other.listen() || !onlyIPv6.listen()) return 1;
-    listening.open();
-    ::pause();
-    return 0;
-  });
-  listening.pass();
+  const auto stranger = startStrangersListeners(port, {"127.0.0.2", "::"}, /*onlyIPv6=*/true);
   const Socket listener("127.0.0.1", port);
   ASSERT_TRUE(listener.listen());
   EXPECT_TRUE(isOwnLoopbackListener(port));
@@ -222,16 +209,7 @@ TEST_F(LoopbackOfTwoUsers, AConnectionThatAStrangerTookIsNotOwnAlthoughTheListen
 
 TEST_F(LoopbackOfTwoUsers, AConnectionThatNobodyHasAcceptedIsJudgedByItsListener) {
   const auto port = freePort();
-  Gate listening;
-  ChildProcess stranger([&] {
-    if (!test::becomeUser(STRANGER)) return 1;
-    const Socket listener("127.0.0.1", port);
-    if (!listener.listen()) return 1;
-    listening.open();
-    ::pause();
-    return 0;
-  });
-  listening.pass();
+  const auto stranger = startStrangersListeners(port, {"127.0.0.1"});
   const Socket client("127.0.0.1");
   ASSERT_TRUE(client.connect(port));
   EXPECT_FALSE(isOwnLoopbackPeer(port, client.port()));

@@ -26,32 +26,26 @@ TEST_F(ProcessDeathTest, FatalErrorAbortsWithItsReasonOnStandardError) {
               "Fatal error: not all\n");
 }
 
+/// Stops the process, with this handler of the reason.
+[[noreturn]] void stopWith(FatalErrorHandler handler) {
+  setFatalErrorHandler(handler);
+  fatalError("a reason");
+}
+
 TEST_F(ProcessDeathTest, FatalErrorCallsTheHandlerWithTheReason) {
-  EXPECT_EXIT(
-      {
-        setFatalErrorHandler([](std::string_view reason) noexcept {
-          std::fprintf(stderr, "told: %.*s\n", static_cast<int>(reason.size()), reason.data());
-        });
-        fatalError("a reason");
-      },
-      testing::KilledBySignal(SIGABRT), "told: a reason\nFatal error: a reason\n");
+  const FatalErrorHandler tells = [](std::string_view reason) noexcept {
+    std::fprintf(stderr, "told: %.*s\n", static_cast<int>(reason.size()), reason.data());
+  };
+  EXPECT_EXIT(stopWith(tells), testing::KilledBySignal(SIGABRT), "told: a reason\nFatal error: a reason\n");
 }
 
 TEST_F(ProcessDeathTest, FatalErrorStopsTheProcessWhateverTheHandlerDoes) {
-  EXPECT_EXIT(
-      {
-        setFatalErrorHandler([](std::string_view) noexcept { fatalError("again"); });
-        fatalError("a reason");
-      },
-      testing::KilledBySignal(SIGABRT), "");
-  EXPECT_EXIT(
-      {
-        setFatalErrorHandler([](std::string_view) noexcept {
-          while (true) ::pause();
-        });
-        fatalError("a reason");
-      },
-      testing::KilledBySignal(SIGABRT), "");
+  const FatalErrorHandler stopsAgain = [](std::string_view) noexcept { fatalError("again"); };
+  const FatalErrorHandler neverReturns = [](std::string_view) noexcept {
+    while (true) ::pause();
+  };
+  for (const auto handler : {stopsAgain, neverReturns})
+    EXPECT_EXIT(stopWith(handler), testing::KilledBySignal(SIGABRT), "");
 }
 
 TEST_F(ProcessDeathTest, ExitProcessEndsInAnOrderlyWay) {
@@ -64,19 +58,15 @@ TEST_F(ProcessDeathTest, ExitProcessEndsInAnOrderlyWay) {
   EXPECT_EXIT(exitProcess(3), testing::ExitedWithCode(3), "");
 }
 
-TEST_F(ProcessTest, SystemLogReachesStandardError) {
-  test::CapturedOutput output(STDERR_FILENO);
+TEST_F(ProcessTest, SystemLogReachesStandardErrorAlone) {
+  test::CapturedOutput errors(STDERR_FILENO);
+  test::CapturedOutput output(STDOUT_FILENO);
   systemLog("VornetVIExt already running");
   systemLog("100%s %n ü");
   systemLog(std::string_view("not all of it", 7));
-  const std::string start = std::string(program_invocation_short_name) + "[" + std::to_string(::getpid()) + "]: ";
-  EXPECT_EQ(output.finish(), start + "VornetVIExt already running\n" + start + "100%s %n ü\n" + start + "not all\n");
-}
-
-TEST_F(ProcessTest, SystemLogLeavesStandardOutputAlone) {
-  test::CapturedOutput output(STDOUT_FILENO);
-  systemLog("elsewhere");
   EXPECT_EQ(output.finish(), "");
+  const std::string start = std::string(program_invocation_short_name) + "[" + std::to_string(::getpid()) + "]: ";
+  EXPECT_EQ(errors.finish(), start + "VornetVIExt already running\n" + start + "100%s %n ü\n" + start + "not all\n");
 }
 
 TEST_F(ProcessTest, NameIsTheProgramsFileName) {

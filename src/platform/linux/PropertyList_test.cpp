@@ -11,22 +11,21 @@
 #include "support/BinaryList.hpp"
 #include "support/ChildProcess.hpp"
 #include "support/TemporaryFolder.hpp"
+#include "support/Threads.hpp"
 
 namespace vornet::platform {
 namespace {
 
 using namespace std::string_literals;
 
-constexpr std::string_view HEAD =
-    "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-    "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
-    "<plist version=\"1.0\">\n";
-constexpr std::string_view TAIL = "\n</plist>\n";
-
 constexpr std::size_t MOST_BYTES = std::size_t{256} << 10;
 
 std::string xml(std::string_view content) {
-  return std::string(HEAD).append(content).append(TAIL);
+  constexpr std::string_view head =
+      "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+      "<!DOCTYPE plist PUBLIC \"-//Apple//DTD PLIST 1.0//EN\" \"http://www.apple.com/DTDs/PropertyList-1.0.dtd\">\n"
+      "<plist version=\"1.0\">\n";
+  return std::string(head).append(content).append("\n</plist>\n");
 }
 
 std::string binary(std::string_view content) {
@@ -48,68 +47,44 @@ class PropertyListTest : public testing::Test {
     test::writeFile(path, bytes);
     return PropertyList::dictionaryAtPath(path);
   }
+  /// The list with `content` as read in each of the two formats.
+  std::vector<PropertyList> readInBothFormats(std::string_view content) const {
+    return {read(xml(content)).value(), read(binary(content)).value()};
+  }
   test::TemporaryFolder folder;
   const std::string path = folder / "list.plist";
 };
 
-TEST_F(PropertyListTest, ReadsXML) {
-  const auto list = read(xml("<dict><key>root_dir</key><string>/home/ann/Kelvane</string></dict>"));
-  ASSERT_TRUE(list);
-  EXPECT_EQ(list->textForKey("root_dir"), "/home/ann/Kelvane");
-}
-
-TEST_F(PropertyListTest, ReadsBinary) {
-  const auto bytes = binary("<dict><key>root_dir</key><string>/home/ann/Kelvane</string></dict>");
-  ASSERT_TRUE(bytes.starts_with("bplist00"));
-  const auto list = read(bytes);
-  ASSERT_TRUE(list);
-  EXPECT_EQ(list->textForKey("root_dir"), "/home/ann/Kelvane");
-}
-
-TEST_F(PropertyListTest, ReadsTextOfAllLanguages) {
+TEST_F(PropertyListTest, ReadsXMLAndBinaryWithTextOfAllLanguages) {
   const std::string content =
-      "<dict><key>ü</key><string>/日本/🙂 &amp; &lt;b&gt; "
+      "<dict><key>root_dir</key><string>/home/ann/Kelvane</string><key>ü</key><string>/日本/🙂 &amp; &lt;b&gt; "
       "&#252;</string><key>e</key><string>cafe\u0301</string></dict>";
-  for (const auto& bytes : {xml(content), binary(content)}) {
-    const auto list = read(bytes);
-    ASSERT_TRUE(list);
-    EXPECT_EQ(list->textForKey("ü"), "/日本/🙂 & <b> ü");
-    EXPECT_EQ(list->textForKey("e"), "cafe\u0301");
+  ASSERT_TRUE(binary(content).starts_with("bplist00"));
+  for (const auto& list : readInBothFormats(content)) {
+    EXPECT_EQ(list.textForKey("root_dir"), "/home/ann/Kelvane");
+    EXPECT_EQ(list.textForKey("ü"), "/日本/🙂 & <b> ü");
+    EXPECT_EQ(list.textForKey("e"), "cafe\u0301");
   }
 }
 
 TEST_F(PropertyListTest, ReadsEmptyText) {
-  const std::string content = "<dict><key>a</key><string></string><key>b</key><string/></dict>";
-  for (const auto& bytes : {xml(content), binary(content)}) {
-    const auto list = read(bytes);
-    ASSERT_TRUE(list);
-    EXPECT_EQ(list->textForKey("a"), "");
-    EXPECT_EQ(list->textForKey("b"), "");
-  }
+  for (const auto& list : readInBothFormats("<dict><key>a</key><string></string><key>b</key><string/></dict>"))
+    for (const char* key : {"a", "b"}) EXPECT_EQ(list.textForKey(key), "") << key;
 }
 
 TEST_F(PropertyListTest, HasNoTextForAMissingKey) {
-  for (const auto& bytes :
-       {xml("<dict><key>a</key><string>x</string></dict>"), xml("<dict></dict>"), xml("<dict/>"), binary("<dict/>")}) {
-    const auto list = read(bytes);
-    ASSERT_TRUE(list);
-    EXPECT_EQ(list->textForKey("root_dir"), std::nullopt);
-    EXPECT_EQ(list->textForKey(""), std::nullopt);
-    EXPECT_EQ(list->textForKey("A"), std::nullopt);
-  }
+  for (const char* content : {"<dict><key>a</key><string>x</string></dict>", "<dict></dict>", "<dict/>"})
+    for (const auto& list : readInBothFormats(content))
+      for (const char* key : {"root_dir", "", "A"}) EXPECT_EQ(list.textForKey(key), std::nullopt) << content << key;
 }
 
 TEST_F(PropertyListTest, HasNoTextForOtherValues) {
-  const std::string content =
-      "<dict><key>i</key><integer>5</integer><key>b</key><true/><key>r</key><real>1.5</real>"
-      "<key>a</key><array><string>x</string></array><key>d</key><dict><key>root_dir</key><string>x</string></dict>"
-      "<key>t</key><date>2016-03-01T14:05:09Z</date><key>y</key><data>eA==</data></dict>";
-  for (const auto& bytes : {xml(content), binary(content)}) {
-    const auto list = read(bytes);
-    ASSERT_TRUE(list);
+  for (const auto& list : readInBothFormats(
+           "<dict><key>i</key><integer>5</integer><key>b</key><true/><key>r</key><real>1.5</real>"
+           "<key>a</key><array><string>x</string></array><key>d</key><dict><key>root_dir</key><string>x</string></dict>"
+           "<key>t</key><date>2016-03-01T14:05:09Z</date><key>y</key><data>eA==</data></dict>"))
     for (const char* key : {"i", "b", "r", "a", "d", "t", "y", "root_dir"})
-      EXPECT_EQ(list->textForKey(key), std::nullopt) << key;
-  }
+      EXPECT_EQ(list.textForKey(key), std::nullopt) << key;
 }
 
 TEST_F(PropertyListTest, IsAbsentWhenATextHoldsANUL) {
@@ -128,43 +103,35 @@ TEST_F(PropertyListTest, IsAbsentWhenItsTopIsNoDictionary) {
   }
 }
 
-TEST_F(PropertyListTest, IsAbsentWhenThereIsNoFile) {
-  EXPECT_FALSE(PropertyList::dictionaryAtPath(path));
-  EXPECT_FALSE(PropertyList::dictionaryAtPath(""));
-  EXPECT_FALSE(PropertyList::dictionaryAtPath(folder.path().string()));
-  std::filesystem::create_symlink("nothing", path);
-  EXPECT_FALSE(PropertyList::dictionaryAtPath(path));
+TEST_F(PropertyListTest, IsAbsentWhenThereIsNoRegularFile) {
+  std::filesystem::create_symlink("nothing", folder / "dangling");
+  ASSERT_EQ(::mkfifo((folder / "pipe").c_str(), 0600), 0);  // a reader must not wait for its writer
+  for (const std::string& file : {path, ""s, folder.path().string(), folder / "dangling", folder / "pipe"})
+    EXPECT_FALSE(PropertyList::dictionaryAtPath(file)) << file;
 }
 
 TEST_F(PropertyListTest, IsAbsentWhenItIsNoPropertyList) {
   const std::string good = xml("<dict><key>root_dir</key><string>x</string></dict>");
-  for (const std::string& bytes :
-       {std::string(), std::string("hello"), std::string("{\"root_dir\": \"x\"}"), std::string(1000, '\0'),
-        std::string("bplist00"), std::string("bplist00 and nothing that follows from it, to be sure"),
-        std::string("<html></html>"), std::string("<plist>"), std::string("\xFF\xFE"),
-        good.substr(0, good.size() / 2)}) {
+  for (const std::string& bytes : {""s, "hello"s, "{\"root_dir\": \"x\"}"s, std::string(1000, '\0'), "bplist00"s,
+                                   "bplist00 and nothing that follows from it, to be sure"s, "<html></html>"s,
+                                   "<plist>"s, "\xFF\xFE"s, good.substr(0, good.size() / 2)}) {
     EXPECT_FALSE(read(bytes)) << bytes;
   }
 }
 
-TEST_F(PropertyListTest, SurvivesFilesCutOffAnywhere) {
-  const std::string content =
-      "<dict><key>root_dir</key><string>/home/ann</string><key>n</key><integer>1</integer></dict>";
-  for (const auto& bytes : {xml(content), binary(content)}) {
-    for (std::size_t length = 0; length < bytes.size(); ++length)
-      if (const auto list = read(std::string_view(bytes).substr(0, length))) list->textForKey("root_dir");
-  }
-}
-
-TEST_F(PropertyListTest, SurvivesFilesWithAnyByteChanged) {
+TEST_F(PropertyListTest, SurvivesFilesCutOffAnywhereAndFilesWithAnyByteChanged) {
+  const auto survives = [this](std::string_view bytes) {
+    if (const auto list = read(bytes)) list->textForKey("root_dir");
+  };
   const std::string content =
       "<dict><key>root_dir</key><string>/home/ann</string><key>n</key><integer>1</integer></dict>";
   for (const auto& bytes : {xml(content), binary(content)}) {
     for (std::size_t i = 0; i < bytes.size(); ++i) {
+      survives(bytes.substr(0, i));
       for (const char change : {'\0', '\xFF', '<', '\x7F'}) {
         std::string changed = bytes;
         changed[i] = change;
-        if (const auto list = read(changed)) list->textForKey("root_dir");
+        survives(changed);
       }
     }
   }
@@ -190,7 +157,7 @@ std::vector<std::string> hostileLists() {
   self.text("root_dir");
   lists.push_back(self.bytes());
   for (const std::string_view opening : {"<dict><key>a</key>", "<array>"}) {
-    std::string nested = std::string(HEAD) + "<dict><key>a</key>";
+    std::string nested = "<plist><dict><key>a</key>";
     while (nested.size() < MOST_BYTES - 20) nested += opening;
     lists.push_back(nested);
   }
@@ -219,26 +186,18 @@ TEST_F(PropertyListTest, IsAbsentWithoutMuchStackOrMemoryWhenItIsBuiltToTakeThem
   EXPECT_EQ(child.wait(), static_cast<int>(lists.size()));
 }
 
-TEST_F(PropertyListTest, IsAbsentWhenItIsNoRegularFile) {
-  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
-  EXPECT_FALSE(PropertyList::dictionaryAtPath(path)) << "without waiting for a writer";
-}
-
 TEST_F(PropertyListTest, MayBeCopiedAndReadByManyThreads) {
   const auto list = read(xml("<dict><key>root_dir</key><string>/home/ann</string></dict>"));
   ASSERT_TRUE(list);
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
-    threads.emplace_back([this, copy = *list] {
-      for (int round = 0; round < 50; ++round) {
-        EXPECT_EQ(copy.textForKey("root_dir"), "/home/ann");
-        const auto own = PropertyList::dictionaryAtPath(path);
-        ASSERT_TRUE(own);
-        EXPECT_EQ(own->textForKey("root_dir"), "/home/ann");
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
+  test::inParallel(4, [&](std::size_t) {
+    const PropertyList copy = *list;
+    for (int round = 0; round < 50; ++round) {
+      EXPECT_EQ(copy.textForKey("root_dir"), "/home/ann");
+      const auto own = PropertyList::dictionaryAtPath(path);
+      ASSERT_TRUE(own);
+      EXPECT_EQ(own->textForKey("root_dir"), "/home/ann");
+    }
+  });
 }
 
 }  // namespace

@@ -15,32 +15,18 @@ TEST(UTF8, TakesWellFormedText) {
   }
 }
 
-TEST(UTF8, RefusesOverlongForms) {
-  for (const auto text : {"\xC0\x80"sv, "\xC0\xAF"sv, "\xC1\xBF"sv, "\xE0\x80\x80"sv, "\xE0\x9F\xBF"sv,
-                          "\xF0\x80\x80\x80"sv, "\xF0\x8F\xBF\xBF"sv}) {
-    EXPECT_FALSE(isValidUTF8(text));
-  }
-}
-
-TEST(UTF8, RefusesSurrogates) {
-  for (const auto text :
-       {"\xED\xA0\x80"sv, "\xED\xAF\xBF"sv, "\xED\xB0\x80"sv, "\xED\xBF\xBF"sv, "\xED\xA0\xBD\xED\xB9\x82"sv}) {
-    EXPECT_FALSE(isValidUTF8(text));
-  }
-}
-
-TEST(UTF8, RefusesWhatIsBeyondUnicode) {
-  for (const auto text : {"\xF4\x90\x80\x80"sv, "\xF5\x80\x80\x80"sv, "\xF8\x88\x80\x80\x80"sv,
-                          "\xFC\x84\x80\x80\x80\x80"sv, "\xFE"sv, "\xFF"sv}) {
-    EXPECT_FALSE(isValidUTF8(text));
-  }
-}
-
-TEST(UTF8, RefusesTornSequences) {
-  for (const auto text : {"\x80"sv, "\xBF"sv, "\xC3"sv, "\xE6\x97"sv, "\xF0\x9F\x99"sv, "\xC3\x28"sv, "\xE6\x28\xA5"sv,
-                          "\xF0\x9F\x28\x82"sv, "\xC3\xC3\xBC"sv}) {
-    EXPECT_FALSE(isValidUTF8(text));
-  }
+TEST(UTF8, RefusesTextThatIsNotWellFormed) {
+  const std::pair<const char*, std::vector<std::string_view>> cases[] = {
+      {"overlong form",
+       {"\xC0\x80", "\xC0\xAF", "\xC1\xBF", "\xE0\x80\x80", "\xE0\x9F\xBF", "\xF0\x80\x80\x80", "\xF0\x8F\xBF\xBF"}},
+      {"surrogate", {"\xED\xA0\x80", "\xED\xAF\xBF", "\xED\xB0\x80", "\xED\xBF\xBF", "\xED\xA0\xBD\xED\xB9\x82"}},
+      {"beyond Unicode",
+       {"\xF4\x90\x80\x80", "\xF5\x80\x80\x80", "\xF8\x88\x80\x80\x80", "\xFC\x84\x80\x80\x80\x80", "\xFE", "\xFF"}},
+      {"torn sequence",
+       {"\x80", "\xBF", "\xC3", "\xE6\x97", "\xF0\x9F\x99", "\xC3\x28", "\xE6\x28\xA5", "\xF0\x9F\x28\x82",
+        "\xC3\xC3\xBC"}}};
+  for (const auto& [fault, texts] : cases)
+    for (const auto text : texts) EXPECT_FALSE(isValidUTF8(text)) << fault << ' ' << testing::PrintToString(text);
 }
 
 TEST(UTF8, RefusesOneBadByteAnywhere) {
