@@ -1,12 +1,9 @@
 #include "extension/FinderSync.hpp"
 
 #include <gmock/gmock.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <fstream>
+#include <filesystem>
 
-#include "base/AppConst.hpp"
 #include "extension/SharedObjects.hpp"
 #include "logging/Logging.hpp"
 #include "platform/linux/FinderSyncHost.hpp"
@@ -26,8 +23,6 @@ using platform::FIMenuKind;
 using platform::Image;
 using test::LogRecorder;
 using test::LoopbackServer;
-using test::WireReply;
-using test::WireRequest;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -44,8 +39,7 @@ class FinderSyncTest : public testing::Test {
   FinderSyncTest() {
     testing::GTEST_FLAG(death_test_style) = "threadsafe";
     std::filesystem::create_directories(root + "/d");
-    test::writeFile(root + "/x", "");
-    test::writeFile(root + "/y", "");
+    for (const char* name : {"/x", "/y", "/z", "/unlisted"}) test::writeFile(root + name, "");
   }
   ~FinderSyncTest() override {
     if (statusManager()) statusManager()->stop_listener();
@@ -58,6 +52,11 @@ class FinderSyncTest : public testing::Test {
     ASSERT_TRUE(sync.init());
   }
   FileURL item(const std::string& name) const { return url(root + "/" + name); }
+  std::vector<FileURL> items(const std::vector<std::string>& names) const {
+    std::vector<FileURL> result;
+    for (const auto& name : names) result.push_back(item(name));
+    return result;
+  }
 
   /// The badge that a request for `name` sets; none when it sets none.
   std::optional<std::string> badgeRequested(const std::string& name) {
@@ -67,14 +66,35 @@ class FinderSyncTest : public testing::Test {
     return request.answer();
   }
 
-  LoopbackServer& serve(const std::string& body) {
-    return server.emplace([body](const WireRequest&) { return WireReply{.body = body}; });
+  void serve(const std::string& body) {
+    server.emplace([body](const test::WireRequest&) { return test::WireReply{.body = body}; });
   }
-  std::vector<std::string> targets() const {
+  std::vector<std::string> bodies() const {
     std::vector<std::string> result;
-    if (server)
-      for (const auto& request : server->requests()) result.push_back(request.target);
+    for (const auto& request : server->requests()) result.push_back(request.body);
     return result;
+  }
+
+  std::optional<platform::ContextMenu> menuFor(const std::vector<std::string>& names,
+                                               FIMenuKind kind = FIMenuKind::contextualMenuForItems) {
+    const auto selection = items(names);
+    const host::Selection selected(selection);
+    return sync.menuForMenuKind(kind);
+  }
+  /// The titles of the menu's enabled entries.
+  std::vector<std::string> enabledTitles(const std::vector<std::string>& names) {
+    std::vector<std::string> titles;
+    const auto menu = menuFor(names);
+    if (!menu) return {"no menu"};
+    EXPECT_EQ(menu->items.size(), 5u);
+    for (const auto& entry : menu->items)
+      if (entry.enabled) titles.push_back(entry.title);
+    return titles;
+  }
+  void perform(void (FinderSync::*action)(), const std::vector<std::string>& names) {
+    const auto selection = items(names);
+    const host::Selection selected(selection);
+    (sync.*action)();
   }
 
   test::Environment environment;
@@ -99,26 +119,22 @@ TEST_F(FinderSyncTest, TheFirstControllerSetsUpLoggingAndTheManagerThenBadgesThe
   EXPECT_THAT(messages, ElementsAre("Logger initialized on level: INFO", "Starting REST status polling",
                                     "Started new status manager", "Initialized Kevlane Finder plugin for path " + root,
                                     "Finder plugin enabled"));
+  EXPECT_THAT(FIFinderSyncController::defaultController().directoryURLs(), ElementsAre(url(root)));
 }
 
 TEST_F(FinderSyncTest, RegistersTheThreeBadgesInOrder) {
   ASSERT_TRUE(sync.init());
-  const auto badges = host::registeredBadges();
-  ASSERT_EQ(badges.size(), 3u);
-  const char* expected[][3] = {
-      {"SKIPPED", "Not synced", "error"}, {"PENDING", "Sync in progress", "sync"}, {"SYNCED", "Synced", "checkmark"}};
-  for (std::size_t i = 0; i < 3; ++i) {
-    EXPECT_EQ(badges[i].identifier, expected[i][0]);
-    EXPECT_EQ(badges[i].label, expected[i][1]);
-    EXPECT_EQ(badges[i].image.name(), expected[i][2]);
-  }
+  std::vector<std::string> badges;
+  for (const auto& badge : host::registeredBadges())
+    badges.push_back(badge.identifier + ", " + badge.label + ", " + badge.image.name());
+  EXPECT_THAT(badges, ElementsAre("SKIPPED, Not synced, error", "PENDING, Sync in progress, sync",
+                                  "SYNCED, Synced, checkmark"));
 }
 
 TEST_F(FinderSyncTest, UnconfiguredItComesToLifeAndStaysIdle) {
   ASSERT_TRUE(sync.init());
   EXPECT_EQ(log.count(LogLevel::Info, "Skipping initialization, Kevlane not configured"), 1u);
   EXPECT_THAT(FIFinderSyncController::defaultController().directoryURLs(), IsEmpty());
-  EXPECT_EQ(sync.menuForMenuKind(FIMenuKind::contextualMenuForItems), std::nullopt);
 }
 
 TEST_F(FinderSyncTest, ASecondControllerRegistersTheBadgesAgainAndMakesNoSecondManager) {
@@ -148,28 +164,14 @@ TEST_F(FinderSyncTest, APlatformThatGivesNoObjectGivesNoControllerAndSetsNothing
 }
 
 TEST_F(FinderSyncTest, WithAnotherExtensionRunningTheProcessEndsWithStatus0BeforeAnythingIsSetUp) {
+  testing::GTEST_FLAG(death_test_style) = "fast";  // in the folders of this process
   configure();
-
-  int errors[2];
-  ASSERT_EQ(::pipe(errors), 0);
-  const pid_t duplicate = ::fork();
-  if (duplicate == 0) {
-    ::dup2(errors[1], STDERR_FILENO);
-    host::setOtherRunningApplications({1});
-    FinderSync second;
-    second.init();
-    ::_exit(99);  // not reached: the process has ended itself
-  }
-  ::close(errors[1]);
-  std::string said;
-  char buffer[4096];
-  for (ssize_t count; (count = ::read(errors[0], buffer, sizeof buffer)) > 0;)
-    said.append(buffer, static_cast<std::size_t>(count));
-  int status = 0;
-  ASSERT_EQ(::waitpid(duplicate, &status, 0), duplicate);
-  EXPECT_TRUE(WIFEXITED(status));
-  EXPECT_EQ(WEXITSTATUS(status), 0);
-  EXPECT_THAT(said, testing::HasSubstr("VornetVIExt already running"));
+  EXPECT_EXIT(
+      {
+        host::setOtherRunningApplications({1});
+        sync.init();
+      },
+      testing::ExitedWithCode(0), "VornetVIExt already running");
   EXPECT_FALSE(std::filesystem::exists(environment.logFile()));
   EXPECT_TRUE(sync.init()) << "alone";
 }
@@ -187,18 +189,14 @@ TEST_F(FinderSyncTest, HoldsItsOwnClient) {
 
 // --- Observing ------------------------------------------------------------------------------------------------------
 
-TEST_F(FinderSyncTest, ObservesExactlyTheSyncedFolder) {
-  initConfigured();
-  EXPECT_THAT(FIFinderSyncController::defaultController().directoryURLs(), ElementsAre(url(root)));
-}
-
 TEST_F(FinderSyncTest, EnablingReplacesTheObservedFoldersAndDisablingEmptiesThem) {
+  const auto& finder = FIFinderSyncController::defaultController();
   sync.enableVI({url("/a"), url("/b")});
-  EXPECT_THAT(FIFinderSyncController::defaultController().directoryURLs(), ElementsAre(url("/a"), url("/b")));
+  EXPECT_THAT(finder.directoryURLs(), ElementsAre(url("/a"), url("/b")));
   sync.enableVI({url("/c")});
-  EXPECT_THAT(FIFinderSyncController::defaultController().directoryURLs(), ElementsAre(url("/c")));
+  EXPECT_THAT(finder.directoryURLs(), ElementsAre(url("/c")));
   sync.disableVI();
-  EXPECT_THAT(FIFinderSyncController::defaultController().directoryURLs(), IsEmpty());
+  EXPECT_THAT(finder.directoryURLs(), IsEmpty());
 }
 
 TEST_F(FinderSyncTest, BeginningAndEndingToObserveReachTheManagerAndTheLog) {
@@ -227,24 +225,14 @@ TEST_F(FinderSyncDeathTest, CallbacksWithoutAStatusManagerStopTheProcess) {
 // --- Badges ---------------------------------------------------------------------------------------------------------
 
 TEST_F(FinderSyncTest, ABadgeRequestIsAnsweredBeforeItReturns) {
-  test::makeSyncDatabase(environment.container() / "sync.db", {{"/x", 2}, {"/y", 1}, {"/d/", 0}});
+  test::makeSyncDatabase(environment.container() / "sync.db", {{"/x", 2}, {"/y", 1}, {"/d/", 0}, {"/z", 7}});
   initConfigured();
   EXPECT_EQ(badgeRequested("x"), "SYNCED");
   EXPECT_EQ(badgeRequested("y"), "PENDING");
   EXPECT_EQ(badgeRequested("d"), "SKIPPED");
+  EXPECT_EQ(badgeRequested("z"), std::nullopt) << "an unknown code leaves the badge as it was";
+  EXPECT_EQ(badgeRequested("unlisted"), "") << "code -1 clears the badge";
   EXPECT_EQ(log.count(LogLevel::Debug, "Requesting ICON for " + root + "/x"), 1u);
-}
-
-TEST_F(FinderSyncTest, CodeMinusOneClearsTheBadge) {
-  test::makeSyncDatabase(environment.container() / "sync.db", {});
-  initConfigured();
-  EXPECT_EQ(badgeRequested("x"), "");
-}
-
-TEST_F(FinderSyncTest, AnUnknownCodeLeavesTheBadgeOfARequestAsItWas) {
-  test::makeSyncDatabase(environment.container() / "sync.db", {{"/x", 7}});
-  initConfigured();
-  EXPECT_EQ(badgeRequested("x"), std::nullopt);
 }
 
 TEST_F(FinderSyncTest, NoCodeLeavesTheBadgeOfARequestAsItWas) {
@@ -297,9 +285,7 @@ TEST_F(FinderSyncTest, ReportsSinceWhenTheSyncApplicationHasBeenSilent) {
   sync.beginObservingDirectoryAtURL(item("d"));  // makes the manager ask at once, for both folders
   ASSERT_TRUE(log.waitFor(LogLevel::Warning, "Skipping get_icons_for_fodler, ds not connected"));
   const auto after = std::chrono::system_clock::now();
-  const std::vector selection{item("d")};
-  const host::Selection selected(selection);
-  sync.menuForMenuKind(platform::FIMenuKind::contextualMenuForItems);
+  menuFor({"d"});
   sync.setAnswerListener(nullptr);
   ASSERT_GE(reports.size(), 3U);
   EXPECT_EQ(reports.front(), std::nullopt);
@@ -316,44 +302,19 @@ TEST_F(FinderSyncTest, ABadgeRequestForAURLWithoutPathIsIgnoredAfterTheLogLine) 
   EXPECT_THAT(log.messages(LogLevel::Debug), ElementsAre("Requesting ICON for nil"));
 }
 
-// --- Toolbar item ---------------------------------------------------------------------------------------------------
-
-TEST_F(FinderSyncTest, TheToolbarItemIsPresentAndEmpty) {
-  EXPECT_EQ(sync.toolbarItemName(), "");
-  EXPECT_EQ(sync.toolbarItemToolTip(), "");
-  EXPECT_TRUE(sync.toolbarItemImage().isEmpty());
-}
-
 // --- Menu -----------------------------------------------------------------------------------------------------------
 
 TEST_F(FinderSyncTest, TheMenuHasFiveEntriesInOrderWithTheProductImage) {
   initConfigured();
   serve(R"({"1":true,"2":true,"3":true,"4":true,"5":true})");
-  const std::vector<FileURL> selection = {item("x")};
-  const host::Selection selected(selection);
-  const auto menu = sync.menuForMenuKind(FIMenuKind::contextualMenuForItems);
+  const auto menu = menuFor({"x"});
   ASSERT_TRUE(menu);
-  std::vector<std::pair<std::string, std::string>> entries;
-  for (const auto& entry : menu->items) {
-    entries.emplace_back(entry.title, entry.action);
-    EXPECT_TRUE(entry.enabled) << entry.title;
-    EXPECT_EQ(entry.image.name(), "QMT");
-  }
-  EXPECT_THAT(entries, ElementsAre(std::pair("Share", "share:"), std::pair("Copy Link", "copyLink:"),
-                                   std::pair("Comments", "notes:"), std::pair("View versions", "viewVersions:"),
-                                   std::pair("View in Cloud", "viewInCloud:")));
-}
-
-/// The titles of the menu's enabled entries.
-std::vector<std::string> enabledTitles(FinderSync& sync, const std::vector<FileURL>& selection) {
-  const host::Selection selected(selection);
-  std::vector<std::string> titles;
-  const auto menu = sync.menuForMenuKind(FIMenuKind::contextualMenuForItems);
-  if (!menu) return {"no menu"};
-  EXPECT_EQ(menu->items.size(), 5u);
+  std::vector<std::string> entries;
   for (const auto& entry : menu->items)
-    if (entry.enabled) titles.push_back(entry.title);
-  return titles;
+    entries.push_back(entry.title + ", " + entry.action + ", " + entry.image.name() +
+                      (entry.enabled ? "" : ", disabled"));
+  EXPECT_THAT(entries, ElementsAre("Share, share:, QMT", "Copy Link, copyLink:, QMT", "Comments, notes:, QMT",
+                                   "View versions, viewVersions:, QMT", "View in Cloud, viewInCloud:, QMT"));
 }
 
 TEST_F(FinderSyncTest, EachKeyEnablesItsOwnEntry) {
@@ -362,20 +323,20 @@ TEST_F(FinderSyncTest, EachKeyEnablesItsOwnEntry) {
       {"1", "Share"}, {"2", "Copy Link"}, {"3", "View in Cloud"}, {"4", "Comments"}, {"5", "View versions"}};
   for (const auto& [key, title] : keys) {
     serve("{\"" + std::string(key) + "\":true}");
-    EXPECT_THAT(enabledTitles(sync, {item("x")}), ElementsAre(title));
+    EXPECT_THAT(enabledTitles({"x"}), ElementsAre(title));
   }
 }
 
 TEST_F(FinderSyncTest, AbsentAndFalseKeysDisableTheirEntries) {
   initConfigured();
   serve(R"({"1": true, "3": false})");
-  EXPECT_THAT(enabledTitles(sync, {item("x")}), ElementsAre("Share"));
+  EXPECT_THAT(enabledTitles({"x"}), ElementsAre("Share"));
 }
 
 TEST_F(FinderSyncTest, TheMenuAsksForTheSelectionsCloudPathsAndLogsTheAnswer) {
   initConfigured();
   serve(R"({"1":true,"3":false})");
-  enabledTitles(sync, {item("x"), item("gone"), item("d")});
+  enabledTitles({"x", "gone", "d"});
   ASSERT_EQ(server->requests().size(), 1u);
   EXPECT_EQ(server->requests()[0].target, "/mac_populate_menu");
   EXPECT_EQ(server->requests()[0].body, R"({"paths":["/x","/d/"]})");
@@ -385,29 +346,25 @@ TEST_F(FinderSyncTest, TheMenuAsksForTheSelectionsCloudPathsAndLogsTheAnswer) {
 
 TEST_F(FinderSyncTest, WithoutSyncApplicationTheMenuIsShownWithAllEntriesDisabled) {
   initConfigured();
-  EXPECT_THAT(enabledTitles(sync, {item("x")}), IsEmpty());
+  EXPECT_THAT(enabledTitles({"x"}), IsEmpty());
   EXPECT_EQ(log.count(LogLevel::Debug, "File menu activation status: [:]"), 1u);
 }
 
 TEST_F(FinderSyncTest, OnlyTheMenuOfSelectedItemsIsOffered) {
   initConfigured();
   serve("{}");
-  const std::vector<FileURL> selection = {item("x")};
-  const host::Selection selected(selection);
   for (const auto kind :
        {FIMenuKind::contextualMenuForContainer, FIMenuKind::contextualMenuForSidebar, FIMenuKind::toolbarItemMenu}) {
-    EXPECT_EQ(sync.menuForMenuKind(kind), std::nullopt);
+    EXPECT_EQ(menuFor({"x"}, kind), std::nullopt);
   }
-  EXPECT_THAT(targets(), IsEmpty());
+  EXPECT_THAT(bodies(), IsEmpty());
 }
 
 TEST_F(FinderSyncTest, UnconfiguredNoMenuIsOfferedAndNothingIsSent) {
   ASSERT_TRUE(sync.init());
   serve("{}");
-  const std::vector<FileURL> selection = {item("x")};
-  const host::Selection selected(selection);
-  EXPECT_EQ(sync.menuForMenuKind(FIMenuKind::contextualMenuForItems), std::nullopt);
-  EXPECT_THAT(targets(), IsEmpty());
+  EXPECT_EQ(menuFor({"x"}), std::nullopt);
+  EXPECT_THAT(bodies(), IsEmpty());
 }
 
 TEST_F(FinderSyncDeathTest, AMenuOrActionWithoutSelectionStopsTheProcess) {
@@ -418,9 +375,7 @@ TEST_F(FinderSyncDeathTest, AMenuOrActionWithoutSelectionStopsTheProcess) {
 
 TEST_F(FinderSyncDeathTest, AnActionWithoutSyncedFolderStopsTheProcess) {
   ASSERT_TRUE(sync.init());
-  const std::vector<FileURL> selection = {item("x")};
-  const host::Selection selected(selection);
-  EXPECT_DEATH(sync.copyLink(), "without a synced folder");
+  EXPECT_DEATH(perform(&FinderSync::copyLink, {"x"}), "without a synced folder");
 }
 
 // --- Actions --------------------------------------------------------------------------------------------------------
@@ -432,22 +387,12 @@ class FinderSyncActionTest : public FinderSyncTest {
     serve("{}");
     log.clear();
   }
-
-  void perform(void (FinderSync::*action)(), const std::vector<FileURL>& selection) {
-    const host::Selection selected(selection);
-    (sync.*action)();
-  }
-  std::vector<std::string> bodies() const {
-    std::vector<std::string> result;
-    for (const auto& request : server->requests()) result.push_back(request.body);
-    return result;
-  }
 };
 
 TEST_F(FinderSyncActionTest, ShareAndCopyLinkSendAnyNumberOfItemsAlsoNone) {
-  perform(&FinderSync::share, {item("x"), item("y")});
-  perform(&FinderSync::copyLink, {item("d")});
-  perform(&FinderSync::share, {item("gone")});
+  perform(&FinderSync::share, {"x", "y"});
+  perform(&FinderSync::copyLink, {"d"});
+  perform(&FinderSync::share, {"gone"});
   perform(&FinderSync::copyLink, {});
   EXPECT_THAT(bodies(), ElementsAre(R"({"uid":"1","paths":["/x","/y"]})", R"({"uid":"2","paths":["/d/"]})",
                                     R"({"uid":"1","paths":[]})", R"({"uid":"2","paths":[]})"));
@@ -455,15 +400,15 @@ TEST_F(FinderSyncActionTest, ShareAndCopyLinkSendAnyNumberOfItemsAlsoNone) {
 }
 
 TEST_F(FinderSyncActionTest, CommentsAndVersionsInsistOnExactlyOneItem) {
-  perform(&FinderSync::notes, {item("x")});
-  perform(&FinderSync::viewVersions, {item("y"), item("gone")});
+  perform(&FinderSync::notes, {"x"});
+  perform(&FinderSync::viewVersions, {"y", "gone"});
   EXPECT_THAT(bodies(), ElementsAre(R"({"uid":"4","paths":["/x"]})", R"({"uid":"5","paths":["/y"]})"));
   EXPECT_THAT(log.messages(), IsEmpty());
 
-  perform(&FinderSync::notes, {item("x"), item("y")});
+  perform(&FinderSync::notes, {"x", "y"});
   perform(&FinderSync::notes, {});
-  perform(&FinderSync::viewVersions, {item("x"), item("y"), item("d")});
-  perform(&FinderSync::viewVersions, {item("gone")});
+  perform(&FinderSync::viewVersions, {"x", "y", "d"});
+  perform(&FinderSync::viewVersions, {"gone"});
   EXPECT_EQ(bodies().size(), 2u);
   EXPECT_THAT(log.messages(LogLevel::Debug),
               ElementsAre("Unable to view notes, 2 files selected", "Unable to view notes, 0 files selected",
@@ -471,19 +416,19 @@ TEST_F(FinderSyncActionTest, CommentsAndVersionsInsistOnExactlyOneItem) {
 }
 
 TEST_F(FinderSyncActionTest, ViewInCloudRefusesOnlyAnEmptySelectionAndSilently) {
-  perform(&FinderSync::viewInCloud, {item("x"), item("d")});
+  perform(&FinderSync::viewInCloud, {"x", "d"});
   EXPECT_THAT(bodies(), ElementsAre(R"({"uid":"3","paths":["/x","/d/"]})"));
   EXPECT_THAT(log.messages(LogLevel::Debug), ElementsAre(R"(View in cloud triggered for: ["/x", "/d/"])"));
   log.clear();
-  perform(&FinderSync::viewInCloud, {item("gone"), item("vanished")});
+  perform(&FinderSync::viewInCloud, {"gone", "vanished"});
   perform(&FinderSync::viewInCloud, {});
   EXPECT_EQ(bodies().size(), 1u);
   EXPECT_THAT(log.messages(), IsEmpty());
 }
 
 TEST_F(FinderSyncActionTest, LogLinesNameTheSourceFileFinderSyncAndTheOperation) {
-  enabledTitles(sync, {item("x")});
-  perform(&FinderSync::viewInCloud, {item("x")});
+  enabledTitles({"x"});
+  perform(&FinderSync::viewInCloud, {"x"});
   perform(&FinderSync::notes, {});
   perform(&FinderSync::viewVersions, {});
   std::vector<std::string> functions;
@@ -495,7 +440,7 @@ TEST_F(FinderSyncActionTest, LogLinesNameTheSourceFileFinderSyncAndTheOperation)
 // --- Selectors ------------------------------------------------------------------------------------------------------
 
 TEST_F(FinderSyncActionTest, EveryMenuActionIsPerformedByItsSelector) {
-  const std::vector<FileURL> selection = {item("x")};
+  const auto selection = items({"x"});
   const host::Selection selected(selection);
   for (const char* selector : {"share:", "copyLink:", "viewInCloud:", "notes:", "viewVersions:"}) {
     EXPECT_TRUE(FinderSync::isMenuAction(selector));
@@ -521,11 +466,7 @@ TEST_F(FinderSyncActionTest, EveryCallbackIsPerformedByItsSelector) {
   sync.performSelector("requestBadgeIdentifierForURL:", {SelectorObject(item("x"))});
   EXPECT_EQ(host::badgeIdentifier(item("x")), "SYNCED");
 
-  EXPECT_EQ(std::get<std::string>(sync.performSelector("toolbarItemName")), "");
-  EXPECT_EQ(std::get<std::string>(sync.performSelector("toolbarItemToolTip")), "");
-  EXPECT_TRUE(std::get<Image>(sync.performSelector("toolbarItemImage")).isEmpty());
-
-  const std::vector<FileURL> selection = {item("x")};
+  const auto selection = items({"x"});
   const host::Selection selected(selection);
   using OptionalMenu = std::optional<platform::ContextMenu>;
   EXPECT_TRUE(std::get<OptionalMenu>(sync.performSelector("menuForMenuKind:", {SelectorObject(std::int64_t{0})})));
@@ -535,6 +476,12 @@ TEST_F(FinderSyncActionTest, EveryCallbackIsPerformedByItsSelector) {
   EXPECT_THAT(finder.directoryURLs(), ElementsAre(url("/a"), url("/b")));
   sync.performSelector("disableVI");
   EXPECT_THAT(finder.directoryURLs(), IsEmpty());
+}
+
+TEST_F(FinderSyncTest, TheToolbarItemIsPresentAndEmpty) {
+  EXPECT_EQ(std::get<std::string>(sync.performSelector("toolbarItemName")), "");
+  EXPECT_EQ(std::get<std::string>(sync.performSelector("toolbarItemToolTip")), "");
+  EXPECT_TRUE(std::get<Image>(sync.performSelector("toolbarItemImage")).isEmpty());
 }
 
 TEST_F(FinderSyncTest, RespondsToItsSelectorsAndToNoOthers) {
@@ -550,15 +497,12 @@ TEST_F(FinderSyncTest, RespondsToItsSelectorsAndToNoOthers) {
   EXPECT_FALSE(FinderSync::isMenuAction("share"));
 }
 
-TEST_F(FinderSyncDeathTest, AnElementThatIsNotAURLGivenToEnableVIStopsTheProcess) {
-  EXPECT_DEATH(sync.performSelector("enableVI:", {std::vector<SelectorObject>{url("/a"), std::string("/b")}}),
-               "not a URL");
-}
-
 TEST_F(FinderSyncDeathTest, UnknownSelectorsAndArgumentsOfAnotherKindStopTheProcess) {
   EXPECT_DEATH(sync.performSelector("share"), "unknown selector: share");
   EXPECT_DEATH(sync.performSelector("setFileSyncStatus:status:", {SelectorObject(url("/a"))}), "not a number");
   EXPECT_DEATH(sync.performSelector("enableVI:", {SelectorObject(url("/a"))}), "takes a set");
+  EXPECT_DEATH(sync.performSelector("enableVI:", {std::vector<SelectorObject>{url("/a"), std::string("/b")}}),
+               "an element that is not a URL");
 }
 
 }  // namespace

@@ -1,11 +1,9 @@
 #include "extension/SharedObjects.hpp"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cstdlib>
-#include <filesystem>
 #include <thread>
 #include <vector>
 
@@ -23,6 +21,7 @@ namespace vornet::test {
 namespace {
 
 constexpr std::array IMAGES = {"checkmark", "sync", "error", "QMT"};
+constexpr std::array LOADERS = {&syncedImg, &inProgressImg, &failureImg, &vornetImg};
 
 /// Makes the main bundle one with the images `names`, in `folder`.
 template <typename Names>
@@ -36,10 +35,7 @@ void useImages(const TemporaryFolder& folder, const Names& names) {
 TEST(SharedObjectsTest, ImagesAreTheResourcesWithTheirNames) {
   const TemporaryFolder folder;
   useImages(folder, IMAGES);
-  EXPECT_EQ(syncedImg().name(), "checkmark");
-  EXPECT_EQ(inProgressImg().name(), "sync");
-  EXPECT_EQ(failureImg().name(), "error");
-  EXPECT_EQ(vornetImg().name(), "QMT");
+  for (std::size_t i = 0; i < IMAGES.size(); ++i) EXPECT_EQ(LOADERS[i]().name(), IMAGES[i]);
 }
 
 TEST(SharedObjectsTest, EachImageIsLoadedAloneWhenFirstNeeded) {
@@ -62,7 +58,6 @@ TEST(SharedObjectsTest, AnImageOnceLoadedStays) {
 using SharedObjectsDeathTest = ProcessStops;
 
 TEST_F(SharedObjectsDeathTest, AMissingImageStopsTheProcess) {
-  constexpr std::array LOADERS = {&syncedImg, &inProgressImg, &failureImg, &vornetImg};
   for (std::size_t missing = 0; missing < IMAGES.size(); ++missing) {
     const TemporaryFolder folder;
     auto names = std::vector(IMAGES.begin(), IMAGES.end());
@@ -108,9 +103,7 @@ TEST(SharedObjectsTest, StatusManagerIsAbsentAtFirstAndThenWhatWasAssigned) {
   statusManager() = nullptr;
 }
 
-TEST(SharedObjectsTest, TheTwoDatabaseReadersAreSharedAndDistinct) {
-  EXPECT_EQ(&syncDB(), &syncDB());
-  EXPECT_EQ(&configDB(), &configDB());
+TEST(SharedObjectsTest, TheTwoDatabaseReadersAreDistinct) {
   EXPECT_NE(static_cast<SyncDB*>(&configDB()), &syncDB());
 }
 

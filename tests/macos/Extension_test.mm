@@ -2,7 +2,6 @@
 // and action by its selector. The host's classes are not included, so that a misspelt name is missing here.
 #import <FinderSync/FinderSync.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <objc/runtime.h>
 #include <unistd.h>
 
@@ -17,6 +16,7 @@
 #include "support/Databases.hpp"
 #include "support/SyncApplication.hpp"
 #include "support/TemporaryFolder.hpp"
+#include "support/Threads.hpp"
 
 @protocol VornetOperations
 - (void)setFileSyncStatus:(NSURL*)url status:(NSInteger)status;
@@ -56,7 +56,7 @@ void onThreadOfTheFinder(Body body) {
 }
 
 /// Runs `body` a number of times, each in a separate autorelease pool, as the Finder runs its callbacks. Fails when
-/// objects are still left after half a minute.
+/// objects are still left after a minute.
 template <class Body>
 void expectNoObjectsLeftBy(int times, Body body) {
   std::ptrdiff_t before = 0;
@@ -66,14 +66,20 @@ void expectNoObjectsLeftBy(int times, Body body) {
     }
     if (i < 0) before = standin::liveObjects();
   }
-  const auto few = times / 2;
-  for (int i = 0; standin::liveObjects() - before >= few && i < 3000; ++i)
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
-  EXPECT_LT(standin::liveObjects() - before, few);
+  EXPECT_TRUE(vornet::test::becomesTrue([&] { return standin::liveObjects() - before < times / 2; }))
+      << standin::liveObjects() - before;
+}
+
+bool waitForBadge(const Badge& badge) {
+  return vornet::test::becomesTrue([&] { return testing::Value(standin::seen().badges, testing::Contains(badge)); });
 }
 
 NSDictionary* extensionKeys() {
   return [[NSBundle mainBundle] objectForInfoDictionaryKey:@"NSExtension"];
+}
+
+Class principalClass() {
+  return NSClassFromString([extensionKeys() objectForKey:@"NSExtensionPrincipalClass"]);
 }
 
 class MacExtension : public testing::Test {
@@ -95,19 +101,16 @@ class MacExtension : public testing::Test {
     return folder_.path() / "containers" / text([groups objectForKey:string(vornet::App().APP_GROUP)]);
   }
 
-  void configure() const { vornet::test::writePreferences(container() / vornet::App().KELVANE_PLIST, root()); }
-
   /// The principal object, made as the system makes it. It lives on: the status manager keeps calling it.
-  static id<FIFinderSync> makePrincipalObject() {
-    Class principal = NSClassFromString([extensionKeys() objectForKey:@"NSExtensionPrincipalClass"]);
-    return [[principal alloc] init];
-  }
+  static id<FIFinderSync> makePrincipalObject() { return [[principalClass() alloc] init]; }
 
   /// The principal object of a configured extension.
   id<FIFinderSync> makeConfigured() const {
-    configure();
+    vornet::test::writePreferences(container() / vornet::App().KELVANE_PLIST, root());
     return makePrincipalObject();
   }
+
+  NSURL* item(const std::string& name) const { return fileURL(root() / name); }
 
   void select(const std::vector<std::string>& names) const {
     std::vector<std::string> paths;
@@ -134,13 +137,11 @@ class MacExtension : public testing::Test {
 
 TEST_F(MacExtension, ThePropertyListNamesAPrincipalClassThatTheFrameworkTakes) {
   EXPECT_EQ(text([extensionKeys() objectForKey:@"NSExtensionPointIdentifier"]), "com.apple.FinderSync");
-  Class principal = NSClassFromString([extensionKeys() objectForKey:@"NSExtensionPrincipalClass"]);
-  ASSERT_TRUE(principal);
-  EXPECT_TRUE([principal isSubclassOfClass:[FIFinderSync class]]);
+  ASSERT_TRUE(principalClass());
+  EXPECT_TRUE([principalClass() isSubclassOfClass:[FIFinderSync class]]);
 }
 
 TEST_F(MacExtension, ThePrincipalClassAnswersEverySelectorItself) {
-  Class principal = NSClassFromString([extensionKeys() objectForKey:@"NSExtensionPrincipalClass"]);
   for (NSString *name in
        [NSArray arrayWithObjects:@"init", @"setFileSyncStatus:status:", @"enableVI:", @"disableVI",
                                  @"beginObservingDirectoryAtURL:", @"endObservingDirectoryAtURL:",
@@ -148,19 +149,19 @@ TEST_F(MacExtension, ThePrincipalClassAnswersEverySelectorItself) {
                                  @"toolbarItemToolTip", @"toolbarItemImage",
                                  @"share:", @"copyLink:", @"notes:", @"viewVersions:", @"viewInCloud:", nil]) {
     const SEL selector = NSSelectorFromString(name);
-    EXPECT_TRUE([principal instancesRespondToSelector:selector]) << text(name);
-    EXPECT_NE([principal instanceMethodForSelector:selector], [FIFinderSync instanceMethodForSelector:selector])
+    EXPECT_TRUE([principalClass() instancesRespondToSelector:selector]) << text(name);
+    EXPECT_NE([principalClass() instanceMethodForSelector:selector], [FIFinderSync instanceMethodForSelector:selector])
         << text(name);
   }
 }
 
 TEST_F(MacExtension, ConstructionRegistersTheBadgesInOrderAndObservesTheSyncedFolder) {
   ASSERT_TRUE(makeConfigured());
-  EXPECT_THAT(standin::events(),
+  EXPECT_THAT(standin::seen().events,
               ElementsAre("init", "directories", "badge SKIPPED 'Not synced' error",
                           "badge PENDING 'Sync in progress' sync", "badge SYNCED 'Synced' checkmark", "directories"));
-  EXPECT_THAT(standin::observedFolders(), ElementsAre(root().string() + "/"));
-  EXPECT_THAT(standin::askedApplications(), ElementsAre(vornet::App().APP_CODENAME));
+  EXPECT_THAT(standin::seen().folders, ElementsAre(root().string() + "/"));
+  EXPECT_THAT(standin::seen().askedApplications, ElementsAre(vornet::App().APP_CODENAME));
   EXPECT_EQ(text([[NSBundle mainBundle] bundleIdentifier]), vornet::App().APP_CODENAME);
 }
 
@@ -173,14 +174,14 @@ TEST_F(MacExtension, ASecondCopyEndsItselfBeforeAnythingIsSetUp) {
 TEST_F(MacExtension, NoPrincipalObjectIsMadeWhenTheFrameworkGivesNone) {
   standin::refuseConstruction();
   EXPECT_FALSE(makePrincipalObject());
-  EXPECT_THAT(standin::events(), ElementsAre("init"));
+  EXPECT_THAT(standin::seen().events, ElementsAre("init"));
 }
 
 TEST_F(MacExtension, StaysIdleWithoutPreferences) {
   id<FIFinderSync> extension = makePrincipalObject();
   ASSERT_TRUE(extension);
-  EXPECT_THAT(standin::events(), testing::Contains("directories")) << "the framework wants a set, if an empty one";
-  EXPECT_THAT(standin::observedFolders(), IsEmpty());
+  EXPECT_THAT(standin::seen().events, testing::Contains("directories")) << "the framework wants a set, if an empty one";
+  EXPECT_THAT(standin::seen().folders, IsEmpty());
   EXPECT_FALSE([extension menuForMenuKind:FIMenuKindContextualMenuForItems]);
   EXPECT_EQ(logLines().back(),
             "[Info] [RESTPollingManager] setupLocalRoot: Skipping initialization, Kevlane not configured");
@@ -213,12 +214,11 @@ TEST_F(MacExtension, WritesToTheSystemLogThatItsOwnCannotBeWritten) {
 
 TEST_F(MacExtension, WritesItsStartToTheLogFile) {
   makeConfigured();
-  const std::string version = text([[NSBundle mainBundle] objectForInfoDictionaryKey:@"CFBundleShortVersionString"]);
-  const std::string build = text([[NSBundle mainBundle] objectForInfoDictionaryKey:@"CFBundleVersion"]);
-  const std::string process = std::to_string(::getpid());
+  const auto key = [](NSString* name) { return text([[NSBundle mainBundle] objectForInfoDictionaryKey:name]); };
   EXPECT_THAT(
       logLines(),
-      ElementsAre("[Info] : VornetVIExt Version: " + version + " Build: " + build + " PID: " + process,
+      ElementsAre("[Info] : VornetVIExt Version: " + key(@"CFBundleShortVersionString") +
+                      " Build: " + key(@"CFBundleVersion") + " PID: " + std::to_string(::getpid()),
                   "[Info] : XCGLogger Version: 1.8.1 - LogLevel: Info",
                   "[Info] [Logging] setupLogger: Logger initialized on level: INFO",
                   "[Info] [RESTPollingManager] start_listener: Starting REST status polling",
@@ -231,9 +231,9 @@ TEST_F(MacExtension, ASecondObjectRegistersTheBadgesAgainAndStartsNothing) {
   makeConfigured();
   const auto lines = logLines();
   ASSERT_TRUE(makePrincipalObject());
-  EXPECT_THAT(standin::events(), testing::SizeIs(10));
-  EXPECT_EQ(standin::events()[7], "badge SKIPPED 'Not synced' error");
-  EXPECT_THAT(standin::observedFolders(), ElementsAre(root().string() + "/"));
+  EXPECT_THAT(standin::seen().events, testing::SizeIs(10));
+  EXPECT_EQ(standin::seen().events[7], "badge SKIPPED 'Not synced' error");
+  EXPECT_THAT(standin::seen().folders, ElementsAre(root().string() + "/"));
   EXPECT_EQ(logLines(), lines);
 }
 
@@ -241,33 +241,33 @@ TEST_F(MacExtension, AnswersBadgeRequestsFromTheSyncDatabase) {
   id<FIFinderSync> extension = makeConfigured();
   onThreadOfTheFinder([&] {
     for (const char* name : {"synced", "strange", "failing", "none", "absent"})
-      [extension requestBadgeIdentifierForURL:fileURL(root() / name)];
+      [extension requestBadgeIdentifierForURL:item(name)];
   });
   // A status without a badge removes one; an unknown status changes nothing.
-  EXPECT_THAT(standin::badges(), ElementsAre(Badge("SYNCED", root() / "synced"), Badge("SKIPPED", root() / "failing"),
-                                             Badge("", root() / "none"), Badge("", root() / "absent")));
+  EXPECT_THAT(standin::seen().badges,
+              ElementsAre(Badge("SYNCED", root() / "synced"), Badge("SKIPPED", root() / "failing"),
+                          Badge("", root() / "none"), Badge("", root() / "absent")));
 }
 
 TEST_F(MacExtension, SetsABadgeOnTheObjectThatItWasAskedFor) {
   id extension = makeConfigured();
   // A folder's URL without a slash at its end, as one may be.
-  NSURL* item = [NSURL fileURLWithPath:string(root() / "Å b") isDirectory:NO];
-  [extension requestBadgeIdentifierForURL:item];
-  ASSERT_THAT(standin::badges(), testing::SizeIs(1));
-  EXPECT_EQ(standin::lastPush().url, item);
+  NSURL* asked = [NSURL fileURLWithPath:string(root() / "Å b") isDirectory:NO];
   NSURL* same = [NSURL fileURLWithPath:string(root() / "Å b") isDirectory:NO];
+  [extension requestBadgeIdentifierForURL:asked];
+  EXPECT_EQ(standin::seen().lastURL, asked);
   [extension setFileSyncStatus:same status:1];
-  EXPECT_EQ(standin::lastPush().url, same);
+  EXPECT_EQ(standin::seen().lastURL, same);
 }
 
 TEST_F(MacExtension, KeepsNoObjectsOfTenThousandBadgesAndAHundredMenus) {
   SyncApplication application;
   application.setBody("mac_populate_menu", R"({"1":true})");
   id extension = makeConfigured();
-  NSURL* item = fileURL(root() / "synced");
+  NSURL* synced = item("synced");
   expectNoObjectsLeftBy(10'000, [&](int) {
-    [extension requestBadgeIdentifierForURL:item];
-    [extension setFileSyncStatus:item status:1];
+    [extension requestBadgeIdentifierForURL:synced];
+    [extension setFileSyncStatus:synced status:1];
   });
   select({"synced"});
   expectNoObjectsLeftBy(100, [&](int) {
@@ -281,21 +281,21 @@ TEST_F(MacExtension, KeepsNoObjectsOfAHundredPassesEachOfWhichHasAPool) {
   SyncApplication application;
   application.setBody("get_icons_for_folder", R"({"/Å b/1":1})");
   id extension = makeConfigured();
-  [extension beginObservingDirectoryAtURL:fileURL(root() / "Å b")];
+  [extension beginObservingDirectoryAtURL:item("Å b")];
   ASSERT_TRUE(application.waitForAnswer("get_icons_for_folder", R"({"dir_name":"/Å b/"})"));
   const auto pass = [&](int number) {
-    const auto before = standin::badges().size();
+    const auto before = standin::seen().badges.size();
     application.setBody("get_icons_for_folder", number % 2 ? R"({"/Å b/1":1})" : R"({"/Å b/1":2})");
-    NSURL* another = fileURL(root() / ("folder " + std::to_string(number)));
-    [extension beginObservingDirectoryAtURL:fileURL(root() / "Å b")];  // stays among the last that were entered
-    [extension beginObservingDirectoryAtURL:another];                  // wakes the worker
-    EXPECT_TRUE(standin::waitForBadges(before + 1));
+    NSURL* another = item("folder " + std::to_string(number));
+    [extension beginObservingDirectoryAtURL:item("Å b")];  // stays among the last that were entered
+    [extension beginObservingDirectoryAtURL:another];      // wakes the worker
+    EXPECT_TRUE(vornet::test::becomesTrue([&] { return standin::seen().badges.size() > before; }));
     [extension endObservingDirectoryAtURL:another];
   };
   pass(0);
-  const auto poolsOfAPush = standin::lastPush().pools;
-  onThreadOfTheFinder([&] { [extension setFileSyncStatus:fileURL(root() / "synced") status:1]; });
-  EXPECT_EQ(poolsOfAPush, standin::lastPush().pools) << "the push's own, and one around it";
+  const auto poolsOfAPush = standin::seen().lastPools;
+  onThreadOfTheFinder([&] { [extension setFileSyncStatus:item("synced") status:1]; });
+  EXPECT_EQ(poolsOfAPush, standin::seen().lastPools) << "the push's own, and one around it";
 
   expectNoObjectsLeftBy(100, [&](int number) { pass(number + 2); });
 }
@@ -305,56 +305,57 @@ TEST_F(MacExtension, TheWorkerPushesAfterTheFirstObjectIsReleased) {
   application.setBody("get_icons_for_folder", R"({"/Å b/1":1})");
   id<FIFinderSync> first = makeConfigured();
   id<FIFinderSync> second = makePrincipalObject();
-  [first beginObservingDirectoryAtURL:fileURL(root() / "Å b")];
+  [first beginObservingDirectoryAtURL:item("Å b")];
   ASSERT_TRUE(application.waitForAnswer("get_icons_for_folder", R"({"dir_name":"/Å b/"})"));
   application.setBody("get_icons_for_folder", R"({"/Å b/1":2})");
   [first release];
   [second beginObservingDirectoryAtURL:fileURL(root())];  // wakes the worker
-  EXPECT_TRUE(standin::waitForBadge({"SYNCED", root() / "Å b/1"}));
+  EXPECT_TRUE(waitForBadge({"SYNCED", root() / "Å b/1"}));
 }
 
 TEST_F(MacExtension, AsksForTheStatusesOfAFolderOnScreenAndPushesWhatChanges) {
   SyncApplication application;
   application.setBody("get_icons_for_folder", R"({"/Å b/1":1,"/Å b/2":2})");
   id<FIFinderSync> extension = makeConfigured();
-  onThreadOfTheFinder([&] { [extension beginObservingDirectoryAtURL:fileURL(root() / "Å b")]; });
+  onThreadOfTheFinder([&] { [extension beginObservingDirectoryAtURL:item("Å b")]; });
   ASSERT_TRUE(application.waitForAnswer("get_icons_for_folder", R"({"dir_name":"/Å b/"})"));
 
   application.setBody("get_icons_for_folder", R"({"/Å b/1":2,"/Å b/2":7,"/Å b/3":0})");
   [extension beginObservingDirectoryAtURL:fileURL(root())];  // wakes the worker for another pass
-  EXPECT_TRUE(standin::waitForBadge({"SYNCED", root() / "Å b/1"}));
-  EXPECT_TRUE(standin::waitForBadge({"", root() / "Å b/2"}));
-  EXPECT_TRUE(standin::waitForBadge({"SKIPPED", root() / "Å b/3"}));
+  EXPECT_TRUE(waitForBadge({"SYNCED", root() / "Å b/1"}));
+  EXPECT_TRUE(waitForBadge({"", root() / "Å b/2"}));
+  EXPECT_TRUE(waitForBadge({"SKIPPED", root() / "Å b/3"}));
 
-  const auto before = standin::badges().size();
-  [extension requestBadgeIdentifierForURL:fileURL(root() / "Å b/4")];  // known not to be there
-  EXPECT_EQ(standin::badges().size(), before);
+  const auto before = standin::seen().badges.size();
+  [extension requestBadgeIdentifierForURL:item("Å b/4")];  // known not to be there
+  EXPECT_EQ(standin::seen().badges.size(), before);
 }
 
 TEST_F(MacExtension, StopsAskingForAFolderThatLeftTheScreen) {
   SyncApplication application;
-  application.setBody("get_icons_for_folder", "{}");
+  const auto isAskedFor = [&](const std::string& folder) {
+    return application.waitForAnswer("get_icons_for_folder", R"({"dir_name":")" + folder + R"("})");
+  };
   id<FIFinderSync> extension = makeConfigured();
-  [extension beginObservingDirectoryAtURL:fileURL(root() / "Å b")];
-  ASSERT_TRUE(application.waitForAnswer("get_icons_for_folder", R"({"dir_name":"/Å b/"})"));
-  onThreadOfTheFinder([&] { [extension endObservingDirectoryAtURL:fileURL(root() / "Å b")]; });
+  [extension beginObservingDirectoryAtURL:item("Å b")];
+  ASSERT_TRUE(isAskedFor("/Å b/"));
+  onThreadOfTheFinder([&] { [extension endObservingDirectoryAtURL:item("Å b")]; });
 
-  const auto askedForFolder = [&] {
+  [extension beginObservingDirectoryAtURL:fileURL(root())];
+  ASSERT_TRUE(isAskedFor("/"));
+  const auto timesAsked = [&] {
     const auto bodies = application.bodies("get_icons_for_folder");
     return std::count(bodies.begin(), bodies.end(), R"({"dir_name":"/Å b/"})");
   };
-  [extension beginObservingDirectoryAtURL:fileURL(root())];
-  ASSERT_TRUE(application.waitForAnswer("get_icons_for_folder", R"({"dir_name":"/"})"));
-  const auto before = askedForFolder();
-  [extension beginObservingDirectoryAtURL:fileURL(root() / "c")];  // asked for after every longer path on screen
-  ASSERT_TRUE(application.waitForAnswer("get_icons_for_folder", R"({"dir_name":"/c/"})"));
-  EXPECT_EQ(askedForFolder(), before);
+  const auto before = timesAsked();
+  [extension beginObservingDirectoryAtURL:item("c")];  // asked for after every longer path on screen
+  ASSERT_TRUE(isAskedFor("/c/"));
+  EXPECT_EQ(timesAsked(), before);
 
-  const auto lines = logLines();
-  EXPECT_THAT(lines, testing::Contains("[Info] [FinderSync] beginObservingDirectoryAtURL: Directory enter: " +
-                                       (root() / "Å b").string()));
-  EXPECT_THAT(lines, testing::Contains("[Info] [FinderSync] endObservingDirectoryAtURL: Directory exit: " +
-                                       (root() / "Å b").string()));
+  const std::string path = root() / "Å b";
+  EXPECT_THAT(logLines(),
+              testing::IsSupersetOf({"[Info] [FinderSync] beginObservingDirectoryAtURL: Directory enter: " + path,
+                                     "[Info] [FinderSync] endObservingDirectoryAtURL: Directory exit: " + path}));
 }
 
 TEST_F(MacExtension, OffersTheMenuThatTheSyncApplicationEnables) {
@@ -390,8 +391,6 @@ TEST_F(MacExtension, OffersNoMenuForAnythingButSelectedItems) {
 
 TEST_F(MacExtension, EveryActionOfTheMenuReachesTheSyncApplication) {
   SyncApplication application;
-  application.setBody("mac_populate_menu", "{}");
-  application.setBody("select_context_menu", "{}");
   id<FIFinderSync> extension = makeConfigured();
   select({"synced"});
   onThreadOfTheFinder([&] {
@@ -410,15 +409,15 @@ TEST_F(MacExtension, StopsWhenTheFinderGivesNoSelection) {
 
 TEST_F(MacExtension, TakesStatusesAndFoldersByMessage) {
   id extension = makeConfigured();
-  [extension setFileSyncStatus:fileURL(root() / "synced") status:1];
-  [extension setFileSyncStatus:fileURL(root() / "synced") status:7];
-  EXPECT_THAT(standin::badges(), ElementsAre(Badge("PENDING", root() / "synced"), Badge("", root() / "synced")));
+  [extension setFileSyncStatus:item("synced") status:1];
+  [extension setFileSyncStatus:item("synced") status:7];
+  EXPECT_THAT(standin::seen().badges, ElementsAre(Badge("PENDING", root() / "synced"), Badge("", root() / "synced")));
 
   [extension enableVI:[NSSet setWithObjects:[NSURL fileURLWithPath:@"/b" isDirectory:YES],
                                             [NSURL fileURLWithPath:@"/a" isDirectory:YES], nil]];
-  EXPECT_THAT(standin::observedFolders(), ElementsAre("/a/", "/b/"));
+  EXPECT_THAT(standin::seen().folders, ElementsAre("/a/", "/b/"));
   [extension disableVI];
-  EXPECT_THAT(standin::observedFolders(), IsEmpty());
+  EXPECT_THAT(standin::seen().folders, IsEmpty());
 }
 
 TEST_F(MacExtension, StopsWhenAskedToObserveAnObjectThatIsNoURL) {
@@ -434,7 +433,7 @@ TEST_F(MacExtension, StopsWhenAnObservedFolderHasNoPath) {
 TEST_F(MacExtension, LeavesABadgeRequestWithoutAPathUnanswered) {
   NSURL* none = nil;
   [makeConfigured() requestBadgeIdentifierForURL:none];
-  EXPECT_THAT(standin::badges(), IsEmpty());
+  EXPECT_THAT(standin::seen().badges, IsEmpty());
 }
 
 TEST_F(MacExtension, HasAToolbarItemThatIsEmpty) {

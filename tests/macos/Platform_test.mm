@@ -1,14 +1,11 @@
 // The seam as it is implemented for macOS, against real files and real objects of Foundation.
 #import <Foundation/Foundation.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <future>
 #include <set>
-#include <thread>
 
 #include "Finder.hpp"
 #include "platform/AppKit.hpp"
@@ -18,12 +15,12 @@
 #import "platform/macos/Cocoa.hpp"
 #include "support/Databases.hpp"
 #include "support/TemporaryFolder.hpp"
+#include "support/Threads.hpp"
 
 namespace vornet::platform {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::ElementsAre;
 using testing::Optional;
 
 class MacPlatform : public testing::Test {
@@ -45,12 +42,10 @@ TEST_F(MacPlatform, DistinguishesFilesFromFolders) {
   test::writeFile(folder_ / "file", "x");
   fs::create_symlink(folder_ / "file", folder_ / "link");
   fs::create_symlink(folder_ / "nothing", folder_ / "dangling");
-  EXPECT_EQ(fileKindAtPath(folder_ / "file"), FileKind::file);
-  EXPECT_EQ(fileKindAtPath(folder_ / "link"), FileKind::file);
+  for (const char* file : {"file", "link"}) EXPECT_EQ(fileKindAtPath(folder_ / file), FileKind::file) << file;
   EXPECT_EQ(fileKindAtPath(folder_.path()), FileKind::directory);
-  EXPECT_EQ(fileKindAtPath(folder_ / "nothing"), FileKind::absent);
-  EXPECT_EQ(fileKindAtPath(folder_ / "dangling"), FileKind::absent);
-  EXPECT_EQ(fileKindAtPath(folder_ / "\xFF"), FileKind::absent);
+  for (const char* absent : {"nothing", "dangling", "\xFF"})
+    EXPECT_EQ(fileKindAtPath(folder_ / absent), FileKind::absent) << absent;
 }
 
 TEST_F(MacPlatform, MakesFoldersWithThoseAboveThem) {
@@ -83,23 +78,17 @@ TEST_F(MacPlatform, WritesWholeLinesFromSeveralThreadsAtTheEndOfAFile) {
   std::string error;
   const auto file = FileHandle::forWriting(path, error);
   ASSERT_TRUE(file) << error;
-  std::vector<std::thread> threads;
-  for (const char letter : {'a', 'b', 'c'}) {
-    threads.emplace_back([&file, line = std::string(200, letter) + "\n"] {
-      for (int i = 0; i < 100; ++i) file->write(line);
-    });
-  }
-  for (auto& thread : threads) thread.join();
+  test::inParallel(3, [&](std::size_t number) {
+    const std::string line(200, "abc"[number]);
+    for (int i = 0; i < 100; ++i) file->write(line + "\n");
+  });
 
   std::istringstream text(test::readFile(path));
-  std::size_t lines = 0;
   std::string line;
   std::getline(text, line);
   EXPECT_EQ(line, "first");
-  while (std::getline(text, line)) {
-    EXPECT_EQ(line, std::string(200, line[0]));
-    ++lines;
-  }
+  std::size_t lines = 0;
+  for (; std::getline(text, line); ++lines) EXPECT_EQ(line, std::string(200, line[0]));
   EXPECT_EQ(lines, 300U);
 }
 
@@ -215,9 +204,9 @@ TEST_F(MacPlatform, TheControllerKeepsWhatItIsGiven) {
   EXPECT_EQ(controller.selectedItemURLs(), std::nullopt);
   standin::setSelection(std::vector<std::string>{"/b/2", "/b/1"});
   EXPECT_THAT(controller.selectedItemURLs(),
-              Optional(ElementsAre(FileURL::fileURLWithPath("/b/2"), FileURL::fileURLWithPath("/b/1"))));
+              Optional(testing::ElementsAre(FileURL::fileURLWithPath("/b/2"), FileURL::fileURLWithPath("/b/1"))));
   controller.setBadgeIdentifier("SYNCED", FileURL());
-  EXPECT_THAT(standin::badges(), testing::IsEmpty());
+  EXPECT_THAT(standin::seen().badges, testing::IsEmpty());
 }
 
 TEST_F(MacPlatform, SettingABadgeLeavesNothingToTheCallersPool) {
@@ -251,16 +240,16 @@ TEST_F(MacPlatform, ABackgroundTaskMayBeWaitedForRepeatedly) {
 }
 
 TEST_F(MacPlatform, ABackgroundTaskOutlivesItsHandle) {
-  std::atomic<bool> let = false;
-  std::atomic<bool> ran = false;
+  test::Gate let;
+  test::Gate ran;
   {
     const auto dropped = BackgroundTask::start([&] {
-      while (!let) std::this_thread::yield();
-      ran = true;
+      let.pass();
+      ran.open();
     });
   }
-  let = true;
-  while (!ran) std::this_thread::yield();
+  let.open();
+  EXPECT_TRUE(ran.passInTime());
 }
 
 TEST_F(MacPlatform, ASerialQueueRunsItsTasksInOrderAndAllOfThem) {
@@ -289,25 +278,23 @@ TEST_F(MacPlatform, KeepsNoQueueAndNoGroup) {
 }
 
 TEST_F(MacPlatform, ASerialQueueTakesTasksWhileOneOfThemWaits) {
-  std::promise<void> let;
+  test::Gate let;
   SerialQueue queue("busy");
-  queue.async([&let] { let.get_future().wait_for(std::chrono::seconds(30)); });
+  queue.async([&let] { let.passInTime(); });
   bool ran = false;
   queue.async([&ran] { ran = true; });
   EXPECT_FALSE(ran);
-  let.set_value();
+  let.open();
   queue.drain();
   EXPECT_TRUE(ran);
 }
 
 TEST_F(MacPlatform, DrainingASerialQueueMayBeGivenUp) {
-  std::atomic<bool> let = false;
+  test::Gate let;
   SerialQueue queue("stuck");
-  queue.async([&let] {
-    while (!let) std::this_thread::yield();
-  });
+  queue.async([&let] { let.pass(); });
   EXPECT_FALSE(queue.drain(std::chrono::milliseconds(10)));
-  let = true;
+  let.open();
   EXPECT_TRUE(queue.drain(std::chrono::hours(1)));
 }
 

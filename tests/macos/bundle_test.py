@@ -20,8 +20,7 @@ MAC_SOURCES = sorted([*(SOURCE / "src/platform/macos").glob("*.mm"), *(SOURCE / 
 
 
 def property_list(path):
-    with open(path, "rb") as file:
-        return plistlib.load(file)
+    return plistlib.loads(path.read_bytes())
 
 
 def constant(name):
@@ -86,15 +85,17 @@ class Layout(unittest.TestCase):
 
 class Generators(unittest.TestCase):
     XCODE = BUILD.with_name(BUILD.name + "-xcode")
+    LINKAGE = {
+        "COMPILE_OPTIONS": "-fapplication-extension",
+        "LINK_OPTIONS": "-fapplication-extension;LINKER:-e,_NSExtensionMain",
+        "BUNDLE_EXTENSION": "appex",
+    }
 
     def test_the_extension_is_compiled_and_linked_as_one(self):
         for build in (BUILD, self.XCODE):
             properties = bundle_properties(build)
-            self.assertEqual(properties["VornetVIExt", "COMPILE_OPTIONS"], "-fapplication-extension")
-            self.assertEqual(
-                properties["VornetVIExt", "LINK_OPTIONS"], "-fapplication-extension;LINKER:-e,_NSExtensionMain"
-            )
-            self.assertEqual(properties["VornetVIExt", "BUNDLE_EXTENSION"], "appex")
+            for name, value in self.LINKAGE.items():
+                self.assertEqual(properties["VornetVIExt", name], value)
         for compilation in re.split("(?m)^build ", (BUILD / "build.ninja").read_text()):
             if re.match(r"\S+vornet_platform\S+\.o:", compilation):
                 self.assertIn("-fapplication-extension", compilation)
@@ -103,11 +104,10 @@ class Generators(unittest.TestCase):
         properties = bundle_properties(self.XCODE)
         extension = {name: value for (target, name), value in properties.items() if target == "VornetVIExt"}
         application = {name: value for (target, name), value in properties.items() if target == "Kelvane"}
-        for name in ("COMPILE_OPTIONS", "LINK_OPTIONS", "BUNDLE_EXTENSION"):
-            del extension[name]
         self.assertEqual(
             extension,
-            {
+            self.LINKAGE
+            | {
                 "XCODE_PRODUCT_TYPE": "com.apple.product-type.app-extension",
                 "XCODE_EXPLICIT_FILE_TYPE": "wrapper.app-extension",
                 "XCODE_ATTRIBUTE_APPLICATION_EXTENSION_API_ONLY": "YES",
@@ -165,21 +165,28 @@ class Group(unittest.TestCase):
 
 
 class PropertyLists(unittest.TestCase):
+    def assert_keys(self, bundle, others):
+        """The list of `bundle` has what both have, and `others`."""
+        common = {
+            "CFBundleDevelopmentRegion": "en",
+            "CFBundleExecutable": bundle.stem,
+            "CFBundleInfoDictionaryVersion": "6.0",
+            "CFBundleName": bundle.stem,
+            "CFBundleShortVersionString": version()[0],
+            "CFBundleSupportedPlatforms": ["MacOSX"],
+            "CFBundleVersion": version()[1],
+            "LSMinimumSystemVersion": "12.0",
+            "NSPrincipalClass": "NSApplication",
+        }
+        self.assertEqual(property_list(bundle / "Contents/Info.plist"), common | others)
+
     def test_every_key_of_the_extension(self):
-        self.assertEqual(
-            property_list(EXTENSION / "Contents/Info.plist"),
+        self.assert_keys(
+            EXTENSION,
             {
-                "CFBundleDevelopmentRegion": "en",
                 "CFBundleDisplayName": "Kelvane",
-                "CFBundleExecutable": "VornetVIExt",
                 "CFBundleIdentifier": constant("APP_CODENAME"),
-                "CFBundleInfoDictionaryVersion": "6.0",
-                "CFBundleName": "VornetVIExt",
                 "CFBundlePackageType": "XPC!",
-                "CFBundleShortVersionString": version()[0],
-                "CFBundleSupportedPlatforms": ["MacOSX"],
-                "CFBundleVersion": version()[1],
-                "LSMinimumSystemVersion": "12.0",
                 "LSUIElement": True,
                 "NSAppTransportSecurity": {"NSAllowsLocalNetworking": True},
                 "NSExtension": {
@@ -187,38 +194,15 @@ class PropertyLists(unittest.TestCase):
                     "NSExtensionPointIdentifier": "com.apple.FinderSync",
                     "NSExtensionPrincipalClass": "FinderSync",
                 },
-                "NSPrincipalClass": "NSApplication",
                 "VornetApplicationGroups": {constant("APP_GROUP"): constant("APP_GROUP")},
             },
         )
 
     def test_every_key_of_the_application(self):
-        self.assertEqual(
-            property_list(APPLICATION / "Contents/Info.plist"),
-            {
-                "CFBundleDevelopmentRegion": "en",
-                "CFBundleExecutable": "Kelvane",
-                "CFBundleIdentifier": constant("APP_GROUP"),
-                "CFBundleInfoDictionaryVersion": "6.0",
-                "CFBundleName": "Kelvane",
-                "CFBundlePackageType": "APPL",
-                "CFBundleShortVersionString": version()[0],
-                "CFBundleSupportedPlatforms": ["MacOSX"],
-                "CFBundleVersion": version()[1],
-                "LSMinimumSystemVersion": "12.0",
-                "NSPrincipalClass": "NSApplication",
-            },
-        )
+        self.assert_keys(APPLICATION, {"CFBundleIdentifier": constant("APP_GROUP"), "CFBundlePackageType": "APPL"})
 
     def test_the_extension_belongs_to_the_application(self):
-        extension = property_list(EXTENSION / "Contents/Info.plist")["CFBundleIdentifier"]
-        application = property_list(APPLICATION / "Contents/Info.plist")["CFBundleIdentifier"]
-        self.assertTrue(extension.startswith(application + "."))
-
-    def test_the_programs_are_where_the_lists_say(self):
-        for bundle in (APPLICATION, EXTENSION):
-            program = property_list(bundle / "Contents/Info.plist")["CFBundleExecutable"]
-            self.assertTrue((bundle / "Contents/MacOS" / program).is_file())
+        self.assertTrue(constant("APP_CODENAME").startswith(constant("APP_GROUP") + "."))
 
     def test_the_sources_define_the_principal_class_as_a_finder_sync(self):
         name = property_list(EXTENSION / "Contents/Info.plist")["NSExtension"]["NSExtensionPrincipalClass"]

@@ -39,6 +39,11 @@ class Install(unittest.TestCase):
             [SOURCE / "script/macos-install", *arguments], env=environment, capture_output=True, text=True, timeout=60
         )
 
+    def assert_refused(self, reason, *arguments):
+        result = self.install(*arguments)
+        self.assertEqual(result.returncode, 1)
+        self.assertIn(reason, result.stderr)
+
     def calls(self):
         calls = self.folder / "calls"
         return calls.read_text().splitlines() if calls.exists() else []
@@ -86,25 +91,19 @@ class Install(unittest.TestCase):
 
     def test_waits_for_the_extension_to_end(self):
         self.running.mkdir()  # what the stand-in cannot remove
-        result = self.install(str(self.build))
-        self.assertEqual(result.returncode, 1)
-        self.assertIn("VornetVIExt is still running", result.stderr)
+        self.assert_refused("VornetVIExt is still running", str(self.build))
         self.assertGreater(self.calls().count("pgrep -x VornetVIExt"), 1)
         self.assertFalse(self.installed.exists())
 
     def test_leaves_another_application_of_the_name_alone(self):
         self.installed.mkdir(parents=True)
         (self.installed / "theirs").touch()
-        result = self.install(str(self.build))
-        self.assertEqual(result.returncode, 1)
-        self.assertIn("another application", result.stderr)
+        self.assert_refused("another application", str(self.build))
         self.assertTrue((self.installed / "theirs").exists())
         self.assertEqual(self.calls(), [])
 
     def test_says_what_is_missing(self):
-        result = self.install(str(self.folder / "nothing"))
-        self.assertEqual(result.returncode, 1)
-        self.assertIn("no Kelvane.app", result.stderr)
+        self.assert_refused("no Kelvane.app", str(self.folder / "nothing"))
         self.assertEqual(self.install("--identity").returncode, 1)
         self.assertEqual(self.install("--unknown").returncode, 2)
         self.assertEqual(self.calls(), [])

@@ -4,8 +4,6 @@
 #include <objc/runtime.h>
 
 #include <algorithm>
-#include <chrono>
-#include <condition_variable>
 #include <cstdlib>
 #include <mutex>
 #include <thread>
@@ -19,22 +17,12 @@
 
 namespace {
 
-using vornet::standin::Badge;
-
-constexpr std::chrono::seconds PATIENCE{30};
-
-struct State {
+struct State : vornet::standin::Seen {
   std::mutex lock;
-  std::condition_variable changed;
-  std::vector<std::string> events;
-  std::vector<std::string> folders;
-  std::vector<Badge> badges;
-  vornet::standin::Push lastPush;
   id<FIFinderSync> principal = nil;
   bool showing = false;
   std::optional<std::vector<std::string>> selection;
   std::size_t running = 1;
-  std::vector<std::string> asked;
   bool refusing = false;
   std::optional<std::string> containers;
 };
@@ -137,8 +125,8 @@ void note(const std::string& event) {
   requireFileURL(url);
   const std::lock_guard guard(state().lock);
   state().badges.emplace_back(text(badgeID), text([url path]));
-  state().lastPush = {url, poolsOfThread()};
-  state().changed.notify_all();
+  state().lastURL = url;
+  state().lastPools = poolsOfThread();
 }
 
 - (NSURL*)targetedURL {
@@ -181,7 +169,7 @@ namespace {
 /// GNUstep asks the window server for the running applications; here the test says how many there are.
 NSArray* runningApplications(id, SEL, NSString* bundleIdentifier) {
   const std::lock_guard guard(state().lock);
-  state().asked.push_back(text(bundleIdentifier));
+  state().askedApplications.push_back(text(bundleIdentifier));
   NSMutableArray* applications = [NSMutableArray array];
   for (std::size_t i = 0; i < state().running; ++i)
     [applications addObject:[[[NSRunningApplication alloc] init] autorelease]];
@@ -193,15 +181,8 @@ NSArray* runningApplications(id, SEL, NSString* bundleIdentifier) {
 id noApplication(id, SEL) {
   return nil;
 }
-id nothing(id self, SEL) {
-  [self release];
-  return nil;
-}
-id noPanel(id self, SEL, NSRect, NSUInteger, NSBackingStoreType, BOOL) {
-  [self release];
-  return nil;
-}
-id noView(id self, SEL, NSRect) {
+template <class... Arguments>
+id nothing(id self, SEL, Arguments...) {
   [self release];
   return nil;
 }
@@ -227,37 +208,23 @@ void replace(Class owner, SEL selector, Function* implementation) {
   replace(application, @selector(initialize), &noApplication);
   replace(application, @selector(sharedApplication), &noApplication);
   Class panel = objc_getClass("NSMenuPanel");
-  replace(panel, @selector(init), &nothing);
-  replace(panel, @selector(initWithContentRect:styleMask:backing:defer:), &noPanel);
-  replace(objc_getClass("NSMenuView"), @selector(initWithFrame:), &noView);
+  replace(panel, @selector(init), &nothing<>);
+  replace(panel, @selector(initWithContentRect:styleMask:backing:defer:),
+          &nothing<NSRect, NSUInteger, NSBackingStoreType, BOOL>);
+  replace(objc_getClass("NSMenuView"), @selector(initWithFrame:), &nothing<NSRect>);
 }
 
 @end
 
 namespace vornet::standin {
 
-std::vector<std::string> events() {
+Seen seen() {
   const std::lock_guard guard(state().lock);
-  return state().events;
-}
-
-std::vector<std::string> observedFolders() {
-  const std::lock_guard guard(state().lock);
-  return state().folders;
-}
-
-std::vector<Badge> badges() {
-  const std::lock_guard guard(state().lock);
-  return state().badges;
+  return state();
 }
 
 void showFoldersAtOnce() {
   state().showing = true;
-}
-
-Push lastPush() {
-  const std::lock_guard guard(state().lock);
-  return state().lastPush;
 }
 
 std::ptrdiff_t liveObjects() {
@@ -269,18 +236,6 @@ std::ptrdiff_t liveObjects() {
   return count;
 }
 
-bool waitForBadge(const Badge& badge) {
-  std::unique_lock guard(state().lock);
-  return state().changed.wait_for(guard, PATIENCE, [&] {
-    return std::find(state().badges.begin(), state().badges.end(), badge) != state().badges.end();
-  });
-}
-
-bool waitForBadges(std::size_t count) {
-  std::unique_lock guard(state().lock);
-  return state().changed.wait_for(guard, PATIENCE, [&] { return state().badges.size() >= count; });
-}
-
 void setSelection(const std::optional<std::vector<std::string>>& paths) {
   const std::lock_guard guard(state().lock);
   state().selection = paths;
@@ -289,11 +244,6 @@ void setSelection(const std::optional<std::vector<std::string>>& paths) {
 void setRunningApplications(std::size_t count) {
   const std::lock_guard guard(state().lock);
   state().running = count;
-}
-
-std::vector<std::string> askedApplications() {
-  const std::lock_guard guard(state().lock);
-  return state().asked;
 }
 
 void refuseConstruction() {
