@@ -19,10 +19,7 @@ TEST(FindEntryTest, FindsByActionWithOrWithoutColon) {
 }
 
 TEST(FindEntryTest, FindsNothingElse) {
-  EXPECT_FALSE(findEntry(MENU, "copylink"));
-  EXPECT_FALSE(findEntry(MENU, ""));
-  EXPECT_FALSE(findEntry(MENU, "Sha"));
-  EXPECT_FALSE(findEntry(MENU, "\xFF"));
+  for (const char* text : {"copylink", "", "Sha", "\xFF"}) EXPECT_FALSE(findEntry(MENU, text)) << text;
 }
 
 }  // namespace

@@ -5,51 +5,42 @@
 namespace vornet::vi {
 namespace {
 
-TEST(DisplayTextTest, LeavesPrintableTextAsItIs) {
-  EXPECT_EQ(safeText("Räksmörgås 報告 😀 [a] 'b'", true), "Räksmörgås 報告 😀 [a] 'b'");
+struct Escaping {
+  const char* name;
+  std::string_view raw;
+  const char* safe;
+  bool unicode = true;
+
+  friend void PrintTo(const Escaping& row, std::ostream* out) { *out << row.name; }
+};
+
+class SafeTextTest : public testing::TestWithParam<Escaping> {};
+
+TEST_P(SafeTextTest, IsSafeForATerminal) {
+  EXPECT_EQ(safeText(GetParam().raw, GetParam().unicode), GetParam().safe);
 }
 
-TEST(DisplayTextTest, EscapesEverythingThatCouldDriveATerminal) {
-  EXPECT_EQ(safeText("a\nb\tc\rd\x1b[31me\x7f\x01", true), "a\\nb\\tc\\rd\\e[31me\\x7f\\x01");
-  EXPECT_EQ(safeText("\xC2\x9B"
-                     "31m",
-                     true),
-            "\\u{9b}31m");  // a control character beyond ASCII
-  EXPECT_EQ(safeText(std::string_view("a\0b", 3), true), "a\\x00b");
-}
+using namespace std::string_view_literals;
 
-TEST(DisplayTextTest, EscapesBytesThatAreNotUTF8OneByOne) {
-  EXPECT_EQ(safeText("caf\xE9.txt", true), "caf\\xe9.txt");
-  EXPECT_EQ(safeText("\xFF\xC3", true), "\\xff\\xc3");
-  EXPECT_EQ(safeText("\xED\xA0\x80", true), "\\xed\\xa0\\x80");  // a surrogate
-}
-
-TEST(DisplayTextTest, EscapesABackslashSoThatEscapesAreNotMistaken) {
-  EXPECT_EQ(safeText("a\\nb", true), "a\\\\nb");
-}
-
-TEST(DisplayTextTest, EscapesWhatHidesOrTurnsText) {
-  EXPECT_EQ(safeText("a\u202Egpj.exe", true), "a\\u{202e}gpj.exe");
-  EXPECT_EQ(safeText("a\u200Bb\u2028c\uFEFF", true), "a\\u{200b}b\\u{2028}c\\u{feff}");
-  EXPECT_EQ(safeText("a\u200Db", true), "a\\u{200d}b");
-}
-
-TEST(DisplayTextTest, KeepsJoinersBetweenEmoji) {
-  const std::string family = "\U0001F468\u200D\U0001F469";
-  EXPECT_EQ(safeText(family, true), family);
-}
-
-TEST(DisplayTextTest, EscapesACombiningMarkThatHasNoBase) {
-  EXPECT_EQ(safeText("\u0301a", true), "\\u{301}a");
-  EXPECT_EQ(safeText("e\u0301", true), "e\u0301");
-}
-
-TEST(DisplayTextTest, IsASCIIAloneWhereTheLocaleIsNotUTF8) {
-  EXPECT_EQ(safeText("é報\xFF"
-                     "a",
-                     false),
-            "\\u{e9}\\u{5831}\\xffa");
-}
+INSTANTIATE_TEST_SUITE_P(
+    , SafeTextTest,
+    testing::Values(Escaping{"LeavesPrintableTextAsItIs", "Räksmörgås 報告 😀 [a] 'b'", "Räksmörgås 報告 😀 [a] 'b'"},
+                    Escaping{"EscapesControlCharacters", "a\nb\tc\rd\x1b[31me\x7f\x01",
+                             "a\\nb\\tc\\rd\\e[31me\\x7f\\x01"},
+                    Escaping{"EscapesAControlCharacterBeyondASCII", "\u009B31m", "\\u{9b}31m"},
+                    Escaping{"EscapesANullByte", "a\0b"sv, "a\\x00b"},
+                    Escaping{"EscapesAByteThatIsNotUTF8", "caf\xE9.txt", "caf\\xe9.txt"},
+                    Escaping{"EscapesSeveralSuchBytesOneByOne", "\xFF\xC3", "\\xff\\xc3"},
+                    Escaping{"EscapesASurrogate", "\xED\xA0\x80", "\\xed\\xa0\\x80"},
+                    Escaping{"EscapesABackslashSoThatEscapesAreNotMistaken", "a\\nb", "a\\\\nb"},
+                    Escaping{"EscapesWhatTurnsText", "a\u202Egpj.exe", "a\\u{202e}gpj.exe"},
+                    Escaping{"EscapesWhatHidesText", "a\u200Bb\u2028c\uFEFF", "a\\u{200b}b\\u{2028}c\\u{feff}"},
+                    Escaping{"EscapesAJoinerBetweenLetters", "a\u200Db", "a\\u{200d}b"},
+                    Escaping{"KeepsJoinersBetweenEmoji", "\U0001F468\u200D\U0001F469", "\U0001F468\u200D\U0001F469"},
+                    Escaping{"EscapesACombiningMarkThatHasNoBase", "\u0301a", "\\u{301}a"},
+                    Escaping{"KeepsACombiningMarkOnItsBase", "e\u0301", "e\u0301"},
+                    Escaping{"IsASCIIAloneWhereTheLocaleIsNotUTF8", "é報\xFF-a", "\\u{e9}\\u{5831}\\xff-a", false}),
+    [](const auto& row) { return row.param.name; });
 
 TEST(DisplayTextTest, MeasuresColumnsNotBytes) {
   EXPECT_EQ(displayWidth("abc"), 3U);

@@ -24,11 +24,10 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
+using testing::Pair;
 using vornet::test::BusClient;
 using vornet::test::Database;
 using vornet::test::Environment;
-using vornet::test::PrivateBus;
-using vornet::test::ScopedVariable;
 using vornet::test::StartedProgram;
 using vornet::test::writeFile;
 
@@ -38,9 +37,16 @@ const std::vector<std::string> UNPRIVILEGED =
                                               "--inh-caps=-dac_override,-dac_read_search", "--"}
                    : std::vector<std::string>();
 
+const std::string SERVICE = "[D-BUS Service]\nName=" + std::string(dbus::BUS_NAME) + "\n";
+
+/// Matches findings that are the problem `id` alone, whose text has all `parts`.
+template <typename... Part>
+auto only(const char* id, const Part&... parts) {
+  return ElementsAre(Pair(id, AllOf(HasSubstr(""), HasSubstr(parts)...)));
+}
+
 /// Everything is in order, until a test changes it.
-class DoctorTest : public testing::Test {
- protected:
+struct DoctorTest : testing::Test {
   DoctorTest() {
     fs::create_directories(root);
     install(VORNET_EXTENSION);
@@ -55,19 +61,28 @@ class DoctorTest : public testing::Test {
     vornet::test::waitForEnd(process);
   }
 
-  void install(const std::string& program) const {
-    writeFile(service, "[D-BUS Service]\nName=" + std::string(dbus::BUS_NAME) + "\nExec=" + program + "\n");
+  void install(const std::string& program) const { install(program, service); }
+  static void install(const std::string& program, const fs::path& file) {
+    writeFile(file, SERVICE + "Exec=" + program + "\n");
   }
-  /// A script in the extension's place; its path.
-  std::string installScript(const std::string& commands) const {
-    const std::string script = environment.folder() / "script";
+  /// Puts a script in the extension's place.
+  void installScript(const std::string& commands) const {
     writeFile(script, "#!/bin/sh\n" + commands + "\n");
     fs::permissions(script, fs::perms::owner_all);
     install(script);
-    return script;
+  }
+  /// Lets the program not read `file`.
+  void forbid(const fs::path& file) {
+    fs::permissions(file, fs::perms::none);
+    settings.wrapper = UNPRIVILEGED;
+  }
+  void serve(const WireReply& reply) {
+    server->setAnswer([reply](const auto&) { return reply; });
   }
   void startBus() {
-    if (!bus) bus.emplace(environment.folder().path() / "bus", service.parent_path());
+    if (bus) return;
+    bus.emplace(environment.folder().path() / "bus", service.parent_path());
+    settings.busAddress = bus->address();
   }
   /// Starts the extension; its process.
   int startExtension() {
@@ -87,33 +102,26 @@ class DoctorTest : public testing::Test {
     return program;
   }
 
-  /// Runs "status": the identifiers of the problems that it finds, without those of other installations on this
+  /// Runs "status": the problems that it finds, identifier and text, without those of other installations on this
   /// machine.
-  std::vector<std::string> problems(std::vector<std::string> options = {}) {
+  std::vector<std::pair<std::string, std::string>> problems(std::vector<std::string> options = {}) {
     startBus();
     options.insert(options.begin(), {"status", "--json"});
-    ProgramRun::Settings settings;
-    settings.busAddress = bus->address();
-    settings.wrapper = wrapper;
     ProgramRun program{settings, options};
-    code = program.wait();
+    const int code = program.wait();
     boost::system::error_code error;
     const auto parsed = boost::json::parse(program.output, error);
-    if (error) return {"no JSON: " + program.output + program.errors};
+    if (error) return {{"no JSON", program.output + program.errors}};
     EXPECT_TRUE(parsed.at("sync_application").at("milliseconds").is_int64()) << "a plain decimal";
-    std::vector<std::string> ids;
-    said.clear();
-    for (const auto& value : parsed.at("problems").as_array()) {
-      const auto& problem = value.as_object();
-      const std::string id(problem.at("id").as_string());
-      const std::string text(problem.at("problem").as_string());
-      if (id == "two-installations" && text.find(environment.folder().path().string()) == std::string::npos) continue;
-      ids.push_back(id);
-      said += text + "\n";
-      EXPECT_FALSE(problem.at("remedy").as_string().empty()) << id;
+    std::vector<std::pair<std::string, std::string>> found;
+    for (const auto& problem : parsed.at("problems").as_array()) {
+      const auto text = [&](const char* key) { return std::string(problem.at(key).as_string()); };
+      EXPECT_NE(text("remedy"), "") << text("id");
+      const bool isOurs = text("problem").find(environment.folder().path().string()) != std::string::npos;
+      if (isOurs || text("id") != "two-installations") found.emplace_back(text("id"), text("problem"));
     }
     EXPECT_EQ(code, parsed.at("problems").as_array().empty() ? 0 : 1);
-    return ids;
+    return found;
   }
 
   /// As `sync.db` has it: a folder filled without its item has no badge for it.
@@ -122,33 +130,30 @@ class DoctorTest : public testing::Test {
   }
 
   Environment environment;
-  const ScopedVariable dataFolders{"XDG_DATA_DIRS", environment.folder() / "other"};
+  const vornet::test::ScopedVariable dataFolders{"XDG_DATA_DIRS", environment.folder() / "other"};
   const std::string root = environment.folder() / "root";
   const fs::path preferences = environment.container() / "VornetKelvane.plist";
   const fs::path database = environment.container() / "sync.db";
   const fs::path service =
       fs::path(environment.folder() / "data") / "dbus-1/services" / (std::string(dbus::BUS_NAME) + ".service");
+  const std::string script = environment.folder() / "script";
   std::optional<LoopbackServer> server;
-  std::optional<PrivateBus> bus;
-  std::vector<std::string> wrapper;  // what the program is run by
-  std::string said;                  // the problems' texts
-  int code = -1;
+  std::optional<vornet::test::PrivateBus> bus;
+  ProgramRun::Settings settings;
 };
 
 TEST_F(DoctorTest, FindsNothingWrongWithoutStartingTheExtension) {
   const auto log = environment.logFile();
-  EXPECT_THAT(problems(), IsEmpty()) << said;
+  EXPECT_THAT(problems(), IsEmpty());
   EXPECT_EQ(BusClient(bus->address()).extensionProcess(), 0);
   EXPECT_FALSE(fs::exists(log.parent_path())) << "it leaves nothing behind";
   startExtension();
-  EXPECT_THAT(problems(), IsEmpty()) << said;
+  EXPECT_THAT(problems(), IsEmpty());
 }
 
 TEST_F(DoctorTest, SaysInWordsWhatIsWrongAndWhatToDo) {
   fs::remove(preferences);
   startBus();
-  ProgramRun::Settings settings;
-  settings.busAddress = bus->address();
   ProgramRun program{settings, {"status"}};
   EXPECT_EQ(program.wait(), 1);
   EXPECT_THAT(program.output, HasSubstr("\n\nThere are no preferences: expected " + preferences.string() +
@@ -156,38 +161,77 @@ TEST_F(DoctorTest, SaysInWordsWhatIsWrongAndWhatToDo) {
   EXPECT_THAT(program.errors, testing::EndsWith("found\n"));
 }
 
+// --- One thing wrong ------------------------------------------------------------------------------------------------
+
+struct Fault {
+  const char* name;
+  const char* id;  // of the only problem
+  void (*cause)(DoctorTest&);
+  std::string (*named)(const DoctorTest&) = [](const DoctorTest&) { return std::string(); };  // in the problem's text
+
+  friend void PrintTo(const Fault& fault, std::ostream* out) { *out << fault.name; }
+};
+
+struct FaultTest : DoctorTest, testing::WithParamInterface<Fault> {};
+
+TEST_P(FaultTest, IsNamed) {
+  GetParam().cause(*this);
+  EXPECT_THAT(problems(), only(GetParam().id, GetParam().named(*this)));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    , FaultTest,
+    testing::Values(
+        Fault{"AMissingServiceFile", "service-file-missing", [](auto& test) { fs::remove(test.service); },
+              [](const auto& test) { return test.service.parent_path().string(); }},
+        Fault{"AMissingProgram", "program-missing", [](auto& test) { test.install("/gone/VornetVIExt"); },
+              [](const auto& test) { return test.service.string() + " names /gone/VornetVIExt"; }},
+        Fault{"AServiceFileThatTheBusIgnores", "service-file-ignored",
+              [](auto& test) { writeFile(test.service, SERVICE); }},
+        Fault{"AProgramThatCannotCheckItself", "check-failed", [](auto& test) { test.installScript("echo usage"); },
+              [](const auto& test) { return test.script; }},
+        Fault{"AContainerThatHasNoValidPath", "container-missing",
+              [](auto& test) { test.settings.wrapper = {"env", "VORNET_GROUP_CONTAINERS=/\xff"}; }},
+        Fault{"MissingPreferencesAndTheirPlace", "preferences-missing",
+              [](auto& test) { fs::remove(test.preferences); },
+              [](const auto& test) { return test.preferences.string(); }},
+        Fault{"PreferencesThatCannotBeRead", "preferences-unreadable",
+              [](auto& test) { test.forbid(test.preferences); }},
+        Fault{"PreferencesThatAreGarbage", "preferences-garbage",
+              [](auto& test) { writeFile(test.preferences, "root_dir = /here\n"); }},
+        Fault{"AMissingFolder", "folder-missing", [](auto& test) { fs::remove_all(test.root); },
+              [](const auto& test) { return test.root; }},
+        Fault{"AFileInTheFoldersPlace", "folder-missing",
+              [](auto& test) {
+                fs::remove_all(test.root);
+                writeFile(test.root, "");
+              }},
+        Fault{"AMissingDatabase", "database-missing", [](auto& test) { fs::remove(test.database); }},
+        Fault{"ADatabaseThatCannotBeRead", "database-unreadable", [](auto& test) { test.forbid(test.database); }},
+        Fault{"ADamagedDatabase", "database-corrupt",
+              [](auto& test) { writeFile(test.database, std::string(8192, 'x')); }},
+        Fault{"AFileInThePlaceOfTheLogsFolder", "log-not-writable",
+              [](auto& test) { writeFile(test.environment.logFile().parent_path(), ""); }},
+        Fault{"AFolderInThePlaceOfTheLog", "log-not-writable",
+              [](auto& test) { fs::create_directories(test.environment.logFile()); }},
+        Fault{"ASyncApplicationThatHasStalled", "sync-application-stalled",
+              [](auto& test) { test.serve({.manner = WireReply::Manner::stall}); }},
+        Fault{"ASyncApplicationWhoseAnswersAreBroken", "sync-application-fails",
+              [](auto& test) { test.serve({.manner = WireReply::Manner::close}); }}),
+    [](const auto& fault) { return fault.param.name; });
+
 // --- The installation -----------------------------------------------------------------------------------------------
-
-TEST_F(DoctorTest, NamesAMissingServiceFile) {
-  fs::remove(service);
-  EXPECT_THAT(problems(), ElementsAre("service-file-missing"));
-  EXPECT_THAT(said, HasSubstr(service.parent_path()));
-}
-
-TEST_F(DoctorTest, NamesAMissingProgram) {
-  install(environment.folder() / "gone/VornetVIExt");
-  EXPECT_THAT(problems(), ElementsAre("program-missing"));
-  EXPECT_THAT(said, AllOf(HasSubstr(service), HasSubstr("gone/VornetVIExt")));
-}
-
-TEST_F(DoctorTest, NamesAServiceFileThatTheBusIgnores) {
-  writeFile(service, "[D-BUS Service]\nName=" + std::string(dbus::BUS_NAME) + "\n");
-  EXPECT_THAT(problems(), ElementsAre("service-file-ignored"));
-}
 
 TEST_F(DoctorTest, NamesTwoInstalledPrograms) {
   const auto other = copyExtension("other");
-  const auto otherService = environment.folder().path() / "other/dbus-1/services" / service.filename();
-  writeFile(otherService, "[D-BUS Service]\nName=" + std::string(dbus::BUS_NAME) + "\nExec=" + other + "\n");
-  EXPECT_THAT(problems(), ElementsAre("two-installations"));
-  EXPECT_THAT(said, AllOf(HasSubstr(VORNET_EXTENSION), HasSubstr(other)));
+  install(other, environment.folder().path() / "other/dbus-1/services" / service.filename());
+  EXPECT_THAT(problems(), only("two-installations", VORNET_EXTENSION, other));
 }
 
 TEST_F(DoctorTest, NamesAPluginOfAnotherInstallation) {
   const fs::path plugin = environment.folder() / "home/.local/lib/x86_64-linux-gnu/vornet-vi/libvornet-dolphin.so";
   writeFile(plugin, "");
-  EXPECT_THAT(problems(), ElementsAre("two-installations"));
-  EXPECT_THAT(said, AllOf(HasSubstr(VORNET_EXTENSION), HasSubstr(plugin)));
+  EXPECT_THAT(problems(), only("two-installations", VORNET_EXTENSION, plugin.string()));
 }
 
 TEST_F(DoctorTest, NamesAProcessThatIsOlderThanTheInstalledProgram) {
@@ -195,34 +239,25 @@ TEST_F(DoctorTest, NamesAProcessThatIsOlderThanTheInstalledProgram) {
   startExtension();
   EXPECT_THAT(problems(), IsEmpty());
   copyExtension("installed");
-  EXPECT_THAT(problems(), ElementsAre("process-outdated"));
+  EXPECT_THAT(problems(), only("process-outdated"));
 }
 
 TEST_F(DoctorTest, NamesAProcessOfAnotherInstallation) {
   install(copyExtension("installed"));
   const int process = startExtension();
   install(VORNET_EXTENSION);
-  EXPECT_THAT(problems(), ElementsAre("two-installations"));
-  EXPECT_THAT(said, AllOf(HasSubstr("pid " + std::to_string(process)), HasSubstr(VORNET_EXTENSION)));
-}
-
-TEST_F(DoctorTest, NamesAProgramThatCannotCheckItself) {
-  const auto script = installScript("echo usage");
-  EXPECT_THAT(problems(), ElementsAre("check-failed"));
-  EXPECT_THAT(said, HasSubstr(script));
+  EXPECT_THAT(problems(), only("two-installations", "pid " + std::to_string(process), VORNET_EXTENSION));
 }
 
 TEST_F(DoctorTest, NamesACheckThatHangs) {
-  const auto script = installScript("exec sleep 600");
-  EXPECT_THAT(problems({"--timeout", "2"}), ElementsAre("check-hangs"));
-  EXPECT_THAT(said, HasSubstr(script));
+  installScript("exec sleep 600");
+  EXPECT_THAT(problems({"--timeout", "2"}), only("check-hangs", script));
 }
 
 TEST_F(DoctorTest, NamesAnExtensionThatCannotBeStarted) {
   installScript("[ \"$1\" = --check ] && exec '" + std::string(VORNET_EXTENSION) + "' --check\nexit 1");
-  EXPECT_THAT(problems(), IsEmpty()) << said;
-  EXPECT_THAT(problems({"--start"}), ElementsAre("start-failed"));
-  EXPECT_THAT(said, HasSubstr("The extension could not be started: "));
+  EXPECT_THAT(problems(), IsEmpty());
+  EXPECT_THAT(problems({"--start"}), only("start-failed", "The extension could not be started: "));
 }
 
 TEST_F(DoctorTest, SaysWhyTheExtensionStoppedItself) {
@@ -231,91 +266,46 @@ TEST_F(DoctorTest, SaysWhyTheExtensionStoppedItself) {
   BusClient client(bus->address());
   ASSERT_TRUE(client.waitUntil([&] { return client.extensionProcess() == 0; }));
   vornet::test::writePreferences(preferences, root);
-  EXPECT_THAT(problems(), ElementsAre("stopped"));
-  EXPECT_THAT(said,
-              HasSubstr("The extension stopped itself the last time: the preferences hold no text under root_dir"));
+  EXPECT_THAT(
+      problems(),
+      only("stopped", "The extension stopped itself the last time: the preferences hold no text under root_dir"));
 }
 
 TEST_F(DoctorTest, NamesAFrozenExtension) {
   const int process = startExtension();
   ASSERT_GT(process, 0);
   kill(process, SIGSTOP);
-  EXPECT_THAT(problems({"--timeout", "1"}), ElementsAre("frozen"));
+  EXPECT_THAT(problems({"--timeout", "1"}), only("frozen"));
   kill(process, SIGKILL);
 }
 
 // --- The sync application's files -----------------------------------------------------------------------------------
 
-TEST_F(DoctorTest, NamesAContainerThatHasNoValidPath) {
-  wrapper = {"env", "VORNET_GROUP_CONTAINERS=/\xff"};
-  EXPECT_THAT(problems(), ElementsAre("container-missing"));
-}
-
-TEST_F(DoctorTest, NamesMissingPreferencesAndTheirPlace) {
-  fs::remove(preferences);
-  EXPECT_THAT(problems(), ElementsAre("preferences-missing"));
-  EXPECT_THAT(said, HasSubstr(preferences));
-}
-
-TEST_F(DoctorTest, NamesPreferencesThatCannotBeRead) {
-  fs::permissions(preferences, fs::perms::none);
-  wrapper = UNPRIVILEGED;
-  EXPECT_THAT(problems(), ElementsAre("preferences-unreadable"));
-}
-
-TEST_F(DoctorTest, NamesPreferencesThatAreGarbage) {
-  writeFile(preferences, "root_dir = /here\n");
-  EXPECT_THAT(problems(), ElementsAre("preferences-garbage"));
-}
-
 TEST_F(DoctorTest, SaysThatPreferencesWithoutAFolderStopTheExtension) {
   writeFile(preferences, "<?xml version=\"1.0\"?><plist version=\"1.0\"><dict/></plist>");
-  EXPECT_THAT(problems(), ElementsAre("preferences-without-root"));
-  EXPECT_THAT(said, HasSubstr("stops by design"));
-  EXPECT_THAT(problems({"--start"}), Contains("preferences-without-root"));
-}
-
-TEST_F(DoctorTest, NamesAMissingFolder) {
-  fs::remove_all(root);
-  EXPECT_THAT(problems(), ElementsAre("folder-missing"));
-  EXPECT_THAT(said, HasSubstr(root));
-  writeFile(root, "");
-  EXPECT_THAT(problems(), ElementsAre("folder-missing"));
+  EXPECT_THAT(problems(), only("preferences-without-root", "stops by design"));
+  EXPECT_THAT(problems({"--start"}), Contains(Pair("preferences-without-root", testing::_)));
 }
 
 TEST_F(DoctorTest, NamesAFolderThatTheRunningExtensionDoesNotShow) {
   startBus();
   vornet::test::FakeExtension extension(bus->address(), {"file:///another/"});
-  EXPECT_THAT(problems(), Contains("folder-changed"));
-  EXPECT_THAT(said, HasSubstr("shows /another, but the preferences name " + root));
-}
-
-TEST_F(DoctorTest, NamesAMissingDatabase) {
-  fs::remove(database);
-  EXPECT_THAT(problems(), ElementsAre("database-missing"));
-}
-
-TEST_F(DoctorTest, NamesADatabaseThatCannotBeRead) {
-  fs::permissions(database, fs::perms::none);
-  wrapper = UNPRIVILEGED;
-  EXPECT_THAT(problems(), ElementsAre("database-unreadable"));
+  EXPECT_THAT(problems(),
+              Contains(Pair("folder-changed", HasSubstr("shows /another, but the preferences name " + root))));
 }
 
 TEST_F(DoctorTest, NamesALockedDatabase) {
   Database writer(database);
   writer.run("BEGIN EXCLUSIVE");
-  EXPECT_THAT(problems(), ElementsAre("database-locked"));
+  EXPECT_THAT(problems(), only("database-locked"));
   writer.run("COMMIT");
   EXPECT_THAT(problems(), IsEmpty());
 }
 
-TEST_F(DoctorTest, NamesADamagedDatabase) {
-  writeFile(database, std::string(8192, 'x'));
-  EXPECT_THAT(problems(), ElementsAre("database-corrupt"));
+TEST_F(DoctorTest, NamesADatabaseWithoutTheTable) {
   fs::remove(database);
   Database(database).run("CREATE TABLE other (path TEXT)");
-  EXPECT_THAT(problems(), ElementsAre("database-corrupt"));
-  EXPECT_THAT(said, HasSubstr("no such table"));
+  EXPECT_THAT(problems(), only("database-corrupt", "no such table"));
 }
 
 TEST_F(DoctorTest, NamesADatabaseWhoseDamageNoLookUpMeets) {
@@ -328,23 +318,17 @@ TEST_F(DoctorTest, NamesADatabaseWhoseDamageNoLookUpMeets) {
   ASSERT_GT(bytes.size(), 8 * PAGE);
   bytes.replace(bytes.size() - 3 * PAGE, 2 * PAGE, std::string(2 * PAGE, '\7'));
   writeFile(database, bytes);
-  EXPECT_THAT(problems(), ElementsAre("database-corrupt"));
+  EXPECT_THAT(problems(), only("database-corrupt"));
 }
 
 // --- The log --------------------------------------------------------------------------------------------------------
 
 TEST_F(DoctorTest, NamesALogThatCannotBeWritten) {
   const auto folder = environment.logFile().parent_path();
-  writeFile(folder, "a file in the folder's place");
-  EXPECT_THAT(problems(), ElementsAre("log-not-writable"));
-  fs::remove(folder);
-  fs::create_directories(environment.logFile());
-  EXPECT_THAT(problems(), ElementsAre("log-not-writable")) << "a folder in the file's place";
-  fs::remove(environment.logFile());
+  fs::create_directories(folder);
   fs::permissions(folder, fs::perms::owner_read | fs::perms::owner_exec);
-  wrapper = UNPRIVILEGED;
-  EXPECT_THAT(problems(), ElementsAre("log-not-writable"));
-  EXPECT_THAT(said, HasSubstr(environment.logFile()));
+  settings.wrapper = UNPRIVILEGED;
+  EXPECT_THAT(problems(), only("log-not-writable", environment.logFile()));
 }
 
 TEST_F(DoctorTest, NamesAFullDisk) {
@@ -355,9 +339,9 @@ TEST_F(DoctorTest, NamesAFullDisk) {
     StartedProgram probe({"unshare", "-m", "sh", "-c", mount}, {}, environment.folder().path() / "probe");
     if (probe.wait() != 0) GTEST_SKIP() << "needs root and mount namespaces";
   }
-  wrapper = {"unshare", "-m", "sh", "-c", mount + "; cat /dev/zero > '" + folder.string() + "/full' 2>&-; exec \"$@\"",
-             "sh"};
-  EXPECT_THAT(problems(), ElementsAre("disk-full"));
+  settings.wrapper = {
+      "unshare", "-m", "sh", "-c", mount + "; cat /dev/zero > '" + folder.string() + "/full' 2>&-; exec \"$@\"", "sh"};
+  EXPECT_THAT(problems(), only("disk-full"));
 }
 
 // --- The sync application -------------------------------------------------------------------------------------------
@@ -369,35 +353,22 @@ TEST_F(DoctorTest, SaysSinceWhenTheSyncApplicationIsDown) {
   ASSERT_TRUE(client.waitUntil([&] { return client.property("SyncApplicationSilentSince") == "0"; }));
   server.reset();
   ASSERT_TRUE(client.waitUntil([&] { return client.property("SyncApplicationSilentSince").size() > 8; }));
-  EXPECT_THAT(problems(), ElementsAre("sync-application-down"));
-  EXPECT_THAT(said, testing::ContainsRegex("not running since 20[0-9-]* [0-9:]*: nobody listens"));
-}
-
-TEST_F(DoctorTest, NamesASyncApplicationThatHasStalled) {
-  server->setAnswer([](const auto&) { return WireReply{.manner = WireReply::Manner::stall}; });
-  EXPECT_THAT(problems(), ElementsAre("sync-application-stalled"));
-}
-
-TEST_F(DoctorTest, NamesASyncApplicationWhoseAnswersAreBroken) {
-  server->setAnswer([](const auto&) { return WireReply{.manner = WireReply::Manner::close}; });
-  EXPECT_THAT(problems(), ElementsAre("sync-application-fails"));
+  EXPECT_THAT(problems(),
+              ElementsAre(Pair("sync-application-down",
+                               testing::ContainsRegex("not running since 20[0-9-]* [0-9:]*: nobody listens"))));
 }
 
 // --- Other commands while the sync application is away --------------------------------------------------------------
 
-class AwayTest : public DoctorTest {
- protected:
-  AwayTest() { writeFile(root + "/a", ""); }
-  ProgramRun::Settings settings() {
+struct AwayTest : DoctorTest {
+  AwayTest() {
+    writeFile(root + "/a", "");
     startBus();
-    ProgramRun::Settings settings;
-    settings.busAddress = bus->address();
-    return settings;
   }
 };
 
 TEST_F(AwayTest, ListWarnsThatBadgesMayBeOld) {
-  ProgramRun fresh{settings(), {"list", root}};
+  ProgramRun fresh{settings, {"list", root}};
   EXPECT_EQ(fresh.wait(), 0);
   EXPECT_EQ(fresh.errors, "");
   server.reset();
@@ -407,7 +378,7 @@ TEST_F(AwayTest, ListWarnsThatBadgesMayBeOld) {
   kill(knowing, SIGKILL);
   ASSERT_TRUE(client.waitUntil([&] { return client.extensionProcess() == 0; }));
   for (int i = 0; i < 2; ++i) {  // the extension asks meanwhile; then it knows
-    ProgramRun old{settings(), {"list", root}};
+    ProgramRun old{settings, {"list", root}};
     EXPECT_EQ(old.wait(), 0);
     EXPECT_THAT(old.output, HasSubstr("Synced"));
     EXPECT_THAT(old.errors, testing::MatchesRegex("vornet-vi: the sync application (does not answer on 127.0.0.1:8806|"
@@ -416,14 +387,14 @@ TEST_F(AwayTest, ListWarnsThatBadgesMayBeOld) {
 }
 
 TEST_F(AwayTest, WatchSaysWhenItFallsSilentAndWhenItAnswersAgain) {
-  ProgramRun watch{settings(), {"watch", root}};
+  ProgramRun watch{settings, {"watch", root}};
   ASSERT_TRUE(runUntil([&] { return watch.output.find("Synced") != std::string::npos; }));
   EXPECT_EQ(watch.errors, "");
   server.reset();
   ASSERT_TRUE(runUntil([&] { return watch.errors.find("badges may be old\n") != std::string::npos; })) << watch.errors;
   EXPECT_THAT(watch.errors, testing::MatchesRegex("vornet-vi: the sync application has not answered since "
                                                   "20[0-9-]* [0-9:]*: badges may be old\n"));
-  ProgramRun late{settings(), {"watch", "--json", root}};
+  ProgramRun late{settings, {"watch", "--json", root}};
   EXPECT_TRUE(runUntil([&] { return !late.errors.empty(); })) << "a watch that starts later warns too";
   EXPECT_EQ(boost::json::parse(late.errors).at("warning").at("kind"), "sync-application-silent");
   server.emplace(answer);
@@ -431,12 +402,12 @@ TEST_F(AwayTest, WatchSaysWhenItFallsSilentAndWhenItAnswersAgain) {
 }
 
 TEST_F(AwayTest, PerformNamesTheCause) {
-  server->setAnswer([](const auto&) { return WireReply{.body = R"({"1":true})"}; });
-  ProgramRun greyed{settings(), {"perform", "Comments", root + "/a"}};
+  serve({.body = R"({"1":true})"});
+  ProgramRun greyed{settings, {"perform", "Comments", root + "/a"}};
   EXPECT_EQ(greyed.wait(), 1);
   EXPECT_EQ(greyed.errors, "vornet-vi: \"Comments\" is not available for this selection\n");
   server.reset();
-  ProgramRun away{settings(), {"perform", "Share", root + "/a"}};
+  ProgramRun away{settings, {"perform", "Share", root + "/a"}};
   EXPECT_EQ(away.wait(), 1);
   EXPECT_THAT(away.errors, testing::MatchesRegex("vornet-vi: \"Share\" is not available: the sync application has not "
                                                  "answered since 20[0-9-]* [0-9:]*\n"));
@@ -445,8 +416,7 @@ TEST_F(AwayTest, PerformNamesTheCause) {
 // --- File managers --------------------------------------------------------------------------------------------------
 
 /// A program on the bus by the name of a file manager.
-class FileManagerDoctorTest : public DoctorTest {
- protected:
+struct FileManagerDoctorTest : DoctorTest {
   void SetUp() override {
     const GCharPtr gdbus(g_find_program_in_path("gdbus"));
     ASSERT_TRUE(gdbus) << "gdbus, of the package libglib2.0-bin, is not in PATH";
@@ -476,20 +446,18 @@ class FileManagerDoctorTest : public DoctorTest {
 
 TEST_F(FileManagerDoctorTest, NamesOneThatRunsWithoutThePlugin) {
   startFileManager("");
-  EXPECT_THAT(problems(), ElementsAre("plugin-not-loaded"));
-  EXPECT_THAT(said, HasSubstr("Nautilus (pid " + std::to_string(manager->pid()) +
-                              ") runs without the plug-in, which is not installed."));
+  EXPECT_THAT(problems(), only("plugin-not-loaded", "Nautilus (pid " + std::to_string(manager->pid()) +
+                                                        ") runs without the plug-in, which is not installed."));
   installPlugin();
-  EXPECT_THAT(problems(), ElementsAre("plugin-not-loaded"));
-  EXPECT_THAT(said, HasSubstr("runs without the plug-in."));
+  EXPECT_THAT(problems(), only("plugin-not-loaded", "runs without the plug-in."));
 }
 
 TEST_F(FileManagerDoctorTest, NamesOneThatRunsWithAnOlderPlugin) {
   installPlugin();
   startFileManager(plugin);
-  EXPECT_THAT(problems(), IsEmpty()) << said;
+  EXPECT_THAT(problems(), IsEmpty());
   installPlugin();
-  EXPECT_THAT(problems(), ElementsAre("plugin-outdated"));
+  EXPECT_THAT(problems(), only("plugin-outdated"));
 }
 
 }  // namespace

@@ -1,13 +1,16 @@
 #include "ProgramRun.hpp"
 
 #include <gio/gunixinputstream.h>
+#include <glib-unix.h>
 #include <pty.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <filesystem>
-#include <memory>
+#include <regex>
+#include <sstream>
 #include <stdexcept>
 #include <utility>
 
@@ -31,25 +34,11 @@ std::filesystem::path writeServices(const std::filesystem::path& folder, const s
 
 }  // namespace
 
-std::string ShownTestFolder::file(const std::string& name, const std::string& content) const {
-  vornet::test::writeFile(folder_.path() / name, content);
-  return folder_ / name;
-}
-
-std::string ShownTestFolder::folder(const std::string& name) const {
-  std::filesystem::create_directory(folder_.path() / name);
-  return folder_ / name;
-}
-
 TestBus::TestBus(const std::string& startCommand)
     : PrivateBus(TemporaryFolder::path() / "bus", writeServices(TemporaryFolder::path(), startCommand)) {}
 
 void TestBus::install(const std::string& startCommand) const {
   writeServices(TemporaryFolder::path(), startCommand);
-}
-
-std::size_t TestBus::starts() const {
-  return vornet::test::readFile(TemporaryFolder::path() / "starts").size();
 }
 
 TestExtension::TestExtension(const TestBus& bus, const std::string& folder)
@@ -70,11 +59,6 @@ std::vector<std::size_t> TestExtension::requestSizes() const {
   for (const auto& request : badgeRequests) sizes.push_back(request.size());
   return sizes;
 }
-
-struct ProgramRun::Reading {
-  ProgramRun& run;
-  std::string& into;
-};
 
 ProgramRun::ProgramRun(const Settings& settings, const std::vector<std::string>& arguments) {
   const bool onTerminal = settings.terminalColumns > 0;
@@ -99,7 +83,7 @@ ProgramRun::ProgramRun(const Settings& settings, const std::vector<std::string>&
     size.ws_row = 24;
     if (openpty(&master, &slave, nullptr, nullptr, &size) != 0) throw std::runtime_error("no pseudo-terminal");
     g_subprocess_launcher_take_stdout_fd(launcher.get(), slave);
-    outputStream_.reset(g_unix_input_stream_new(master, TRUE));
+    output_.stream.reset(g_unix_input_stream_new(master, TRUE));
   }
 
   std::vector<const gchar*> command;
@@ -110,10 +94,11 @@ ProgramRun::ProgramRun(const Settings& settings, const std::vector<std::string>&
   GErrorPtr error;
   process_.reset(g_subprocess_launcher_spawnv(launcher.get(), command.data(), ErrorTo(error)));
   if (error) throw std::runtime_error(error->message);
-  if (!onTerminal) outputStream_.reset(G_INPUT_STREAM(g_object_ref(g_subprocess_get_stdout_pipe(process_.get()))));
+  if (!onTerminal) output_.stream.reset(G_INPUT_STREAM(g_object_ref(g_subprocess_get_stdout_pipe(process_.get()))));
+  errors_.stream.reset(G_INPUT_STREAM(g_object_ref(g_subprocess_get_stderr_pipe(process_.get()))));
   g_subprocess_launcher_close(launcher.get());
-  read(outputStream_.get(), &output);
-  read(g_subprocess_get_stderr_pipe(process_.get()), &errors);
+  output_.start();
+  errors_.start();
   g_subprocess_wait_async(
       process_.get(), nullptr,
       [](GObject* process, GAsyncResult* result, gpointer ended) {
@@ -125,42 +110,32 @@ ProgramRun::ProgramRun(const Settings& settings, const std::vector<std::string>&
 
 ProgramRun::~ProgramRun() {
   if (!ended_) g_subprocess_force_exit(process_.get());
-  g_cancellable_cancel(cancellable_.get());
-  releaseOutput();
-  runUntil([this] { return ended_ && openStreams_ == 0; });
+  runUntil([this] { return ended_; });
 }
 
-void ProgramRun::read(GInputStream* stream, std::string* into) {
-  ++openStreams_;
-  readOn(stream, new Reading{*this, *into});
+void ProgramRun::Reading::start() {
+  const auto take = [](gint descriptor, GIOCondition, gpointer data) -> gboolean {
+    auto& self = *static_cast<Reading*>(data);
+    std::array<char, 65536> part;
+    const auto size = ::read(descriptor, part.data(), part.size());
+    if (size > 0) {
+      self.text.append(part.data(), static_cast<std::size_t>(size));
+      return G_SOURCE_CONTINUE;
+    }
+    self.source = 0;
+    return G_SOURCE_REMOVE;
+  };
+  const auto events = static_cast<GIOCondition>(G_IO_IN | G_IO_HUP | G_IO_ERR);
+  source = g_unix_fd_add(g_unix_input_stream_get_fd(G_UNIX_INPUT_STREAM(stream.get())), events, take, this);
 }
 
-void ProgramRun::readOn(GInputStream* stream, Reading* reading) {
-  g_input_stream_read_bytes_async(stream, 65536, G_PRIORITY_DEFAULT, reading->run.cancellable_.get(), takeBytes,
-                                  reading);
-}
-
-void ProgramRun::takeBytes(GObject* stream, GAsyncResult* result, gpointer data) {
-  std::unique_ptr<Reading> reading(static_cast<Reading*>(data));
-  ProgramRun& run = reading->run;
-  const GBytesPtr bytes(g_input_stream_read_bytes_finish(G_INPUT_STREAM(stream), result, nullptr));
-  const gsize size = bytes ? g_bytes_get_size(bytes.get()) : 0;
-  if (size > 0) reading->into.append(static_cast<const char*>(g_bytes_get_data(bytes.get(), nullptr)), size);
-  if (size == 0)
-    --run.openStreams_;
-  else if (run.isHeld_ && &reading->into == &run.output)
-    run.held_ = reading.release();
-  else
-    readOn(G_INPUT_STREAM(stream), reading.release());
-}
-
-void ProgramRun::releaseOutput() {
-  isHeld_ = false;
-  if (held_) readOn(outputStream_.get(), std::exchange(held_, nullptr));
+void ProgramRun::Reading::stop() {
+  if (source != 0) g_source_remove(std::exchange(source, 0));
 }
 
 int ProgramRun::wait() {
-  if (!runUntil([this] { return ended_ && openStreams_ == 0; }) || !g_subprocess_get_if_exited(process_.get()))
+  if (!runUntil([this] { return ended_ && output_.source == 0 && errors_.source == 0; }) ||
+      !g_subprocess_get_if_exited(process_.get()))
     return -1;
   return g_subprocess_get_exit_status(process_.get());
 }
@@ -170,30 +145,19 @@ void ProgramRun::sendSignal(int number) {
 }
 
 void ProgramRun::closeOutput() {
-  g_cancellable_cancel(cancellable_.get());
-  runUntil([this] { return openStreams_ == 0; });
-  g_input_stream_close(outputStream_.get(), nullptr, nullptr);
+  output_.stop();
+  g_input_stream_close(output_.stream.get(), nullptr, nullptr);
 }
 
 std::vector<std::string> ProgramRun::lines() const {
   std::vector<std::string> lines;
-  for (std::size_t start = 0; start < output.size();) {
-    std::size_t end = output.find('\n', start);
-    end = end == std::string::npos ? output.size() : end;
-    lines.push_back(output.substr(start, end - start));
-    start = end + 1;
-  }
+  std::istringstream text(output);
+  for (std::string line; std::getline(text, line);) lines.push_back(line);
   return lines;
 }
 
-ProgramRun::Settings ProgramTest::settings() const {
-  ProgramRun::Settings settings;
-  settings.busAddress = bus.address();
-  return settings;
-}
-
-int ProgramTest::run(const ProgramRun::Settings& how, const std::vector<std::string>& arguments) {
-  ProgramRun program(how, arguments);
+int ProgramTest::run(const std::vector<std::string>& arguments) {
+  ProgramRun program(settings, arguments);
   const int code = program.wait();
   output = program.output;
   lines = program.lines();
@@ -201,6 +165,16 @@ int ProgramTest::run(const ProgramRun::Settings& how, const std::vector<std::str
   EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), code == 0 ? 0 : 1) << errors;
   EXPECT_TRUE(code == 0 || errors.starts_with("vornet-vi: ") || errors.starts_with(R"({"error":{)")) << errors;
   return code;
+}
+
+std::string ProgramTest::outputOf(const std::vector<std::string>& arguments) {
+  EXPECT_EQ(run(arguments), 0) << errors;
+  return output;
+}
+
+std::string ProgramTest::failureOf(const std::vector<std::string>& arguments) {
+  EXPECT_EQ(run(arguments), 1);
+  return std::regex_replace(errors, std::regex("^vornet-vi: (.*)\n$"), "$1");
 }
 
 }  // namespace vornet::vi::test

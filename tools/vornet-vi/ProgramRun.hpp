@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
@@ -29,8 +30,14 @@ class ShownTestFolder {
  public:
   std::string path() const { return folder_.path().string(); }
   /// Makes the file, or the folder, `name`; its path.
-  std::string file(const std::string& name, const std::string& content = "") const;
-  std::string folder(const std::string& name) const;
+  std::string file(const std::string& name, const std::string& content = "") const {
+    vornet::test::writeFile(folder_.path() / name, content);
+    return folder_ / name;
+  }
+  std::string folder(const std::string& name) const {
+    std::filesystem::create_directory(folder_.path() / name);
+    return folder_ / name;
+  }
 
  private:
   vornet::test::TemporaryFolder folder_;
@@ -50,7 +57,7 @@ class TestBus : private vornet::test::TemporaryFolder, public vornet::test::Priv
   void install(const std::string& startCommand) const;
 
   /// How often the bus has run a command.
-  std::size_t starts() const;
+  std::size_t starts() const { return vornet::test::readFile(TemporaryFolder::path() / "starts").size(); }
 };
 
 /// An extension with the usual badges and menu; observes `folder`, or nothing when it is "".
@@ -69,9 +76,9 @@ class ProgramRun {
     std::string busAddress;
     std::string locale = "C.UTF-8";
     std::string currentFolder = "/";
-    std::map<std::string, std::string> environment;
-    std::vector<std::string> wrapper;  ///< what runs it: a program, and arguments before its own
-    int terminalColumns = 0;           ///< its output is a terminal of this width; 0: a pipe
+    std::map<std::string, std::string> environment{};
+    std::vector<std::string> wrapper{};  ///< what runs it: a program, and arguments before its own
+    int terminalColumns = 0;             ///< its output is a terminal of this width; 0: a pipe
   };
   ProgramRun(const Settings& settings, const std::vector<std::string>& arguments);
   ~ProgramRun();
@@ -83,26 +90,30 @@ class ProgramRun {
   void sendSignal(int number);
   /// Stops reading its output, as head does when it has enough.
   void closeOutput();
-  /// Reads only a little of its output until released.
-  void holdOutput() { isHeld_ = true; }
-  void releaseOutput();
+  /// Reads nothing of its output until released.
+  void holdOutput() { output_.stop(); }
+  void releaseOutput() { output_.start(); }
 
   std::string output;  ///< so far
   std::string errors;
   std::vector<std::string> lines() const;
 
  private:
-  struct Reading;
-  void read(GInputStream* stream, std::string* into);
-  static void readOn(GInputStream* stream, Reading* reading);
-  static void takeBytes(GObject* stream, GAsyncResult* result, gpointer data);
+  /// One of its outputs, of which all is appended to `text` as it comes.
+  struct Reading {
+    explicit Reading(std::string& into) : text(into) {}
+    ~Reading() { stop(); }
+    void start();
+    void stop();
+
+    std::string& text;
+    GObjectPtr<GInputStream> stream{};
+    guint source = 0;  ///< 0 when the output has ended, or is not read
+  };
+  Reading output_{output};
+  Reading errors_{errors};
   bool ended_ = false;
-  std::size_t openStreams_ = 0;
-  bool isHeld_ = false;
-  Reading* held_ = nullptr;  ///< that of the output, while it waits to be released
   GObjectPtr<GSubprocess> process_;
-  GObjectPtr<GInputStream> outputStream_;
-  GObjectPtr<GCancellable> cancellable_{g_cancellable_new()};
 };
 
 /// The program on a bus without an extension, except one that `startCommand` starts (see TestBus).
@@ -110,11 +121,12 @@ class ProgramTest : public ::testing::Test {
  protected:
   explicit ProgramTest(const std::string& startCommand = "") : bus(startCommand) {}
 
-  ProgramRun::Settings settings() const;
-
   /// Runs the program to its end; its standard error is exactly one line, or empty when it succeeds.
-  int run(const std::vector<std::string>& arguments) { return run(settings(), arguments); }
-  int run(const ProgramRun::Settings& how, const std::vector<std::string>& arguments);
+  int run(const std::vector<std::string>& arguments);
+  /// The output of a run that succeeds.
+  std::string outputOf(const std::vector<std::string>& arguments);
+  /// What a run that fails says, without the program's name.
+  std::string failureOf(const std::vector<std::string>& arguments);
 
   static bool contains(const std::string& text, const std::string& part) {
     return text.find(part) != std::string::npos;
@@ -122,6 +134,7 @@ class ProgramTest : public ::testing::Test {
 
   TestBus bus;
   ShownTestFolder root;
+  ProgramRun::Settings settings{.busAddress = bus.address()};
   std::string output;
   std::vector<std::string> lines;
   std::string errors;

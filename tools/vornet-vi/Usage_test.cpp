@@ -12,11 +12,7 @@ using testing::HasSubstr;
 
 class UsageTest : public ProgramTest {
  protected:
-  int runHere(const std::vector<std::string>& arguments) {
-    auto how = settings();
-    how.currentFolder = root.path();
-    return run(how, arguments);
-  }
+  UsageTest() { settings.currentFolder = root.path(); }
 };
 
 TEST_F(UsageTest, AnUnknownWordIsNamedWithTheNearestKnownOne) {
@@ -39,35 +35,29 @@ TEST_F(UsageTest, AnUnknownWordIsNamedWithTheNearestKnownOne) {
 TEST_F(UsageTest, ListTakesTheCurrentFolder) {
   root.file("here");
   TestExtension extension{bus, root.path()};
-  EXPECT_EQ(runHere({"list"}), 0) << errors;
-  EXPECT_THAT(output, HasSubstr("here\n"));
+  EXPECT_THAT(outputOf({"list"}), HasSubstr("here\n"));
 }
 
+const std::vector<std::string> COMMANDS{"list", "watch", "menu", "perform", "status", "help"};
+
 TEST_F(UsageTest, HelpFitsEightyColumns) {
-  for (const std::string command : {"", "list", "watch", "menu", "perform", "status", "help"}) {
-    EXPECT_EQ(run(command.empty() ? std::vector<std::string>{"help"} : std::vector<std::string>{"help", command}), 0);
-    EXPECT_THAT(output, Not(testing::ContainsRegex("[^\n]{81}"))) << command;
-  }
+  const auto fits = Not(testing::ContainsRegex("[^\n]{81}"));
+  EXPECT_THAT(outputOf({"help"}), fits);
+  for (const auto& command : COMMANDS) EXPECT_THAT(outputOf({"help", command}), fits) << command;
 }
 
 TEST_F(UsageTest, HelpNamesItsCommandAndHasExamples) {
-  for (const std::string command : {"list", "watch", "menu", "perform", "status", "help"}) {
-    EXPECT_EQ(run({command, "--help"}), 0);
-    const std::string text = output;
+  for (const auto& command : COMMANDS) {
+    const std::string text = outputOf({command, "--help"});
+    EXPECT_THAT(text, HasSubstr("Usage: vornet-vi " + command + " "));
     EXPECT_THAT(text, HasSubstr("\nExamples:\n  vornet-vi " + command));
-    EXPECT_EQ(run({"help", command}), 0);
-    EXPECT_EQ(output, text);
+    EXPECT_EQ(outputOf({"help", command}), text);
   }
-  EXPECT_EQ(run({"--help"}), 0);
-  const std::string text = output;
-  EXPECT_THAT(text, HasSubstr("\nExamples:\n  vornet-vi status"));
-  EXPECT_EQ(run({"help"}), 0);
-  EXPECT_EQ(output, text);
+  EXPECT_EQ(outputOf({"help"}), outputOf({"--help"}));
 }
 
 TEST_F(UsageTest, HelpLooksTheSameUnderEveryCLI11) {
-  EXPECT_EQ(run({"--help"}), 0);
-  EXPECT_EQ(output,
+  EXPECT_EQ(outputOf({"--help"}),
             "The sync badges and actions of a folder, in the terminal\n"
             "Usage: vornet-vi [OPTIONS] SUBCOMMAND\n"
             "\n"
@@ -93,8 +83,7 @@ TEST_F(UsageTest, HelpLooksTheSameUnderEveryCLI11) {
             "\n"
             "Exit status: 0 done, 1 refused, failed or problems found, 2 wrong usage.\n"
             "Options of every command: --json, --color, --timeout (see \"vornet-vi --help\").\n");
-  EXPECT_EQ(run({"perform", "--help"}), 0);
-  EXPECT_EQ(output,
+  EXPECT_EQ(outputOf({"perform", "--help"}),
             "Perform a context menu entry on a selection\n"
             "Usage: vornet-vi perform [OPTIONS] ACTION PATH...\n"
             "\n"
@@ -115,7 +104,7 @@ TEST_F(UsageTest, HelpLooksTheSameUnderEveryCLI11) {
 
 TEST_F(UsageTest, WithJSONErrorsAreObjects) {
   const auto error = [this](const std::vector<std::string>& arguments) {
-    runHere(arguments);
+    run(arguments);
     EXPECT_EQ(output, "");
     return boost::json::parse(errors).at("error").as_object();
   };
