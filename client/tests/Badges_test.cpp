@@ -4,95 +4,74 @@
 namespace vornet::test {
 namespace {
 
-using testing::Contains;
 using testing::Each;
 using testing::ElementsAre;
-using testing::Not;
+using testing::Le;
+using testing::SizeIs;
 using testing::UnorderedElementsAre;
 
 class PluginBadges : public PluginTest {
  protected:
   PluginBadges() { startExtension(); }
 
-  /// Shows the folder `root` with these items, and waits until each has been answered.
-  void open(const std::map<std::string, std::string>& items) {
-    for (const auto& [name, identifier] : items) extension->badges[url(name)] = identifier;
-    manager.plugin->folderShown(root);
-    for (const auto& [name, identifier] : items) manager.show(path(name));
-    ASSERT_TRUE(runUntil([&] { return asked() >= items.size(); }));
-    settle();
+  /// A window shows the root with so many items that have the badge "SYNCED".
+  void openLarge(std::size_t count) {
+    Items items;
+    for (std::size_t i = 0; i < count; ++i) items[std::to_string(i)] = "SYNCED";
+    openWindow("", items);
   }
 };
 
-TEST_F(PluginBadges, EmblemsOfAllThreeKindsArriveAutomatically) {
-  open({{"a", "SYNCED"}, {"b", "PENDING"}, {"c", "SKIPPED"}, {"d", ""}});
-  EXPECT_TRUE(waitForEmblem("a", SYNCED));
-  EXPECT_TRUE(waitForEmblem("b", PENDING));
-  EXPECT_TRUE(waitForEmblem("c", SKIPPED));
-  EXPECT_EQ(manager.emblem(path("d")), "");
+TEST_F(PluginBadges, EmblemsOfAllThreeKindsArriveAutomaticallyAndNoneForAnUnknownKind) {
+  open({{"a", "SYNCED"}, {"b", "PENDING"}, {"c", "SKIPPED"}, {"d", ""}, {"e", "SOMETHING"}});
   EXPECT_EQ(manager.redraws(path("a")), 1u);
-  EXPECT_EQ(manager.redraws(path("d")), 0u) << "nothing changed there";
+  for (const char* name : {"d", "e"}) {
+    EXPECT_EQ(manager.emblem(path(name)), "") << name;
+    EXPECT_EQ(manager.redraws(path(name)), 0u) << "nothing changed there: " << name;
+  }
 }
 
-TEST_F(PluginBadges, ABadgeOfAnUnknownKindShowsNothing) {
-  open({{"a", "SOMETHING"}, {"b", "SYNCED"}});
-  ASSERT_TRUE(waitForEmblem("b", SYNCED));
-  EXPECT_EQ(manager.emblem(path("a")), "");
-}
-
-TEST_F(PluginBadges, AChangeRedrawsThatItemAlone) {
-  open({{"a", "SYNCED"}, {"b", "SYNCED"}});
-  ASSERT_TRUE(waitForEmblem("a", SYNCED) && waitForEmblem("b", SYNCED));
-  extension->sendChanges({{url("a"), "PENDING"}});
-  ASSERT_TRUE(waitForEmblem("a", PENDING));
-  EXPECT_EQ(manager.redraws(path("a")), 2u);
-  EXPECT_EQ(manager.redraws(path("b")), 1u);
-}
-
-TEST_F(PluginBadges, AnEmptiedIdentifierRemovesTheEmblem) {
-  open({{"a", "SYNCED"}});
-  ASSERT_TRUE(waitForEmblem("a", SYNCED));
-  extension->sendChanges({{url("a"), ""}});
-  EXPECT_TRUE(waitForEmblem("a", ""));
-}
-
-TEST_F(PluginBadges, TheSameBadgeAgainRedrawsNothing) {
-  open({{"a", "SYNCED"}, {"b", "SYNCED"}});
-  ASSERT_TRUE(waitForEmblem("a", SYNCED) && waitForEmblem("b", SYNCED));
-  extension->sendChanges({{url("a"), "SYNCED"}, {url("b"), "PENDING"}});
-  ASSERT_TRUE(waitForEmblem("b", PENDING));
-  EXPECT_EQ(manager.redraws(path("a")), 1u);
-}
-
-TEST_F(PluginBadges, TheLastOfSeveralChangesIsShown) {
-  open({{"a", "SYNCED"}, {"b", "SYNCED"}});
-  ASSERT_TRUE(waitForEmblem("a", SYNCED) && waitForEmblem("b", SYNCED));
-  extension->sendChanges({{url("a"), "PENDING"}, {url("a"), "SKIPPED"}});
-  extension->sendChanges({{url("a"), "SYNCED"}, {url("a"), "PENDING"}});
-  extension->sendChanges({{url("b"), "SKIPPED"}});
-  ASSERT_TRUE(waitForEmblem("b", SKIPPED));
-  EXPECT_EQ(manager.emblem(path("a")), PENDING);
-}
-
-TEST_F(PluginBadges, ChangesOfWhatIsNotShownAreIgnored) {
-  open({{"a", "SYNCED"}});
-  ASSERT_TRUE(waitForEmblem("a", SYNCED));
-  extension->sendChanges(
-      {{url("x"), "PENDING"}, {"file:///elsewhere/a", "PENDING"}, {"no URL", "PENDING"}, {url("a"), "SKIPPED"}});
-  EXPECT_TRUE(waitForEmblem("a", SKIPPED));
-  EXPECT_EQ(manager.redraws(path("x")), 0u);
-}
-
-TEST_F(PluginBadges, AChangeIsFoundHoweverItsURLIsWritten) {
-  open({{"a b", "SYNCED"}});
-  ASSERT_TRUE(waitForEmblem("a b", SYNCED));
-  extension->sendChanges({{url("") + "/%61%20%62", "PENDING"}});
-  EXPECT_TRUE(waitForEmblem("a b", PENDING));
+TEST_F(PluginBadges, ChangesAreDrawn) {
+  const std::string item = url("a b");
+  FakeExtension::Changes many;
+  for (int i = 0; i < 1000; ++i) many.insert(many.end(), {{item, "SYNCED"}, {item, "PENDING"}});
+  const FakeExtension::Changes ofOthers = {
+      {url("x"), "PENDING"}, {"file:///elsewhere/a%20b", "PENDING"}, {"no URL", "PENDING"}, {item, "SKIPPED"}};
+  const struct {
+    std::string behaviour;
+    std::vector<FakeExtension::Changes> messages;
+    std::string emblem;
+    testing::Matcher<std::size_t> redraws;
+  } rows[] = {
+      {"a change redraws its item alone", {{{item, "PENDING"}}}, PENDING, 1u},
+      {"an emptied identifier removes the emblem", {{{item, ""}}}, "", 1u},
+      {"the same badge again redraws nothing", {{{item, "SYNCED"}}}, SYNCED, 0u},
+      {"the last of several changes is shown",
+       {{{item, "PENDING"}, {item, "SKIPPED"}}, {{item, "SYNCED"}, {item, "PENDING"}}},
+       PENDING,
+       Le(2u)},
+      {"changes of what is not shown are ignored", {ofOthers}, SKIPPED, 1u},
+      {"a change is found however its URL is written", {{{url("") + "/%61%20%62", "PENDING"}}}, PENDING, 1u},
+      {"many changes of an item redraw it once", {many}, PENDING, 1u},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.behaviour);
+    makePlugin();
+    open({{"a b", "SYNCED"}, {"other", "SYNCED"}});
+    const auto before = manager.redraws(path("a b"));
+    const auto beforeOfOther = manager.redraws(path("other"));
+    for (const auto& message : row.messages) extension->sendChanges(message);
+    ASSERT_TRUE(changes("other", "PENDING"));
+    settle();
+    EXPECT_EQ(manager.emblem(path("a b")), row.emblem);
+    EXPECT_THAT(manager.redraws(path("a b")) - before, row.redraws);
+    EXPECT_EQ(manager.redraws(path("other")) - beforeOfOther, 1u);
+    EXPECT_EQ(manager.redraws(path("x")), 0u);
+  }
 }
 
 TEST_F(PluginBadges, AnItemThatIsAskedForAgainIsAnsweredAtOnce) {
   open({{"a", "SYNCED"}});
-  ASSERT_TRUE(waitForEmblem("a", SYNCED));
   manager.show(path("a"));
   EXPECT_EQ(manager.emblem(path("a")), SYNCED);
   EXPECT_EQ(asked(), 1u);
@@ -100,31 +79,25 @@ TEST_F(PluginBadges, AnItemThatIsAskedForAgainIsAnsweredAtOnce) {
 
 TEST_F(PluginBadges, AnItemThatComesLaterIsAskedForAutomatically) {
   open({{"a", "SYNCED"}});
-  extension->badges[url("new")] = "PENDING";
-  manager.show(path("new"));
-  EXPECT_TRUE(waitForEmblem("new", PENDING));
+  EXPECT_TRUE(appears("new", "PENDING"));
 }
 
 TEST_F(PluginBadges, AwkwardNamesKeepTheirBytes) {
-  const std::vector<std::string> names = {
-      "a b",       "a:b",      "100%", "#1",      "line\nbreak", "☀\xf0\x9f\x98\x80",
-      "e\xcc\x81", "\xc3\xa9", "%41",  "a?b=c&d", "'\"\\",       std::string(255, 'x')};
-  std::map<std::string, std::string> items;
-  for (const auto& name : names) items[name] = "SYNCED";
+  Items items;
+  for (const auto& name :
+       std::vector<std::string>{"a b", "a:b", "100%", "#1", "line\nbreak", "☀\xf0\x9f\x98\x80", "e\xcc\x81", "\xc3\xa9",
+                                "%41", "a?b=c&d", "'\"\\", std::string(255, 'x')})
+    items[name] = "SYNCED";
   open(items);
-  for (const auto& name : names) EXPECT_TRUE(waitForEmblem(name, SYNCED)) << name;
-  extension->sendChanges({{url("e\xcc\x81"), "PENDING"}, {url("%41"), "SKIPPED"}});
-  EXPECT_TRUE(waitForEmblem("e\xcc\x81", PENDING));
+  EXPECT_TRUE(changes("e\xcc\x81", "PENDING"));
   EXPECT_EQ(manager.emblem(path("\xc3\xa9")), SYNCED) << "the other Unicode form is another file";
-  EXPECT_TRUE(waitForEmblem("%41", SKIPPED));
+  EXPECT_TRUE(changes("%41", "SKIPPED"));
 }
 
 TEST_F(PluginBadges, ANameThatIsNotUtf8HasNoEmblemAndIsNotAskedFor) {
   open({{"a", "SYNCED"}});
   manager.show(path("caf\xe9"));
-  extension->badges[url("b")] = "SYNCED";
-  manager.show(path("b"));
-  ASSERT_TRUE(waitForEmblem("b", SYNCED));
+  ASSERT_TRUE(appears("b"));
   EXPECT_EQ(manager.emblem(path("caf\xe9")), "");
   EXPECT_EQ(asked(), 2u);
 }
@@ -136,22 +109,15 @@ TEST_F(PluginBadges, NothingOutsideTheSyncedFolderIsObservedOrAskedFor) {
     manager.show(std::string(folder) + "/x");
   }
   manager.show(root);
-  extension->badges[url("b")] = "SYNCED";
-  manager.show(path("b"));
-  ASSERT_TRUE(waitForEmblem("b", SYNCED));
+  ASSERT_TRUE(appears("b"));
   EXPECT_THAT(extension->observed, ElementsAre(url("")));
   EXPECT_EQ(asked(), 2u);
   EXPECT_EQ(manager.emblem("/etc/x"), "");
 }
 
 TEST_F(PluginBadges, ItemsAreAskedForOnceTheFolderIsObserved) {
-  extension->badges[url("a")] = "SYNCED";
-  extension->hold("BeginObserving");
-  manager.plugin->folderShown(root);
-  manager.show(path("a"));
-  ASSERT_TRUE(waitForHeld("BeginObserving"));
-  manager.plugin->menu({path("a")});
-  ASSERT_TRUE(runUntil([&] { return !extension->menuRequests.empty(); }));
+  openHeld("BeginObserving");
+  roundTrip();
   EXPECT_EQ(asked(), 0u);
   extension->release("BeginObserving");
   EXPECT_TRUE(waitForEmblem("a", SYNCED));
@@ -159,62 +125,33 @@ TEST_F(PluginBadges, ItemsAreAskedForOnceTheFolderIsObserved) {
 
 TEST_F(PluginBadges, ManyItemsAreAskedForInBatchesAndEachOnce) {
   const std::size_t count = 10'000;
-  for (std::size_t i = 0; i < count; ++i) extension->badges[url(std::to_string(i))] = "SYNCED";
-  manager.plugin->folderShown(root);
-  for (std::size_t i = 0; i < count; ++i) manager.show(path(std::to_string(i)));
+  openLarge(count);
   ASSERT_TRUE(runUntil([&] { return manager.withEmblem(SYNCED) == count; }));
   EXPECT_EQ(asked(), count);
   EXPECT_LE(extension->badgeRequests.size(), 25u);
-  for (const auto& request : extension->badgeRequests) EXPECT_LE(request.size(), 500u);
-}
-
-TEST_F(PluginBadges, ManyChangesOfAnItemRedrawItOnce) {
-  open({{"a", "SYNCED"}, {"b", "SYNCED"}});
-  ASSERT_TRUE(waitForEmblem("a", SYNCED) && waitForEmblem("b", SYNCED));
-  std::vector<std::pair<std::string, std::string>> changes;
-  for (int i = 0; i < 1000; ++i) {
-    changes.emplace_back(url("a"), "SYNCED");
-    changes.emplace_back(url("a"), "PENDING");
-  }
-  extension->sendChanges(changes);
-  ASSERT_TRUE(waitForEmblem("a", PENDING));
-  extension->sendChanges({{url("b"), "PENDING"}});
-  ASSERT_TRUE(waitForEmblem("b", PENDING));
-  EXPECT_EQ(manager.redraws(path("a")), 2u);
+  EXPECT_THAT(extension->badgeRequests, Each(SizeIs(Le(500u))));
 }
 
 TEST_F(PluginBadges, AnExtensionThatHangsIsSentFewRequestsAndTheRestWhenItGoesOn) {
   const std::size_t count = 5'000;
-  for (std::size_t i = 0; i < count; ++i) extension->badges[url(std::to_string(i))] = "SYNCED";
   extension->hold("RequestBadges");
-  manager.plugin->folderShown(root);
-  for (std::size_t i = 0; i < count; ++i) manager.show(path(std::to_string(i)));
+  openLarge(count);
   ASSERT_TRUE(waitForHeld("RequestBadges", 4));
-  manager.plugin->menu({path("0")});  // its request comes after any other that is due
-  ASSERT_TRUE(runUntil([&] { return !extension->menuRequests.empty(); }));
+  roundTrip();  // comes after any other request that is due
   EXPECT_EQ(extension->heldCalls("RequestBadges"), 4u);
   extension->release("RequestBadges");
   EXPECT_TRUE(runUntil([&] { return manager.withEmblem(SYNCED) == count; }));
 }
 
 TEST_F(PluginBadges, AnAnswerReplacesAChangeThatCameBeforeIt) {
-  extension->badges[url("a")] = "SYNCED";
-  extension->hold("RequestBadges");
-  manager.plugin->folderShown(root);
-  manager.show(path("a"));
-  ASSERT_TRUE(waitForHeld("RequestBadges"));
-  extension->sendChanges({{url("a"), "PENDING"}});
-  ASSERT_TRUE(waitForEmblem("a", PENDING));
+  openHeld("RequestBadges");
+  ASSERT_TRUE(changes("a", "PENDING"));
   extension->release("RequestBadges");
   EXPECT_TRUE(waitForEmblem("a", SYNCED));
 }
 
 TEST_F(PluginBadges, AnAnswerForAFolderThatHasLeftTheScreenIsDropped) {
-  extension->badges[url("a")] = "SYNCED";
-  extension->hold("RequestBadges");
-  manager.plugin->folderShown(root);
-  manager.show(path("a"));
-  ASSERT_TRUE(waitForHeld("RequestBadges"));
+  openHeld("RequestBadges");
   manager.plugin->folderHidden(root);
   extension->release("RequestBadges");
   ASSERT_TRUE(waitForObserved(0));
@@ -225,14 +162,14 @@ TEST_F(PluginBadges, AnAnswerForAFolderThatHasLeftTheScreenIsDropped) {
 
 // --- Folders on screen ----------------------------------------------------------------------------------------------
 
-TEST_F(PluginBadges, TwoWindowsOnOneFolderCountTwice) {
-  manager.plugin->folderShown(root);
+TEST_F(PluginBadges, TwoWindowsOnOneFolderCountTwiceAndTheBadgesStayWhileOneOfThemLeaves) {
+  open({{"a", "SYNCED"}});
   manager.plugin->folderShown(root + "/");
   ASSERT_TRUE(waitForObserved(2));
   manager.plugin->folderHidden(root);
   ASSERT_TRUE(waitForObserved(1));
-  manager.plugin->folderHidden(root);
-  ASSERT_TRUE(waitForObserved(0));
+  EXPECT_TRUE(changes("a", "PENDING"));
+  closeWindow();
 }
 
 TEST_F(PluginBadges, HidingWhatIsNotShownIsIgnored) {
@@ -240,35 +177,17 @@ TEST_F(PluginBadges, HidingWhatIsNotShownIsIgnored) {
   manager.plugin->folderShown(root);
   manager.plugin->folderHidden(root);
   manager.plugin->folderHidden(root);
-  manager.plugin->folderShown(root);
-  ASSERT_TRUE(waitForObserved(1));
+  openObserved();
 }
 
-TEST_F(PluginBadges, TheBadgesStayWhileOneOfTwoWindowsLeaves) {
-  open({{"a", "SYNCED"}});
-  manager.plugin->folderShown(root);
-  ASSERT_TRUE(waitForObserved(2));
-  manager.plugin->folderHidden(root);
-  ASSERT_TRUE(waitForObserved(1));
-  extension->sendChanges({{url("a"), "PENDING"}});
-  EXPECT_TRUE(waitForEmblem("a", PENDING));
-}
-
-TEST_F(PluginBadges, AFolderThatLeavesTheScreenIsForgottenWithItsItems) {
-  open({{"a", "SYNCED"}, {"b", "SYNCED"}});
-  ASSERT_TRUE(waitForEmblem("b", SYNCED));
-  EXPECT_EQ(FakeFileManager::keptItems(), 2u);
-  manager.plugin->folderHidden(root);
-  EXPECT_EQ(FakeFileManager::keptItems(), 0u);
-  EXPECT_TRUE(waitForObserved(0));
-}
-
-TEST_F(PluginBadges, AThousandFoldersOneAfterAnotherLeaveNothingBehind) {
+TEST_F(PluginBadges, AThousandFoldersOneAfterAnotherAreForgottenWithTheirItems) {
   for (int i = 0; i < 1000; ++i) {
     const std::string folder = "folder" + std::to_string(i);
-    manager.plugin->folderShown(path(folder));
-    for (int item = 0; item < 5; ++item) manager.show(path(folder + "/" + std::to_string(item)));
-    if (i % 50 == 0) ASSERT_TRUE(waitForObserved(1));
+    Items items;
+    for (int item = 0; item < 5; ++item) items[folder + "/" + std::to_string(item)] = "SYNCED";
+    openWindow(folder, items);
+    EXPECT_EQ(FakeFileManager::keptItems(), 5u);
+    if (i % 50 == 0) ASSERT_TRUE(waitForEmblem(folder + "/4", SYNCED));
     manager.plugin->folderHidden(path(folder));
     EXPECT_EQ(FakeFileManager::keptItems(), 0u);
   }
@@ -283,7 +202,6 @@ TEST_F(PluginBadges, AFolderThatIsRefusedShowsNoBadgesAndTheOthersDo) {
   settle();
   extension->refusals.clear();
   open({{"a", "SYNCED"}});
-  EXPECT_TRUE(waitForEmblem("a", SYNCED));
   EXPECT_EQ(manager.emblem(path("gone/x")), "");
   EXPECT_THAT(extension->observed, ElementsAre(url("")));
 }
@@ -304,23 +222,13 @@ class PluginInference : public PluginBadges {
   }
 };
 
-TEST_F(PluginInference, ItemsOfAFolderThatNoWindowShowsGetTheirBadgesAndChanges) {
-  extension->badges[url("branch/a")] = "SYNCED";
-  manager.show(path("branch/a"));
-  ASSERT_TRUE(waitForEmblem("branch/a", SYNCED));
-  EXPECT_THAT(extension->observed, ElementsAre(url("branch")));
-  extension->sendChanges({{url("branch/a"), "PENDING"}});
-  EXPECT_TRUE(waitForEmblem("branch/a", PENDING));
-}
-
-TEST_F(PluginInference, AnInferredFolderIsObservedAsLongAsItsItemsAreShownAndNoLonger) {
-  extension->badges[url("branch/a")] = "SYNCED";
-  manager.show(path("branch/a"));
-  ASSERT_TRUE(waitForEmblem("branch/a", SYNCED));
+TEST_F(PluginInference, ItemsOfAFolderThatNoWindowShowsGetBadgesAndChangesAsLongAsTheyAreShownAndNoLonger) {
+  ASSERT_TRUE(appears("branch/a"));
+  EXPECT_TRUE(changes("branch/a", "PENDING"));
   // While the items are shown, every test finds them.
-  ASSERT_TRUE(runUntil([&] { return manager.redraws(path("branch/a")) >= 4; }));
+  ASSERT_TRUE(runUntil([&] { return manager.redraws(path("branch/a")) >= 5; }));
   EXPECT_THAT(extension->observed, ElementsAre(url("branch")));
-  EXPECT_EQ(manager.emblem(path("branch/a")), SYNCED);
+  EXPECT_EQ(manager.emblem(path("branch/a")), PENDING);
   EXPECT_EQ(asked(), 1u);
   manager.hide(path("branch/a"));
   EXPECT_TRUE(waitForObserved(0));
@@ -334,43 +242,31 @@ TEST_F(PluginInference, AFolderThatAWindowReportsInTimeIsNotInferred) {
   manager.plugin->folderShown(root);
   ASSERT_TRUE(waitForEmblem("a", SYNCED));
   EXPECT_EQ(extension->observed.size(), 1u);
-  manager.plugin->folderHidden(root);
-  EXPECT_TRUE(waitForObserved(0));
+  closeWindow();
 }
 
 TEST_F(PluginInference, AWindowThatReportsLateTakesTheInferredFolderOver) {
-  extension->badges[url("a")] = "SYNCED";
-  manager.show(path("a"));
-  ASSERT_TRUE(waitForEmblem("a", SYNCED));
+  ASSERT_TRUE(appears("a"));
   manager.plugin->folderShown(root);
-  manager.plugin->folderShown(root);
-  ASSERT_TRUE(waitForObserved(2));
+  openObserved("", 2);
   EXPECT_EQ(asked(), 1u);
   manager.plugin->folderHidden(root);
   manager.hide(path("a"));
-  manager.plugin->folderHidden(root);
-  EXPECT_TRUE(waitForObserved(0));
+  closeWindow();
 }
 
 TEST_F(PluginInference, ABranchThatWasAWindowsFolderTooStaysObserved) {
-  extension->badges[url("branch/a")] = "SYNCED";
-  manager.show(path("branch/a"));
-  ASSERT_TRUE(waitForEmblem("branch/a", SYNCED));
+  ASSERT_TRUE(appears("branch/a"));
   manager.plugin->folderShown(path("branch"));
   manager.plugin->folderHidden(path("branch"));  // the tree still shows it
   ASSERT_TRUE(runUntil([&] { return asked() == 2; }));
-  extension->sendChanges({{url("branch/a"), "PENDING"}});
-  EXPECT_TRUE(waitForEmblem("branch/a", PENDING));
+  EXPECT_TRUE(changes("branch/a", "PENDING"));
 }
 
 TEST_F(PluginInference, TheFoldersAboveAWindowsFolderAreNotTakenToBeOnScreen) {
   manager.plugin->folderShown(path("a/b/c"));
-  manager.show(path("a/b/c"));
-  manager.show(path("a/b"));
-  manager.show(path("a"));
-  extension->badges[url("other/x")] = "SYNCED";
-  manager.show(path("other/x"));
-  ASSERT_TRUE(waitForEmblem("other/x", SYNCED));
+  list({"a/b/c", "a/b", "a"});
+  ASSERT_TRUE(appears("other/x"));
   EXPECT_THAT(extension->observed, UnorderedElementsAre(url("a/b/c"), url("other")));
 }
 

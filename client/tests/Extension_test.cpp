@@ -1,4 +1,5 @@
 // The extension comes, goes, hangs, fails to start; the file manager goes on.
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <sstream>
@@ -31,25 +32,21 @@ class PluginAndExtension : public PluginTest {
     return moments;
   }
 
-  /// Waits until the extension has answered a request, and the plug-in has processed it and all that was sent before.
-  void roundTrip() {
-    const auto before = manager.menuChanges;
-    const std::string name = "question" + std::to_string(++roundTrips_);
-    extension->menus[url(name)] = {true, true};
-    manager.plugin->menu({path(name)});
-    ASSERT_TRUE(runUntil([&] { return manager.menuChanges > before; }));
-    settle();
+  /// Starts an extension; it observes a folder when this returns.
+  void startObserving(std::size_t count = 1) {
+    startExtension();
+    ASSERT_TRUE(waitForObserved(count));
+  }
+
+  bool waitForStarts(std::size_t count) {
+    return runUntil([&] { return starts().size() == count; });
   }
 
   /// Has another process take the name over while the present one holds a call of `method`; the new one holds the same
   /// call. Returns the former process, which can still answer.
   std::unique_ptr<FakeExtension> replaceWhileHeld(const std::string& method) {
     startExtension();
-    extension->badges[url("a")] = "SYNCED";
-    extension->hold(method);
-    manager.plugin->folderShown(root);
-    manager.show(path("a"));
-    EXPECT_TRUE(waitForHeld(method));
+    openHeld(method);
     auto before = std::move(extension);
     before->giveUpName();
     startExtension();
@@ -58,38 +55,22 @@ class PluginAndExtension : public PluginTest {
     return before;
   }
 
- private:
-  int roundTrips_ = 0;
+  const std::string elsewhere_ = "/home/ann/Elsewhere";
+  const std::string elsewhereURL_ = "file://" + elsewhere_;
 };
-
-TEST_F(PluginAndExtension, BadgesAppearWhenTheExtensionComesAfterTheWindow) {
-  manager.plugin->folderShown(root);
-  manager.show(path("a"));
-  settle();
-  startExtension();
-  extension->badges[url("a")] = "SYNCED";
-  EXPECT_TRUE(waitForEmblem("a", SYNCED));
-}
 
 TEST_F(PluginAndExtension, EmblemsStayWhenItEndsAndAreUpdatedByTheNextOne) {
   startExtension();
-  extension->badges[url("a")] = "SYNCED";
-  extension->badges[url("b")] = "SYNCED";
   manager.plugin->folderShown(root);
-  manager.plugin->folderShown(root);
-  manager.show(path("a"));
-  manager.show(path("b"));
-  ASSERT_TRUE(waitForEmblem("a", SYNCED) && waitForEmblem("b", SYNCED));
+  open({{"a", "SYNCED"}, {"b", "SYNCED"}});
 
-  extension.reset();
-  settle();
+  endExtension();
   EXPECT_EQ(manager.emblem(path("a")), SYNCED);
   manager.show(path("a"));
   EXPECT_EQ(manager.emblem(path("a")), SYNCED);
 
   startExtension();
-  extension->badges[url("a")] = "SYNCED";
-  extension->badges[url("b")] = "SKIPPED";
+  extension->badges = {{url("a"), "SYNCED"}, {url("b"), "SKIPPED"}};
   EXPECT_TRUE(waitForEmblem("b", SKIPPED));
   EXPECT_EQ(manager.emblem(path("a")), SYNCED);
   EXPECT_EQ(manager.redraws(path("a")), 1u) << "its badge is the same as before";
@@ -98,26 +79,20 @@ TEST_F(PluginAndExtension, EmblemsStayWhenItEndsAndAreUpdatedByTheNextOne) {
 
 TEST_F(PluginAndExtension, ObservationsOfFormerProcessesAreNotEndedWithTheNewOne) {
   startExtension();
-  manager.plugin->folderShown(root);
-  ASSERT_TRUE(waitForObserved(1));
+  openObserved();
   extension->hold("BeginObserving");
   manager.plugin->folderShown(path("other"));
   ASSERT_TRUE(waitForHeld("BeginObserving"));
   extension.reset();
-  startExtension();
-  ASSERT_TRUE(waitForObserved(2));
+  startObserving(2);
   manager.plugin->folderHidden(root);
-  manager.plugin->folderHidden(path("other"));
-  EXPECT_TRUE(waitForObserved(0));
+  closeWindow("other");
   EXPECT_EQ(extension->count("EndObserving"), 2u);
 }
 
 TEST_F(PluginAndExtension, AnAnswerOfTheFormerProcessIsNotTakenForTheNewOnes) {
   startExtension();
-  extension->hold("RequestBadges");
-  manager.plugin->folderShown(root);
-  manager.show(path("a"));
-  ASSERT_TRUE(waitForHeld("RequestBadges"));
+  openHeld("RequestBadges");
   extension.reset();
   startExtension();
   extension->badges[url("a")] = "PENDING";
@@ -129,13 +104,13 @@ TEST_F(PluginAndExtension, TheBusIsAskedToStartItWhenAFolderComesOnScreenAndNotB
   settle();
   EXPECT_EQ(starts().size(), 0u);
   manager.plugin->folderShown(root);
-  EXPECT_TRUE(runUntil([&] { return starts().size() == 1; }));
+  EXPECT_TRUE(waitForStarts(1));
 }
 
 TEST_F(PluginAndExtension, AFileManagerMayHaveItStartedBeforeTheFirstMenu) {
   installClock("exec sleep 60");
   manager.plugin->ensureStarted();
-  EXPECT_TRUE(runUntil([&] { return starts().size() == 1; }));
+  EXPECT_TRUE(waitForStarts(1));
 }
 
 TEST_F(PluginAndExtension, WhereItIsNotInstalledThePluginIsSilentAndFindsItWhenItComes) {
@@ -156,90 +131,65 @@ TEST_F(PluginAndExtension, WhereItIsNotInstalledThePluginIsSilentAndFindsItWhenI
   EXPECT_EQ(logLines, 0);
 }
 
-TEST_F(PluginAndExtension, OneThatCannotBeStartedIsRetriedAFewTimesWithOneLineInTheLog) {
-  installClock("exit 1");
-  makePlugin({.firstRetry = milliseconds(5), .lastRetry = milliseconds(40)});
-  manager.plugin->folderShown(root);
-  // At once, after 5, 10 and 20 ms; the next wait would be the longest.
-  ASSERT_TRUE(runUntil([&] { return starts().size() == 4; }));
-  EXPECT_EQ(logLines, 1);
-  // Showing a folder tries it again.
-  ASSERT_TRUE(runUntil([&] {
-    manager.plugin->folderShown(path("other"));
-    return starts().size() > 4;
-  }));
-  EXPECT_EQ(logLines, 1);
-}
-
 TEST_F(PluginAndExtension, NothingIsStartedAgainWhenNoFolderIsOnScreen) {
   startExtension();
-  manager.plugin->folderShown(root);
-  ASSERT_TRUE(waitForObserved(1));
-  manager.plugin->folderHidden(root);
-  ASSERT_TRUE(waitForObserved(0));
+  openObserved();
+  closeWindow();
   installClock("exec sleep 60");
   extension.reset();
   pass(milliseconds(300));
   EXPECT_EQ(starts().size(), 0u);
   manager.plugin->folderShown(root);
-  EXPECT_TRUE(runUntil([&] { return starts().size() == 1; }));
+  EXPECT_TRUE(waitForStarts(1));
 }
 
 TEST_F(PluginAndExtension, ItIsStartedAgainForAFolderOutsideTheFormerSyncedFolder) {
   startExtension();
-  manager.plugin->folderShown(root);
-  ASSERT_TRUE(waitForObserved(1)) << "the synced folder is known";
-  manager.plugin->folderShown("/home/ann/Elsewhere");
-  manager.plugin->folderHidden(root);
-  ASSERT_TRUE(waitForObserved(0));
+  openObserved();  // the synced folder is known
+  manager.plugin->folderShown(elsewhere_);
+  closeWindow();
   installClock("exec sleep 60");
   extension.reset();
-  EXPECT_TRUE(runUntil([&] { return starts().size() == 1; }));
+  EXPECT_TRUE(waitForStarts(1));
 }
 
 TEST_F(PluginAndExtension, BadgesOfTheNextSyncedFolderAppearAutomatically) {
   startExtension();
-  manager.plugin->folderShown("/home/ann/Elsewhere");
-  manager.show("/home/ann/Elsewhere/a");
-  showSynced("a");
-  extension.reset();
-  settle();
-  extension = std::make_unique<FakeExtension>(bus.address(), std::vector<std::string>{"file:///home/ann/Elsewhere"});
-  extension->badges["file:///home/ann/Elsewhere/a"] = "PENDING";
-  EXPECT_TRUE(runUntil([&] { return manager.emblem("/home/ann/Elsewhere/a") == PENDING; }));
+  manager.plugin->folderShown(elsewhere_);
+  manager.show(elsewhere_ + "/a");
+  open({{"a", "SYNCED"}});
+  endExtension();
+  extension = std::make_unique<FakeExtension>(bus.address(), std::vector{elsewhereURL_});
+  extension->badges[elsewhereURL_ + "/a"] = "PENDING";
+  EXPECT_TRUE(runUntil([&] { return manager.emblem(elsewhere_ + "/a") == PENDING; }));
   EXPECT_TRUE(waitForEmblem("a", ""));
 }
 
 TEST_F(PluginAndExtension, AFolderInsideTheNewSyncedFolderGetsItsBadgesAutomatically) {
   startExtension();
-  extension->badges[url("a")] = "SYNCED";
-  extension->badges["file:///home/ann/Elsewhere/a"] = "PENDING";
-  manager.show("/home/ann/Elsewhere/a");  // before its window reports the folder, as file managers do
-  manager.plugin->folderShown("/home/ann/Elsewhere");
-  manager.plugin->folderShown(root);
-  manager.show(path("a"));
-  ASSERT_TRUE(waitForEmblem("a", SYNCED));
-  extension->setFolders({"file:///home/ann/Elsewhere/"});
-  EXPECT_TRUE(runUntil([&] { return manager.emblem("/home/ann/Elsewhere/a") == PENDING; }));
-  EXPECT_THAT(extension->observed, ElementsAre("file:///home/ann/Elsewhere"));
+  extension->badges[elsewhereURL_ + "/a"] = "PENDING";
+  manager.show(elsewhere_ + "/a");  // before its window reports the folder, as file managers do
+  manager.plugin->folderShown(elsewhere_);
+  open({{"a", "SYNCED"}});
+  extension->setFolders({elsewhereURL_ + "/"});
+  EXPECT_TRUE(runUntil([&] { return manager.emblem(elsewhere_ + "/a") == PENDING; }));
+  EXPECT_THAT(extension->observed, ElementsAre(elsewhereURL_));
 }
 
 TEST_F(PluginAndExtension, ItemsOutsideTheSyncedFolderThatNoWindowShowsAreForgotten) {
   makePlugin({.beforeInferring = milliseconds(20)});
   startExtension();
-  manager.plugin->folderShown(root);
-  ASSERT_TRUE(waitForObserved(1));
+  openObserved();
   manager.show("/usr/bin/a");
-  EXPECT_TRUE(runUntil([] { return FakeFileManager::keptItems() == 0; }));
+  EXPECT_TRUE(waitUntilForgotten());
 }
 
 TEST_F(PluginAndExtension, TheEndOfTheBusChangesNothingOnScreen) {
   startExtension();
-  showSynced("a");
+  open({{"a", "SYNCED"}});
   bus.stop();
   for (int i = 0; i < 1000; ++i) {
-    manager.plugin->folderShown(path(std::to_string(i)));
-    manager.show(path(std::to_string(i) + "/x"));
+    openWindow(std::to_string(i), {{std::to_string(i) + "/x", "SYNCED"}});
     manager.plugin->menu({path("a")});
     settle();
     manager.plugin->folderHidden(path(std::to_string(i)));
@@ -253,9 +203,7 @@ TEST_F(PluginAndExtension, TheEndOfTheBusChangesNothingOnScreen) {
 
 TEST_F(PluginAndExtension, ASyncApplicationThatIsConfiguredLaterGetsItsBadgesAutomatically) {
   extension = std::make_unique<FakeExtension>(bus.address(), std::vector<std::string>{});
-  extension->badges[url("a")] = "SYNCED";
-  manager.plugin->folderShown(root);
-  manager.show(path("a"));
+  openWindow("", {{"a", "SYNCED"}});
   ASSERT_TRUE(runUntil([&] {
     manager.plugin->menu({path("a")});
     return manager.menuChanges > 0;
@@ -267,9 +215,9 @@ TEST_F(PluginAndExtension, ASyncApplicationThatIsConfiguredLaterGetsItsBadgesAut
 
 TEST_F(PluginAndExtension, BadgesGoWithTheSyncedFolderAndComeBackWithIt) {
   startExtension();
-  showSynced("a");
+  open({{"a", "SYNCED"}});
   // The sync application is no longer configured, or has another folder.
-  for (const auto& folders : {std::vector<std::string>(), {"file:///home/ann/Elsewhere"}}) {
+  for (const auto& folders : {std::vector<std::string>(), {elsewhereURL_}}) {
     extension->setFolders(folders);
     EXPECT_TRUE(waitForEmblem("a", ""));
     EXPECT_TRUE(waitForObserved(0));
@@ -281,47 +229,41 @@ TEST_F(PluginAndExtension, BadgesGoWithTheSyncedFolderAndComeBackWithIt) {
 TEST_F(PluginAndExtension, ItemsOfABranchOutsideTheNewSyncedFolderAreForgotten) {
   makePlugin({.beforeInferring = milliseconds(20)});
   startExtension();
-  extension->badges[url("branch/a")] = "SYNCED";
-  manager.show(path("branch/a"));
-  ASSERT_TRUE(waitForEmblem("branch/a", SYNCED));
-  extension->setFolders({"file:///home/ann/Elsewhere"});
+  ASSERT_TRUE(appears("branch/a"));
+  extension->setFolders({elsewhereURL_});
   EXPECT_TRUE(waitForEmblem("branch/a", ""));
-  EXPECT_TRUE(runUntil([] { return FakeFileManager::keptItems() == 0; }));
+  EXPECT_TRUE(waitUntilForgotten());
 }
 
 // --- The pace of starting it ----------------------------------------------------------------------------------------
 
 class PluginRestarts : public PluginAndExtension {
  protected:
-  static std::int64_t now() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::system_clock::now().time_since_epoch())
-        .count();
+  /// Ends the extension. The time until the bus has started it for the `count`th time, in nanoseconds.
+  std::int64_t restartTime(std::size_t count) {
+    const std::int64_t end = std::chrono::nanoseconds(std::chrono::system_clock::now().time_since_epoch()).count();
+    extension.reset();
+    EXPECT_TRUE(waitForStarts(count));
+    return starts().at(count - 1) - end;
   }
 
   static std::int64_t nanoseconds(milliseconds time) { return std::chrono::nanoseconds(time).count(); }
 };
 
-TEST_F(PluginRestarts, TheWaitsDouble) {
+TEST_F(PluginRestarts, OneThatCannotBeStartedIsRetriedAfterWaitsThatDoubleThenForAFolderAndIsOneLineInTheLog) {
   installClock("exit 1");
   makePlugin({.firstRetry = milliseconds(100), .lastRetry = milliseconds(1000)});
   manager.plugin->folderShown(root);
-  ASSERT_TRUE(runUntil([&] { return starts().size() == 5; }));
-  const auto moments = starts();
-  for (std::size_t i = 0; i < 4; ++i)
-    EXPECT_GE(moments[i + 1] - moments[i], nanoseconds(milliseconds(100 << i))) << "wait " << i;
-}
-
-TEST_F(PluginRestarts, AfterAFailureNoFolderHasItStartedBeforeTheLongestWaitIsOver) {
-  installClock("exit 1");
-  const milliseconds wait(500);
-  makePlugin({.firstRetry = wait, .lastRetry = wait});
-  manager.plugin->folderShown(root);
-  ASSERT_TRUE(runUntil([&] { return logLines == 1; })) << "it has failed";
+  ASSERT_TRUE(waitForStarts(5)) << "the next wait would be the longest";
+  EXPECT_EQ(logLines, 1);
   ASSERT_TRUE(runUntil([&] {
     manager.plugin->folderShown(path("other"));
-    return starts().size() == 2;
-  }));
-  EXPECT_GE(starts()[1] - starts()[0], nanoseconds(wait));
+    return starts().size() == 6;
+  })) << "showing a folder tries it again, once the longest wait is over";
+  EXPECT_EQ(logLines, 1);
+  const auto moments = starts();
+  for (std::size_t i = 0; i < 5; ++i)
+    EXPECT_GE(moments[i + 1] - moments[i], nanoseconds(milliseconds(std::min(100 << i, 1000)))) << "wait " << i;
 }
 
 TEST_F(PluginRestarts, AFailureFromBeforeTheExtensionRanDelaysNothingAfterItsEnd) {
@@ -329,10 +271,8 @@ TEST_F(PluginRestarts, AFailureFromBeforeTheExtensionRanDelaysNothingAfterItsEnd
   makePlugin({.firstRetry = std::chrono::minutes(10), .lastRetry = std::chrono::minutes(10)});
   manager.plugin->folderShown(root);
   ASSERT_TRUE(runUntil([&] { return logLines == 1; })) << "it has failed";
-  startExtension();  // somebody else has started it
-  ASSERT_TRUE(waitForObserved(1));
-  manager.plugin->folderHidden(root);
-  ASSERT_TRUE(waitForObserved(0));
+  startObserving();  // somebody else has started it
+  closeWindow();
   extension.reset();
   EXPECT_TRUE(runUntil([&] {
     manager.plugin->folderShown(root);
@@ -345,27 +285,17 @@ TEST_F(PluginRestarts, OnlyOneThatRanForAWhileIsRestartedAtOnce) {
   const milliseconds wait(2000);
   makePlugin({.firstRetry = wait, .lastRetry = wait});
   manager.plugin->folderShown(root);
-  startExtension();
-  ASSERT_TRUE(waitForObserved(1));
+  startObserving();
   installClock("exec sleep 60");
 
-  extension.reset();  // the first end
-  ASSERT_TRUE(runUntil([&] { return starts().size() == 1; }));
+  restartTime(1);  // the first end
 
-  startExtension();
-  ASSERT_TRUE(waitForObserved(1));
+  startObserving();
   pass(wait);  // it runs for a while
-  const auto goodEnd = now();
-  extension.reset();
-  ASSERT_TRUE(runUntil([&] { return starts().size() == 2; }));
-  const auto afterGoodEnd = starts()[1] - goodEnd;
+  const auto afterGoodEnd = restartTime(2);
 
-  startExtension();
-  ASSERT_TRUE(waitForObserved(1));
-  const auto earlyEnd = now();
-  extension.reset();
-  ASSERT_TRUE(runUntil([&] { return starts().size() == 3; }));
-  const auto afterEarlyEnd = starts()[2] - earlyEnd;
+  startObserving();
+  const auto afterEarlyEnd = restartTime(3);
   EXPECT_GE(afterEarlyEnd, nanoseconds(wait));
   EXPECT_LT(afterGoodEnd, afterEarlyEnd / 2);
 }
@@ -375,9 +305,8 @@ TEST_F(PluginRestarts, AfterOneThatRanForAWhileTheWaitsAreShortAgain) {
   installClock("exit 1");
   makePlugin({.firstRetry = milliseconds(50), .lastRetry = longest});
   manager.plugin->folderShown(root);
-  ASSERT_TRUE(runUntil([&] { return starts().size() == 4; })) << "the next wait is the longest: it gives up";
-  startExtension();
-  ASSERT_TRUE(waitForObserved(1));
+  ASSERT_TRUE(waitForStarts(4)) << "the next wait is the longest: it gives up";
+  startObserving();
   pass(longest);
   extension.reset();
   EXPECT_TRUE(runUntil([&] { return starts().size() >= 6; })) << "at once, and once more";
@@ -445,26 +374,22 @@ class PluginEnd : public PluginAndExtension {
     });
   }
 
-  /// The ids of the library's sources that are timers, or run after painting. GDBus has none of these.
-  std::vector<guint> sources(bool timed) const {
-    std::vector<guint> ids;
+  /// True if the library has a timer, or work that is done after painting. GDBus has none of these.
+  bool hasSource(bool timed) const {
     for (guint id = 1; id < 2000; ++id) {
       GSource* source = g_main_context_find_source_by_id(context_, id);
       if (!source) continue;
-      const bool isTimed = g_source_get_ready_time(source) > 0;
       const bool isLate = g_source_get_priority(source) == G_PRIORITY_HIGH_IDLE + 50;
-      if (timed ? isTimed : isLate) ids.push_back(id);
+      if (timed ? g_source_get_ready_time(source) > 0 : isLate) return true;
     }
-    return ids;
+    return false;
   }
 
   GMainContext* const context_ = g_main_context_new();
 };
 
 TEST_F(PluginEnd, LeavesNeitherWorkNorATimerBehind) {
-  extension->badges[url("a")] = "SYNCED";
-  manager.plugin->folderShown(root);
-  manager.show(path("a"));
+  openWindow("", {{"a", "SYNCED"}});
   ASSERT_TRUE(runBothUntil([&] { return manager.emblem(path("a")) == SYNCED; }));
   manager.show(path("branch/b"));  // a timer runs until it is taken to be on screen
   GSource* painting = g_idle_source_new();
@@ -472,14 +397,12 @@ TEST_F(PluginEnd, LeavesNeitherWorkNorATimerBehind) {
   g_source_set_callback(painting, +[](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
   g_source_attach(painting, context_);
   extension->sendChanges({{url("a"), "PENDING"}});
-  ASSERT_TRUE(runBothUntil([&] { return !sources(false).empty(); })) << "a change waits to be read";
-  const auto work = sources(false);
-  const auto timers = sources(true);
-  EXPECT_THAT(timers, testing::Not(testing::IsEmpty()));
+  ASSERT_TRUE(runBothUntil([&] { return hasSource(false); })) << "a change waits to be read";
+  EXPECT_TRUE(hasSource(true));
 
   manager.plugin.reset();
-  for (const auto id : work) EXPECT_EQ(g_main_context_find_source_by_id(context_, id), nullptr);
-  for (const auto id : timers) EXPECT_EQ(g_main_context_find_source_by_id(context_, id), nullptr);
+  EXPECT_FALSE(hasSource(false));
+  EXPECT_FALSE(hasSource(true));
   g_source_destroy(painting);
   g_source_unref(painting);
   turn();

@@ -18,79 +18,58 @@ class PluginLeftFolders : public PluginTest {
   PluginLeftFolders() {
     makePlugin({.beforeInferring = std::chrono::milliseconds(20), .leaving = std::chrono::milliseconds(50)});
     startExtension();
-    extension->badges = {{url("a"), "SYNCED"}, {url("b"), "SYNCED"}, {url("none"), ""}};
   }
 
-  /// A window, or a tab in front, shows the root with these items, each answered.
-  void open() {
+  /// A window, or a tab in front, shows the root with these items.
+  void openAll() { open({{"a", "SYNCED"}, {"b", "SYNCED"}, {"c", "SYNCED"}, {"none", ""}}); }
+  void comeBack() {
     manager.plugin->folderShown(root);
-    list();
-    ASSERT_TRUE(waitForEmblem("a", SYNCED) && waitForEmblem("b", SYNCED));
+    list(names_);
   }
-  void list() {
-    for (const char* name : {"a", "b", "none"}) manager.show(path(name));
+  /// The user opens the root, and goes elsewhere: the file manager drops what it showed.
+  void openAndGoElsewhere() {
+    openAll();
+    drop(names_);
+    closeWindow();
   }
-  /// The user goes elsewhere: the file manager drops what it showed.
-  void goElsewhere() {
-    for (const char* name : {"a", "b", "none"}) manager.hide(path(name));
-    manager.plugin->folderHidden(root);
-    ASSERT_TRUE(waitForObserved(0));
-  }
+
+  const std::vector<std::string> names_ = {"a", "b", "c", "none"};
 };
 
 TEST_F(PluginLeftFolders, AFolderThatComesBackShowsItsLastEmblemsAtOnceAndIsThenUpdated) {
-  open();
-  goElsewhere();
+  openAndGoElsewhere();
   extension->badges = {{url("a"), "PENDING"}, {url("b"), "SYNCED"}, {url("none"), "SKIPPED"}};
   const auto redrawn = manager.redraws(path("b"));
-  manager.plugin->folderShown(root);
-  list();
-  EXPECT_EQ(manager.emblem(path("a")), SYNCED);
-  EXPECT_EQ(manager.emblem(path("b")), SYNCED);
+  comeBack();
+  for (const char* name : {"a", "b", "c"}) EXPECT_EQ(manager.emblem(path(name)), SYNCED) << name;
   EXPECT_EQ(manager.emblem(path("none")), "");
   EXPECT_TRUE(waitForEmblem("a", PENDING));
+  EXPECT_TRUE(waitForEmblem("c", ""));
   EXPECT_TRUE(waitForEmblem("none", SKIPPED));
   EXPECT_EQ(manager.redraws(path("b")), redrawn) << "it was right";
 }
 
-TEST_F(PluginLeftFolders, AnOutdatedEmblemGoesWhenTheAnswerComes) {
-  open();
-  goElsewhere();
-  extension->badges.clear();
-  manager.plugin->folderShown(root);
-  list();
-  EXPECT_EQ(manager.emblem(path("a")), SYNCED);
-  EXPECT_TRUE(waitForEmblem("a", ""));
-}
-
 TEST_F(PluginLeftFolders, AFolderThatIsLeftBeforeItsItemsComeShowsItsLastEmblemsTheNextTime) {
-  open();
-  goElsewhere();
+  openAndGoElsewhere();
   manager.plugin->folderShown(root);
   manager.plugin->folderHidden(root);
-  manager.plugin->folderShown(root);
-  list();
+  comeBack();
   EXPECT_EQ(manager.emblem(path("a")), SYNCED);
 }
 
 TEST_F(PluginLeftFolders, NoEmblemIsRememberedOfAFolderOutsideTheSyncedFolder) {
-  open();
-  goElsewhere();
+  openAndGoElsewhere();
   extension->setFolders({"file:///home/ann/Elsewhere"});
   manager.plugin->folderShown("/home/ann/Elsewhere");
   ASSERT_TRUE(waitForObserved(1)) << "it is known to have changed";
-  manager.plugin->folderShown(root);
-  list();
+  comeBack();
   EXPECT_EQ(manager.emblem(path("a")), "");
 }
 
 TEST_F(PluginLeftFolders, EmblemsAreRememberedWhileTheExtensionIsAway) {
-  open();
-  goElsewhere();
-  extension.reset();
-  settle();
-  manager.plugin->folderShown(root);
-  list();
+  openAndGoElsewhere();
+  endExtension();
+  comeBack();
   EXPECT_EQ(manager.emblem(path("a")), SYNCED);
   startExtension();
   extension->badges[url("a")] = "PENDING";
@@ -141,12 +120,9 @@ class PluginTabs : public PluginLeftFolders {
  protected:
   PluginTabs() {
     manager.plugin->folderOpened(root);
-    open();
+    openAll();
   }
-  void sendToBack() {
-    manager.plugin->folderHidden(root);
-    ASSERT_TRUE(waitForObserved(0));
-  }
+  void sendToBack() { closeWindow(); }
 };
 
 TEST_F(PluginTabs, ATabInTheBackgroundKeepsItsItemsAndSendsNoRequest) {
@@ -155,11 +131,9 @@ TEST_F(PluginTabs, ATabInTheBackgroundKeepsItsItemsAndSendsNoRequest) {
   manager.show(path("a"));  // it changed on the disk
   manager.show(path("new"));
   EXPECT_EQ(manager.emblem(path("a")), SYNCED);
-  manager.show(path("other/x"));  // of no tab: inferred after these
-  extension->badges[url("other/x")] = "SYNCED";
-  ASSERT_TRUE(waitForEmblem("other/x", SYNCED));
+  ASSERT_TRUE(appears("other/x"));  // of no tab: inferred after these
   EXPECT_THAT(extension->observed, ElementsAre(url("other")));
-  EXPECT_EQ(FakeFileManager::keptItems(), 5u);
+  EXPECT_EQ(FakeFileManager::keptItems(), 6u);
 }
 
 TEST_F(PluginTabs, ATabThatComesToTheFrontRedrawsWhatHasChangedAndNothingElse) {
@@ -169,8 +143,7 @@ TEST_F(PluginTabs, ATabThatComesToTheFrontRedrawsWhatHasChangedAndNothingElse) {
   manager.plugin->folderShown(root);
   EXPECT_TRUE(waitForEmblem("a", PENDING));
   EXPECT_EQ(manager.redraws(path("b")), redrawn);
-  extension->sendChanges({{url("b"), "SKIPPED"}});
-  EXPECT_TRUE(waitForEmblem("b", SKIPPED));
+  EXPECT_TRUE(changes("b", "SKIPPED"));
 }
 
 TEST_F(PluginTabs, TheItemsOfAFolderThatTheLastTabHasLeftAreRedrawnAndForgotten) {
@@ -178,10 +151,10 @@ TEST_F(PluginTabs, TheItemsOfAFolderThatTheLastTabHasLeftAreRedrawnAndForgotten)
   sendToBack();
   manager.plugin->folderClosed(root);
   const auto redrawn = manager.redraws(path("a"));
-  for (const char* name : {"a", "b", "none"}) manager.hide(path(name));
+  drop(names_);
   manager.plugin->folderClosed(root);
   EXPECT_EQ(manager.redraws(path("a")), redrawn);
-  ASSERT_TRUE(runUntil([] { return FakeFileManager::keptItems() == 0; }));
+  ASSERT_TRUE(waitUntilForgotten());
   EXPECT_EQ(manager.redraws(path("a")), redrawn + 1);
   EXPECT_EQ(manager.redraws(path("none")), 1u);
 }
@@ -194,15 +167,14 @@ TEST_F(PluginTabs, AFolderThatTheUserComesBackToAtOnceIsAskedForAgain) {
   manager.plugin->folderShown(root);
   EXPECT_TRUE(waitForEmblem("a", PENDING));
   pass(std::chrono::milliseconds(200));
-  EXPECT_EQ(FakeFileManager::keptItems(), 3u) << "it was not left";
+  EXPECT_EQ(FakeFileManager::keptItems(), 4u) << "it was not left";
 }
 
 TEST_F(PluginTabs, ABranchElsewhereIsInferredOnceTheLastTabHasLeftItsFolder) {
   sendToBack();
   manager.plugin->folderClosed(root);  // the file manager still shows its items
   ASSERT_TRUE(waitForObserved(1));
-  extension->sendChanges({{url("a"), "PENDING"}});
-  EXPECT_TRUE(waitForEmblem("a", PENDING));
+  EXPECT_TRUE(changes("a", "PENDING"));
 }
 
 TEST_F(PluginTabs, ItemsThatAreGoneAreForgottenWhenTheTabComesToTheFront) {
@@ -212,8 +184,8 @@ TEST_F(PluginTabs, ItemsThatAreGoneAreForgottenWhenTheTabComesToTheFront) {
   extension->badges[url("b")] = "PENDING";
   manager.plugin->folderShown(root);
   EXPECT_TRUE(waitForEmblem("b", PENDING));
-  EXPECT_EQ(FakeFileManager::keptItems(), 2u);
-  EXPECT_EQ(asked(), 2u);
+  EXPECT_EQ(FakeFileManager::keptItems(), 3u);
+  EXPECT_EQ(asked(), 3u);
 }
 
 TEST_F(PluginTabs, ItemsThatComeAndGoDoNotPileUp) {
@@ -263,10 +235,10 @@ TEST_F(PluginTabs, ATabInTheBackgroundLosesItsEmblemsWithTheSyncedFolderAndKeeps
   EXPECT_EQ(manager.redraws(path("a")), redrawn + 1);
   // The file manager does not ask for items off screen.
   sendToBack();
-  for (const char* name : {"a", "b", "none"}) manager.hide(path(name));
+  drop(names_);
   extension->setFolders({"file:///home/ann/Elsewhere"});
   ASSERT_TRUE(runUntil([&] { return manager.redraws(path("a")) == redrawn + 2; }));
-  EXPECT_EQ(FakeFileManager::keptItems(), 3u);
+  EXPECT_EQ(FakeFileManager::keptItems(), 4u);
 }
 
 TEST_F(PluginTabs, AFolderWithoutRoomIsNotAskedForInTheBackground) {
@@ -274,8 +246,7 @@ TEST_F(PluginTabs, AFolderWithoutRoomIsNotAskedForInTheBackground) {
   extension->observed.clear();
   extension->places = 0;
   manager.plugin->folderOpened(root);
-  manager.plugin->folderShown(root);
-  list();
+  comeBack();
   ASSERT_TRUE(waitForEmblem("a", SYNCED));
   manager.plugin->folderHidden(root);
   settle();

@@ -4,7 +4,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <thread>
+#include <functional>
 #include <utility>
 
 #include "support/MainContext.hpp"
@@ -15,35 +15,20 @@ namespace {
 using test::settle;
 using testing::ElementsAre;
 
-TEST(SlicedWork, RunsWorkInTheOrderInWhichItWasAdded) {
+TEST(SlicedWork, RunsWorkInTheOrderInWhichItWasAddedAlsoMeanwhile) {
   SlicedWork work(nullptr);
   std::vector<int> done;
-  for (int piece = 1; piece <= 3; ++piece) {
-    work.add([&done, piece, left = 2]() mutable {
+  const std::function<void(int)> add = [&](int piece) {
+    work.add([&, piece, left = 2]() mutable {
       done.push_back(piece);
+      if (done.size() == 1) add(4);
       return --left > 0;
     });
-  }
+  };
+  for (int piece = 1; piece <= 3; ++piece) add(piece);
   EXPECT_TRUE(done.empty());
   settle();
-  EXPECT_THAT(done, ElementsAre(1, 1, 2, 2, 3, 3));
-}
-
-TEST(SlicedWork, WorkAddedMeanwhileComesLast) {
-  SlicedWork work(nullptr);
-  std::vector<int> done;
-  work.add([&] {
-    done.push_back(1);
-    if (done.size() == 1) {
-      work.add([&] {
-        done.push_back(2);
-        return false;
-      });
-    }
-    return done.size() < 3;
-  });
-  settle();
-  EXPECT_THAT(done, ElementsAre(1, 1, 1, 2));
+  EXPECT_THAT(done, ElementsAre(1, 1, 2, 2, 3, 3, 4, 4));
 }
 
 TEST(SlicedWork, LetsOthersTakeTheirTurn) {
@@ -74,16 +59,6 @@ TEST(SlicedWork, AnExceptionEndsNoOtherPiece) {
   EXPECT_TRUE(next);
 }
 
-TEST(SlicedWork, RunsNothingAfterItsEnd) {
-  bool done = false;
-  {
-    SlicedWork work(nullptr);
-    work.add([&] { return done = true; });
-  }
-  settle();
-  EXPECT_FALSE(done);
-}
-
 /// A separate main context, in which the ids of sources begin with 1.
 class OwnContext : public testing::Test {
  protected:
@@ -96,13 +71,16 @@ using SlicedWorkInAContext = OwnContext;
 using TimerInAContext = OwnContext;
 using DisposalInAContext = OwnContext;
 
-TEST_F(SlicedWorkInAContext, LeavesNoSourceBehind) {
+TEST_F(SlicedWorkInAContext, RunsNothingAfterItsEndAndLeavesNoSourceBehind) {
+  bool done = false;
   {
     SlicedWork work(context_);
-    work.add([] { return true; });
+    work.add([&] { return done = true; });
     ASSERT_TRUE(hasSource());
   }
   EXPECT_FALSE(hasSource());
+  g_main_context_iteration(context_, FALSE);
+  EXPECT_FALSE(done);
 }
 
 TEST_F(TimerInAContext, LeavesNoSourceBehind) {

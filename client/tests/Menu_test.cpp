@@ -1,4 +1,6 @@
 // The context menu, as a file manager gets it from the library.
+#include <algorithm>
+
 #include "PluginTest.hpp"
 
 namespace vornet::test {
@@ -7,7 +9,6 @@ namespace {
 using client::Menu;
 using client::MenuEntry;
 using testing::ElementsAre;
-using testing::Field;
 using testing::IsEmpty;
 using testing::SizeIs;
 
@@ -15,19 +16,28 @@ class PluginMenu : public PluginTest {
  protected:
   PluginMenu() {
     startExtension();
-    manager.plugin->menu({path("first")});  // tells the plug-in where the synced folder is
-    EXPECT_TRUE(runUntil([&] { return manager.menuChanges == 1; }));
-    manager.plugin->menu({path("first")});
-    EXPECT_TRUE(runUntil([&] { return manager.menuChanges == 2; }));
+    select("first");  // tells the plug-in where the synced folder is
+    select("first");
     extension->menuRequests.clear();
     manager.menuChanges = 0;
+  }
+
+  Menu menuOf(const std::string& name) const { return manager.plugin->menu({path(name)}); }
+  /// Which entries of the item's menu are enabled: "10" for the first of two.
+  std::string enabledOf(const std::string& name) const { return enabled(menuOf(name)); }
+  bool waitForMenu(const std::string& name, const std::string& expected) const {
+    return runUntil([&] { return enabledOf(name) == expected; });
   }
 
   /// Selects one item and waits for its answer.
   void select(const std::string& name) {
     const auto before = manager.menuChanges;
-    manager.plugin->menu({path(name)});
+    menuOf(name);
     ASSERT_TRUE(runUntil([&] { return manager.menuChanges > before; }));
+  }
+  void select(const std::string& name, const std::vector<bool>& answer) {
+    extension->menus[url(name)] = answer;
+    select(name);
   }
 
   static std::string enabled(const Menu& menu) {
@@ -39,30 +49,28 @@ class PluginMenu : public PluginTest {
 
 TEST_F(PluginMenu, TheEntriesAreGreyedUntilTheAnswerComesAndFollowItThen) {
   extension->menus[url("a")] = {true, false};
-  const auto greyed = manager.plugin->menu({path("a")});
-  std::vector<std::string> titles;
-  for (const auto& entry : greyed) titles.push_back(entry.title);
-  EXPECT_THAT(titles, ElementsAre("Share", "Copy Link", "Comments", "View versions", "View in Cloud"));
-  EXPECT_EQ(enabled(greyed), "00000");
-  EXPECT_EQ(greyed[0].icon, "vornet-vi");
+  EXPECT_THAT(menuOf("a"), ElementsAre(MenuEntry{"Share", "share:", false, "vornet-vi"},
+                                       MenuEntry{"Copy Link", "copyLink:", false, "vornet-vi"},
+                                       MenuEntry{"Comments", "notes:", false, "vornet-vi"},
+                                       MenuEntry{"View versions", "viewVersions:", false, "vornet-vi"},
+                                       MenuEntry{"View in Cloud", "viewInCloud:", false, "vornet-vi"}));
   EXPECT_EQ(manager.menuChanges, 0);
   ASSERT_TRUE(runUntil([&] { return manager.menuChanges == 1; }));
-  EXPECT_THAT(manager.plugin->menu({path("a")}), ElementsAre(MenuEntry{"Share", "share:", true, "vornet-vi"},
-                                                             MenuEntry{"Copy Link", "copyLink:", false, ""}));
+  EXPECT_THAT(menuOf("a"), ElementsAre(MenuEntry{"Share", "share:", true, "vornet-vi"},
+                                       MenuEntry{"Copy Link", "copyLink:", false, ""}));
   EXPECT_THAT(extension->menuRequests, ElementsAre(ElementsAre(url("a"))));
 }
 
 TEST_F(PluginMenu, AGreyedEntrySaysThatTheSyncApplicationIsAway) {
   const auto tips = [this] {
     std::vector<std::string> result;
-    for (const auto& entry : manager.plugin->menu({path("a")})) result.push_back(entry.tip);
+    for (const auto& entry : menuOf("a")) result.push_back(entry.tip);
     return result;
   };
   const auto tell = [this](gint64 since) {
     extension->changeProperty("SyncApplicationSilentSince", g_variant_new_int64(since));
   };
-  extension->menus[url("a")] = {true, false};
-  select("a");
+  select("a", {true, false});
   EXPECT_THAT(tips(), ElementsAre("", ""));
   manager.changedMenus.clear();
   tell(1'772'354'460);
@@ -79,125 +87,94 @@ TEST_F(PluginMenu, AnAnswerBelongsToItsOwnSelectionAlone) {
   extension->menus[url("old")] = {true, true};
   extension->menus[url("new")] = {false, true};
   extension->hold("GetMenu");
-  manager.plugin->menu({path("old")});
-  manager.plugin->menu({path("new")});
+  menuOf("old");
+  menuOf("new");
   ASSERT_TRUE(waitForHeld("GetMenu", 2));
   manager.changedMenus.clear();
   extension->release("GetMenu");
   ASSERT_TRUE(runUntil([&] { return manager.menuChanges == 2; }));
   EXPECT_THAT(manager.changedMenus, ElementsAre(ElementsAre(path("old")), ElementsAre(path("new"))));
-  EXPECT_EQ(enabled(manager.plugin->menu({path("new")})), "01");
-  EXPECT_EQ(enabled(manager.plugin->menu({path("old")})), "11");
+  EXPECT_EQ(enabledOf("new"), "01");
+  EXPECT_EQ(enabledOf("old"), "11");
   EXPECT_EQ(enabled(manager.plugin->menu({path("new"), path("old")})), "00000") << "another selection";
 }
 
-TEST_F(PluginMenu, AFormerSelectionShowsItsLastAnswerAtOnceAndTheNextWhenItComes) {
-  extension->menus[url("a")] = {true, true};
-  select("a");
+TEST_F(PluginMenu, AFormerSelectionShowsItsLastAnswerAtOnceAndIsAskedForAgainOnceThatIsASecondOld) {
+  const auto asked = [&] { return std::ranges::count(extension->menuRequests, std::vector{url("a")}); };
+  select("a", {true, true});
   select("b");
+  for (int i = 0; i < 10; ++i) EXPECT_EQ(enabledOf("a"), "11");
+  roundTrip();  // comes after any other request
+  EXPECT_EQ(asked(), 1);
   extension->menus[url("a")] = {false, true};
   std::vector<std::string> seen;
   ASSERT_TRUE(runUntil([&] {
-    seen.push_back(enabled(manager.plugin->menu({path("a")})));
+    seen.push_back(enabledOf("a"));
     return seen.back() == "01";
   }));
   EXPECT_THAT(seen, testing::Each(testing::AnyOf("11", "01")));
-  EXPECT_THAT(extension->menuRequests, SizeIs(3)) << "asked again once it is a second old";
+  EXPECT_EQ(asked(), 2);
+  EXPECT_EQ(manager.menuChanges, 4);
 }
 
 TEST_F(PluginMenu, OnlyTheLastFewSelectionsAreRemembered) {
-  for (int i = 0; i < 9; ++i) {
-    extension->menus[url(std::to_string(i))] = {true, i % 2 == 0};
-    select(std::to_string(i));
-  }
-  for (int i = 8; i > 0; --i)
-    EXPECT_EQ(enabled(manager.plugin->menu({path(std::to_string(i))})), i % 2 == 0 ? "11" : "10") << i;
-  EXPECT_EQ(enabled(manager.plugin->menu({path("0")})), "00000");
-}
-
-TEST_F(PluginMenu, ASelectionThatWaitsForRoomIsRequestedThoughNothingIsSelectedMeanwhile) {
-  extension->hold("GetMenu");
-  for (int i = 0; i < 5; ++i) manager.plugin->menu({path(std::to_string(i))});
-  manager.plugin->menu({});
-  ASSERT_TRUE(waitForHeld("GetMenu", 4));
-  extension->menus[url("4")] = {true, true};
-  extension->release("GetMenu");
-  ASSERT_TRUE(runUntil([&] { return enabled(manager.plugin->menu({path("4")})) == "11"; }));
+  for (int i = 0; i < 9; ++i) select(std::to_string(i), {true, i % 2 == 0});
+  for (int i = 8; i > 0; --i) EXPECT_EQ(enabledOf(std::to_string(i)), i % 2 == 0 ? "11" : "10") << i;
+  EXPECT_EQ(enabledOf("0"), "00000");
 }
 
 TEST_F(PluginMenu, AnswersAreForgottenWhenTheSyncedFolderChanges) {
-  extension->menus[url("a")] = {true, true};
-  select("a");
+  select("a", {true, true});
   select("b");
   manager.changedMenus.clear();
   extension->setFolders({"file:///home/ann/Elsewhere"});
   ASSERT_TRUE(runUntil([&] { return manager.changedMenus.size() >= 2; }));
   EXPECT_THAT(manager.changedMenus,
               testing::IsSupersetOf({client::Selection{path("a")}, client::Selection{path("b")}}));
-  EXPECT_THAT(manager.plugin->menu({path("a")}), IsEmpty());
+  EXPECT_THAT(menuOf("a"), IsEmpty());
   extension->setFolders({url("")});
-  ASSERT_TRUE(runUntil([&] { return !manager.plugin->menu({path("b")}).empty(); }));
-  EXPECT_EQ(enabled(manager.plugin->menu({path("a")})), "00000");
+  ASSERT_TRUE(runUntil([&] { return !menuOf("b").empty(); }));
+  EXPECT_EQ(enabledOf("a"), "00000");
 }
 
-TEST_F(PluginMenu, FewOfManyQuickSelectionsAreRequestedAndTheLastOneIsAnswered) {
+TEST_F(PluginMenu, WhileTheExtensionHangsSelectionsAreGreyedAndFewRequestedAndTheLastOneWaitsForRoom) {
   extension->hold("GetMenu");
-  for (int i = 0; i < 100; ++i) manager.plugin->menu({path(std::to_string(i))});
+  for (int i = 0; i < 100; ++i) EXPECT_EQ(enabledOf(std::to_string(i)), "00000");
+  manager.plugin->menu({});  // nothing is selected any more
   ASSERT_TRUE(waitForHeld("GetMenu", 4));
+  EXPECT_EQ(manager.menuChanges, 0);
   extension->menus[url("99")] = {true, false};
   extension->release("GetMenu");
   ASSERT_TRUE(runUntil([&] { return manager.menuChanges == 1; }));
-  EXPECT_EQ(enabled(manager.plugin->menu({path("99")})), "10");
+  EXPECT_EQ(enabledOf("99"), "10");
   EXPECT_THAT(extension->menuRequests, SizeIs(5));
 }
 
-TEST_F(PluginMenu, AnExtensionThatHangsLeavesTheEntriesGreyed) {
-  extension->hold("GetMenu");
-  for (int i = 0; i < 100; ++i) EXPECT_EQ(enabled(manager.plugin->menu({path(std::to_string(i))})), "00000");
-  ASSERT_TRUE(waitForHeld("GetMenu", 4));
-  EXPECT_EQ(manager.menuChanges, 0);
-}
-
 TEST_F(PluginMenu, NoEntriesOutsideTheSyncedFolderNorForNothingNorForAMixture) {
-  EXPECT_THAT(manager.plugin->menu({}), IsEmpty());
-  EXPECT_THAT(manager.plugin->menu({"/etc/passwd"}), IsEmpty());
-  EXPECT_THAT(manager.plugin->menu({"/home/ann/Kelvane2/x"}), IsEmpty());
-  EXPECT_THAT(manager.plugin->menu({path("a"), "/etc/passwd"}), IsEmpty());
-  EXPECT_THAT(manager.plugin->menu({path("caf\xe9")}), IsEmpty());
+  for (const auto& selection : std::vector<client::Selection>{
+           {}, {"/etc/passwd"}, {"/home/ann/Kelvane2/x"}, {path("a"), "/etc/passwd"}, {path("caf\xe9")}})
+    EXPECT_THAT(manager.plugin->menu(selection), IsEmpty()) << testing::PrintToString(selection);
   select("a");
   EXPECT_THAT(extension->menuRequests, ElementsAre(ElementsAre(url("a"))));
 }
 
 TEST_F(PluginMenu, NoEntriesWhereTheExtensionHasNone) {
   select("nothing");
-  EXPECT_THAT(manager.plugin->menu({path("nothing")}), IsEmpty());
+  EXPECT_THAT(menuOf("nothing"), IsEmpty());
 }
 
 TEST_F(PluginMenu, AVeryLargeSelectionIsGreyedWithoutAQuestion) {
   client::Selection many;
   for (std::size_t i = 0; i <= client::Plugin::LARGEST_SELECTION; ++i) many.push_back(path(std::to_string(i)));
   EXPECT_EQ(enabled(manager.plugin->menu(many)), "00000");
-  extension->menus[url("a")] = {true, true};
-  select("a");
+  select("a", {true, true});
   EXPECT_THAT(extension->menuRequests, SizeIs(1));
-}
-
-TEST_F(PluginMenu, AFreshAnswerIsNotAskedForAgainAndAnOldOneIs) {
-  extension->menus[url("a")] = {true, true};
-  select("a");
-  for (int i = 0; i < 10; ++i) EXPECT_EQ(enabled(manager.plugin->menu({path("a")})), "11");
-  EXPECT_THAT(extension->menuRequests, SizeIs(1));
-  extension->menus[url("a")] = {false, true};
-  ASSERT_TRUE(runUntil([&] { return enabled(manager.plugin->menu({path("a")})) == "01"; }));
-  EXPECT_THAT(extension->menuRequests, SizeIs(2));
-  EXPECT_EQ(manager.menuChanges, 2);
 }
 
 TEST_F(PluginMenu, AnAnswerLikeTheOneShownChangesNothing) {
-  extension->menus[url("a")] = {true, true};
-  select("a");
+  select("a", {true, true});
   ASSERT_TRUE(runUntil([&] {
-    manager.plugin->menu({path("a")});
+    menuOf("a");
     return extension->menuRequests.size() == 2;
   }));
   settle();
@@ -207,16 +184,16 @@ TEST_F(PluginMenu, AnAnswerLikeTheOneShownChangesNothing) {
 TEST_F(PluginMenu, ARefusedRequestIsRetriedWithTheNextMenu) {
   extension->refusals["GetMenu"] = "Busy";
   extension->menus[url("a")] = {true, true};
-  manager.plugin->menu({path("a")});
+  menuOf("a");
   ASSERT_TRUE(runUntil([&] { return extension->menuRequests.size() == 1; }));
   settle();
   extension->refusals.clear();
-  ASSERT_TRUE(runUntil([&] { return enabled(manager.plugin->menu({path("a")})) == "11"; }));
+  ASSERT_TRUE(waitForMenu("a", "11"));
 }
 
 TEST_F(PluginMenu, AChoiceIsPerformedOnTheSelectionItWasShownFor) {
   select("a");
-  manager.plugin->menu({path("b")});
+  menuOf("b");
   manager.plugin->perform("copyLink:", {path("a"), path("x y%")});
   ASSERT_TRUE(runUntil([&] { return !extension->actions.empty(); }));
   EXPECT_THAT(extension->actions, ElementsAre(ElementsAre("copyLink:", url("a"), url("x y%"))));
@@ -230,24 +207,22 @@ TEST_F(PluginMenu, AChoiceThatFailsIsALineInTheLog) {
 }
 
 TEST_F(PluginMenu, TheEntriesStayWhenTheExtensionEndsAndAreAskedForWhenAnotherOneComes) {
-  extension->menus[url("a")] = {true, false};
-  select("a");
-  extension.reset();
-  settle();
-  EXPECT_EQ(enabled(manager.plugin->menu({path("a")})), "10");
-  EXPECT_EQ(enabled(manager.plugin->menu({path("b")})), "00000") << "the synced folder is still known";
+  select("a", {true, false});
+  endExtension();
+  EXPECT_EQ(enabledOf("a"), "10");
+  EXPECT_EQ(enabledOf("b"), "00000") << "the synced folder is still known";
   startExtension();
   extension->menus[url("b")] = {false, true};
-  EXPECT_TRUE(runUntil([&] { return enabled(manager.plugin->menu({path("b")})) == "01"; }));
+  EXPECT_TRUE(waitForMenu("b", "01"));
 }
 
 TEST_F(PluginMenu, TheFileManagerIsNotifiedWhenASelectionIsInsideTheNewSyncedFolder) {
   makePlugin();
   extension->menus[url("a")] = {true, true};
-  EXPECT_THAT(manager.plugin->menu({path("a")}), IsEmpty()) << "it is not known yet where that is";
+  EXPECT_THAT(menuOf("a"), IsEmpty()) << "it is not known yet where that is";
   ASSERT_TRUE(runUntil([&] { return manager.menuChanges > 0; }));
-  EXPECT_THAT(manager.plugin->menu({path("a")}), SizeIs(5));
-  EXPECT_TRUE(runUntil([&] { return enabled(manager.plugin->menu({path("a")})) == "11"; }));
+  EXPECT_THAT(menuOf("a"), SizeIs(5));
+  EXPECT_TRUE(waitForMenu("a", "11"));
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <fstream>
-#include <sstream>
 
 #include "PluginTest.hpp"
 #include "support/StartedProgram.hpp"
@@ -12,9 +11,7 @@ namespace vornet::test {
 namespace {
 
 using std::chrono::milliseconds;
-using testing::Each;
-using testing::ElementsAre;
-using testing::IsEmpty;
+using namespace std::string_literals;
 using testing::SizeIs;
 
 // --- Messages of another type or shape ------------------------------------------------------------------------------
@@ -30,39 +27,48 @@ class PluginNonsense : public PluginTest {
 
   static void countLine(const gchar*, GLogLevelFlags, const gchar*, gpointer) { ++logLines; }
 
-  client::Menu menuOf(const std::string& name, const std::function<GVariant*()>& answer) {
-    extension->nonsense["GetMenu"] = answer;
+  /// The extension answers what is asked, a method or property, with this; counts how often.
+  void answer(const std::string& asked, const char* text) {
+    extension->nonsense[asked] = [this, text] {
+      ++answers_;
+      return g_variant_new_parsed(text);
+    };
+  }
+
+  /// The menu of an item, for which the extension sends these entries.
+  client::Menu menuOf(const std::string& name, const client::Menu& entries) {
+    extension->nonsense["GetMenu"] = [&] {
+      GVariantBuilder list;
+      g_variant_builder_init(&list, G_VARIANT_TYPE("a(ssbs)"));
+      for (const auto& entry : entries)
+        g_variant_builder_add(&list, "(ssbs)", entry.title.c_str(), entry.action.c_str(), TRUE, entry.icon.c_str());
+      return g_variant_new("(a(ssbs))", &list);
+    };
     const auto before = manager.menuChanges;
     manager.plugin->menu({path(name)});
     EXPECT_TRUE(runUntil([&] { return manager.menuChanges > before; }));
     return manager.plugin->menu({path(name)});
   }
+
+  int answers_ = 0;
 };
 
 TEST_F(PluginNonsense, SignalsOfAnotherTypeAreIgnored) {
-  showSynced("a");
+  open({{"a", "SYNCED"}});
   for (const char* values : {"('text',)", "([1],)", "()", "(@a(sss) [('a', 'b', 'c')],)", "([('a', 'b')], 1)"})
     extension->send("com.vornet.FinderSync1", "BadgesChanged", g_variant_new_parsed(values));
   for (const char* values : {"('text',)", "()", "('x', @a{ss} {}, @as [])",
                              "('com.vornet.FinderSync1', {'ObservedFolders': <7>}, @as [])"}) {
     extension->send("org.freedesktop.DBus.Properties", "PropertiesChanged", g_variant_new_parsed(values));
   }
-  extension->sendChanges({{url("a"), "PENDING"}});
-  EXPECT_TRUE(waitForEmblem("a", PENDING));
+  EXPECT_TRUE(changes("a", "PENDING"));
   EXPECT_EQ(logLines, 0);
 }
 
 TEST_F(PluginNonsense, ObservedFoldersOfAnotherTypeAreAskedForAgain) {
-  makePlugin({.firstRetry = milliseconds(20), .lastRetry = milliseconds(160)});
-  int asked = 0;
-  extension->nonsense["ObservedFolders"] = [&asked] {
-    ++asked;
-    return g_variant_new("s", "nonsense");
-  };
-  extension->badges[url("a")] = "SYNCED";
-  manager.plugin->folderShown(root);
-  manager.show(path("a"));
-  ASSERT_TRUE(runUntil([&] { return asked >= 3; }));
+  answer("ObservedFolders", "'nonsense'");
+  openWindow("", {{"a", "SYNCED"}});
+  ASSERT_TRUE(runUntil([&] { return answers_ >= 3; }));
   EXPECT_EQ(manager.emblem(path("a")), "");
   extension->nonsense.clear();
   EXPECT_TRUE(waitForEmblem("a", SYNCED));
@@ -72,63 +78,48 @@ TEST_F(PluginNonsense, ObservedFoldersOfAnotherTypeAreAskedForAgain) {
 TEST_F(PluginNonsense, ObservedFoldersOfTheRightTypeResetTheBackoff) {
   makePlugin({.firstRetry = milliseconds(20), .lastRetry = std::chrono::seconds(60)});
   manager.plugin->folderShown(root);
-  int asked = 0;
   // Without a reset the last of these would wait for twenty minutes.
   for (int times = 2; times <= 16; times += 2) {
     extension.reset();
     startExtension();
-    extension->nonsense["ObservedFolders"] = [&asked] {
-      ++asked;
-      return g_variant_new("s", "nonsense");
-    };
-    ASSERT_TRUE(runUntil([&] { return asked >= times; }));
+    answer("ObservedFolders", "'nonsense'");
+    ASSERT_TRUE(runUntil([&] { return answers_ >= times; }));
     extension->nonsense.clear();
     ASSERT_TRUE(waitForObserved(1));
   }
 }
 
 TEST_F(PluginNonsense, AMenuOfAnotherTypeStaysGreyed) {
-  showSynced("a");
-  int answers = 0;
-  extension->nonsense["GetMenu"] = [&answers] {
-    ++answers;
-    return g_variant_new_parsed("(@a(sss) [('a', 'b', 'c')],)");
-  };
+  open({{"a", "SYNCED"}});
+  answer("GetMenu", "(@a(sss) [('a', 'b', 'c')],)");
   manager.plugin->menu({path("a")});
-  ASSERT_TRUE(runUntil([&] { return answers == 1; }));
+  ASSERT_TRUE(runUntil([&] { return answers_ == 1; }));
   settle();
   EXPECT_THAT(manager.plugin->menu({path("a")}), SizeIs(5));
   EXPECT_EQ(logLines, 0);
 }
 
 TEST_F(PluginNonsense, OnlyTheFirstHundredEntriesOfAMenuAreShown) {
-  showSynced("a");
-  const auto menu = menuOf("a", [] {
-    GVariantBuilder entries;
-    g_variant_builder_init(&entries, G_VARIANT_TYPE("a(ssbs)"));
-    for (int i = 0; i < 5000; ++i)
-      g_variant_builder_add(&entries, "(ssbs)", std::to_string(i).c_str(), "share:", TRUE, "");
-    return g_variant_new("(a(ssbs))", &entries);
-  });
+  open({{"a", "SYNCED"}});
+  client::Menu sent;
+  for (int i = 0; i < 5000; ++i) sent.push_back({std::to_string(i), "share:", true, ""});
+  const auto menu = menuOf("a", sent);
   ASSERT_EQ(menu.size(), 100u);
   EXPECT_EQ(menu.front().title, "0");
   EXPECT_EQ(menu.back().title, "99");
 }
 
 TEST_F(PluginNonsense, OnlyTheFirstTwoHundredCharactersOfATitleAreShown) {
-  showSynced("a");
+  open({{"a", "SYNCED"}});
   for (const std::string character : {"x", "\xc3\xa9", "\xe2\x98\x80", "\xf0\x9f\x98\x80"}) {
     std::string cut;
     for (int i = 0; i < 200; ++i) cut += character;
-    const auto menu = menuOf(character, [&] {
-      GVariantBuilder entries;
-      g_variant_builder_init(&entries, G_VARIANT_TYPE("a(ssbs)"));
-      for (const auto& title : {cut, cut + character, cut + cut + cut, std::string(), character})
-        g_variant_builder_add(&entries, "(ssbs)", title.c_str(), "share:", TRUE, "");
-      g_variant_builder_add(&entries, "(ssbs)", "action", std::string(100'000, 'a').c_str(), TRUE, "");
-      g_variant_builder_add(&entries, "(ssbs)", "image", "notes:", TRUE, std::string(100'000, 'i').c_str());
-      return g_variant_new("(a(ssbs))", &entries);
-    });
+    client::Menu sent;
+    for (const auto& title : {cut, cut + character, cut + cut + cut, std::string(), character})
+      sent.push_back({title, "share:", true, ""});
+    sent.push_back({"action", std::string(100'000, 'a'), true, ""});
+    sent.push_back({"image", "notes:", true, std::string(100'000, 'i')});
+    const auto menu = menuOf(character, sent);
     std::vector<std::string> titles;
     for (const auto& entry : menu) titles.push_back(entry.title);
     EXPECT_TRUE((titles == std::vector<std::string>{cut, cut, cut, "", character, "image"})) << titles.size();
@@ -137,7 +128,7 @@ TEST_F(PluginNonsense, OnlyTheFirstTwoHundredCharactersOfATitleAreShown) {
 }
 
 TEST_F(PluginNonsense, AnEndlessNameOfAnItemOrABadgeHidesNoOther) {
-  showSynced("a");
+  open({{"a", "SYNCED"}});
   extension->sendChanges(
       {{"file:///" + std::string(1'000'000, 'x'), "PENDING"}, {url("a"), std::string(1'000'000, 'x')}});
   EXPECT_TRUE(waitForEmblem("a", ""));
@@ -146,7 +137,7 @@ TEST_F(PluginNonsense, AnEndlessNameOfAnItemOrABadgeHidesNoOther) {
 }
 
 TEST_F(PluginNonsense, ChangesBeyondTheLimitOfAMessageAreRequested) {
-  showSynced("a");
+  open({{"a", "SYNCED"}});
   std::vector<std::pair<std::string, std::string>> changes(20'000, {url("stranger"), "PENDING"});
   changes.emplace_back(url("a"), "PENDING");
   extension->badges[url("a")] = "PENDING";
@@ -218,25 +209,13 @@ constexpr bool COST_IS_MEASURED = true;
 #endif
 
 TEST_F(PluginFlood, OfChangesCostsNoMoreMemoryThanAFewMessagesAndEndsWithTheRightBadges) {
-  // A window that paints without a pause delays everything that the library leaves for later.
-  struct Painting {
-    Painting() : source(g_idle_source_new()) {
-      g_source_set_priority(source, G_PRIORITY_HIGH_IDLE + 20);
-      g_source_set_callback(source, +[](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
-      g_source_attach(source, nullptr);
-    }
-    ~Painting() {
-      g_source_destroy(source);
-      g_source_unref(source);
-    }
-    GSource* source;
-  };
   const auto peak = [&](int messages) {
     forgetPeak();
-    {
-      const Painting painting;
-      flood("changes " + std::to_string(messages) + " 10000");
-    }
+    // A window that paints without a pause delays everything that the library leaves for later.
+    const auto paint = +[](gpointer) -> gboolean { return G_SOURCE_CONTINUE; };
+    const guint painting = g_idle_add_full(G_PRIORITY_HIGH_IDLE + 20, paint, nullptr, nullptr);
+    flood("changes " + std::to_string(messages) + " 10000");
+    g_source_remove(painting);
     settle();  // the changes that were kept are read
     EXPECT_TRUE(runUntil([&] { return manager.withEmblem(PENDING) == ITEMS; })) << "the others are asked for";
     return memory("VmHWM");
@@ -275,24 +254,23 @@ TEST_F(PluginFlood, OfAnyKindNeverHoldsUpTheFileManagerForLong) {
   g_variant_unref(values);
   const double control = cpuMilliseconds() - begun;
 
-  // Changes are read in slices of some milliseconds, of the others only the beginning.
-  const std::vector<std::pair<std::string, double>> floods{
-      {"changes", control / 8}, {"strangers", control / 8}, {"folders", control / 16}, {"wrong", control / 16}};
-  for (const auto& [kind, bound] : floods) {
+  // The longest turn until what `order` makes the extension send has arrived, and `condition` holds.
+  const auto expectBounded = [&](const std::string& order, double bound, const std::function<bool()>& condition) {
     const int before = logLines;
-    manager.plugin->perform(kind + " 2 100000", {path("0")});
-    const double longest = longestTurn([&] { return logLines > before; });
-    std::printf("%s: longest turn %.1f ms, control %.1f ms\n", kind.c_str(), longest, control);
-    EXPECT_TRUE(!COST_IS_MEASURED || longest < bound) << kind;
-  }
+    manager.plugin->perform(order, {path("0")});
+    const double longest = longestTurn([&] { return logLines > before && condition(); });
+    std::printf("%s: longest turn %.1f ms, control %.1f ms\n", order.c_str(), longest, control);
+    EXPECT_TRUE(!COST_IS_MEASURED || longest < bound) << order;
+  };
+  // Changes are read in slices of some milliseconds, of the others only the beginning.
+  const auto always = [] { return true; };
+  for (const auto& kind : {"changes", "strangers"}) expectBounded(kind + " 2 100000"s, control / 8, always);
+  for (const auto& kind : {"folders", "wrong"}) expectBounded(kind + " 2 100000"s, control / 16, always);
   flood("menu 100000");
   manager.plugin->menu({path("0")});
   const auto changes = manager.menuChanges;
-  const int before = logLines;
-  manager.plugin->perform("nothing", {path("0")});  // its answer comes after the menu's has been freed
-  const double longest = longestTurn([&] { return manager.menuChanges > changes && logLines > before; });
-  std::printf("menu: longest turn %.1f ms, control %.1f ms\n", longest, control);
-  EXPECT_TRUE(!COST_IS_MEASURED || longest < control / 8) << "menu";
+  // Its answer comes after the menu's has been freed.
+  expectBounded("nothing", control / 8, [&] { return manager.menuChanges > changes; });
   EXPECT_EQ(manager.plugin->menu({path("0")}).size(), 100u);
 }
 

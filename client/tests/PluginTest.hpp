@@ -3,9 +3,10 @@
 #include <gmock/gmock.h>
 
 #include <chrono>
+#include <map>
 #include <memory>
-#include <optional>
 #include <string>
+#include <vector>
 
 #include "client/Paths.hpp"
 #include "support/Environment.hpp"
@@ -15,6 +16,9 @@
 #include "support/PrivateBus.hpp"
 
 namespace vornet::test {
+
+/// Items by name, with the identifiers of their badges.
+using Items = std::map<std::string, std::string>;
 
 /// A plug-in on a private bus, with a file manager and an extension that do what a test says.
 class PluginTest : public testing::Test {
@@ -33,12 +37,70 @@ class PluginTest : public testing::Test {
   std::string path(const std::string& name) const { return name.empty() ? root : root + "/" + name; }
   std::string url(const std::string& name) const { return client::urlOfPath(path(name)); }
 
-  /// A window comes to show the root, with an item that is known to be synced.
-  void showSynced(const std::string& name) {
-    extension->badges[url(name)] = "SYNCED";
-    manager.plugin->folderShown(root);
+  /// The file manager lists these items, or drops them.
+  void list(const std::vector<std::string>& names) {
+    for (const auto& name : names) manager.show(path(name));
+  }
+  void drop(const std::vector<std::string>& names) {
+    for (const auto& name : names) manager.hide(path(name));
+  }
+
+  /// A window comes to show `folder`, with items whose badges the extension knows.
+  void openWindow(const std::string& folder, const Items& items) {
+    for (const auto& [name, identifier] : items) extension->badges[url(name)] = identifier;
+    manager.plugin->folderShown(path(folder));
+    for (const auto& [name, identifier] : items) manager.show(path(name));
+  }
+  /// The same with the root; all emblems are shown when this returns.
+  void open(const Items& items) {
+    openWindow("", items);
+    for (const auto& [name, identifier] : items) ASSERT_TRUE(waitForEmblem(name, emblemOf(identifier))) << name;
+    settle();
+  }
+  /// The same with one item, "a"; the extension takes the plug-in's call of `method` and does not answer it yet.
+  void openHeld(const std::string& method) {
+    extension->hold(method);
+    openWindow("", {{"a", "SYNCED"}});
+    ASSERT_TRUE(waitForHeld(method));
+  }
+  /// A window comes to show `folder`; there are so many observations then.
+  void openObserved(const std::string& folder = "", std::size_t count = 1) {
+    manager.plugin->folderShown(path(folder));
+    ASSERT_TRUE(waitForObserved(count));
+  }
+  /// The window of the only folder that is observed stops showing it.
+  void closeWindow(const std::string& folder = "") {
+    manager.plugin->folderHidden(path(folder));
+    ASSERT_TRUE(waitForObserved(0));
+  }
+
+  /// Lists an item with this badge. True if its emblem appears.
+  bool appears(const std::string& name, const std::string& identifier = "SYNCED") {
+    extension->badges[url(name)] = identifier;
     manager.show(path(name));
-    ASSERT_TRUE(waitForEmblem(name, SYNCED));
+    return waitForEmblem(name, emblemOf(identifier));
+  }
+  /// Sends the change of a badge in an observed folder: no request tells of it. True if its emblem appears.
+  bool changes(const std::string& name, const std::string& identifier) {
+    EXPECT_THAT(extension->observed, testing::Contains(client::urlOfPath(std::string(client::folderOf(path(name))))));
+    extension->sendChanges({{url(name), identifier}});
+    return waitForEmblem(name, emblemOf(identifier));
+  }
+
+  /// Waits until the extension has answered a request, and the plug-in has processed it and all that was sent before.
+  void roundTrip() {
+    const auto before = manager.menuChanges;
+    const std::string name = "question" + std::to_string(++roundTrips_);
+    extension->menus[url(name)] = {true, true};
+    manager.plugin->menu({path(name)});
+    ASSERT_TRUE(runUntil([&] { return manager.menuChanges > before; }));
+    settle();
+  }
+
+  /// The extension ends, and the plug-in learns of it.
+  void endExtension() {
+    extension.reset();
+    settle();
   }
 
   /// How many items the extension has been asked for.
@@ -54,10 +116,22 @@ class PluginTest : public testing::Test {
   bool waitForObserved(std::size_t count) {
     return runUntil([&] { return extension->observed.size() == count; });
   }
-
   bool waitForHeld(const std::string& method, std::size_t count = 1) {
     return runUntil([&] { return extension->heldCalls(method) == count; });
   }
+  /// Waits until the extension has got so many calls that begin with `text`.
+  bool waitForCalls(const std::string& text, std::size_t count) {
+    return runUntil([&] { return extension->count(text) == count; });
+  }
+  /// Waits until the extension has got at least so many requests for badges.
+  bool waitForRequests(std::size_t count) {
+    return runUntil([&] { return extension->badgeRequests.size() >= count; });
+  }
+  /// Waits until the plug-in keeps no item any more.
+  static bool waitUntilForgotten() {
+    return runUntil([] { return FakeFileManager::keptItems() == 0; });
+  }
+
   /// Runs the file manager for `time`.
   static void pass(std::chrono::milliseconds time) {
     const auto end = std::chrono::steady_clock::now() + time;
@@ -76,6 +150,11 @@ class PluginTest : public testing::Test {
   static constexpr const char* SYNCED = "emblem-vornet-synced";
   static constexpr const char* PENDING = "emblem-vornet-pending";
   static constexpr const char* SKIPPED = "emblem-vornet-skipped";
+  /// The emblem of the badge `identifier`; "" for any other.
+  static std::string emblemOf(const std::string& identifier) {
+    Items emblems = {{"SYNCED", SYNCED}, {"PENDING", PENDING}, {"SKIPPED", SKIPPED}};
+    return emblems[identifier];
+  }
 
   const std::string root = "/home/ann/Kelvane";
   Environment environment;
@@ -84,6 +163,9 @@ class PluginTest : public testing::Test {
   ScopedVariable address;
   FakeFileManager manager;
   std::unique_ptr<FakeExtension> extension;
+
+ private:
+  int roundTrips_ = 0;
 };
 
 }  // namespace vornet::test

@@ -12,7 +12,6 @@ namespace {
 using std::chrono::milliseconds;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::SizeIs;
 
 class PluginSnapshots : public PluginTest {
  protected:
@@ -37,32 +36,31 @@ class PluginSnapshots : public PluginTest {
     extension->badges = {{url("a"), "SYNCED"}, {url("b"), "PENDING"}, {url("none"), ""}};
   }
 
-  void list() {
-    for (const char* name : {"a", "b", "none"}) manager.show(path(name));
-  }
+  void list() { PluginTest::list(names_); }
 
   /// A window shows the root with these items, whose badges are known.
-  void open() {
-    manager.plugin->folderShown(root);
-    list();
-    ASSERT_TRUE(waitForEmblem("a", SYNCED) && waitForEmblem("b", PENDING));
-  }
+  void open() { PluginTest::open({{"a", "SYNCED"}, {"b", "PENDING"}, {"none", ""}}); }
 
   /// A window shows the root with so many items that with the next question those that are gone are forgotten.
   void openLarge() {
-    const std::size_t count = 1024;
-    extension->badges.clear();
-    for (std::size_t i = 0; i < count; ++i) extension->badges[url(std::to_string(i))] = "SYNCED";
-    manager.plugin->folderShown(root);
-    for (std::size_t i = 1; i < count; ++i) manager.show(path(std::to_string(i)));
-    ASSERT_TRUE(runUntil([&] { return manager.withEmblem(SYNCED) == count - 1; }));
-    manager.show(path("0"));
-    ASSERT_EQ(manager.emblem(path("0")), SYNCED);
+    Items items;
+    for (int i = 0; i < 1024; ++i) items[std::to_string(i)] = "SYNCED";
+    PluginTest::open(items);
   }
 
   void remove(const std::string& name) {
     manager.hide(path(name));
     manager.goneFor.insert(path(name));
+  }
+
+  /// A window comes to show the root, whose snapshot the extension does not send.
+  void openWithoutSnapshot() {
+    extension->sendsSnapshots = false;
+    manager.plugin->folderShown(root);
+    list();
+  }
+  bool waitForStream() {
+    return runUntil([&] { return extension->streams.contains(url("")); });
   }
 
   /// Whatever the extension has sent before has been taken in.
@@ -75,11 +73,27 @@ class PluginSnapshots : public PluginTest {
     }));
   }
 
+  /// Sends the badge "SKIPPED" of so many items, whose names are numbers after `prefix`.
+  void sendMany(int first, int count, unsigned char flags = 0, const std::string& prefix = "") {
+    FakeExtension::Changes items;
+    for (int i = first; i < first + count; ++i) items.emplace_back(url(prefix + std::to_string(i)), "SKIPPED");
+    extension->sendFolderBadges(url(""), items, flags);
+  }
+
+  /// Sends a FolderBadges with these names and badges as they are.
+  void sendRaw(guint64 stream, unsigned char flags, const std::string& names, const std::string& badges) {
+    extension->send(dbus::INTERFACE, "FolderBadges",
+                    g_variant_new("(tys@ay)", stream, flags, names.c_str(),
+                                  g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, badges.data(), badges.size(), 1)));
+  }
+
   std::size_t redraws() const {
     std::size_t sum = 0;
-    for (const char* name : {"a", "b", "none"}) sum += manager.redraws(path(name));
+    for (const auto& name : names_) sum += manager.redraws(path(name));
     return sum;
   }
+
+  const std::vector<std::string> names_ = {"a", "b", "none"};
 };
 
 TEST_F(PluginSnapshots, AFolderIsOneRequestAndNoItemIsAskedFor) {
@@ -92,35 +106,25 @@ TEST_F(PluginSnapshots, AFolderIsOneRequestAndNoItemIsAskedFor) {
 }
 
 TEST_F(PluginSnapshots, ItemsThatComeAfterTheSnapshotAreAnsweredAtOnceAndNeverDrawnAgain) {
-  const std::size_t count = 10'000;
-  extension->badges.clear();
-  for (std::size_t i = 0; i < count; ++i) extension->badges[url(std::to_string(i))] = "SYNCED";
-  manager.plugin->folderShown(root);
-  manager.show(path("0"));
-  ASSERT_TRUE(waitForEmblem("0", SYNCED));
-  ASSERT_TRUE(runUntil([&] {
-    manager.show(path(std::to_string(count - 1)));
-    return manager.emblem(path(std::to_string(count - 1))) == SYNCED;
-  }));
+  std::vector<std::string> names;
+  for (int i = 0; i < 10'000; ++i) names.push_back(std::to_string(i));
+  for (const auto& name : names) extension->badges[url(name)] = "SYNCED";
+  PluginTest::open({{"first", "SYNCED"}});
+  waitForAll();
+  PluginTest::list(names);
+  EXPECT_EQ(manager.withEmblem(SYNCED), names.size() + 1);
   settle();
   std::size_t drawnAgain = 0;
-  for (std::size_t i = 1; i + 1 < count; ++i) {
-    manager.show(path(std::to_string(i)));
-    EXPECT_EQ(manager.emblem(path(std::to_string(i))), SYNCED);
-    drawnAgain += manager.redraws(path(std::to_string(i)));
-  }
-  settle();
-  for (std::size_t i = 1; i + 1 < count; ++i) drawnAgain += manager.redraws(path(std::to_string(i)));
+  for (const auto& name : names) drawnAgain += manager.redraws(path(name));
   EXPECT_EQ(drawnAgain, 0u);
   EXPECT_THAT(extension->badgeRequests, IsEmpty());
 }
 
 TEST_F(PluginSnapshots, ASnapshotMayComeInManyMessages) {
   extension->itemsASignal = 1;
-  for (int i = 0; i < 50; ++i) extension->badges[url(std::to_string(i))] = "SKIPPED";
-  open();
-  for (int i = 0; i < 50; ++i) manager.show(path(std::to_string(i)));
-  EXPECT_TRUE(runUntil([&] { return manager.withEmblem(SKIPPED) == 50; }));
+  Items items;
+  for (int i = 0; i < 50; ++i) items[std::to_string(i)] = "SKIPPED";
+  PluginTest::open(items);
 }
 
 TEST_F(PluginSnapshots, AnItemThatIsMadeAnewInALargeFolderHasItsBadge) {
@@ -132,8 +136,7 @@ TEST_F(PluginSnapshots, AnItemThatIsMadeAnewInALargeFolderHasItsBadge) {
 
 TEST_F(PluginSnapshots, AnItemThatIsMadeAnewInALargeFolderHasItsBadgeWhileTheExtensionIsAway) {
   openLarge();
-  extension.reset();
-  settle();
+  endExtension();
   remove("0");
   manager.show(path("0"));
   EXPECT_EQ(manager.emblem(path("0")), SYNCED);
@@ -154,34 +157,23 @@ TEST_F(PluginSnapshots, AnItemThatIsMadeAnewWithinASnapshotLosesItsBadgeWhereThe
 
 TEST_F(PluginSnapshots, ChangesFollowInTheSameStream) {
   open();
-  extension->setBadge(url("a"), "SKIPPED");
-  extension->setBadge(url("b"), "");
-  extension->setBadge(url("none"), "SYNCED");
-  EXPECT_TRUE(waitForEmblem("a", SKIPPED));
-  EXPECT_TRUE(waitForEmblem("b", ""));
-  EXPECT_TRUE(waitForEmblem("none", SYNCED));
+  EXPECT_TRUE(changes("a", "SKIPPED"));
+  EXPECT_TRUE(changes("b", ""));
+  EXPECT_TRUE(changes("none", "SYNCED"));
 }
 
-TEST_F(PluginSnapshots, AChangeOfAnItemThatIsNotShownYetIsThereWhenItIs) {
+TEST_F(PluginSnapshots, AnItemThatComesAfterTheSnapshotHasItsLastBadgeOrNoneAtOnceAndChangesThen) {
   open();
-  extension->setBadge(url("late"), "SKIPPED");
-  extension->setBadge(url("gone"), "SKIPPED");
-  extension->setBadge(url("gone"), "");
+  extension->sendChanges({{url("late"), "SKIPPED"}, {url("gone"), "SKIPPED"}});
+  extension->sendChanges({{url("gone"), ""}});
   waitForAll();
-  manager.show(path("late"));
-  manager.show(path("gone"));
+  PluginTest::list({"late", "gone", "new"});
   EXPECT_EQ(manager.emblem(path("late")), SKIPPED);
   EXPECT_EQ(manager.emblem(path("gone")), "");
-}
-
-TEST_F(PluginSnapshots, AfterTheSnapshotAnItemWithoutABadgeIsKnownToHaveNone) {
-  open();
-  manager.show(path("new"));
   waitForAll();
   EXPECT_THAT(extension->badgeRequests, IsEmpty());
   EXPECT_EQ(manager.redraws(path("new")), 0u);
-  extension->setBadge(url("new"), "PENDING");
-  EXPECT_TRUE(waitForEmblem("new", PENDING));
+  EXPECT_TRUE(changes("new", "PENDING"));
 }
 
 TEST_F(PluginSnapshots, OfAnotherSnapshotOnlyTheDifferencesAreDrawn) {
@@ -194,45 +186,31 @@ TEST_F(PluginSnapshots, OfAnotherSnapshotOnlyTheDifferencesAreDrawn) {
   EXPECT_EQ(manager.redraws(path("a")), before);
 }
 
-TEST_F(PluginSnapshots, NothingIsDrawnAgainWhenTheExtensionIsBackAndNothingHasChanged) {
-  open();
-  const auto before = redraws();
-  extension.reset();
-  settle();
-  startNewExtension();
-  ASSERT_TRUE(runUntil([&] { return extension->count("RequestSnapshot") == 1; }));
-  waitForAll();
-  EXPECT_EQ(redraws(), before);
-  EXPECT_THAT(extension->badgeRequests, IsEmpty());
-}
-
 TEST_F(PluginSnapshots, WhatChangedWhileTheExtensionWasAwayIsDrawnAgainAndNothingElse) {
   open();
   const auto before = redraws();
-  extension.reset();
-  settle();
+  endExtension();
   startNewExtension();
   extension->badges.erase(url("b"));
   ASSERT_TRUE(waitForEmblem("b", ""));
   waitForAll();
   EXPECT_EQ(redraws(), before + 1);
+  EXPECT_EQ(extension->count("RequestSnapshot"), 1u);
+  EXPECT_THAT(extension->badgeRequests, IsEmpty());
 }
 
 TEST_F(PluginSnapshots, AFolderThatComesBackShowsItsLastEmblemsAndLosesThoseThatAreNoMore) {
   open();
   extension->setBadge(url("unseen"), "SKIPPED");
   waitForAll();
-  manager.plugin->folderHidden(root);
-  ASSERT_TRUE(waitForObserved(0));
+  closeWindow();
   EXPECT_THAT(extension->streams, IsEmpty());
-  extension->sendsSnapshots = false;
   extension->badges = {{url("a"), "SYNCED"}};
-  manager.plugin->folderShown(root);
-  list();
+  openWithoutSnapshot();
   manager.show(path("unseen"));
   EXPECT_EQ(manager.emblem(path("b")), PENDING);
   EXPECT_EQ(manager.emblem(path("unseen")), SKIPPED);
-  ASSERT_TRUE(runUntil([&] { return extension->streams.size() == 1; }));
+  ASSERT_TRUE(waitForStream());
   extension->sendSnapshot(url(""));
   EXPECT_TRUE(waitForEmblem("b", ""));
   EXPECT_TRUE(waitForEmblem("unseen", ""));
@@ -241,25 +219,19 @@ TEST_F(PluginSnapshots, AFolderThatComesBackShowsItsLastEmblemsAndLosesThoseThat
 
 TEST_F(PluginSnapshots, AFolderThatIsLeftBeforeItsItemsComeHasNoEmblemTheNextTimeIfItsSnapshotHadNone) {
   open();
-  manager.plugin->folderHidden(root);
-  ASSERT_TRUE(waitForObserved(0));
+  closeWindow();
   extension->badges.clear();
   manager.plugin->folderShown(root);
-  manager.plugin->menu({path("a")});
-  ASSERT_TRUE(runUntil([&] { return manager.menuChanges > 0; })) << "the snapshot came before";
-  settle();
+  roundTrip();  // the snapshot comes before
   manager.plugin->folderHidden(root);
-  extension->sendsSnapshots = false;
-  manager.plugin->folderShown(root);
-  list();
+  openWithoutSnapshot();
   EXPECT_EQ(manager.emblem(path("a")), "");
 }
 
 TEST_F(PluginSnapshots, ATabThatComesToTheFrontRedrawsWhatHasChangedAndNothingElse) {
   manager.plugin->folderOpened(root);
   open();
-  manager.plugin->folderHidden(root);
-  ASSERT_TRUE(waitForObserved(0));
+  closeWindow();
   const auto before = redraws();
   extension->badges[url("a")] = "SKIPPED";
   manager.plugin->folderShown(root);
@@ -270,16 +242,12 @@ TEST_F(PluginSnapshots, ATabThatComesToTheFrontRedrawsWhatHasChangedAndNothingEl
 }
 
 TEST_F(PluginSnapshots, WhatASnapshotThatWasLeftBehindSaysIsIgnored) {
-  extension->sendsSnapshots = false;
-  manager.plugin->folderShown(root);
-  manager.show(path("a"));
-  ASSERT_TRUE(runUntil([&] { return extension->streams.size() == 1; }));
+  openWithoutSnapshot();
+  ASSERT_TRUE(waitForStream());
   const auto stream = extension->streams[url("")];
-  manager.plugin->folderHidden(root);
-  ASSERT_TRUE(waitForObserved(0));
-  manager.plugin->folderShown(root);
-  list();
-  ASSERT_TRUE(runUntil([&] { return extension->streams.contains(url("")); }));
+  closeWindow();
+  openWithoutSnapshot();
+  ASSERT_TRUE(waitForStream());
   const auto next = std::exchange(extension->streams[url("")], stream);
   EXPECT_NE(stream, next);
   extension->badges[url("b")] = "SKIPPED";
@@ -297,35 +265,27 @@ TEST_F(PluginSnapshots, TwoWindowsOnOneFolderHaveOneStream) {
   ASSERT_TRUE(waitForObserved(2));
   manager.plugin->folderHidden(root);
   ASSERT_TRUE(waitForObserved(1));
-  extension->setBadge(url("a"), "SKIPPED");
-  EXPECT_TRUE(waitForEmblem("a", SKIPPED));
+  EXPECT_TRUE(changes("a", "SKIPPED"));
   EXPECT_EQ(extension->count("RequestSnapshot"), 1u);
 }
 
 // --- Where there is none --------------------------------------------------------------------------------------------
 
 TEST_F(PluginSnapshots, AFolderOfWhichThereIsNoSnapshotHasItsItemsAskedFor) {
-  extension->sendsSnapshots = false;
-  manager.plugin->folderShown(root);
-  list();
-  ASSERT_TRUE(runUntil([&] { return extension->streams.size() == 1; }));
+  openWithoutSnapshot();
+  ASSERT_TRUE(waitForStream());
   extension->sendFolderBadges(url(""), {}, dbus::NO_SNAPSHOT);
   extension->streams.clear();
   ASSERT_TRUE(waitForEmblem("a", SYNCED) && waitForEmblem("b", PENDING));
-  extension->setBadge(url("a"), "SKIPPED");
-  EXPECT_TRUE(waitForEmblem("a", SKIPPED));
-  extension->badges[url("new")] = "PENDING";
-  manager.show(path("new"));
-  EXPECT_TRUE(waitForEmblem("new", PENDING));
+  EXPECT_TRUE(changes("a", "SKIPPED"));
+  EXPECT_TRUE(appears("new", "PENDING"));
 }
 
 TEST_F(PluginSnapshots, AnExtensionThatRefusesThemIsAskedForItems) {
   for (const char* error : {"Failed", "org.freedesktop.DBus.Error.UnknownMethod", "org.example.Unheard"}) {
     extension->refusals["RequestSnapshot"] = error;
     const std::string folder = std::string("folder ") + error;
-    extension->badges[url(folder + "/a")] = "SYNCED";
-    manager.plugin->folderShown(path(folder));
-    manager.show(path(folder + "/a"));
+    openWindow(folder, {{folder + "/a", "SYNCED"}});
     EXPECT_TRUE(waitForEmblem(folder + "/a", SYNCED)) << error;
     EXPECT_EQ(extension->count("RequestSnapshot " + url(folder)), 1u) << error;
   }
@@ -335,9 +295,7 @@ TEST_F(PluginSnapshots, AnExtensionThatIsBusyIsAskedForThemAgain) {
   for (const char* error : {"Busy", "org.freedesktop.DBus.Error.LimitsExceeded"}) {
     extension->refusals["RequestSnapshot"] = error;
     const std::string folder = std::string("folder ") + error;
-    extension->badges[url(folder + "/a")] = "SYNCED";
-    manager.plugin->folderShown(path(folder));
-    manager.show(path(folder + "/a"));
+    openWindow(folder, {{folder + "/a", "SYNCED"}});
     ASSERT_TRUE(runUntil([&] { return extension->count("RequestSnapshot " + url(folder)) >= 3; })) << error;
     extension->refusals.clear();
     EXPECT_TRUE(waitForEmblem(folder + "/a", SYNCED)) << error;
@@ -354,28 +312,25 @@ TEST_F(PluginSnapshots, AFolderWithoutAPlaceIsAskedForUntilItHasOneAndHasItsSnap
   extension->badges[url("a")] = "SKIPPED";  // no signal
   ASSERT_TRUE(waitForEmblem("a", SKIPPED));
   extension->places = 1;
-  ASSERT_TRUE(runUntil([&] { return extension->streams.size() == 1; }));
+  ASSERT_TRUE(waitForStream());
   waitForAll();
   extension->badgeRequests.clear();
-  extension->setBadge(url("a"), "PENDING");
-  EXPECT_TRUE(waitForEmblem("a", PENDING));
+  EXPECT_TRUE(changes("a", "PENDING"));
   EXPECT_THAT(extension->badgeRequests, IsEmpty());
 }
 
 TEST_F(PluginSnapshots, TheItemsOfAFolderThatNoWindowReportsAreAskedFor) {
-  extension->badges[url("branch/x")] = "SYNCED";
-  manager.show(path("branch/x"));
-  EXPECT_TRUE(waitForEmblem("branch/x", SYNCED));
+  EXPECT_TRUE(appears("branch/x"));
   EXPECT_EQ(extension->count("RequestSnapshot"), 0u) << "it may be one of a search's results";
   manager.plugin->folderShown(path("branch"));
-  EXPECT_TRUE(runUntil([&] { return extension->count("RequestSnapshot") == 1; }));
+  EXPECT_TRUE(waitForCalls("RequestSnapshot", 1));
 }
 
 // --- Ahead of the file manager --------------------------------------------------------------------------------------
 
 TEST_F(PluginSnapshots, AnExpectedFolderHasItsBadgesBeforeItIsShown) {
   manager.plugin->folderExpected(root);
-  ASSERT_TRUE(runUntil([&] { return extension->streams.size() == 1; }));
+  ASSERT_TRUE(waitForStream());
   waitForAll();
   manager.plugin->folderShown(root);
   list();
@@ -388,8 +343,7 @@ TEST_F(PluginSnapshots, AnExpectedFolderHasItsBadgesBeforeItIsShown) {
 
 TEST_F(PluginSnapshots, AFolderThatIsExpectedInVainIsLeft) {
   makePlugin(milliseconds(200));
-  manager.plugin->folderShown(path("other"));
-  ASSERT_TRUE(waitForObserved(1)) << "the extension answers";
+  openObserved("other");  // the extension answers
   const auto ended = [&] { return extension->count("EndObserving " + url("")); };
   manager.plugin->folderExpected(root);
   EXPECT_TRUE(runUntil([&] { return ended() == 1; }));
@@ -409,8 +363,7 @@ TEST_F(PluginSnapshots, ItemsOfAFolderThatIsExpectedInVainKeepTheirEmblems) {
   list();
   ASSERT_TRUE(waitForEmblem("a", SYNCED));
   pass(milliseconds(600));
-  extension->setBadge(url("a"), "SKIPPED");
-  EXPECT_TRUE(waitForEmblem("a", SKIPPED)) << "somebody shows them: it is observed on";
+  EXPECT_TRUE(changes("a", "SKIPPED")) << "somebody shows them: it is observed on";
   extension.reset();
   startNewExtension();
   EXPECT_TRUE(waitForEmblem("a", SYNCED));
@@ -419,18 +372,14 @@ TEST_F(PluginSnapshots, ItemsOfAFolderThatIsExpectedInVainKeepTheirEmblems) {
 
 TEST_F(PluginSnapshots, OfFoldersThatAreExpectedInVainNoMoreAreRememberedThanOfThoseThatWereShown) {
   makePlugin(milliseconds(500));
-  manager.plugin->folderShown(path("other"));
-  ASSERT_TRUE(waitForObserved(1)) << "the extension answers";
+  openObserved("other");  // the extension answers
   constexpr std::size_t COUNT = client::LeftFolders::MOST_FOLDERS + 1;
   for (std::size_t i = 0; i < COUNT; ++i) {
     extension->badges[url(std::to_string(i) + "/x")] = "SYNCED";
     manager.plugin->folderExpected(path(std::to_string(i)));
   }
-  ASSERT_TRUE(runUntil([&] { return extension->count("EndObserving") == COUNT; }));
-  for (std::size_t i = 0; i < COUNT; ++i) {
-    manager.plugin->folderShown(path(std::to_string(i)));
-    manager.show(path(std::to_string(i) + "/x"));
-  }
+  ASSERT_TRUE(waitForCalls("EndObserving", COUNT));
+  for (std::size_t i = 0; i < COUNT; ++i) openWindow(std::to_string(i), {{std::to_string(i) + "/x", "SYNCED"}});
   EXPECT_LE(manager.withEmblem(SYNCED), client::LeftFolders::MOST_FOLDERS);
 }
 
@@ -438,13 +387,13 @@ TEST_F(PluginSnapshots, AFolderThatIsExpectedInVainJustAfterItWasLeftIsForgotten
   makePlugin(milliseconds(200));
   manager.plugin->folderOpened(root);
   open();
-  for (const char* name : {"a", "b", "none"}) manager.hide(path(name));
+  drop(names_);
   manager.plugin->folderHidden(root);
   manager.plugin->folderClosed(root);
   manager.plugin->folderExpected(root);
-  ASSERT_TRUE(runUntil([&] { return extension->count("BeginObserving") == 2; }));
+  ASSERT_TRUE(waitForCalls("BeginObserving", 2));
   EXPECT_TRUE(waitForObserved(0));
-  EXPECT_TRUE(runUntil([] { return FakeFileManager::keptItems() == 0; }));
+  EXPECT_TRUE(waitUntilForgotten());
   EXPECT_EQ(manager.redraws(path("none")), 1u) << "so that the file manager asks when it comes back";
 }
 
@@ -458,8 +407,7 @@ TEST_F(PluginSnapshots, AFolderThatIsExpectedJustAfterItWasLeftIsObservedUntilIt
   pass(milliseconds(200));  // four times as long as its items are kept
   manager.plugin->folderOpened(root);
   manager.plugin->folderShown(root);
-  extension->setBadge(url("a"), "SKIPPED");
-  EXPECT_TRUE(waitForEmblem("a", SKIPPED));
+  EXPECT_TRUE(changes("a", "SKIPPED"));
   EXPECT_EQ(extension->count("BeginObserving"), 2u) << "the same goes on";
 }
 
@@ -476,7 +424,7 @@ TEST_F(PluginSnapshots, ItemsAreAskedForIfTheirSnapshotIsRefusedOnceTheirFolderI
   makePlugin(milliseconds(200));
   extension->hold("RequestSnapshot");
   manager.plugin->folderExpected(root);
-  ASSERT_TRUE(runUntil([&] { return extension->heldCalls("RequestSnapshot") > 0; }));
+  ASSERT_TRUE(waitForHeld("RequestSnapshot"));
   list();
   pass(milliseconds(600));
   extension->refusals["RequestSnapshot"] = "Busy";
@@ -492,8 +440,8 @@ TEST_F(PluginSnapshots, AFolderThatIsExpectedInVainIsObservedAsLongAsItsItemsAre
   ASSERT_TRUE(waitForEmblem("a", SYNCED));
   ASSERT_TRUE(runUntil([&] { return manager.redraws(path("a")) >= 4; })) << "every test finds its items";
   EXPECT_EQ(extension->count("EndObserving"), 0u);
-  for (const char* name : {"a", "b", "none"}) manager.hide(path(name));
-  ASSERT_TRUE(runUntil([] { return FakeFileManager::keptItems() == 0; }));
+  drop(names_);
+  ASSERT_TRUE(waitUntilForgotten());
   EXPECT_TRUE(waitForObserved(0));
   EXPECT_EQ(extension->count("EndObserving"), 1u);
 }
@@ -505,8 +453,8 @@ TEST_F(PluginSnapshots, AnInferredFolderWhoseItemsAreGoneIsLeftThoughItIsExpecte
   ASSERT_TRUE(waitForEmblem("a", SYNCED));
   manager.plugin->folderExpected(root);
   manager.plugin->folderExpected(path("other"));
-  for (const char* name : {"a", "b", "none"}) manager.hide(path(name));
-  ASSERT_TRUE(runUntil([] { return FakeFileManager::keptItems() == 0; }));
+  drop(names_);
+  ASSERT_TRUE(waitUntilForgotten());
   EXPECT_TRUE(waitForObserved(1));
   EXPECT_THAT(extension->observed, ElementsAre(url("other")));
   EXPECT_EQ(extension->count("EndObserving"), 1u);
@@ -517,20 +465,15 @@ TEST_F(PluginSnapshots, AnInferredFolderWhoseItemsAreGoneIsLeftThoughItIsExpecte
 TEST_F(PluginSnapshots, WhatMakesNoSenseIsIgnored) {
   open();
   const auto stream = extension->streams[url("")];
-  const auto send = [&](GVariant* values) { extension->send(dbus::INTERFACE, "FolderBadges", values); };
-  const auto bytes = [](const std::string& text) {
-    return g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, text.data(), text.size(), 1);
-  };
-  send(g_variant_new("(tys@ay)", stream + 7, 3, "a", bytes("\1")));
-  send(g_variant_new("(tys@ay)", G_GUINT64_CONSTANT(0), 3, "a", bytes("\1")));
-  send(g_variant_new("(tys@ay)", stream, 0, "none", bytes("\x09")));
-  send(g_variant_new("(tys@ay)", stream, 0, "x//y/", bytes("\1\1\1\1\1\1\1")));
-  send(g_variant_new("(tys@ay)", stream, 0, "", bytes("\1\1\1")));
-  send(g_variant_new("(tys@ay)", stream, 0, "none/none/none", bytes("")));
-  send(g_variant_new("(ty)", stream, 3));
-  send(g_variant_new("(s)", "text"));
-  extension->setBadge(url("b"), "SKIPPED");
-  EXPECT_TRUE(waitForEmblem("b", SKIPPED));
+  sendRaw(stream + 7, 3, "a", "\1");
+  sendRaw(0, 3, "a", "\1");
+  sendRaw(stream, 0, "none", "\x09");
+  sendRaw(stream, 0, "x//y/", "\1\1\1\1\1\1\1");
+  sendRaw(stream, 0, "", "\1\1\1");
+  sendRaw(stream, 0, "none/none/none", "");
+  extension->send(dbus::INTERFACE, "FolderBadges", g_variant_new("(ty)", stream, 3));
+  extension->send(dbus::INTERFACE, "FolderBadges", g_variant_new("(s)", "text"));
+  EXPECT_TRUE(changes("b", "SKIPPED"));
   EXPECT_EQ(manager.emblem(path("a")), SYNCED);
   EXPECT_EQ(manager.emblem(path("none")), "");
   EXPECT_EQ(logLines, 0);
@@ -539,12 +482,8 @@ TEST_F(PluginSnapshots, WhatMakesNoSenseIsIgnored) {
 TEST_F(PluginSnapshots, BadgesThatAreTooManyToKeepAreAskedForOnceMore) {
   open();
   const auto before = extension->count("RequestSnapshot");
-  std::string names(200'000, '/');
-  std::string badges(names.size(), '\1');
   extension->badges[url("a")] = "SKIPPED";  // and the change is lost
-  extension->send(dbus::INTERFACE, "FolderBadges",
-                  g_variant_new("(tys@ay)", extension->streams[url("")], 0, names.c_str(),
-                                g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, badges.data(), badges.size(), 1)));
+  sendRaw(extension->streams[url("")], 0, std::string(200'000, '/'), std::string(200'000, '\1'));
   EXPECT_TRUE(waitForEmblem("a", SKIPPED));
   EXPECT_EQ(extension->count("RequestSnapshot"), before + 1);
 }
@@ -552,12 +491,8 @@ TEST_F(PluginSnapshots, BadgesThatAreTooManyToKeepAreAskedForOnceMore) {
 TEST_F(PluginSnapshots, MoreItemsThanASnapshotHasAreNotKept) {
   open();
   extension->sendsSnapshots = false;
-  for (int message = 0; message < 11; ++message) {
-    FakeExtension::Changes items;
-    for (int i = 0; i < 5'000; ++i) items.emplace_back(url(std::to_string(message * 5'000 + i)), "SKIPPED");
-    extension->sendFolderBadges(url(""), items);
-  }
-  ASSERT_TRUE(runUntil([&] { return extension->count("RequestSnapshot") == 2; }));
+  for (int message = 0; message < 11; ++message) sendMany(message * 5'000, 5'000);
+  ASSERT_TRUE(waitForCalls("RequestSnapshot", 2));
   extension->sendFolderBadges(url(""), {}, dbus::NO_SNAPSHOT);
   extension->streams.clear();
   EXPECT_TRUE(runUntil([&] { return !extension->badgeRequests.empty(); }));
@@ -567,13 +502,8 @@ TEST_F(PluginSnapshots, MoreItemsThanASnapshotHasAreNotKept) {
 TEST_F(PluginSnapshots, MoreBytesThanASnapshotHasAreNotKept) {
   open();
   extension->sendsSnapshots = false;
-  const std::string prefix(240, 'n');
-  for (int message = 0; message < 5; ++message) {
-    FakeExtension::Changes items;
-    for (int i = 0; i < 4'000; ++i) items.emplace_back(url(prefix + std::to_string(message * 4'000 + i)), "SKIPPED");
-    extension->sendFolderBadges(url(""), items);
-  }
-  EXPECT_TRUE(runUntil([&] { return extension->count("RequestSnapshot") == 2; }));
+  for (int message = 0; message < 5; ++message) sendMany(message * 4'000, 4'000, 0, std::string(240, 'n'));
+  EXPECT_TRUE(waitForCalls("RequestSnapshot", 2));
 }
 
 TEST_F(PluginSnapshots, ANameThatNoItemHasIsNotKept) {
@@ -588,28 +518,17 @@ TEST_F(PluginSnapshots, ANameThatNoItemHasIsNotKept) {
 TEST_F(PluginSnapshots, ASnapshotThatEndsAfterTooManyItemsTakesNoBadgeAway) {
   open();
   const auto before = redraws();
-  for (int message = 0; message < 11; ++message) {
-    FakeExtension::Changes items;
-    const bool isLast = message == 10;  // with one too many
-    for (int i = 0; i < (isLast ? 1 : 5'000); ++i)
-      items.emplace_back(url(std::to_string(message * 5'000 + i)), "SKIPPED");
-    extension->sendFolderBadges(url(""), items,
-                                message == 0 ? dbus::SNAPSHOT_BEGINS
-                                : isLast     ? dbus::SNAPSHOT_ENDS
-                                             : 0);
-  }
-  ASSERT_TRUE(runUntil([&] { return extension->count("RequestSnapshot") == 2; }));
+  sendMany(0, 5'000, dbus::SNAPSHOT_BEGINS);
+  for (int message = 1; message < 10; ++message) sendMany(message * 5'000, 5'000);
+  sendMany(50'000, 1, dbus::SNAPSHOT_ENDS);  // one too many
+  ASSERT_TRUE(waitForCalls("RequestSnapshot", 2));
   waitForAll();
   EXPECT_EQ(redraws(), before);
 }
 
 TEST_F(PluginSnapshots, SnapshotsThatNeverEndAreNotGathered) {
   open();
-  for (int message = 0; message < 12; ++message) {
-    FakeExtension::Changes items;
-    for (int i = 0; i < 5'000; ++i) items.emplace_back(url(std::to_string(message * 5'000 + i)), "SKIPPED");
-    extension->sendFolderBadges(url(""), items, dbus::SNAPSHOT_BEGINS);
-  }
+  for (int message = 0; message < 12; ++message) sendMany(message * 5'000, 5'000, dbus::SNAPSHOT_BEGINS);
   waitForAll();
   manager.show(path("0"));
   EXPECT_EQ(manager.emblem(path("0")), "");
@@ -621,13 +540,10 @@ TEST_F(PluginSnapshots, ASnapshotOfWhichAPartIsMissingTakesNoBadgeAway) {
   open();
   const auto before = redraws();
   extension->sendFolderBadges(url(""), {{url("other"), "SYNCED"}}, dbus::SNAPSHOT_BEGINS);
-  const std::string names(20'001, '/');  // too many: they are not read
-  const std::string badges(names.size(), '\1');
-  extension->send(dbus::INTERFACE, "FolderBadges",
-                  g_variant_new("(tys@ay)", extension->streams[url("")], 0, names.c_str(),
-                                g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, badges.data(), badges.size(), 1)));
+  // Too many: they are not read.
+  sendRaw(extension->streams[url("")], 0, std::string(20'001, '/'), std::string(20'001, '\1'));
   extension->sendFolderBadges(url(""), {}, dbus::SNAPSHOT_ENDS);
-  ASSERT_TRUE(runUntil([&] { return extension->count("RequestSnapshot") == 2; }));
+  ASSERT_TRUE(waitForCalls("RequestSnapshot", 2));
   waitForAll();
   EXPECT_EQ(redraws(), before);
   EXPECT_EQ(manager.emblem(path("a")), SYNCED);
@@ -661,9 +577,8 @@ TEST_F(PluginSnapshots, AnExtensionThatEndsBeforeItsSnapshotTakesNoEmblemAwayTha
   extension.reset();
   startNewExtension();
   extension->sendsSnapshots = false;
-  ASSERT_TRUE(runUntil([&] { return extension->count("RequestSnapshot") == 1; }));
-  extension.reset();
-  settle();
+  ASSERT_TRUE(waitForCalls("RequestSnapshot", 1));
+  endExtension();
   manager.show(path("unseen"));
   EXPECT_EQ(manager.emblem(path("unseen")), SKIPPED);
 }

@@ -18,9 +18,7 @@ std::vector<std::string> texts(GVariant* arguments, gsize index) {
 }
 
 std::string text(GVariant* arguments) {
-  const gchar* result = nullptr;
-  g_variant_get_child(arguments, 0, "&s", &result);
-  return result;
+  return textOf(childOf(arguments, 0));
 }
 
 const std::vector<std::string> BADGES = {"SKIPPED", "PENDING", "SYNCED"};
@@ -84,21 +82,17 @@ void FakeExtension::take(GDBusConnection*, const gchar* sender, const gchar*, co
 
 void FakeExtension::note(const std::string& method, GVariant* arguments) {
   std::string call = method;
-  const auto add = [&call](const std::vector<std::string>& words) {
-    for (const auto& word : words) call += " " + word;
-  };
+  std::vector<std::string> words;
   if (method == "RequestBadges") {
     badgeRequests.push_back(texts(arguments, 0));
   } else if (method == "GetMenu") {
-    menuRequests.push_back(texts(arguments, 0));
-    add(menuRequests.back());
-  } else if (method == "PerformAction") {
-    actions.push_back(texts(arguments, 1));
-    actions.back().insert(actions.back().begin(), text(arguments));
-    add(actions.back());
+    menuRequests.push_back(words = texts(arguments, 0));
   } else {
-    add({text(arguments)});
+    if (method == "PerformAction") words = texts(arguments, 1);
+    words.insert(words.begin(), text(arguments));
+    if (method == "PerformAction") actions.push_back(words);
   }
+  for (const auto& word : words) call += " " + word;
   calls.push_back(call);
 }
 
@@ -139,12 +133,10 @@ void FakeExtension::answer(const std::string& method, GVariant* arguments, GDBus
     if (const auto found = observed.find(text(arguments)); found != observed.end()) observed.erase(found);
     if (!observed.contains(text(arguments))) streams.erase(text(arguments));
   } else if (method == "RequestBadges") {
-    for (const auto& item : answering)
-      if (invalidItems.contains(item)) return refuse("InvalidURL");
     std::vector<std::string> identifiers;
     for (const auto& item : answering) {
-      const auto found = badges.find(item);
-      identifiers.push_back(found == badges.end() ? "" : found->second);
+      if (invalidItems.contains(item)) return refuse("InvalidURL");
+      identifiers.push_back(badges.contains(item) ? badges.at(item) : "");
     }
     values = g_variant_new("(@as)", textList(identifiers));
   } else if (method == "GetMenu") {
@@ -160,8 +152,8 @@ GVariant* FakeExtension::menuOf(const std::vector<std::string>& selection) const
     g_variant_builder_add(&entries, "(ssbs)", TITLES.at(action).c_str(), action.c_str(), static_cast<gboolean>(enabled),
                           image);
   };
-  const bool isOurs = std::all_of(selection.begin(), selection.end(), [this](const std::string& item) {
-    return std::any_of(folders_.begin(), folders_.end(), [&](const auto& folder) { return isWithin(folder, item); });
+  const bool isOurs = std::ranges::all_of(selection, [this](const std::string& item) {
+    return std::ranges::any_of(folders_, [&](const auto& folder) { return isWithin(folder, item); });
   });
   if (const auto found = menus.find(selection.empty() ? "" : selection[0]); found != menus.end()) {
     add("share:", found->second[0], "QMT");
@@ -174,19 +166,15 @@ GVariant* FakeExtension::menuOf(const std::vector<std::string>& selection) const
 
 void FakeExtension::release(const std::string& method) {
   held_.erase(method);
-  const auto waiting = std::exchange(waiting_, {});
-  for (const auto& held : waiting) {
-    if (held.method != method) {
+  for (const auto& held : std::exchange(waiting_, {}))
+    if (held.method == method)
+      answer(method, held.arguments.get(), held.invocation);
+    else
       waiting_.push_back(held);
-      continue;
-    }
-    answer(held.method, held.arguments.get(), held.invocation);
-  }
 }
 
 std::size_t FakeExtension::heldCalls(const std::string& method) const {
-  return static_cast<std::size_t>(
-      std::count_if(waiting_.begin(), waiting_.end(), [&](const Held& held) { return held.method == method; }));
+  return static_cast<std::size_t>(std::ranges::count(waiting_, method, &Held::method));
 }
 
 void FakeExtension::freeze() {
@@ -272,16 +260,12 @@ GVariantPtr FakeExtension::callBus(const char* method, GVariant* arguments) cons
                                                  G_DBUS_CALL_FLAGS_NONE, -1, nullptr, nullptr));
 }
 
-GVariant* FakeExtension::foldersValue() const {
-  return textList(folders_);
-}
-
 GVariant* FakeExtension::property(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* name,
                                   GError** error, gpointer self) {
   auto& extension = *static_cast<FakeExtension*>(self);
   const auto found = extension.nonsense.find(name);
   if (found != extension.nonsense.end()) return g_variant_ref_sink(found->second());
-  if (g_str_equal(name, "ObservedFolders")) return extension.foldersValue();
+  if (g_str_equal(name, "ObservedFolders")) return textList(extension.folders_);
   if (g_str_equal(name, "InterfaceVersion") && extension.interfaceVersion > 1)
     return g_variant_new_uint32(extension.interfaceVersion);
   if (g_str_equal(name, "Badges")) {
@@ -296,7 +280,7 @@ GVariant* FakeExtension::property(GDBusConnection*, const gchar*, const gchar*, 
 
 void FakeExtension::setFolders(const std::vector<std::string>& folders) {
   folders_ = folders;
-  sendChange("ObservedFolders", foldersValue());
+  sendChange("ObservedFolders", textList(folders_));
 }
 
 void FakeExtension::changeProperty(const std::string& name, GVariant* value) {

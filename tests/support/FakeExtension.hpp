@@ -109,7 +109,6 @@ class FakeExtension {
   void note(const std::string& method, GVariant* arguments);
   void answer(const std::string& method, GVariant* arguments, GDBusMethodInvocation* invocation);
   GVariant* menuOf(const std::vector<std::string>& selection) const;
-  GVariant* foldersValue() const;
   void sendChange(const std::string& property, GVariant* value);
   GVariantPtr callBus(const char* method, GVariant* arguments) const;
 

@@ -8,6 +8,7 @@
 #include "Thunarx.hpp"
 #include "dbus/GLibPtr.hpp"
 #include "support/DesktopTest.hpp"
+#include "support/FakeExtension.hpp"
 #include "support/MainContext.hpp"
 #include "support/thunar/FakeFiles.hpp"
 
@@ -29,6 +30,7 @@ using vornet::test::readFile;
 using vornet::test::runUntil;
 using vornet::test::ScopedVariable;
 using vornet::test::settle;
+using vornet::test::urlOf;
 using vornet::test::writeFile;
 using vornet::thunar::FakeFiles;
 
@@ -37,25 +39,24 @@ class ShownMenu {
  public:
   explicit ShownMenu(GList* items = nullptr) : items_(items, thunarx_menu_item_list_free) {}
 
-  std::size_t size() const { return g_list_length(items_.get()); }
+  std::vector<ThunarxMenuItem*> items() const {
+    std::vector<ThunarxMenuItem*> result;
+    for (auto* entry = items_.get(); entry; entry = entry->next) result.push_back(THUNARX_MENU_ITEM(entry->data));
+    return result;
+  }
+  std::size_t size() const { return items().size(); }
   ThunarxMenuItem* item(const std::string& title) const {
-    for (auto* entry = items_.get(); entry; entry = entry->next) {
-      auto* item = THUNARX_MENU_ITEM(entry->data);
+    for (auto* item : items())
       if (text(item, "label") == title) return item;
-    }
     return nullptr;
   }
   std::vector<std::string> titles() const {
     std::vector<std::string> result;
-    for (auto* entry = items_.get(); entry; entry = entry->next)
-      result.push_back(text(THUNARX_MENU_ITEM(entry->data), "label"));
+    for (auto* item : items()) result.push_back(text(item, "label"));
     return result;
   }
   std::size_t enabled() const {
-    std::size_t result = 0;
-    for (auto* entry = items_.get(); entry; entry = entry->next)
-      result += thunarx_menu_item_get_sensitive(THUNARX_MENU_ITEM(entry->data)) ? 1 : 0;
-    return result;
+    return static_cast<std::size_t>(std::ranges::count_if(items(), thunarx_menu_item_get_sensitive));
   }
   void choose(const std::string& title) const {
     ASSERT_NE(item(title), nullptr) << title;
@@ -80,11 +81,12 @@ class Thunar : public DesktopTest {
     unload();
   }
 
-  /// Everything is synced when this returns; the plug-in is loaded.
+  /// Everything is synced when this returns; the plug-in is loaded, and has the answer to its first question.
   void start() {
     startApplication();
     startBus(Extension::real);
     load();
+    answeredMenuOf({url("file")});
   }
   void load() {
     // Thunar's library looks in its own folder only; the path from there leads through the root folder.
@@ -116,11 +118,7 @@ class Thunar : public DesktopTest {
     const FakeFiles files(urls);
     return menuOf(files);
   }
-  std::string url(const std::string& name) const {
-    const std::unique_ptr<gchar, decltype(&g_free)> made(
-        g_filename_to_uri((root + "/" + name).c_str(), nullptr, nullptr), g_free);
-    return made.get();
-  }
+  std::string url(const std::string& name) const { return urlOf(root + "/" + name); }
 
   /// Asks until the sync application's answer is there, as a user would who opens the menu again.
   ShownMenu answeredMenuOf(const std::vector<std::string>& urls) const {
@@ -131,10 +129,12 @@ class Thunar : public DesktopTest {
     }));
     return menu;
   }
-  bool isDone(const std::string& name, const std::vector<std::string>& paths) const {
-    const auto actions = application->actions();
-    return std::any_of(actions.begin(), actions.end(),
-                       [&](const auto& action) { return action.name == name && action.paths == paths; });
+  /// Waits until the sync application has performed the action on these paths.
+  bool performs(const std::string& name, const std::vector<std::string>& paths) const {
+    return runUntil([&] {
+      return std::ranges::any_of(application->actions(),
+                                 [&](const auto& action) { return action.name == name && action.paths == paths; });
+    });
   }
 
   const ScopedVariable display{"DISPLAY", std::nullopt};
@@ -153,7 +153,6 @@ TEST_F(Thunar, ShowsTheEntriesThatTheSyncApplicationOffersAndLeavesTheOthersOut)
 
 TEST_F(Thunar, EntriesShownBeforeTheAnswerAreGreyedAndFollowIt) {
   start();
-  answeredMenuOf({url("file")});
   const auto menu = menuOf({url("folder")});
   EXPECT_EQ(menu.size(), 5u);
   EXPECT_EQ(menu.enabled(), 0u);
@@ -193,13 +192,12 @@ TEST_F(Thunar, AChoiceIsPerformedOnTheSelectionThatTheMenuWasShownFor) {
   const auto menu = answeredMenuOf({url("file"), url("folder")});
   answeredMenuOf({url("other")});
   menu.choose("Share");
-  EXPECT_TRUE(runUntil([&] { return isDone("Share", {"/file", "/folder/"}); }));
+  EXPECT_TRUE(performs("Share", {"/file", "/folder/"}));
   EXPECT_EQ(application->actions().size(), 1u);
 }
 
 TEST_F(Thunar, HasNoEntriesOutsideTheSyncedFolderNorForNothingNorForABackground) {
   start();
-  answeredMenuOf({url("file")});
   EXPECT_EQ(menuOf({"file:///etc/passwd"}).size(), 0u);
   EXPECT_EQ(menuOf({url("file"), "file:///etc/passwd"}).size(), 0u);
   EXPECT_EQ(menuOf({"file://" + root + "-beside/file"}).size(), 0u);
@@ -212,7 +210,6 @@ TEST_F(Thunar, HasNoEntriesOutsideTheSyncedFolderNorForNothingNorForABackground)
 
 TEST_F(Thunar, HasNoEntriesForAVeryLargeSelection) {
   start();
-  answeredMenuOf({url("file")});
   std::vector<std::string> many(1000, url("file"));
   EXPECT_GT(menuOf(many).size(), 0u);
   many.push_back(url("file"));
@@ -220,65 +217,48 @@ TEST_F(Thunar, HasNoEntriesForAVeryLargeSelection) {
 }
 
 TEST_F(Thunar, OddNamesReachTheSyncApplicationAsTheyAre) {
-  const std::vector<std::string> names = {"with space",
-                                          "a:b",
-                                          "100%",
-                                          "100%25",
-                                          "a#b?c",
-                                          "two\nlines",
-                                          "\xF0\x9F\x98\x80",
-                                          "caf\xC3\xA9",
-                                          "cafe\xCC\x81",
-                                          std::string(255, 'x'),
-                                          "quote\"s & <tags>;",
-                                          "_under_score"};
+  const std::vector<std::string> names = {
+      "with space",       "a:b",         "100%",         "100%25",          "a#b?c",        "two\nlines",
+      "\xF0\x9F\x98\x80", "caf\xC3\xA9", "cafe\xCC\x81", "quote\"s & <b>;", "_under_score", std::string(255, 'x')};
   for (const auto& name : names) writeFile(root + "/" + name, "content");
   start();
   for (const auto& name : names) {
     application->setStatus("/" + name, 2);  // it does not sync all of them by itself
-    const auto menu = answeredMenuOf({url(name)});
-    menu.choose("Copy Link");
-    EXPECT_TRUE(runUntil([&] { return isDone("Copy Link", {"/" + name}); })) << name;
+    answeredMenuOf({url(name)}).choose("Copy Link");
+    EXPECT_TRUE(performs("Copy Link", {"/" + name})) << name;
   }
 }
 
 TEST_F(Thunar, HasNoEntriesForANameThatIsNotUtf8) {
   writeFile(root + "/bytes\xFF", "");
   start();
-  answeredMenuOf({url("file")});
   EXPECT_EQ(menuOf({url("bytes\xFF")}).size(), 0u);
   EXPECT_EQ(menuOf({url("file"), url("bytes\xFF")}).size(), 0u);
 }
 
 TEST_F(Thunar, WaitsForNothingWhileTheExtensionIsFrozen) {
   start();
-  answeredMenuOf({url("file")});
   const int process = client->extensionProcess();
   ASSERT_GT(process, 0);
   ASSERT_EQ(::kill(process, SIGSTOP), 0);
   // Two thousand questions to a frozen process: had one waited for it, the test would not come to its end.
   std::size_t enabled = 0;
-  for (int i = 0; i < 1000; ++i) {
-    const auto menu = menuOf({url("folder")});
-    enabled += menu.enabled() + menuOf({url("other")}).enabled();
-  }
+  for (int i = 0; i < 1000; ++i) enabled += menuOf({url("folder")}).enabled() + menuOf({url("other")}).enabled();
   EXPECT_EQ(enabled, 0u);
   const auto menu = menuOf({url("folder")});
   menu.choose("Share");
   ASSERT_EQ(::kill(process, SIGCONT), 0);
-  EXPECT_TRUE(runUntil([&] { return isDone("Share", {"/folder/"}); }));
+  EXPECT_TRUE(performs("Share", {"/folder/"}));
   EXPECT_TRUE(runUntil([&] { return menu.enabled() == 4; }));
 }
 
 TEST_F(Thunar, SurvivesTheExtensionsDeath) {
   start();
-  answeredMenuOf({url("file")});
   const int process = client->extensionProcess();
   ASSERT_EQ(::kill(process, SIGKILL), 0);
   ASSERT_TRUE(runUntil([&] { return client->extensionProcess() != process; }));
-  const auto menu = answeredMenuOf({url("folder")});
-  menu.choose("Share");
-  EXPECT_TRUE(runUntil([&] { return isDone("Share", {"/folder/"}); }));
+  answeredMenuOf({url("folder")}).choose("Share");
+  EXPECT_TRUE(performs("Share", {"/folder/"}));
   EXPECT_NE(client->extensionProcess(), process);
 }
 
@@ -296,28 +276,23 @@ TEST_F(Thunar, IsSilentWhereTheExtensionIsNotInstalled) {
 
 TEST_F(Thunar, ObservesNoFolder) {
   start();
-  answeredMenuOf({url("file")});
   answeredMenuOf({url("folder")}).choose("Share");
-  ASSERT_TRUE(runUntil([&] { return isDone("Share", {"/folder/"}); }));
+  ASSERT_TRUE(performs("Share", {"/folder/"}));
   EXPECT_THAT(readFile(environment.logFile()), Not(IsEmpty()));
   EXPECT_THAT(readFile(environment.logFile()), Not(HasSubstr("ObservingDirectoryAtURL")));
 }
 
 TEST_F(Thunar, LeaksNothingThatThunarHandsOut) {
   start();
-  answeredMenuOf({url("file")});
   int living = 0;
   const auto gone = [](gpointer count, GObject*) { --*static_cast<int*>(count); };
   {
     const FakeFiles files({url("file")});
     const auto menu = menuOf(files);
     ASSERT_EQ(menu.size(), 5u);
-    for (const auto& title : menu.titles()) {
-      g_object_weak_ref(G_OBJECT(menu.item(title)), gone, &living);
-      ++living;
-    }
+    for (auto* item : menu.items()) g_object_weak_ref(G_OBJECT(item), gone, &living);
     g_object_weak_ref(G_OBJECT(files.list()->data), gone, &living);
-    ++living;
+    living = 6;
   }
   EXPECT_EQ(living, 0);
 }
