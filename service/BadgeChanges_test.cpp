@@ -5,13 +5,14 @@
 
 #include <atomic>
 #include <chrono>
+#include <optional>
+#include <stdexcept>
 #include <thread>
 
 #include "platform/FinderSync.hpp"
 #include "support/BusClient.hpp"
 #include "support/PrivateBus.hpp"
 #include "support/TemporaryFolder.hpp"
-#include "support/Threads.hpp"
 
 namespace vornet::service {
 namespace {
@@ -26,7 +27,7 @@ FileURL url(const std::string& path) {
 class BadgeChangesTest : public testing::Test {
  protected:
   BadgeChangesTest() {
-    platform::FIFinderSyncController::defaultController().setDirectoryURLs({FileURL::fileURLWithPath("/R")});
+    platform::FIFinderSyncController::defaultController().setDirectoryURLs({url("/R")});
     observations.begin(client.name(), "/R");
   }
   ~BadgeChangesTest() override {
@@ -83,89 +84,44 @@ TEST_F(BadgeChangesTest, AmendNoNewerChange) {
   EXPECT_TRUE(client.waitForChange("file:///R/amended", "SKIPPED"));
 }
 
-/// A connection whose other end reads nothing until told to.
-class SlowPeer {
- public:
-  SlowPeer() {
+/// Changes that are sent over a connection whose other end reads nothing until told to.
+class BadgeChangesToASlowPeer : public BadgeChangesTest {
+ protected:
+  BadgeChangesToASlowPeer() {
     int ends[2];
-    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) return;
-    near_ = connectionOver(ends[0]);
-    farEnd_ = ends[1];
+    if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0) throw std::runtime_error("no sockets");
+    near = connectionOver(ends[0], G_DBUS_CONNECTION_FLAGS_NONE);
+    farEnd = ends[1];
+    sent.emplace(near.get(), observations, pool);
   }
-  ~SlowPeer() {
-    for (auto* one : {&near_, &far_}) {
-      if (*one) g_dbus_connection_close_sync(one->get(), nullptr, nullptr);
-      one->reset();
-    }
-    const std::lock_guard afterTheLastMessage(lock_);  // the thread sanitizer does not see that GLib's thread is done
+  ~BadgeChangesToASlowPeer() override {
+    sent->stop();
+    endThreads();
+    g_dbus_connection_close_sync(near.get(), nullptr, nullptr);
   }
-  SlowPeer(const SlowPeer&) = delete;
-  SlowPeer& operator=(const SlowPeer&) = delete;
-
-  GDBusConnection* connection() const { return near_.get(); }
 
   void beginReading() {
-    const auto note = +[](GDBusConnection*, GDBusMessage* message, gboolean incoming, gpointer self) {
-      passHandOver();
-      if (incoming) static_cast<SlowPeer*>(self)->take(g_dbus_message_get_body(message));
-      return message;
-    };
-    passHandOver();
-    far_ = connectionOver(farEnd_, note);
+    peer.emplace([this] { return connectionOver(farEnd, G_DBUS_CONNECTION_FLAGS_DELAY_MESSAGE_PROCESSING); });
   }
 
-  /// Waits until `isTrue` holds for the last badges of the items.
-  bool waitUntil(const std::function<bool(const std::map<std::string, std::string>&)>& isTrue) {
-    return test::becomesTrue([&] {
-      const std::lock_guard guard(lock_);
-      return isTrue(badges_);
-    });
-  }
-
- private:
-  GObjectPtr<GDBusConnection> connectionOver(int end, GDBusMessageFilterFunction filter = nullptr) {
+  static GObjectPtr<GDBusConnection> connectionOver(int end, GDBusConnectionFlags flags) {
     const GObjectPtr<GSocket> socket(g_socket_new_from_fd(end, nullptr));
     const GObjectPtr<GSocketConnection> stream(g_socket_connection_factory_create_connection(socket.get()));
-    const auto flags = filter ? G_DBUS_CONNECTION_FLAGS_DELAY_MESSAGE_PROCESSING : G_DBUS_CONNECTION_FLAGS_NONE;
-    GObjectPtr<GDBusConnection> connection(
+    return GObjectPtr<GDBusConnection>(
         g_dbus_connection_new_sync(G_IO_STREAM(stream.get()), nullptr, flags, nullptr, nullptr, nullptr));
-    if (filter) {
-      g_dbus_connection_add_filter(connection.get(), filter, this, nullptr);
-      g_dbus_connection_start_message_processing(connection.get());
-    }
-    return connection;
   }
 
-  /// GLib hands this object to its thread, but it is not instrumented: the thread sanitizer sees no order.
-  static void passHandOver() {
-    static std::mutex lock;
-    const std::lock_guard guard(lock);
-  }
-
-  void take(GVariant* body) {
-    const std::lock_guard guard(lock_);
-    if (!g_variant_is_of_type(body, G_VARIANT_TYPE("(a(ss))"))) return;
-    GVariantIter* changes = nullptr;
-    g_variant_get(body, "(a(ss))", &changes);
-    const gchar *url = nullptr, *identifier = nullptr;
-    while (g_variant_iter_next(changes, "(&s&s)", &url, &identifier)) badges_[url] = identifier;
-    g_variant_iter_free(changes);
-  }
-
-  std::mutex lock_;
-  std::map<std::string, std::string> badges_;
-  int farEnd_ = -1;
-  GObjectPtr<GDBusConnection> near_;
-  GObjectPtr<GDBusConnection> far_;
+  GObjectPtr<GDBusConnection> near;
+  int farEnd = -1;
+  std::optional<BadgeChanges> sent;
+  std::optional<test::BusClient> peer;
 };
 
-TEST_F(BadgeChangesTest, WaitForABusThatDoesNotReadAndLoseNothing) {
-  SlowPeer peer;
-  BadgeChanges sent(peer.connection(), observations, pool);
+TEST_F(BadgeChangesToASlowPeer, WaitUntilItReadsAndLoseNothing) {
   constexpr int COUNT = 300'000;
   int added = 0;
   const auto addUntilFull = [&] {
-    while (added < COUNT && sent.add(url("/R/" + std::to_string(added)), "PENDING")) ++added;
+    while (added < COUNT && sent->add(url("/R/" + std::to_string(added)), "PENDING")) ++added;
     ++added;  // the one that filled it was taken as well
   };
   // Whenever the connection has taken its share, there is room again; but that share is bounded.
@@ -176,34 +132,29 @@ TEST_F(BadgeChangesTest, WaitForABusThatDoesNotReadAndLoseNothing) {
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
   }
   EXPECT_LT(added, COUNT / 2);
-  sent.add(url("/R/0"), "SYNCED");
-  peer.beginReading();
-  EXPECT_TRUE(peer.waitUntil([&](const auto& badges) {
-    return badges.size() == static_cast<std::size_t>(added) && badges.at("file:///R/0") == "SYNCED";
-  }));
-  EXPECT_TRUE(sent.add(url("/R/0"), "SKIPPED"));
-  EXPECT_TRUE(peer.waitUntil([](const auto& badges) { return badges.at("file:///R/0") == "SKIPPED"; }));
-  sent.stop();
-  endThreads();
+  sent->add(url("/R/0"), "SYNCED");
+  beginReading();
+  EXPECT_TRUE(peer->waitUntil([&] { return peer->changes().size() == static_cast<std::size_t>(added); }));
+  EXPECT_TRUE(peer->waitForChange("file:///R/0", "SYNCED"));
+  EXPECT_TRUE(sent->add(url("/R/0"), "SKIPPED"));
+  EXPECT_TRUE(peer->waitForChange("file:///R/0", "SKIPPED"));
 }
 
-TEST_F(BadgeChangesTest, SayWhenTheConnectionHasRoomAgain) {
-  SlowPeer peer;
-  BadgeChanges sent(peer.connection(), observations, pool);
+TEST_F(BadgeChangesToASlowPeer, SayWhenTheConnectionHasRoomAgain) {
   std::atomic<int> heard = 0;
-  sent.whenRoom([&] { ++heard; });
+  sent->whenRoom([&] { ++heard; });
   FolderBadges badges;
   for (int i = 0; i < 5'000; ++i) badges.add("an item with a name of some length " + std::to_string(i), "");
-  for (int messages = 0; sent.hasRoom(); ++messages) {
+  for (int messages = 0; sent->hasRoom(); ++messages) {
     ASSERT_LT(messages, 100);
-    const std::lock_guard answering(sent.emission());
-    sent.sendNow(":1.1", 1, badges, true);
+    const std::lock_guard answering(sent->emission());
+    sent->sendNow(":1.1", 1, badges, true);
   }
   const int before = heard;
-  EXPECT_FALSE(sent.hasRoom());
-  peer.beginReading();
-  EXPECT_TRUE(test::becomesTrue([&] { return sent.hasRoom() && heard > before; }));
-  sent.stop();
+  EXPECT_FALSE(sent->hasRoom());
+  beginReading();
+  EXPECT_TRUE(peer->waitUntil([&] { return sent->hasRoom() && heard > before; }));
+  sent->stop();  // before the count that it is told goes
 }
 
 TEST_F(BadgeChangesTest, ReplaceAWaitingChangeByALaterAnswer) {

@@ -17,29 +17,32 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 using Clock = std::chrono::steady_clock;
 
+/// A lock that keeps everybody else from reading the database.
+class DatabaseLock : public Database {
+ public:
+  explicit DatabaseLock(const std::filesystem::path& path) : Database(path) { run("BEGIN EXCLUSIVE"); }
+};
+
 class ExtensionBadges : public ExtensionTest {
  protected:
   std::size_t failedLookUps() const { return logged("[SyncDB] pathSyncStatus: Cannot prepare SQL statement\n"); }
 };
 
 TEST_F(ExtensionBadges, AnswersBadgesInTheOrderAsked) {
-  makeDatabase({{"/x", 2}, {"/y", 1}, {"/a b", 0}, {"/d/", 2}, {"/odd", 7}});
-  startConfigured();
+  startConfigured({{"/x", 2}, {"/y", 1}, {"/a b", 0}, {"/d/", 2}, {"/odd", 7}});
   EXPECT_THAT(badges({"y", "x", "a%20b", "d", "gone", "odd", "x"}),
               ElementsAre("PENDING", "SYNCED", "SKIPPED", "SYNCED", "", "", "SYNCED"));
   EXPECT_THAT(client->requestBadges({}).texts(), IsEmpty());
 }
 
 TEST_F(ExtensionBadges, ItemsOutsideTheSyncedFolderAndNamesThatAreNotUTF8HaveNoBadge) {
-  makeDatabase({{"/x", 2}, {"/", 2}, {root, 2}, {"/etc", 2}});
-  startConfigured();
+  startConfigured({{"/x", 2}, {"/", 2}, {root, 2}, {"/etc", 2}});
   EXPECT_THAT(client->requestBadges({"file:///etc", url("%FF%FE"), url(), url("x"), "file://" + root + "x"}).texts(),
               ElementsAre("", "", "", "SYNCED", ""));
 }
 
 TEST_F(ExtensionBadges, RefusesMalformedURLsAndOverlongBatchesWhole) {
-  makeDatabase({{"/x", 2}});
-  startConfigured();
+  startConfigured({{"/x", 2}});
   EXPECT_EQ(client->requestBadges({url("x"), "nonsense"}).error, "InvalidURL");
   EXPECT_EQ(client->requestBadges({url("../x")}).error, "InvalidURL");
   EXPECT_EQ(client->requestBadges(std::vector<std::string>(10'001, url("x"))).error, "TooManyURLs");
@@ -51,11 +54,10 @@ TEST_F(ExtensionBadges, SendsChangedBadgesToTheirObserversAlone) {
   SyncApplication application;
   application.setStatus("/x", 1);
   application.setStatus("/y", 1);
-  startConfigured();
+  startObserving();
   BusClient bystander(bus->address());
   BusClient elsewhere(bus->address());
   ASSERT_TRUE(elsewhere.beginObserving(url("d")));
-  ASSERT_TRUE(client->beginObserving(url()));
   ASSERT_TRUE(application.waitForRequests(2));
   ASSERT_TRUE(waitForBadge("x", "PENDING"));
   application.setStatus("/x", 2);
@@ -67,21 +69,10 @@ TEST_F(ExtensionBadges, SendsChangedBadgesToTheirObserversAlone) {
   EXPECT_EQ(bystander.signals() + elsewhere.signals(), 0u);
 }
 
-TEST_F(ExtensionBadges, AnEmptiedIdentifierIsSentToo) {
-  SyncApplication application;
-  application.setStatus("/x", 2);
-  startConfigured();
-  ASSERT_TRUE(client->beginObserving(url()));
-  ASSERT_TRUE(waitForBadge("x", "SYNCED"));
-  application.setStatus("/x", -1);
-  EXPECT_TRUE(client->waitForChange(url("x"), ""));
-}
-
 TEST_F(ExtensionBadges, ManyChangesComeInFewSignals) {
   SyncApplication application;
   for (int i = 0; i < 5000; ++i) application.setStatus("/" + std::to_string(i), 1);
-  startConfigured();
-  ASSERT_TRUE(client->beginObserving(url()));
+  startObserving();
   ASSERT_TRUE(waitForBadge("4999", "PENDING"));
   for (int i = 0; i < 5000; ++i) application.setStatus("/" + std::to_string(i), 2);
   // Single settings may fall into two passes; all arrive, in far fewer signals than changes.
@@ -93,15 +84,10 @@ TEST_F(ExtensionBadges, ManyChangesComeInFewSignals) {
 }
 
 TEST_F(ExtensionBadges, AnAnswerFromBeforeTheFolderWasFilledIsCorrectedEvenIfItHadNoBadge) {
-  makeDatabase({{"/x", 1}, {"/y", 7}});
   Gate asked;
   SyncApplication application;
-  application.setAnswer("/", [&asked](const WireRequest&) {
-    asked.passInTime();
-    return WireReply{.body = R"({"/x":2,"/y":2})"};
-  });
-  startConfigured();
-  ASSERT_TRUE(client->beginObserving(url()));
+  application.setAnswer("/", answerAfter(asked, R"({"/x":2,"/y":2})"));
+  startObserving({{"/x", 1}, {"/y", 7}});
   EXPECT_THAT(badges({"x", "y"}), ElementsAre("PENDING", ""));
   asked.open();
   EXPECT_TRUE(client->waitForChange(url("x"), "SYNCED"));
@@ -109,16 +95,13 @@ TEST_F(ExtensionBadges, AnAnswerFromBeforeTheFolderWasFilledIsCorrectedEvenIfItH
 }
 
 TEST_F(ExtensionBadges, CachedBadgesAreAnsweredWhileLookUpsMeetALockedDatabase) {
-  makeDatabase({{"/d/0", 2}});
   SyncApplication application;
   application.setStatus("/x", 2);
-  startConfigured();
+  startObserving({{"/d/0", 2}});
   BusClient second(bus->address());
-  ASSERT_TRUE(client->beginObserving(url()));
   ASSERT_TRUE(waitForBadge("x", "SYNCED"));
 
-  Database writer(database());
-  writer.run("BEGIN EXCLUSIVE");
+  const DatabaseLock lock(database());
   std::vector<std::string> batch;
   for (int i = 0; i < 500; ++i) batch.push_back(url("d/" + std::to_string(i)));
   int answered = 0;
@@ -137,21 +120,19 @@ TEST_F(ExtensionBadges, CachedBadgesAreAnsweredWhileLookUpsMeetALockedDatabase) 
 }
 
 TEST_F(ExtensionBadges, ALockedDatabaseRemovesNoBadgeAndItsChangesAreSentOnceItIsUnlocked) {
-  makeDatabase({{"/x", 2}, {"/y", 2}, {"/d/x", 2}, {"/d/y", 1}, {"/d/z", 2}});
-  startConfigured();  // without a sync application: no folder is ever filled
+  // Without a sync application: no folder is ever filled.
+  startObserving({{"/x", 2}, {"/y", 2}, {"/d/x", 2}, {"/d/y", 1}, {"/d/z", 2}}, "d");
   BusClient bystander(bus->address());
   ASSERT_TRUE(bystander.beginObserving(url("d")));
-  ASSERT_TRUE(client->beginObserving(url("d")));
   ASSERT_THAT(badges({"d/x", "d/z", "x"}), Each("SYNCED"));
 
-  Database writer(database());
-  writer.run("BEGIN EXCLUSIVE");
+  DatabaseLock lock(database());
   EXPECT_THAT(badges({"d/x", "d/y", "d/z", "x", "y"}), ElementsAre("SYNCED", "", "SYNCED", "SYNCED", ""));
   // Over several look-ups that fail.
   ASSERT_TRUE(client->waitUntil([&] { return failedLookUps() > 6; }));
   EXPECT_EQ(client->signals(), 0u);
 
-  writer.run("UPDATE ea SET status = 0 WHERE path IN ('/d/x', '/x'); COMMIT");
+  lock.run("UPDATE ea SET status = 0 WHERE path IN ('/d/x', '/x'); COMMIT");
   EXPECT_TRUE(client->waitForChange(url("d/x"), "SKIPPED"));
   EXPECT_TRUE(client->waitForChange(url("d/y"), "PENDING"));
   EXPECT_TRUE(client->waitForChange(url("x"), "SKIPPED")) << "though its folder is not observed";
@@ -163,13 +144,11 @@ TEST_F(ExtensionBadges, ALockedDatabaseRemovesNoBadgeAndItsChangesAreSentOnceItI
 }
 
 TEST_F(ExtensionBadges, AnAnswerGivenAfterTheLockIsNotRepeatedAsASignal) {
-  makeDatabase({{"/x", 2}});
-  startConfigured();
+  startConfigured({{"/x", 2}});
   BusClient waiting(bus->address());
-  Database writer(database());
-  writer.run("BEGIN EXCLUSIVE");
+  DatabaseLock lock(database());
   for (auto* each : {&*client, &waiting}) ASSERT_THAT(each->requestBadges({url("x")}).texts(), ElementsAre(""));
-  writer.run("COMMIT");
+  lock.run("COMMIT");
   EXPECT_EQ(badge("x"), "SYNCED");
   client->forgetChanges();  // one may have come before the answer
   EXPECT_TRUE(waiting.waitForChange(url("x"), "SYNCED"));
@@ -178,27 +157,23 @@ TEST_F(ExtensionBadges, AnAnswerGivenAfterTheLockIsNotRepeatedAsASignal) {
 }
 
 TEST_F(ExtensionBadges, MoreItemsThanCanBeLookedUpAgainAreRefused) {
-  makeDatabase({{"/x", 2}});
-  startConfigured();
-  Database writer(database());
-  writer.run("BEGIN EXCLUSIVE");
+  startConfigured({{"/x", 2}});
+  DatabaseLock lock(database());
   std::vector<std::string> batch(10'000);
   for (int call = 0; call < 3; ++call) {
     for (std::size_t i = 0; i < batch.size(); ++i) batch[i] = url(std::to_string(call) + "-" + std::to_string(i));
     EXPECT_EQ(client->requestBadges(batch).error, call < 2 ? "" : "Busy");
   }
-  writer.run("COMMIT");
+  lock.run("COMMIT");
   EXPECT_TRUE(client->waitUntil([&] { return client->requestBadges(batch).error.empty(); }));
 }
 
 TEST_F(ExtensionBadges, AClientThatLeavesIsForgottenAlsoWhileItsAnswersAreInDoubt) {
-  makeDatabase({{"/x", 2}});
-  startConfigured();
-  client->property("Version");
+  startConfigured({{"/x", 2}});
+  process();
   const auto before = client->extensionsMatchRules();
   ASSERT_TRUE(before);
-  Database writer(database());
-  writer.run("BEGIN EXCLUSIVE");
+  const DatabaseLock lock(database());
   std::optional<BusClient> second(bus->address());
   ASSERT_THAT(second->requestBadges({url("x")}).texts(), ElementsAre(""));
   ASSERT_TRUE(client->waitUntil([&] { return client->extensionsMatchRules() > before; }));
@@ -209,9 +184,7 @@ TEST_F(ExtensionBadges, AClientThatLeavesIsForgottenAlsoWhileItsAnswersAreInDoub
 }
 
 TEST_F(ExtensionBadges, AnAnswerIsNotRepeatedAsASignal) {
-  makeDatabase({{"/x", 2}, {"/y", 1}});
-  startConfigured();
-  ASSERT_TRUE(client->beginObserving(url()));
+  startObserving({{"/x", 2}, {"/y", 1}});
   for (int i = 0; i < 3; ++i) client->requestBadges({url("x"), url("y")});
   client->forgetChanges();
   client->property("Version");
@@ -219,10 +192,8 @@ TEST_F(ExtensionBadges, AnAnswerIsNotRepeatedAsASignal) {
 }
 
 TEST_F(ExtensionBadges, AChangeFoundByOneClientsRequestIsSentToTheOthers) {
-  makeDatabase({{"/x", 1}});
-  startConfigured();
+  startObserving({{"/x", 1}});
   BusClient second(bus->address());
-  ASSERT_TRUE(client->beginObserving(url()));
   ASSERT_EQ(badge("x"), "PENDING");
   Database(database()).run("UPDATE ea SET status = 2");
   ASSERT_THAT(second.requestBadges({url("x")}).texts(), ElementsAre("SYNCED"));

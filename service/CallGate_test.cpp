@@ -2,7 +2,6 @@
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
 #include <optional>
 #include <string>
 #include <vector>
@@ -13,12 +12,13 @@
 namespace vornet::service {
 namespace {
 
+using test::BusClient;
 using testing::ElementsAre;
-
+using testing::UnorderedElementsAreArray;
 using Reason = CallGate::Reason;
 
 GVariant* urls(std::size_t count, std::size_t length = 10) {
-  return test::BusClient::urlArguments(std::vector<std::string>(count, "file:///" + std::string(length, 'a')));
+  return BusClient::urlArguments(std::vector<std::string>(count, "file:///" + std::string(length, 'a')));
 }
 
 /// An open gate, with its input and output as messages.
@@ -28,7 +28,8 @@ class CallGateTest : public testing::Test {
 
   CallGateTest() { gate.open(); }
 
-  std::string blob(const GObjectPtr<GDBusMessage>& message, const std::string& sender) {
+  std::string blob(const GObjectPtr<GDBusMessage>& message, const std::string& sender, GVariant* body = nullptr) {
+    if (body) g_dbus_message_set_body(message.get(), body);
     g_dbus_message_set_sender(message.get(), sender.c_str());
     g_dbus_message_set_serial(message.get(), ++serial);
     return test::bytesOf(message);
@@ -37,9 +38,12 @@ class CallGateTest : public testing::Test {
                    bool unawaited = false) {
     const GObjectPtr<GDBusMessage> message(
         g_dbus_message_new_method_call("com.example.Name", "/a", "com.example.I", member.c_str()));
-    if (body) g_dbus_message_set_body(message.get(), body);
     if (unawaited) g_dbus_message_set_flags(message.get(), G_DBUS_MESSAGE_FLAGS_NO_REPLY_EXPECTED);
-    return blob(message, client);
+    return blob(message, client, body);
+  }
+  std::string signal(const std::string& sender, const std::string& member, GVariant* body = nullptr) {
+    const GObjectPtr<GDBusMessage> message(g_dbus_message_new_signal("/a", "com.example.I", member.c_str()));
+    return blob(message, sender, body);
   }
   /// Has the gate take the same call so many times.
   void take(std::size_t times, const std::string& client, const std::string& member, std::size_t urlsOfEach = 0,
@@ -52,9 +56,7 @@ class CallGateTest : public testing::Test {
     std::vector<std::string> result;
     std::string message;
     char buffer[1000];
-    for (;;) {
-      const std::size_t count = gate.give(buffer, sizeof buffer);
-      if (count == 0) break;
+    while (const std::size_t count = gate.give(buffer, sizeof buffer)) {
       message.append(buffer, count);
       if (message.size() < MESSAGE_START || message.size() < messageLength(message)->total) continue;
       result.push_back(message);
@@ -64,9 +66,9 @@ class CallGateTest : public testing::Test {
     EXPECT_FALSE(gate.hasSomething());
     return result;
   }
-  std::vector<std::string> sendersOfPassed() {
+  static std::vector<std::string> sendersOf(const std::vector<std::string>& messages) {
     std::vector<std::string> result;
-    for (const auto& message : passed()) result.emplace_back(readMessageHeader(message)->sender);
+    for (const auto& message : messages) result.emplace_back(readMessageHeader(message)->sender);
     return result;
   }
   std::vector<Reason> refusals() {
@@ -74,15 +76,15 @@ class CallGateTest : public testing::Test {
     while (const auto refusal = gate.nextRefusal()) result.push_back(refusal->reason);
     return result;
   }
-  /// Everything that waits goes through, a call answered as soon as it has passed. The senders in order.
+  /// Everything that waits goes through, a call answered as soon as it has passed. The messages in order.
   std::vector<std::string> serveAll() {
     std::vector<std::string> result;
     for (auto messages = passed(); !messages.empty(); messages = passed()) {
-      for (const auto& message : messages) {
+      for (auto& message : messages) {
         const auto header = readMessageHeader(message);
-        result.emplace_back(header->sender);
-        gate.answered(result.back(), header->serial);
-        gate.doneWith(result.back(), header->serial);
+        gate.answered(std::string(header->sender), header->serial);
+        gate.doneWith(std::string(header->sender), header->serial);
+        result.push_back(std::move(message));
       }
     }
     return result;
@@ -93,20 +95,17 @@ class CallGateTest : public testing::Test {
 };
 
 TEST_F(CallGateTest, PassesMessagesOnUnchangedHoweverTheyWereCut) {
-  std::vector<std::string> sent{call(":1.1", "RequestBadges", urls(3)), call(":1.1", "Ping"),
-                                call(":1.1", "BeginObserving", g_variant_new("(s)", "file:///a"))};
+  const std::vector<std::string> sent{call(":1.1", "RequestBadges", urls(3)), call(":1.1", "Ping"),
+                                      call(":1.1", "BeginObserving", BusClient::textArgument("file:///a"))};
   std::string stream;
   for (const auto& message : sent) stream += message;
   for (const std::size_t piece : {1u, 7u, 16u, 100u, 100'000u}) {
     std::vector<std::string> got;
     for (std::size_t from = 0; from < stream.size(); from += piece) {
       ASSERT_TRUE(gate.take(std::string_view(stream).substr(from, piece)));
-      for (auto& message : passed()) got.push_back(std::move(message));
+      for (auto& message : serveAll()) got.push_back(std::move(message));
     }
-    std::sort(got.begin(), got.end());
-    std::sort(sent.begin(), sent.end());
-    EXPECT_EQ(got, sent) << piece;
-    for (std::uint32_t number = 1; number <= serial; ++number) gate.answered(":1.1", number);
+    EXPECT_THAT(got, UnorderedElementsAreArray(sent)) << piece;
   }
   EXPECT_THAT(refusals(), ElementsAre());
 }
@@ -132,9 +131,9 @@ TEST_F(CallGateTest, RefusesCallsThatAreTooLargeWithoutStoringThem) {
   take(1, ":1.1", "RequestBadges", 10'001);
   ASSERT_TRUE(gate.take(call(":1.1", "GetMenu", urls(2, dbus::MAX_BYTES_OF_LIST))));
   ASSERT_TRUE(gate.take(call(":1.1", "RequestBadges", urls(2, dbus::MAX_BYTES_OF_LIST), UNAWAITED)));
-  ASSERT_TRUE(gate.take(
-      call(":1.1", "BeginObserving", g_variant_new("(s)", std::string(dbus::MAX_BYTES_OF_OTHERS, 'a').c_str()))));
-  ASSERT_TRUE(gate.take(call(":1.1", "RequestBadges", g_variant_new("(s)", std::string(100'000, 'a').c_str()))));
+  ASSERT_TRUE(
+      gate.take(call(":1.1", "BeginObserving", BusClient::textArgument(std::string(dbus::MAX_BYTES_OF_OTHERS, 'a')))));
+  ASSERT_TRUE(gate.take(call(":1.1", "RequestBadges", BusClient::textArgument(std::string(100'000, 'a')))));
   EXPECT_THAT(passed(), ElementsAre());
   EXPECT_THAT(refusals(), ElementsAre(Reason::tooManyURLs, Reason::tooManyURLs, Reason::tooLarge, Reason::tooLarge));
   take(1, ":1.1", "RequestBadges", 10'000);
@@ -145,7 +144,7 @@ TEST_F(CallGateTest, AMessageWithAnOverlongHeaderIsThrownAway) {
   const GObjectPtr<GDBusMessage> message(
       g_dbus_message_new_method_call("com.example.Name", ("/" + std::string(20'000, 'a')).c_str(), nullptr, "Ping"));
   ASSERT_TRUE(gate.take(blob(message, ":1.1") + call(":1.2", "Ping")));
-  EXPECT_THAT(sendersOfPassed(), ElementsAre(":1.2"));
+  EXPECT_THAT(sendersOf(passed()), ElementsAre(":1.2"));
 }
 
 TEST_F(CallGateTest, LimitsTheCallsOfEachClientSeparately) {
@@ -175,20 +174,18 @@ TEST_F(CallGateTest, CallsThatAwaitNoAnswerCountUntilTheyAreDoneWith) {
 
 TEST_F(CallGateTest, AnAnswerMakesRoomForItsOwnCallOnly) {
   // The client gives a call without an answer the serial of another, which is soon answered.
-  serial = 6;
   ASSERT_TRUE(gate.take(call(":1.1", "GetMenu", urls(600), UNAWAITED)));
-  serial = 6;
+  serial = 0;
   take(1, ":1.1", "GetMenu", 1);
   ASSERT_EQ(passed().size(), 2u);
-  gate.answered(":1.1", 7);
+  gate.answered(":1.1", serial);
   take(1, ":1.2", "GetMenu", 600);
   EXPECT_THAT(passed(), ElementsAre()) << "the long call is still in flight";
 }
 
 TEST_F(CallGateTest, UnawaitedCallsOfOneSerialAreDistinguished) {
-  serial = 6;
   ASSERT_TRUE(gate.take(call(":1.1", "GetMenu", urls(600), UNAWAITED)));
-  serial = 6;
+  serial = 0;
   ASSERT_TRUE(gate.take(call(":1.1", "GetMenu", urls(1), UNAWAITED)));
   const auto given = passed();
   ASSERT_EQ(given.size(), 2u);
@@ -196,7 +193,7 @@ TEST_F(CallGateTest, UnawaitedCallsOfOneSerialAreDistinguished) {
   take(1, ":1.2", "GetMenu", 600);
   EXPECT_THAT(passed(), ElementsAre()) << "the long call is still in flight";
   gate.doneWith(":1.1", readMessageHeader(given[0])->serial);
-  EXPECT_THAT(sendersOfPassed(), ElementsAre(":1.2"));
+  EXPECT_THAT(sendersOf(passed()), ElementsAre(":1.2"));
 }
 
 TEST_F(CallGateTest, LimitsTheBytesThatWaitAndRefusesTheHeaviest) {
@@ -211,21 +208,15 @@ TEST_F(CallGateTest, LimitsTheBytesThatWaitAndRefusesTheHeaviest) {
   EXPECT_THAT(refusals(), ElementsAre()) << "a client that asks for little is served while others fill the store";
 
   std::size_t bytes = 0;
-  for (auto messages = passed(); !messages.empty(); messages = passed()) {
-    for (const auto& message : messages) {
-      bytes += message.size();
-      gate.answered(std::string(readMessageHeader(message)->sender), readMessageHeader(message)->serial);
-    }
-  }
+  for (const auto& message : serveAll()) bytes += message.size();
   EXPECT_LE(bytes, CallGate::MAX_BYTES + CallGate::MAX_RESERVED_BYTES);
   take(1, ":1.1", "RequestBadges", 1000, 1000);
   EXPECT_THAT(refusals(), ElementsAre());
 }
 
 TEST_F(CallGateTest, TheReserveForSmallCallsIsBoundedToo) {
-  std::size_t taken = 0;
   for (int client = 0; client < 2000; ++client) take(2, ":1." + std::to_string(client), "Ping", 25, 1000);
-  taken = 4000 - refusals().size();
+  const std::size_t taken = 4000 - refusals().size();
   EXPECT_LE(taken * 25'000, CallGate::MAX_BYTES + CallGate::MAX_RESERVED_BYTES);
   EXPECT_GT(taken * 25'000, CallGate::MAX_BYTES);
 }
@@ -237,14 +228,14 @@ TEST_F(CallGateTest, OneClientNeverTakesEveryPlace) {
   EXPECT_EQ(passed().size(), 2u);
   take(1, ":1.3", "GetMenu", 1);
   take(1, ":1.3", "RequestBadges", 1);
-  EXPECT_THAT(sendersOfPassed(), ElementsAre(":1.3", ":1.3")) << "menus take no badges' places";
+  EXPECT_THAT(sendersOf(passed()), ElementsAre(":1.3", ":1.3")) << "menus take no badges' places";
 }
 
 TEST_F(CallGateTest, FewLongCallsAreInFlightAtATimeAndShortOnesPassThem) {
   for (int client = 0; client < 20; ++client) take(1, ":1." + std::to_string(client), "RequestBadges", 10'000, 50);
   EXPECT_EQ(passed().size(), 2u);
   take(1, ":2.1", "RequestBadges", 500);
-  EXPECT_THAT(sendersOfPassed(), ElementsAre(":2.1"));
+  EXPECT_THAT(sendersOf(passed()), ElementsAre(":2.1"));
   EXPECT_EQ(passed().size(), 0u);
 }
 
@@ -257,58 +248,32 @@ TEST_F(CallGateTest, LongCallsAreBoundedByWhatTheyTakeInMemory) {
 TEST_F(CallGateTest, ClientsTakeTurnsByWhatTheyAskFor) {
   take(3, ":1.1", "RequestBadges", 10'000);
   take(1, ":1.2", "RequestBadges", 501);
-  std::vector<std::string> order;
-  for (int i = 0; i < 4; ++i) {
-    char buffer[1'000'000];
-    const std::size_t count = gate.give(buffer, sizeof buffer);
-    const auto header = readMessageHeader({buffer, count});
-    ASSERT_TRUE(header);
-    order.emplace_back(header->sender);
-    gate.answered(order.back(), header->serial);
-  }
-  EXPECT_THAT(order, ElementsAre(":1.2", ":1.1", ":1.1", ":1.1"));
+  EXPECT_THAT(sendersOf(serveAll()), ElementsAre(":1.2", ":1.1", ":1.1", ":1.1"));
 }
 
 TEST_F(CallGateTest, ObservingCallsOfAClientKeepTheirOrder) {
   const char* const methods[] = {"BeginObserving", "RequestSnapshot", "EndObserving"};
   std::vector<std::string> sent;
   for (int i = 0; i < 501; ++i) {
-    const std::string url = "file:///" + std::to_string(i);
-    sent.push_back(call(":1.1", methods[i % 3], g_variant_new("(s)", url.c_str())));
+    sent.push_back(call(":1.1", methods[i % 3], BusClient::textArgument("file:///" + std::to_string(i))));
     ASSERT_TRUE(gate.take(sent.back()));
   }
-  std::vector<std::string> got;
-  for (auto messages = passed(); !messages.empty(); messages = passed()) {
-    for (auto& message : messages) {
-      gate.answered(":1.1", readMessageHeader(message)->serial);
-      got.push_back(std::move(message));
-    }
-  }
-  EXPECT_EQ(got, sent);
+  EXPECT_EQ(serveAll(), sent);
 }
 
 TEST_F(CallGateTest, TheBussOwnMessagesAreNeverHeldBack) {
   take(100, ":1.1", "GetMenu", 1);
   passed();
-  for (int i = 0; i < 1000; ++i) {
-    const GObjectPtr<GDBusMessage> signal(
-        g_dbus_message_new_signal("/org/freedesktop/DBus", "org.freedesktop.DBus", "NameOwnerChanged"));
-    ASSERT_TRUE(gate.take(blob(signal, "org.freedesktop.DBus")));
-  }
+  for (int i = 0; i < 1000; ++i) ASSERT_TRUE(gate.take(signal("org.freedesktop.DBus", "NameOwnerChanged")));
   EXPECT_EQ(passed().size(), 1000u);
 }
 
 TEST_F(CallGateTest, OtherMessagesOfClientsAreBoundedAndTakeNoPlace) {
-  for (int i = 0; i < 1000; ++i) {
-    const GObjectPtr<GDBusMessage> signal(g_dbus_message_new_signal("/a", "com.example.I", "RequestBadges"));
-    ASSERT_TRUE(gate.take(blob(signal, ":1.1")));
-  }
+  for (int i = 0; i < 1000; ++i) ASSERT_TRUE(gate.take(signal(":1.1", "RequestBadges")));
   EXPECT_EQ(passed().size(), dbus::MAX_OTHER_CALLS);
   take(1, ":1.1", "Ping");
   EXPECT_EQ(passed().size(), 1u);
-  const GObjectPtr<GDBusMessage> large(g_dbus_message_new_signal("/a", "com.example.I", "S"));
-  g_dbus_message_set_body(large.get(), g_variant_new("(s)", std::string(dbus::MAX_BYTES_OF_OTHERS, 'a').c_str()));
-  ASSERT_TRUE(gate.take(blob(large, ":1.1")));
+  ASSERT_TRUE(gate.take(signal(":1.1", "S", BusClient::textArgument(std::string(dbus::MAX_BYTES_OF_OTHERS, 'a')))));
   EXPECT_EQ(passed().size(), 0u);
   EXPECT_THAT(refusals(), ElementsAre());
 }

@@ -1,6 +1,6 @@
 #include "MessageHeader.hpp"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <string>
 #include <vector>
@@ -10,7 +10,10 @@
 namespace vornet::service {
 namespace {
 
+using test::BusClient;
 using test::textList;
+using testing::FieldsAre;
+using testing::Optional;
 
 std::string messageOf(GVariant* body, GDBusMessageByteOrder order = G_DBUS_MESSAGE_BYTE_ORDER_LITTLE_ENDIAN) {
   const GObjectPtr<GDBusMessage> message(
@@ -31,19 +34,14 @@ std::optional<std::size_t> countIn(const std::string& message, std::size_t most 
 
 TEST(MessageHeader, GivesLengthSenderAndMemberInBothByteOrders) {
   for (const auto order : {G_DBUS_MESSAGE_BYTE_ORDER_LITTLE_ENDIAN, G_DBUS_MESSAGE_BYTE_ORDER_BIG_ENDIAN}) {
-    const auto bytes = messageOf(g_variant_new("(@as)", textList({"one", "two"})), order);
+    const auto bytes = messageOf(BusClient::urlArguments({"one", "two"}), order);
     const auto length = messageLength(bytes);
     ASSERT_TRUE(length);
     EXPECT_EQ(length->total, bytes.size());
     EXPECT_LT(length->header, bytes.size());
-    const auto header = readMessageHeader(bytes);
-    ASSERT_TRUE(header);
-    EXPECT_EQ(header->type, MessageType::call);
-    EXPECT_EQ(header->sender, ":1.7");
-    EXPECT_EQ(header->member, "Member");
-    EXPECT_EQ(header->signature, "as");
-    EXPECT_EQ(header->serial, 0x01020304u);
-    EXPECT_TRUE(header->replyExpected);
+    const bool bigEndian = order == G_DBUS_MESSAGE_BYTE_ORDER_BIG_ENDIAN;
+    EXPECT_THAT(readMessageHeader(bytes), Optional(FieldsAre(MessageType::call, bigEndian, /*replyExpected=*/true,
+                                                             0x01020304u, "Member", ":1.7", "as")));
     EXPECT_EQ(countIn(bytes), 2u);
   }
 }
@@ -51,36 +49,26 @@ TEST(MessageHeader, GivesLengthSenderAndMemberInBothByteOrders) {
 TEST(MessageHeader, KnowsWhetherAnAnswerIsAwaited) {
   auto bytes = messageOf(nullptr);
   bytes[2] = 1;
-  const auto header = readMessageHeader(bytes);
-  ASSERT_TRUE(header);
-  EXPECT_FALSE(header->replyExpected);
+  EXPECT_FALSE(readMessageHeader(bytes).value().replyExpected);
 }
 
 TEST(MessageHeader, RefusesMalformedMessages) {
   const auto good = messageOf(nullptr);
   EXPECT_FALSE(messageLength(good.substr(0, MESSAGE_START - 1)));
   EXPECT_FALSE(readMessageHeader(good.substr(0, messageLength(good)->header - 1)));
-  for (const auto& [place, value] : std::vector<std::pair<std::size_t, char>>{{0, 'x'}, {3, 2}}) {
-    auto bad = good;
-    bad[place] = value;
-    EXPECT_FALSE(messageLength(bad)) << place;
-  }
-  auto unknownType = good;
-  unknownType[1] = 9;
-  EXPECT_FALSE(readMessageHeader(unknownType));
-  auto longer = good;
-  longer[7] = '\x7f';  // a body of two gigabytes
-  EXPECT_FALSE(messageLength(longer));
-  longer = good;
-  longer[15] = '\x7f';  // such fields
-  EXPECT_FALSE(messageLength(longer));
+  const auto changed = [&good](std::size_t place, char value) { return std::string(good).replace(place, 1, 1, value); };
+  EXPECT_FALSE(messageLength(changed(0, 'x'))) << "no byte order";
+  EXPECT_FALSE(messageLength(changed(3, 2))) << "another version of the protocol";
+  EXPECT_FALSE(messageLength(changed(7, '\x7f'))) << "a body of two gigabytes";
+  EXPECT_FALSE(messageLength(changed(15, '\x7f'))) << "such fields";
+  EXPECT_FALSE(readMessageHeader(changed(1, 9))) << "an unknown type";
 }
 
 TEST(MessageHeader, RefusesATextThatHoldsANul) {
   auto member = messageOf(nullptr);
   member[member.find("Member") + 3] = '\0';  // GLib would read "Mem"
   EXPECT_FALSE(readMessageHeader(member));
-  auto listed = messageOf(g_variant_new("(@as)", textList({"one", "two"})));
+  auto listed = messageOf(BusClient::urlArguments({"one", "two"}));
   listed[listed.find("two") + 1] = '\0';
   EXPECT_TRUE(readMessageHeader(listed));
   EXPECT_FALSE(countIn(listed));
@@ -101,7 +89,7 @@ TEST(MessageHeader, RefusesAKnownFieldOfAnotherType) {
 }
 
 TEST(MessageHeader, SurvivesAnyWrongByte) {
-  const auto good = messageOf(g_variant_new("(@as)", textList({"one", "two", "three"})));
+  const auto good = messageOf(BusClient::urlArguments({"one", "two", "three"}));
   for (std::size_t place = 0; place < good.size(); ++place) {
     for (const char value : {'\x00', '\x01', '\x7f', '\x80', '\xff', 's', 'a'}) {
       auto bad = good;
@@ -115,12 +103,12 @@ TEST(MessageHeader, SurvivesAnyWrongByte) {
 }
 
 TEST(MessageHeader, CountsOnlyListsAndNoFurtherThanTheLimit) {
-  EXPECT_EQ(countIn(messageOf(g_variant_new("(@as)", textList({})))), 0u);
+  EXPECT_EQ(countIn(messageOf(BusClient::urlArguments({}))), 0u);
   EXPECT_EQ(countIn(messageOf(g_variant_new("(s@as)", "share:", textList({"a", "bcd"})))), 2u);
-  EXPECT_EQ(countIn(messageOf(g_variant_new("(@as)", textList(std::vector<std::string>(50, "x")))), 10), 11u);
-  EXPECT_EQ(countIn(messageOf(g_variant_new("(s)", "text"))), std::nullopt);
+  EXPECT_EQ(countIn(messageOf(BusClient::urlArguments(std::vector<std::string>(50, "x"))), 10), 11u);
+  EXPECT_EQ(countIn(messageOf(BusClient::textArgument("text"))), std::nullopt);
   EXPECT_EQ(countIn(messageOf(nullptr)), std::nullopt);
-  const auto cut = messageOf(g_variant_new("(@as)", textList({"one", "two"})));
+  const auto cut = messageOf(BusClient::urlArguments({"one", "two"}));
   EXPECT_EQ(countIn(cut.substr(0, cut.size() - 2)), std::nullopt);
 }
 

@@ -11,6 +11,7 @@ namespace vornet::test {
 namespace {
 
 namespace fs = std::filesystem;
+using namespace std::string_literals;
 using testing::Each;
 using testing::IsEmpty;
 
@@ -27,22 +28,19 @@ TEST_F(ExtensionObserving, ObservesFoldersWithinTheSyncedFolderAndRefusesEveryth
   startConfigured();
   EXPECT_TRUE(client->beginObserving(url()));
   EXPECT_TRUE(client->beginObserving(url("d") + "/"));
-  EXPECT_EQ(client->beginObserving(url("x")).error, "NotAFolder");
-  EXPECT_EQ(client->beginObserving(url("gone")).error, "NotAFolder");
-  EXPECT_EQ(client->beginObserving("file:///etc").error, "OutsideObservedFolders");
-  EXPECT_EQ(client->beginObserving("file://" + root + "x").error, "OutsideObservedFolders");
-  EXPECT_EQ(client->beginObserving(url("../root")).error, "InvalidURL");
-  EXPECT_EQ(client->beginObserving(root).error, "InvalidURL");
-  EXPECT_EQ(client->beginObserving(url("%FF")).error, "InvalidURL");
+  for (const auto& item : urls({"x", "gone"})) EXPECT_EQ(client->beginObserving(item).error, "NotAFolder") << item;
+  for (const auto& item : {"file:///etc"s, "file://" + root + "x"})
+    EXPECT_EQ(client->beginObserving(item).error, "OutsideObservedFolders") << item;
+  for (const auto& item : {url("../root"), root, url("%FF")})
+    EXPECT_EQ(client->beginObserving(item).error, "InvalidURL") << item;
   EXPECT_EQ(client->endObserving(url("x")).error, "NotObserving");
   EXPECT_EQ(client->endObserving("nonsense").error, "InvalidURL");
   EXPECT_EQ(logged("ObservingDirectoryAtURL: "), 2u) << "a refused call changes nothing";
 }
 
 TEST_F(ExtensionObserving, TwoClientsThatShowTheSameFolderShareOneObservation) {
-  startConfigured();
+  startObserving();
   BusClient second(bus->address());
-  ASSERT_TRUE(client->beginObserving(url()));
   ASSERT_TRUE(client->beginObserving(url()));
   ASSERT_TRUE(second.beginObserving(url()));
   EXPECT_EQ(timesEntered(), 3u) << "each beginning reaches the poller";
@@ -51,15 +49,14 @@ TEST_F(ExtensionObserving, TwoClientsThatShowTheSameFolderShareOneObservation) {
   EXPECT_EQ(second.endObserving(url()).error, "NotObserving");
   EXPECT_EQ(timesLeft(), 0u);
   ASSERT_TRUE(client->endObserving(url()));
+  EXPECT_EQ(client->endObserving(url()).error, "NotObserving");
   EXPECT_EQ(timesLeft(), 1u);
 }
 
 TEST_F(ExtensionObserving, AClientThatVanishesFromTheBusIsCleanedUp) {
-  startConfigured();
+  startObserving();
   std::optional<BusClient> second(bus->address());
-  ASSERT_TRUE(second->beginObserving(url("d")));
-  ASSERT_TRUE(second->beginObserving(url()));
-  ASSERT_TRUE(client->beginObserving(url()));
+  for (const auto& folder : urls({"d", "d", ""})) ASSERT_TRUE(second->beginObserving(folder));
   second.reset();
   EXPECT_TRUE(client->waitUntil([&] { return timesLeft("d") == 1; }));
   EXPECT_EQ(timesLeft(), 0u);
@@ -67,7 +64,7 @@ TEST_F(ExtensionObserving, AClientThatVanishesFromTheBusIsCleanedUp) {
 
 TEST_F(ExtensionObserving, ClientsThatLeftAreNoLongerWatched) {
   startConfigured();
-  client->property("Version");
+  process();
   const auto before = client->extensionsMatchRules();
   ASSERT_TRUE(before);
   std::vector<std::unique_ptr<BusClient>> others;
@@ -83,8 +80,7 @@ TEST_F(ExtensionObserving, ClientsThatLeftAreNoLongerWatched) {
 TEST_F(ExtensionObserving, AFolderThatTheSyncApplicationDidNotKnowIsPolledAgainWhenAnotherWindowShowsIt) {
   SyncApplication application;
   application.setAnswer("/d/", [](const WireRequest&) { return WireReply{.status = 404}; });
-  startConfigured();
-  ASSERT_TRUE(client->beginObserving(url("d")));
+  startObserving({}, "d");
   ASSERT_TRUE(
       waitForLog("[RESTPollingManager] poll: Directory " + root + "/d does not exist (404), ignoring subscription\n"));
   application.setBody("/d/", R"({"/d/x":2})");
@@ -112,8 +108,7 @@ TEST_F(ExtensionObserving, MoreFoldersThanCanBeKeptUpToDateAreRefusedAndNothingI
 TEST_F(ExtensionObserving, AFolderOnScreenStaysUpToDateHoweverManyOthersWereShownSince) {
   SyncApplication application;
   application.setStatus("/d/x", 1);
-  startConfigured();
-  ASSERT_TRUE(client->beginObserving(url("d")));
+  startObserving({}, "d");
   ASSERT_TRUE(waitForBadge("d/x", "PENDING"));
   for (int i = 0; i < 60; ++i) {
     const auto other = std::to_string(i);
@@ -154,10 +149,9 @@ TEST_F(ExtensionObserving, APathThatHoldsTheRootsTextTwiceHasNoBadgeNoMenuNoActi
   const std::string outer = "a" + fs::path(root).parent_path().string();  // the root's text fits in below it
   const std::string inner = outer + "/root";
   writeFile(root + "/" + inner + "/x", "");
-  makeDatabase({{"/a/x", 2}, {"/a/", 2}, {"/a", 2}});
   SyncApplication application;
   for (const char* name : {"/root", "/other"}) application.setStatus("/" + outer + name, 1);
-  startConfigured();
+  startConfigured({{"/a/x", 2}, {"/a/", 2}, {"/a", 2}});
   EXPECT_THAT(badges({inner + "/x", inner, inner + "x"}), Each(""));
   EXPECT_THAT(menu({"x", inner + "/x"}), IsEmpty());
   EXPECT_EQ(client->performAction("share:", {url(inner + "/x")}).error, "OutsideObservedFolders");
@@ -174,8 +168,7 @@ TEST_F(ExtensionObserving, APathThatHoldsTheRootsTextTwiceHasNoBadgeNoMenuNoActi
 }
 
 TEST_F(ExtensionObserving, AFolderRemovedFromDiskCanStillBeLeft) {
-  startConfigured();
-  ASSERT_TRUE(client->beginObserving(url("d")));
+  startObserving({}, "d");
   fs::remove_all(root + "/d");
   EXPECT_TRUE(client->endObserving(url("d")));
 }

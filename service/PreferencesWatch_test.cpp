@@ -1,10 +1,8 @@
 // The sync application's preferences, or the folder that holds them, change: the built program, started on demand by a
 // real message bus.
+#include <gio/gunixsocketaddress.h>
 #include <gmock/gmock.h>
 #include <signal.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
 #include <optional>
 
@@ -16,6 +14,7 @@ namespace vornet::test {
 namespace {
 
 namespace fs = std::filesystem;
+using testing::FieldsAre;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -26,20 +25,26 @@ class PreferencesWatchTest : public ExtensionTest {
     writeFile(other + "/x", "");
   }
 
-  void startObserving() {
-    startConfigured();
-    ASSERT_EQ(client->property("ObservedFolders"), observed());
+  /// Starts the extension, which observes `property`.
+  void startExtension(const std::string& property) {
+    start();
+    ASSERT_EQ(client->property("ObservedFolders"), property);
     first = client->extensionProcess();
+  }
+  void startConfiguredExtension() {
+    configure();
+    startExtension(observed());
   }
   bool waitForObserved(const std::string& property) {
     return client->waitUntil([&] { return client->property("ObservedFolders") == property; });
   }
-  /// Waits for the end of the process that the test began with; it must have ended by itself, in good order.
-  testing::AssertionResult firstHasEnded() {
-    if (!client->waitUntil([&] { return client->extensionProcess() != first; }))
-      return testing::AssertionFailure() << "process " << first << " still owns the name";
-    if (!waitForEnd(first)) return testing::AssertionFailure() << "process " << first << " still runs";
-    return testing::AssertionSuccess();
+  /// Waits for the end of the process that the test began with, by itself and in good order. The next one observes
+  /// `property`.
+  void expectSuccessor(const std::string& property) {
+    EXPECT_TRUE(client->waitUntil([&] { return client->extensionProcess() != first; })) << "still owns the name";
+    EXPECT_TRUE(waitForEnd(first)) << "still runs";
+    EXPECT_EQ(client->property("ObservedFolders"), property);
+    first = client->extensionProcess();
   }
 
   const std::string other = environment.folder() / "other";
@@ -71,16 +76,12 @@ TEST_F(PreferencesWatchTest, PreferencesWrittenRightAfterTheFirstLookAreSeen) {
 TEST_F(PreferencesWatchTest, PreferencesAreSeenWhereNoFileCanBeWatched) {
   // In another user namespace the process may be forbidden to watch files.
   start();
-  std::vector<std::string> command{"unshare",
-                                   "--user",
-                                   "--map-current-user",
-                                   "--keep-caps",
-                                   "sh",
-                                   "-c",
-                                   "echo 0 > /proc/sys/user/max_inotify_watches"};
-  if (const auto probe = run(command); probe.status != 0) GTEST_SKIP() << "no user namespaces here: " << probe.output;
-  command.back() += " && exec " VORNET_EXTENSION;
-  const auto extension = launch(command);
+  const auto command = [](const std::string& then) {
+    const auto forbid = "echo 0 > /proc/sys/user/max_inotify_watches" + then;
+    return std::vector<std::string>{"unshare", "--user", "--map-current-user", "--keep-caps", "sh", "-c", forbid};
+  };
+  if (const auto probe = run(command("")); probe.status != 0) GTEST_SKIP() << "no namespaces here: " << probe.output;
+  const auto extension = launch(command(" && exec " VORNET_EXTENSION));
   const int last = waitForProcess();
   EXPECT_EQ(client->property("ObservedFolders"), "[]");
   // Not before the first look of the watch, which would see them without watching.
@@ -94,39 +95,22 @@ TEST_F(PreferencesWatchTest, ASyncedFolderWithoutAValidPathStopsTheProcessWithIt
   fs::create_directories(container);
   for (const char* folder : {"", "relative"}) {
     configure(folder);
-    const auto lost = run({"sh", "-c", "mkdir gone && cd gone && rmdir ../gone && exec " VORNET_EXTENSION});
-    EXPECT_EQ(lost.status, 128 + SIGABRT);
-    EXPECT_THAT(lost.output,
-                HasSubstr(std::string("Fatal error: a synced folder without a path: \"") + folder + "\"\n"));
+    const auto reason = std::string("Fatal error: a synced folder without a path: \"") + folder + "\"\n";
+    EXPECT_THAT(run({"sh", "-c", "mkdir gone && cd gone && rmdir ../gone && exec " VORNET_EXTENSION}),
+                FieldsAre(128 + SIGABRT, HasSubstr(reason)));
   }
 }
 
-/// A private system log: the socket of programs that see the folder as /dev.
-class SystemLog {
- public:
-  explicit SystemLog(const fs::path& dev) : socket_(::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
-    fs::create_directories(dev);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    (dev / "log").string().copy(address.sun_path, sizeof address.sun_path - 1);
-    if (::bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) ADD_FAILURE() << "no socket";
-  }
-  ~SystemLog() { ::close(socket_); }
-  SystemLog(const SystemLog&) = delete;
-  SystemLog& operator=(const SystemLog&) = delete;
-
-  /// All messages so far.
-  std::string text() const {
-    std::string all;
-    char message[4096];
-    for (ssize_t size; (size = ::recv(socket_, message, sizeof message, 0)) >= 0;)
-      all.append(message, static_cast<std::size_t>(size)) += '\n';
-    return all;
-  }
-
- private:
-  const int socket_;
-};
+/// The socket of a private system log, that of programs that see the folder as /dev.
+GObjectPtr<GSocket> systemLogOf(const fs::path& dev) {
+  fs::create_directories(dev);
+  const GObjectPtr<GSocketAddress> address(g_unix_socket_address_new((dev / "log").c_str()));
+  GObjectPtr<GSocket> log(
+      g_socket_new(G_SOCKET_FAMILY_UNIX, G_SOCKET_TYPE_DATAGRAM, G_SOCKET_PROTOCOL_DEFAULT, nullptr));
+  EXPECT_TRUE(g_socket_bind(log.get(), address.get(), TRUE, nullptr));
+  g_socket_set_blocking(log.get(), FALSE);
+  return log;
+}
 
 TEST_F(PreferencesWatchTest, PreferencesWithoutSyncedFolderStopTheProcessWhichLeavesTheReasonInBothLogs) {
   fs::create_directories(container);
@@ -136,7 +120,7 @@ TEST_F(PreferencesWatchTest, PreferencesWithoutSyncedFolderStopTheProcessWhichLe
   EXPECT_TRUE(logText().ends_with("[Severe] : " + reason + "\n")) << logText();
 
   // In another mount namespace the process may have another system log.
-  const SystemLog log(environment.folder() / "dev");
+  const auto log = systemLogOf(environment.folder() / "dev");
   const std::string arrange = "touch \"$1/null\" && mount --bind /dev/null \"$1/null\" && mount --rbind \"$1\" /dev";
   const auto runMoved = [&](const std::string& then) {
     return run({"unshare", "--user", "--map-root-user", "--mount", "sh", "-c", arrange + then, "sh",
@@ -144,43 +128,45 @@ TEST_F(PreferencesWatchTest, PreferencesWithoutSyncedFolderStopTheProcessWhichLe
   };
   if (const auto probe = runMoved(""); probe.status != 0) GTEST_SKIP() << "no namespaces here: " << probe.output;
   EXPECT_EQ(runMoved(" && exec " VORNET_EXTENSION).status, 128 + SIGABRT);
-  EXPECT_THAT(log.text(), HasSubstr("VornetVIExt: " + reason));
+  std::string messages;
+  char message[4096];
+  for (gssize size; (size = g_socket_receive(log.get(), message, sizeof message, nullptr, nullptr)) > 0;)
+    messages.append(message, static_cast<std::size_t>(size)) += '\n';
+  EXPECT_THAT(messages, HasSubstr("VornetVIExt: " + reason));
 }
 
 // --- Preferences that change ----------------------------------------------------------------------------------------
 
 TEST_F(PreferencesWatchTest, AnotherSyncedFolderEndsTheProcessAndTheNextCallStartsItWithThatFolder) {
-  startObserving();
+  startConfiguredExtension();
   configure(other);
-  ASSERT_TRUE(firstHasEnded());
-  EXPECT_EQ(client->property("ObservedFolders"), observed(other));
+  expectSuccessor(observed(other));
   EXPECT_THAT(client->requestBadges({"file://" + other + "/x"}).texts(), testing::ElementsAre(""));
   EXPECT_TRUE(client->beginObserving("file://" + other));
   EXPECT_THAT(readFile(bus->output()), Not(HasSubstr("Fatal error")));
 }
 
 TEST_F(PreferencesWatchTest, PreferencesRewrittenInPlaceAreSeenToo) {
-  startObserving();
+  startConfiguredExtension();
   writePreferences(preferences, other);
-  ASSERT_TRUE(firstHasEnded());
-  EXPECT_EQ(client->property("ObservedFolders"), observed(other));
+  expectSuccessor(observed(other));
 }
 
 TEST_F(PreferencesWatchTest, ACallInFlightIsAnsweredWhenTheSyncedFolderChanges) {
   SyncApplication application;
   application.stall("mac_populate_menu");  // until the limit of 3 s
-  startObserving();
+  startConfiguredExtension();
   std::optional<BusReply> answer;
   askForMenu("x", [&answer](const BusReply& given) { answer = given; });
   ASSERT_TRUE(application.waitForRequests(1));
   configure(other);
-  ASSERT_TRUE(firstHasEnded());
+  expectSuccessor(observed(other));
   ASSERT_TRUE(client->waitUntil([&] { return answer.has_value(); }));
   EXPECT_EQ(answer->error, "");
 }
 
 TEST_F(PreferencesWatchTest, PreferencesThatNameTheSameFolderOrNoneChangeNothing) {
-  startObserving();
+  startConfiguredExtension();
   configure();
   configure(root + "/");
   writePreferences(preferences, root);
@@ -195,38 +181,33 @@ TEST_F(PreferencesWatchTest, PreferencesThatNameTheSameFolderOrNoneChangeNothing
   EXPECT_EQ(client->property("ObservedFolders"), observed());
   EXPECT_EQ(client->extensionProcess(), first);
   configure(other);
-  ASSERT_TRUE(firstHasEnded());
-  EXPECT_EQ(client->property("ObservedFolders"), observed(other));
+  expectSuccessor(observed(other));
 }
 
 // --- The container --------------------------------------------------------------------------------------------------
 
 TEST_F(PreferencesWatchTest, AContainerRemovedAndMadeAgainIsNoticedAndTheLogIsWrittenThere) {
-  startObserving();
+  startConfiguredExtension();
   fs::remove_all(container);
   fs::create_directories(container);
   configure();
-  ASSERT_TRUE(firstHasEnded());
-  EXPECT_EQ(client->property("ObservedFolders"), observed());
+  expectSuccessor(observed());
   EXPECT_THAT(logText(), HasSubstr("Initialized Kevlane Finder plugin for path " + root));
 }
 
 TEST_F(PreferencesWatchTest, AContainerReplacedBeforeThereArePreferencesIsNoticedToo) {
   fs::create_directories(container);
-  start();
-  EXPECT_EQ(client->property("ObservedFolders"), "[]");
-  first = client->extensionProcess();
+  startExtension("[]");
   fs::rename(container, environment.folder() / "old");
   fs::create_directories(container);
-  ASSERT_TRUE(firstHasEnded());
-  EXPECT_EQ(client->property("ObservedFolders"), "[]");
+  expectSuccessor("[]");
   configure();
   EXPECT_TRUE(waitForObserved(observed()));
   EXPECT_TRUE(waitForLog("Finder plugin enabled")) << logText();
 }
 
 TEST_F(PreferencesWatchTest, ARemovedContainerIsNotMadeAgainByLookUps) {
-  startObserving();
+  startConfiguredExtension();
   fs::remove_all(container);
   EXPECT_EQ(badge("x"), "");
   EXPECT_TRUE(client->beginObserving(url()));

@@ -6,7 +6,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <memory>
@@ -31,33 +30,22 @@ using testing::SizeIs;
 // An end takes 3.5 s at most; the rest is for a busy machine. Two requests one after the other would take 6 s.
 constexpr std::chrono::milliseconds LONGEST_END{5000};
 
-/// A pipe that is full and that nobody reads, for output.
-class BlockedOutput {
- public:
-  explicit BlockedOutput(std::string path) : path_(std::move(path)) {
-    if (::mkfifo(path_.c_str(), 0600) != 0) throw std::runtime_error("no pipe");
-    reader_ = ::open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
-    const int writer = ::open(path_.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-    while (::write(writer, "x", 1) == 1) continue;
-    ::close(writer);
-  }
-  ~BlockedOutput() { ::close(reader_); }
-  BlockedOutput(const BlockedOutput&) = delete;
-  BlockedOutput& operator=(const BlockedOutput&) = delete;
-
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-  int reader_ = -1;
-};
-
 class ProcessLife : public ExtensionTest {
  protected:
   ProcessLife() { startConfigured(); }
   ~ProcessLife() override {
     statuses.open();
     extension.reset();
+    if (blocked_ >= 0) ::close(blocked_);
+  }
+
+  /// A pipe that is full and that nobody reads, for output.
+  std::string blockedOutput() {
+    const std::string path = environment.folder() / "blocked";
+    EXPECT_EQ(::mkfifo(path.c_str(), 0600), 0);
+    blocked_ = ::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    while (::write(blocked_, "x", 1) == 1) continue;
+    return path;
   }
 
   /// Starts the extension, with its output in `output`, and waits until it serves the bus.
@@ -75,10 +63,7 @@ class ProcessLife : public ExtensionTest {
   void serveStalling() {
     server.emplace();
     for (const char* command : {"mac_populate_menu", "select_context_menu"}) server->stall(command);
-    server->setAnswer("get_icons_for_folder", [this](const WireRequest&) {
-      statuses.passInTime();
-      return WireReply{.body = "{}"};
-    });
+    server->setAnswer("get_icons_for_folder", answerAfter(statuses, "{}"));
   }
   std::size_t requests(const std::string& command) const { return server->bodies(command).size(); }
 
@@ -112,17 +97,15 @@ class ProcessLife : public ExtensionTest {
   const std::shared_ptr<std::size_t> menus = std::make_shared<std::size_t>(0);
   std::optional<SyncApplication> server;
   std::unique_ptr<StartedProgram> extension;
+
+ private:
+  int blocked_ = -1;
 };
 
 using EndOfProcess = ProcessLife;
 using StartOfProcess = ProcessLife;
 
 // --- The end --------------------------------------------------------------------------------------------------------
-
-TEST_F(EndOfProcess, ComesInTimeWhenIdle) {
-  startExtension();
-  EXPECT_EQ(endWhenAsked(), 0);
-}
 
 TEST_F(EndOfProcess, ComesInTimeDuringRequestsWithEveryMenuAnsweredAndNoFurtherFolderPolled) {
   startExtension();
@@ -163,36 +146,30 @@ TEST_F(EndOfProcess, ComesLongBeforeTheTimeOutOfRequestsInFlightAndAnswersTheirC
   EXPECT_EQ(requests("select_context_menu"), 1u);
 }
 
-TEST_F(EndOfProcess, ComesInTimeWhenNobodyReadsTheOutput) {
-  const BlockedOutput output(environment.folder() / "blocked");
-  startExtension(output.path());
-  EXPECT_EQ(endWhenAsked(), 0);
+enum Condition : unsigned { ASKED = 1, BUSY = 2, BUS_GONE = 4, OUTPUT_BLOCKED = 8 };
+
+class EndOfProcessInTime : public ProcessLife, public testing::WithParamInterface<std::pair<const char*, unsigned>> {};
+
+TEST_P(EndOfProcessInTime, Comes) {
+  const auto conditions = GetParam().second;
+  startExtension(conditions & OUTPUT_BLOCKED ? blockedOutput() : "");
+  if (conditions & BUSY) keepBusy();
+  if (conditions & BUS_GONE) bus.reset();
+  if (conditions & ASKED) extension->signal(SIGTERM);
+  EXPECT_THAT(end(), AnyOf(0, conditions & BUSY ? 1 : 0));
 }
 
-TEST_F(EndOfProcess, ComesInTimeDuringRequestsWhenNobodyReadsTheOutput) {
-  const BlockedOutput output(environment.folder() / "blocked");
-  startExtension(output.path());
-  keepBusy();
-  EXPECT_THAT(endWhenAsked(), AnyOf(0, 1));
-}
-
-TEST_F(EndOfProcess, ComesInTimeWhenTheBusGoesDuringRequests) {
-  const BlockedOutput output(environment.folder() / "blocked");
-  startExtension(output.path());
-  keepBusy();
-  bus.reset();
-  EXPECT_THAT(end(), AnyOf(0, 1));
-}
-
-TEST_F(EndOfProcess, ComesInTimeWhenAskedToAfterTheBusHasGone) {
-  startExtension();
-  keepBusy();
-  bus.reset();
-  EXPECT_THAT(endWhenAsked(), AnyOf(0, 1));
-}
+INSTANTIATE_TEST_SUITE_P(
+    Endings, EndOfProcessInTime,
+    testing::Values(std::pair("WhenIdle", ASKED), std::pair("WhenNobodyReadsTheOutput", ASKED | OUTPUT_BLOCKED),
+                    std::pair("WhenTheBusGoes", BUS_GONE),
+                    std::pair("WhenTheBusGoesDuringRequests", BUS_GONE | BUSY | OUTPUT_BLOCKED),
+                    std::pair("DuringRequestsWhenNobodyReadsTheOutput", ASKED | BUSY | OUTPUT_BLOCKED),
+                    std::pair("WhenAskedToAfterTheBusHasGone", ASKED | BUSY | BUS_GONE)),
+    [](const auto& ending) { return ending.param.first; });
 
 TEST_F(EndOfProcess, ComesInTimeThoughALookUpHangs) {
-  ASSERT_EQ(::mkfifo((database()).c_str(), 0600), 0);  // opening it waits for a writer
+  ASSERT_EQ(::mkfifo(database().c_str(), 0600), 0);  // opening it waits for a writer
   startExtension();
   client->call("RequestBadges", BusClient::urlArguments({url("x")}), [](const BusReply&) {});
   EXPECT_EQ(process(), extension->pid());  // the call above has arrived
@@ -210,11 +187,6 @@ TEST_F(StartOfProcess, WithClosedStandardDescriptorsTheLogIsWrittenOnceAndNothin
   EXPECT_EQ(logged("Directory enter: "), 1u) << logText();
   EXPECT_EQ(logged("writing to log to"), 0u) << "a line for the console alone";
   EXPECT_EQ(endWhenAsked(), 0);
-}
-
-TEST_F(StartOfProcess, ItLoadsNothingThatIsForRemoteFolders) {
-  startExtension();
-  EXPECT_THAT(readFile("/proc/" + std::to_string(extension->pid()) + "/maps"), Not(HasSubstr("gvfs")));
 }
 
 TEST_F(StartOfProcess, AtRestItHasAtMostEightThreadsThoughItUsedMore) {

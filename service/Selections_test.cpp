@@ -7,6 +7,8 @@ namespace {
 
 using platform::FileURL;
 
+const std::set<FileURL> ROOTS = {FileURL::fileURLWithPath("/R"), FileURL::fileURLWithPath("/other/root")};
+
 TEST(ReadURL, TakesFileURLsAndRefusesEverythingElse) {
   EXPECT_EQ(*readURL("file:///a/b%20c")->path(), "/a/b c");
   EXPECT_EQ(*readURL("file:///a/")->path(), "/a");
@@ -24,9 +26,7 @@ TEST(ReadURL, RefusesDotComponentsAlsoWhenTheyAreEscaped) {
 }
 
 TEST(ReadURL, GivesAURLWithoutPathForANameThatIsNotUTF8) {
-  const auto url = readURL("file:///a/%FF");
-  ASSERT_TRUE(url);
-  EXPECT_FALSE(url->path());
+  EXPECT_EQ(readURL("file:///a/%FF").value().path(), std::nullopt);
 }
 
 TEST(ReadURL, GivesAPathOneSpelling) {
@@ -38,35 +38,22 @@ TEST(ReadURL, GivesAPathOneSpelling) {
 }
 
 TEST(Within, ComparesWholeComponents) {
-  const std::set<FileURL> roots = {FileURL::fileURLWithPath("/R"), FileURL::fileURLWithPath("/other/root")};
-  EXPECT_TRUE(isWithin(roots, "/R"));
-  EXPECT_TRUE(isWithin(roots, "/R/a/b"));
-  EXPECT_TRUE(isWithin(roots, "/other/root/x"));
-  EXPECT_FALSE(isWithin(roots, "/Rx"));
-  EXPECT_FALSE(isWithin(roots, "/"));
-  EXPECT_FALSE(isWithin(roots, "/other"));
+  for (const char* path : {"/R", "/R/a/b", "/other/root/x"}) EXPECT_TRUE(isWithin(ROOTS, path)) << path;
+  for (const char* path : {"/Rx", "/", "/other"}) EXPECT_FALSE(isWithin(ROOTS, path)) << path;
   EXPECT_FALSE(isWithin({}, "/R"));
 }
 
 TEST(Within, APathThatHoldsTheRootsTextTwiceIsWithinNoRoot) {
-  const std::set<FileURL> roots = {FileURL::fileURLWithPath("/R")};
   for (const char* path : {"/R/x/R", "/R/x/R/y", "/R/x/Ry", "/R/R"}) {
-    EXPECT_FALSE(isWithin(roots, path)) << path;
-    EXPECT_FALSE(isBelow(roots, path)) << path;
+    EXPECT_FALSE(isWithin(ROOTS, path)) << path;
+    EXPECT_FALSE(isBelow(ROOTS, path)) << path;
   }
-  for (const char* path : {"/R/xR", "/R/x/r", "/R/xR/y"}) EXPECT_TRUE(isBelow(roots, path)) << path;
+  for (const char* path : {"/R/xR", "/R/x/r", "/R/xR/y"}) EXPECT_TRUE(isBelow(ROOTS, path)) << path;
 }
 
-TEST(Within, ARootIsNotBelowItself) {
-  const std::set<FileURL> roots = {FileURL::fileURLWithPath("/R")};
-  EXPECT_FALSE(isBelow(roots, "/R"));
-  EXPECT_TRUE(isBelow(roots, "/R/a"));
-}
-
-TEST(Within, APathWhoseURLIsRefusedIsBelowNoRoot) {
-  const std::set<FileURL> roots = {FileURL::fileURLWithPath("/R")};
-  for (const char* path : {"/R/.", "/R/..", "/R/a/.."}) EXPECT_FALSE(isBelow(roots, path)) << path;
-  for (const char* path : {"/R/a.", "/R/..a", "/R/...", "/R/.a"}) EXPECT_TRUE(isBelow(roots, path)) << path;
+TEST(Within, NoRootNorPathWhoseURLIsRefusedIsBelowARoot) {
+  for (const char* path : {"/R", "/R/.", "/R/..", "/R/a/.."}) EXPECT_FALSE(isBelow(ROOTS, path)) << path;
+  for (const char* path : {"/R/a", "/R/a.", "/R/..a", "/R/...", "/R/.a"}) EXPECT_TRUE(isBelow(ROOTS, path)) << path;
 }
 
 TEST(Within, TheRootOfTheFileSystemHoldsOnlyItsOwnItems) {

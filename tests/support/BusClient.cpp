@@ -76,37 +76,38 @@ std::vector<MenuEntry> BusReply::entries() const {
   if (!value) return result;
   GVariantIter* iterator = nullptr;
   g_variant_get(value.get(), "(a(ssbs))", &iterator);
-  const gchar* title = nullptr;
-  const gchar* action = nullptr;
   gboolean enabled = FALSE;
-  const gchar* image = nullptr;
-  while (g_variant_iter_next(iterator, "(&s&sb&s)", &title, &action, &enabled, &image))
+  for (const gchar *title, *action, *image;
+       g_variant_iter_next(iterator, "(&s&sb&s)", &title, &action, &enabled, &image);)
     result.push_back({title, action, enabled != FALSE, image});
   g_variant_iter_free(iterator);
   return result;
 }
 
-BusClient::BusClient(const std::string& address) : context_(g_main_context_new()) {
+BusClient::BusClient(const std::string& address) : BusClient([&] { return connectToBus(address); }) {}
+
+BusClient::BusClient(const std::function<GObjectPtr<GDBusConnection>()>& connect) : context_(g_main_context_new()) {
   g_main_context_push_thread_default(context_.get());
-  connection_ = connectToBus(address);
-  const auto changed = +[](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*,
-                           GVariant* arguments, gpointer data) {
+  connection_ = connect();
+  const auto take = +[](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* signal,
+                        GVariant* values, gpointer data) {
     auto& client = *static_cast<BusClient*>(data);
-    ++client.signals_;
-    GVariantIter* iterator = nullptr;
-    g_variant_get(arguments, "(a(ss))", &iterator);
-    const gchar* item = nullptr;
-    const gchar* identifier = nullptr;
-    while (g_variant_iter_next(iterator, "(&s&s)", &item, &identifier)) client.changes_[item] = identifier;
-    g_variant_iter_free(iterator);
+    if (std::string_view(signal) == "BadgesChanged") client.takeChanges(values);
+    if (std::string_view(signal) == "FolderBadges") client.takeFolder(values);
   };
-  g_dbus_connection_signal_subscribe(connection_.get(), nullptr, dbus::INTERFACE, "BadgesChanged", dbus::OBJECT_PATH,
-                                     nullptr, G_DBUS_SIGNAL_FLAGS_NONE, changed, this, nullptr);
-  const auto folder = +[](GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar*, GVariant* values,
-                          gpointer data) { static_cast<BusClient*>(data)->takeFolder(values); };
-  g_dbus_connection_signal_subscribe(connection_.get(), nullptr, dbus::INTERFACE, "FolderBadges", dbus::OBJECT_PATH,
-                                     nullptr, G_DBUS_SIGNAL_FLAGS_NONE, folder, this, nullptr);
+  g_dbus_connection_signal_subscribe(connection_.get(), nullptr, dbus::INTERFACE, nullptr, dbus::OBJECT_PATH, nullptr,
+                                     G_DBUS_SIGNAL_FLAGS_NONE, take, this, nullptr);
+  g_dbus_connection_start_message_processing(connection_.get());
   g_main_context_pop_thread_default(context_.get());
+}
+
+void BusClient::takeChanges(GVariant* values) {
+  ++signals_;
+  GVariantIter* iterator = nullptr;
+  g_variant_get(values, "(a(ss))", &iterator);
+  for (const gchar *item, *identifier; g_variant_iter_next(iterator, "(&s&s)", &item, &identifier);)
+    changes_[item] = identifier;
+  g_variant_iter_free(iterator);
 }
 
 void BusClient::takeFolder(GVariant* values) {
@@ -122,8 +123,10 @@ void BusClient::takeFolder(GVariant* values) {
   stream.messages.push_back(count);
   stream.last = ++folderMessages_;
   if (flags & dbus::NO_SNAPSHOT) stream.isRefused = true;
-  if (flags & dbus::SNAPSHOT_BEGINS) stream.badges.clear();
-  if (flags & dbus::SNAPSHOT_BEGINS) stream.isOpen = true;
+  if (flags & dbus::SNAPSHOT_BEGINS) {
+    stream.badges.clear();
+    stream.isOpen = true;
+  }
   std::string_view rest = names;
   for (gsize i = 0; i < count; ++i) {
     const std::string name(rest.substr(0, rest.find('/')));
@@ -135,8 +138,10 @@ void BusClient::takeFolder(GVariant* values) {
     else
       stream.badges[name] = identifier;
   }
-  if (flags & dbus::SNAPSHOT_ENDS) ++stream.snapshots;
-  if (flags & dbus::SNAPSHOT_ENDS) stream.isOpen = false;
+  if (flags & dbus::SNAPSHOT_ENDS) {
+    ++stream.snapshots;
+    stream.isOpen = false;
+  }
 }
 
 BusClient::~BusClient() {
@@ -148,14 +153,6 @@ void BusClient::disconnect() {
   g_dbus_connection_close_sync(connection_.get(), nullptr, nullptr);
   while (g_main_context_iteration(context_.get(), FALSE)) continue;
   connection_.reset();
-}
-
-GVariant* BusClient::urlArguments(const std::vector<std::string>& urls) {
-  return g_variant_new("(@as)", textList(urls));
-}
-
-GVariant* BusClient::actionArguments(const std::string& action, const std::vector<std::string>& urls) {
-  return g_variant_new("(s@as)", action.c_str(), textList(urls));
 }
 
 void BusClient::call(const std::string& method, GVariant* arguments, Done done) {
@@ -171,26 +168,6 @@ BusReply BusClient::callAndWait(const std::string& method, GVariant* arguments) 
   call(method, arguments, [&reply](BusReply given) { reply = std::make_shared<BusReply>(std::move(given)); });
   while (!reply) g_main_context_iteration(context_.get(), TRUE);
   return *reply;
-}
-
-BusReply BusClient::beginObserving(const std::string& url) {
-  return callAndWait("BeginObserving", g_variant_new("(s)", url.c_str()));
-}
-
-BusReply BusClient::endObserving(const std::string& url) {
-  return callAndWait("EndObserving", g_variant_new("(s)", url.c_str()));
-}
-
-BusReply BusClient::requestSnapshot(const std::string& url, guint64 stream) {
-  return callAndWait("RequestSnapshot", g_variant_new("(st)", url.c_str(), stream));
-}
-
-BusReply BusClient::requestBadges(const std::vector<std::string>& urls) {
-  return callAndWait("RequestBadges", urlArguments(urls));
-}
-
-BusReply BusClient::performAction(const std::string& action, const std::vector<std::string>& urls) {
-  return callAndWait("PerformAction", actionArguments(action, urls));
 }
 
 BusReply BusClient::menu(const std::vector<std::string>& urls, std::vector<MenuEntry>& entries) {
@@ -237,8 +214,8 @@ void BusClient::forgetChanges() {
   signals_ = 0;
 }
 
-bool BusClient::waitUntil(const std::function<bool()>& condition) {
-  const auto until = std::chrono::steady_clock::now() + PATIENCE;
+bool BusClient::waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds patience) {
+  const auto until = std::chrono::steady_clock::now() + patience;
   const GSourcePtr tick(g_timeout_source_new(10));
   g_source_set_callback(tick.get(), [](gpointer) -> gboolean { return G_SOURCE_CONTINUE; }, nullptr, nullptr);
   g_source_attach(tick.get(), context_.get());
@@ -251,11 +228,12 @@ bool BusClient::waitUntil(const std::function<bool()>& condition) {
   return holds;
 }
 
+void BusClient::listenFor(std::chrono::milliseconds time) {
+  waitUntil([] { return false; }, time);
+}
+
 bool BusClient::waitForChange(const std::string& item, const std::string& identifier) {
-  return waitUntil([&] {
-    const auto found = changes_.find(item);
-    return found != changes_.end() && found->second == identifier;
-  });
+  return waitUntil([&] { return changes_.contains(item) && changes_.at(item) == identifier; });
 }
 
 }  // namespace vornet::test

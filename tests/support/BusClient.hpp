@@ -2,6 +2,7 @@
 
 #include <gio/gio.h>
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "dbus/GLibPtr.hpp"
+#include "support/Threads.hpp"
 
 namespace vornet::test {
 
@@ -46,21 +48,32 @@ struct BusReply {
 class BusClient {
  public:
   explicit BusClient(const std::string& address);
+  /// A client at the end of the connection that `connect` makes, whatever it leads to.
+  explicit BusClient(const std::function<GObjectPtr<GDBusConnection>()>& connect);
   ~BusClient();
   BusClient(const BusClient&) = delete;
   BusClient& operator=(const BusClient&) = delete;
 
-  BusReply beginObserving(const std::string& url);
-  BusReply endObserving(const std::string& url);
-  BusReply requestSnapshot(const std::string& url, guint64 stream);
-  BusReply requestBadges(const std::vector<std::string>& urls);
-  BusReply performAction(const std::string& action, const std::vector<std::string>& urls);
+  BusReply beginObserving(const std::string& url) { return callAndWait("BeginObserving", textArgument(url)); }
+  BusReply endObserving(const std::string& url) { return callAndWait("EndObserving", textArgument(url)); }
+  BusReply requestSnapshot(const std::string& url, guint64 stream) {
+    return callAndWait("RequestSnapshot", g_variant_new("(st)", url.c_str(), stream));
+  }
+  BusReply requestBadges(const std::vector<std::string>& urls) {
+    return callAndWait("RequestBadges", urlArguments(urls));
+  }
+  BusReply performAction(const std::string& action, const std::vector<std::string>& urls) {
+    return callAndWait("PerformAction", actionArguments(action, urls));
+  }
   BusReply menu(const std::vector<std::string>& urls, std::vector<MenuEntry>& entries);
 
   /// Makes the call without waiting; `done` is called, while this client waits for something, with the reply.
   void call(const std::string& method, GVariant* arguments, std::function<void(BusReply)> done);
-  static GVariant* urlArguments(const std::vector<std::string>& urls);
-  static GVariant* actionArguments(const std::string& action, const std::vector<std::string>& urls);
+  static GVariant* textArgument(const std::string& text) { return g_variant_new("(s)", text.c_str()); }
+  static GVariant* urlArguments(const std::vector<std::string>& urls) { return g_variant_new("(@as)", textList(urls)); }
+  static GVariant* actionArguments(const std::string& action, const std::vector<std::string>& urls) {
+    return g_variant_new("(s@as)", action.c_str(), textList(urls));
+  }
 
   /// A property of the extension, printed as GVariant text; "" when it cannot be read.
   std::string property(const std::string& name);
@@ -91,8 +104,10 @@ class BusClient {
   std::size_t signals() const { return signals_; }
   void forgetChanges();
 
-  /// Lets messages arrive until `condition` holds; false after half a minute without.
-  bool waitUntil(const std::function<bool()>& condition);
+  /// Lets messages arrive until `condition` holds; false when it does not in time.
+  bool waitUntil(const std::function<bool()>& condition, std::chrono::milliseconds patience = PATIENCE);
+  /// Lets messages arrive for so long, whatever they are.
+  void listenFor(std::chrono::milliseconds time);
   bool waitForChange(const std::string& item, const std::string& identifier);
 
   /// Leaves the bus.
@@ -100,6 +115,7 @@ class BusClient {
 
  private:
   BusReply callAndWait(const std::string& method, GVariant* arguments);
+  void takeChanges(GVariant* values);
   void takeFolder(GVariant* values);
   GVariantPtr askBusAboutExtension(const char* interface, const char* method);
 

@@ -35,7 +35,7 @@ void ExtensionTest::configure(const std::string& folder) const {
   fs::rename(container / "new", container / "VornetKelvane.plist");
 }
 
-void ExtensionTest::makeDatabase(const std::vector<std::pair<std::string, int>>& rows) const {
+void ExtensionTest::makeDatabase(const Rows& rows) const {
   fs::create_directories(container);
   makeSyncDatabase(database(), rows);
 }
@@ -43,6 +43,17 @@ void ExtensionTest::makeDatabase(const std::vector<std::pair<std::string, int>>&
 void ExtensionTest::start(const fs::path& services) {
   bus.emplace(environment.folder().path() / "bus", services);
   client.emplace(bus->address());
+}
+
+void ExtensionTest::startConfigured(const Rows& rows) {
+  if (!rows.empty()) makeDatabase(rows);
+  configure();
+  start();
+}
+
+void ExtensionTest::startObserving(const Rows& rows, const std::string& folder) {
+  startConfigured(rows);
+  ASSERT_TRUE(client->beginObserving(url(folder)));
 }
 
 std::unique_ptr<StartedProgram> ExtensionTest::launch(std::vector<std::string> arguments,

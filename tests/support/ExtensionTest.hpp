@@ -12,10 +12,20 @@
 
 #include "support/BusClient.hpp"
 #include "support/Environment.hpp"
+#include "support/LoopbackServer.hpp"
 #include "support/PrivateBus.hpp"
 #include "support/StartedProgram.hpp"
+#include "support/Threads.hpp"
 
 namespace vornet::test {
+
+/// An answer of the sync application with `body`, which is given once `gate` is open.
+inline LoopbackServer::Answer answerAfter(Gate& gate, const std::string& body) {
+  return [&gate, body](const WireRequest&) {
+    gate.passInTime();
+    return WireReply{.body = body};
+  };
+}
 
 /// The fixture of the extension process: the built program, started on demand by a private bus, with a synced folder.
 /// The process ends with the test, which fails if a sanitizer complained, and then shows what was written.
@@ -30,15 +40,16 @@ class ExtensionTest : public testing::Test {
   void configure() const { configure(root); }
 
   /// Makes the sync database, of cloud paths and codes.
-  void makeDatabase(const std::vector<std::pair<std::string, int>>& rows) const;
+  using Rows = std::vector<std::pair<std::string, int>>;
+  void makeDatabase(const Rows& rows) const;
   std::filesystem::path database() const { return container / "sync.db"; }
 
   /// Makes the bus, which starts what `services` has, and its first client.
   void start(const std::filesystem::path& services = PrivateBus::buildTreeServices());
-  void startConfigured() {
-    configure();
-    start();
-  }
+  /// The same with preferences, and with the sync database that `rows` make, if any.
+  void startConfigured(const Rows& rows = {});
+  /// The same, and has the client observe a folder.
+  void startObserving(const Rows& rows = {}, const std::string& folder = "");
 
   /// Starts a program that finds the bus, with `variables` ("NAME=value"); its output goes to a separate file, or to
   /// `output`.
