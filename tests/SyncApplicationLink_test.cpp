@@ -3,9 +3,8 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <fstream>
-#include <functional>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -25,30 +24,33 @@ using testing::SizeIs;
 
 constexpr std::size_t MEBIBYTE = std::size_t{1} << 20;
 
-using SyncApplicationLink = ExtensionTest;
+class SyncApplicationLink : public ExtensionTest {
+ protected:
+  /// The statuses of the synced folder are `first` and then `second`, where "x" is pending and then synced.
+  std::map<std::string, std::string> changesBetween(const char* first, const char* second) {
+    SyncApplication application;
+    application.setBody("/", first);
+    startConfigured();
+    EXPECT_TRUE(client->beginObserving(url()));
+    EXPECT_TRUE(waitForBadge("x", "PENDING"));
+    application.setBody("/", second);
+    EXPECT_TRUE(client->waitForChange(url("x"), "SYNCED"));
+    return client->changes();
+  }
+};
 
 // --- Replies of every shape -----------------------------------------------------------------------------------------
 
 TEST_F(SyncApplicationLink, AKeyWithANulIsIgnoredAndTheOthersCount) {
-  SyncApplication application;
-  application.setBody("/", R"({"/a\u0000b":2,"\u0000":2,"/x":1,"/x\u0000":2})");
-  startConfigured();
-  ASSERT_TRUE(client->beginObserving(url()));
-  ASSERT_TRUE(waitForBadge("x", "PENDING"));
-  application.setBody("/", R"({"/a\u0000b":1,"\u0000":1,"/x\u0000":1,"/x":2})");
-  ASSERT_TRUE(client->waitForChange(url("x"), "SYNCED"));
-  EXPECT_THAT(client->changes(), Not(testing::Contains(testing::Key(HasSubstr("%00")))));
+  EXPECT_THAT(changesBetween(R"({"/a\u0000b":2,"\u0000":2,"/x":1,"/x\u0000":2})",
+                             R"({"/a\u0000b":1,"\u0000":1,"/x\u0000":1,"/x":2})"),
+              Not(testing::Contains(testing::Key(HasSubstr("%00")))));
 }
 
 TEST_F(SyncApplicationLink, AKeyThatNamesNoItemOfItsFolderIsSentToNobody) {
-  SyncApplication application;
-  application.setBody("/", R"({"/.":2,"/..":2,"/x":1})");
-  startConfigured();
-  ASSERT_TRUE(client->beginObserving(url()));
-  ASSERT_TRUE(waitForBadge("x", "PENDING"));
-  application.setBody("/", R"({"/.":1,"/..":1,"/x":2})");
-  ASSERT_TRUE(client->waitForChange(url("x"), "SYNCED"));
-  EXPECT_THAT(client->changes(), testing::ElementsAre(testing::Key(url("x")))) << "it refuses such URLs itself";
+  EXPECT_THAT(changesBetween(R"({"/.":2,"/..":2,"/x":1})", R"({"/.":1,"/..":1,"/x":2})"),
+              testing::ElementsAre(testing::Key(url("x"))))
+      << "it refuses such URLs itself";
 }
 
 // --- Another user's server ------------------------------------------------------------------------------------------
@@ -130,58 +132,49 @@ std::size_t memoryOf(int process, const std::string& figure) {
   return 0;
 }
 
-/// About `size` bytes of JSON: `member(i)` again and again between `open` and `close`.
-std::string document(std::size_t size, const std::string& open, const std::string& close,
-                     const std::function<std::string(int)>& member) {
-  std::string text = open;
-  for (int i = 0; text.size() < size; ++i) text.append(i > 0 ? "," : "").append(member(i));
-  return text += close;
-}
-
+/// A reply in which `part` comes again and again; a "#" in it is another number each time.
 struct Shape {
   const char* name;
-  std::string (*make)(std::size_t size);
+  std::string open, part, separator, close;
+
+  /// About `size` bytes.
+  std::string make(std::size_t size) const {
+    std::string text = open;
+    const auto number = part.find('#');
+    for (int i = 1'000'000; text.size() < size; ++i) {
+      if (text.size() > open.size()) text += separator;
+      text += part;
+      if (number != std::string::npos) text.replace(text.size() - part.size() + number, 1, std::to_string(i));
+    }
+    text += close;
+    return text;
+  }
+
   friend void PrintTo(const Shape& shape, std::ostream* out) { *out << shape.name; }
 };
 
-std::string number(int i) {
-  return std::to_string(1'000'000 + i);
-}
-
 const Shape SHAPES[] = {
-    {"no integers",
-     [](std::size_t size) { return document(size, "{", "}", [](int i) { return "\"/d/" + number(i) + "\":\"x\""; }); }},
-    {"short names",
-     [](std::size_t size) { return document(size, "{", "}", [](int i) { return "\"/d/" + number(i) + "\":2"; }); }},
-    {"names of common length",
-     [](std::size_t size) {
-       return document(size, "{", "}", [](int i) { return "\"/d/A file of May " + number(i) + ".txt\": 2"; });
-     }},
-    {"names of other folders",
-     [](std::size_t size) { return document(size, "{", "}", [](int i) { return "\"" + number(i) + "\":2"; }); }},
-    {"equal names", [](std::size_t size) { return document(size, "{", "}", [](int) { return "\"/d/x\":2"; }); }},
-    {"one long name", [](std::size_t size) { return "{\"/d/" + std::string(size, 'x') + "\":1}"; }},
-    {"one long name with escapes",
-     [](std::size_t size) {
-       std::string text = "{\"/d/";
-       while (text.size() < size) text += "\\u0041";
-       return text + "\":1}";
-     }},
-    {"one long text", [](std::size_t size) { return "{\"/d/x\":\"" + std::string(size, 'x') + "\"}"; }},
-    {"blanks", [](std::size_t size) { return std::string(size, ' ') + "{}"; }},
-    {"lists",
-     [](std::size_t size) {
-       return document(size, "[", "]", [](int) { return std::string(500, '[') + std::string(500, ']'); });
-     }},
-    {"empty objects", [](std::size_t size) { return document(size, "[", "]", [](int) { return std::string("{}"); }); }},
+    {"NoIntegers", "{", R"("/d/#":"x")", ",", "}"},
+    {"ShortNames", "{", R"("/d/#":2)", ",", "}"},
+    {"NamesOfCommonLength", "{", R"("/d/A file of May #.txt": 2)", ",", "}"},
+    {"NamesOfOtherFolders", "{", R"("#":2)", ",", "}"},
+    {"EqualNames", "{", R"("/d/x":2)", ",", "}"},
+    {"OneLongName", R"({"/d/)", "x", "", R"(":1})"},
+    {"OneLongNameWithEscapes", R"({"/d/)", R"(\u0041)", "", R"(":1})"},
+    {"OneLongText", R"({"/d/x":")", "x", "", R"("})"},
+    {"Blanks", "", " ", "", "{}"},
+    {"Lists", "[", std::string(500, '[') + std::string(500, ']'), ",", "]"},
+    {"EmptyObjects", "[", "{}", ",", "]"},
 };
 
-class MemoryOfTheLink : public SyncApplicationLink, public testing::WithParamInterface<Shape> {
+class MemoryOfMenus : public SyncApplicationLink {
  protected:
   void SetUp() override {
     if (*VORNET_SANITIZED) GTEST_SKIP() << "a sanitizer has its own memory";
   }
 };
+class MemoryOfTheLink : public MemoryOfMenus, public testing::WithParamInterface<Shape> {};
+INSTANTIATE_TEST_SUITE_P(Shapes, MemoryOfTheLink, testing::ValuesIn(SHAPES), testing::PrintToStringParamName());
 
 TEST_P(MemoryOfTheLink, IsThreeTimesAReplyAtMostAndIsReleased) {
   constexpr std::size_t SIZE = 60 * MEBIBYTE;
@@ -207,10 +200,9 @@ TEST_P(MemoryOfTheLink, IsThreeTimesAReplyAtMostAndIsReleased) {
   std::printf(", then %zu KiB of %zu before\n", memoryOf(served, "VmRSS") >> 10, before >> 10);
 }
 
-TEST_F(SyncApplicationLink, MenusTakeLittleMemoryWhateverTheReply) {
-  if (*VORNET_SANITIZED) GTEST_SKIP() << "a sanitizer has its own memory";
+TEST_F(MemoryOfMenus, IsLittleWhateverTheReplyAndIsReleased) {
   constexpr int MENUS = 4;  // as many as are asked for at the same time
-  const auto entry = [](int i) { return "\"" + number(i) + "\":true"; };
+  const Shape entries{"", "{", R"("#":true)", ",", "}"};
   SyncApplication application;
   startConfigured();
   const auto askForMenus = [&] {
@@ -222,10 +214,10 @@ TEST_F(SyncApplicationLink, MenusTakeLittleMemoryWhateverTheReply) {
   const int served = client->extensionProcess();
   const auto before = memoryOf(served, "VmRSS");
   const std::string replies[] = {
-      document(MEBIBYTE - 20, "{", "}", entry),
-      document(MEBIBYTE - 20, "{\"1\":[", "", [](int) { return std::string("[]"); }),
+      entries.make(MEBIBYTE - 20),
+      Shape{"", R"({"1":[)", "[]", ",", ""}.make(MEBIBYTE - 20),
       std::string(100 * MEBIBYTE, ' '),
-      document(4 * MEBIBYTE, "{", "}", entry),
+      entries.make(4 * MEBIBYTE),
   };
   for (const auto& reply : replies) {
     application.setBody("mac_populate_menu", reply);
@@ -240,14 +232,6 @@ TEST_F(SyncApplicationLink, MenusTakeLittleMemoryWhateverTheReply) {
   std::printf("then %zu KiB of %zu before\n", memoryOf(served, "VmRSS") >> 10, before >> 10);
   EXPECT_LE(memoryOf(served, "VmRSS"), before + before / 10);
 }
-
-std::string nameOf(const testing::TestParamInfo<Shape>& shape) {
-  std::string name = shape.param.name;
-  std::replace(name.begin(), name.end(), ' ', '_');
-  return name;
-}
-
-INSTANTIATE_TEST_SUITE_P(Shapes, MemoryOfTheLink, testing::ValuesIn(SHAPES), nameOf);
 
 }  // namespace
 }  // namespace vornet::test

@@ -41,12 +41,21 @@ class DesktopTest : public ExtensionTest {
     busAddress.emplace("DBUS_SESSION_BUS_ADDRESS", bus->address());
   }
 
+  /// Has the extension poll every folder on screen at once: it does when a new one comes on screen, here one in the
+  /// folder `within` ("" or "a/"), which no view shows.
+  void pollNow(const std::string& within = "") {
+    const std::string name = within + "new" + std::to_string(++newFolders);
+    std::filesystem::create_directories(root + "/" + name);
+    ASSERT_TRUE(client->beginObserving(url(name)));
+  }
+
   static constexpr const char* SYNCED = "emblem-vornet-synced";
   static constexpr const char* PENDING = "emblem-vornet-pending";
   static constexpr const char* SKIPPED = "emblem-vornet-skipped";
 
   std::optional<sim::KelvaneSim> application;
   std::optional<ScopedVariable> busAddress;
+  int newFolders = 0;
 };
 
 }  // namespace vornet::test

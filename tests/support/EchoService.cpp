@@ -4,34 +4,25 @@
 #include <FinderSync1.h>
 
 #include <cstdio>
+#include <string_view>
 #include <vector>
+
+#include "dbus/Interface.hpp"
 
 namespace {
 
-using Object = VornetFinderSync1;
-using Call = GDBusMethodInvocation;
-
-gboolean folder(Object*, Call* call, const gchar*, gpointer) {
-  g_dbus_method_invocation_return_value(call, nullptr);
-  return TRUE;
-}
-
-gboolean badges(Object* object, Call* call, const gchar* const* items, gpointer) {
-  std::vector<const gchar*> identifiers;
-  for (; *items; ++items) identifiers.push_back("");
-  identifiers.push_back(nullptr);
-  vornet_finder_sync1_complete_request_badges(object, call, identifiers.data());
-  return TRUE;
-}
-
-gboolean menu(Object* object, Call* call, const gchar* const*, gpointer) {
-  vornet_finder_sync1_complete_get_menu(object, call, g_variant_new("a(ssbs)", nullptr));
-  return TRUE;
-}
-
-gboolean action(Object* object, Call* call, const gchar*, const gchar* const*, gpointer) {
-  vornet_finder_sync1_complete_perform_action(object, call);
-  return TRUE;
+void answer(GDBusConnection*, const gchar*, const gchar*, const gchar*, const gchar* method, GVariant* arguments,
+            GDBusMethodInvocation* call, gpointer) {
+  GVariant* values = nullptr;
+  if (method == std::string_view("RequestBadges")) {
+    GVariant* items = g_variant_get_child_value(arguments, 0);
+    const std::vector<const gchar*> identifiers(g_variant_n_children(items), "");
+    values = g_variant_new("(@as)", g_variant_new_strv(identifiers.data(), static_cast<gssize>(identifiers.size())));
+    g_variant_unref(items);
+  } else if (method == std::string_view("GetMenu")) {
+    values = g_variant_new("(a(ssbs))", nullptr);
+  }
+  g_dbus_method_invocation_return_value(call, values);
 }
 
 void lost(GDBusConnection*, const gchar* name, gpointer loop) {
@@ -42,21 +33,13 @@ void lost(GDBusConnection*, const gchar* name, gpointer loop) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::fputs("usage: vornet-echo NAME\n", stderr);
-    return 2;
-  }
+  if (argc != 2) return 2;
   GDBusConnection* connection = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
   if (!connection) return 1;
   GMainLoop* loop = g_main_loop_new(nullptr, FALSE);
-  VornetFinderSync1* object = vornet_finder_sync1_skeleton_new();
-  g_signal_connect(object, "handle-begin-observing", G_CALLBACK(&folder), nullptr);
-  g_signal_connect(object, "handle-end-observing", G_CALLBACK(&folder), nullptr);
-  g_signal_connect(object, "handle-request-badges", G_CALLBACK(&badges), nullptr);
-  g_signal_connect(object, "handle-get-menu", G_CALLBACK(&menu), nullptr);
-  g_signal_connect(object, "handle-perform-action", G_CALLBACK(&action), nullptr);
-  if (!g_dbus_interface_skeleton_export(G_DBUS_INTERFACE_SKELETON(object), connection, "/com/vornet/FinderSync1",
-                                        nullptr)) {
+  const GDBusInterfaceVTable calls{&answer, nullptr, nullptr, {}};
+  if (!g_dbus_connection_register_object(connection, vornet::dbus::OBJECT_PATH, vornet_finder_sync1_interface_info(),
+                                         &calls, nullptr, nullptr, nullptr)) {
     return 1;
   }
   g_bus_own_name_on_connection(connection, argv[1], G_BUS_NAME_OWNER_FLAGS_DO_NOT_QUEUE, nullptr, &lost, loop, nullptr);

@@ -83,10 +83,6 @@ bool Flood::send(std::string message, std::size_t times) {
   for (std::size_t i = 0; i < times; ++i) {
     ++serial_;
     std::memcpy(message.data() + SERIAL, &serial_, sizeof serial_);
-    if (message.size() > SMALL) {
-      if (!sendAll(socket_, message)) return false;
-      continue;
-    }
     batch += message;
     if (batch.size() < SMALL && i + 1 < times) continue;
     if (!sendAll(socket_, batch)) return false;
@@ -97,8 +93,7 @@ bool Flood::send(std::string message, std::size_t times) {
 
 std::size_t Flood::errors(const std::string& error) const {
   const std::lock_guard guard(lock_);
-  const auto found = errors_.find(error);
-  return found == errors_.end() ? 0 : found->second;
+  return errors_.contains(error) ? errors_.at(error) : 0;
 }
 
 bool Flood::waitForAnswers(std::size_t count) const {

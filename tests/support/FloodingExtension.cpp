@@ -19,7 +19,7 @@ class Flood {
  public:
   Flood(const char* address, const char* root) : root_(root), extension_(address, {root}) {
     setBadges("SYNCED");
-    setMenu(1);
+    extension_.menu = {{"share:", true}};
     extension_.nonsense["PerformAction"] = [this] {
       send(extension_.actions.back().front());
       return g_variant_new("(s)", "all is sent");
@@ -33,23 +33,13 @@ class Flood {
     for (int i = 0; i < ITEMS; ++i) extension_.badges[root_ + "/" + std::to_string(i)] = identifier;
   }
 
-  void setMenu(unsigned count) {
-    extension_.nonsense["GetMenu"] = [count] {
-      GVariantBuilder entries;
-      g_variant_builder_init(&entries, G_VARIANT_TYPE("a(ssbs)"));
-      for (unsigned i = 0; i < count; ++i)
-        g_variant_builder_add(&entries, "(ssbs)", std::to_string(i).c_str(), "share:", TRUE, "QMT");
-      return g_variant_new("(a(ssbs))", &entries);
-    };
-  }
-
   void send(const std::string& order) {
     std::istringstream words(order);
     std::string word;
     unsigned messages = 0;
     unsigned items = 0;
     words >> word >> messages >> items;
-    if (word == "menu") return setMenu(messages);
+    if (word == "menu") extension_.menu.assign(messages, {"share:", true});
     if (word == "changes") setBadges("PENDING");
     for (unsigned i = 1; i <= messages; ++i) {
       if (word == "changes") sendChanges(items, "", i == messages);

@@ -2,14 +2,13 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <cctype>
 #include <chrono>
+#include <sstream>
 #include <stdexcept>
-#include <string_view>
 #include <utility>
 
 #include "support/Threads.hpp"
@@ -26,29 +25,18 @@ void resetWhenClosed(int connection) {
   ::setsockopt(connection, SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
 }
 
-bool sameName(std::string_view a, std::string_view b) {
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
-                    [](unsigned char x, unsigned char y) { return std::tolower(x) == std::tolower(y); });
-}
-
 /// Reads the head of a request; false when `text` is not one.
-bool parseHead(std::string_view text, WireRequest& request) {
-  const auto line = text.substr(0, text.find("\r\n"));
-  const auto first = line.find(' ');
-  const auto second = line.find(' ', first + 1);
-  if (first == std::string_view::npos || second == std::string_view::npos) return false;
-  request.method = line.substr(0, first);
-  request.target = line.substr(first + 1, second - first - 1);
-  for (auto at = line.size() + 2; at < text.size();) {
-    const auto end = std::min(text.find("\r\n", at), text.size());
-    const auto header = text.substr(at, end - at);
-    const auto colon = header.find(':');
-    if (colon != std::string_view::npos) {
-      auto value = header.substr(colon + 1);
-      value.remove_prefix(std::min(value.find_first_not_of(' '), value.size()));
-      request.headers.emplace_back(header.substr(0, colon), value);
-    }
-    at = end + 2;
+bool parseHead(const std::string& text, WireRequest& request) {
+  std::istringstream lines(text);
+  std::string line;
+  lines >> request.method >> request.target;
+  if (!std::getline(lines, line) || !line.starts_with(" HTTP/")) return false;
+  while (std::getline(lines, line)) {
+    if (line.ends_with('\r')) line.pop_back();
+    const auto colon = line.find(':');
+    if (colon == std::string::npos) continue;
+    const auto value = line.find_first_not_of(' ', colon + 1);
+    request.headers.emplace_back(line.substr(0, colon), value == std::string::npos ? "" : line.substr(value));
   }
   return true;
 }
@@ -58,7 +46,7 @@ bool parseHead(std::string_view text, WireRequest& request) {
 std::vector<std::string> WireRequest::header(const std::string& name) const {
   std::vector<std::string> values;
   for (const auto& [given, value] : headers)
-    if (sameName(given, name)) values.push_back(value);
+    if (::strcasecmp(given.c_str(), name.c_str()) == 0) values.push_back(value);
   return values;
 }
 
@@ -90,7 +78,7 @@ LoopbackServer::~LoopbackServer() {
     for (const int connection : connections_) ::shutdown(connection, SHUT_RDWR);
   }
   acceptor_.join();
-  for (auto& server : servers_) server.thread.join();
+  served_.clear();
   ::close(listener_);
 }
 
@@ -129,34 +117,18 @@ void LoopbackServer::acceptConnections() {
       }
       ++taken_;
       connections_.push_back(connection);
-      joinEnded();
-      if (serving_ == Serving::together) {
-        auto& server = servers_.emplace_back();
-        server.thread = std::thread([this, connection, &server] {
-          serveAndClose(connection);
-          const std::lock_guard ending(lock_);
-          server.ended = true;
-        });
-        continue;
-      }
     }
-    serveAndClose(connection);
+    std::erase_if(served_, isDone<void>);
+    served_.push_back(std::async(std::launch::async, [this, connection] { serveAndClose(connection); }));
+    if (serving_ == Serving::oneByOne) served_.back().wait();
   }
 }
 
-void LoopbackServer::serveAndClose(int connection) {
+void LoopbackServer::serveAndClose(int connection) noexcept {
   serve(connection);
   const std::lock_guard guard(lock_);
   std::erase(connections_, connection);
   ::close(connection);
-}
-
-/// With the lock held.
-void LoopbackServer::joinEnded() {
-  std::erase_if(servers_, [](ConnectionThread& server) {
-    if (server.ended) server.thread.join();
-    return server.ended;
-  });
 }
 
 void LoopbackServer::serve(int connection) {
@@ -173,7 +145,7 @@ void LoopbackServer::serve(int connection) {
     while ((headEnd = received.find("\r\n\r\n")) == std::string::npos)
       if (!receive()) return;
     WireRequest request;
-    if (!parseHead(std::string_view(received).substr(0, headEnd), request)) return;
+    if (!parseHead(received.substr(0, headEnd), request)) return;
     const auto lengths = request.header("Content-Length");
     const std::size_t length = lengths.empty() ? 0 : std::stoul(lengths[0]);
     while (received.size() < headEnd + 4 + length)

@@ -3,7 +3,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <functional>
-#include <list>
+#include <future>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -76,14 +76,8 @@ class LoopbackServer {
   void setAnswer(Answer answer);
 
  private:
-  struct ConnectionThread {
-    std::thread thread;
-    bool ended = false;
-  };
-
   void acceptConnections();
-  void serveAndClose(int connection);
-  void joinEnded();
+  void serveAndClose(int connection) noexcept;
   void serve(int connection);
   bool send(int connection, const std::string& bytes);
   void sendReply(int connection, const WireReply& reply);
@@ -98,8 +92,8 @@ class LoopbackServer {
   Answer answer_;
   std::vector<WireRequest> requests_;
   std::size_t taken_ = 0;
-  std::vector<int> connections_;  // the open ones
-  std::list<ConnectionThread> servers_;
+  std::vector<int> connections_;           // the open ones
+  std::vector<std::future<void>> served_;  // a thread for each connection
   std::thread acceptor_;
 };
 

@@ -14,6 +14,7 @@
 #include "support/Databases.hpp"
 #include "support/StartedProgram.hpp"
 #include "support/TemporaryFolder.hpp"
+#include "support/Threads.hpp"
 
 namespace vornet::sim {
 namespace {
@@ -21,10 +22,12 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using boost::asio::ip::tcp;
+using test::becomesTrue;
 using test::readFile;
 using test::StartedProgram;
 using test::writeFile;
 using testing::ElementsAre;
+using testing::FieldsAre;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -39,6 +42,7 @@ class Client {
   bool isConnected() const { return stream_.error() != boost::asio::error::connection_refused; }
   bool wasReset() const { return stream_.error() == boost::asio::error::connection_reset; }
 
+  void askForIcons(bool keepAlive = false) { post("get_icons_for_folder", ICONS, keepAlive); }
   void post(const std::string& command, const std::string& body, bool keepAlive = false) {
     stream_ << "POST /" << command
             << " HTTP/1.1\r\nHost: 127.0.0.1\r\nConnection: " << (keepAlive ? "keep-alive" : "close")
@@ -60,18 +64,12 @@ class Client {
   tcp::iostream stream_;
 };
 
-std::string reply(const std::string& command, const std::string& body) {
-  Client client;
-  client.post(command, body);
-  return client.rest();
-}
-
-std::string bodyOf(const std::string& reply) {
-  return reply.substr(std::min(reply.size(), reply.find("\r\n\r\n") + 4));
-}
-
+/// The body of the reply.
 std::string icons() {
-  return bodyOf(reply("get_icons_for_folder", ICONS));
+  Client client;
+  client.askForIcons();
+  const std::string reply = client.rest();
+  return reply.substr(std::min(reply.size(), reply.find("\r\n\r\n") + 4));
 }
 
 class KelvaneSimTest : public testing::Test {
@@ -82,11 +80,16 @@ class KelvaneSimTest : public testing::Test {
     sim_.emplace(KelvaneSim::Options{.root = root_, .container = container_, .transferTime = transferTime});
     sim_->start();
   }
+  /// A client that has asked for icons while the application misbehaves so.
+  Client askDuring(Fault fault) {
+    sim_->setFault(fault);
+    Client client;
+    client.askForIcons();
+    return client;
+  }
   void settle() { ASSERT_TRUE(sim_->waitUntilIdle(SOON)); }
   bool becomes(const std::string& path, std::optional<int> code) const {
-    const auto deadline = std::chrono::steady_clock::now() + SOON;
-    while (sim_->status(path) != code && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(5ms);
-    return sim_->status(path) == code;
+    return becomesTrue([&] { return sim_->status(path) == code; });
   }
 
   const test::TemporaryFolder disk_;
@@ -161,14 +164,14 @@ TEST_F(KelvaneSimTest, RequestsAndActionsAreRecordedAndCanBeWaitedFor) {
   start();
   EXPECT_FALSE(sim_->waitForRequest("select_context_menu", 10ms));
   icons();
-  EXPECT_THAT(reply("select_context_menu", R"({"uid":"3","paths":["/a"]})"), StartsWith("HTTP/1.1 200 OK\r\n"));
+  Client client;
+  client.post("select_context_menu", R"({"uid":"3","paths":["/a"]})");
+  EXPECT_THAT(client.rest(), StartsWith("HTTP/1.1 200 OK\r\n"));
   EXPECT_TRUE(sim_->waitForRequest("select_context_menu", SOON));
   EXPECT_TRUE(sim_->waitForActions(1, SOON));
   EXPECT_THAT(sim_->actions()[0].paths, ElementsAre("/a"));
   EXPECT_EQ(readFile(container_ + "/actions.jsonl"), "{\"action\":\"View in Cloud\",\"paths\":[\"/a\"]}\n");
-  ASSERT_EQ(sim_->requests().size(), 2u);
-  EXPECT_EQ(sim_->requests()[0].target, "/get_icons_for_folder");
-  EXPECT_EQ(sim_->requests()[0].body, ICONS);
+  EXPECT_THAT(sim_->requests(), ElementsAre(FieldsAre("POST", "/get_icons_for_folder", ICONS), testing::_));
   sim_->clearRequests();
   EXPECT_TRUE(sim_->requests().empty());
 }
@@ -176,12 +179,8 @@ TEST_F(KelvaneSimTest, RequestsAndActionsAreRecordedAndCanBeWaitedFor) {
 TEST_F(KelvaneSimTest, AFailedStartSaysWhyAndLeavesTheContainerAlone) {
   start();
   KelvaneSim second({.root = root_, .container = disk_ / "second"});
-  try {
-    second.start();
-    FAIL() << "two on one port";
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(), "cannot listen on 127.0.0.1:8806: Address already in use");
-  }
+  EXPECT_THAT([&] { second.start(); },
+              testing::ThrowsMessage<std::runtime_error>("cannot listen on 127.0.0.1:8806: Address already in use"));
   EXPECT_TRUE(fs::is_empty(disk_ / "second"));
   sim_->stop();
   fs::remove_all(root_);
@@ -214,7 +213,7 @@ TEST_F(KelvaneSimTest, OneConnectionServesManyRequests) {
       "keep-alive\r\n\r\n{\"/x\":2}";
   Client client;
   for (int i = 0; i < 3; ++i) {
-    client.post("get_icons_for_folder", ICONS, true);
+    client.askForIcons(true);
     EXPECT_EQ(client.receive(whole.size()), whole);
   }
 }
@@ -232,32 +231,22 @@ TEST_F(KelvaneSimTest, RefusingClosesThePortUntilItIsOver) {
 
 TEST_F(KelvaneSimTest, StallReadsTheRequestAndSaysNothing) {
   start();
-  sim_->setFault(Fault::stall);
-  Client client;
-  client.post("get_icons_for_folder", ICONS);
+  Client client = askDuring(Fault::stall);
   ASSERT_TRUE(sim_->waitForRequest("get_icons_for_folder", SOON));
   EXPECT_EQ(client.receive(1, 200ms), "");
 }
 
 TEST_F(KelvaneSimTest, DripsNeverEndInTheBodyOrTheHeaders) {
   start();
-  sim_->setFault(Fault::drip);
-  Client body;
-  body.post("get_icons_for_folder", ICONS);
   const std::string head =
       "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nContent-Length: 1000000000\r\nConnection: close\r\n\r\n";
-  EXPECT_EQ(body.receive(head.size() + 3), head + "   ");
-  sim_->setFault(Fault::dripHeaders);
-  Client headers;
-  headers.post("get_icons_for_folder", ICONS);
-  EXPECT_EQ(headers.receive(28), "HTTP/1.1 200 OK\r\nX-Drip:    ");
+  EXPECT_EQ(askDuring(Fault::drip).receive(head.size() + 3), head + "   ");
+  EXPECT_EQ(askDuring(Fault::dripHeaders).receive(28), "HTTP/1.1 200 OK\r\nX-Drip:    ");
 }
 
 TEST_F(KelvaneSimTest, ResetBreaksTheConnectionWithinTheBody) {
   start();
-  sim_->setFault(Fault::reset);
-  Client client;
-  client.post("get_icons_for_folder", ICONS);
+  Client client = askDuring(Fault::reset);
   client.rest();
   EXPECT_TRUE(client.wasReset());
 }
@@ -265,18 +254,16 @@ TEST_F(KelvaneSimTest, ResetBreaksTheConnectionWithinTheBody) {
 TEST_F(KelvaneSimTest, StoppingDoesNotWaitForClients) {
   start();
   Client idle;
-  std::vector<std::unique_ptr<Client>> held;
+  std::vector<Client> held;
   for (const Fault fault : {Fault::stall, Fault::drip, Fault::dripHeaders}) {
     sim_->clearRequests();
-    sim_->setFault(fault);
-    held.push_back(std::make_unique<Client>());
-    held.back()->post("get_icons_for_folder", ICONS);
+    held.push_back(askDuring(fault));
     ASSERT_TRUE(sim_->waitForRequest("get_icons_for_folder", SOON));
   }
   // No client does anything from here on; only the server can end this.
   const auto stopped = std::async(std::launch::async, [&] { sim_->stop(); });
   ASSERT_EQ(stopped.wait_for(SOON), std::future_status::ready);
-  for (const auto& client : held) client->rest();
+  for (auto& client : held) client.rest();
   idle.rest();
 }
 
@@ -287,15 +274,18 @@ class Program : public KelvaneSimTest {
   Program() { EXPECT_EQ(::mkfifo(input_.c_str(), 0600), 0); }
 
   /// Runs it with `arguments`, after the options that it always needs; its input is input_.
-  std::unique_ptr<StartedProgram> run(const std::string& arguments) {
+  StartedProgram run(const std::string& arguments) {
     const std::string command = "exec " KELVANE_SIM " --container '" + container_ + "' " + arguments;
-    return std::make_unique<StartedProgram>(std::vector<std::string>{"sh", "-c", command}, std::vector<std::string>(),
-                                            output_);
+    return StartedProgram({"sh", "-c", command}, {}, output_);
   }
-  bool waitForOutput(const std::string& wanted) const {
-    const auto deadline = std::chrono::steady_clock::now() + SOON;
-    while (readFile(output_) != wanted && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(5ms);
-    return readFile(output_) == wanted;
+  /// Expects that `signal` ends it in order.
+  static void end(StartedProgram& program, int signal = SIGTERM) {
+    program.signal(signal);
+    EXPECT_EQ(program.wait(), 0);
+  }
+  void waitForOutput(const std::string& wanted) const {
+    becomesTrue([&] { return readFile(output_) == wanted; });
+    EXPECT_EQ(readFile(output_), wanted);
   }
 
   const std::string input_ = disk_ / "input", output_ = disk_ / "output";
@@ -303,38 +293,35 @@ class Program : public KelvaneSimTest {
 
 TEST_F(Program, SetsStatusesUntilASignalEndsIt) {
   writeFile(root_ + "/a b", "1");
-  const auto program = run("'" + root_ + "' --synced <'" + input_ + "'");
+  auto program = run("'" + root_ + "' --synced <'" + input_ + "'");
   std::ofstream commands(input_);
-  ASSERT_TRUE(waitForOutput("started\n")) << readFile(output_);
+  waitForOutput("started\n");
   EXPECT_EQ(icons(), R"({"/a b":2})");
   commands << "-1 /a b\n" << std::flush;
-  ASSERT_TRUE(waitForOutput("started\nok\n"));
+  waitForOutput("started\nok\n");
   EXPECT_EQ(icons(), R"({"/a b":-1})");
   commands << "x /a b\n1.5 /a b\n1 a\n2 /a b\n" << std::flush;
-  ASSERT_TRUE(
-      waitForOutput("started\nok\nerror: not \"CODE PATH\": x /a b\nerror: not \"CODE PATH\": 1.5 /a b\n"
-                    "error: not \"CODE PATH\": 1 a\nok\n"))
-      << readFile(output_);
+  waitForOutput(
+      "started\nok\nerror: not \"CODE PATH\": x /a b\nerror: not \"CODE PATH\": 1.5 /a b\n"
+      "error: not \"CODE PATH\": 1 a\nok\n");
   EXPECT_EQ(icons(), R"({"/a b":2})");
   commands.close();
   EXPECT_EQ(icons(), R"({"/a b":2})");
-  program->signal(SIGTERM);
-  EXPECT_EQ(program->wait(), 0);
+  end(program);
 }
 
 TEST_F(Program, RunsWithoutInputToo) {
-  const auto program = run("'" + root_ + "' --transfer-time 0 --parallel 7");
-  ASSERT_TRUE(waitForOutput("started\n")) << readFile(output_);
+  auto program = run("'" + root_ + "' --transfer-time 0 --parallel 7");
+  waitForOutput("started\n");
   EXPECT_EQ(icons(), "{}");
-  program->signal(SIGINT);
-  EXPECT_EQ(program->wait(), 0);
+  end(program, SIGINT);
 }
 
 TEST_F(Program, FailuresAreOneLine) {
-  EXPECT_EQ(run("'" + root_ + "/missing'")->wait(), 1);
+  EXPECT_EQ(run("'" + root_ + "/missing'").wait(), 1);
   EXPECT_EQ(readFile(output_), "kelvane-sim: cannot sync " + root_ + "/missing: it is not a folder\n");
   for (const std::string wrong : {"", "a b", ". --transfer-time -1", ". --parallel 0", ". --fault stall"})
-    EXPECT_EQ(run(wrong)->wait(), 2) << wrong;
+    EXPECT_EQ(run(wrong).wait(), 2) << wrong;
 }
 
 TEST_F(Program, ReplacesAnotherApplicationsFilesOnlyWhenForced) {
@@ -343,31 +330,25 @@ TEST_F(Program, ReplacesAnotherApplicationsFilesOnlyWhenForced) {
   test::writePreferences(preferences, disk_ / "theirs");
   test::makeSyncDatabase(statuses, {{"/theirs", 2}});
   const std::string before = readFile(preferences) + readFile(statuses);
-  EXPECT_EQ(run("'" + root_ + "'")->wait(), 1);
+  EXPECT_EQ(run("'" + root_ + "'").wait(), 1);
   EXPECT_THAT(readFile(output_), StartsWith("kelvane-sim: " + preferences + " was written by another application: "));
   EXPECT_TRUE(readFile(preferences) + readFile(statuses) == before);
   {
     KelvaneSim running({.root = root_, .container = disk_ / "other"});  // as the other application is
     running.start();
-    EXPECT_EQ(run("'" + root_ + "' --force")->wait(), 1);
+    EXPECT_EQ(run("'" + root_ + "' --force").wait(), 1);
     EXPECT_TRUE(readFile(preferences) + readFile(statuses) == before);
   }
   fs::remove(output_);
-  const auto program = run("'" + root_ + "' --force");
-  ASSERT_TRUE(waitForOutput("started\n")) << readFile(output_);
+  auto program = run("'" + root_ + "' --force");
+  waitForOutput("started\n");
   EXPECT_THAT(readFile(preferences) + readFile(statuses), testing::Not(HasSubstr("theirs")));
-  program->signal(SIGTERM);
-  EXPECT_EQ(program->wait(), 0);
+  end(program);
 }
 
-TEST_F(Program, HelpFitsEightyColumns) {
-  EXPECT_EQ(run("--help")->wait(), 0);
-  EXPECT_THAT(readFile(output_), HasSubstr("Usage:"));
+TEST_F(Program, HelpFitsEightyColumnsAndLooksTheSameUnderEveryCLI11) {
+  EXPECT_EQ(run("--help").wait(), 0);
   EXPECT_THAT(readFile(output_), testing::Not(testing::ContainsRegex("[^\n]{81}")));
-}
-
-TEST_F(Program, HelpLooksTheSameUnderEveryCLI11) {
-  EXPECT_EQ(run("--help")->wait(), 0);
   EXPECT_THAT(readFile(output_),
               testing::EndsWith("\n"
                                 "Usage: kelvane-sim [OPTIONS] DIR\n"

@@ -10,10 +10,8 @@
 
 #include <chrono>
 #include <functional>
-#include <memory>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "support/Environment.hpp"
 
@@ -38,27 +36,31 @@ class GLibEventsTest : public testing::Test {
     return condition();
   }
 
-  /// Has `source` call `function`.
-  void setFunction(GSource* source, std::function<gboolean()> function) {
-    functions.push_back(std::make_unique<std::function<gboolean()>>(std::move(function)));
-    g_source_set_callback(
-        source, [](gpointer data) { return (*static_cast<std::function<gboolean()>*>(data))(); },
-        functions.back().get(), nullptr);
+  /// How often Qt's loop wakes up until `time` is over.
+  int roundsWithin(std::chrono::milliseconds time) {
+    int rounds = 0;
+    bool over = false;
+    QTimer::singleShot(time, &application, [&] { over = true; });
+    EXPECT_TRUE(runUntil([&] { return ++rounds, over; }));
+    return rounds;
   }
-  /// Gives `source` away to the context.
-  void attach(GSource* source) {
+
+  /// Gives `source`, which calls `function`, away to the context.
+  template <typename Function>
+  void attach(GSource* source, Function& function) {
+    const GSourceFunc call = [](gpointer data) -> gboolean { return (*static_cast<Function*>(data))(); };
+    g_source_set_callback(source, call, &function, nullptr);
     g_source_attach(source, events.context());
     g_source_unref(source);
   }
-  void attach(GSource* source, std::function<gboolean()> function) {
-    setFunction(source, std::move(function));
-    attach(source);
-  }
+  /// Has the context set `called`, once.
+  void attachIdle() { attach(g_idle_source_new(), setCalled); }
 
   test::ScopedVariable withoutGLib{"QT_NO_GLIB", "1"};
   QCoreApplication application{count, arguments};
   GLibEvents events;
-  std::vector<std::unique_ptr<std::function<gboolean()>>> functions;
+  bool called = false;
+  std::function<gboolean()> setCalled = [this] { return called = true, G_SOURCE_REMOVE; };
 };
 
 TEST_F(GLibEventsTest, IsNeededWhereQtDoesWithoutGLib) {
@@ -73,29 +75,23 @@ TEST(GLibEvents, IsNotNeededWhereQtRunsGLibsLoop) {
 
 TEST_F(GLibEventsTest, DispatchesTimeoutsInTheirOrderUntilTheyEnd) {
   std::string order;
-  attach(g_timeout_source_new(2000), [&] { return order += 'b', G_SOURCE_REMOVE; });
-  attach(g_timeout_source_new(20), [&] {
-    order += 'a';
-    return order.size() < 2 ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE;
-  });
+  auto late = [&] { return order += 'b', G_SOURCE_REMOVE; };
+  auto twice = [&] { return order += 'a', order.size() < 2 ? G_SOURCE_CONTINUE : G_SOURCE_REMOVE; };
+  attach(g_timeout_source_new(2000), late);
+  attach(g_timeout_source_new(20), twice);
   EXPECT_TRUE(runUntil([&] { return order.size() == 3; }));
   EXPECT_EQ(order, "aab");
 }
 
 TEST_F(GLibEventsTest, NoticesASourceThatIsAddedWhileQtWaits) {
-  bool called = false;
-  QTimer::singleShot(50ms, &application,
-                     [&] { attach(g_idle_source_new(), [&] { return called = true, G_SOURCE_REMOVE; }); });
+  QTimer::singleShot(50ms, &application, [&] { attachIdle(); });
   EXPECT_TRUE(runUntil([&] { return called; }));
 }
 
 TEST_F(GLibEventsTest, NoticesASourceThatAnotherThreadAdds) {
-  bool called = false;
-  GSource* const source = g_idle_source_new();
-  setFunction(source, [&] { return called = true, G_SOURCE_REMOVE; });
   std::thread other([&] {
     std::this_thread::sleep_for(50ms);  // so that Qt is waiting
-    attach(source);
+    attachIdle();
   });
   EXPECT_TRUE(runUntil([&] { return called; }));
   other.join();
@@ -106,38 +102,29 @@ TEST_F(GLibEventsTest, WatchesDescriptorsAsLongAsTheyAreWanted) {
   ASSERT_EQ(::pipe(ends), 0);
   std::string read;
   GSource* source = g_unix_fd_source_new(ends[0], G_IO_IN);
-  struct Context {
-    std::string& read;
-  } context{read};
-  const auto readable = [](gint descriptor, GIOCondition, gpointer data) -> gboolean {
+  const GUnixFDSourceFunc readable = [](gint descriptor, GIOCondition, gpointer data) -> gboolean {
     char byte = 0;
-    if (::read(descriptor, &byte, 1) == 1) static_cast<Context*>(data)->read += byte;
+    if (::read(descriptor, &byte, 1) == 1) *static_cast<std::string*>(data) += byte;
     return byte == 'z' ? G_SOURCE_REMOVE : G_SOURCE_CONTINUE;
   };
-  g_source_set_callback(source, G_SOURCE_FUNC(static_cast<GUnixFDSourceFunc>(readable)), &context, nullptr);
-  attach(source);
+  g_source_set_callback(source, G_SOURCE_FUNC(readable), &read, nullptr);
+  g_source_attach(source, events.context());
+  g_source_unref(source);
   std::thread writer([&] {
     for (const char byte : {'x', 'y', 'z', 'a'}) EXPECT_EQ(::write(ends[1], &byte, 1), 1);
   });
   EXPECT_TRUE(runUntil([&] { return read == "xyz"; }));
   writer.join();
-  bool later = false;
-  QTimer::singleShot(50ms, &application, [&] { later = true; });
-  EXPECT_TRUE(runUntil([&] { return later; }));
+  roundsWithin(50ms);
   EXPECT_EQ(read, "xyz");
   ::close(ends[0]);
   ::close(ends[1]);
 }
 
 TEST_F(GLibEventsTest, LetsQtSleepWhileNothingHappens) {
-  bool begun = false;
-  attach(g_idle_source_new(), [&] { return begun = true, G_SOURCE_REMOVE; });
-  ASSERT_TRUE(runUntil([&] { return begun; }));
-  int rounds = 0;
-  bool over = false;
-  QTimer::singleShot(300ms, &application, [&] { over = true; });
-  runUntil([&] { return ++rounds, over; });
-  EXPECT_LE(rounds, 10);
+  attachIdle();
+  ASSERT_TRUE(runUntil([&] { return called; }));
+  EXPECT_LE(roundsWithin(300ms), 10);
 }
 
 }  // namespace
