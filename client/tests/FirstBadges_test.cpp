@@ -119,7 +119,7 @@ TEST_F(PluginFirstBadges, AreNotAwaitedOnceAnItemWasAskedFor) {
 
 TEST_F(PluginFirstBadges, AreNotAwaitedInAFolderThatComesBackWithItsLastEmblems) {
   extension->sendsSnapshots = true;
-  showSynced("a");
+  open({{"a", "SYNCED"}});
   manager.plugin->folderHidden(root);
   manager.hide(path("a"));
   ASSERT_TRUE(waitForObserved(0));
