@@ -31,11 +31,11 @@ class WatchTest : public ServedTest {
 
   /// The whole lines whose event is `event`.
   std::vector<std::string> linesOf(const std::string& event) const {
-    auto lines = program->lines();
-    std::erase_if(lines, [prefix = R"({"event":")" + event + '"'](const std::string& line) {
+    auto found = program->lines();
+    std::erase_if(found, [prefix = R"({"event":")" + event + '"'](const std::string& line) {
       return !line.starts_with(prefix) || !line.ends_with('}');
     });
-    return lines;
+    return found;
   }
   /// "NAME BADGE", and " was BADGE" where the badge before is known, of each of them.
   std::vector<std::string> items(const std::string& event) const {
