@@ -2,8 +2,6 @@
 
 #include <glib-object.h>
 
-#include <algorithm>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <utility>
@@ -38,12 +36,11 @@ class UnansweredFiles {
   template <typename Fill>
   void answer(const std::string& folder, Fill fill) {
     // Taken out first: with each answer the file manager may ask for the next file.
-    const auto first =
-        std::stable_partition(files_.begin(), files_.end(), [&](const auto& file) { return file->folder != folder; });
-    const std::vector<std::unique_ptr<File>> files(std::make_move_iterator(first),
-                                                   std::make_move_iterator(files_.end()));
-    files_.erase(first, files_.end());
-    for (const auto& file : files) {
+    std::vector<std::unique_ptr<File>> answered;
+    for (auto& file : files_)
+      if (file->folder == folder) answered.push_back(std::move(file));
+    std::erase(files_, nullptr);
+    for (const auto& file : answered) {
       fill(file->file.get());
       VORNET_CALL(info_provider_update_complete_invoke)
       (file->complete.get(), file->provider.get(), handleOf(*file), manager::COMPLETE);
