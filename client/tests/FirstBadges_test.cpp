@@ -7,8 +7,8 @@
 namespace vornet::test {
 namespace {
 
+using std::chrono::hours;
 using std::chrono::milliseconds;
-using std::chrono::minutes;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::UnorderedElementsAre;
@@ -16,7 +16,7 @@ using testing::UnorderedElementsAre;
 class PluginFirstBadges : public PluginTest {
  protected:
   PluginFirstBadges() {
-    awaitFor(minutes(1));
+    awaitFor(hours(1));
     startExtension();
     extension->interfaceVersion = dbus::INTERFACE_VERSION;
     extension->sendsSnapshots = false;
