@@ -38,7 +38,7 @@ struct Folder {
   bool inferred = false;  ///< no window reports it; observed all the same
   bool wasInferred = false;
   gint64 expected = 0;  ///< when it was said that it will soon be shown; monotonic, in microseconds; 0 for not expected
-  gint64 awaited = 0;   ///< since when the file manager waits for its first badges; the same; 0 unless it does
+  gint64 awaited = 0;   ///< since when the file manager waits for its first badges; as `expected`
   bool came = false;    ///< they have come, or nobody waits for them any more
 
   int begun = 0;          ///< observations begun and not ended, with the extension that runs now

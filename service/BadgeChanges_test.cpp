@@ -154,7 +154,7 @@ TEST_F(BadgeChangesToASlowPeer, SayWhenTheConnectionHasRoomAgain) {
   EXPECT_FALSE(sent->hasRoom());
   beginReading();
   EXPECT_TRUE(peer->waitUntil([&] { return sent->hasRoom() && heard > before; }));
-  sent->stop();  // before the count that it is told goes
+  sent->stop();  // its callback changes a local variable of this test
 }
 
 TEST_F(BadgeChangesTest, ReplaceAWaitingChangeByALaterAnswer) {

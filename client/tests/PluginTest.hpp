@@ -80,7 +80,7 @@ class PluginTest : public testing::Test {
     manager.show(path(name));
     return waitForEmblem(name, emblemOf(identifier));
   }
-  /// Sends the change of a badge in an observed folder: no request tells of it. True if its emblem appears.
+  /// Sends the change of a badge in an observed folder, which is not requested. True if its emblem appears.
   bool changes(const std::string& name, const std::string& identifier) {
     EXPECT_THAT(extension->observed, testing::Contains(client::urlOfPath(std::string(client::folderOf(path(name))))));
     extension->sendChanges({{url(name), identifier}});

@@ -384,7 +384,7 @@ TEST_F(Plugins, SelectingPrefetchesTheMenu) {
   application->clearRequests();
   view->select({url("other")});
   Host::settle();
-  EXPECT_EQ(menuRequests(), 0) << "nobody sees that selection";
+  EXPECT_EQ(menuRequests(), 0) << "the selection is in a hidden view";
 }
 
 TEST_F(Plugins, AnAnswerToAnOlderSelectionIsDropped) {
