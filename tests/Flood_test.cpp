@@ -113,9 +113,6 @@ class FloodTest : public ExtensionTest {
     for (int i = 0; i < MANY; ++i) result.emplace_back(bus->address());
     return result;
   }
-  static bool waitForAnswers(const Attackers& attackers, std::size_t count) {
-    return std::ranges::all_of(attackers, [count](const Flood& attacker) { return attacker.waitForAnswers(count); });
-  }
 
   /// The peak of the extension's memory, in MiB.
   double peak() const {
@@ -150,7 +147,7 @@ class FloodTest : public ExtensionTest {
     const auto call = Flood::call("RequestBadges", texts(items()));
     withstands([&] {
       for (auto& attacker : attackers) ASSERT_TRUE(attacker.send(call, 2));
-      EXPECT_TRUE(waitForAnswers(attackers, 2));
+      EXPECT_TRUE(Flood::waitForAnswers(attackers, 2));
     });
   }
 
@@ -203,7 +200,7 @@ TEST_F(FloodTest, SnapshotsOfALargeFolderForManyClients) {
   const auto request = Flood::call("RequestSnapshot", g_variant_new("(st)", url("e").c_str(), guint64{1}));
   withstands([&] {
     for (auto& attacker : attackers) ASSERT_TRUE(attacker.send(begin, 1) && attacker.send(request, 1));
-    EXPECT_TRUE(waitForAnswers(attackers, 2));
+    EXPECT_TRUE(Flood::waitForAnswers(attackers, 2));
     ASSERT_TRUE(client->beginObserving(url("e")));
     ASSERT_TRUE(client->requestSnapshot(url("e"), 1));
     gate->open();  // and all are due

@@ -4,6 +4,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstring>
@@ -96,16 +97,20 @@ std::size_t Flood::errors(const std::string& error) const {
   return errors_.contains(error) ? errors_.at(error) : 0;
 }
 
+std::size_t Flood::missing(std::size_t count) const {
+  return count - std::min<std::size_t>(count, answers_);
+}
+
 bool Flood::waitForAnswers(std::size_t count) const {
-  auto until = std::chrono::steady_clock::now() + PATIENCE;
-  std::size_t before = answers_;
-  while (answers_ < count) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    if (answers_ != before) until = std::chrono::steady_clock::now() + PATIENCE;
-    before = answers_;
-  }
-  return true;
+  return becomesZero([&] { return missing(count); });
+}
+
+bool Flood::waitForAnswers(const std::list<Flood>& clients, std::size_t count) {
+  return becomesZero([&] {
+    std::size_t sum = 0;
+    for (const auto& client : clients) sum += client.missing(count);
+    return sum;
+  });
 }
 
 void Flood::read() {

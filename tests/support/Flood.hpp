@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <list>
 #include <map>
 #include <mutex>
 #include <string>
@@ -38,10 +39,15 @@ class Flood {
   /// Reads nothing from now on.
   void becomeDeaf() { deaf_ = true; }
 
-  /// Waits until so many answers have come; false after half a minute without any new one.
+  /// Waits until so many answers have come; false when no new one comes in the test's patience.
   bool waitForAnswers(std::size_t count) const;
 
+  /// The same for each of `clients`, where a new answer to any of them counts: they take turns, and one alone may wait
+  /// for long.
+  static bool waitForAnswers(const std::list<Flood>& clients, std::size_t count);
+
  private:
+  std::size_t missing(std::size_t count) const;
   void read();
 
   int socket_ = -1;

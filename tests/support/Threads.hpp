@@ -29,6 +29,20 @@ bool becomesTrue(const Condition& condition) {
   return true;
 }
 
+/// Waits until `missing()`, a number, is 0; false when it has not become less for as long as the test's patience lasts.
+template <typename Missing>
+bool becomesZero(const Missing& missing) {
+  auto until = std::chrono::steady_clock::now() + PATIENCE;
+  for (auto before = missing(); before > 0;) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    const auto now = missing();
+    if (now < before) until = std::chrono::steady_clock::now() + PATIENCE;
+    if (std::chrono::steady_clock::now() > until) return false;
+    before = now;
+  }
+  return true;
+}
+
 /// A door for threads, and for processes that are forked after it was made. Once opened it stays open.
 class Gate {
  public:
