@@ -14,6 +14,11 @@ namespace {
 // The bus's name for Busy.
 constexpr const char* TOO_MANY_CALLS = "org.freedesktop.DBus.Error.LimitsExceeded";
 
+// A folder with fewer items is not searched for those that are gone. In others each question looks at so many buckets:
+// an item has one or two of them, so those that are gone remain few beside the others.
+constexpr std::size_t FEW_ITEMS = 1024;
+constexpr std::size_t BUCKETS_A_CALL = 2;
+
 bool isOverload(const std::string& error) {
   return error == "Busy" || error == TOO_MANY_CALLS;
 }
@@ -79,7 +84,7 @@ bool Badges::mayCarryBadges(std::string_view path) const {
 
 std::string_view Badges::emblem(Folder& folder, std::string_view name, std::unique_ptr<ShownItem> item) {
   if (folder.entries.empty() && folder.remembered.empty()) folder.remembered = left_.take(folder.path);
-  if (folder.entries.size() >= folder.crowded) forgetGone(folder);
+  forgetSomeGone(folder);
   const auto [found, isNew] = folder.entries.try_emplace(std::string(name));
   Entry& entry = found->second;
   entry.item = std::move(item);
@@ -141,24 +146,33 @@ void Badges::forgetAwaited() {
   if (next.count() > 0) coming_.start(std::chrono::ceil<std::chrono::milliseconds>(next), [this] { forgetAwaited(); });
 }
 
-/// Forgets items that were deleted or renamed while their folder was held. Their badges are kept, because the stream
-/// does not repeat the badge of an item that is made anew. Until a snapshot has ended, a badge that it has not named
-/// may be out of date.
-void Badges::forgetGone(Folder& folder) {
-  bool isRoom = true;
-  std::erase_if(folder.entries, [&](const auto& named) {
-    const auto& [name, entry] = named;
-    if (!entry.item->isGone()) return false;
-    if (entry.emblem.empty()) return true;
-    if (folder.isComplete || (folder.stream != 0 && entry.snapshot == folder.snapshot))
-      isRoom &= keep(folder, name, entry.emblem);
-    else if (folder.remembered.size() < LeftFolders::MOST_ITEMS)
-      folder.remembered.insert_or_assign(name, entry.emblem);
-    return true;
-  });
-  std::erase_if(folder.waiting, [&](const std::string& name) { return !folder.entries.contains(name); });
-  if (!isRoom) requestSnapshot(folder);
-  folder.crowded = std::max(folder.crowded, 2 * folder.entries.size());
+/// Forgets items that were deleted or renamed while their folder was held, among the few that are looked at next: all
+/// at once would take milliseconds.
+void Badges::forgetSomeGone(Folder& folder) {
+  if (folder.entries.size() < FEW_ITEMS) return;
+  std::vector<std::string> gone;
+  for (std::size_t i = 0; i < BUCKETS_A_CALL; ++i) {
+    const auto bucket = folder.lookedAt++ % folder.entries.bucket_count();
+    for (auto named = folder.entries.begin(bucket); named != folder.entries.end(bucket); ++named)
+      if (named->second.item->isGone()) gone.push_back(named->first);
+  }
+  for (const auto& name : gone) forgetGone(folder, name);
+  if (folder.waiting.size() >= 2 * folder.entries.size() + FEW_ITEMS)
+    std::erase_if(folder.waiting, [&folder](const std::string& name) { return !folder.entries.contains(name); });
+}
+
+/// The badge of the item is kept, because the stream does not repeat the badge of an item that is made anew. Until a
+/// snapshot has ended, a badge that it has not named may be out of date.
+void Badges::forgetGone(Folder& folder, const std::string& name) {
+  const auto found = folder.entries.find(name);
+  const Entry entry = std::move(found->second);
+  folder.entries.erase(found);
+  if (entry.emblem.empty()) return;
+  if (folder.isComplete || (folder.stream != 0 && entry.snapshot == folder.snapshot)) {
+    if (!keep(folder, name, entry.emblem)) requestSnapshot(folder);
+  } else if (folder.remembered.size() < LeftFolders::MOST_ITEMS) {
+    folder.remembered.insert_or_assign(name, entry.emblem);
+  }
 }
 
 // --- Observing ------------------------------------------------------------------------------------------------------
@@ -342,6 +356,7 @@ void Badges::snapshotEnded(Folder& folder) {
   folder.isComplete = true;
   awaitNoLonger(folder);
   folder.remembered.clear();
+  folder.entries.reserve(folder.unshown.size());  // growing by and by would take milliseconds in the end
   for (const auto& name : std::exchange(folder.waiting, {}))
     if (const auto found = folder.entries.find(name); found != folder.entries.end()) found->second.waiting = false;
   for (const auto& [name, entry] : folder.entries)

@@ -108,7 +108,8 @@ class Badges : private BadgeStream::Listener {
   void applyBadge(Folder& folder, const std::string& name, std::string_view emblem);
   bool redrawNext();
   void clear(Folder& folder);
-  void forgetGone(Folder& folder);
+  void forgetSomeGone(Folder& folder);
+  void forgetGone(Folder& folder, const std::string& name);
   void forgetLeft();
 
   ExtensionLink& link_;

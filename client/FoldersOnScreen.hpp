@@ -52,7 +52,7 @@ struct Folder {
   bool isComplete = false;  ///< one has ended in this stream: items that it did not name have no badge
 
   std::unordered_map<std::string, Entry> entries;  ///< by name
-  std::size_t crowded = 1024;                      ///< with so many entries, those that are gone are searched for
+  std::size_t lookedAt = 0;                        ///< buckets of `entries` that were searched for gone items
   Emblems remembered;                              ///< from its last time on screen, of items that are not shown yet
   Emblems unshown;                                 ///< from its stream, of items that are not shown yet
   std::size_t keptBytes = 0;                       ///< of their names, with those shown since the last snapshot began

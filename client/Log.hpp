@@ -2,6 +2,7 @@
 
 #include <glib.h>
 
+#include <ctime>
 #include <exception>
 #include <utility>
 
@@ -44,22 +45,34 @@ void trace(const char* format, Values... values) {
   if (isTracing()) g_log_structured("vornet-vi", G_LOG_LEVEL_DEBUG, "MESSAGE", format, values...);
 }
 
-/// Work on the file manager's thread; traced when it took long enough to matter.
+/// Work on the file manager's thread; traced when it took long enough to matter, with the processor time of it: the
+/// rest is spent waiting, or other programs had the processors.
 class TracedCall {
  public:
-  explicit TracedCall(const char* what) : what_(what), begun_(isTracing() ? g_get_monotonic_time() : 0) {}
+  explicit TracedCall(const char* what)
+      : what_(what), begun_(milliseconds(CLOCK_MONOTONIC)), workBegun_(milliseconds(CLOCK_THREAD_CPUTIME_ID)) {}
   ~TracedCall() {
-    if (begun_ == 0) return;
-    const auto milliseconds = static_cast<double>(g_get_monotonic_time() - begun_) / 1000;
-    if (milliseconds > NOTICEABLE) trace("%s: a turn of %.1f ms", what_, milliseconds);
+    const double turn = milliseconds(CLOCK_MONOTONIC) - begun_;
+    if (turn > NOTICEABLE)
+      trace("%s: a turn of %.1f ms, %.1f of them at work", what_, turn,
+            milliseconds(CLOCK_THREAD_CPUTIME_ID) - workBegun_);
   }
   TracedCall(const TracedCall&) = delete;
   TracedCall& operator=(const TracedCall&) = delete;
 
  private:
   static constexpr double NOTICEABLE = 1;
+
+  /// 0 without traces.
+  static double milliseconds(clockid_t clock) {
+    timespec now{};
+    if (isTracing()) ::clock_gettime(clock, &now);
+    return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) / 1e6;
+  }
+
   const char* what_;
-  gint64 begun_;
+  double begun_;
+  double workBegun_;
 };
 
 }  // namespace vornet::client

@@ -8,7 +8,7 @@ namespace vornet::client {
 namespace {
 
 // A frame of the window takes 16 ms; this leaves most of it to the file manager.
-constexpr gint64 SLICE_MICROSECONDS = 3'000;
+constexpr gint64 SLICE_MICROSECONDS = 2'000;
 
 // After painting (GDK paints at 120), before what waits for an idle moment.
 constexpr gint SLICE_PRIORITY = G_PRIORITY_HIGH_IDLE + 50;

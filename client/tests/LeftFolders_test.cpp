@@ -198,6 +198,17 @@ TEST_F(PluginTabs, ItemsThatComeAndGoDoNotPileUp) {
   EXPECT_LE(FakeFileManager::keptItems(), 1100u);
 }
 
+TEST_F(PluginTabs, ItemsThatAreGoneAreSearchedForAFewAtATime) {
+  std::size_t most = 0;
+  for (int i = 0; i < 10'000; ++i) {
+    const auto before = manager.lookedFor;
+    manager.show(path(std::to_string(i)));
+    most = std::max(most, manager.lookedFor - before);
+  }
+  EXPECT_GT(most, 0u);
+  EXPECT_LT(most, 50u);
+}
+
 TEST_F(PluginTabs, ItemsThatComeAndGoInTheBackgroundCostNoMemory) {
   sendToBack();
   const auto name = [this](int number) { return path(std::string(200, 'n') + std::to_string(number)); };
@@ -212,6 +223,22 @@ TEST_F(PluginTabs, ItemsThatComeAndGoInTheBackgroundCostNoMemory) {
   };
   const auto before = comeAndGo(0, 10'000);
   EXPECT_LT(comeAndGo(10'000, 60'000), before + (4u << 20)) << "their names alone have 10 MB";
+}
+
+TEST_F(PluginTabs, ItemsThatComeAgainAndAgainWithoutAnExtensionCostNoMemory) {
+  endExtension();
+  const auto comeAndGo = [this](int times) {
+    for (int i = 0; i < times; ++i) {
+      const auto file = path(std::string(200, 'n') + std::to_string(i % 3000));
+      manager.goneFor.erase(file);
+      manager.show(file);
+      manager.hide(file);
+      manager.goneFor.insert(file);
+    }
+    return mallinfo2().uordblks;  // 0 under a sanitizer
+  };
+  const auto before = comeAndGo(10'000);
+  EXPECT_LT(comeAndGo(50'000), before + (4u << 20)) << "their names alone have 10 MB";
 }
 
 TEST_F(PluginTabs, AnAnswerThatComesToATabInTheBackgroundIsDrawn) {

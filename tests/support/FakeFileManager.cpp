@@ -14,7 +14,10 @@ class FakeFileManager::Item : public client::ShownItem {
     manager_.show(path);
     if (manager_.emblems_[path] != emblem || path != path_) ++manager_.contradictions;
   }
-  bool isGone() const override { return manager_.goneFor.contains(path_); }
+  bool isGone() const override {
+    ++manager_.lookedFor;
+    return manager_.goneFor.contains(path_);
+  }
 
  private:
   FakeFileManager& manager_;
