@@ -24,6 +24,7 @@ PAINT = (
     ("CPU of the extension, s", "extension", 2, OURS, {"unfilled": "0.1"}),
     ("Longest stall, ms", "stall", 0, ALL, {"filled": "1.1 C", "unfilled": "1.1 C"}),
     ("Longest turn of the plug-in, ms", "turn", 1, OURS, {"filled": "4", "unfilled": "4"}),
+    ("Most work in a turn, ms", "worked", 1, OURS, {}),
     ("Items asked for", "items", 0, ALL, {}),
     ("Of these asked for again, %", "again", 1, ALL, {"filled": "1"}),
 )

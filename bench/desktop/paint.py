@@ -38,7 +38,7 @@ BEAT = 0.01  # seconds between two questions to its main loop
 CONTENT = (640, 300, 355, 375)  # of the screen: x, y, width, height; all file managers show a dozen files there
 STRIP = 64  # bytes that are compared at a time
 CHANGED = 0.002  # of the pixels: less is no change of the files drawn
-TURN = re.compile(r"a turn of ([\d.]+) ms")
+TURN = re.compile(r"a turn of ([\d.]+) ms, ([\d.]+) of them at work")
 ASKED = re.compile(r"asked for (\S+)")
 
 
@@ -269,7 +269,9 @@ class Bench:
         asked = collections.Counter(ASKED.findall(text))
         figures["items"] = len(asked)
         figures["again"] = asked.total() - len(asked)
-        figures["turn"] = max((float(turn) for turn in TURN.findall(text)), default=0.0)
+        turns = TURN.findall(text)
+        figures["turn"] = max((float(turn) for turn, _ in turns), default=0.0)
+        figures["worked"] = max((float(work) for _, work in turns), default=0.0)
         until("an empty screen", lambda: self.session.screen.pixels() == self.background)
         return figures
 
