@@ -25,8 +25,19 @@ class FakeFileManager::Item : public client::ShownItem {
 };
 
 void FakeFileManager::show(const std::string& path) {
-  emblems_[path];
-  emblems_[path] = plugin->emblem(path, std::make_unique<Item>(*this, path));
+  if (emblems_.try_emplace(path).second) ++counts_[""];
+  auto now = plugin->emblem(path, std::make_unique<Item>(*this, path));
+  auto& shown = emblems_.at(path);
+  --counts_[shown];
+  ++counts_[now];
+  shown = std::move(now);
+}
+
+void FakeFileManager::hide(const std::string& path) {
+  const auto found = emblems_.find(path);
+  if (found == emblems_.end()) return;
+  --counts_[found->second];
+  emblems_.erase(found);
 }
 
 std::string FakeFileManager::emblem(const std::string& path) const {
@@ -40,9 +51,8 @@ std::size_t FakeFileManager::redraws(const std::string& path) const {
 }
 
 std::size_t FakeFileManager::withEmblem(const std::string& emblem) const {
-  std::size_t count = 0;
-  for (const auto& [path, shown] : emblems_) count += shown == emblem;
-  return count;
+  const auto found = counts_.find(emblem);
+  return found == counts_.end() ? 0 : found->second;
 }
 
 }  // namespace vornet::test

@@ -17,13 +17,14 @@ class FakeFileManager : public client::FileManager {
   void show(const std::string& path);
 
   /// Stops showing it, and notifies nobody.
-  void hide(const std::string& path) { emblems_.erase(path); }
+  void hide(const std::string& path);
 
   /// The emblem that it shows at `path`; "" for none, "not shown" for an item that it does not show.
   std::string emblem(const std::string& path) const;
 
   std::size_t redraws(const std::string& path) const;
   std::size_t shown() const { return emblems_.size(); }
+  /// How many of the items that it shows have this emblem; "" for none. Cheap, to be asked again and again.
   std::size_t withEmblem(const std::string& emblem) const;
 
   /// Items that the plug-in keeps.
@@ -48,6 +49,7 @@ class FakeFileManager : public client::FileManager {
   class Item;
   static inline std::size_t kept_ = 0;
   std::map<std::string, std::string> emblems_;
+  std::map<std::string, std::size_t> counts_;  ///< of the items, by emblem
   std::map<std::string, std::size_t> redraws_;
 };
 
