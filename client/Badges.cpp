@@ -161,8 +161,8 @@ void Badges::forgetSomeGone(Folder& folder) {
     std::erase_if(folder.waiting, [&folder](const std::string& name) { return !folder.entries.contains(name); });
 }
 
-/// The badge of the item is kept, because the stream does not repeat the badge of an item that is made anew. Until a
-/// snapshot has ended, a badge that it has not named may be out of date.
+/// Keeps the item's badge: when the item is made again, the stream does not repeat it. While a snapshot is being sent,
+/// a badge that it has not named yet may be out of date.
 void Badges::forgetGone(Folder& folder, const std::string& name) {
   const auto found = folder.entries.find(name);
   const Entry entry = std::move(found->second);

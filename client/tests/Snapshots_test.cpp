@@ -53,7 +53,7 @@ class PluginSnapshots : public PluginTest {
     manager.goneFor.insert(path(name));
   }
 
-  /// The only one that was removed is made anew, after questions for others have made the plug-in forget it.
+  /// Asks for another item until the plug-in has forgotten `name`, the only one removed; then makes it again.
   void makeAnew(const std::string& name) {
     const auto kept = FakeFileManager::keptItems();
     for (int i = 0; i < 10'000 && FakeFileManager::keptItems() == kept; ++i) manager.show(path("1"));
