@@ -82,7 +82,7 @@ bool Badges::mayCarryBadges(std::string_view path) const {
   return !link_.foldersKnown() || link_.observedFolders().empty() || link_.isObserved(path);
 }
 
-std::string_view Badges::emblem(Folder& folder, std::string_view name, std::unique_ptr<ShownItem> item) {
+std::string_view Badges::emblem(Folder& folder, std::string_view name, std::shared_ptr<ShownItem> item) {
   if (folder.entries.empty() && folder.remembered.empty()) folder.remembered = left_.take(folder.path);
   forgetSomeGone(folder);
   const auto [found, isNew] = folder.entries.try_emplace(std::string(name));
@@ -421,13 +421,12 @@ void Badges::forgetLeft() {
       continue;
     }
     folder.leftAt = 0;
-    redrawAll(folder);
-    forget(folder);
+    forget(folder, true);
   }
   if (later) leaving_.start(leavingTime_, [this] { forgetLeft(); });
 }
 
-void Badges::forget(Folder& folder) {
+void Badges::forget(Folder& folder, bool redraws) {
   folder.inferred = false;
   folder.expected = 0;
   const bool isComplete = folder.isComplete;
@@ -435,11 +434,27 @@ void Badges::forget(Folder& folder) {
   awaitNoLonger(folder);
   syncObservations(folder);
   if (folder.isHeld()) return;
-  Emblems emblems = isKnown ? std::move(folder.remembered) : Emblems();
-  for (const auto& [name, entry] : folder.entries)
-    if (!entry.emblem.empty()) emblems.emplace(name, entry.emblem);
-  if (isComplete || !emblems.empty()) left_.add(folder.path, std::move(emblems));  // else those of the last time stay
-  folders_.erase(std::string(folder.path));
+  const auto left = std::make_shared<LeftFolder>();
+  left->path = folder.path;
+  left->emblems = isKnown ? std::move(folder.remembered) : Emblems();
+  left->entries.swap(folder.entries);
+  left->isComplete = isComplete;
+  folders_.erase(left->path);
+  left_.add(left);
+  if (left_.read(*left, SlicedWork::STEP)) work_.add([this, left] { return left_.read(*left, SlicedWork::STEP); });
+  if (redraws || left->entries.size() > SlicedWork::STEP) letGo(left->path, {left, &left->entries}, redraws);
+}
+
+/// Frees items of the folder at `path`, after they have been redrawn if `redraws`.
+void Badges::letGo(const std::string& path, const std::shared_ptr<Entries>& entries, bool redraws) {
+  work_.add([path, entries, redraws] {
+    for (std::size_t i = 0; i < SlicedWork::STEP && !entries->empty(); ++i) {
+      const auto node = entries->extract(entries->begin());
+      const Entry& entry = node.mapped();
+      if (redraws) guarded([&] { entry.item->redraw(childPath(path, node.key()), std::string(entry.emblem)); });
+    }
+    return !entries->empty();
+  });
 }
 
 // --- Asking ---------------------------------------------------------------------------------------------------------
@@ -587,39 +602,35 @@ bool Badges::redrawNext() {
     if (folder->changed.empty()) continue;
     const auto name = std::move(folder->changed.back());
     folder->changed.pop_back();
-    const auto found = folder->entries.find(name);
-    if (found == folder->entries.end()) return true;
-    found->second.changed = false;
-    const auto item = found->second.item;  // the file manager may call emblem() within the call and replace it
-    const auto itemPath = childPath(path, name);
-    const std::string emblem(found->second.emblem);
-    guarded([&] { item->redraw(itemPath, emblem); });
+    if (const auto found = folder->entries.find(name); found != folder->entries.end()) found->second.changed = false;
+    redraw(*folder, name);
     return true;
   }
   return false;
 }
 
+/// Does nothing if `folder` has no item named so. The folder may be forgotten within the call.
+void Badges::redraw(const Folder& folder, const std::string& name) {
+  const auto found = folder.entries.find(name);
+  if (found == folder.entries.end()) return;
+  const auto item = found->second.item;  // the file manager may call emblem() within the call and replace it
+  const std::string emblem(found->second.emblem);
+  guarded([&] { item->redraw(childPath(folder.path, name), emblem); });
+}
+
+/// Walks the buckets: a copy of all names would take milliseconds. Items that come meanwhile may be passed over: the
+/// file manager has just asked for them.
 void Badges::redrawAll(const Folder& folder) {
-  struct Item {
-    std::string name;
-    std::shared_ptr<ShownItem> item;
-    std::string_view emblem;
-  };
-  auto items = std::make_shared<std::vector<Item>>();
-  items->reserve(folder.entries.size());
-  for (const auto& [name, entry] : folder.entries) items->push_back({name, entry.item, entry.emblem});
-  work_.add([this, items, path = folder.path, id = folder.id] {
-    for (std::size_t i = 0; i < SlicedWork::STEP && !items->empty(); ++i) {
-      const Item one = std::move(items->back());
-      items->pop_back();
-      auto emblem = one.emblem;
-      if (const Folder* current = folders_.find(path, id)) {
-        if (const auto found = current->entries.find(one.name); found != current->entries.end())
-          emblem = found->second.emblem;  // it may have changed since
-      }
-      one.item->redraw(childPath(path, one.name), std::string(emblem));
-    }
-    return !items->empty();
+  work_.add([this, path = folder.path, id = folder.id, bucket = std::size_t(0)]() mutable {
+    const Folder* current = folders_.find(path, id);
+    if (!current) return false;
+    std::vector<std::string> names;  // the file manager may call emblem() within the call, which adds items
+    for (std::size_t i = 0; i < SlicedWork::STEP && bucket < current->entries.bucket_count(); ++i, ++bucket)
+      std::transform(current->entries.begin(bucket), current->entries.end(bucket), std::back_inserter(names),
+                     [](const auto& entry) { return entry.first; });
+    for (const auto& name : names)
+      if ((current = folders_.find(path, id))) redraw(*current, name);
+    return current && bucket < current->entries.bucket_count();
   });
 }
 
@@ -635,8 +646,7 @@ void Badges::clear(Folder& folder) {
   }
   bool hadBadges = false;
   for (auto& [name, entry] : folder.entries) hadBadges |= !std::exchange(entry.emblem, {}).empty();
-  if (hadBadges) redrawAll(folder);
-  folder.entries.clear();
+  letGo(folder.path, std::make_shared<Entries>(std::exchange(folder.entries, {})), hadBadges);
   folder.waiting.clear();
   folder.again.clear();
 }

@@ -39,7 +39,7 @@ class Badges : private BadgeStream::Listener {
   Badges& operator=(const Badges&) = delete;
 
   /// The emblem of an item of `folder`, if known; from now on `item` is redrawn when it changes.
-  std::string_view emblem(Folder& folder, std::string_view name, std::unique_ptr<ShownItem> item);
+  std::string_view emblem(Folder& folder, std::string_view name, std::shared_ptr<ShownItem> item);
 
   /// True while the first badges of `folder` are on their way to a window, and for `Pace::coming` at most.
   bool areComing(Folder& folder);
@@ -60,10 +60,11 @@ class Badges : private BadgeStream::Listener {
   /// them when it shows them again.
   void leave(Folder& folder);
 
-  /// Ends the observations of `folder`, which no window shows. Unless some tab holds it, only its emblems are kept.
-  void forget(Folder& folder);
+  /// Ends the observations of `folder`, which no window shows. Unless some tab holds it, only its emblems are kept, and
+  /// its items are redrawn if `redraws`.
+  void forget(Folder& folder, bool redraws = false);
 
-  /// Redraws every item of `folder` that the file manager still shows. The folder may be forgotten meanwhile.
+  /// Redraws every item of `folder`, until it is forgotten.
   void redrawAll(const Folder& folder);
 
   void extensionReady();
@@ -107,6 +108,8 @@ class Badges : private BadgeStream::Listener {
   void traceAnswered(Folder& folder, std::size_t items);
   void applyBadge(Folder& folder, const std::string& name, std::string_view emblem);
   bool redrawNext();
+  static void redraw(const Folder& folder, const std::string& name);
+  void letGo(const std::string& path, const std::shared_ptr<Entries>& entries, bool redraws);
   void clear(Folder& folder);
   void forgetSomeGone(Folder& folder);
   void forgetGone(Folder& folder, const std::string& name);

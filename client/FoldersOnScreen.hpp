@@ -28,6 +28,8 @@ struct Entry {
   unsigned snapshot = 0;    ///< the folder's last snapshot that named it
 };
 
+using Entries = std::unordered_map<std::string, Entry>;  ///< by name
+
 /// A folder that windows show or hold, or that is taken to be on screen because its items are asked for.
 struct Folder {
   std::string path;
@@ -51,16 +53,16 @@ struct Folder {
   unsigned snapshot = 0;    ///< counts those that have begun
   bool isComplete = false;  ///< one has ended in this stream: items that it did not name have no badge
 
-  std::unordered_map<std::string, Entry> entries;  ///< by name
-  std::size_t lookedAt = 0;                        ///< buckets of `entries` that were searched for gone items
-  Emblems remembered;                              ///< from its last time on screen, of items that are not shown yet
-  Emblems unshown;                                 ///< from its stream, of items that are not shown yet
-  std::size_t keptBytes = 0;                       ///< of their names, with those shown since the last snapshot began
-  std::vector<std::string> waiting;                ///< names to request
-  std::deque<std::vector<std::string>> again;      ///< failed batches to retry
-  std::vector<std::string> changed;                ///< names to redraw
-  std::size_t unanswered = 0;                      ///< items requested and not yet answered
-  gint64 lastNew = 0;                              ///< when the last item came; monotonic, in microseconds
+  Entries entries;
+  std::size_t lookedAt = 0;                    ///< buckets of `entries` that were searched for gone items
+  Emblems remembered;                          ///< from its last time on screen, of items that are not shown yet
+  Emblems unshown;                             ///< from its stream, of items that are not shown yet
+  std::size_t keptBytes = 0;                   ///< of their names, with those shown since the last snapshot began
+  std::vector<std::string> waiting;            ///< names to request
+  std::deque<std::vector<std::string>> again;  ///< failed batches to retry
+  std::vector<std::string> changed;            ///< names to redraw
+  std::size_t unanswered = 0;                  ///< items requested and not yet answered
+  gint64 lastNew = 0;                          ///< when the last item came; monotonic, in microseconds
 
   gint64 lastAsked = 0;  ///< when the file manager asked for an item; monotonic, in microseconds
   gint64 testedAt = 0;   ///< when a test whether it still asks began; 0 while none runs
@@ -101,6 +103,16 @@ class FoldersOnScreen {
   unsigned lastId_ = 0;
 };
 
+/// A folder that has left the screen. All of a large one at once would take milliseconds, so its items are read by and
+/// by.
+struct LeftFolder {
+  std::string path;
+  Emblems emblems;  ///< of items that are not in `entries`
+  Entries entries;
+  bool isComplete = false;         ///< no other item has a badge
+  Entries::const_iterator next{};  ///< of those to be read
+};
+
 /// The emblems of the folders that left the screen last, which are shown at once when a folder comes back. Bounded in
 /// folders and items. Not thread-safe.
 class LeftFolders {
@@ -108,20 +120,30 @@ class LeftFolders {
   static constexpr std::size_t MOST_FOLDERS = 16;
   static constexpr std::size_t MOST_ITEMS = 50'000;
 
-  /// Remembers `emblems` of the folder at `path`; forgets those that were left longest ago when there is no room. A
-  /// folder with more than MOST_ITEMS is not remembered.
-  void add(const std::string& path, Emblems emblems);
+  /// Remembers the emblems of `folder` when its items have been read; forgets those that were left longest ago when
+  /// there is no room. One with more than MOST_ITEMS is not remembered. One that has none and is not complete does not
+  /// replace what is remembered of its path.
+  void add(const std::shared_ptr<LeftFolder>& folder);
+
+  /// Reads up to `items` of a folder that was added; false when it has no more. The functions below read the rest of
+  /// theirs at once.
+  bool read(LeftFolder& folder, std::size_t items);
 
   /// Removes and returns the emblems of the folder at `path`; empty for a folder that is not remembered.
   Emblems take(const std::string& path);
 
   /// True if the folder at `path` is remembered.
-  bool has(const std::string& path) const;
+  bool has(const std::string& path);
 
   /// Forgets the folders for which `keep` returns false.
   void keepOnly(const std::function<bool(const std::string& path)>& keep);
 
  private:
+  void readRest(const std::string& path);
+  void remember(const std::string& path, Emblems emblems);
+  Emblems remove(const std::string& path);
+
+  std::vector<std::shared_ptr<LeftFolder>> beingRead_;
   std::list<std::pair<std::string, Emblems>> folders_;  ///< the one left last comes first
   std::size_t items_ = 0;
 };

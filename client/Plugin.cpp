@@ -98,8 +98,7 @@ void Plugin::folderHidden(const std::string& path) {
     if (!folder || folder->shown == 0) return;
     if (--folder->shown > 0) return impl_->badges.syncObservations(*folder);
     // It may also be a branch of a tree; then the file manager asks again, and it is inferred again.
-    if (folder->wasInferred && !folder->isHeld()) impl_->badges.redrawAll(*folder);
-    impl_->badges.forget(*folder);
+    impl_->badges.forget(*folder, folder->wasInferred);
   });
 }
 
@@ -119,7 +118,7 @@ void Plugin::folderClosed(const std::string& path) {
   });
 }
 
-std::string Plugin::emblem(const std::string& path, std::unique_ptr<ShownItem> item) {
+std::string Plugin::emblem(const std::string& path, std::shared_ptr<ShownItem> item) {
   const TracedCall traced("emblem");
   return guarded(std::string(), [&]() -> std::string {
     const auto parent = folderOf(path);

@@ -76,7 +76,7 @@ class Plugin {
 
   /// The icon name of the emblem of the item at `path`; "" for none, or while it is unknown. The last one known where
   /// the item's folder has just come back to the screen. `item` replaces the one given for the same path before.
-  std::string emblem(const std::string& path, std::unique_ptr<ShownItem> item);
+  std::string emblem(const std::string& path, std::shared_ptr<ShownItem> item);
 
   /// True while the first badges of the folder that has the item at `path` are on their way to a window. A file manager
   /// that can answer later calls emblem() after FileManager::badgesCame(), and then draws the folder's items once.

@@ -110,7 +110,8 @@ def rows(figures):
 
 
 def table(figures):
-    """Markdown: a table of times, medians with the lowest and the highest; then one of memory in MiB, with/without."""
+    """Markdown: a table of times, medians with the lowest and the highest; then one of memory in MiB, with/without, while
+    folders come and go, and of the plug-in's work meanwhile."""
     painting = {manager: found for manager, found in figures.items() if manager in PAINTING}
     lines = ["| | Target | " + " | ".join(manager.capitalize() for manager in painting) + " |"]
     lines += ["|---" * (len(painting) + 2) + "|"]
@@ -120,6 +121,8 @@ def table(figures):
     for name in MEMORY:
         cells = ("/".join(f"{memory[name] / 1024:.1f}" for memory in found["memory"]) for found in figures.values())
         lines.append(f"| {name} | {' | '.join(cells)} |")
+    turns = [found["memory"][0] for found in figures.values()]
+    lines.append(f"| Most work in a turn, ms | {' | '.join(str(turn['worked']) for turn in turns)} |")
     return "\n".join(lines)
 
 

@@ -65,6 +65,12 @@ def wait_until_quiet(process, quiet=QUIET):
             used, resting = processor_time(process), time.monotonic()
 
 
+def longest_turn(text):
+    """Of our plug-in, by its traces in a file manager's output, in milliseconds: elapsed, and of processor time."""
+    turns = [(float(elapsed), float(work)) for elapsed, work in TURN.findall(text)]
+    return {"turn": max((elapsed for elapsed, _ in turns), default=0.0), "worked": max((work for _, work in turns), default=0.0)}
+
+
 class Heartbeat(threading.Thread):
     """Asks a main loop for an answer again and again, and keeps the longest that one took."""
 
@@ -269,9 +275,7 @@ class Bench:
         asked = collections.Counter(ASKED.findall(text))
         figures["items"] = len(asked)
         figures["again"] = asked.total() - len(asked)
-        turns = TURN.findall(text)
-        figures["turn"] = max((float(turn) for turn, _ in turns), default=0.0)
-        figures["worked"] = max((float(work) for _, work in turns), default=0.0)
+        figures |= longest_turn(text)
         until("an empty screen", lambda: self.session.screen.pixels() == self.background)
         return figures
 

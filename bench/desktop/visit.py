@@ -1,4 +1,6 @@
-"""Opens a large folder in one real file manager, with the plug-in or without, and prints its memory in KiB as JSON.
+"""Visits a large folder and others in one real file manager, and prints its memory and the plug-in's longest turns as JSON.
+
+In KiB and milliseconds. While the large folder is on screen the extension is killed, and comes back.
 
 Usage: visit.py --manager NAME --build DIR --plugin yes|no [--files N] [--visits N]
 """
@@ -13,7 +15,7 @@ import managers  # noqa: E402
 import processes  # noqa: E402
 import program  # noqa: E402
 from extension import Extension  # noqa: E402
-from paint import wait_until_quiet  # noqa: E402
+from paint import longest_turn, wait_until_quiet  # noqa: E402
 from session import Session  # noqa: E402
 from sync import Sync  # noqa: E402
 from waiting import until  # noqa: E402
@@ -45,7 +47,7 @@ def measure(arguments, folder):
     manager = kind(session)
     if not with_plugin and not kind.plugins:
         manager.plugin_folder = lambda build: "none"  # Dolphin's are found by way of its environment
-    manager.start(root)
+    manager.start(root, dict(session.environment, G_MESSAGES_DEBUG="vornet-vi"))
     manager.wait_for_items({"big", "next 0"})
     if with_plugin and kind.has_badges:
         extension.wait_until_running()
@@ -56,6 +58,10 @@ def measure(arguments, folder):
     until("the large folder", lambda: "file 00000.txt" in manager.items())
     wait_until_quiet(manager.process.pid)
     result["folder open"] = processes.resident_kib(manager.process.pid)
+    if with_plugin and kind.has_badges:
+        extension.kill()
+        extension.wait_until_running()
+        wait_until_quiet(manager.process.pid)
 
     manager.go_up()
     manager.wait_for_items({"big", "next 0"})
@@ -73,7 +79,7 @@ def measure(arguments, folder):
     wait_until_quiet(manager.process.pid)
     result[f"{arguments.visits} folders later"] = processes.resident_kib(manager.process.pid)
     session.close()
-    return result
+    return result | longest_turn(manager.output.read_text(errors="replace"))
 
 
 def main():

@@ -235,6 +235,16 @@ TEST_F(PluginInference, ItemsOfAFolderThatNoWindowShowsGetBadgesAndChangesAsLong
   EXPECT_EQ(FakeFileManager::keptItems(), 0u);
 }
 
+TEST_F(PluginInference, ALargeBranchOfWhichOneItemIsStillShownStaysObserved) {
+  const auto name = [](int item) { return "branch/" + std::to_string(item); };
+  for (int i = 0; i < 200; ++i) ASSERT_TRUE(appears(name(i)));
+  for (int i = 0; i < 200; ++i) manager.hide(path(name(i)));
+  manager.show(path(name(77)));
+  const auto before = manager.redraws(path(name(77)));
+  EXPECT_TRUE(runUntil([&] { return manager.redraws(path(name(77))) >= before + 3; }));
+  EXPECT_THAT(extension->observed, ElementsAre(url("branch")));
+}
+
 TEST_F(PluginInference, AFolderThatAWindowReportsInTimeIsNotInferred) {
   makePlugin({.beforeInferring = std::chrono::seconds(60)});
   extension->badges[url("a")] = "SYNCED";

@@ -8,6 +8,7 @@ namespace vornet::test {
 namespace {
 
 using client::Emblems;
+using client::LeftFolder;
 using client::LeftFolders;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -76,17 +77,80 @@ TEST_F(PluginLeftFolders, EmblemsAreRememberedWhileTheExtensionIsAway) {
   EXPECT_TRUE(waitForEmblem("a", PENDING));
 }
 
+/// A folder of 10,000 items.
+class PluginLargeFolders : public PluginLeftFolders {
+ protected:
+  static constexpr std::size_t COUNT = 10'000;
+
+  PluginLargeFolders() {
+    for (std::size_t i = 0; i < COUNT; ++i) names_.push_back(std::to_string(i));
+    for (const auto& name : names_) extension->badges[url(name)] = "SYNCED";
+    manager.plugin->folderShown(root);
+    list(names_);
+    EXPECT_TRUE(runUntil([&] { return manager.withEmblem(SYNCED) == COUNT; }));
+    settle();
+  }
+
+  std::vector<std::string> names_;
+};
+
+TEST_F(PluginLargeFolders, NoItemIsFreedWithinTheCallThatLeavesTheFolder) {
+  drop(names_);
+  manager.plugin->folderHidden(root);
+  EXPECT_EQ(FakeFileManager::keptItems(), COUNT);
+  EXPECT_TRUE(waitUntilForgotten());
+}
+
+TEST_F(PluginLargeFolders, AFolderThatComesBackWhileItIsBeingForgottenHasAllItsEmblems) {
+  manager.plugin->folderHidden(root);
+  manager.plugin->folderShown(root);
+  drop(names_);
+  list(names_);
+  EXPECT_EQ(manager.withEmblem(SYNCED), COUNT);
+}
+
+TEST_F(PluginLargeFolders, ItemsOfAFolderThatTheLastTabHasLeftAreRedrawnAFewAtATime) {
+  manager.plugin->folderOpened(root);
+  manager.plugin->folderHidden(root);
+  manager.plugin->folderClosed(root);
+  std::size_t most = 0, last = manager.redrawn;
+  const std::size_t all = last + COUNT;
+  EXPECT_TRUE(runUntil([&] {
+    most = std::max(most, manager.redrawn - std::exchange(last, manager.redrawn));
+    return last == all;
+  }));
+  EXPECT_LT(most, COUNT);
+}
+
+/// A folder with these emblems is left.
+void add(LeftFolders& left, const std::string& path, Emblems emblems) {
+  const auto folder = std::make_shared<LeftFolder>();
+  folder->path = path;
+  folder->emblems = std::move(emblems);
+  left.add(folder);
+  while (left.read(*folder, 1)) continue;
+}
+
+/// A folder with the items "0", "1" … is left, and has not been read.
+std::shared_ptr<LeftFolder> addItems(LeftFolders& left, const std::string& path, int count, std::string_view emblem) {
+  const auto folder = std::make_shared<LeftFolder>();
+  folder->path = path;
+  for (int i = 0; i < count; ++i) folder->entries[std::to_string(i)].emblem = emblem;
+  left.add(folder);
+  return folder;
+}
+
 TEST(LeftFolders, RemembersEachFolderOnce) {
   LeftFolders left;
-  left.add("/a", {{"x", "one"}});
-  left.add("/a", {{"x", "two"}});
+  add(left, "/a", {{"x", "one"}});
+  add(left, "/a", {{"x", "two"}});
   EXPECT_EQ(left.take("/a"), (Emblems{{"x", "two"}}));
   EXPECT_THAT(left.take("/a"), IsEmpty());
 }
 
 TEST(LeftFolders, ForgetsTheFoldersThatWereLeftLongestAgo) {
   LeftFolders left;
-  for (std::size_t i = 0; i <= LeftFolders::MOST_FOLDERS; ++i) left.add("/" + std::to_string(i), {{"x", "one"}});
+  for (std::size_t i = 0; i <= LeftFolders::MOST_FOLDERS; ++i) add(left, "/" + std::to_string(i), {{"x", "one"}});
   EXPECT_THAT(left.take("/0"), IsEmpty());
   EXPECT_THAT(left.take("/1"), SizeIs(1));
 }
@@ -98,20 +162,54 @@ TEST(LeftFolders, KeepsNoMoreItemsThanThereIsRoomFor) {
     return emblems;
   };
   LeftFolders left;
-  left.add("/first", many(LeftFolders::MOST_ITEMS - 10));
-  left.add("/huge", many(LeftFolders::MOST_ITEMS + 1));
-  left.add("/second", many(10));
+  add(left, "/first", many(LeftFolders::MOST_ITEMS - 10));
+  add(left, "/huge", many(LeftFolders::MOST_ITEMS + 1));
+  add(left, "/second", many(10));
   EXPECT_THAT(left.take("/huge"), IsEmpty());
   EXPECT_THAT(left.take("/second"), SizeIs(10));
-  left.add("/third", many(11));
+  add(left, "/third", many(11));
   EXPECT_THAT(left.take("/first"), IsEmpty()) << "left longest ago";
   EXPECT_THAT(left.take("/third"), SizeIs(11));
-  left.add("/all", many(LeftFolders::MOST_ITEMS));
+  add(left, "/all", many(LeftFolders::MOST_ITEMS));
   EXPECT_THAT(left.take("/all"), SizeIs(LeftFolders::MOST_ITEMS)) << "what was taken leaves room";
-  left.add("/fourth", many(LeftFolders::MOST_ITEMS));
+  add(left, "/fourth", many(LeftFolders::MOST_ITEMS));
   left.keepOnly([](const std::string&) { return false; });
-  left.add("/fifth", many(LeftFolders::MOST_ITEMS));
+  add(left, "/fifth", many(LeftFolders::MOST_ITEMS));
   EXPECT_THAT(left.take("/fifth"), SizeIs(LeftFolders::MOST_ITEMS));
+}
+
+TEST(LeftFolders, AreReadAFewItemsAtATime) {
+  LeftFolders left;
+  const auto folder = addItems(left, "/a", 10, "one");
+  EXPECT_TRUE(left.read(*folder, 4));
+  EXPECT_TRUE(left.read(*folder, 4));
+  EXPECT_FALSE(left.read(*folder, 4));
+  EXPECT_THAT(left.take("/a"), SizeIs(10));
+}
+
+TEST(LeftFolders, AreReadAtOnceWhenTheyAreNeeded) {
+  LeftFolders left;
+  const auto taken = addItems(left, "/a", 10, "one");
+  EXPECT_TRUE(left.read(*taken, 4));
+  EXPECT_THAT(left.take("/a"), SizeIs(10));
+  EXPECT_FALSE(left.read(*taken, 4)) << "it was taken";
+  EXPECT_FALSE(left.has("/a"));
+  addItems(left, "/a", 10, "one");
+  EXPECT_TRUE(left.has("/a"));
+  addItems(left, "/b", 10, "one");
+  left.keepOnly([](const std::string& path) { return path == "/a"; });
+  EXPECT_THAT(left.take("/a"), SizeIs(10));
+  EXPECT_THAT(left.take("/b"), IsEmpty());
+}
+
+TEST(LeftFolders, OneWithoutEmblemsReplacesNoneUnlessItIsComplete) {
+  LeftFolders left;
+  addItems(left, "/a", 10, "one");
+  addItems(left, "/a", 10, "");
+  EXPECT_THAT(left.take("/a"), SizeIs(10));
+  addItems(left, "/a", 10, "one");
+  addItems(left, "/a", 10, "")->isComplete = true;
+  EXPECT_THAT(left.take("/a"), IsEmpty());
 }
 
 // --- Tabs -----------------------------------------------------------------------------------------------------------

@@ -69,7 +69,7 @@ QStringList Session::overlays(const QUrl& url) {
   const auto path = pathOf(url);
   if (path.empty()) return {};
   views_->asked(url);
-  return listOf(plugin_->emblem(path, std::make_unique<Shown>(*this, url)));
+  return listOf(plugin_->emblem(path, std::make_shared<Shown>(*this, url)));
 }
 
 void Session::redraw(const QUrl& url, const QStringList& icons) {

@@ -58,7 +58,7 @@ constexpr const char* COLUMN = "VornetVI::sync_status";
 void fill(FileInfo* file, const std::optional<std::string>& path) {
   Module* module = Module::current();
   const auto emblem =
-      module && path ? module->plugin().emblem(*path, std::make_unique<ShownFile>(file)) : std::string();
+      module && path ? module->plugin().emblem(*path, std::make_shared<ShownFile>(file)) : std::string();
   if (!emblem.empty()) VORNET_CALL(file_info_add_emblem)(file, emblem.c_str());
   // Also "": without a text Nemo and Caja show "unknown".
   VORNET_CALL(file_info_add_string_attribute)(file, COLUMN, client::labelOf(emblem));

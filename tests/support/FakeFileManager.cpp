@@ -9,6 +9,7 @@ class FakeFileManager::Item : public client::ShownItem {
   Item(FakeFileManager& manager, std::string path) : manager_(manager), path_(std::move(path)) { ++kept_; }
   ~Item() override { --kept_; }
   void redraw(const std::string& path, const std::string& emblem) override {
+    ++manager_.redrawn;
     ++manager_.redraws_[path];
     if (!manager_.emblems_.contains(path)) return;
     manager_.show(path);
@@ -26,7 +27,7 @@ class FakeFileManager::Item : public client::ShownItem {
 
 void FakeFileManager::show(const std::string& path) {
   if (emblems_.try_emplace(path).second) ++counts_[""];
-  auto now = plugin->emblem(path, std::make_unique<Item>(*this, path));
+  auto now = plugin->emblem(path, std::make_shared<Item>(*this, path));
   auto& shown = emblems_.at(path);
   --counts_[shown];
   ++counts_[now];

@@ -35,6 +35,7 @@ class FakeFileManager : public client::FileManager {
   std::vector<std::string> came;  ///< folders whose first badges are awaited no longer
   int contradictions = 0;         ///< redraws whose emblem differs from the answer to a question within the call
   std::set<std::string> goneFor;  ///< items that it has freed
+  std::size_t redrawn = 0;        ///< items, each time
   std::size_t lookedFor = 0;      ///< how often it was asked whether it has freed an item
   std::unique_ptr<client::Plugin> plugin;
 
