@@ -125,8 +125,8 @@ class LeftFolders {
   /// replace what is remembered of its path.
   void add(const std::shared_ptr<LeftFolder>& folder);
 
-  /// Reads up to `items` of a folder that was added; false when it has no more. The functions below read the rest of
-  /// theirs at once.
+  /// Reads up to `items` items of a folder that was added. False when all are read. The functions below read the rest
+  /// of the folders that they concern.
   bool read(LeftFolder& folder, std::size_t items);
 
   /// Removes and returns the emblems of the folder at `path`; empty for a folder that is not remembered.
